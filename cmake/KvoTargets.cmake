@@ -1,0 +1,32 @@
+# Compiler settings that every target of this project shares, and the one way to declare a library.
+
+add_library(kvo_options INTERFACE)
+target_compile_options(kvo_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor
+                                             -Woverloaded-virtual -Wno-missing-field-initializers)
+target_compile_definitions(kvo_options INTERFACE QT_NO_KEYWORDS QT_NO_FOREACH)
+if(KVO_WARNINGS_AS_ERRORS)
+  target_compile_options(kvo_options INTERFACE -Werror)
+endif()
+if(KVO_SANITIZE)
+  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+endif()
+
+# kvo_library(Core HEADERS … SOURCES … LINK … PRIVATE_LINK …)
+# makes the shared library KvoCore with the alias Kvo::Core and its install rules.
+function(kvo_library name)
+  cmake_parse_arguments(ARG "" "" "HEADERS;SOURCES;LINK;PRIVATE_LINK" ${ARGN})
+  set(target Kvo${name})
+  add_library(${target} SHARED ${ARG_SOURCES} ${ARG_HEADERS})
+  add_library(Kvo::${name} ALIAS ${target})
+  target_link_libraries(${target} PUBLIC ${ARG_LINK} PRIVATE ${ARG_PRIVATE_LINK} $<BUILD_INTERFACE:kvo_options>)
+  target_compile_features(${target} PUBLIC cxx_std_20)
+  set_target_properties(${target} PROPERTIES
+    EXPORT_NAME ${name}
+    VERSION ${PROJECT_VERSION}
+    SOVERSION ${PROJECT_VERSION_MAJOR}
+    INSTALL_RPATH "\$ORIGIN")
+  install(TARGETS ${target} EXPORT KvoTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kvo)
+endfunction()

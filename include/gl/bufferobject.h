@@ -1,0 +1,75 @@
+#pragma once
+
+#include "gl/bindable.h"
+#include "gl/export.h"
+
+#include <QObject>
+#include <QVector>
+
+#include <memory>
+
+namespace Brevane::Kvo {
+
+class ObjectName;
+
+/// A GL buffer. OpenGLDeviceContext::createBufferObject hands it out. unbind restores what the target
+/// held before.
+class KVO_GL_EXPORT BufferObject : public Bindable
+{
+public:
+    BufferObject();
+    ~BufferObject() override;
+
+    bool bind() override;
+    bool unbind() override;
+
+    /// GL_ARRAY_BUFFER (the default), GL_ELEMENT_ARRAY_BUFFER, GL_PIXEL_UNPACK_BUFFER …
+    void setTarget(unsigned int target);
+    unsigned int target() const;
+    /// The GL name; 0 before the first bind.
+    unsigned int getBO() const;
+
+    /// Replaces the content with \a count floats. The buffer should be bound.
+    bool upload(const float *data, int count, unsigned int usage);
+    /// Replaces the content with \a count unsigned integers.
+    bool uploadGLuintData(const unsigned int *data, int count, unsigned int usage);
+    /// Replaces the content with \a bytes bytes; \a data may be null.
+    bool uploadBytes(const void *data, qint64 bytes, unsigned int usage);
+    /// Size of the content in bytes, as uploaded through this object.
+    qint64 size() const;
+
+    /// Maps the whole buffer; \a access is GL_READ_ONLY, GL_WRITE_ONLY or GL_READ_WRITE. Null on
+    /// failure. The buffer must be bound until unmap.
+    void *map(unsigned int access);
+    void unmap();
+
+    /// Makes the indexed binding point \a target, \a index the place where bind and unbind work from
+    /// now on, with a range of the buffer; a size of 0 means the whole buffer.
+    void setIndexedTarget(unsigned int target, unsigned int index, qint64 offset, qint64 size);
+
+private:
+    Q_DISABLE_COPY(BufferObject)
+
+    std::unique_ptr<ObjectName> _name;
+    unsigned int _target;
+    bool _indexed = false;
+    unsigned int _index = 0;
+    qint64 _rangeOffset = 0;
+    qint64 _rangeSize = 0;
+    qint64 _size = 0;
+    QVector<unsigned int> _previous;
+};
+
+/// A buffer that a program reads as a uniform block: bind puts it at its binding point, where every
+/// program finds the block "KvoDrawCommands".
+class KVO_GL_EXPORT UniformBufferObject : public BufferObject
+{
+public:
+    /// The binding point that ShaderProgram gives the block "KvoDrawCommands".
+    static constexpr unsigned int kDrawCommandsBinding = 0;
+
+    UniformBufferObject();
+    ~UniformBufferObject() override;
+};
+
+} // namespace Brevane::Kvo

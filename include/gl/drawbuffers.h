@@ -1,0 +1,81 @@
+#pragma once
+
+#include "gl/bindable.h"
+#include "gl/export.h"
+
+#include <QMetaType>
+#include <QObject>
+#include <QSharedPointer>
+
+#include <memory>
+
+namespace Brevane::Kvo {
+
+class BufferObject;
+class DrawBuffersPrivate;
+class GLSLMacroProcessor;
+class ShaderProgram;
+class UniformBufferObject;
+class VertexArrayObject;
+
+/// The record of one indirect draw, as GL lays it out.
+struct DrawElementsIndirectCommand
+{
+    unsigned int count = 0;
+    unsigned int instanceCount = 0;
+    unsigned int firstIndex = 0;
+    unsigned int baseVertex = 0;
+    unsigned int baseInstance = 0;
+};
+
+/// One drawable piece of geometry: a vertex array, a primitive type and a count, with or without
+/// indices.
+///
+/// draw always draws the whole piece, with its indices taken as absolute vertex numbers. Indirect
+/// commands are data for whoever reads them (GPUModel, shaders); draw does not use them.
+class KVO_GL_EXPORT DrawBuffers : public QObject, public Bindable
+{
+    Q_OBJECT
+
+public:
+    explicit DrawBuffers(QObject *parent = nullptr);
+    ~DrawBuffers() override;
+
+    /// Binds the vertex array.
+    bool bind() override;
+    bool unbind() override;
+
+    void setVAO(const QSharedPointer<VertexArrayObject> &vao);
+    QSharedPointer<VertexArrayObject> VAO() const;
+    /// GL_POINTS, GL_TRIANGLES …
+    void setPrimitiveType(unsigned int type);
+    unsigned int primitiveType() const;
+    void setVertexCount(unsigned int count);
+    /// Draws with indices from now on; \a type is GL_UNSIGNED_INT (or _SHORT, _BYTE).
+    void setIndexedDraw(const QSharedPointer<BufferObject> &indices, int count, unsigned int type);
+    QSharedPointer<BufferObject> indexBO() const;
+    /// The commands are copied.
+    void setDrawElementsIndirectCommands(const DrawElementsIndirectCommand *commands, int count);
+    int drawElementsIndirectCommandCount() const;
+    const DrawElementsIndirectCommand *drawElementsIndirectCommands() const;
+    /// The commands as a uniform buffer, tightly packed, made on first use; null when there are none.
+    QSharedPointer<UniformBufferObject> getDrawElementsIndirectCommandsUniformBufferObject();
+
+    /// Draws with the program that is bound; this object must be bound. False, with nothing drawn,
+    /// when there is no vertex array or no usable program.
+    bool draw();
+    /// The same with a named program, bound for the draw when it is not.
+    bool draw(ShaderProgram *program);
+
+    /// Adds to a processor the defines that shader code needs to read the commands.
+    static void setup(GLSLMacroProcessor *processor);
+
+private:
+    Q_DISABLE_COPY(DrawBuffers)
+
+    std::unique_ptr<DrawBuffersPrivate> d;
+};
+
+} // namespace Brevane::Kvo
+
+Q_DECLARE_METATYPE(Brevane::Kvo::DrawBuffers *)

@@ -1,0 +1,52 @@
+#pragma once
+
+#include "gl/export.h"
+
+#include <QPair>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+namespace Brevane::Kvo {
+
+/// The text of one shader source after processing.
+struct ProcessedSource
+{
+    QString text; ///< What goes to the compiler.
+    QStringList fileNames; ///< Names of the source strings that #line directives and messages use; 0 is the source itself.
+    QVector<QString> originals; ///< The unprocessed text behind each of fileNames.
+    QStringList errors; ///< What could not be resolved; empty on success.
+    bool usesInstanceData = false; ///< Whether an #instancedata line was resolved.
+};
+
+/// Prepares shader text: puts defines behind the #version line, resolves #include and #instancedata,
+/// and keeps #line right, so that compiler messages point at the text as it was written.
+///
+/// - `#include "name"` is looked for in the include paths in the order they were added, then in
+///   ":/Media/Shaders". A file is included once per source; nesting is bounded.
+/// - `#instancedata "plan"` becomes the declarations of that plan of the InstanceDataRegistry.
+/// - Both are left alone inside comments.
+/// - A file or plan that does not exist becomes an #error line that names it.
+class KVO_GL_EXPORT GLSLMacroProcessor
+{
+public:
+    GLSLMacroProcessor();
+    ~GLSLMacroProcessor();
+
+    /// Adds `#define name value` to every source; a name given again replaces the value.
+    void addDefine(const QString &name, const QString &value);
+    /// Adds a directory for #include; Qt resource paths (":/…") work too.
+    void addIncludePath(const QString &path);
+
+    /// Processes one source. \a extraDefines go behind the processor's own.
+    ProcessedSource process(const QString &source, const QString &name,
+                            const QVector<QPair<QString, QString>> &extraDefines = {}) const;
+    /// The text of a library file, searched like an include; sets \a found.
+    QString readFile(const QString &fileName, bool *found) const;
+
+private:
+    QVector<QPair<QString, QString>> _defines;
+    QStringList _includePaths;
+};
+
+} // namespace Brevane::Kvo

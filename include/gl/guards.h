@@ -1,0 +1,58 @@
+#pragma once
+
+#include "gl/bindable.h"
+#include "gl/export.h"
+
+#include <QSharedPointer>
+
+namespace Brevane::Kvo {
+
+/// Binds for the rest of the scope. A null pointer does nothing; a shared pointer also keeps the
+/// object alive for the scope.
+class KVO_GL_EXPORT AutoBinder
+{
+public:
+    explicit AutoBinder(Bindable *bindable);
+    explicit AutoBinder(const QSharedPointer<Bindable> &bindable);
+    ~AutoBinder();
+    AutoBinder(const AutoBinder &) = delete;
+    AutoBinder &operator=(const AutoBinder &) = delete;
+
+    /// Whether the bind succeeded; false for a null pointer.
+    bool isBound() const { return _bound; }
+
+private:
+    QSharedPointer<Bindable> _shared;
+    Bindable *_bindable = nullptr;
+    bool _bound = false;
+};
+
+/// Enables a GL capability for the rest of the scope, and leaves it as it was found.
+class KVO_GL_EXPORT AutoEnabler
+{
+public:
+    explicit AutoEnabler(unsigned int capability);
+    ~AutoEnabler();
+    AutoEnabler(const AutoEnabler &) = delete;
+    AutoEnabler &operator=(const AutoEnabler &) = delete;
+
+private:
+    unsigned int _capability;
+    bool _wasEnabled;
+};
+
+/// Disables a GL capability for the rest of the scope, and leaves it as it was found.
+class KVO_GL_EXPORT AutoDisabler
+{
+public:
+    explicit AutoDisabler(unsigned int capability);
+    ~AutoDisabler();
+    AutoDisabler(const AutoDisabler &) = delete;
+    AutoDisabler &operator=(const AutoDisabler &) = delete;
+
+private:
+    unsigned int _capability;
+    bool _wasEnabled;
+};
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,84 @@
+#pragma once
+
+#include "gl/export.h"
+
+#include <QObject>
+#include <QSharedPointer>
+#include <QString>
+
+#include <memory>
+
+namespace Brevane::Kvo {
+
+class BufferObject;
+class ContextState;
+class DrawBuffers;
+class VertexArrayObject;
+
+/// How many GL objects of this library live in a context (framebuffers, vertex arrays) and in its
+/// share group (the rest).
+struct GLObjectCounts
+{
+    int textures = 0;
+    int buffers = 0;
+    int programs = 0;
+    int framebuffers = 0;
+    int vertexArrays = 0;
+    int total() const { return textures + buffers + programs + framebuffers + vertexArrays; }
+};
+
+/// What the library keeps for one GL context. It works for EGL, GLX and Qt contexts alike, for several
+/// in one process, sharing objects or not.
+///
+/// A host that destroys a context calls releaseCurrent while it is still current. For contexts made
+/// through QOpenGLContext this happens by itself. Objects that outlive their context lose their GL
+/// name and do nothing from then on.
+class KVO_GL_EXPORT OpenGLDeviceContext
+{
+public:
+    virtual ~OpenGLDeviceContext();
+
+    /// The context that is current on this thread. Null when there is none, or when it is older than
+    /// OpenGL 3.2, which is reported once per context with what was found.
+    static QSharedPointer<OpenGLDeviceContext> current();
+    /// Frees everything that belongs to the current context (and to its share group, if it is the last
+    /// of it): objects that were given up, and what passes still hold. Call it before destroying the
+    /// context; nothing of this context may be used afterwards.
+    static void releaseCurrent();
+
+    /// A new buffer.
+    virtual QSharedPointer<BufferObject> createBufferObject();
+    /// A quad that fills the screen, in clip space, with "va_Vertex" (three floats, z 0) and
+    /// "va_TexCoord" (two floats, 0 at left and bottom, 1 at right and top). Shared: do not change it.
+    virtual QSharedPointer<DrawBuffers> screenQuad();
+    /// The same geometry as screenQuad.
+    virtual QSharedPointer<DrawBuffers> gradientQuad();
+    /// A new vertex array.
+    virtual QSharedPointer<VertexArrayObject> createVertexArrayObject();
+
+    /// Takes over an object (Texture, FramebufferObject, ShaderProgram, DrawBuffers) that its owner
+    /// lets go of without deleting it. It is freed when this context is released, not before: somebody
+    /// may still use it. Null, and an object given up twice, are ignored.
+    void giveUp(QObject *object);
+    /// Objects given up and not freed yet.
+    int givenUpCount() const;
+    /// Live GL objects, those given up included.
+    GLObjectCounts liveObjects() const;
+
+    /// GL version as 10 * major + minor.
+    int version() const;
+    /// "vendor, renderer, version", for messages.
+    QString description() const;
+    /// Number that tells share groups apart; contexts that share objects have the same.
+    quint64 shareGroup() const;
+
+private:
+    friend class ContextState;
+    explicit OpenGLDeviceContext(ContextState *state);
+    Q_DISABLE_COPY(OpenGLDeviceContext)
+
+    ContextState *_state;
+    QSharedPointer<DrawBuffers> _quad;
+};
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,110 @@
+#pragma once
+
+#include "gl/bindable.h"
+#include "gl/export.h"
+
+#include <QObject>
+#include <QStringList>
+#include <QVariant>
+#include <QVector>
+
+#include <functional>
+#include <memory>
+
+class QMatrix4x4;
+
+namespace Brevane::Kvo {
+
+class GLSLMacroProcessor;
+class ShaderProgramPrivate;
+
+/// What a program tells the process-wide handler about a failed compile or link.
+struct ShaderFailure
+{
+    QString label; ///< The program's label, by default empty.
+    QString log; ///< As ShaderProgram::log().
+    bool whileLinking = false; ///< False for a stage that did not compile.
+};
+
+/// A GL program, built from sources.
+///
+/// Call order: setMacroProcessor where wanted; setFragDataLocations, addShader and addShaderFromFile;
+/// compile; link; then bind and setUniform. Every source of a stage is a shader object of its own, so
+/// a function that no source defines is a link error that names it. All programs of a process agree
+/// on the locations of attributes with the same name, so one vertex array serves many programs.
+///
+/// A program that failed stays harmless: bind makes no program current and returns false.
+class KVO_GL_EXPORT ShaderProgram : public QObject, public Bindable
+{
+public:
+    explicit ShaderProgram(QObject *parent = nullptr);
+    ~ShaderProgram() override;
+
+    bool bind() override;
+    bool unbind() override;
+
+    /// Compiles all stages. False on failure, see log().
+    virtual bool compile();
+    /// First half of link: hands the shaders to the driver without waiting.
+    virtual bool linkPre();
+    /// Waits for the driver where it links in the background.
+    virtual bool linkPreWait();
+    /// Second half of link: asks for the result and reads the uniforms.
+    virtual bool linkPost();
+    /// Links; the three steps above in a row.
+    virtual bool link();
+    /// Asks the driver whether the program can run in the current GL state.
+    virtual bool validate();
+
+    /// The processor filters the text of every stage when it is compiled; the caller keeps it, for as
+    /// long as the program may compile. Without one a default processor resolves includes from the
+    /// shader library.
+    void setMacroProcessor(GLSLMacroProcessor *processor);
+    /// Adds a source to a stage (GL_VERTEX_SHADER …). \a name shows in log(); it may be empty.
+    void addShader(int stage, const QString &source, const QString &name);
+    void addShader(int stage, const QString &source) { addShader(stage, source, QString()); }
+    /// Adds a file of the shader library, or of the processor's include paths, to a stage.
+    void addShaderFromFile(int stage, const QString &fileName);
+    /// The index in the list is the colour number of that fragment output.
+    void setFragDataLocations(const QStringList &names);
+
+    /// What compiler and linker said: stage, source name and line, and the numbered source of what
+    /// failed. Empty when all went well and the driver had nothing to say.
+    QString log() const;
+
+    /// Sets a uniform of the bound program: int, uint, float, double, bool, QPoint, QRect (x, y,
+    /// width, height), QSize, QVector2D, QVector3D, QVector4D, QMatrix4x4, QColor (vec4, 0 to 1). The
+    /// value is converted to what the program declares (a double for a float, an int for a bool …).
+    /// A name that the program lacks is ignored. False when nothing was set.
+    bool setUniform(const QString &name, const QVariant &value);
+    /// The same for a matrix, without the cost of a variant.
+    bool setUniform(const QString &name, const QMatrix4x4 &value);
+    /// Sets a float array, from its first element on.
+    bool setUniform(const QString &name, const QVector<float> &values);
+    /// Whether the linked program has an active uniform of that name.
+    bool hasUniform(const QString &name) const;
+    /// Location for direct glUniform calls, also of array elements ("name[2]"); -1 when absent.
+    int getUniformLocation(const QString &name) const;
+    /// Location of an active vertex attribute; -1 when absent.
+    int attributeLocation(const QString &name) const;
+
+    /// The GL name; 0 before compile.
+    unsigned int programID() const;
+    bool isLinked() const;
+
+    /// Names the program in debuggers (KHR_debug) and in messages.
+    void setLabel(const QString &label);
+    QString label() const;
+
+    /// Installs a handler that receives every failed compile and link of the process, for developers
+    /// of shaders: passes do not look at the results. An empty function removes it.
+    static void setFailureHandler(std::function<void(const ShaderFailure &)> handler);
+
+private:
+    friend class VertexArrayObject;
+    Q_DISABLE_COPY(ShaderProgram)
+
+    std::unique_ptr<ShaderProgramPrivate> d;
+};
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,74 @@
+#pragma once
+
+#include "gl/bindable.h"
+#include "gl/export.h"
+
+#include <QMetaType>
+#include <QObject>
+
+#include <memory>
+
+namespace Brevane::Kvo {
+
+class ObjectName;
+
+/// A GL texture. The wrapper starts empty: setTarget first, then bind, which makes the GL object;
+/// storage, filter and wrap are set with plain GL calls while it is bound.
+///
+/// bind puts the texture on a texture unit of its own and makes that unit active, so that several
+/// textures can be bound at a time; a texture that is bound twice keeps its unit. unbind gives the
+/// unit what it held before and makes the unit active that was active before.
+///
+/// Destroying the wrapper deletes the GL texture. This is safe with no context or another context
+/// current: the deletion then waits for a context that can do it.
+class KVO_GL_EXPORT Texture : public QObject, public Bindable
+{
+    Q_OBJECT
+
+public:
+    explicit Texture(QObject *parent = nullptr);
+    ~Texture() override;
+
+    /// GL_TEXTURE_2D, GL_TEXTURE_2D_ARRAY, GL_TEXTURE_CUBE_MAP, GL_TEXTURE_BUFFER …; call once, first.
+    void setTarget(unsigned int target);
+    unsigned int target() const;
+
+    /// False when there is no usable context, no target, or no texture unit left (reported once).
+    bool bind() override;
+    bool unbind() override;
+
+    /// The unit that the bound texture sits on: the value a sampler uniform needs. -1 when unbound.
+    int unit() const;
+    /// The GL name; 0 before the first bind, and again after the context has been released.
+    unsigned int textureID() const;
+
+    /// Marks a texture whose content comes from a file: the library never writes to it again.
+    void setReadOnly();
+    bool isReadOnly() const;
+
+    /// Names the texture in debuggers (KHR_debug) and in messages of the TextureManager.
+    void setLabel(const QString &label);
+    QString label() const;
+
+private:
+    Q_DISABLE_COPY(Texture)
+
+    std::unique_ptr<ObjectName> _name;
+    unsigned int _target = 0;
+    unsigned int _previousTexture = 0;
+    unsigned int _previousUnit = 0;
+    int _unit = -1;
+    int _bindCount = 0;
+    bool _readOnly = false;
+};
+
+/// Value of the texture as slots carry it: a QVariant of QObject* (see RenderPassHelper::setInput).
+/// The pointer is borrowed.
+KVO_GL_EXPORT QVariant textureToVariant(Texture *texture);
+
+/// The texture in a slot value, in either form; null when there is none.
+KVO_GL_EXPORT Texture *textureFromVariant(const QVariant &value);
+
+} // namespace Brevane::Kvo
+
+Q_DECLARE_METATYPE(Brevane::Kvo::Texture *)

@@ -1,0 +1,151 @@
+#pragma once
+
+#include "gl/export.h"
+
+#include <QStringList>
+#include <QtGlobal>
+
+#include <memory>
+
+class QColor;
+class QImage;
+class QString;
+
+namespace Brevane::Kvo {
+
+class ShaderProgram;
+class Texture;
+class TextureManagerPrivate;
+
+/// Formats of pooled textures. The numbers are part of the interface.
+///
+/// Colour results and frames (3, 7) are half floats: on llvmpipe they cost no more than 8 bits to fill
+/// and keep values above 1 for glow and tone mapping; 3 and 7 stay apart so that a chain that holds a
+/// result while it ping-pongs frames does not exhaust one bucket.
+enum class TextureFormat {
+    VelocityPacked = 0, ///< GL_R16F
+    Scalar32 = 1, ///< GL_R32F
+    Color8 = 2, ///< GL_RGBA8
+    Result = 3, ///< GL_RGBA16F
+    TwoChannel8 = 4, ///< GL_RG8
+    Velocity = 5, ///< GL_RG16F
+    Position = 6, ///< GL_RGBA32F
+    Frame = 7, ///< GL_RGBA16F
+    TwoChannel32 = 8, ///< GL_RG32F
+    Scalar8 = 9, ///< GL_R8
+    Index32 = 10, ///< GL_R32UI
+    FourIndex32 = 11, ///< GL_RGBA32UI
+    Color10 = 12, ///< GL_RGB10_A2
+    PackedFloat = 13, ///< GL_R11F_G11F_B10F
+    Color8Srgb = 14, ///< GL_SRGB8_ALPHA8
+    SignedIndex32 = 15, ///< GL_R32I
+    Scalar16Unorm = 16, ///< GL_R16
+    Color16Unorm = 17, ///< GL_RGBA16
+    Depth16 = 18, ///< GL_DEPTH_COMPONENT16
+    Depth24 = 19, ///< GL_DEPTH_COMPONENT24
+    Depth32 = 20, ///< GL_DEPTH_COMPONENT32F
+    DepthStencil = 21, ///< GL_DEPTH24_STENCIL8
+    Depth32Stencil = 22, ///< GL_DEPTH32F_STENCIL8
+};
+
+/// The GL internal format behind a pool format.
+KVO_GL_EXPORT unsigned int internalFormatOf(TextureFormat format);
+
+/// How TextureManager::textureFromFile loads an image.
+struct TextureOptions
+{
+    int maxSize = 0; ///< Longest side in pixels; a larger image is reduced. 0: no limit.
+    float gamma = 1.0f; ///< Colours are raised to this power on loading; alpha is not.
+    bool mipmaps = false; ///< Whether the texture gets mip levels and a trilinear filter.
+};
+
+/// State of the pool of temporary textures.
+struct TexturePoolStatistics
+{
+    int textures = 0; ///< Textures the pool has allocated.
+    int inUse = 0; ///< Of these, with at least one reference.
+    int free = 0; ///< Of these, without.
+    qint64 bytes = 0; ///< Memory of all of them.
+    qint64 peakBytes = 0; ///< High-water mark of bytes.
+    qint64 hits = 0; ///< tempTexture calls that reused a texture.
+    qint64 misses = 0; ///< tempTexture calls that allocated one.
+};
+
+/// Process-wide textures: a pool of counted temporary textures, cached textures from files and solid
+/// colours, and managed textures (any number of material maps that one shader can sample).
+///
+/// Everything is kept per share group of GL contexts and freed with it; callers never delete a texture
+/// that they got here.
+class KVO_GL_EXPORT TextureManager
+{
+public:
+    static TextureManager &Instance();
+    virtual ~TextureManager();
+
+    /// A GL_TEXTURE_2D of the pool, with one reference for the caller and undefined content. Whatever
+    /// its last user set, it comes with linear filters (nearest for depth and integer formats) and
+    /// wrap clamped to the edge. The last argument is a tag for statistics, -1 for none. Null without
+    /// a usable context. Width and height may be 0.
+    Texture *tempTexture(TextureFormat format, int width, int height, int tag = -1);
+    /// Adds \a count references.
+    void addTempTextureRef(Texture *texture, int count);
+    /// Drops \a count references; at zero the texture is free for the next tempTexture of the same
+    /// format and size. Null and textures that the pool does not own are ignored.
+    void releaseTempTextureRef(Texture *texture, int count);
+    /// References that a pool texture carries; -1 for a texture that the pool does not own.
+    int tempTextureRefs(const Texture *texture) const;
+
+    /// Counts frames for trim; a host calls it once a frame.
+    void advanceFrame();
+    /// Frees pool textures without references that nobody took for more than \a maxIdleFrames frames,
+    /// then the longest idle ones until the pool takes at most \a maxBytes (negative: no limit).
+    /// Textures with references are never freed. Gives the number freed.
+    int trim(int maxIdleFrames, qint64 maxBytes = -1);
+    /// State of the pool in the current share group.
+    TexturePoolStatistics statistics() const;
+    /// With debugging on, a release below zero references is reported with the texture's label.
+    void setDebug(bool enabled);
+    /// One line per pool texture that still has references: label, format, size, count.
+    QStringList leakedReferences() const;
+
+    /// A texture loaded from a file and cached under its path and options. Null for a file that
+    /// cannot be read, with one message per path. Rows are stored bottom first, as GL wants them.
+    virtual Texture *textureFromFile(const QString &path, const TextureOptions &options = TextureOptions());
+    /// A cached 1 by 1 texture of a colour.
+    virtual Texture *solidTexture(const QColor &color);
+    /// Makes the managed textures readable for a bound program that calls managedTexture().
+    virtual void bindManagedTextures(ShaderProgram *program);
+    /// Undoes bindManagedTextures.
+    virtual void unbindManagedTextures(ShaderProgram *program);
+
+    /// Adds an image to the managed textures and gives its handle, which a shader passes to
+    /// managedTexture(): repeat wrap, mip levels, trilinear filter. Any number of images of any size;
+    /// one too large for the driver is reduced, with a message. 0, which reads white, for a null image.
+    /// The handle carries one reference.
+    int addManagedTexture(const QImage &image, const QString &label = QString());
+    /// Drops a handle; its room is used again.
+    void removeManagedTexture(int handle);
+    /// Live handles in the current share group.
+    int managedTextureCount() const;
+
+private:
+    friend class ShareGroup;
+    friend class ContextState;
+    TextureManager();
+    void dropShareGroup(quint64 id);
+    Q_DISABLE_COPY(TextureManager)
+
+    std::unique_ptr<TextureManagerPrivate> d;
+};
+
+/// Identifies a texture in the tables of an application; the library itself reads none.
+class KVO_GL_EXPORT TextureToken
+{
+public:
+    TextureToken();
+
+private:
+    quint64 _id;
+};
+
+} // namespace Brevane::Kvo

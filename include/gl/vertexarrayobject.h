@@ -1,0 +1,51 @@
+#pragma once
+
+#include "gl/bindable.h"
+#include "gl/export.h"
+
+#include <QSharedPointer>
+#include <QString>
+
+#include <memory>
+
+namespace Brevane::Kvo {
+
+class BufferObject;
+class ShaderProgram;
+class VertexArrayPrivate;
+
+/// Buffers under attribute names, and the GL vertex array that feeds them to programs. GL contexts do
+/// not share vertex arrays: this object makes one per context in which it is bound.
+class KVO_GL_EXPORT VertexArrayObject : public Bindable
+{
+public:
+    VertexArrayObject();
+    ~VertexArrayObject() override;
+
+    bool bind() override;
+    bool unbind() override;
+
+    /// Registers a buffer under an attribute name: \a components values of \a type per vertex
+    /// (GL_FLOAT, or GL_UNSIGNED_INT for an integer attribute), tightly packed, from \a offset bytes on.
+    /// With a \a divisor the attribute advances per instance.
+    bool upload(const QString &attribute, const QSharedPointer<BufferObject> &buffer, int components,
+                unsigned int type, qint64 offset = 0, unsigned int divisor = 0);
+    /// The buffer of an attribute or null.
+    QSharedPointer<BufferObject> bo(const QString &attribute) const;
+    /// The buffer that indexed draws read; DrawBuffers sets it.
+    void setIndexBuffer(const QSharedPointer<BufferObject> &buffer);
+
+    /// With the vertex array bound, enables and points the arrays of every attribute of the program
+    /// that has a buffer of the same name. Once per pair of program and vertex array is enough.
+    bool enableShaderProgramArrays(const ShaderProgram *program);
+
+    /// The GL name in the current context; 0 before the first bind.
+    unsigned int vertexArrayID() const;
+
+private:
+    Q_DISABLE_COPY(VertexArrayObject)
+
+    std::unique_ptr<VertexArrayPrivate> d;
+};
+
+} // namespace Brevane::Kvo

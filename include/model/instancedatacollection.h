@@ -1,0 +1,50 @@
+#pragma once
+
+#include "gl/bindable.h"
+#include "gl/export.h"
+
+#include <QObject>
+#include <QSharedPointer>
+#include <QVector>
+
+#include <memory>
+
+namespace Brevane::Kvo {
+
+class BufferObject;
+class InstanceDataPlan;
+class ShaderProgram;
+class Texture;
+class TextureManager;
+
+/// One set of data under an instance-data plan: a buffer of floats, texelsPerDraw * 4 per draw.
+class KVO_GL_EXPORT InstanceDataCollection : public QObject, public Bindable
+{
+    Q_OBJECT
+
+public:
+    explicit InstanceDataCollection(const InstanceDataPlan *plan, QObject *parent = nullptr);
+    ~InstanceDataCollection() override;
+
+    const InstanceDataPlan *plan() const;
+    /// Replaces the data. False, with a message, for more draws than the driver's texture buffers hold.
+    bool setData(const QVector<float> &data);
+    /// Draws that the data is for.
+    int drawCount() const;
+
+    /// Makes the data available to a bound program. A manager, when given, binds its managed textures
+    /// too.
+    bool bind(ShaderProgram *program, TextureManager *manager);
+    bool unbind(ShaderProgram *program, TextureManager *manager);
+    /// The same for the program that is bound.
+    bool bind() override;
+    bool unbind() override;
+
+private:
+    const InstanceDataPlan *_plan;
+    QSharedPointer<BufferObject> _buffer;
+    std::unique_ptr<Texture> _texture;
+    int _drawCount = 0;
+};
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,45 @@
+#pragma once
+
+#include "gl/export.h"
+
+#include <QString>
+#include <QStringList>
+
+namespace Brevane::Kvo {
+
+class ShaderProgram;
+
+/// A named description of per-draw shader data: getters that a shader calls, and the data texture
+/// behind them.
+///
+/// `#instancedata "name"` in a source declares the getters (glslh); glslc, added to the same stage as a
+/// source of its own, defines them. The getters answer for the draw whose index is current: the item
+/// that GPUModel::draw draws, or in a fragment stage whatever was stored in `kvo_DrawIndex`.
+class KVO_GL_EXPORT InstanceDataPlan
+{
+public:
+    InstanceDataPlan(const QString &name, const QString &sampler, int texelsPerDraw, const QString &declarations,
+                     const QString &definitions);
+
+    QString name() const;
+    /// Declarations of the getters.
+    QString glslh() const;
+    /// GLSL that implements the getters.
+    QString glslc() const;
+    /// Name of the samplerBuffer uniform that the getters read.
+    QString samplerName() const;
+    /// RGBA32F texels that one draw takes in the data buffer.
+    int texelsPerDraw() const;
+
+    /// After link: checks that the program reads this plan's data, and logs if it does not.
+    void assertShaderProgram(const ShaderProgram *program) const;
+
+private:
+    QString _name;
+    QString _sampler;
+    int _texelsPerDraw;
+    QString _declarations;
+    QString _definitions;
+};
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,50 @@
+#pragma once
+
+#include "core/renderpasshelper.h"
+#include "renderpasses/export.h"
+
+namespace Brevane::Kvo {
+
+class FramebufferObject;
+class ShaderProgram;
+
+/// Draws a model in one step, lit by the directional light of ModelDeferredPass.
+///
+/// | # | Input                               | Type       | Meaning                                   |
+/// |---|-------------------------------------|------------|-------------------------------------------|
+/// | 0 | Kvo_QRect_Viewport                  | QRect      | size of the targets, pixels               |
+/// | 1 | Kvo_QMatrix4x4_ProjectionMatrix     | QMatrix4x4 | camera to clip space                      |
+/// | 2 | Kvo_QMatrix4x4_CameraMatrix         | QMatrix4x4 | world to camera space                     |
+/// | 3 | Kvo_KvoGPUModel*_Geometry           | GPUModel*  | what to draw; none: the targets are cleared |
+///
+/// | # | Output                   | Format   | Content                                                   |
+/// |---|--------------------------|----------|-----------------------------------------------------------|
+/// | 0 | Kvo_KvoTexture*_Frame    | GL_RGBA  | lit colour, opacity in alpha                              |
+/// | 1 | Kvo_KvoTexture*_Id       | GL_RGBA  | number of the triangle plus 1, clamped by the format      |
+///
+/// Normals are interpolated and not made unit length again. The pass does not set the GL viewport. Its
+/// GL objects are not freed with the pass (copies share them): the device context frees them.
+///
+/// Leaves changed: clear colour; the depth test is put back. Needs OpenGL 3.2.
+class KVO_RENDERPASSES_EXPORT ForwardRenderPass : public RenderPassHelper
+{
+public:
+    ForwardRenderPass();
+    ForwardRenderPass(const ForwardRenderPass &other);
+    ForwardRenderPass &operator=(const ForwardRenderPass &other);
+    ~ForwardRenderPass() override;
+
+    void start(RenderCallbacks *callbacks) override;
+
+    /// Draws with this program from now on. Set before the first start, it keeps the pass from making
+    /// its own. The pass does not delete it; the device context does.
+    void setShaderProgram(ShaderProgram *program);
+
+private:
+    FramebufferObject *_fbo = nullptr;
+    ShaderProgram *_shaderProgram = nullptr;
+    int _width = 0;
+    int _height = 0;
+};
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,51 @@
+#pragma once
+
+#include "core/renderpasshelper.h"
+#include "renderpasses/export.h"
+
+#include <QSharedPointer>
+
+namespace Brevane::Kvo {
+
+class DrawBuffers;
+class FramebufferObject;
+class ShaderProgram;
+
+/// Fills a target with a vertical gradient of two colours, or with one colour: the usual first step of
+/// a frame.
+///
+/// | # | Input                    | Type   | Default        | Meaning                                            |
+/// |---|--------------------------|--------|----------------|----------------------------------------------------|
+/// | 0 | Kvo_QRect_Viewport       | QRect  | none           | size of the target, pixels                         |
+/// | 1 | Kvo_QColor_ColorTop      | QColor | grey 64        | colour at the top, or the solid colour; none: nothing is drawn |
+/// | 2 | Kvo_QColor_ColorBottom   | QColor | grey 153       | colour at the bottom; none: a solid fill           |
+///
+/// | # | Output                   | Format                       |
+/// |---|--------------------------|------------------------------|
+/// | 0 | Kvo_KvoTexture*_Frame    | GL_RGBA32F, owned by the pass |
+///
+/// The solid fill is opaque whatever alpha its colour has, since it stands for a background; the
+/// gradient keeps the alphas of its colours. A size change replaces the texture. Error code -1 records
+/// a failed draw.
+///
+/// Leaves changed: viewport; depth test, stencil test, blending and face culling off; colour mask open;
+/// on the solid path also the scissor test off and the clear colour. Needs OpenGL 3.2.
+class KVO_RENDERPASSES_EXPORT GradientRenderPass : public RenderPassHelper
+{
+public:
+    GradientRenderPass();
+    GradientRenderPass(const GradientRenderPass &other);
+    GradientRenderPass &operator=(const GradientRenderPass &other);
+    ~GradientRenderPass() override;
+
+    void start(RenderCallbacks *callbacks) override;
+
+private:
+    FramebufferObject *_fbo = nullptr;
+    ShaderProgram *_shaderProgram = nullptr;
+    QSharedPointer<DrawBuffers> _quad;
+    int _width = 0;
+    int _height = 0;
+};
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,55 @@
+#pragma once
+
+#include "core/renderpasshelper.h"
+#include "renderpasses/export.h"
+
+#include <QSharedPointer>
+
+namespace Brevane::Kvo {
+
+class DrawBuffers;
+class FramebufferObject;
+class ShaderProgram;
+class Texture;
+
+/// Shades the targets of ModelRenderPass with one directional light that is fixed to the camera, at
+/// normalize(100, 100, 100): Blinn-Phong with the viewer at (0, 0, 1).
+///
+/// | # | Input                               | Type       | Meaning                             |
+/// |---|-------------------------------------|------------|-------------------------------------|
+/// | 0 | Kvo_QRect_Viewport                  | QRect      | size of the target, pixels          |
+/// | 1 | Kvo_QMatrix4x4_ProjectionMatrix     | QMatrix4x4 | not used                            |
+/// | 2 | Kvo_QMatrix4x4_CameraMatrix         | QMatrix4x4 | not used                            |
+/// | 3 | Kvo_KvoTexture*_Diffuse             | texture    | diffuse colour, opacity in alpha    |
+/// | 4 | Kvo_KvoTexture*_Specular            | texture    | specular colour, exponent in alpha  |
+/// | 5 | Kvo_KvoTexture*_Normal              | texture    | unit normal in camera space         |
+/// | 6 | Kvo_KvoTexture*_Depth               | texture    | not used                            |
+///
+/// | # | Output                   | Format                      |
+/// |---|--------------------------|-----------------------------|
+/// | 0 | Kvo_KvoTexture*_Frame    | GL_RGBA, owned by the pass  |
+///
+/// All three textures should be connected; with one missing the frame is cleared and left so. Texture
+/// inputs are not given back to the pool. The pass does not set the GL viewport or the clear colour.
+///
+/// Leaves changed: depth test off. Needs OpenGL 3.2.
+class KVO_RENDERPASSES_EXPORT ModelDeferredPass : public RenderPassHelper
+{
+public:
+    ModelDeferredPass();
+    ModelDeferredPass(const ModelDeferredPass &other);
+    ModelDeferredPass &operator=(const ModelDeferredPass &other);
+    ~ModelDeferredPass() override;
+
+    void start(RenderCallbacks *callbacks) override;
+
+private:
+    FramebufferObject *_fbo = nullptr;
+    ShaderProgram *_shaderProgram = nullptr;
+    QSharedPointer<DrawBuffers> _quad;
+    Texture *_defaultTexture = nullptr;
+    int _width = 0;
+    int _height = 0;
+};
+
+} // namespace Brevane::Kvo

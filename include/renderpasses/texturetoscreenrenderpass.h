@@ -1,0 +1,60 @@
+#pragma once
+
+#include "core/renderpasshelper.h"
+#include "renderpasses/export.h"
+
+#include <QSharedPointer>
+
+namespace Brevane::Kvo {
+
+class DrawBuffers;
+class FramebufferObject;
+class ShaderProgram;
+class Texture;
+
+/// The last step of a frame: copies a texture to the default framebuffer, a framebuffer or a texture of
+/// the host, over one or more pairs of rectangles. Either a plain blit, or a shader that averages blocks
+/// of source texels, for a source larger than the target.
+///
+/// | # | Input                                | Type                | Meaning                                     |
+/// |---|--------------------------------------|---------------------|---------------------------------------------|
+/// | 0 | Kvo_QRect_Viewport                   | QRect               | stands in for an empty list of rectangles   |
+/// | 1 | Kvo_KvoTexture*_Texture              | texture             | the image                                   |
+/// | 2 | Kvo_Bool_EnableSuperSampling         | bool                | when given, chooses the averaging path      |
+/// | 3 | Kvo_QRect_ViewportOut                | QRect or list       | destination rectangles                      |
+/// | 4 | Kvo_KvoTexture*_TextureOut           | texture             | target, wins over input 7                   |
+/// | 5 | Kvo_Bool_LinearFilter                | bool                | lets a blit that scales filter linearly     |
+/// | 6 | Kvo_QVariant_Rects                   | QRect or list       | source rectangles                           |
+/// | 7 | Kvo_KvoFramebuffer*_FramebufferOut   | FramebufferObject*  | target                                      |
+///
+/// No outputs. Surplus rectangles of the longer list are left out. A blit is linear when the flag is on
+/// and the destination's width or its height differs from the source's width, so a source that is not
+/// square filters linearly even at its own size. The averaging path ignores the source rectangles and
+/// reads blocks from the position in the target, not in the rectangle. With no texture the blit path
+/// clears the target, and the averaging path draws transparent black.
+///
+/// The texture is given back to the pool. Leaves changed: framebuffer bindings 0; on the averaging path
+/// viewport, scissor box, colour mask open, and depth test, blending, stencil test and scissor test off.
+/// Needs OpenGL 3.2.
+class KVO_RENDERPASSES_EXPORT TextureToScreenRenderPass : public RenderPassHelper
+{
+public:
+    TextureToScreenRenderPass();
+    TextureToScreenRenderPass(const TextureToScreenRenderPass &other);
+    TextureToScreenRenderPass &operator=(const TextureToScreenRenderPass &other);
+    ~TextureToScreenRenderPass() override;
+
+    void start(RenderCallbacks *callbacks) override;
+    /// Frees the two framebuffers and lets go of the quad; program and default texture stay.
+    void teardownContextData(RenderCallbacks *callbacks) override;
+
+private:
+    ShaderProgram *_shaderProgram = nullptr;
+    QSharedPointer<DrawBuffers> _quad;
+    Texture *_defaultTexture = nullptr;
+    FramebufferObject *_readFbo = nullptr;
+    FramebufferObject *_drawFbo = nullptr;
+    bool _superSampling = false;
+};
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,177 @@
+#include "core/renderpasshelper.h"
+
+#include "core/log.h"
+
+#include <QMetaType>
+#include <QObject>
+
+#include <algorithm>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+constexpr char kTextureClass[] = "Brevane::Kvo::Texture";
+
+// Known by name, because this library does not see the class. The metatype exists as soon as a
+// texture does.
+QMetaType typedTextureMetaType()
+{
+    static QMetaType type;
+    if (!type.isValid())
+        type = QMetaType::fromName("Brevane::Kvo::Texture*");
+    return type;
+}
+
+bool holdsTexture(const QVariant &value)
+{
+    if (value.metaType() == QMetaType(QMetaType::QObjectStar)) {
+        const QObject *object = *static_cast<QObject *const *>(value.constData());
+        return object && object->inherits(kTextureClass);
+    }
+    return value.isValid() && value.metaType() == typedTextureMetaType();
+}
+
+QVariant inForm(const QVariant &value, TextureForm form)
+{
+    if (form == TextureForm::AsGiven || !holdsTexture(value))
+        return value;
+    const QMetaType wanted = form == TextureForm::Typed ? typedTextureMetaType() : QMetaType(QMetaType::QObjectStar);
+    if (value.metaType() == wanted)
+        return value;
+    QVariant converted = value;
+    converted.convert(wanted);
+    return converted;
+}
+
+bool inRange(const char *operation, int index, qsizetype size)
+{
+    if (index >= 0 && index < size)
+        return true;
+    qCritical("%s: slot index %d is out of range, the pass has %d", operation, index, int(size));
+    return false;
+}
+
+int indexOf(const QVector<PassSlot> &slots_, const QString &name)
+{
+    const auto found = std::find_if(slots_.cbegin(), slots_.cend(), [&](const PassSlot &s) { return s.name == name; });
+    return found == slots_.cend() ? -1 : int(found - slots_.cbegin());
+}
+
+} // namespace
+
+RenderPassHelper::RenderPassHelper() = default;
+RenderPassHelper::RenderPassHelper(const RenderPassHelper &other) = default;
+RenderPassHelper &RenderPassHelper::operator=(const RenderPassHelper &other) = default;
+RenderPassHelper::~RenderPassHelper() = default;
+
+void RenderPassHelper::setup(RenderCallbacks *) {}
+void RenderPassHelper::beginFrame(RenderCallbacks *) {}
+void RenderPassHelper::start(RenderCallbacks *) {}
+void RenderPassHelper::endFrame(RenderCallbacks *) {}
+void RenderPassHelper::teardown(RenderCallbacks *) {}
+void RenderPassHelper::teardownContextData(RenderCallbacks *) {}
+
+int RenderPassHelper::numInputs() const
+{
+    return int(_inputs.size());
+}
+
+int RenderPassHelper::numOutputs() const
+{
+    return int(_outputs.size());
+}
+
+QString RenderPassHelper::inputName(int index) const
+{
+    return inRange("inputName", index, _inputs.size()) ? _inputs.at(index).name : QString();
+}
+
+QString RenderPassHelper::outputName(int index) const
+{
+    return inRange("outputName", index, _outputs.size()) ? _outputs.at(index).name : QString();
+}
+
+void RenderPassHelper::setInput(int index, const QVariant &value)
+{
+    if (!inRange("setInput", index, _inputs.size()))
+        return;
+    _inputs[index].value = inForm(value, _textureForm);
+    _inputStates[index].wasSet = true;
+}
+
+QVariant RenderPassHelper::defaultValue(int index) const
+{
+    return inRange("defaultValue", index, _inputs.size()) ? _inputStates.at(index).defaultValue : QVariant();
+}
+
+void RenderPassHelper::setDefaultValue(int index, const QVariant &value)
+{
+    if (!inRange("setDefaultValue", index, _inputs.size()))
+        return;
+    InputState &state = _inputStates[index];
+    state.defaultValue = value;
+    if (!state.wasSet)
+        _inputs[index].value = inForm(value, _textureForm);
+}
+
+QVariant RenderPassHelper::output(int index) const
+{
+    return inRange("output", index, _outputs.size()) ? _outputs.at(index).value : QVariant();
+}
+
+void RenderPassHelper::setNumOutputUsers(int index, int count)
+{
+    if (inRange("setNumOutputUsers", index, _numOutputUsers.size()))
+        _numOutputUsers[index] = count;
+}
+
+void RenderPassHelper::resetNumOutputUsers()
+{
+    _numOutputUsers.fill(0);
+}
+
+unsigned int RenderPassHelper::errorCode() const
+{
+    return _errorCode;
+}
+
+void RenderPassHelper::setErrorCode(unsigned int code)
+{
+    _errorCode = code;
+}
+
+int RenderPassHelper::findInput(const QString &name) const
+{
+    return indexOf(_inputs, name);
+}
+
+int RenderPassHelper::findOutput(const QString &name) const
+{
+    return indexOf(_outputs, name);
+}
+
+int RenderPassHelper::addInput(const QString &name, const QVariant &defaultValue, int index)
+{
+    const int position = numInputs();
+    KVO_ASSERT(index == -1 || index == position, "input '%s' is number %d, not %d", qPrintable(name), position, index);
+    _inputs.append({name, inForm(defaultValue, _textureForm)});
+    _inputStates.append({defaultValue, false});
+    return position;
+}
+
+int RenderPassHelper::addOutput(const QString &name, int index)
+{
+    const int position = numOutputs();
+    KVO_ASSERT(index == -1 || index == position, "output '%s' is number %d, not %d", qPrintable(name), position, index);
+    _outputs.append({name, QVariant()});
+    _numOutputUsers.append(0);
+    return position;
+}
+
+void RenderPassHelper::setTextureForm(TextureForm form)
+{
+    _textureForm = form;
+}
+
+} // namespace Brevane::Kvo

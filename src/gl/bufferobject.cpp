@@ -1,0 +1,156 @@
+#include "gl/bufferobject.h"
+
+#include "gl/contextstate.h"
+
+#include <epoxy/gl.h>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+GLenum bindingOf(GLenum target)
+{
+    switch (target) {
+    case GL_ELEMENT_ARRAY_BUFFER:
+        return GL_ELEMENT_ARRAY_BUFFER_BINDING;
+    case GL_PIXEL_PACK_BUFFER:
+        return GL_PIXEL_PACK_BUFFER_BINDING;
+    case GL_PIXEL_UNPACK_BUFFER:
+        return GL_PIXEL_UNPACK_BUFFER_BINDING;
+    case GL_UNIFORM_BUFFER:
+        return GL_UNIFORM_BUFFER_BINDING;
+    case GL_DRAW_INDIRECT_BUFFER:
+        return GL_DRAW_INDIRECT_BUFFER_BINDING;
+    case GL_ATOMIC_COUNTER_BUFFER:
+        return GL_ATOMIC_COUNTER_BUFFER_BINDING;
+    case GL_SHADER_STORAGE_BUFFER:
+        return GL_SHADER_STORAGE_BUFFER_BINDING;
+    case GL_TRANSFORM_FEEDBACK_BUFFER:
+        return GL_TRANSFORM_FEEDBACK_BUFFER_BINDING;
+    case GL_ARRAY_BUFFER:
+        return GL_ARRAY_BUFFER_BINDING;
+    default:
+        // GL_TEXTURE_BUFFER and the copy targets: the name of the target is its own query.
+        return target;
+    }
+}
+
+GLuint boundNow(GLenum target)
+{
+    GLint name = 0;
+    glGetIntegerv(bindingOf(target), &name);
+    return GLuint(name);
+}
+
+} // namespace
+
+BufferObject::BufferObject() : _name(std::make_unique<ObjectName>()), _target(GL_ARRAY_BUFFER) {}
+
+BufferObject::~BufferObject()
+{
+    while (!_previous.isEmpty())
+        BufferObject::unbind();
+}
+
+bool BufferObject::bind()
+{
+    const ContextState *state = ContextState::current();
+    if (!state || !(_name->id() ? _name->isUsableIn(*state) : _name->create(NameKind::Buffer)))
+        return false;
+    _previous.append(boundNow(_target));
+    if (_indexed) {
+        GLint atIndex = 0;
+        glGetIntegeri_v(bindingOf(_target), _index, &atIndex);
+        _previous.append(GLuint(atIndex));
+        if (_rangeSize > 0)
+            glBindBufferRange(_target, _index, _name->id(), GLintptr(_rangeOffset), GLsizeiptr(_rangeSize));
+        else
+            glBindBufferBase(_target, _index, _name->id());
+    } else {
+        glBindBuffer(_target, _name->id());
+    }
+    return true;
+}
+
+bool BufferObject::unbind()
+{
+    if (_previous.isEmpty())
+        return false;
+    if (_indexed)
+        glBindBufferBase(_target, _index, _previous.takeLast());
+    glBindBuffer(_target, _previous.takeLast());
+    return true;
+}
+
+void BufferObject::setTarget(unsigned int target)
+{
+    _target = target;
+}
+
+unsigned int BufferObject::target() const
+{
+    return _target;
+}
+
+unsigned int BufferObject::getBO() const
+{
+    return _name->id();
+}
+
+bool BufferObject::upload(const float *data, int count, unsigned int usage)
+{
+    return uploadBytes(data, qint64(count) * qint64(sizeof(float)), usage);
+}
+
+bool BufferObject::uploadGLuintData(const unsigned int *data, int count, unsigned int usage)
+{
+    return uploadBytes(data, qint64(count) * qint64(sizeof(unsigned int)), usage);
+}
+
+bool BufferObject::uploadBytes(const void *data, qint64 bytes, unsigned int usage)
+{
+    if (bytes < 0)
+        return false;
+    const bool mustBind = _previous.isEmpty();
+    if (mustBind && !bind())
+        return false;
+    glBufferData(_target, GLsizeiptr(bytes), data, usage);
+    _size = bytes;
+    if (mustBind)
+        unbind();
+    return true;
+}
+
+qint64 BufferObject::size() const
+{
+    return _size;
+}
+
+void *BufferObject::map(unsigned int access)
+{
+    return _previous.isEmpty() ? nullptr : glMapBuffer(_target, access);
+}
+
+void BufferObject::unmap()
+{
+    if (!_previous.isEmpty())
+        glUnmapBuffer(_target);
+}
+
+void BufferObject::setIndexedTarget(unsigned int target, unsigned int index, qint64 offset, qint64 size)
+{
+    _target = target;
+    _indexed = true;
+    _index = index;
+    _rangeOffset = offset;
+    _rangeSize = size;
+}
+
+UniformBufferObject::UniformBufferObject()
+{
+    setIndexedTarget(GL_UNIFORM_BUFFER, kDrawCommandsBinding, 0, 0);
+}
+
+UniformBufferObject::~UniformBufferObject() = default;
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,423 @@
+#include "gl/contextstate.h"
+
+#include "gl/opengldevicecontext.h"
+#include "gl/texturemanager.h"
+
+#include <dlfcn.h>
+#include <epoxy/gl.h>
+
+#include <algorithm>
+#include <map>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+using GetCurrentContext = void *(*)();
+
+// The window system interfaces are asked only when the process has loaded them: linking one would
+// force it on hosts that use the other.
+GetCurrentContext loadedFunction(std::initializer_list<const char *> libraries, const char *function)
+{
+    for (const char *library : libraries) {
+        void *handle = dlopen(library, RTLD_LAZY | RTLD_NOLOAD);
+        if (!handle)
+            continue;
+        void *symbol = dlsym(handle, function);
+        dlclose(handle);
+        if (symbol)
+            return reinterpret_cast<GetCurrentContext>(symbol);
+    }
+    return nullptr;
+}
+
+using Registry = std::map<void *, QSharedPointer<ContextState>>;
+
+Registry &registry()
+{
+    static Registry contexts;
+    return contexts;
+}
+
+std::vector<QWeakPointer<ShareGroup>> &shareGroups()
+{
+    static std::vector<QWeakPointer<ShareGroup>> groups;
+    return groups;
+}
+
+// The last look-up, so that asking for the current context costs one call into the window system
+// interface. Handles of contexts that were refused stay here with a null state.
+struct LastLookUp
+{
+    NativeContext native;
+    ContextState *state = nullptr;
+};
+
+thread_local LastLookUp lastLookUp;
+
+void deleteName(NameKind kind, unsigned int name)
+{
+    switch (kind) {
+    case NameKind::Texture:
+        glDeleteTextures(1, &name);
+        break;
+    case NameKind::Buffer:
+        glDeleteBuffers(1, &name);
+        break;
+    case NameKind::Program:
+        glDeleteProgram(name);
+        break;
+    case NameKind::Framebuffer:
+        glDeleteFramebuffers(1, &name);
+        break;
+    case NameKind::VertexArray:
+        glDeleteVertexArrays(1, &name);
+        break;
+    }
+}
+
+} // namespace
+
+unsigned int NameStore::create(NameKind kind)
+{
+    unsigned int name = 0;
+    switch (kind) {
+    case NameKind::Texture:
+        glGenTextures(1, &name);
+        break;
+    case NameKind::Buffer:
+        glGenBuffers(1, &name);
+        break;
+    case NameKind::Program:
+        name = glCreateProgram();
+        break;
+    case NameKind::Framebuffer:
+        glGenFramebuffers(1, &name);
+        break;
+    case NameKind::VertexArray:
+        glGenVertexArrays(1, &name);
+        break;
+    }
+    if (name)
+        _live[std::size_t(kind)].insert(name);
+    return name;
+}
+
+void NameStore::destroy(NameKind kind, unsigned int name)
+{
+    if (_live[std::size_t(kind)].remove(name))
+        deleteName(kind, name);
+}
+
+void NameStore::destroyLater(NameKind kind, unsigned int name)
+{
+    _pending.emplace_back(kind, name);
+}
+
+void NameStore::flush()
+{
+    for (const auto &[kind, name] : std::exchange(_pending, {}))
+        destroy(kind, name);
+}
+
+void NameStore::destroyAll()
+{
+    flush();
+    for (std::size_t kind = 0; kind < _live.size(); ++kind) {
+        for (unsigned int name : std::exchange(_live[kind], {}))
+            deleteName(NameKind(kind), name);
+    }
+}
+
+void NameStore::abandon()
+{
+    _pending.clear();
+    for (QSet<unsigned int> &names : _live)
+        names.clear();
+}
+
+ShareGroup::ShareGroup()
+{
+    static quint64 counter = 0;
+    _id = ++counter;
+    glGenBuffers(1, &_sentinel);
+    glBindBuffer(GL_COPY_WRITE_BUFFER, _sentinel);
+    const std::array<quint64, 2> content{_id, quint64(reinterpret_cast<quintptr>(this))};
+    glBufferData(GL_COPY_WRITE_BUFFER, sizeof content, content.data(), GL_STATIC_DRAW);
+    glBindBuffer(GL_COPY_WRITE_BUFFER, 0);
+}
+
+bool ShareGroup::isVisible() const
+{
+    if (!glIsBuffer(_sentinel))
+        return false;
+    glBindBuffer(GL_COPY_READ_BUFFER, _sentinel);
+    GLint size = 0;
+    glGetBufferParameteriv(GL_COPY_READ_BUFFER, GL_BUFFER_SIZE, &size);
+    std::array<quint64, 2> content{};
+    const bool sizeFits = size == GLint(sizeof content);
+    if (sizeFits)
+        glGetBufferSubData(GL_COPY_READ_BUFFER, 0, sizeof content, content.data());
+    glBindBuffer(GL_COPY_READ_BUFFER, 0);
+    return sizeFits && content[0] == _id && content[1] == quint64(reinterpret_cast<quintptr>(this));
+}
+
+void ShareGroup::release()
+{
+    TextureManager::Instance().dropShareGroup(_id);
+    names.destroyAll();
+    glDeleteBuffers(1, &_sentinel);
+    _sentinel = 0;
+}
+
+void ShareGroup::abandon()
+{
+    names.abandon();
+    _sentinel = 0;
+}
+
+NativeContext NativeContext::current()
+{
+    static GetCurrentContext egl = nullptr;
+    static GetCurrentContext glx = nullptr;
+    if (!egl)
+        egl = loadedFunction({"libEGL.so.1"}, "eglGetCurrentContext");
+    if (void *context = egl ? egl() : nullptr)
+        return {context};
+    if (!glx)
+        glx = loadedFunction({"libGLX.so.0", "libGL.so.1"}, "glXGetCurrentContext");
+    return {glx ? glx() : nullptr};
+}
+
+ContextState::ContextState(NativeContext native) : version(epoxy_gl_version()), _native(native)
+{
+    GLint units = 0;
+    glGetIntegerv(GL_MAX_TEXTURE_IMAGE_UNITS, &units);
+    _unitCount = std::clamp(units, 0, 64);
+
+    GLint count = 0;
+    glGetIntegerv(GL_NUM_EXTENSIONS, &count);
+    for (GLint i = 0; i < count; ++i) {
+        QByteArray name(reinterpret_cast<const char *>(glGetStringi(GL_EXTENSIONS, GLuint(i))));
+        _extensions.insert(name.startsWith("GL_") ? name.mid(3) : name);
+    }
+
+    auto &groups = shareGroups();
+    std::erase_if(groups, [](const QWeakPointer<ShareGroup> &g) { return g.isNull(); });
+    for (const QWeakPointer<ShareGroup> &weak : groups) {
+        const QSharedPointer<ShareGroup> candidate = weak.toStrongRef();
+        if (candidate && candidate->isVisible())
+            group = candidate;
+    }
+    if (!group) {
+        group = QSharedPointer<ShareGroup>::create();
+        groups.push_back(group);
+    }
+}
+
+ContextState::~ContextState() = default;
+
+ContextState *ContextState::current()
+{
+    const NativeContext native = NativeContext::current();
+    if (native == lastLookUp.native)
+        return lastLookUp.state;
+
+    lastLookUp = {native, nullptr};
+    if (!native.handle)
+        return nullptr;
+
+    auto &contexts = registry();
+    auto found = contexts.find(native.handle);
+    if (found == contexts.end()) {
+        const int version = epoxy_gl_version();
+        if (!epoxy_is_desktop_gl() || version < 32) {
+            const auto text = [](GLenum name) { return reinterpret_cast<const char *>(glGetString(name)); };
+            qCritical("OpenGL 3.2 or later is needed, but this context offers %s (%s, %s)", text(GL_VERSION),
+                      text(GL_VENDOR), text(GL_RENDERER));
+            return nullptr;
+        }
+        const QSharedPointer<ContextState> made(new ContextState(native));
+        made->device.reset(new OpenGLDeviceContext(made.data()));
+        found = contexts.emplace(native.handle, made).first;
+        made->watchQtContext();
+    }
+    ContextState *state = found->second.data();
+    lastLookUp.state = state;
+    state->names.flush();
+    state->group->names.flush();
+    return state;
+}
+
+QSharedPointer<ContextState> ContextState::currentShared()
+{
+    ContextState *state = current();
+    return state ? registry().at(state->_native.handle) : nullptr;
+}
+
+QSharedPointer<ContextState> ContextState::currentVerified()
+{
+    QSharedPointer<ContextState> state = currentShared();
+    if (state && !state->group->isVisible()) {
+        // The host destroyed that context without telling, and another one got its handle.
+        state->release(false);
+        state = currentShared();
+    }
+    return state;
+}
+
+void ContextState::releaseCurrent()
+{
+    if (const QSharedPointer<ContextState> state = currentShared())
+        state->release(true);
+}
+
+void ContextState::release(bool contextIsAlive)
+{
+    const bool lastOfGroup = std::none_of(registry().cbegin(), registry().cend(), [this](const auto &entry) {
+        return entry.second.data() != this && entry.second->group == group;
+    });
+    if (!contextIsAlive) {
+        names.abandon();
+        if (lastOfGroup)
+            group->abandon();
+    }
+    device->_quad.reset();
+    for (const QPointer<QObject> &object : std::exchange(givenUp, {}))
+        delete object.data();
+    names.destroyAll();
+    if (lastOfGroup)
+        group->release();
+    device->_state = nullptr;
+    lastLookUp = {};
+    // Last: this may destroy the state itself, and with it its share group.
+    registry().erase(_native.handle);
+}
+
+int ContextState::takeUnit()
+{
+    for (int unit = 0; unit < _unitCount; ++unit) {
+        const quint64 bit = quint64(1) << unit;
+        if (!(_usedUnits & bit)) {
+            _usedUnits |= bit;
+            return unit;
+        }
+    }
+    return -1;
+}
+
+void ContextState::giveBackUnit(int unit)
+{
+    _usedUnits &= ~(quint64(1) << unit);
+}
+
+bool ContextState::hasExtension(const char *name) const
+{
+    if (qstrncmp(name, "GL_", 3) == 0)
+        name += 3;
+    return _extensions.contains(QByteArray::fromRawData(name, qsizetype(qstrlen(name))));
+}
+
+void ContextState::labelObject(unsigned int identifier, unsigned int name, const QString &label) const
+{
+    if (name && !label.isEmpty() && (version >= 43 || hasExtension("KHR_debug"))) {
+        const QByteArray text = label.toUtf8().left(200);
+        glObjectLabel(identifier, name, GLsizei(text.size()), text.constData());
+    }
+}
+
+ObjectName::ObjectName(ObjectName &&other) noexcept
+    : _kind(other._kind), _id(std::exchange(other._id, 0)), _context(std::move(other._context)),
+      _group(std::move(other._group))
+{
+}
+
+ObjectName &ObjectName::operator=(ObjectName &&other) noexcept
+{
+    if (this != &other) {
+        reset();
+        _kind = other._kind;
+        _id = std::exchange(other._id, 0);
+        _context = std::move(other._context);
+        _group = std::move(other._group);
+    }
+    return *this;
+}
+
+bool ObjectName::create(NameKind kind)
+{
+    reset();
+    const QSharedPointer<ContextState> state = ContextState::currentShared();
+    if (!state)
+        return false;
+    _kind = kind;
+    if (isShared(kind)) {
+        _group = state->group;
+        _id = state->group->names.create(kind);
+    } else {
+        _context = state;
+        _id = state->names.create(kind);
+    }
+    return _id != 0;
+}
+
+void ObjectName::reset()
+{
+    const unsigned int id = std::exchange(_id, 0);
+    if (!id)
+        return;
+    const ContextState *current = ContextState::current();
+    if (const QSharedPointer<ShareGroup> group = _group.toStrongRef()) {
+        if (current && current->group == group)
+            group->names.destroy(_kind, id);
+        else
+            group->names.destroyLater(_kind, id);
+    } else if (const QSharedPointer<ContextState> context = _context.toStrongRef()) {
+        if (current == context.data())
+            context->names.destroy(_kind, id);
+        else
+            context->names.destroyLater(_kind, id);
+    }
+    _group.clear();
+    _context.clear();
+}
+
+unsigned int ObjectName::id() const
+{
+    return _group.isNull() && _context.isNull() ? 0 : _id;
+}
+
+bool ObjectName::isUsableIn(const ContextState &state) const
+{
+    return id() && (isShared(_kind) ? _group == state.group : _context.toStrongRef().data() == &state);
+}
+
+PerContextNames::Entry *PerContextNames::current()
+{
+    const QSharedPointer<ContextState> state = ContextState::currentShared();
+    if (!state)
+        return nullptr;
+    for (Entry &entry : _entries) {
+        if (entry.context == state)
+            return &entry;
+    }
+    std::erase_if(_entries, [](const Entry &entry) { return entry.context.isNull(); });
+    Entry entry;
+    entry.context = state;
+    if (!entry.name.create(_kind))
+        return nullptr;
+    _entries.push_back(std::move(entry));
+    return &_entries.back();
+}
+
+unsigned int PerContextNames::currentId() const
+{
+    const ContextState *state = ContextState::current();
+    for (const Entry &entry : _entries) {
+        if (state && entry.name.isUsableIn(*state))
+            return entry.name.id();
+    }
+    return 0;
+}
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,163 @@
+#pragma once
+
+#include <QByteArray>
+#include <QObject>
+#include <QPointer>
+#include <QSet>
+#include <QSharedPointer>
+#include <QVector>
+#include <QWeakPointer>
+
+#include <array>
+#include <optional>
+#include <vector>
+
+namespace Brevane::Kvo {
+
+class OpenGLDeviceContext;
+class ShaderProgram;
+
+/// Kinds of GL names that the library makes. Contexts of a share group share all but the last two.
+enum class NameKind { Texture, Buffer, Program, Framebuffer, VertexArray };
+
+constexpr bool isShared(NameKind kind)
+{
+    return kind != NameKind::Framebuffer && kind != NameKind::VertexArray;
+}
+
+/// Names that live in one place, and those waiting to be deleted there.
+class NameStore
+{
+public:
+    unsigned int create(NameKind kind);
+    void destroy(NameKind kind, unsigned int name);
+    void destroyLater(NameKind kind, unsigned int name);
+    void flush();
+    void destroyAll();
+    /// Forgets all names: their context is gone, and with it the objects.
+    void abandon();
+    int liveCount(NameKind kind) const { return int(_live[std::size_t(kind)].size()); }
+
+private:
+    std::array<QSet<unsigned int>, 5> _live;
+    std::vector<std::pair<NameKind, unsigned int>> _pending;
+};
+
+/// What contexts share: textures, buffers, programs. Which group a new context belongs to is found by
+/// looking for the group's sentinel, a buffer with a content of its own, so that a host need not say
+/// how it made its contexts.
+class ShareGroup
+{
+public:
+    ShareGroup();
+
+    quint64 id() const { return _id; }
+    /// Whether the current context sees this group's objects.
+    bool isVisible() const;
+    void release();
+    /// Forgets everything: the contexts of the group are gone.
+    void abandon();
+
+    NameStore names;
+
+private:
+    quint64 _id;
+    unsigned int _sentinel = 0;
+};
+
+/// A native context of whichever window system interface made it.
+struct NativeContext
+{
+    void *handle = nullptr;
+    bool operator==(const NativeContext &) const = default;
+    static NativeContext current();
+};
+
+/// State of one GL context, found through the context that is current.
+class ContextState
+{
+public:
+    ~ContextState();
+
+    /// Null without a context, or with one that is too old.
+    static ContextState *current();
+    static QSharedPointer<ContextState> currentShared();
+    /// The same, but makes sure that the handle was not reused for another context meanwhile.
+    static QSharedPointer<ContextState> currentVerified();
+    static void releaseCurrent();
+
+    /// The lowest free texture unit, or -1.
+    int takeUnit();
+    void giveBackUnit(int unit);
+    int unitCount() const { return _unitCount; }
+
+    bool hasExtension(const char *name) const;
+    void labelObject(unsigned int identifier, unsigned int name, const QString &label) const;
+
+    QSharedPointer<ShareGroup> group;
+    NameStore names;
+    QSharedPointer<OpenGLDeviceContext> device;
+    QVector<QPointer<QObject>> givenUp;
+    ShaderProgram *boundProgram = nullptr;
+    int version = 0;
+
+private:
+    explicit ContextState(NativeContext native);
+    void release(bool contextIsAlive);
+    void watchQtContext();
+
+    NativeContext _native;
+    QSet<QByteArray> _extensions;
+    quint64 _usedUnits = 0;
+    int _unitCount = 0;
+};
+
+/// A GL name that knows where it lives. It deletes itself there, at once or, when another context is
+/// current, as soon as its own is again; it reads 0 once its context is gone.
+class ObjectName
+{
+public:
+    ObjectName() = default;
+    ObjectName(ObjectName &&other) noexcept;
+    ObjectName &operator=(ObjectName &&other) noexcept;
+    ~ObjectName() { reset(); }
+
+    /// Makes a name in the current context, in place of any old one. False without a context.
+    bool create(NameKind kind);
+    void reset();
+    unsigned int id() const;
+    /// Whether the current context can use the name.
+    bool isUsableIn(const ContextState &state) const;
+
+private:
+    NameKind _kind = NameKind::Texture;
+    unsigned int _id = 0;
+    QWeakPointer<ContextState> _context;
+    QWeakPointer<ShareGroup> _group;
+};
+
+/// One GL name per context for objects that contexts do not share. The revision tells whether the GL
+/// object in a context is up to date with its wrapper.
+class PerContextNames
+{
+public:
+    explicit PerContextNames(NameKind kind) : _kind(kind) {}
+
+    struct Entry
+    {
+        QWeakPointer<ContextState> context;
+        ObjectName name;
+        quint64 revision = 0;
+    };
+
+    /// The entry of the current context, made when missing; null without a context.
+    Entry *current();
+    /// The name in the current context, 0 when there is none.
+    unsigned int currentId() const;
+
+private:
+    NameKind _kind;
+    std::vector<Entry> _entries;
+};
+
+} // namespace Brevane::Kvo

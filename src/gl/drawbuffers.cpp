@@ -1,0 +1,162 @@
+#include "gl/drawbuffers.h"
+
+#include "gl/bufferobject.h"
+#include "gl/contextstate.h"
+#include "gl/glslmacroprocessor.h"
+#include "gl/guards.h"
+#include "gl/shaderprogram.h"
+#include "gl/vertexarrayobject.h"
+
+#include <QVector>
+
+#include <epoxy/gl.h>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+GLint boundNow(GLenum query)
+{
+    GLint name = 0;
+    glGetIntegerv(query, &name);
+    return name;
+}
+
+} // namespace
+
+class DrawBuffersPrivate
+{
+public:
+    QSharedPointer<VertexArrayObject> vao;
+    QSharedPointer<BufferObject> indices;
+    QSharedPointer<UniformBufferObject> commandBuffer;
+    QVector<DrawElementsIndirectCommand> commands;
+    GLenum primitiveType = GL_TRIANGLES;
+    GLsizei vertexCount = 0;
+    GLsizei indexCount = 0;
+    GLenum indexType = GL_UNSIGNED_INT;
+};
+
+DrawBuffers::DrawBuffers(QObject *parent) : QObject(parent), d(std::make_unique<DrawBuffersPrivate>())
+{
+    static const int registered = qRegisterMetaType<DrawBuffers *>();
+    Q_UNUSED(registered)
+}
+
+DrawBuffers::~DrawBuffers() = default;
+
+bool DrawBuffers::bind()
+{
+    return d->vao && d->vao->bind();
+}
+
+bool DrawBuffers::unbind()
+{
+    return d->vao && d->vao->unbind();
+}
+
+void DrawBuffers::setVAO(const QSharedPointer<VertexArrayObject> &vao)
+{
+    d->vao = vao;
+    if (vao && d->indices)
+        vao->setIndexBuffer(d->indices);
+}
+
+QSharedPointer<VertexArrayObject> DrawBuffers::VAO() const
+{
+    return d->vao;
+}
+
+void DrawBuffers::setPrimitiveType(unsigned int type)
+{
+    d->primitiveType = type;
+}
+
+unsigned int DrawBuffers::primitiveType() const
+{
+    return d->primitiveType;
+}
+
+void DrawBuffers::setVertexCount(unsigned int count)
+{
+    d->vertexCount = GLsizei(count);
+}
+
+void DrawBuffers::setIndexedDraw(const QSharedPointer<BufferObject> &indices, int count, unsigned int type)
+{
+    d->indices = indices;
+    d->indexCount = count;
+    d->indexType = type;
+    // The vertex array takes the buffer by name, which exists from its first bind on.
+    AutoBinder makeName(indices && !indices->getBO() ? indices : nullptr);
+    if (d->vao)
+        d->vao->setIndexBuffer(indices);
+}
+
+QSharedPointer<BufferObject> DrawBuffers::indexBO() const
+{
+    return d->indices;
+}
+
+void DrawBuffers::setDrawElementsIndirectCommands(const DrawElementsIndirectCommand *commands, int count)
+{
+    d->commands = count > 0 ? QVector<DrawElementsIndirectCommand>(commands, commands + count)
+                            : QVector<DrawElementsIndirectCommand>();
+    d->commandBuffer.reset();
+}
+
+int DrawBuffers::drawElementsIndirectCommandCount() const
+{
+    return int(d->commands.size());
+}
+
+const DrawElementsIndirectCommand *DrawBuffers::drawElementsIndirectCommands() const
+{
+    return d->commands.constData();
+}
+
+QSharedPointer<UniformBufferObject> DrawBuffers::getDrawElementsIndirectCommandsUniformBufferObject()
+{
+    if (!d->commandBuffer && !d->commands.isEmpty()) {
+        // Shaders read the block as whole 16-byte vectors.
+        constexpr qint64 kVector = 16;
+        const qint64 bytes = qint64(d->commands.size()) * qint64(sizeof(DrawElementsIndirectCommand));
+        QByteArray padded(reinterpret_cast<const char *>(d->commands.constData()), qsizetype(bytes));
+        padded.resize(qsizetype((bytes + kVector - 1) / kVector * kVector), '\0');
+        d->commandBuffer = QSharedPointer<UniformBufferObject>::create();
+        d->commandBuffer->uploadBytes(padded.constData(), padded.size(), GL_STATIC_DRAW);
+    }
+    return d->commandBuffer;
+}
+
+bool DrawBuffers::draw()
+{
+    if (!d->vao || !ContextState::current() || boundNow(GL_CURRENT_PROGRAM) == 0)
+        return false;
+    // Callers bind either this object or its vertex array; a draw from the wrong arrays is never right.
+    const bool isBound = d->vao->vertexArrayID() != 0
+        && GLuint(boundNow(GL_VERTEX_ARRAY_BINDING)) == d->vao->vertexArrayID();
+    AutoBinder self(isBound ? nullptr : this);
+    if (d->indices)
+        glDrawElements(d->primitiveType, d->indexCount, d->indexType, nullptr);
+    else
+        glDrawArrays(d->primitiveType, 0, d->vertexCount);
+    return true;
+}
+
+bool DrawBuffers::draw(ShaderProgram *program)
+{
+    if (!program || !program->isLinked())
+        return false;
+    AutoBinder bound(GLuint(boundNow(GL_CURRENT_PROGRAM)) == program->programID() ? nullptr : program);
+    return draw();
+}
+
+void DrawBuffers::setup(GLSLMacroProcessor *processor)
+{
+    if (!processor)
+        return;
+    processor->addDefine(QStringLiteral("KVO_DRAW_COMMAND_WORDS"), QStringLiteral("5"));
+}
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,214 @@
+#include "gl/glslmacroprocessor.h"
+
+#include "model/instancedataplan.h"
+#include "model/instancedataregistry.h"
+
+#include <QFile>
+#include <QRegularExpression>
+#include <QSet>
+
+#include <algorithm>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+constexpr char16_t kLibraryPath[] = u":/Media/Shaders";
+constexpr int kMaxIncludeDepth = 32;
+
+QString fileInPaths(const QStringList &paths, const QString &fileName, bool *found)
+{
+    QStringList places = paths;
+    places.append(QString::fromUtf16(kLibraryPath));
+    for (const QString &path : std::as_const(places)) {
+        QFile file(path + u'/' + fileName);
+        if (!file.open(QIODevice::ReadOnly))
+            continue;
+        *found = true;
+        return QString::fromUtf8(file.readAll());
+    }
+    *found = false;
+    return {};
+}
+
+/// Resolves the directives of one source, file by file.
+class Expansion
+{
+public:
+    Expansion(const QStringList &paths, ProcessedSource &result) : _paths(paths), _result(result) {}
+
+    QString expand(const QString &text, int file, int depth)
+    {
+        static const QRegularExpression directive(
+            QStringLiteral("^\\s*#\\s*(include|instancedata)\\b\\s*(?:[\"<]([^\">]*)[\">])?"));
+        static const QRegularExpression version(QStringLiteral("^\\s*#\\s*version\\s+(\\d+)"));
+        QString out;
+        const QStringList lines = text.split(u'\n');
+        for (qsizetype i = 0; i < lines.size(); ++i) {
+            const QString &line = lines[i];
+            const bool startsInComment = _inComment;
+            followComments(line);
+            const bool isLast = i + 1 == lines.size();
+            if (!startsInComment) {
+                if (const auto m = version.match(line); m.hasMatch()) {
+                    if (file == 0)
+                        _version = m.captured(1).toInt();
+                    else
+                        _result.errors.append(QStringLiteral("\"%1\" has a #version line; only the including source may")
+                                                  .arg(_result.fileNames[file]));
+                    // Replaced by an empty line: the version stands at the top of the whole text.
+                    out += u'\n';
+                    continue;
+                }
+                if (const auto m = directive.match(line); m.hasMatch()) {
+                    const QString target = m.captured(2);
+                    out += m.captured(1) == QLatin1String("include") ? include(target, depth)
+                                                                    : instanceData(target, depth);
+                    out += lineDirective(int(i) + 2, file);
+                    continue;
+                }
+            }
+            out += line;
+            if (!isLast)
+                out += u'\n';
+        }
+        return out;
+    }
+
+    // Before GLSL 3.30 the number given is the line of the directive itself, from then on that of the
+    // next line.
+    QString lineDirective(int nextLine, int file) const
+    {
+        return QStringLiteral("#line %1 %2\n").arg(_version < 330 ? nextLine - 1 : nextLine).arg(file);
+    }
+
+    int version() const { return _version; }
+    void setVersion(int version) { _version = version; }
+
+private:
+    void followComments(const QString &line)
+    {
+        for (qsizetype i = 0; i < line.size(); ++i) {
+            const QStringView here = QStringView(line).mid(i, 2);
+            if (_inComment) {
+                if (here == QLatin1String("*/")) {
+                    _inComment = false;
+                    ++i;
+                }
+            } else if (here == QLatin1String("//")) {
+                return;
+            } else if (here == QLatin1String("/*")) {
+                _inComment = true;
+                ++i;
+            }
+        }
+    }
+
+    QString error(const QString &message)
+    {
+        _result.errors.append(message);
+        return QStringLiteral("#error %1\n").arg(message);
+    }
+
+    QString include(const QString &target, int depth)
+    {
+        if (target.isEmpty())
+            return error(QStringLiteral("#include needs a file name in quotes"));
+        if (_included.contains(target))
+            return {};
+        if (depth >= kMaxIncludeDepth)
+            return error(QStringLiteral("includes are nested more than %1 deep at \"%2\"")
+                             .arg(kMaxIncludeDepth)
+                             .arg(target));
+        bool found = false;
+        const QString text = fileInPaths(_paths, target, &found);
+        if (!found)
+            return error(QStringLiteral("include file \"%1\" was not found").arg(target));
+        _included.insert(target);
+        return nested(target, text, depth);
+    }
+
+    QString instanceData(const QString &target, int depth)
+    {
+        InstanceDataRegistry &registry = InstanceDataRegistry::Instance();
+        if (!registry.hasPlan(target))
+            return error(QStringLiteral("instance data plan \"%1\" does not exist, there are: %2")
+                             .arg(target, registry.planNames().join(QLatin1String(", "))));
+        _result.usesInstanceData = true;
+        return nested(QStringLiteral("instancedata %1").arg(target), registry.getPlan(target)->glslh(), depth);
+    }
+
+    QString nested(const QString &fileName, const QString &text, int depth)
+    {
+        const int file = int(_result.fileNames.size());
+        _result.fileNames.append(fileName);
+        _result.originals.append(text);
+        const bool outerComment = std::exchange(_inComment, false);
+        QString expanded = lineDirective(1, file) + expand(text, file, depth + 1);
+        _inComment = outerComment;
+        if (!expanded.endsWith(u'\n'))
+            expanded += u'\n';
+        return expanded;
+    }
+
+    const QStringList &_paths;
+    ProcessedSource &_result;
+    QSet<QString> _included;
+    bool _inComment = false;
+    int _version = 150;
+};
+
+} // namespace
+
+GLSLMacroProcessor::GLSLMacroProcessor() = default;
+GLSLMacroProcessor::~GLSLMacroProcessor() = default;
+
+void GLSLMacroProcessor::addDefine(const QString &name, const QString &value)
+{
+    const auto old = std::find_if(_defines.begin(), _defines.end(), [&](const auto &d) { return d.first == name; });
+    if (old != _defines.end())
+        old->second = value;
+    else
+        _defines.append({name, value});
+}
+
+void GLSLMacroProcessor::addIncludePath(const QString &path)
+{
+    if (!_includePaths.contains(path))
+        _includePaths.append(path);
+}
+
+ProcessedSource GLSLMacroProcessor::process(const QString &source, const QString &name,
+                                            const QVector<QPair<QString, QString>> &extraDefines) const
+{
+    ProcessedSource result;
+    result.fileNames.append(name);
+    result.originals.append(source);
+
+    // The version decides how #line counts, so it is looked up before anything is expanded. Whatever
+    // stands in its line behind the number (core, compatibility) is kept.
+    static const QRegularExpression versionLine(QStringLiteral("^[ \\t]*#[ \\t]*version[ \\t]+(\\d+)[^\\n]*"),
+                                                QRegularExpression::MultilineOption);
+    const QRegularExpressionMatch version = versionLine.match(source);
+    Expansion expansion(_includePaths, result);
+    if (version.hasMatch())
+        expansion.setVersion(version.captured(1).toInt());
+
+    QString text = version.hasMatch() ? version.captured(0).trimmed() : QStringLiteral("#version 150");
+    text += u'\n';
+    for (const auto &[define, value] : _defines)
+        text += QStringLiteral("#define %1 %2\n").arg(define, value);
+    for (const auto &[define, value] : extraDefines)
+        text += QStringLiteral("#define %1 %2\n").arg(define, value);
+    text += expansion.lineDirective(1, 0);
+    text += expansion.expand(source, 0, 0);
+    result.text = text;
+    return result;
+}
+
+QString GLSLMacroProcessor::readFile(const QString &fileName, bool *found) const
+{
+    return fileInPaths(_includePaths, fileName, found);
+}
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,748 @@
+#include "gl/shaderprogram.h"
+
+#include "gl/attributelocations.h"
+#include "gl/bufferobject.h"
+#include "gl/shaderprogram_p.h"
+
+#include <QColor>
+#include <QMatrix4x4>
+#include <QPoint>
+#include <QRect>
+#include <QRegularExpression>
+#include <QSet>
+#include <QSize>
+#include <QVector2D>
+#include <QVector3D>
+#include <QVector4D>
+
+#include <epoxy/gl.h>
+
+#include <algorithm>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+std::function<void(const ShaderFailure &)> &failureHandler()
+{
+    static std::function<void(const ShaderFailure &)> handler;
+    return handler;
+}
+
+const char *stageName(int stage)
+{
+    switch (stage) {
+    case GL_VERTEX_SHADER:
+        return "vertex";
+    case GL_FRAGMENT_SHADER:
+        return "fragment";
+    case GL_GEOMETRY_SHADER:
+        return "geometry";
+    case GL_TESS_CONTROL_SHADER:
+        return "tessellation control";
+    case GL_TESS_EVALUATION_SHADER:
+        return "tessellation evaluation";
+    case GL_COMPUTE_SHADER:
+        return "compute";
+    default:
+        return "unknown";
+    }
+}
+
+QString stageDefine(int stage)
+{
+    switch (stage) {
+    case GL_VERTEX_SHADER:
+        return QStringLiteral("KVO_STAGE_VERTEX");
+    case GL_FRAGMENT_SHADER:
+        return QStringLiteral("KVO_STAGE_FRAGMENT");
+    case GL_GEOMETRY_SHADER:
+        return QStringLiteral("KVO_STAGE_GEOMETRY");
+    default:
+        return QStringLiteral("KVO_STAGE_OTHER");
+    }
+}
+
+QString shaderLog(GLuint shader)
+{
+    GLint length = 0;
+    glGetShaderiv(shader, GL_INFO_LOG_LENGTH, &length);
+    QByteArray text(std::max(length, 1), '\0');
+    glGetShaderInfoLog(shader, GLsizei(text.size()), nullptr, text.data());
+    return QString::fromUtf8(text.constData()).trimmed();
+}
+
+QString programLog(GLuint program)
+{
+    GLint length = 0;
+    glGetProgramiv(program, GL_INFO_LOG_LENGTH, &length);
+    QByteArray text(std::max(length, 1), '\0');
+    glGetProgramInfoLog(program, GLsizei(text.size()), nullptr, text.data());
+    return QString::fromUtf8(text.constData()).trimmed();
+}
+
+struct Place
+{
+    int file;
+    int line;
+    bool operator==(const Place &) const = default;
+};
+
+// Drivers write "0:12(3): error" or "0(12) : error": the number of the source string, then the line.
+QVector<Place> placesIn(const QString &message)
+{
+    static const QRegularExpression pattern(QStringLiteral("^(?:ERROR: |WARNING: )?(\\d+)[:(](\\d+)"),
+                                            QRegularExpression::MultilineOption);
+    QVector<Place> places;
+    for (auto match = pattern.globalMatch(message); match.hasNext();) {
+        const QRegularExpressionMatch m = match.next();
+        places.append({m.captured(1).toInt(), m.captured(2).toInt()});
+    }
+    return places;
+}
+
+QString numbered(const QString &text, int file, const QVector<Place> &marked)
+{
+    QString out;
+    const QStringList lines = text.split(u'\n');
+    for (int i = 0; i < lines.size(); ++i) {
+        const bool mark = marked.contains(Place{file, i + 1});
+        out += QStringLiteral("%1%2 | %3\n").arg(mark ? u'>' : u' ').arg(i + 1, 4).arg(lines[i]);
+    }
+    return out;
+}
+
+struct Values
+{
+    std::array<double, 4> v{};
+    int count = 0;
+};
+
+Values valuesOf(const QVariant &value)
+{
+    const auto one = [](double x) { return Values{{x}, 1}; };
+    switch (value.metaType().id()) {
+    case QMetaType::Bool:
+        return one(value.toBool() ? 1.0 : 0.0);
+    case QMetaType::Int:
+    case QMetaType::Short:
+    case QMetaType::Char:
+    case QMetaType::Long:
+    case QMetaType::LongLong:
+        return one(double(value.toLongLong()));
+    case QMetaType::UInt:
+    case QMetaType::UShort:
+    case QMetaType::UChar:
+    case QMetaType::ULong:
+    case QMetaType::ULongLong:
+        return one(double(value.toULongLong()));
+    case QMetaType::Float:
+    case QMetaType::Double:
+        return one(value.toDouble());
+    case QMetaType::QPoint: {
+        const QPoint p = value.toPoint();
+        return {{double(p.x()), double(p.y())}, 2};
+    }
+    case QMetaType::QPointF: {
+        const QPointF p = value.toPointF();
+        return {{p.x(), p.y()}, 2};
+    }
+    case QMetaType::QSize: {
+        const QSize s = value.toSize();
+        return {{double(s.width()), double(s.height())}, 2};
+    }
+    case QMetaType::QSizeF: {
+        const QSizeF s = value.toSizeF();
+        return {{s.width(), s.height()}, 2};
+    }
+    case QMetaType::QRect: {
+        const QRect r = value.toRect();
+        return {{double(r.x()), double(r.y()), double(r.width()), double(r.height())}, 4};
+    }
+    case QMetaType::QRectF: {
+        const QRectF r = value.toRectF();
+        return {{r.x(), r.y(), r.width(), r.height()}, 4};
+    }
+    case QMetaType::QVector2D: {
+        const auto v = qvariant_cast<QVector2D>(value);
+        return {{double(v.x()), double(v.y())}, 2};
+    }
+    case QMetaType::QVector3D: {
+        const auto v = qvariant_cast<QVector3D>(value);
+        return {{double(v.x()), double(v.y()), double(v.z())}, 3};
+    }
+    case QMetaType::QVector4D: {
+        const auto v = qvariant_cast<QVector4D>(value);
+        return {{double(v.x()), double(v.y()), double(v.z()), double(v.w())}, 4};
+    }
+    case QMetaType::QColor: {
+        const auto c = qvariant_cast<QColor>(value);
+        return {{double(c.redF()), double(c.greenF()), double(c.blueF()), double(c.alphaF())}, 4};
+    }
+    default:
+        return {};
+    }
+}
+
+template <typename T>
+std::array<T, 4> as(const Values &values)
+{
+    std::array<T, 4> out{};
+    for (std::size_t i = 0; i < 4; ++i)
+        out[i] = T(values.v[i]);
+    return out;
+}
+
+// A negative number for an unsigned uniform wraps, as an int converted in C++ does.
+std::array<GLuint, 4> asUnsigned(const Values &values)
+{
+    std::array<GLuint, 4> out{};
+    for (std::size_t i = 0; i < 4; ++i)
+        out[i] = GLuint(qint64(values.v[i]));
+    return out;
+}
+
+int floatComponents(GLenum type)
+{
+    switch (type) {
+    case GL_FLOAT:
+        return 1;
+    case GL_FLOAT_VEC2:
+        return 2;
+    case GL_FLOAT_VEC3:
+        return 3;
+    case GL_FLOAT_VEC4:
+    case GL_FLOAT_MAT2:
+        return 4;
+    case GL_FLOAT_MAT3:
+        return 9;
+    case GL_FLOAT_MAT4:
+        return 16;
+    default:
+        return 0;
+    }
+}
+
+bool isIntegerAttribute(GLenum type)
+{
+    switch (type) {
+    case GL_INT:
+    case GL_INT_VEC2:
+    case GL_INT_VEC3:
+    case GL_INT_VEC4:
+    case GL_UNSIGNED_INT:
+    case GL_UNSIGNED_INT_VEC2:
+    case GL_UNSIGNED_INT_VEC3:
+    case GL_UNSIGNED_INT_VEC4:
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool setFromValues(int location, GLenum type, const Values &values)
+{
+    const auto need = [&](int count) { return values.count >= count; };
+    switch (type) {
+    case GL_FLOAT:
+        glUniform1f(location, float(values.v[0]));
+        return true;
+    case GL_FLOAT_VEC2:
+        if (need(2))
+            glUniform2fv(location, 1, as<float>(values).data());
+        return need(2);
+    case GL_FLOAT_VEC3:
+        if (need(3))
+            glUniform3fv(location, 1, as<float>(values).data());
+        return need(3);
+    case GL_FLOAT_VEC4:
+        if (need(4))
+            glUniform4fv(location, 1, as<float>(values).data());
+        return need(4);
+    case GL_INT_VEC2:
+    case GL_BOOL_VEC2:
+        if (need(2))
+            glUniform2iv(location, 1, as<GLint>(values).data());
+        return need(2);
+    case GL_INT_VEC3:
+    case GL_BOOL_VEC3:
+        if (need(3))
+            glUniform3iv(location, 1, as<GLint>(values).data());
+        return need(3);
+    case GL_INT_VEC4:
+    case GL_BOOL_VEC4:
+        if (need(4))
+            glUniform4iv(location, 1, as<GLint>(values).data());
+        return need(4);
+    case GL_UNSIGNED_INT:
+        glUniform1ui(location, asUnsigned(values)[0]);
+        return true;
+    case GL_UNSIGNED_INT_VEC2:
+        if (need(2))
+            glUniform2uiv(location, 1, asUnsigned(values).data());
+        return need(2);
+    case GL_UNSIGNED_INT_VEC3:
+        if (need(3))
+            glUniform3uiv(location, 1, asUnsigned(values).data());
+        return need(3);
+    case GL_UNSIGNED_INT_VEC4:
+        if (need(4))
+            glUniform4uiv(location, 1, asUnsigned(values).data());
+        return need(4);
+    case GL_FLOAT_MAT2:
+    case GL_FLOAT_MAT3:
+    case GL_FLOAT_MAT4:
+        return false;
+    case GL_BOOL:
+        glUniform1i(location, values.v[0] != 0.0);
+        return true;
+    default:
+        // GL_INT, samplers and images.
+        glUniform1i(location, GLint(values.v[0]));
+        return true;
+    }
+}
+
+} // namespace
+
+const GLSLMacroProcessor &ShaderProgramPrivate::processorInUse() const
+{
+    static const GLSLMacroProcessor byDefault;
+    return processor ? *processor : byDefault;
+}
+
+QString ShaderProgramPrivate::drawIndexDefine() const
+{
+    static const QRegularExpression marker(QStringLiteral("^\\s*#\\s*instancedata\\b"),
+                                           QRegularExpression::MultilineOption);
+    bool vertexReadsInstanceData = false;
+    bool betweenVertexAndFragment = false;
+    for (const Source &source : sources) {
+        if (source.stage == GL_VERTEX_SHADER)
+            vertexReadsInstanceData = vertexReadsInstanceData || source.text.contains(marker);
+        else if (source.stage != GL_FRAGMENT_SHADER)
+            betweenVertexAndFragment = true;
+    }
+    if (!vertexReadsInstanceData)
+        return QStringLiteral("KVO_DRAW_INDEX_SELECTED");
+    return betweenVertexAndFragment ? QStringLiteral("KVO_DRAW_INDEX_UNIFORM")
+                                    : QStringLiteral("KVO_DRAW_INDEX_VARYING");
+}
+
+QString ShaderProgramPrivate::stageTitle(int stage, const QString &sourceName) const
+{
+    const QString program = label.isEmpty() ? QString() : QStringLiteral(" of program '%1'").arg(label);
+    return QStringLiteral("%1 shader '%2'%3").arg(QLatin1String(stageName(stage)), sourceName, program);
+}
+
+void ShaderProgramPrivate::deleteShaders()
+{
+    for (const Compiled &c : compiled) {
+        if (c.shader && ContextState::current())
+            glDeleteShader(c.shader);
+    }
+    compiled.clear();
+}
+
+void ShaderProgramPrivate::fail(bool whileLinking)
+{
+    if (const auto &handler = failureHandler())
+        handler({label, log, whileLinking});
+}
+
+void ShaderProgramPrivate::readInterface()
+{
+    const GLuint program = name.id();
+    uniforms.clear();
+    elementLocations.clear();
+    attributes.clear();
+    std::array<char, 512> buffer{};
+    GLint count = 0;
+    glGetProgramiv(program, GL_ACTIVE_UNIFORMS, &count);
+    for (GLint i = 0; i < count; ++i) {
+        GLint size = 0;
+        GLenum type = 0;
+        glGetActiveUniform(program, GLuint(i), GLsizei(buffer.size()), nullptr, &size, &type, buffer.data());
+        const GLint location = glGetUniformLocation(program, buffer.data());
+        if (location < 0)
+            continue; // a member of a uniform block
+        QString uniformName = QString::fromLatin1(buffer.data());
+        if (uniformName.endsWith(QLatin1String("[0]")))
+            uniformName.chop(3);
+        uniforms.insert(uniformName, {location, type, size});
+    }
+    glGetProgramiv(program, GL_ACTIVE_ATTRIBUTES, &count);
+    for (GLint i = 0; i < count; ++i) {
+        GLint size = 0;
+        GLenum type = 0;
+        glGetActiveAttrib(program, GLuint(i), GLsizei(buffer.size()), nullptr, &size, &type, buffer.data());
+        attributes.insert(QString::fromLatin1(buffer.data()),
+                          {glGetAttribLocation(program, buffer.data()), isIntegerAttribute(type)});
+    }
+    const GLuint block = glGetUniformBlockIndex(program, "KvoDrawCommands");
+    if (block != GL_INVALID_INDEX)
+        glUniformBlockBinding(program, block, UniformBufferObject::kDrawCommandsBinding);
+}
+
+const ShaderProgramPrivate::Uniform *ShaderProgramPrivate::findUniform(const QString &uniformName) const
+{
+    const auto found = uniforms.constFind(uniformName);
+    return found == uniforms.cend() ? nullptr : &*found;
+}
+
+bool ShaderProgramPrivate::isCurrent(const ShaderProgram *q) const
+{
+    const ContextState *state = ContextState::current();
+    if (!state || !linked)
+        return false;
+    if (state->boundProgram == q)
+        return true;
+    // A host may have made it current with plain GL.
+    GLint current = 0;
+    glGetIntegerv(GL_CURRENT_PROGRAM, &current);
+    return GLuint(current) == name.id();
+}
+
+ShaderProgram::ShaderProgram(QObject *parent) : QObject(parent), d(std::make_unique<ShaderProgramPrivate>()) {}
+
+ShaderProgram::~ShaderProgram()
+{
+    while (!d->previous.isEmpty())
+        ShaderProgram::unbind();
+    d->deleteShaders();
+}
+
+bool ShaderProgram::bind()
+{
+    ContextState *state = ContextState::current();
+    if (!state)
+        return false;
+    GLint before = 0;
+    glGetIntegerv(GL_CURRENT_PROGRAM, &before);
+    d->previous.append({GLuint(before), state->boundProgram});
+    const bool usable = d->linked && d->name.isUsableIn(*state);
+    // A broken program draws nothing. Leaving the program of before in place would draw with it.
+    glUseProgram(usable ? d->name.id() : 0);
+    state->boundProgram = usable ? this : nullptr;
+    return usable;
+}
+
+bool ShaderProgram::unbind()
+{
+    if (d->previous.isEmpty())
+        return false;
+    const ShaderProgramPrivate::Previous before = d->previous.last();
+    d->previous.removeLast();
+    ContextState *state = ContextState::current();
+    if (!state)
+        return false;
+    glUseProgram(before.name);
+    state->boundProgram = before.program;
+    return true;
+}
+
+bool ShaderProgram::compile()
+{
+    const ContextState *state = ContextState::current();
+    d->deleteShaders();
+    d->log.clear();
+    d->linked = false;
+    d->compiledWell = false;
+    if (!state || !d->name.create(NameKind::Program)) {
+        d->log = QStringLiteral("no usable OpenGL context is current");
+        return false;
+    }
+    state->labelObject(GL_PROGRAM, d->name.id(), d->label);
+
+    const QString drawIndex = d->drawIndexDefine();
+    bool good = !d->sources.isEmpty();
+    if (!good)
+        d->log = QStringLiteral("program '%1' has no shaders").arg(d->label);
+    QHash<int, int> perStage;
+    for (const ShaderProgramPrivate::Source &source : std::as_const(d->sources)) {
+        const int number = perStage[source.stage]++;
+        const QString title = d->stageTitle(
+            source.stage, source.name.isEmpty() ? QStringLiteral("source %1").arg(number) : source.name);
+        QString text = source.text;
+        if (source.isFile) {
+            bool found = false;
+            text = d->processorInUse().readFile(source.name, &found);
+            if (!found) {
+                d->log += QStringLiteral("%1: the file does not exist\n").arg(title);
+                good = false;
+                continue;
+            }
+        }
+        const ProcessedSource processed = d->processorInUse().process(
+            text, source.name, {{stageDefine(source.stage), QStringLiteral("1")}, {drawIndex, QStringLiteral("1")}});
+        const GLuint shader = glCreateShader(GLenum(source.stage));
+        if (!shader) {
+            d->log += QStringLiteral("%1: the context has no such stage\n").arg(title);
+            good = false;
+            continue;
+        }
+        const QByteArray utf8 = processed.text.toUtf8();
+        const char *data = utf8.constData();
+        const GLint length = GLint(utf8.size());
+        glShaderSource(shader, 1, &data, &length);
+        glCompileShader(shader);
+        d->compiled.append({shader, source.stage, processed});
+
+        GLint status = GL_FALSE;
+        glGetShaderiv(shader, GL_COMPILE_STATUS, &status);
+        const QString message = shaderLog(shader);
+        if (status == GL_TRUE && processed.errors.isEmpty()) {
+            if (!message.isEmpty())
+                d->log += QStringLiteral("%1:\n%2\n").arg(title, message);
+            continue;
+        }
+        good = false;
+        d->log += QStringLiteral("%1 failed to compile:\n").arg(title);
+        for (const QString &error : processed.errors)
+            d->log += error + u'\n';
+        d->log += message + u'\n';
+        const QVector<Place> places = placesIn(message);
+        for (int file = 0; file < processed.originals.size(); ++file) {
+            const bool mentioned = std::any_of(places.cbegin(), places.cend(),
+                                               [file](const Place &p) { return p.file == file; });
+            if (file > 0 && !mentioned)
+                continue;
+            const QString fileName = file > 0 ? processed.fileNames[file] : title;
+            d->log += QStringLiteral("source string %1, %2:\n").arg(file).arg(fileName);
+            d->log += numbered(processed.originals[file], file, places);
+        }
+    }
+    d->compiledWell = good;
+    if (!good)
+        d->fail(false);
+    return good;
+}
+
+bool ShaderProgram::linkPre()
+{
+    const ContextState *state = ContextState::current();
+    if (!state || !d->compiledWell || !d->name.isUsableIn(*state))
+        return false;
+    const GLuint program = d->name.id();
+    for (const ShaderProgramPrivate::Compiled &c : std::as_const(d->compiled))
+        glAttachShader(program, c.shader);
+    const QStringList &shared = sharedAttributeNames();
+    for (qsizetype i = 0; i < shared.size(); ++i)
+        glBindAttribLocation(program, GLuint(i), shared[i].toLatin1().constData());
+    for (qsizetype i = 0; i < d->fragDataLocations.size(); ++i)
+        glBindFragDataLocation(program, GLuint(i), d->fragDataLocations[i].toLatin1().constData());
+    glLinkProgram(program);
+    return true;
+}
+
+bool ShaderProgram::linkPreWait()
+{
+    // Drivers wait in linkPost, when the status is asked for.
+    return d->compiledWell;
+}
+
+bool ShaderProgram::linkPost()
+{
+    const ContextState *state = ContextState::current();
+    if (!state || !d->compiledWell || !d->name.isUsableIn(*state))
+        return false;
+    const GLuint program = d->name.id();
+    GLint status = GL_FALSE;
+    glGetProgramiv(program, GL_LINK_STATUS, &status);
+    d->linked = status == GL_TRUE;
+    const QString message = programLog(program);
+    if (!message.isEmpty())
+        d->log += (d->linked ? QStringLiteral("program '%1':\n%2\n") : QStringLiteral("program '%1' failed to link:\n%2\n"))
+                      .arg(d->label, message);
+    if (d->linked) {
+        static quint64 serial = 0;
+        d->linkSerial = ++serial;
+        d->readInterface();
+    } else {
+        QHash<int, int> perStage;
+        for (const ShaderProgramPrivate::Compiled &c : std::as_const(d->compiled)) {
+            const int number = perStage[c.stage]++;
+            const QString sourceName = c.source.fileNames.value(0);
+            d->log += d->stageTitle(c.stage, sourceName.isEmpty() ? QStringLiteral("source %1").arg(number) : sourceName)
+                + QStringLiteral(":\n") + numbered(c.source.originals.value(0), 0, {});
+        }
+    }
+    for (const ShaderProgramPrivate::Compiled &c : std::as_const(d->compiled))
+        glDetachShader(program, c.shader);
+    d->deleteShaders();
+    if (!d->linked)
+        d->fail(true);
+    return d->linked;
+}
+
+bool ShaderProgram::link()
+{
+    return linkPre() && linkPreWait() && linkPost();
+}
+
+bool ShaderProgram::validate()
+{
+    if (!d->linked || !ContextState::current())
+        return false;
+    glValidateProgram(d->name.id());
+    GLint status = GL_FALSE;
+    glGetProgramiv(d->name.id(), GL_VALIDATE_STATUS, &status);
+    if (status != GL_TRUE)
+        d->log += QStringLiteral("program '%1' is not valid:\n%2\n").arg(d->label, programLog(d->name.id()));
+    return status == GL_TRUE;
+}
+
+void ShaderProgram::setMacroProcessor(GLSLMacroProcessor *processor)
+{
+    d->processor = processor;
+}
+
+void ShaderProgram::addShader(int stage, const QString &source, const QString &name)
+{
+    d->sources.append({stage, source, name, false});
+}
+
+void ShaderProgram::addShaderFromFile(int stage, const QString &fileName)
+{
+    d->sources.append({stage, QString(), fileName, true});
+}
+
+void ShaderProgram::setFragDataLocations(const QStringList &names)
+{
+    d->fragDataLocations = names;
+}
+
+QString ShaderProgram::log() const
+{
+    return d->log;
+}
+
+bool ShaderProgram::setUniform(const QString &name, const QVariant &value)
+{
+    if (value.metaType().id() == QMetaType::QMatrix4x4)
+        return setUniform(name, *static_cast<const QMatrix4x4 *>(value.constData()));
+    int location = -1;
+    GLenum type = 0;
+    if (const ShaderProgramPrivate::Uniform *uniform = d->findUniform(name)) {
+        location = uniform->location;
+        type = uniform->type;
+    } else if (name.endsWith(u']')) {
+        // An element of an array, which GL lists under the name of the array.
+        if (const ShaderProgramPrivate::Uniform *array = d->findUniform(name.left(name.lastIndexOf(u'[')))) {
+            location = getUniformLocation(name);
+            type = array->type;
+        }
+    }
+    if (location < 0 || !d->isCurrent(this))
+        return false;
+    const Values values = valuesOf(value);
+    return values.count > 0 && setFromValues(location, type, values);
+}
+
+bool ShaderProgram::setUniform(const QString &name, const QMatrix4x4 &value)
+{
+    const ShaderProgramPrivate::Uniform *uniform = d->findUniform(name);
+    if (!uniform || !d->isCurrent(this))
+        return false;
+    if (uniform->type == GL_FLOAT_MAT4) {
+        glUniformMatrix4fv(uniform->location, 1, GL_FALSE, value.constData());
+        return true;
+    }
+    if (uniform->type == GL_FLOAT_MAT3) {
+        const float *m = value.constData();
+        const std::array<float, 9> upper{m[0], m[1], m[2], m[4], m[5], m[6], m[8], m[9], m[10]};
+        glUniformMatrix3fv(uniform->location, 1, GL_FALSE, upper.data());
+        return true;
+    }
+    return false;
+}
+
+bool ShaderProgram::setUniform(const QString &name, const QVector<float> &values)
+{
+    const ShaderProgramPrivate::Uniform *uniform = d->findUniform(name);
+    const int components = uniform ? floatComponents(uniform->type) : 0;
+    if (components == 0 || !d->isCurrent(this))
+        return false;
+    const auto count = GLsizei(std::min<qsizetype>(values.size() / components, uniform->size));
+    if (count == 0)
+        return false;
+    const float *data = values.constData();
+    switch (uniform->type) {
+    case GL_FLOAT:
+        glUniform1fv(uniform->location, count, data);
+        break;
+    case GL_FLOAT_VEC2:
+        glUniform2fv(uniform->location, count, data);
+        break;
+    case GL_FLOAT_VEC3:
+        glUniform3fv(uniform->location, count, data);
+        break;
+    case GL_FLOAT_VEC4:
+        glUniform4fv(uniform->location, count, data);
+        break;
+    case GL_FLOAT_MAT2:
+        glUniformMatrix2fv(uniform->location, count, GL_FALSE, data);
+        break;
+    case GL_FLOAT_MAT3:
+        glUniformMatrix3fv(uniform->location, count, GL_FALSE, data);
+        break;
+    default:
+        glUniformMatrix4fv(uniform->location, count, GL_FALSE, data);
+        break;
+    }
+    return true;
+}
+
+bool ShaderProgram::hasUniform(const QString &name) const
+{
+    return d->findUniform(name) != nullptr;
+}
+
+int ShaderProgram::getUniformLocation(const QString &name) const
+{
+    if (const ShaderProgramPrivate::Uniform *uniform = d->findUniform(name))
+        return uniform->location;
+    if (!d->linked || !name.endsWith(u']') || !ContextState::current())
+        return -1;
+    const auto known = d->elementLocations.constFind(name);
+    if (known != d->elementLocations.cend())
+        return *known;
+    const int location = glGetUniformLocation(d->name.id(), name.toLatin1().constData());
+    d->elementLocations.insert(name, location);
+    return location;
+}
+
+int ShaderProgram::attributeLocation(const QString &name) const
+{
+    const auto found = d->attributes.constFind(name);
+    return found == d->attributes.cend() ? -1 : found->location;
+}
+
+unsigned int ShaderProgram::programID() const
+{
+    return d->name.id();
+}
+
+bool ShaderProgram::isLinked() const
+{
+    return d->linked && d->name.id();
+}
+
+void ShaderProgram::setLabel(const QString &label)
+{
+    d->label = label;
+    if (const ContextState *state = ContextState::current(); state && d->name.isUsableIn(*state))
+        state->labelObject(GL_PROGRAM, d->name.id(), label);
+}
+
+QString ShaderProgram::label() const
+{
+    return d->label;
+}
+
+void ShaderProgram::setFailureHandler(std::function<void(const ShaderFailure &)> handler)
+{
+    failureHandler() = std::move(handler);
+}
+
+} // namespace Brevane::Kvo

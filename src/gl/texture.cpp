@@ -1,0 +1,165 @@
+#include "gl/texture.h"
+
+#include "gl/contextstate.h"
+
+#include <QVariant>
+
+#include <epoxy/gl.h>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+GLenum bindingOf(GLenum target)
+{
+    switch (target) {
+    case GL_TEXTURE_1D:
+        return GL_TEXTURE_BINDING_1D;
+    case GL_TEXTURE_3D:
+        return GL_TEXTURE_BINDING_3D;
+    case GL_TEXTURE_1D_ARRAY:
+        return GL_TEXTURE_BINDING_1D_ARRAY;
+    case GL_TEXTURE_2D_ARRAY:
+        return GL_TEXTURE_BINDING_2D_ARRAY;
+    case GL_TEXTURE_CUBE_MAP:
+        return GL_TEXTURE_BINDING_CUBE_MAP;
+    case GL_TEXTURE_BUFFER:
+        return GL_TEXTURE_BINDING_BUFFER;
+    case GL_TEXTURE_RECTANGLE:
+        return GL_TEXTURE_BINDING_RECTANGLE;
+    case GL_TEXTURE_2D_MULTISAMPLE:
+        return GL_TEXTURE_BINDING_2D_MULTISAMPLE;
+    case GL_TEXTURE_2D_MULTISAMPLE_ARRAY:
+        return GL_TEXTURE_BINDING_2D_MULTISAMPLE_ARRAY;
+    default:
+        return GL_TEXTURE_BINDING_2D;
+    }
+}
+
+unsigned int boundNow(GLenum query)
+{
+    GLint value = 0;
+    glGetIntegerv(query, &value);
+    return unsigned(value);
+}
+
+} // namespace
+
+Texture::Texture(QObject *parent) : QObject(parent), _name(std::make_unique<ObjectName>())
+{
+    // RenderPassHelper knows the metatype by name only.
+    static const int registered = qRegisterMetaType<Texture *>();
+    Q_UNUSED(registered)
+}
+
+Texture::~Texture()
+{
+    while (_bindCount > 0)
+        Texture::unbind();
+}
+
+void Texture::setTarget(unsigned int target)
+{
+    _target = target;
+}
+
+unsigned int Texture::target() const
+{
+    return _target;
+}
+
+bool Texture::bind()
+{
+    ContextState *state = ContextState::current();
+    if (!state || !_target)
+        return false;
+    if (_bindCount > 0) {
+        ++_bindCount;
+        glActiveTexture(GL_TEXTURE0 + unsigned(_unit));
+        return true;
+    }
+    const bool isNew = !_name->id();
+    if (isNew ? !_name->create(NameKind::Texture) : !_name->isUsableIn(*state))
+        return false;
+    const int unit = state->takeUnit();
+    if (unit < 0) {
+        static bool reported = false;
+        if (!std::exchange(reported, true))
+            qCritical("No texture unit is left for texture '%s': %d are in use", qPrintable(label()),
+                      state->unitCount());
+        return false;
+    }
+    _unit = unit;
+    _bindCount = 1;
+    _previousUnit = boundNow(GL_ACTIVE_TEXTURE);
+    glActiveTexture(GL_TEXTURE0 + unsigned(unit));
+    _previousTexture = boundNow(bindingOf(_target));
+    glBindTexture(_target, _name->id());
+    if (isNew)
+        state->labelObject(GL_TEXTURE, _name->id(), label());
+    return true;
+}
+
+bool Texture::unbind()
+{
+    if (_bindCount == 0)
+        return false;
+    if (--_bindCount > 0)
+        return true;
+    const int unit = std::exchange(_unit, -1);
+    ContextState *state = ContextState::current();
+    if (!state)
+        return false;
+    glActiveTexture(GL_TEXTURE0 + unsigned(unit));
+    glBindTexture(_target, _previousTexture);
+    glActiveTexture(_previousUnit);
+    state->giveBackUnit(unit);
+    return true;
+}
+
+int Texture::unit() const
+{
+    return _unit;
+}
+
+unsigned int Texture::textureID() const
+{
+    return _name->id();
+}
+
+void Texture::setReadOnly()
+{
+    _readOnly = true;
+}
+
+bool Texture::isReadOnly() const
+{
+    return _readOnly;
+}
+
+void Texture::setLabel(const QString &label)
+{
+    setObjectName(label);
+    // GL takes a label only once the object exists, which is at its first bind.
+    if (const ContextState *state = ContextState::current(); state && _name->isUsableIn(*state))
+        state->labelObject(GL_TEXTURE, _name->id(), label);
+}
+
+QString Texture::label() const
+{
+    return objectName();
+}
+
+QVariant textureToVariant(Texture *texture)
+{
+    return QVariant::fromValue(static_cast<QObject *>(texture));
+}
+
+Texture *textureFromVariant(const QVariant &value)
+{
+    if (value.metaType() == QMetaType::fromType<Texture *>())
+        return *static_cast<Texture *const *>(value.constData());
+    return qobject_cast<Texture *>(qvariant_cast<QObject *>(value));
+}
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,451 @@
+#include "gl/texturemanager.h"
+
+#include "gl/contextstate.h"
+#include "gl/glinfo.h"
+#include "gl/guards.h"
+#include "gl/managedtextures.h"
+#include "gl/texture.h"
+
+#include <QColor>
+#include <QHash>
+#include <QImage>
+#include <QImageReader>
+#include <QSet>
+
+#include <epoxy/gl.h>
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <vector>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+bool hasLinearFilter(GLenum internalFormat)
+{
+    switch (formatFromInternalFormat(internalFormat)) {
+    case GL_RED_INTEGER:
+    case GL_RG_INTEGER:
+    case GL_RGBA_INTEGER:
+    case GL_DEPTH_COMPONENT:
+    case GL_DEPTH_STENCIL:
+        return false;
+    default:
+        return true;
+    }
+}
+
+void setSampling(GLint filter, GLint wrap)
+{
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, filter);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, filter);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, wrap);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, wrap);
+}
+
+struct PoolEntry
+{
+    std::unique_ptr<Texture> texture;
+    TextureFormat format;
+    int width;
+    int height;
+    qint64 bytes;
+    int refs = 0;
+    quint64 releasedAt = 0; // rising number, the latest release is the largest
+    qint64 lastFrame = 0;
+    int tag = -1;
+};
+
+/// What the manager keeps for one share group.
+struct GroupTextures
+{
+    std::vector<std::unique_ptr<PoolEntry>> pool;
+    QHash<QRgb, Texture *> solid;
+    QHash<QString, Texture *> files;
+    std::vector<std::unique_ptr<Texture>> owned;
+    std::unique_ptr<ManagedTextures> managed;
+    TexturePoolStatistics counts;
+};
+
+QImage loadImage(const QString &path, const TextureOptions &options, QString *error)
+{
+    QImageReader reader(path);
+    reader.setAutoTransform(true);
+    QImage image = reader.read();
+    if (image.isNull()) {
+        *error = reader.errorString();
+        return image;
+    }
+    GLint largest = 0;
+    glGetIntegerv(GL_MAX_TEXTURE_SIZE, &largest);
+    const int limit = options.maxSize > 0 ? std::min(options.maxSize, largest) : largest;
+    if (std::max(image.width(), image.height()) > limit)
+        image = image.scaled(limit, limit, Qt::KeepAspectRatio, Qt::SmoothTransformation);
+    image = image.convertToFormat(QImage::Format_RGBA8888).mirrored(false, true);
+    if (options.gamma != 1.0f) {
+        std::array<uchar, 256> table{};
+        for (std::size_t i = 0; i < table.size(); ++i)
+            table[i] = uchar(std::lround(255.0 * std::pow(double(i) / 255.0, double(options.gamma))));
+        for (int y = 0; y < image.height(); ++y) {
+            uchar *line = image.scanLine(y);
+            for (int x = 0; x < image.width(); ++x, line += 4) {
+                for (int c = 0; c < 3; ++c)
+                    line[c] = table[line[c]];
+            }
+        }
+    }
+    return image;
+}
+
+} // namespace
+
+unsigned int internalFormatOf(TextureFormat format)
+{
+    switch (format) {
+    case TextureFormat::VelocityPacked:
+        return GL_R16F;
+    case TextureFormat::Scalar32:
+        return GL_R32F;
+    case TextureFormat::Color8:
+        return GL_RGBA8;
+    case TextureFormat::Result:
+    case TextureFormat::Frame:
+        return GL_RGBA16F;
+    case TextureFormat::TwoChannel8:
+        return GL_RG8;
+    case TextureFormat::Velocity:
+        return GL_RG16F;
+    case TextureFormat::Position:
+        return GL_RGBA32F;
+    case TextureFormat::TwoChannel32:
+        return GL_RG32F;
+    case TextureFormat::Scalar8:
+        return GL_R8;
+    case TextureFormat::Index32:
+        return GL_R32UI;
+    case TextureFormat::FourIndex32:
+        return GL_RGBA32UI;
+    case TextureFormat::Color10:
+        return GL_RGB10_A2;
+    case TextureFormat::PackedFloat:
+        return GL_R11F_G11F_B10F;
+    case TextureFormat::Color8Srgb:
+        return GL_SRGB8_ALPHA8;
+    case TextureFormat::SignedIndex32:
+        return GL_R32I;
+    case TextureFormat::Scalar16Unorm:
+        return GL_R16;
+    case TextureFormat::Color16Unorm:
+        return GL_RGBA16;
+    case TextureFormat::Depth16:
+        return GL_DEPTH_COMPONENT16;
+    case TextureFormat::Depth24:
+        return GL_DEPTH_COMPONENT24;
+    case TextureFormat::Depth32:
+        return GL_DEPTH_COMPONENT32F;
+    case TextureFormat::DepthStencil:
+        return GL_DEPTH24_STENCIL8;
+    case TextureFormat::Depth32Stencil:
+        return GL_DEPTH32F_STENCIL8;
+    }
+    return GL_RGBA16F;
+}
+
+class TextureManagerPrivate
+{
+public:
+    GroupTextures *current()
+    {
+        const ContextState *state = ContextState::current();
+        return state ? &groups[state->group->id()] : nullptr;
+    }
+
+    PoolEntry *find(const Texture *texture)
+    {
+        for (auto &[id, group] : groups) {
+            for (const auto &entry : group.pool) {
+                if (entry->texture.get() == texture)
+                    return entry.get();
+            }
+        }
+        return nullptr;
+    }
+
+    std::map<quint64, GroupTextures> groups;
+    QSet<QString> unreadable;
+    quint64 releases = 0;
+    qint64 frame = 0;
+    bool debug = false;
+};
+
+TextureManager::TextureManager() : d(std::make_unique<TextureManagerPrivate>()) {}
+
+TextureManager::~TextureManager() = default;
+
+TextureManager &TextureManager::Instance()
+{
+    static TextureManager manager;
+    return manager;
+}
+
+Texture *TextureManager::tempTexture(TextureFormat format, int width, int height, int tag)
+{
+    GroupTextures *group = d->current();
+    if (!group)
+        return nullptr;
+    width = std::max(width, 0);
+    height = std::max(height, 0);
+
+    PoolEntry *chosen = nullptr;
+    for (const auto &entry : group->pool) {
+        const bool fits = entry->refs == 0 && entry->format == format && entry->width == width && entry->height == height;
+        if (fits && (!chosen || entry->releasedAt > chosen->releasedAt))
+            chosen = entry.get();
+    }
+    const GLenum internalFormat = internalFormatOf(format);
+    const bool isNew = !chosen;
+    if (isNew) {
+        auto entry = std::make_unique<PoolEntry>();
+        entry->texture = std::make_unique<Texture>();
+        entry->texture->setTarget(GL_TEXTURE_2D);
+        entry->texture->setLabel(QStringLiteral("pool format %1, %2x%3, number %4")
+                                     .arg(int(format))
+                                     .arg(width)
+                                     .arg(height)
+                                     .arg(group->pool.size()));
+        entry->format = format;
+        entry->width = width;
+        entry->height = height;
+        entry->bytes = qint64(width) * height * bytesPerTexel(internalFormat);
+        group->pool.push_back(std::move(entry));
+        chosen = group->pool.back().get();
+        ++group->counts.misses;
+        group->counts.bytes += chosen->bytes;
+        group->counts.peakBytes = std::max(group->counts.peakBytes, group->counts.bytes);
+    } else {
+        ++group->counts.hits;
+    }
+    AutoBinder bound(chosen->texture.get());
+    setSampling(hasLinearFilter(internalFormat) ? GL_LINEAR : GL_NEAREST, GL_CLAMP_TO_EDGE);
+    if (isNew)
+        glTexImage2D(GL_TEXTURE_2D, 0, GLint(internalFormat), width, height, 0,
+                     formatFromInternalFormat(internalFormat), typeFromInternalFormat(internalFormat), nullptr);
+    chosen->refs = 1;
+    chosen->lastFrame = d->frame;
+    chosen->tag = tag;
+    return chosen->texture.get();
+}
+
+void TextureManager::addTempTextureRef(Texture *texture, int count)
+{
+    if (!texture || count <= 0)
+        return;
+    if (PoolEntry *entry = d->find(texture))
+        entry->refs += count;
+}
+
+void TextureManager::releaseTempTextureRef(Texture *texture, int count)
+{
+    if (!texture || count <= 0)
+        return;
+    PoolEntry *entry = d->find(texture);
+    if (!entry)
+        return;
+    if (d->debug && entry->refs < count)
+        qWarning("Texture '%s' is released %d times, but has %d references", qPrintable(texture->label()), count,
+                 entry->refs);
+    entry->refs = std::max(0, entry->refs - count);
+    if (entry->refs == 0) {
+        entry->releasedAt = ++d->releases;
+        entry->lastFrame = d->frame;
+    }
+}
+
+int TextureManager::tempTextureRefs(const Texture *texture) const
+{
+    const PoolEntry *entry = texture ? d->find(texture) : nullptr;
+    return entry ? entry->refs : -1;
+}
+
+void TextureManager::advanceFrame()
+{
+    ++d->frame;
+}
+
+int TextureManager::trim(int maxIdleFrames, qint64 maxBytes)
+{
+    GroupTextures *group = d->current();
+    if (!group)
+        return 0;
+    int freed = 0;
+    const auto free = [&](auto at) {
+        group->counts.bytes -= (*at)->bytes;
+        ++freed;
+        return group->pool.erase(at);
+    };
+    for (auto at = group->pool.begin(); at != group->pool.end();) {
+        const bool isOld = (*at)->refs == 0 && d->frame - (*at)->lastFrame > maxIdleFrames;
+        at = isOld ? free(at) : at + 1;
+    }
+    while (maxBytes >= 0 && group->counts.bytes > maxBytes) {
+        auto oldest = group->pool.end();
+        for (auto at = group->pool.begin(); at != group->pool.end(); ++at) {
+            if ((*at)->refs == 0 && (oldest == group->pool.end() || (*at)->releasedAt < (*oldest)->releasedAt))
+                oldest = at;
+        }
+        if (oldest == group->pool.end())
+            break;
+        free(oldest);
+    }
+    return freed;
+}
+
+TexturePoolStatistics TextureManager::statistics() const
+{
+    const GroupTextures *group = d->current();
+    if (!group)
+        return {};
+    TexturePoolStatistics counts = group->counts;
+    counts.textures = int(group->pool.size());
+    counts.inUse = int(std::count_if(group->pool.cbegin(), group->pool.cend(),
+                                     [](const auto &entry) { return entry->refs > 0; }));
+    counts.free = counts.textures - counts.inUse;
+    return counts;
+}
+
+void TextureManager::setDebug(bool enabled)
+{
+    d->debug = enabled;
+}
+
+QStringList TextureManager::leakedReferences() const
+{
+    QStringList lines;
+    if (const GroupTextures *group = d->current()) {
+        for (const auto &entry : group->pool) {
+            if (entry->refs > 0)
+                lines.append(QStringLiteral("%1: %2 references").arg(entry->texture->label()).arg(entry->refs));
+        }
+    }
+    return lines;
+}
+
+Texture *TextureManager::textureFromFile(const QString &path, const TextureOptions &options)
+{
+    GroupTextures *group = d->current();
+    if (!group)
+        return nullptr;
+    const QString key = QStringLiteral("%1|%2|%3|%4")
+                            .arg(path)
+                            .arg(options.maxSize)
+                            .arg(double(options.gamma))
+                            .arg(int(options.mipmaps));
+    const auto known = group->files.constFind(key);
+    if (known != group->files.cend())
+        return *known;
+    QString error;
+    const QImage image = loadImage(path, options, &error);
+    if (image.isNull()) {
+        // Not cached: the file may be readable the next time.
+        if (!d->unreadable.contains(path)) {
+            d->unreadable.insert(path);
+            qWarning("Image '%s' cannot be read: %s", qPrintable(path), qPrintable(error));
+        }
+        return nullptr;
+    }
+    d->unreadable.remove(path);
+    auto texture = std::make_unique<Texture>();
+    texture->setTarget(GL_TEXTURE_2D);
+    texture->setLabel(path);
+    texture->setReadOnly();
+    const DefaultUnpackState unpack;
+    AutoBinder bound(texture.get());
+    setSampling(GL_LINEAR, GL_CLAMP_TO_EDGE);
+    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, image.width(), image.height(), 0, GL_RGBA, GL_UNSIGNED_BYTE,
+                 image.constBits());
+    if (options.mipmaps) {
+        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR_MIPMAP_LINEAR);
+        glGenerateMipmap(GL_TEXTURE_2D);
+    }
+    group->files.insert(key, texture.get());
+    group->owned.push_back(std::move(texture));
+    return group->owned.back().get();
+}
+
+Texture *TextureManager::solidTexture(const QColor &color)
+{
+    GroupTextures *group = d->current();
+    if (!group)
+        return nullptr;
+    const QRgb key = color.rgba();
+    const auto known = group->solid.constFind(key);
+    if (known != group->solid.cend())
+        return *known;
+    auto texture = std::make_unique<Texture>();
+    texture->setTarget(GL_TEXTURE_2D);
+    texture->setLabel(QStringLiteral("solid %1").arg(color.name(QColor::HexArgb)));
+    texture->setReadOnly();
+    const DefaultUnpackState unpack;
+    AutoBinder bound(texture.get());
+    setSampling(GL_NEAREST, GL_CLAMP_TO_EDGE);
+    const std::array<uchar, 4> texel{uchar(qRed(key)), uchar(qGreen(key)), uchar(qBlue(key)), uchar(qAlpha(key))};
+    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, 1, 1, 0, GL_RGBA, GL_UNSIGNED_BYTE, texel.data());
+    group->solid.insert(key, texture.get());
+    group->owned.push_back(std::move(texture));
+    return group->owned.back().get();
+}
+
+void TextureManager::bindManagedTextures(ShaderProgram *program)
+{
+    GroupTextures *group = d->current();
+    if (!group || !ManagedTextures::isReadBy(program))
+        return;
+    if (!group->managed)
+        group->managed = std::make_unique<ManagedTextures>();
+    group->managed->bind(program);
+}
+
+void TextureManager::unbindManagedTextures(ShaderProgram *program)
+{
+    GroupTextures *group = d->current();
+    if (group && group->managed)
+        group->managed->unbind(program);
+}
+
+int TextureManager::addManagedTexture(const QImage &image, const QString &label)
+{
+    GroupTextures *group = d->current();
+    if (!group || image.isNull())
+        return 0;
+    if (!group->managed)
+        group->managed = std::make_unique<ManagedTextures>();
+    return group->managed->add(image, label);
+}
+
+void TextureManager::removeManagedTexture(int handle)
+{
+    GroupTextures *group = d->current();
+    if (group && group->managed)
+        group->managed->remove(handle);
+}
+
+int TextureManager::managedTextureCount() const
+{
+    const GroupTextures *group = d->current();
+    return group && group->managed ? group->managed->count() : 0;
+}
+
+void TextureManager::dropShareGroup(quint64 id)
+{
+    d->groups.erase(id);
+}
+
+TextureToken::TextureToken()
+{
+    static quint64 counter = 0;
+    _id = ++counter;
+}
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,85 @@
+#include "model/instancedatacollection.h"
+
+#include "gl/bufferobject.h"
+#include "gl/contextstate.h"
+#include "gl/guards.h"
+#include "gl/shaderprogram.h"
+#include "gl/texture.h"
+#include "gl/texturemanager.h"
+#include "model/instancedataplan.h"
+
+#include <epoxy/gl.h>
+
+namespace Brevane::Kvo {
+
+InstanceDataCollection::InstanceDataCollection(const InstanceDataPlan *plan, QObject *parent)
+    : QObject(parent), _plan(plan), _buffer(QSharedPointer<BufferObject>::create()),
+      _texture(std::make_unique<Texture>())
+{
+    _buffer->setTarget(GL_TEXTURE_BUFFER);
+    _texture->setTarget(GL_TEXTURE_BUFFER);
+    _texture->setLabel(QStringLiteral("instance data %1").arg(plan->name()));
+}
+
+InstanceDataCollection::~InstanceDataCollection() = default;
+
+const InstanceDataPlan *InstanceDataCollection::plan() const
+{
+    return _plan;
+}
+
+bool InstanceDataCollection::setData(const QVector<float> &data)
+{
+    if (!ContextState::current())
+        return false;
+    constexpr int kFloatsPerTexel = 4;
+    GLint most = 0;
+    glGetIntegerv(GL_MAX_TEXTURE_BUFFER_SIZE, &most);
+    const qint64 texels = data.size() / kFloatsPerTexel;
+    if (texels > most) {
+        qCritical("Instance data \"%s\" of %lld draws is too large: this driver's texture buffers hold %d",
+                  qPrintable(_plan->name()), qlonglong(texels / _plan->texelsPerDraw()),
+                  most / _plan->texelsPerDraw());
+        return false;
+    }
+    _drawCount = int(texels / _plan->texelsPerDraw());
+    _buffer->upload(data.constData(), int(data.size()), GL_STATIC_DRAW);
+    AutoBinder bound(_texture.get());
+    glTexBuffer(GL_TEXTURE_BUFFER, GL_RGBA32F, _buffer->getBO());
+    return true;
+}
+
+int InstanceDataCollection::drawCount() const
+{
+    return _drawCount;
+}
+
+bool InstanceDataCollection::bind(ShaderProgram *program, TextureManager *manager)
+{
+    if (!program || !_texture->bind())
+        return false;
+    program->setUniform(_plan->samplerName(), _texture->unit());
+    if (manager)
+        manager->bindManagedTextures(program);
+    return true;
+}
+
+bool InstanceDataCollection::unbind(ShaderProgram *program, TextureManager *manager)
+{
+    if (program && manager)
+        manager->unbindManagedTextures(program);
+    return _texture->unbind();
+}
+
+bool InstanceDataCollection::bind()
+{
+    const ContextState *state = ContextState::current();
+    return state && bind(state->boundProgram, nullptr);
+}
+
+bool InstanceDataCollection::unbind()
+{
+    return _texture->unbind();
+}
+
+} // namespace Brevane::Kvo

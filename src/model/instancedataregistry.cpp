@@ -1,0 +1,118 @@
+#include "model/instancedataregistry.h"
+
+#include "model/instancedataplan.h"
+
+namespace Brevane::Kvo {
+
+namespace {
+
+const QString kMatrixDeclarations = QStringLiteral(R"(mat4 getModelMatrix();
+mat4 getModelNormalMatrix();
+)");
+
+// Eight texels a draw: the columns of the model matrix, then those of its inverse transpose.
+const QString kMatrixDefinitions = QStringLiteral(R"(#version 150
+#instancedata "InstanceInfo"
+#include "InstanceData.glslh"
+
+uniform samplerBuffer kvo_InstanceInfoData;
+
+mat4 kvo_instanceMatrix(int first)
+{
+  return mat4(texelFetch(kvo_InstanceInfoData, first),
+              texelFetch(kvo_InstanceInfoData, first + 1),
+              texelFetch(kvo_InstanceInfoData, first + 2),
+              texelFetch(kvo_InstanceInfoData, first + 3));
+}
+
+mat4 getModelMatrix()
+{
+  return kvo_instanceMatrix(KVO_CURRENT_DRAW * 8);
+}
+
+mat4 getModelNormalMatrix()
+{
+  return kvo_instanceMatrix(KVO_CURRENT_DRAW * 8 + 4);
+}
+)");
+
+const QString kMaterialDeclarations = QStringLiteral(R"(vec3 getKd();
+vec3 getKs();
+float getNs();
+float getD();
+int getMap_Kd();
+int getMap_Ks();
+)");
+
+// Three texels a draw: Kd and Ns, Ks and D, the handles of the two maps.
+const QString kMaterialDefinitions = QStringLiteral(R"(#version 150
+#instancedata "OBJMaterial"
+#include "InstanceData.glslh"
+
+uniform samplerBuffer kvo_OBJMaterialData;
+
+vec4 kvo_material(int texel)
+{
+  return texelFetch(kvo_OBJMaterialData, KVO_CURRENT_DRAW * 3 + texel);
+}
+
+vec3 getKd() { return kvo_material(0).rgb; }
+float getNs() { return kvo_material(0).a; }
+vec3 getKs() { return kvo_material(1).rgb; }
+float getD() { return kvo_material(1).a; }
+int getMap_Kd() { return int(kvo_material(2).x); }
+int getMap_Ks() { return int(kvo_material(2).y); }
+)");
+
+} // namespace
+
+InstanceDataRegistry::InstanceDataRegistry()
+{
+    const QString matrixSampler = QStringLiteral("kvo_InstanceInfoData");
+    for (const char *name : {"InstanceInfo", "TarnInstance"})
+        addPlan(new InstanceDataPlan(QLatin1String(name), matrixSampler, 8, kMatrixDeclarations, kMatrixDefinitions));
+    addPlan(new InstanceDataPlan(QStringLiteral("OBJMaterial"), QStringLiteral("kvo_OBJMaterialData"), 3,
+                                 kMaterialDeclarations, kMaterialDefinitions));
+}
+
+InstanceDataRegistry::~InstanceDataRegistry()
+{
+    for (const auto &[name, plan] : _plans)
+        delete plan;
+}
+
+InstanceDataRegistry &InstanceDataRegistry::Instance()
+{
+    static InstanceDataRegistry registry;
+    return registry;
+}
+
+InstanceDataPlan *InstanceDataRegistry::getPlan(const QString &name) const
+{
+    const auto found = _plans.find(name);
+    if (found != _plans.end())
+        return found->second;
+    qCritical("Instance data plan \"%s\" does not exist, there are: %s", qPrintable(name),
+              qPrintable(planNames().join(QLatin1String(", "))));
+    return nullptr;
+}
+
+bool InstanceDataRegistry::hasPlan(const QString &name) const
+{
+    return _plans.contains(name);
+}
+
+QStringList InstanceDataRegistry::planNames() const
+{
+    QStringList names;
+    for (const auto &[name, plan] : _plans)
+        names.append(name);
+    return names;
+}
+
+bool InstanceDataRegistry::addPlan(InstanceDataPlan *plan)
+{
+    return plan && _plans.emplace(plan->name(), plan).second;
+}
+
+} // namespace Brevane::Kvo

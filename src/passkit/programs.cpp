@@ -1,0 +1,87 @@
+#include "passkit/programs.h"
+
+#include "gl/drawbuffers.h"
+#include "gl/guards.h"
+#include "gl/opengldevicecontext.h"
+#include "gl/shaderprogram.h"
+#include "gl/vertexarrayobject.h"
+#include "model/instancedataplan.h"
+#include "model/instancedataregistry.h"
+
+#include <epoxy/gl.h>
+
+namespace Brevane::Kvo {
+
+const QString kScreenVertexShader = QStringLiteral(R"(#version 150
+
+in vec3 va_Vertex;
+in vec2 va_TexCoord;
+
+out vec2 vo_TexCoord;
+
+void main()
+{
+  gl_Position = vec4(va_Vertex, 1.0);
+  vo_TexCoord = va_TexCoord;
+}
+)");
+
+std::vector<ShaderSource> modelProgramSources(const QString &vertexShader, const QString &fragmentShader)
+{
+    return {{GL_VERTEX_SHADER, ShaderSource::Text, vertexShader},
+            {GL_VERTEX_SHADER, ShaderSource::Plan, QStringLiteral("InstanceInfo")},
+            {GL_VERTEX_SHADER, ShaderSource::File, QStringLiteral("KvoUtilities.glslc")},
+            {GL_FRAGMENT_SHADER, ShaderSource::Text, fragmentShader},
+            {GL_FRAGMENT_SHADER, ShaderSource::Plan, QStringLiteral("OBJMaterial")},
+            {GL_FRAGMENT_SHADER, ShaderSource::File, QStringLiteral("TextureManager.glslc")},
+            {GL_FRAGMENT_SHADER, ShaderSource::File, QStringLiteral("KvoUtilities.glslc")}};
+}
+
+ShaderProgram *buildProgram(const ProgramRecipe &recipe, GLSLMacroProcessor *processor)
+{
+    auto *program = new ShaderProgram(nullptr);
+    program->setLabel(recipe.label);
+    if (processor)
+        program->setMacroProcessor(processor);
+    program->setFragDataLocations(recipe.outputs);
+    for (const ShaderSource &source : recipe.sources) {
+        switch (source.kind) {
+        case ShaderSource::Text:
+            program->addShader(source.stage, source.content, QString());
+            break;
+        case ShaderSource::Plan:
+            if (const InstanceDataPlan *plan = InstanceDataRegistry::Instance().getPlan(source.content))
+                program->addShader(source.stage, plan->glslc(), QString());
+            break;
+        case ShaderSource::File:
+            program->addShaderFromFile(source.stage, source.content);
+            break;
+        }
+    }
+    program->compile();
+    program->link();
+    return program;
+}
+
+bool buildOnce(ShaderProgram *&program, const ProgramRecipe &recipe)
+{
+    if (program)
+        return false;
+    program = buildProgram(recipe);
+    return true;
+}
+
+bool fetchOnce(QSharedPointer<DrawBuffers> &quad, Quad which, const ShaderProgram *program)
+{
+    if (quad)
+        return true;
+    const QSharedPointer<OpenGLDeviceContext> context = OpenGLDeviceContext::current();
+    if (!context)
+        return false;
+    quad = which == Quad::Screen ? context->screenQuad() : context->gradientQuad();
+    AutoBinder bound(quad->VAO());
+    quad->VAO()->enableShaderProgramArrays(program);
+    return true;
+}
+
+} // namespace Brevane::Kvo

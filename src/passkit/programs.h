@@ -1,0 +1,53 @@
+#pragma once
+
+#include <QSharedPointer>
+#include <QString>
+#include <QStringList>
+
+#include <initializer_list>
+#include <vector>
+
+namespace Brevane::Kvo {
+
+class DrawBuffers;
+class GLSLMacroProcessor;
+class ShaderProgram;
+
+/// One source of a program: text, the bodies of an instance-data plan, or a file of the shader library.
+struct ShaderSource
+{
+    enum Kind { Text, Plan, File };
+
+    int stage;
+    Kind kind;
+    QString content; ///< The text, the name of the plan, or the name of the file.
+};
+
+/// How a program is built: fragment outputs in the order of their colour numbers, then sources.
+struct ProgramRecipe
+{
+    QString label;
+    QStringList outputs;
+    std::vector<ShaderSource> sources;
+};
+
+/// The sources of a program that draws a model: the vertex text with object data, the fragment text
+/// with materials and their maps.
+std::vector<ShaderSource> modelProgramSources(const QString &vertexShader, const QString &fragmentShader);
+
+/// Builds a program. A failure is left to the failure handler of ShaderProgram: passes go on.
+ShaderProgram *buildProgram(const ProgramRecipe &recipe, GLSLMacroProcessor *processor = nullptr);
+
+/// Builds the program if there is none yet; says whether it just did.
+bool buildOnce(ShaderProgram *&program, const ProgramRecipe &recipe);
+
+enum class Quad { Screen, Gradient };
+
+/// Takes the quad from the current device context if there is none yet, and points the attributes of
+/// the program at it. False without a context.
+bool fetchOnce(QSharedPointer<DrawBuffers> &quad, Quad which, const ShaderProgram *program);
+
+/// The vertex text that most screen passes use.
+extern const QString kScreenVertexShader;
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,36 @@
+#pragma once
+
+#include "passkit/extent.h"
+
+class QObject;
+
+namespace Brevane::Kvo {
+
+class FramebufferObject;
+class Texture;
+
+/// How the texture of an owned target is allocated.
+struct TargetFormat
+{
+    unsigned int internalFormat;
+    unsigned int format;
+    unsigned int type;
+    int filter; ///< For magnification and minification.
+};
+
+/// Makes the framebuffer if there is none; says whether it just did.
+bool made(FramebufferObject *&framebuffer, const char *label);
+
+/// Replaces the texture of a target that a pass owns: the old one is detached and deleted, a new one of
+/// that size allocated and attached. The framebuffer must be bound.
+void replaceTarget(FramebufferObject *framebuffer, unsigned int attachment, const TargetFormat &format,
+                   const Extent &extent);
+
+/// Deletes the texture of an owned target; for destructors.
+void dropTarget(FramebufferObject *framebuffer, unsigned int attachment);
+
+/// Hands an object that a pass lets go of without deleting it to the device context, which frees it at
+/// its end. Null is ignored.
+void giveUp(QObject *object);
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,147 @@
+#include "renderpasses/forwardrenderpass.h"
+
+#include "gl/framebufferobject.h"
+#include "gl/guards.h"
+#include "gl/shaderprogram.h"
+#include "gl/texture.h"
+#include "model/gpumodel.h"
+#include "passkit/lighting.h"
+#include "passkit/programs.h"
+#include "passkit/slots.h"
+#include "passkit/targets.h"
+
+#include <QMatrix4x4>
+
+#include <epoxy/gl.h>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+enum Input { kViewport, kProjectionMatrix, kCameraMatrix, kGeometry };
+enum Output { kFrame, kId };
+
+constexpr TargetFormat kColorTarget{GL_RGBA, GL_BGRA, GL_FLOAT, GL_NEAREST};
+constexpr TargetFormat kDepthTarget{GL_DEPTH_COMPONENT32F, GL_DEPTH_COMPONENT, GL_FLOAT, GL_NEAREST};
+
+const QString kVertexShader = QStringLiteral(R"(#version 150
+#instancedata "InstanceInfo"
+
+uniform mat4 u_CameraMatrix;
+uniform mat4 u_ProjectionMatrix;
+
+in vec3 va_Vertex;
+in vec3 va_Normal;
+in vec2 va_TexCoord;
+
+out vec3 vo_Normal;
+out vec2 vo_TexCoord;
+
+void main()
+{
+  gl_Position = u_ProjectionMatrix * u_CameraMatrix * getModelMatrix() * vec4(va_Vertex, 1.0);
+  mat4 NormalMatrix = transpose(inverse(u_CameraMatrix * getModelMatrix()));
+  vo_Normal = (NormalMatrix * vec4(va_Normal,1.0)).xyz;
+  vo_TexCoord = va_TexCoord;
+}
+)");
+
+const QString kFragmentShaderHead = QStringLiteral(R"(#version 150
+#instancedata "OBJMaterial"
+#include "TextureManager.glslh"
+
+in vec3 vo_Normal;
+in vec2 vo_TexCoord;
+
+out vec4 out_FragColor;
+out vec4 out_Id;
+)");
+
+const QString kFragmentShaderMain = QStringLiteral(R"(
+void main()
+{
+  vec3 Kd = getKd() * managedTexture(getMap_Kd(),vo_TexCoord).rgb;
+  vec3 Ks = getKs() * managedTexture(getMap_Ks(),vo_TexCoord).rgb;
+  vec3 L = normalize(vec3(100, 100, 100));
+  out_FragColor = vec4(directionalLight(Kd, Ks, getNs(), vo_Normal, L), getD());
+  out_Id = vec4(gl_PrimitiveID+1.0);
+}
+)");
+
+const ProgramRecipe &forwardProgram()
+{
+    static const ProgramRecipe recipe{
+        QStringLiteral("ForwardRenderPass"),
+        {QStringLiteral("out_FragColor"), QStringLiteral("out_Id")},
+        modelProgramSources(kVertexShader, kFragmentShaderHead + kDirectionalLight + kFragmentShaderMain)};
+    return recipe;
+}
+
+} // namespace
+
+ForwardRenderPass::ForwardRenderPass()
+{
+    addInput(QStringLiteral("Kvo_QRect_Viewport"), QVariant(), kViewport);
+    addInput(QStringLiteral("Kvo_QMatrix4x4_ProjectionMatrix"), QVariant(), kProjectionMatrix);
+    addInput(QStringLiteral("Kvo_QMatrix4x4_CameraMatrix"), QVariant(), kCameraMatrix);
+    addInput(QStringLiteral("Kvo_KvoGPUModel*_Geometry"), QVariant(), kGeometry);
+    addOutput(QStringLiteral("Kvo_KvoTexture*_Frame"), kFrame);
+    addOutput(QStringLiteral("Kvo_KvoTexture*_Id"), kId);
+}
+
+ForwardRenderPass::ForwardRenderPass(const ForwardRenderPass &other) = default;
+ForwardRenderPass &ForwardRenderPass::operator=(const ForwardRenderPass &other) = default;
+
+// Nothing is freed here, so that a copy of the pass may go on using it all.
+ForwardRenderPass::~ForwardRenderPass()
+{
+    if (_fbo) {
+        for (unsigned int attachment : {GL_COLOR_ATTACHMENT0, GL_COLOR_ATTACHMENT1, GL_DEPTH_ATTACHMENT})
+            giveUp(_fbo->attachment(attachment));
+    }
+    giveUp(_fbo);
+    giveUp(_shaderProgram);
+}
+
+void ForwardRenderPass::start(RenderCallbacks *)
+{
+    const Extent extent = extentOf(_inputs[kViewport].value);
+    const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
+    const auto camera = qvariant_cast<QMatrix4x4>(_inputs[kCameraMatrix].value);
+    GPUModel *model = modelOf(_inputs[kGeometry].value);
+
+    if (made(_fbo, "ForwardRenderPass") || extent != Extent{_width, _height}) {
+        _width = extent.width;
+        _height = extent.height;
+        AutoBinder fbo(_fbo);
+        replaceTarget(_fbo, GL_COLOR_ATTACHMENT0, kColorTarget, extent);
+        replaceTarget(_fbo, GL_COLOR_ATTACHMENT1, kColorTarget, extent);
+        replaceTarget(_fbo, GL_DEPTH_ATTACHMENT, kDepthTarget, extent);
+    }
+    buildOnce(_shaderProgram, forwardProgram());
+
+    if (!extent.isEmpty()) {
+        AutoBinder fbo(_fbo);
+        _fbo->setDrawBuffers();
+        glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
+        glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+        if (model) {
+            AutoEnabler depthTest(GL_DEPTH_TEST);
+            AutoBinder program(_shaderProgram);
+            _shaderProgram->setUniform(QStringLiteral("u_ProjectionMatrix"), projection);
+            _shaderProgram->setUniform(QStringLiteral("u_CameraMatrix"), camera);
+            model->draw(_shaderProgram, 0, 0, CounterClockwiseWinding, false);
+        }
+    }
+    _outputs[kFrame].value = objectForm(_fbo->attachment(GL_COLOR_ATTACHMENT0));
+    _outputs[kId].value = objectForm(_fbo->attachment(GL_COLOR_ATTACHMENT1));
+}
+
+void ForwardRenderPass::setShaderProgram(ShaderProgram *program)
+{
+    if (program != _shaderProgram)
+        giveUp(_shaderProgram);
+    _shaderProgram = program;
+}
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,126 @@
+#include "renderpasses/gradientrenderpass.h"
+
+#include "gl/drawbuffers.h"
+#include "gl/framebufferobject.h"
+#include "gl/guards.h"
+#include "gl/shaderprogram.h"
+#include "gl/texture.h"
+#include "passkit/glstate.h"
+#include "passkit/programs.h"
+#include "passkit/slots.h"
+#include "passkit/targets.h"
+
+#include <QColor>
+
+#include <epoxy/gl.h>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+enum Input { kViewport, kColorTop, kColorBottom };
+enum Output { kFrame };
+
+constexpr TargetFormat kTarget{GL_RGBA32F, GL_BGRA, GL_FLOAT, GL_NEAREST};
+
+const QString kVertexShader = QStringLiteral(R"(#version 150
+
+in vec3 va_Vertex;
+in vec2 va_TexCoord;
+
+uniform vec4 u_ColorTop;
+uniform vec4 u_ColorBottom;
+
+out vec4 vo_Color;
+
+void main()
+{
+  gl_Position = vec4(va_Vertex, 1.0);
+  vo_Color = mix(u_ColorBottom,u_ColorTop,va_TexCoord.y);
+}
+)");
+
+const QString kFragmentShader = QStringLiteral(R"(#version 150
+
+in vec4 vo_Color;
+
+out vec4 out_FragColor;
+
+void main()
+{
+  out_FragColor = vo_Color;
+}
+)");
+
+const ProgramRecipe &gradientProgram()
+{
+    static const ProgramRecipe recipe{QStringLiteral("GradientRenderPass"),
+                                      {QStringLiteral("out_FragColor")},
+                                      {{GL_VERTEX_SHADER, ShaderSource::Text, kVertexShader},
+                                       {GL_FRAGMENT_SHADER, ShaderSource::Text, kFragmentShader}}};
+    return recipe;
+}
+
+// Opaque whatever the colour's alpha: the solid fill is a background.
+void fillSolid(const QColor &color)
+{
+    glDisable(GL_SCISSOR_TEST);
+    glClearColor(float(color.red() / 255.0), float(color.green() / 255.0), float(color.blue() / 255.0), 1.0f);
+    glClear(GL_COLOR_BUFFER_BIT);
+}
+
+} // namespace
+
+GradientRenderPass::GradientRenderPass()
+{
+    addInput(QStringLiteral("Kvo_QRect_Viewport"), QVariant(), kViewport);
+    addInput(QStringLiteral("Kvo_QColor_ColorTop"), QColor(64, 64, 64), kColorTop);
+    addInput(QStringLiteral("Kvo_QColor_ColorBottom"), QColor(153, 153, 153), kColorBottom);
+    addOutput(QStringLiteral("Kvo_KvoTexture*_Frame"), kFrame);
+}
+
+GradientRenderPass::GradientRenderPass(const GradientRenderPass &other) = default;
+GradientRenderPass &GradientRenderPass::operator=(const GradientRenderPass &other) = default;
+
+GradientRenderPass::~GradientRenderPass()
+{
+    dropTarget(_fbo, GL_COLOR_ATTACHMENT0);
+    delete _fbo;
+    delete _shaderProgram;
+}
+
+void GradientRenderPass::start(RenderCallbacks *)
+{
+    const Extent extent = extentOf(_inputs[kViewport].value);
+    if (made(_fbo, "GradientRenderPass") || extent != Extent{_width, _height}) {
+        _width = extent.width;
+        _height = extent.height;
+        AutoBinder fbo(_fbo);
+        replaceTarget(_fbo, GL_COLOR_ATTACHMENT0, kTarget, extent);
+    }
+    buildOnce(_shaderProgram, gradientProgram());
+    fetchOnce(_quad, Quad::Gradient, _shaderProgram);
+
+    const QVariant top = _inputs[kColorTop].value;
+    const QVariant bottom = _inputs[kColorBottom].value;
+    if (hasValue(top) && !extent.isEmpty()) {
+        AutoBinder fbo(_fbo);
+        _fbo->setDrawBuffers();
+        glViewport(0, 0, extent.width, extent.height);
+        disable({GL_DEPTH_TEST, GL_STENCIL_TEST, GL_BLEND, GL_CULL_FACE});
+        openColorMask();
+        if (!hasValue(bottom)) {
+            fillSolid(qvariant_cast<QColor>(top));
+        } else {
+            AutoBinder program(_shaderProgram);
+            _shaderProgram->setUniform(QStringLiteral("u_ColorTop"), QVariant(qvariant_cast<QColor>(top)));
+            _shaderProgram->setUniform(QStringLiteral("u_ColorBottom"), QVariant(qvariant_cast<QColor>(bottom)));
+            AutoBinder quad(_quad);
+            if (!_quad || !_quad->draw())
+                setErrorCode(static_cast<unsigned int>(-1));
+        }
+    }
+    _outputs[kFrame].value = objectForm(_fbo->attachment(GL_COLOR_ATTACHMENT0));
+}
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,126 @@
+#include "renderpasses/modeldeferredpass.h"
+
+#include "gl/drawbuffers.h"
+#include "gl/framebufferobject.h"
+#include "gl/guards.h"
+#include "gl/shaderprogram.h"
+#include "gl/texture.h"
+#include "passkit/lighting.h"
+#include "passkit/programs.h"
+#include "passkit/slots.h"
+#include "passkit/targets.h"
+
+#include <epoxy/gl.h>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+enum Input { kViewport, kProjectionMatrix, kCameraMatrix, kDiffuse, kSpecular, kNormal, kDepth };
+enum Output { kFrame };
+
+constexpr TargetFormat kTarget{GL_RGBA, GL_BGRA, GL_UNSIGNED_BYTE, GL_NEAREST};
+
+const QString kFragmentShaderHead = QStringLiteral(R"(#version 150
+
+uniform sampler2D u_SamplerDiffuse;
+uniform sampler2D u_SamplerSpecular;
+uniform sampler2D u_SamplerNormal;
+uniform sampler2D u_SamplerDepth;
+
+in vec2 vo_TexCoord;
+
+out vec4 out_FragColor;
+)");
+
+const QString kFragmentShaderMain = QStringLiteral(R"(
+void main()
+{
+  vec4 Kd = texture(u_SamplerDiffuse, vo_TexCoord);
+  vec4 spec = texture(u_SamplerSpecular, vo_TexCoord);
+  vec3 Ks = spec.rgb;
+  float Ns = spec.a;
+  vec3 N = texture(u_SamplerNormal, vo_TexCoord).xyz;
+  vec3 L = normalize(vec3(100, 100, 100));
+  out_FragColor = vec4(directionalLight(Kd.rgb, Ks, Ns, N, L), Kd.a);
+}
+)");
+
+const ProgramRecipe &shadingProgram()
+{
+    static const ProgramRecipe recipe{
+        QStringLiteral("ModelDeferredPass"),
+        {QStringLiteral("out_FragColor")},
+        {{GL_VERTEX_SHADER, ShaderSource::Text, kScreenVertexShader},
+         {GL_FRAGMENT_SHADER, ShaderSource::Text, kFragmentShaderHead + kDirectionalLight + kFragmentShaderMain}}};
+    return recipe;
+}
+
+} // namespace
+
+ModelDeferredPass::ModelDeferredPass()
+{
+    setTextureForm(TextureForm::Object);
+    addInput(QStringLiteral("Kvo_QRect_Viewport"), QVariant(), kViewport);
+    addInput(QStringLiteral("Kvo_QMatrix4x4_ProjectionMatrix"), QVariant(), kProjectionMatrix);
+    addInput(QStringLiteral("Kvo_QMatrix4x4_CameraMatrix"), QVariant(), kCameraMatrix);
+    addInput(QStringLiteral("Kvo_KvoTexture*_Diffuse"), QVariant(), kDiffuse);
+    addInput(QStringLiteral("Kvo_KvoTexture*_Specular"), QVariant(), kSpecular);
+    addInput(QStringLiteral("Kvo_KvoTexture*_Normal"), QVariant(), kNormal);
+    addInput(QStringLiteral("Kvo_KvoTexture*_Depth"), QVariant(), kDepth);
+    addOutput(QStringLiteral("Kvo_KvoTexture*_Frame"), kFrame);
+}
+
+ModelDeferredPass::ModelDeferredPass(const ModelDeferredPass &other) = default;
+ModelDeferredPass &ModelDeferredPass::operator=(const ModelDeferredPass &other) = default;
+
+ModelDeferredPass::~ModelDeferredPass()
+{
+    dropTarget(_fbo, GL_COLOR_ATTACHMENT0);
+    delete _fbo;
+    delete _shaderProgram;
+    delete _defaultTexture;
+}
+
+// The light is fixed to the camera, so the matrices of inputs 1 and 2 do not enter.
+void ModelDeferredPass::start(RenderCallbacks *)
+{
+    const Extent extent = extentOf(_inputs[kViewport].value);
+    const auto textureOr = [this](Input input) {
+        Texture *texture = objectTexture(_inputs[input].value);
+        return texture ? texture : _defaultTexture;
+    };
+    Texture *diffuse = textureOr(kDiffuse);
+    Texture *specular = textureOr(kSpecular);
+    Texture *normal = textureOr(kNormal);
+
+    if (made(_fbo, "ModelDeferredPass") || extent != Extent{_width, _height}) {
+        _width = extent.width;
+        _height = extent.height;
+        AutoBinder fbo(_fbo);
+        replaceTarget(_fbo, GL_COLOR_ATTACHMENT0, kTarget, extent);
+    }
+    buildOnce(_shaderProgram, shadingProgram());
+    fetchOnce(_quad, Quad::Screen, _shaderProgram);
+
+    if (!extent.isEmpty()) {
+        AutoBinder fbo(_fbo);
+        _fbo->setDrawBuffers();
+        glDisable(GL_DEPTH_TEST);
+        glClear(GL_COLOR_BUFFER_BIT);
+        if (diffuse && specular && normal && _quad) {
+            AutoBinder program(_shaderProgram);
+            AutoBinder boundDiffuse(diffuse);
+            AutoBinder boundSpecular(specular);
+            AutoBinder boundNormal(normal);
+            _shaderProgram->setUniform(QStringLiteral("u_SamplerDiffuse"), diffuse->unit());
+            _shaderProgram->setUniform(QStringLiteral("u_SamplerSpecular"), specular->unit());
+            _shaderProgram->setUniform(QStringLiteral("u_SamplerNormal"), normal->unit());
+            AutoBinder quad(_quad);
+            _quad->draw();
+        }
+    }
+    _outputs[kFrame].value = objectForm(_fbo->attachment(GL_COLOR_ATTACHMENT0));
+}
+
+} // namespace Brevane::Kvo

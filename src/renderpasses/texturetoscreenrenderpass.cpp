@@ -1,0 +1,244 @@
+#include "renderpasses/texturetoscreenrenderpass.h"
+
+#include "gl/drawbuffers.h"
+#include "gl/framebufferobject.h"
+#include "gl/guards.h"
+#include "gl/shaderprogram.h"
+#include "gl/texture.h"
+#include "gl/texturemanager.h"
+#include "gl/vertexarrayobject.h"
+#include "passkit/glstate.h"
+#include "passkit/programs.h"
+#include "passkit/slots.h"
+#include "passkit/targets.h"
+
+#include <QColor>
+#include <QRect>
+#include <QVarLengthArray>
+#include <QVector2D>
+
+#include <epoxy/gl.h>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+enum Input {
+    kViewport,
+    kTexture,
+    kEnableSuperSampling,
+    kViewportOut,
+    kTextureOut,
+    kLinearFilter,
+    kRects,
+    kFramebufferOut
+};
+
+// The block starts from the position in the target, not in the rectangle, so that several rectangles of
+// one target show parts of one image.
+const QString kFragmentShader = QStringLiteral(R"(#version 150
+#include "KvoUtilities.glslh"
+
+uniform sampler2D u_SamplerTexture;
+uniform vec2 u_RenderSize;
+
+in vec2 vo_TexCoord;
+
+out vec4 out_FragColor;
+
+void main()
+{
+  vec2 TextureSize = vec2(textureSize(u_SamplerTexture, 0));
+  vec2 RenderSize = u_RenderSize;
+  ivec2 StepSize = max( ivec2(1,1), ivec2(round(TextureSize / RenderSize)));
+  ivec2 Base = ivec2( ivec2(gl_FragCoord.xy) * StepSize);
+
+  vec4 Output = vec4(0.0);
+  ivec2 Pos;
+  for(Pos.x = 0; Pos.x < StepSize.x; Pos.x++)
+  {
+    for(Pos.y = 0; Pos.y < StepSize.y; Pos.y++)
+      Output += texelFetch(u_SamplerTexture, Base + Pos, 0);
+  }
+  out_FragColor = Output / (float(StepSize.x) * float(StepSize.y));
+  //gammaCorrect(Output, u_ScreenGamma)
+}
+)");
+
+const ProgramRecipe &superSamplingProgram()
+{
+    static const ProgramRecipe recipe{QStringLiteral("TextureToScreenRenderPass"),
+                                      {QStringLiteral("out_FragColor")},
+                                      {{GL_VERTEX_SHADER, ShaderSource::Text, kScreenVertexShader},
+                                       {GL_FRAGMENT_SHADER, ShaderSource::Text, kFragmentShader}}};
+    return recipe;
+}
+
+using Rectangles = QVarLengthArray<QRect, 8>;
+
+Rectangles rectanglesOf(const QVariant &value, const QRect &viewport)
+{
+    Rectangles rectangles;
+    if (hasValue(value)) {
+        if (value.canConvert<QRect>()) {
+            rectangles.append(qvariant_cast<QRect>(value));
+        } else if (value.canConvert<QVariantList>()) {
+            const QVariantList list = qvariant_cast<QVariantList>(value);
+            for (const QVariant &element : list)
+                rectangles.append(qvariant_cast<QRect>(element));
+        }
+    }
+    if (rectangles.isEmpty())
+        rectangles.append(viewport);
+    return rectangles;
+}
+
+// The GL name, which exists from the first bind in a context on.
+unsigned int nameOf(FramebufferObject *framebuffer)
+{
+    if (framebuffer->getFBO() == 0)
+        AutoBinder makeName(framebuffer);
+    return framebuffer->getFBO();
+}
+
+// Height is compared with the source's width on purpose: a source that is not square filters linearly
+// even at its own size.
+GLenum blitFilter(bool linear, const QRect &source, const QRect &destination)
+{
+    const bool scales = destination.width() != source.width() || destination.height() != source.width();
+    return linear && scales ? GL_LINEAR : GL_NEAREST;
+}
+
+void blit(const QRect &from, const QRect &to, GLenum filter)
+{
+    glBlitFramebuffer(from.left(), from.top(), from.left() + from.width(), from.top() + from.height(), to.left(),
+                      to.top(), to.left() + to.width(), to.top() + to.height(), GL_COLOR_BUFFER_BIT, filter);
+}
+
+// False for an empty target or source, and where a context has no default framebuffer.
+bool isComplete(GLenum target)
+{
+    return glCheckFramebufferStatus(target) == GL_FRAMEBUFFER_COMPLETE;
+}
+
+} // namespace
+
+TextureToScreenRenderPass::TextureToScreenRenderPass()
+{
+    setTextureForm(TextureForm::Object);
+    addInput(QStringLiteral("Kvo_QRect_Viewport"), QVariant(), kViewport);
+    addInput(QStringLiteral("Kvo_KvoTexture*_Texture"), QVariant(), kTexture);
+    addInput(QStringLiteral("Kvo_Bool_EnableSuperSampling"), QVariant(), kEnableSuperSampling);
+    addInput(QStringLiteral("Kvo_QRect_ViewportOut"), QVariant(), kViewportOut);
+    addInput(QStringLiteral("Kvo_KvoTexture*_TextureOut"), QVariant(), kTextureOut);
+    addInput(QStringLiteral("Kvo_Bool_LinearFilter"), QVariant(), kLinearFilter);
+    addInput(QStringLiteral("Kvo_QVariant_Rects"), QVariant(), kRects);
+    addInput(QStringLiteral("Kvo_KvoFramebuffer*_FramebufferOut"), QVariant(), kFramebufferOut);
+}
+
+TextureToScreenRenderPass::TextureToScreenRenderPass(const TextureToScreenRenderPass &other) = default;
+TextureToScreenRenderPass &TextureToScreenRenderPass::operator=(const TextureToScreenRenderPass &other) = default;
+
+TextureToScreenRenderPass::~TextureToScreenRenderPass()
+{
+    delete _shaderProgram;
+    delete _readFbo;
+    delete _drawFbo;
+}
+
+void TextureToScreenRenderPass::start(RenderCallbacks *)
+{
+    const QRect viewport = qvariant_cast<QRect>(_inputs[kViewport].value);
+    const Rectangles destinations = rectanglesOf(_inputs[kViewportOut].value, viewport);
+    const Rectangles sources = rectanglesOf(_inputs[kRects].value, viewport);
+    const qsizetype pairs = qMin(sources.size(), destinations.size());
+    Texture *texture = objectTexture(_inputs[kTexture].value);
+    Texture *textureOut = objectTexture(_inputs[kTextureOut].value);
+    FramebufferObject *framebufferOut = framebufferOf(_inputs[kFramebufferOut].value);
+    const bool linear = qvariant_cast<bool>(_inputs[kLinearFilter].value);
+
+    if (const QVariant enable = _inputs[kEnableSuperSampling].value; hasValue(enable)) {
+        const bool superSampling = qvariant_cast<bool>(enable);
+        if (superSampling != _superSampling) {
+            _superSampling = superSampling;
+            delete _shaderProgram;
+            _shaderProgram = nullptr;
+        }
+    }
+    TextureManager &manager = TextureManager::Instance();
+    if (_superSampling) {
+        if (!texture)
+            texture = _defaultTexture = manager.solidTexture(QColor(Qt::transparent));
+        const bool isNew = buildOnce(_shaderProgram, superSamplingProgram());
+        if (fetchOnce(_quad, Quad::Gradient, _shaderProgram) && isNew) {
+            AutoBinder arrays(_quad->VAO());
+            _quad->VAO()->enableShaderProgramArrays(_shaderProgram);
+        }
+    }
+    made(_drawFbo, "TextureToScreenRenderPass target");
+
+    if (textureOut) {
+        glBindFramebuffer(GL_DRAW_FRAMEBUFFER, nameOf(_drawFbo));
+        glFramebufferTexture(GL_DRAW_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, textureOut->textureID(), 0);
+        glDrawBuffer(GL_COLOR_ATTACHMENT0);
+    } else if (framebufferOut && nameOf(framebufferOut) != 0) {
+        glBindFramebuffer(GL_DRAW_FRAMEBUFFER, framebufferOut->getFBO());
+        glDrawBuffer(GL_COLOR_ATTACHMENT0);
+    } else {
+        glBindFramebuffer(GL_DRAW_FRAMEBUFFER, 0);
+    }
+
+    if (!_superSampling && !texture) {
+        if (isComplete(GL_DRAW_FRAMEBUFFER))
+            glClear(GL_COLOR_BUFFER_BIT);
+    } else if (!_superSampling) {
+        made(_readFbo, "TextureToScreenRenderPass source");
+        glBindFramebuffer(GL_READ_FRAMEBUFFER, nameOf(_readFbo));
+        glFramebufferTexture(GL_READ_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, texture->textureID(), 0);
+        glReadBuffer(GL_COLOR_ATTACHMENT0);
+        if (isComplete(GL_READ_FRAMEBUFFER) && isComplete(GL_DRAW_FRAMEBUFFER)) {
+            for (qsizetype i = 0; i < pairs; ++i)
+                blit(sources[i], destinations[i], blitFilter(linear, sources[i], destinations[i]));
+        }
+        glFramebufferTexture(GL_READ_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, 0, 0);
+        glBindFramebuffer(GL_READ_FRAMEBUFFER, 0);
+    } else if (texture && _quad) {
+        disable({GL_DEPTH_TEST, GL_BLEND, GL_STENCIL_TEST});
+        openColorMask();
+        glEnable(GL_SCISSOR_TEST);
+        {
+            AutoBinder program(_shaderProgram);
+            AutoBinder boundTexture(texture);
+            AutoBinder arrays(_quad->VAO());
+            const bool canDraw = isComplete(GL_DRAW_FRAMEBUFFER);
+            for (qsizetype i = 0; i < pairs && canDraw; ++i) {
+                const QRect &to = destinations[i];
+                if (to.isEmpty())
+                    continue;
+                glViewport(to.left(), to.top(), to.width(), to.height());
+                glScissor(to.left(), to.top(), to.width(), to.height());
+                _shaderProgram->setUniform(QStringLiteral("u_SamplerTexture"), texture->unit());
+                _shaderProgram->setUniform(QStringLiteral("u_RenderSize"),
+                                           QVector2D(float(to.width()), float(to.height())));
+                _quad->draw();
+            }
+        }
+        glDisable(GL_SCISSOR_TEST);
+    }
+
+    if (textureOut)
+        glFramebufferTexture(GL_DRAW_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, 0, 0);
+    glBindFramebuffer(GL_DRAW_FRAMEBUFFER, 0);
+    manager.releaseTempTextureRef(texture, 1);
+}
+
+void TextureToScreenRenderPass::teardownContextData(RenderCallbacks *)
+{
+    delete _readFbo;
+    _readFbo = nullptr;
+    delete _drawFbo;
+    _drawFbo = nullptr;
+    _quad.reset();
+}
+
+} // namespace Brevane::Kvo
