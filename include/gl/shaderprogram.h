@@ -68,6 +68,11 @@ public:
     /// The index in the list is the colour number of that fragment output.
     void setFragDataLocations(const QStringList &names);
 
+    /// Lets this program use the GL program of another one that is built from the same texts and may
+    /// share too, which makes building it again cheap. The two then have their uniforms in common: only
+    /// for programs whose uniforms are all set before each draw. Call it before compile; off at first.
+    void setMayShare(bool mayShare);
+
     /// What compiler and linker said: stage, source name and line, and the numbered source of what
     /// failed. Empty when all went well and the driver had nothing to say.
     QString log() const;

@@ -5,6 +5,7 @@
 
 #include <QMetaType>
 #include <QObject>
+#include <QVarLengthArray>
 
 #include <memory>
 
@@ -56,9 +57,8 @@ private:
     std::unique_ptr<ObjectName> _name;
     unsigned int _target = 0;
     unsigned int _previousTexture = 0;
-    unsigned int _previousUnit = 0;
+    QVarLengthArray<unsigned int, 2> _previousUnits; // one per bind
     int _unit = -1;
-    int _bindCount = 0;
     bool _readOnly = false;
 };
 

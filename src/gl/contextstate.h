@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QHash>
 #include <QObject>
 #include <QPointer>
 #include <QSet>
@@ -16,6 +17,7 @@ namespace Brevane::Kvo {
 
 class OpenGLDeviceContext;
 class ShaderProgram;
+struct LinkedProgram;
 
 /// Kinds of GL names that the library makes. Contexts of a share group share all but the last two.
 enum class NameKind { Texture, Buffer, Program, Framebuffer, VertexArray };
@@ -59,6 +61,8 @@ public:
     void abandon();
 
     NameStore names;
+    /// Programs that may be shared, by their texts.
+    QHash<QByteArray, QWeakPointer<LinkedProgram>> programs;
 
 private:
     quint64 _id;

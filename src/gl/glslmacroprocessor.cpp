@@ -16,6 +16,8 @@ namespace {
 constexpr char16_t kLibraryPath[] = u":/Media/Shaders";
 constexpr int kMaxIncludeDepth = 32;
 
+const QRegularExpression kVersionLine(QStringLiteral("^\\s*#\\s*version\\s+(\\d+)"));
+
 QString fileInPaths(const QStringList &paths, const QString &fileName, bool *found)
 {
     QStringList places = paths;
@@ -41,7 +43,6 @@ public:
     {
         static const QRegularExpression directive(
             QStringLiteral("^\\s*#\\s*(include|instancedata)\\b\\s*(?:[\"<]([^\">]*)[\">])?"));
-        static const QRegularExpression version(QStringLiteral("^\\s*#\\s*version\\s+(\\d+)"));
         QString out;
         const QStringList lines = text.split(u'\n');
         for (qsizetype i = 0; i < lines.size(); ++i) {
@@ -50,7 +51,7 @@ public:
             followComments(line);
             const bool isLast = i + 1 == lines.size();
             if (!startsInComment) {
-                if (const auto m = version.match(line); m.hasMatch()) {
+                if (const auto m = kVersionLine.match(line); m.hasMatch()) {
                     if (file == 0)
                         _version = m.captured(1).toInt();
                     else
@@ -83,7 +84,25 @@ public:
     }
 
     int version() const { return _version; }
-    void setVersion(int version) { _version = version; }
+
+    // The version decides how #line counts, so it is looked up before anything is expanded. Gives its
+    // line without the line end, with whatever stands behind the number (core, compatibility).
+    QString findVersion(const QString &text)
+    {
+        QString found;
+        for (const QString &line : text.split(u'\n')) {
+            const bool startsInComment = _inComment;
+            followComments(line);
+            const auto match = kVersionLine.match(line);
+            if (startsInComment || !match.hasMatch())
+                continue;
+            _version = match.captured(1).toInt();
+            found = line.trimmed();
+            break;
+        }
+        _inComment = false;
+        return found;
+    }
 
 private:
     void followComments(const QString &line)
@@ -185,16 +204,9 @@ ProcessedSource GLSLMacroProcessor::process(const QString &source, const QString
     result.fileNames.append(name);
     result.originals.append(source);
 
-    // The version decides how #line counts, so it is looked up before anything is expanded. Whatever
-    // stands in its line behind the number (core, compatibility) is kept.
-    static const QRegularExpression versionLine(QStringLiteral("^[ \\t]*#[ \\t]*version[ \\t]+(\\d+)[^\\n]*"),
-                                                QRegularExpression::MultilineOption);
-    const QRegularExpressionMatch version = versionLine.match(source);
     Expansion expansion(_includePaths, result);
-    if (version.hasMatch())
-        expansion.setVersion(version.captured(1).toInt());
-
-    QString text = version.hasMatch() ? version.captured(0).trimmed() : QStringLiteral("#version 150");
+    const QString version = expansion.findVersion(source);
+    QString text = version.isEmpty() ? QStringLiteral("#version 150") : version;
     text += u'\n';
     for (const auto &[define, value] : _defines)
         text += QStringLiteral("#define %1 %2\n").arg(define, value);

@@ -107,7 +107,7 @@ QString numbered(const QString &text, int file, const QVector<Place> &marked)
     const QStringList lines = text.split(u'\n');
     for (int i = 0; i < lines.size(); ++i) {
         const bool mark = marked.contains(Place{file, i + 1});
-        out += QStringLiteral("%1%2 | %3\n").arg(mark ? u'>' : u' ').arg(i + 1, 4).arg(lines[i]);
+        out += QStringLiteral("%1%2 | %3\n").arg(QChar(mark ? u'>' : u' ')).arg(i + 1, 4).arg(lines[i]);
     }
     return out;
 }
@@ -329,10 +329,48 @@ QString ShaderProgramPrivate::drawIndexDefine() const
                                     : QStringLiteral("KVO_DRAW_INDEX_VARYING");
 }
 
-QString ShaderProgramPrivate::stageTitle(int stage, const QString &sourceName) const
+QString ShaderProgramPrivate::stageTitle(int stage, const QString &sourceName, int number) const
 {
-    const QString program = label.isEmpty() ? QString() : QStringLiteral(" of program '%1'").arg(label);
-    return QStringLiteral("%1 shader '%2'%3").arg(QLatin1String(stageName(stage)), sourceName, program);
+    const QString source = sourceName.isEmpty() ? QStringLiteral("source %1").arg(number) : sourceName;
+    const QString owner = label.isEmpty() ? QString() : QStringLiteral(" of program '%1'").arg(label);
+    return QStringLiteral("%1 shader '%2'%3").arg(QLatin1String(stageName(stage)), source, owner);
+}
+
+bool ShaderProgramPrivate::compileStage(Compiled &c, const QString &title)
+{
+    c.shader = glCreateShader(GLenum(c.stage));
+    if (!c.shader) {
+        log += QStringLiteral("%1: the context has no such stage\n").arg(title);
+        return false;
+    }
+    const QByteArray utf8 = c.source.text.toUtf8();
+    const char *data = utf8.constData();
+    const auto length = GLint(utf8.size());
+    glShaderSource(c.shader, 1, &data, &length);
+    glCompileShader(c.shader);
+
+    GLint status = GL_FALSE;
+    glGetShaderiv(c.shader, GL_COMPILE_STATUS, &status);
+    const QString message = shaderLog(c.shader);
+    if (status == GL_TRUE && c.source.errors.isEmpty()) {
+        if (!message.isEmpty())
+            log += QStringLiteral("%1:\n%2\n").arg(title, message);
+        return true;
+    }
+    log += QStringLiteral("%1 failed to compile:\n").arg(title);
+    for (const QString &error : std::as_const(c.source.errors))
+        log += error + u'\n';
+    log += message + u'\n';
+    const QVector<Place> places = placesIn(message);
+    for (int file = 0; file < c.source.originals.size(); ++file) {
+        const bool mentioned = std::any_of(places.cbegin(), places.cend(),
+                                           [file](const Place &p) { return p.file == file; });
+        if (file > 0 && !mentioned)
+            continue;
+        log += QStringLiteral("source string %1, %2:\n").arg(file).arg(file > 0 ? c.source.fileNames[file] : title);
+        log += numbered(c.source.originals[file], file, places);
+    }
+    return false;
 }
 
 void ShaderProgramPrivate::deleteShaders()
@@ -350,12 +388,9 @@ void ShaderProgramPrivate::fail(bool whileLinking)
         handler({label, log, whileLinking});
 }
 
-void ShaderProgramPrivate::readInterface()
+void LinkedProgram::readInterface()
 {
     const GLuint program = name.id();
-    uniforms.clear();
-    elementLocations.clear();
-    attributes.clear();
     std::array<char, 512> buffer{};
     GLint count = 0;
     glGetProgramiv(program, GL_ACTIVE_UNIFORMS, &count);
@@ -384,23 +419,25 @@ void ShaderProgramPrivate::readInterface()
         glUniformBlockBinding(program, block, UniformBufferObject::kDrawCommandsBinding);
 }
 
-const ShaderProgramPrivate::Uniform *ShaderProgramPrivate::findUniform(const QString &uniformName) const
+const LinkedProgram::Uniform *ShaderProgramPrivate::findUniform(const QString &uniformName) const
 {
-    const auto found = uniforms.constFind(uniformName);
-    return found == uniforms.cend() ? nullptr : &*found;
+    if (!program)
+        return nullptr;
+    const auto found = program->uniforms.constFind(uniformName);
+    return found == program->uniforms.cend() ? nullptr : &*found;
 }
 
 bool ShaderProgramPrivate::isCurrent(const ShaderProgram *q) const
 {
     const ContextState *state = ContextState::current();
-    if (!state || !linked)
+    if (!state || !isLinked())
         return false;
     if (state->boundProgram == q)
         return true;
     // A host may have made it current with plain GL.
     GLint current = 0;
     glGetIntegerv(GL_CURRENT_PROGRAM, &current);
-    return GLuint(current) == name.id();
+    return GLuint(current) == id();
 }
 
 ShaderProgram::ShaderProgram(QObject *parent) : QObject(parent), d(std::make_unique<ShaderProgramPrivate>()) {}
@@ -420,9 +457,9 @@ bool ShaderProgram::bind()
     GLint before = 0;
     glGetIntegerv(GL_CURRENT_PROGRAM, &before);
     d->previous.append({GLuint(before), state->boundProgram});
-    const bool usable = d->linked && d->name.isUsableIn(*state);
+    const bool usable = d->isLinked() && d->program->name.isUsableIn(*state);
     // A broken program draws nothing. Leaving the program of before in place would draw with it.
-    glUseProgram(usable ? d->name.id() : 0);
+    glUseProgram(usable ? d->id() : 0);
     state->boundProgram = usable ? this : nullptr;
     return usable;
 }
@@ -445,72 +482,50 @@ bool ShaderProgram::compile()
 {
     const ContextState *state = ContextState::current();
     d->deleteShaders();
+    d->program.reset();
     d->log.clear();
-    d->linked = false;
     d->compiledWell = false;
-    if (!state || !d->name.create(NameKind::Program)) {
+    if (!state) {
         d->log = QStringLiteral("no usable OpenGL context is current");
         return false;
     }
-    state->labelObject(GL_PROGRAM, d->name.id(), d->label);
-
-    const QString drawIndex = d->drawIndexDefine();
     bool good = !d->sources.isEmpty();
     if (!good)
         d->log = QStringLiteral("program '%1' has no shaders").arg(d->label);
-    QHash<int, int> perStage;
+
+    const QString drawIndex = d->drawIndexDefine();
+    d->shareKey = d->fragDataLocations.join(u'\0').toUtf8();
     for (const ShaderProgramPrivate::Source &source : std::as_const(d->sources)) {
-        const int number = perStage[source.stage]++;
-        const QString title = d->stageTitle(
-            source.stage, source.name.isEmpty() ? QStringLiteral("source %1").arg(number) : source.name);
         QString text = source.text;
         if (source.isFile) {
             bool found = false;
             text = d->processorInUse().readFile(source.name, &found);
             if (!found) {
-                d->log += QStringLiteral("%1: the file does not exist\n").arg(title);
+                d->log += QStringLiteral("%1: the file does not exist\n").arg(d->stageTitle(source.stage, source.name));
                 good = false;
                 continue;
             }
         }
-        const ProcessedSource processed = d->processorInUse().process(
+        ProcessedSource processed = d->processorInUse().process(
             text, source.name, {{stageDefine(source.stage), QStringLiteral("1")}, {drawIndex, QStringLiteral("1")}});
-        const GLuint shader = glCreateShader(GLenum(source.stage));
-        if (!shader) {
-            d->log += QStringLiteral("%1: the context has no such stage\n").arg(title);
-            good = false;
-            continue;
-        }
-        const QByteArray utf8 = processed.text.toUtf8();
-        const char *data = utf8.constData();
-        const GLint length = GLint(utf8.size());
-        glShaderSource(shader, 1, &data, &length);
-        glCompileShader(shader);
-        d->compiled.append({shader, source.stage, processed});
+        d->shareKey += '\0' + QByteArray::number(source.stage) + '\0' + processed.text.toUtf8();
+        d->compiled.append({0, source.stage, std::move(processed)});
+    }
+    if (good && d->mayShare)
+        d->program = state->group->programs.value(d->shareKey).toStrongRef();
+    if (d->program) {
+        d->compiled.clear();
+        d->compiledWell = true;
+        return true;
+    }
 
-        GLint status = GL_FALSE;
-        glGetShaderiv(shader, GL_COMPILE_STATUS, &status);
-        const QString message = shaderLog(shader);
-        if (status == GL_TRUE && processed.errors.isEmpty()) {
-            if (!message.isEmpty())
-                d->log += QStringLiteral("%1:\n%2\n").arg(title, message);
-            continue;
-        }
-        good = false;
-        d->log += QStringLiteral("%1 failed to compile:\n").arg(title);
-        for (const QString &error : processed.errors)
-            d->log += error + u'\n';
-        d->log += message + u'\n';
-        const QVector<Place> places = placesIn(message);
-        for (int file = 0; file < processed.originals.size(); ++file) {
-            const bool mentioned = std::any_of(places.cbegin(), places.cend(),
-                                               [file](const Place &p) { return p.file == file; });
-            if (file > 0 && !mentioned)
-                continue;
-            const QString fileName = file > 0 ? processed.fileNames[file] : title;
-            d->log += QStringLiteral("source string %1, %2:\n").arg(file).arg(fileName);
-            d->log += numbered(processed.originals[file], file, places);
-        }
+    d->program = QSharedPointer<LinkedProgram>::create();
+    d->program->name.create(NameKind::Program);
+    state->labelObject(GL_PROGRAM, d->id(), d->label);
+    QHash<int, int> perStage;
+    for (ShaderProgramPrivate::Compiled &c : d->compiled) {
+        const QString title = d->stageTitle(c.stage, c.source.fileNames[0], perStage[c.stage]++);
+        good = d->compileStage(c, title) && good;
     }
     d->compiledWell = good;
     if (!good)
@@ -521,9 +536,11 @@ bool ShaderProgram::compile()
 bool ShaderProgram::linkPre()
 {
     const ContextState *state = ContextState::current();
-    if (!state || !d->compiledWell || !d->name.isUsableIn(*state))
+    if (!state || !d->compiledWell || !d->program->name.isUsableIn(*state))
         return false;
-    const GLuint program = d->name.id();
+    if (d->program->linked)
+        return true;
+    const GLuint program = d->id();
     for (const ShaderProgramPrivate::Compiled &c : std::as_const(d->compiled))
         glAttachShader(program, c.shader);
     const QStringList &shared = sharedAttributeNames();
@@ -544,35 +561,37 @@ bool ShaderProgram::linkPreWait()
 bool ShaderProgram::linkPost()
 {
     const ContextState *state = ContextState::current();
-    if (!state || !d->compiledWell || !d->name.isUsableIn(*state))
+    if (!state || !d->compiledWell || !d->program->name.isUsableIn(*state))
         return false;
-    const GLuint program = d->name.id();
+    if (d->program->linked)
+        return true;
+    const GLuint program = d->id();
     GLint status = GL_FALSE;
     glGetProgramiv(program, GL_LINK_STATUS, &status);
-    d->linked = status == GL_TRUE;
+    d->program->linked = status == GL_TRUE;
     const QString message = programLog(program);
     if (!message.isEmpty())
-        d->log += (d->linked ? QStringLiteral("program '%1':\n%2\n") : QStringLiteral("program '%1' failed to link:\n%2\n"))
+        d->log += (status == GL_TRUE ? QStringLiteral("program '%1':\n%2\n")
+                                     : QStringLiteral("program '%1' failed to link:\n%2\n"))
                       .arg(d->label, message);
-    if (d->linked) {
+    if (d->program->linked) {
         static quint64 serial = 0;
-        d->linkSerial = ++serial;
-        d->readInterface();
+        d->program->serial = ++serial;
+        d->program->readInterface();
+        if (d->mayShare)
+            state->group->programs.insert(d->shareKey, d->program);
     } else {
         QHash<int, int> perStage;
-        for (const ShaderProgramPrivate::Compiled &c : std::as_const(d->compiled)) {
-            const int number = perStage[c.stage]++;
-            const QString sourceName = c.source.fileNames.value(0);
-            d->log += d->stageTitle(c.stage, sourceName.isEmpty() ? QStringLiteral("source %1").arg(number) : sourceName)
-                + QStringLiteral(":\n") + numbered(c.source.originals.value(0), 0, {});
-        }
+        for (const ShaderProgramPrivate::Compiled &c : std::as_const(d->compiled))
+            d->log += d->stageTitle(c.stage, c.source.fileNames[0], perStage[c.stage]++) + QStringLiteral(":\n")
+                + numbered(c.source.originals[0], 0, {});
     }
     for (const ShaderProgramPrivate::Compiled &c : std::as_const(d->compiled))
         glDetachShader(program, c.shader);
     d->deleteShaders();
-    if (!d->linked)
+    if (!d->program->linked)
         d->fail(true);
-    return d->linked;
+    return d->program->linked;
 }
 
 bool ShaderProgram::link()
@@ -582,13 +601,13 @@ bool ShaderProgram::link()
 
 bool ShaderProgram::validate()
 {
-    if (!d->linked || !ContextState::current())
+    if (!d->isLinked() || !ContextState::current())
         return false;
-    glValidateProgram(d->name.id());
+    glValidateProgram(d->id());
     GLint status = GL_FALSE;
-    glGetProgramiv(d->name.id(), GL_VALIDATE_STATUS, &status);
+    glGetProgramiv(d->id(), GL_VALIDATE_STATUS, &status);
     if (status != GL_TRUE)
-        d->log += QStringLiteral("program '%1' is not valid:\n%2\n").arg(d->label, programLog(d->name.id()));
+        d->log += QStringLiteral("program '%1' is not valid:\n%2\n").arg(d->label, programLog(d->id()));
     return status == GL_TRUE;
 }
 
@@ -623,12 +642,12 @@ bool ShaderProgram::setUniform(const QString &name, const QVariant &value)
         return setUniform(name, *static_cast<const QMatrix4x4 *>(value.constData()));
     int location = -1;
     GLenum type = 0;
-    if (const ShaderProgramPrivate::Uniform *uniform = d->findUniform(name)) {
+    if (const LinkedProgram::Uniform *uniform = d->findUniform(name)) {
         location = uniform->location;
         type = uniform->type;
     } else if (name.endsWith(u']')) {
         // An element of an array, which GL lists under the name of the array.
-        if (const ShaderProgramPrivate::Uniform *array = d->findUniform(name.left(name.lastIndexOf(u'[')))) {
+        if (const LinkedProgram::Uniform *array = d->findUniform(name.left(name.lastIndexOf(u'[')))) {
             location = getUniformLocation(name);
             type = array->type;
         }
@@ -641,7 +660,7 @@ bool ShaderProgram::setUniform(const QString &name, const QVariant &value)
 
 bool ShaderProgram::setUniform(const QString &name, const QMatrix4x4 &value)
 {
-    const ShaderProgramPrivate::Uniform *uniform = d->findUniform(name);
+    const LinkedProgram::Uniform *uniform = d->findUniform(name);
     if (!uniform || !d->isCurrent(this))
         return false;
     if (uniform->type == GL_FLOAT_MAT4) {
@@ -659,7 +678,7 @@ bool ShaderProgram::setUniform(const QString &name, const QMatrix4x4 &value)
 
 bool ShaderProgram::setUniform(const QString &name, const QVector<float> &values)
 {
-    const ShaderProgramPrivate::Uniform *uniform = d->findUniform(name);
+    const LinkedProgram::Uniform *uniform = d->findUniform(name);
     const int components = uniform ? floatComponents(uniform->type) : 0;
     if (components == 0 || !d->isCurrent(this))
         return false;
@@ -700,39 +719,46 @@ bool ShaderProgram::hasUniform(const QString &name) const
 
 int ShaderProgram::getUniformLocation(const QString &name) const
 {
-    if (const ShaderProgramPrivate::Uniform *uniform = d->findUniform(name))
+    if (const LinkedProgram::Uniform *uniform = d->findUniform(name))
         return uniform->location;
-    if (!d->linked || !name.endsWith(u']') || !ContextState::current())
+    if (!d->isLinked() || !name.endsWith(u']') || !ContextState::current())
         return -1;
-    const auto known = d->elementLocations.constFind(name);
-    if (known != d->elementLocations.cend())
+    const auto known = d->program->elementLocations.constFind(name);
+    if (known != d->program->elementLocations.cend())
         return *known;
-    const int location = glGetUniformLocation(d->name.id(), name.toLatin1().constData());
-    d->elementLocations.insert(name, location);
+    const int location = glGetUniformLocation(d->id(), name.toLatin1().constData());
+    d->program->elementLocations.insert(name, location);
     return location;
 }
 
 int ShaderProgram::attributeLocation(const QString &name) const
 {
-    const auto found = d->attributes.constFind(name);
-    return found == d->attributes.cend() ? -1 : found->location;
+    if (!d->program)
+        return -1;
+    const auto found = d->program->attributes.constFind(name);
+    return found == d->program->attributes.cend() ? -1 : found->location;
 }
 
 unsigned int ShaderProgram::programID() const
 {
-    return d->name.id();
+    return d->id();
 }
 
 bool ShaderProgram::isLinked() const
 {
-    return d->linked && d->name.id();
+    return d->isLinked();
+}
+
+void ShaderProgram::setMayShare(bool mayShare)
+{
+    d->mayShare = mayShare;
 }
 
 void ShaderProgram::setLabel(const QString &label)
 {
     d->label = label;
-    if (const ContextState *state = ContextState::current(); state && d->name.isUsableIn(*state))
-        state->labelObject(GL_PROGRAM, d->name.id(), label);
+    if (const ContextState *state = ContextState::current(); state && d->program && d->program->name.isUsableIn(*state))
+        state->labelObject(GL_PROGRAM, d->id(), label);
 }
 
 QString ShaderProgram::label() const

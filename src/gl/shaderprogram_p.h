@@ -11,16 +11,10 @@ namespace Brevane::Kvo {
 
 class ShaderProgram;
 
-class ShaderProgramPrivate
+/// A GL program and what it says of itself once linked. Programs that allow it share one of these when
+/// they are built from the same texts.
+struct LinkedProgram
 {
-public:
-    struct Source
-    {
-        int stage;
-        QString text;
-        QString name;
-        bool isFile;
-    };
     struct Uniform
     {
         int location;
@@ -31,6 +25,27 @@ public:
     {
         int location;
         bool isInteger;
+    };
+
+    void readInterface();
+
+    ObjectName name;
+    bool linked = false;
+    quint64 serial = 0;
+    QHash<QString, Uniform> uniforms;
+    QHash<QString, int> elementLocations;
+    QHash<QString, Attribute> attributes;
+};
+
+class ShaderProgramPrivate
+{
+public:
+    struct Source
+    {
+        int stage;
+        QString text;
+        QString name;
+        bool isFile;
     };
     struct Compiled
     {
@@ -47,26 +62,25 @@ public:
     const GLSLMacroProcessor &processorInUse() const;
     /// How fragment and geometry stages learn the index of a draw; see InstanceData.glslh.
     QString drawIndexDefine() const;
-    QString stageTitle(int stage, const QString &sourceName) const;
+    QString stageTitle(int stage, const QString &sourceName, int number = 0) const;
+    bool compileStage(Compiled &compiled, const QString &title);
     void deleteShaders();
-    void readInterface();
     void fail(bool whileLinking);
-    const Uniform *findUniform(const QString &name) const;
+    const LinkedProgram::Uniform *findUniform(const QString &name) const;
+    unsigned int id() const { return program ? program->name.id() : 0; }
+    bool isLinked() const { return program && program->linked && program->name.id(); }
     bool isCurrent(const ShaderProgram *q) const;
 
-    ObjectName name;
+    QSharedPointer<LinkedProgram> program;
     GLSLMacroProcessor *processor = nullptr;
     QVector<Source> sources;
     QVector<Compiled> compiled;
     QStringList fragDataLocations;
     QString log;
     QString label;
+    bool mayShare = false;
     bool compiledWell = false;
-    bool linked = false;
-    quint64 linkSerial = 0;
-    QHash<QString, Uniform> uniforms;
-    mutable QHash<QString, int> elementLocations;
-    QHash<QString, Attribute> attributes;
+    QByteArray shareKey; // of the texts that compile processed
     QVarLengthArray<Previous, 4> previous;
 };
 

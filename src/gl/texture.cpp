@@ -54,7 +54,7 @@ Texture::Texture(QObject *parent) : QObject(parent), _name(std::make_unique<Obje
 
 Texture::~Texture()
 {
-    while (_bindCount > 0)
+    while (!_previousUnits.isEmpty())
         Texture::unbind();
 }
 
@@ -73,8 +73,8 @@ bool Texture::bind()
     ContextState *state = ContextState::current();
     if (!state || !_target)
         return false;
-    if (_bindCount > 0) {
-        ++_bindCount;
+    if (!_previousUnits.isEmpty()) {
+        _previousUnits.append(boundNow(GL_ACTIVE_TEXTURE));
         glActiveTexture(GL_TEXTURE0 + unsigned(_unit));
         return true;
     }
@@ -90,8 +90,7 @@ bool Texture::bind()
         return false;
     }
     _unit = unit;
-    _bindCount = 1;
-    _previousUnit = boundNow(GL_ACTIVE_TEXTURE);
+    _previousUnits.append(boundNow(GL_ACTIVE_TEXTURE));
     glActiveTexture(GL_TEXTURE0 + unsigned(unit));
     _previousTexture = boundNow(bindingOf(_target));
     glBindTexture(_target, _name->id());
@@ -102,17 +101,22 @@ bool Texture::bind()
 
 bool Texture::unbind()
 {
-    if (_bindCount == 0)
+    if (_previousUnits.isEmpty())
         return false;
-    if (--_bindCount > 0)
-        return true;
-    const int unit = std::exchange(_unit, -1);
+    const unsigned int previousUnit = _previousUnits.last();
+    _previousUnits.removeLast();
+    const bool isLast = _previousUnits.isEmpty();
+    const int unit = isLast ? std::exchange(_unit, -1) : _unit;
     ContextState *state = ContextState::current();
     if (!state)
         return false;
+    if (!isLast) {
+        glActiveTexture(previousUnit);
+        return true;
+    }
     glActiveTexture(GL_TEXTURE0 + unsigned(unit));
     glBindTexture(_target, _previousTexture);
-    glActiveTexture(_previousUnit);
+    glActiveTexture(previousUnit);
     state->giveBackUnit(unit);
     return true;
 }

@@ -45,6 +45,14 @@ void setSampling(GLint filter, GLint wrap)
     glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, wrap);
 }
 
+// Passes fill a single texel of theirs in whatever format suits it; the pool makes sure of its own.
+bool isBoundTextureOf(GLenum internalFormat)
+{
+    GLint actual = 0;
+    glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_INTERNAL_FORMAT, &actual);
+    return GLenum(actual) == internalFormat;
+}
+
 struct PoolEntry
 {
     std::unique_ptr<Texture> texture;
@@ -229,7 +237,7 @@ Texture *TextureManager::tempTexture(TextureFormat format, int width, int height
     }
     AutoBinder bound(chosen->texture.get());
     setSampling(hasLinearFilter(internalFormat) ? GL_LINEAR : GL_NEAREST, GL_CLAMP_TO_EDGE);
-    if (isNew)
+    if (isNew || (width == 1 && height == 1 && !isBoundTextureOf(internalFormat)))
         glTexImage2D(GL_TEXTURE_2D, 0, GLint(internalFormat), width, height, 0,
                      formatFromInternalFormat(internalFormat), typeFromInternalFormat(internalFormat), nullptr);
     chosen->refs = 1;

@@ -162,7 +162,7 @@ bool VertexArrayObject::enableShaderProgramArrays(const ShaderProgram *program)
 {
     if (!program || !program->isLinked())
         return false;
-    const quint64 serial = program->d->linkSerial;
+    const quint64 serial = program->d->program->serial;
     if (std::find(d->knownPrograms.cbegin(), d->knownPrograms.cend(), serial) != d->knownPrograms.cend())
         return true;
 
@@ -172,8 +172,8 @@ bool VertexArrayObject::enableShaderProgramArrays(const ShaderProgram *program)
         return false;
     for (qsizetype i = 0; i < qsizetype(d->attributes.size()); ++i) {
         const Attribute &a = d->attributes[std::size_t(i)];
-        const auto active = program->d->attributes.constFind(a.name);
-        if (active == program->d->attributes.cend() || active->location < 0)
+        const auto active = program->d->program->attributes.constFind(a.name);
+        if (active == program->d->program->attributes.cend() || active->location < 0)
             continue;
         if (!a.buffer->getBO())
             AutoBinder makeName(a.buffer);

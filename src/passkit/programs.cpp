@@ -41,6 +41,7 @@ ShaderProgram *buildProgram(const ProgramRecipe &recipe, GLSLMacroProcessor *pro
 {
     auto *program = new ShaderProgram(nullptr);
     program->setLabel(recipe.label);
+    program->setMayShare(true);
     if (processor)
         program->setMacroProcessor(processor);
     program->setFragDataLocations(recipe.outputs);

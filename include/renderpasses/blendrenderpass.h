@@ -1,0 +1,82 @@
+#pragma once
+
+#include "core/renderpasshelper.h"
+#include "renderpasses/export.h"
+
+#include <QSharedPointer>
+
+namespace Brevane::Kvo {
+
+class DrawBuffers;
+class FramebufferObject;
+class ShaderProgram;
+class Texture;
+
+/// Composes two images of premultiplied colour with one of 26 blend functions in one draw.
+///
+/// | # | Input                       | Type    | Meaning                                                      |
+/// |---|-----------------------------|---------|--------------------------------------------------------------|
+/// | 0 | Kvo_QRect_Viewport          | QRect   | size of the target; its corner is the corner of the GL viewport |
+/// | 1 | Kvo_KvoTexture*_FrameA      | texture | source; none: transparent black                              |
+/// | 2 | Kvo_KvoTexture*_FrameB      | texture | destination; none: transparent black                         |
+/// | 3 | Int_BlendMode               | int     | a BlendMode, kept for later frames; others give transparent black |
+/// | 4 | brightness                  | float   | scale on all four channels of frame B; 1 when not connected  |
+///
+/// | # | Output                   | Format        |
+/// |---|--------------------------|---------------|
+/// | 0 | Kvo_KvoTexture*_Frame    | pool format 7 |
+///
+/// The Porter-Duff operators, the separable modes of SVG compositing in their premultiplied forms, and
+/// two of our own (InvertAndAdd, MultiplyKeepAlpha). Overlay compares the destination's colour with 1,
+/// not with its alpha. SoftLight, ColorDodge and ColorBurn divide by the destination's alpha: pixels
+/// that frame B does not cover are undefined there. Inputs are given back to the pool.
+///
+/// Leaves changed: viewport, depth test and blending off. Needs OpenGL 3.2.
+class KVO_RENDERPASSES_EXPORT BlendRenderPass : public RenderPassHelper
+{
+public:
+    enum BlendMode {
+        blendClear,
+        blendSrc,
+        blendDst,
+        blendSrcOver,
+        blendDstOver,
+        blendSrcIn,
+        blendDstIn,
+        blendSrcOut,
+        blendDstOut,
+        blendSrcAtop,
+        blendDstAtop,
+        blendXor,
+        blendAdd,
+        blendMultiply,
+        blendScreen,
+        blendOverlay,
+        blendDarken,
+        blendLighten,
+        blendColorDodge,
+        blendColorBurn,
+        blendHardLight,
+        blendSoftLight,
+        blendExclusion,
+        blendDifference,
+        blendInvertAndAdd,
+        blendMultiplyKeepAlpha,
+    };
+
+    explicit BlendRenderPass(BlendMode mode = blendDstOver);
+    BlendRenderPass(const BlendRenderPass &other);
+    BlendRenderPass &operator=(const BlendRenderPass &other);
+    ~BlendRenderPass() override;
+
+    void start(RenderCallbacks *callbacks) override;
+
+private:
+    FramebufferObject *_fbo = nullptr;
+    ShaderProgram *_program = nullptr;
+    QSharedPointer<DrawBuffers> _quad;
+    Texture *_fallbackTexture = nullptr;
+    int _blendMode;
+};
+
+} // namespace Brevane::Kvo

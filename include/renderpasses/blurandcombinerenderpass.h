@@ -1,0 +1,52 @@
+#pragma once
+
+#include "renderpasses/blurbaserenderpass.h"
+
+namespace Brevane::Kvo {
+
+class Texture;
+
+/// Glow: keeps the bright pixels of an image, blurs them and adds them to a frame.
+///
+/// | # | Input                           | Type    | Meaning                                                |
+/// |---|---------------------------------|---------|--------------------------------------------------------|
+/// | 0 | Kvo_QRect_Viewport              | QRect   | size of all images                                     |
+/// | 1 | Kvo_KvoTexture*_NormalFrame     | texture | the frame; none: transparent black                     |
+/// | 2 | Kvo_float_BlurRadius            | float   | sigma in texels; 0 or less: the frame passes through   |
+/// | 3 | Kvo_float_GlowThreshold         | float   | luminance below which nothing glows; 0 or less: all glows |
+/// | 4 | Kvo_float_GlowAmount            | float   | strength; 0 or less: the frame passes through          |
+/// | 5 | Kvo_KvoTexture*_BlurFrame       | texture | what glows; none: transparent black                    |
+///
+/// | # | Output                   | Format                             |
+/// |---|--------------------------|------------------------------------|
+/// | 0 | Kvo_KvoTexture*_Output   | pool format 7, or the frame itself |
+///
+/// Both blur stages apply the amount, so the glow scales with its square: 0.5 adds a quarter of the
+/// blurred image. Luminance has the weights 0.2125, 0.7154, 0.0721. Inputs are given back to the pool.
+///
+/// Leaves changed: depth test off, depth mask 0; the filters of both inputs linear and their wrap
+/// clamped. Needs OpenGL 3.2.
+class KVO_RENDERPASSES_EXPORT BlurAndCombineRenderPass : public BlurBaseRenderPass
+{
+public:
+    BlurAndCombineRenderPass();
+    BlurAndCombineRenderPass(const BlurAndCombineRenderPass &other);
+    BlurAndCombineRenderPass &operator=(const BlurAndCombineRenderPass &other);
+    ~BlurAndCombineRenderPass() override;
+
+    void start(RenderCallbacks *callbacks) override;
+
+private:
+    void drawWithThresholdShader(Texture *input, Texture *output);
+    void drawWithBlurOnlyShader(Texture *input, Texture *output);
+    void drawWithBlurAndAddShader(Texture *original, Texture *blurred, Texture *output);
+
+    ShaderProgram *_blurAndAddProgram = nullptr;
+    ShaderProgram *_thresholdProgram = nullptr;
+    float _glowAmount = 0.0f;
+    float _glowThreshold = 0.0f;
+    float _viewportWidth = 0.0f;
+    float _viewportHeight = 0.0f;
+};
+
+} // namespace Brevane::Kvo

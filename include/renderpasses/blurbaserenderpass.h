@@ -1,0 +1,55 @@
+#pragma once
+
+#include "core/renderpasshelper.h"
+#include "renderpasses/export.h"
+
+#include <QSharedPointer>
+#include <QString>
+#include <QVector>
+
+namespace Brevane::Kvo {
+
+class DrawBuffers;
+class FramebufferObject;
+class ShaderProgram;
+
+/// What the separable blur passes have in common: kernel, shaders, and the objects of a blur. It
+/// declares no slots and draws nothing itself.
+///
+/// The kernel is a Gaussian whose sigma is the radius, in texels, cut at about two sigmas and
+/// normalised, so that the tail's weight goes to the taps that remain. Two neighbouring taps are folded
+/// into one bilinear fetch between them.
+///
+/// A derived pass sets _blurRadius, calls calculateBlurWeights, then makeShaderProgram: the size of the
+/// arrays in the program is that of the kernel at that moment. A program that a pass replaces is given
+/// up to the device context, not deleted.
+class KVO_RENDERPASSES_EXPORT BlurBaseRenderPass : public RenderPassHelper
+{
+public:
+    /// A \a stencilMask other than 0 builds programs that leave fully transparent texels unblurred.
+    explicit BlurBaseRenderPass(float stencilMask = 0.0f);
+    BlurBaseRenderPass(const BlurBaseRenderPass &other);
+    BlurBaseRenderPass &operator=(const BlurBaseRenderPass &other);
+    ~BlurBaseRenderPass() override;
+
+protected:
+    /// Rebuilds _weights and _offsets from _blurRadius. Afterwards the two have the same length,
+    /// _offsets[0] is 0, and _weights[0] plus twice the sum of the others is 1.
+    void calculateBlurWeights();
+    /// GLSL of one blur stage: `u_Input` blurred along `stepVec` with `weight` and `offset`.
+    QString getBaseFragmentShaderSource();
+    QString getBaseVertexShaderSource();
+    /// A program of the base vertex shader and this fragment text. The caller owns it.
+    ShaderProgram *makeShaderProgram(const QString &fragmentShader) const;
+
+    FramebufferObject *_fbo = nullptr;
+    ShaderProgram *_blurProgram = nullptr;
+    QSharedPointer<DrawBuffers> _quad;
+    float _blurRadius = 0.0f;
+    float _stencilMask;
+    QVector<float> _weights; ///< The uniform array `weight`.
+    QVector<float> _offsets; ///< The uniform array `offset`, in texels.
+    QString _samplesCountName; ///< The macro that sizes both arrays.
+};
+
+} // namespace Brevane::Kvo

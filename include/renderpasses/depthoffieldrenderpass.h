@@ -1,0 +1,55 @@
+#pragma once
+
+#include "core/renderpasshelper.h"
+#include "renderpasses/export.h"
+
+#include <QSharedPointer>
+
+namespace Brevane::Kvo {
+
+class DrawBuffers;
+class FramebufferObject;
+class ShaderProgram;
+
+/// Blurs a frame by the circle of confusion of a thin lens, with a gather over three rings of 18 taps in
+/// all; bright taps weigh more, and colours fringe.
+///
+/// | # | Input                       | Type      | Meaning                                                   |
+/// |---|-----------------------------|-----------|-----------------------------------------------------------|
+/// | 0 | Kvo_QRect_Viewport          | QRect     | size of the target, pixels                                |
+/// | 1 | Kvo_KvoTexture*_Frame       | texture   | the image; none: the output is invalid                    |
+/// | 2 | Kvo_KvoTexture*_Depth       | texture   | window depth in the first channel                         |
+/// | 3 | Kvo_float_FocalDepth        | float     | distance in focus, metres; used without autofocus         |
+/// | 4 | Kvo_float_FocalLength       | float     | focal length, millimetres                                 |
+/// | 5 | Kvo_float_FStop             | float     | aperture, f-number                                        |
+/// | 6 | Kvo_bool_AutoFocus          | bool      | focus on the depth at input 7                             |
+/// | 7 | Kvo_QVector2D_Focus         | QVector2D | autofocus point, 0 to 1, (0, 0) at the lower left         |
+///
+/// | # | Output                   | Format                        |
+/// |---|--------------------------|-------------------------------|
+/// | 0 | Kvo_KvoTexture*_Frame    | GL_RGBA32F, owned by the pass |
+///
+/// Depth is made linear for clip planes at 0.1 and 100, whatever the camera's are. Alpha of the output
+/// is undefined. A missing depth texture reads as the far plane. Nothing is given back to the pool, and
+/// the output is overwritten in the next frame. The image's filters are put back.
+///
+/// Leaves changed: viewport, depth test off. Needs OpenGL 3.2.
+class KVO_RENDERPASSES_EXPORT DepthOfFieldRenderPass : public RenderPassHelper
+{
+public:
+    DepthOfFieldRenderPass();
+    DepthOfFieldRenderPass(const DepthOfFieldRenderPass &other);
+    DepthOfFieldRenderPass &operator=(const DepthOfFieldRenderPass &other);
+    ~DepthOfFieldRenderPass() override;
+
+    void start(RenderCallbacks *callbacks) override;
+
+private:
+    FramebufferObject *_fbo = nullptr;
+    ShaderProgram *_program = nullptr;
+    QSharedPointer<DrawBuffers> _quad;
+    int _width = 0;
+    int _height = 0;
+};
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,40 @@
+#pragma once
+
+#include "renderpasses/blurbaserenderpass.h"
+
+namespace Brevane::Kvo {
+
+/// Blurs an image in two stages, horizontal and vertical, at a lower resolution if wanted, and only
+/// where a stencil buffer holds one material if wanted.
+///
+/// | # | Input                           | Type    | Default | Meaning                                          |
+/// |---|---------------------------------|---------|---------|--------------------------------------------------|
+/// | 0 | Kvo_QRect_Viewport              | QRect   | none    | size of the image                                |
+/// | 1 | Kvo_KvoTexture*_Input           | texture | none    | image to blur; none: black                       |
+/// | 2 | Kvo_float_BlurRadius            | float   | none    | sigma in texels of the target; up to 1 the input passes through |
+/// | 3 | Kvo_float_ResolutionDivider     | float   | 1       | the target is the viewport divided by this, at least 0.01 |
+/// | 4 | Kvo_KvoTexture*_Stencil         | texture | none    | depth and stencil; restricts the blur            |
+/// | 5 | Kvo_int_StencilMaterial         | int     | -1      | material to blur; the stencil holds it plus 1; negative: everything |
+///
+/// | # | Output                   | Format                            |
+/// |---|--------------------------|-----------------------------------|
+/// | 0 | Kvo_KvoTexture*_Output   | pool format 7, or the input itself |
+///
+/// Where the stencil does not hold the material the result is opaque black. Inputs are given back to
+/// the pool, except a stencil texture that is wired with a negative material: its reference stays.
+///
+/// Leaves changed: depth test off, depth mask 0, clear colour (0, 0, 0, 1); with a stencil also stencil
+/// test off and stencil mask 0; the input's filter linear and its wrap clamped. Needs OpenGL 3.2.
+class KVO_RENDERPASSES_EXPORT GaussianBlurRenderPass : public BlurBaseRenderPass
+{
+public:
+    /// \a stencilMask as in BlurBaseRenderPass; it is independent of the stencil inputs.
+    explicit GaussianBlurRenderPass(float stencilMask = 0.0f);
+    GaussianBlurRenderPass(const GaussianBlurRenderPass &other);
+    GaussianBlurRenderPass &operator=(const GaussianBlurRenderPass &other);
+    ~GaussianBlurRenderPass() override;
+
+    void start(RenderCallbacks *callbacks) override;
+};
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,47 @@
+#pragma once
+
+#include "core/renderpasshelper.h"
+#include "renderpasses/export.h"
+
+#include <QSharedPointer>
+
+namespace Brevane::Kvo {
+
+class DrawBuffers;
+class FramebufferObject;
+class ShaderProgram;
+
+/// A wireframe from an id image, without drawing lines: every pixel is marked by how many of its eight
+/// neighbours show something else. Another primitive counts 1, another tessellated triangle of the same
+/// primitive 0.33.
+///
+/// | # | Input                       | Type    | Meaning                                                       |
+/// |---|-----------------------------|---------|---------------------------------------------------------------|
+/// | 0 | Kvo_QRect_Viewport          | QRect   | size of the target and the GL viewport                        |
+/// | 1 | Kvo_KvoTexture*_Id          | texture | red: primitive, blue: tessellated triangle, whole numbers; none: the output is null |
+/// | 2 | Kvo_QColor_WireColor        | QColor  | colour of a full edge; opaque black when not connected        |
+///
+/// | # | Output                   | Format                                              |
+/// |---|--------------------------|-----------------------------------------------------|
+/// | 0 | Kvo_KvoTexture*_Frame    | pool format 3; colour and alpha scaled alike        |
+///
+/// At the border neighbours are read as the id texture's wrap says. The input is given back to the pool.
+///
+/// Leaves changed: viewport, depth test off. Needs OpenGL 3.2.
+class KVO_RENDERPASSES_EXPORT WireframeRenderPass : public RenderPassHelper
+{
+public:
+    WireframeRenderPass();
+    WireframeRenderPass(const WireframeRenderPass &other);
+    WireframeRenderPass &operator=(const WireframeRenderPass &other);
+    ~WireframeRenderPass() override;
+
+    void start(RenderCallbacks *callbacks) override;
+
+private:
+    FramebufferObject *_fbo = nullptr;
+    ShaderProgram *_program = nullptr;
+    QSharedPointer<DrawBuffers> _quad;
+};
+
+} // namespace Brevane::Kvo

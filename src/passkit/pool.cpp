@@ -1,0 +1,79 @@
+#include "passkit/pool.h"
+
+#include "core/passslot.h"
+#include "gl/drawbuffers.h"
+#include "gl/framebufferobject.h"
+#include "gl/guards.h"
+#include "gl/texture.h"
+#include "gl/vertexarrayobject.h"
+#include "passkit/slots.h"
+
+#include <epoxy/gl.h>
+
+namespace Brevane::Kvo {
+
+Texture *tempTexture(TextureFormat format, const Extent &extent)
+{
+    return TextureManager::Instance().tempTexture(format, extent.width, extent.height, -1);
+}
+
+Texture *blackTempTexture(unsigned int format)
+{
+    Texture *texture = tempTexture(TextureFormat::Frame, {1, 1});
+    AutoBinder bound(texture);
+    constexpr unsigned char kZero[4] = {};
+    glTexImage2D(GL_TEXTURE_2D, 0, GLint(format), 1, 1, 0, format, GL_UNSIGNED_BYTE, kZero);
+    return texture;
+}
+
+void publish(PassSlot &output, Texture *texture, int users)
+{
+    output.value = objectForm(texture);
+    TextureManager::Instance().addTempTextureRef(texture, users);
+}
+
+void release(Texture *texture)
+{
+    TextureManager::Instance().releaseTempTextureRef(texture, 1);
+}
+
+void setLinearClamped(Texture *texture)
+{
+    AutoBinder bound(texture);
+    if (!bound.isBound())
+        return;
+    glTexParameteri(texture->target(), GL_TEXTURE_MAG_FILTER, GL_LINEAR);
+    glTexParameteri(texture->target(), GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+    glTexParameteri(texture->target(), GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
+    glTexParameteri(texture->target(), GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+}
+
+void enableArrays(DrawBuffers &quad, const ShaderProgram *program)
+{
+    AutoBinder bound(quad.VAO());
+    quad.VAO()->enableShaderProgramArrays(program);
+}
+
+bool beginStage(FramebufferObject *framebuffer, Texture *output, const Extent &extent)
+{
+    if (extent.isEmpty() || !framebuffer->attach(output, GL_COLOR_ATTACHMENT0, 0))
+        return false;
+    framebuffer->setDrawBuffers();
+    glDisable(GL_DEPTH_TEST);
+    glDepthMask(GL_FALSE);
+    glClear(GL_COLOR_BUFFER_BIT);
+    return true;
+}
+
+TargetViewport::TargetViewport(const Extent &extent)
+{
+    glGetIntegerv(GL_VIEWPORT, _before);
+    glViewport(0, 0, extent.width, extent.height);
+}
+
+TargetViewport::~TargetViewport()
+{
+    glViewport(_before[0], _before[1], _before[2], _before[3]);
+}
+
+} // namespace Brevane::Kvo

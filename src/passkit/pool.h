@@ -1,0 +1,54 @@
+#pragma once
+
+#include "gl/texturemanager.h"
+#include "passkit/extent.h"
+
+class QString;
+
+namespace Brevane::Kvo {
+
+class DrawBuffers;
+class FramebufferObject;
+class ShaderProgram;
+class Texture;
+struct PassSlot;
+
+/// A temporary texture of the pool, with one reference.
+Texture *tempTexture(TextureFormat format, const Extent &extent);
+
+/// A temporary texture of one texel that stands for a missing image, in an 8-bit format (GL_RGB: opaque
+/// black, GL_RGBA: transparent black). Carries one reference.
+Texture *blackTempTexture(unsigned int format);
+
+/// Puts a texture into an output and adds the references of its users. The pass's own reference stays:
+/// when it is given back decides what the pool may reuse.
+void publish(PassSlot &output, Texture *texture, int users);
+
+/// Drops one reference of a pool texture; any other texture, and null, is left alone.
+void release(Texture *texture);
+
+/// Binds the texture and gives it linear filters and a wrap clamped to the edge, as bilinear taps need.
+void setLinearClamped(Texture *texture);
+
+/// Points the attributes of the program at the quad's buffers, for quads that several programs use.
+void enableArrays(DrawBuffers &quad, const ShaderProgram *program);
+
+/// Starts a stage of a chain of full-screen draws: attaches the output to the bound framebuffer as its
+/// only colour target, turns depth test and depth writes off, and clears. False, with nothing cleared
+/// and nothing left attached, for an empty target.
+bool beginStage(FramebufferObject *framebuffer, Texture *output, const Extent &extent);
+
+/// Sets the GL viewport to a target of another size than the host's for the scope.
+class TargetViewport
+{
+public:
+    explicit TargetViewport(const Extent &extent);
+    ~TargetViewport();
+    TargetViewport(const TargetViewport &) = delete;
+    TargetViewport &operator=(const TargetViewport &) = delete;
+
+private:
+    int _before[4] = {};
+};
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,235 @@
+#include "renderpasses/blurandcombinerenderpass.h"
+
+#include "gl/drawbuffers.h"
+#include "gl/framebufferobject.h"
+#include "gl/guards.h"
+#include "gl/opengldevicecontext.h"
+#include "gl/shaderprogram.h"
+#include "gl/texture.h"
+#include "passkit/pool.h"
+#include "passkit/slots.h"
+#include "passkit/targets.h"
+
+#include <QVector2D>
+
+#include <epoxy/gl.h>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+enum Input { kViewport, kNormalFrame, kBlurRadius, kGlowThreshold, kGlowAmount, kBlurFrame };
+enum Output { kOutput };
+
+const QString kThresholdShader = QStringLiteral(R"(#version 150
+
+uniform sampler2D u_Input;
+uniform float glow_threshold;
+
+in vec2 vo_TexCoord;
+
+out vec4 o_Output;
+
+void main()
+{
+  vec4 color = texture(u_Input, vo_TexCoord);
+  float luma = dot(color.rgb, vec3(0.2125, 0.7154, 0.0721));
+  o_Output = color * step(glow_threshold, luma);
+}
+)");
+
+const QString kBlur = QStringLiteral(R"(
+uniform vec2 stepVec;
+uniform float glow_amount;
+uniform float weight[SAMPLES_COUNT];
+uniform float offset[SAMPLES_COUNT];
+
+in vec2 vo_TexCoord;
+
+out vec4 o_Output;
+
+vec4 fast_gaussian_blur(sampler2D s, vec2 texCoord, vec2 step)
+{
+  vec4 sum = texture(s, texCoord) * weight[0];
+  for(int i = 1; i < SAMPLES_COUNT; i++)
+  {
+    sum += texture(s, texCoord + offset[i] * step) * weight[i];
+    sum += texture(s, texCoord - offset[i] * step) * weight[i];
+  }
+  return sum;
+}
+)");
+
+// Both stages apply the amount, so the glow scales with its square.
+const QString kBlurOnlyHead = QStringLiteral(R"(#version 150
+
+uniform sampler2D u_Blurred;
+)");
+
+const QString kBlurOnlyMain = QStringLiteral(R"(
+void main()
+{
+  o_Output = glow_amount * fast_gaussian_blur(u_Blurred, vo_TexCoord, stepVec);
+}
+)");
+
+const QString kBlurAndAddHead = QStringLiteral(R"(#version 150
+
+uniform sampler2D u_Blurred;
+uniform sampler2D u_Original;
+)");
+
+const QString kBlurAndAddMain = QStringLiteral(R"(
+void main()
+{
+  vec2 step = stepVec;
+  o_Output = texture(u_Original, vo_TexCoord) + glow_amount*fast_gaussian_blur(u_Blurred, vo_TexCoord, step);
+}
+)");
+
+} // namespace
+
+BlurAndCombineRenderPass::BlurAndCombineRenderPass() : BlurBaseRenderPass(1.0f)
+{
+    setTextureForm(TextureForm::Typed);
+    addInput(QStringLiteral("Kvo_QRect_Viewport"), QVariant(), kViewport);
+    addInput(QStringLiteral("Kvo_KvoTexture*_NormalFrame"), QVariant(), kNormalFrame);
+    addInput(QStringLiteral("Kvo_float_BlurRadius"), QVariant(), kBlurRadius);
+    addInput(QStringLiteral("Kvo_float_GlowThreshold"), QVariant(), kGlowThreshold);
+    addInput(QStringLiteral("Kvo_float_GlowAmount"), QVariant(), kGlowAmount);
+    addInput(QStringLiteral("Kvo_KvoTexture*_BlurFrame"), QVariant(), kBlurFrame);
+    addOutput(QStringLiteral("Kvo_KvoTexture*_Output"), kOutput);
+}
+
+BlurAndCombineRenderPass::BlurAndCombineRenderPass(const BlurAndCombineRenderPass &other) = default;
+BlurAndCombineRenderPass &BlurAndCombineRenderPass::operator=(const BlurAndCombineRenderPass &other) = default;
+
+BlurAndCombineRenderPass::~BlurAndCombineRenderPass()
+{
+    delete _blurAndAddProgram;
+    delete _thresholdProgram;
+}
+
+void BlurAndCombineRenderPass::start(RenderCallbacks *callbacks)
+{
+    const auto radius = qvariant_cast<float>(_inputs[kBlurRadius].value);
+    _glowThreshold = qvariant_cast<float>(_inputs[kGlowThreshold].value);
+    _glowAmount = qvariant_cast<float>(_inputs[kGlowAmount].value);
+    RenderPassHelper::start(callbacks);
+
+    Texture *normalFrame = typedTexture(_inputs[kNormalFrame].value);
+    Texture *blurFrame = typedTexture(_inputs[kBlurFrame].value);
+    if (radius <= 0.0f || _glowAmount <= 0.0f) {
+        publish(_outputs[kOutput], normalFrame, _numOutputUsers[kOutput]);
+        release(normalFrame);
+        release(blurFrame);
+        return;
+    }
+    if (!_blurProgram || !_blurAndAddProgram || _blurRadius != radius) {
+        _blurRadius = radius;
+        calculateBlurWeights();
+        giveUp(_blurProgram);
+        giveUp(_blurAndAddProgram);
+        _blurProgram = makeShaderProgram(kBlurOnlyHead + kBlur + kBlurOnlyMain);
+        _blurAndAddProgram = makeShaderProgram(kBlurAndAddHead + kBlur + kBlurAndAddMain);
+    }
+    const Extent extent = extentOf(_inputs[kViewport].value);
+    _viewportWidth = float(extent.width);
+    _viewportHeight = float(extent.height);
+
+    if (!normalFrame)
+        normalFrame = blackTempTexture(GL_RGBA);
+    if (!blurFrame)
+        blurFrame = blackTempTexture(GL_RGBA);
+    setLinearClamped(normalFrame);
+    setLinearClamped(blurFrame);
+
+    made(_fbo, "BlurAndCombineRenderPass");
+    if (!_thresholdProgram)
+        _thresholdProgram = makeShaderProgram(kThresholdShader);
+    if (!_quad) {
+        if (const QSharedPointer<OpenGLDeviceContext> context = OpenGLDeviceContext::current())
+            _quad = context->screenQuad();
+    }
+
+    AutoBinder fbo(_fbo);
+    TargetViewport targetViewport(extent);
+    Texture *source = blurFrame;
+    Texture *second = tempTexture(TextureFormat::Frame, extent);
+    if (_glowThreshold > 0.0f) {
+        Texture *first = second;
+        drawWithThresholdShader(blurFrame, first);
+        release(blurFrame);
+        source = first;
+        second = tempTexture(TextureFormat::Frame, extent);
+    }
+    drawWithBlurOnlyShader(source, second);
+    release(source);
+    Texture *result = tempTexture(TextureFormat::Frame, extent);
+    drawWithBlurAndAddShader(normalFrame, second, result);
+
+    publish(_outputs[kOutput], result, _numOutputUsers[kOutput]);
+    release(result);
+    release(normalFrame);
+    release(second);
+}
+
+void BlurAndCombineRenderPass::drawWithThresholdShader(Texture *input, Texture *output)
+{
+    if (!beginStage(_fbo, output, {int(_viewportWidth), int(_viewportHeight)}) || !_quad)
+        return;
+    AutoBinder program(_thresholdProgram);
+    AutoBinder boundInput(input);
+    enableArrays(*_quad, _thresholdProgram);
+    _thresholdProgram->setUniform(QStringLiteral("u_Input"), input->unit());
+    _thresholdProgram->setUniform(QStringLiteral("glow_threshold"), _glowThreshold);
+    {
+        AutoBinder quad(_quad);
+        _quad->draw();
+    }
+    _fbo->detach(GL_COLOR_ATTACHMENT0);
+}
+
+void BlurAndCombineRenderPass::drawWithBlurOnlyShader(Texture *input, Texture *output)
+{
+    if (!beginStage(_fbo, output, {int(_viewportWidth), int(_viewportHeight)}) || !_quad)
+        return;
+    setLinearClamped(input);
+    AutoBinder program(_blurProgram);
+    AutoBinder boundInput(input);
+    enableArrays(*_quad, _blurProgram);
+    _blurProgram->setUniform(QStringLiteral("stepVec"), QVector2D(1.0f / _viewportWidth, 0.0f));
+    _blurProgram->setUniform(QStringLiteral("u_Blurred"), input->unit());
+    _blurProgram->setUniform(QStringLiteral("glow_amount"), _glowAmount);
+    _blurProgram->setUniform(QStringLiteral("weight"), _weights);
+    _blurProgram->setUniform(QStringLiteral("offset"), _offsets);
+    {
+        AutoBinder quad(_quad);
+        _quad->draw();
+    }
+    _fbo->detach(GL_COLOR_ATTACHMENT0);
+}
+
+void BlurAndCombineRenderPass::drawWithBlurAndAddShader(Texture *original, Texture *blurred, Texture *output)
+{
+    if (!beginStage(_fbo, output, {int(_viewportWidth), int(_viewportHeight)}) || !_quad)
+        return;
+    setLinearClamped(blurred);
+    AutoBinder program(_blurAndAddProgram);
+    AutoBinder boundBlurred(blurred);
+    AutoBinder boundOriginal(original);
+    enableArrays(*_quad, _blurAndAddProgram);
+    _blurAndAddProgram->setUniform(QStringLiteral("stepVec"), QVector2D(0.0f, 1.0f / _viewportHeight));
+    _blurAndAddProgram->setUniform(QStringLiteral("u_Blurred"), blurred->unit());
+    _blurAndAddProgram->setUniform(QStringLiteral("u_Original"), original->unit());
+    _blurAndAddProgram->setUniform(QStringLiteral("glow_amount"), _glowAmount);
+    _blurAndAddProgram->setUniform(QStringLiteral("weight"), _weights);
+    _blurAndAddProgram->setUniform(QStringLiteral("offset"), _offsets);
+    {
+        AutoBinder quad(_quad);
+        _quad->draw();
+    }
+    _fbo->detach(GL_COLOR_ATTACHMENT0);
+}
+
+} // namespace Brevane::Kvo

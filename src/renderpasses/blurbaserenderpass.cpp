@@ -1,0 +1,135 @@
+#include "renderpasses/blurbaserenderpass.h"
+
+#include "gl/drawbuffers.h"
+#include "gl/framebufferobject.h"
+#include "gl/glslmacroprocessor.h"
+#include "gl/shaderprogram.h"
+#include "passkit/programs.h"
+
+#include <epoxy/gl.h>
+
+#include <cmath>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+// u_ResolutionDivider is set by the passes; the taps need no more than stepVec.
+const QString kFragmentShader = QStringLiteral(R"(#version 150
+
+uniform sampler2D u_Input;
+uniform vec2 stepVec;
+uniform float u_ResolutionDivider;
+uniform float weight[SAMPLES_COUNT];
+uniform float offset[SAMPLES_COUNT];
+
+in vec2 vo_TexCoord;
+
+out vec4 o_Output;
+
+vec4 fast_gaussian_blur(sampler2D s, vec4 centreColor, vec2 texCoord, vec2 step)
+{
+  vec4 sum = centreColor * weight[0];
+  for(int i = 1; i < SAMPLES_COUNT; i++)
+  {
+    vec4 a = texture(s, texCoord + offset[i] * step);
+    vec4 b = texture(s, texCoord - offset[i] * step);
+    sum += (a + b) * weight[i];
+  }
+  return sum;
+}
+
+void main()
+{
+  vec4 fragCol = texture(u_Input, vo_TexCoord);
+#ifdef STENCIL_MASK
+  if(fragCol.a > 0.0)
+    o_Output = fast_gaussian_blur(u_Input, fragCol, vo_TexCoord, stepVec);
+  else
+    o_Output = fragCol;
+#else
+  o_Output = fast_gaussian_blur(u_Input, fragCol, vo_TexCoord, stepVec);
+#endif
+}
+)");
+
+} // namespace
+
+BlurBaseRenderPass::BlurBaseRenderPass(float stencilMask)
+    : _stencilMask(stencilMask), _samplesCountName(QStringLiteral("SAMPLES_COUNT"))
+{
+}
+
+BlurBaseRenderPass::BlurBaseRenderPass(const BlurBaseRenderPass &other) = default;
+BlurBaseRenderPass &BlurBaseRenderPass::operator=(const BlurBaseRenderPass &other) = default;
+
+BlurBaseRenderPass::~BlurBaseRenderPass()
+{
+    delete _fbo;
+    delete _blurProgram;
+}
+
+// Where the arithmetic is float and where double is part of the kernel: its digits are compared.
+void BlurBaseRenderPass::calculateBlurWeights()
+{
+    constexpr double kTwoPi = 6.283185307179586;
+    const float sigma = _blurRadius + 0.0001f;
+    const float limit = _blurRadius * 2.0f;
+
+    _offsets.clear();
+    _weights.clear();
+    float x = 0.0f;
+    float sum = 0.0f;
+    while (x < limit || int(x) % 2 == 0) {
+        const auto exponent = float(double(x) * -1.0 * double(x) / double(sigma * 2.0f * sigma));
+        const auto weight = float(double(std::exp(exponent)) * (1.0 / (std::sqrt(kTwoPi) * double(sigma))));
+        _weights.append(weight);
+        _offsets.append(x);
+        sum = x == 0.0f ? weight : float(double(weight) * 2.0 + double(sum));
+        x += 1.0f;
+    }
+    for (float &weight : _weights)
+        weight /= sum;
+
+    // Two neighbours become one fetch between them, where bilinear filtering gives their weighted mean.
+    QVector<float> weights{_weights[0]};
+    QVector<float> offsets{0.0f};
+    const float half = x * 0.5f;
+    for (int k = 1, i = 1; half > float(k); ++k, i += 2) {
+        const float a = _weights[i];
+        const float b = _weights[i + 1];
+        const float both = a + b;
+        weights.append(both);
+        offsets.append(((float(i) + 1.0f) * b + a * float(i)) / both);
+    }
+    _weights = weights;
+    _offsets = offsets;
+}
+
+QString BlurBaseRenderPass::getBaseFragmentShaderSource()
+{
+    return kFragmentShader;
+}
+
+QString BlurBaseRenderPass::getBaseVertexShaderSource()
+{
+    return kScreenVertexShader;
+}
+
+ShaderProgram *BlurBaseRenderPass::makeShaderProgram(const QString &fragmentShader) const
+{
+    GLSLMacroProcessor processor;
+    if (_stencilMask != 0.0f)
+        processor.addDefine(QStringLiteral("STENCIL_MASK"), QStringLiteral("1"));
+    processor.addDefine(_samplesCountName, QString::number(qMax<qsizetype>(_weights.size(), 1)));
+    // The shaders call their only output o_Output, which takes location 0 by itself.
+    ShaderProgram *program = buildProgram({QStringLiteral("blur"),
+                                           {QStringLiteral("out_FragColor")},
+                                           {{GL_VERTEX_SHADER, ShaderSource::Text, kScreenVertexShader},
+                                            {GL_FRAGMENT_SHADER, ShaderSource::Text, fragmentShader}}},
+                                          &processor);
+    program->setMacroProcessor(nullptr);
+    return program;
+}
+
+} // namespace Brevane::Kvo

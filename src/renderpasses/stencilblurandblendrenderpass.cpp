@@ -1,0 +1,170 @@
+#include "renderpasses/stencilblurandblendrenderpass.h"
+
+#include "gl/drawbuffers.h"
+#include "gl/framebufferobject.h"
+#include "gl/guards.h"
+#include "gl/opengldevicecontext.h"
+#include "gl/shaderprogram.h"
+#include "gl/texture.h"
+#include "passkit/pool.h"
+#include "passkit/slots.h"
+#include "passkit/targets.h"
+
+#include <QVector2D>
+
+#include <epoxy/gl.h>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+enum Input { kViewport, kNormalFrame, kBlurRadius, kBlurFrame };
+enum Output { kOutput };
+
+const QString kBlurAndAddShader = QStringLiteral(R"(#version 150
+
+uniform sampler2D u_Blurred;
+uniform sampler2D u_Original;
+uniform vec2 stepVec;
+uniform float weight[SAMPLES_COUNT];
+uniform float offset[SAMPLES_COUNT];
+
+in vec2 vo_TexCoord;
+
+out vec4 o_Output;
+
+vec4 fast_gaussian_blur(vec4 fragCol, sampler2D s, vec2 texCoord, vec2 step)
+{
+  vec4 sum = fragCol * weight[0];
+  for(int i = 1; i < SAMPLES_COUNT; i++)
+  {
+    sum += texture(s, texCoord + offset[i] * step) * weight[i];
+    sum += texture(s, texCoord - offset[i] * step) * weight[i];
+  }
+  return sum;
+}
+
+void main()
+{
+  vec2 step = stepVec;
+  vec4 fragCol = texture(u_Blurred, vo_TexCoord);
+  if(fragCol.a > 0.0)
+    o_Output = texture(u_Original, vo_TexCoord) + fast_gaussian_blur(fragCol, u_Blurred, vo_TexCoord, step);
+  else
+    o_Output = texture(u_Original, vo_TexCoord) + fragCol;
+}
+)");
+
+} // namespace
+
+StencilBlurAndBlendRenderPass::StencilBlurAndBlendRenderPass() : BlurBaseRenderPass(1.0f)
+{
+    setTextureForm(TextureForm::Typed);
+    addInput(QStringLiteral("Kvo_QRect_Viewport"), QVariant(), kViewport);
+    addInput(QStringLiteral("Kvo_KvoTexture*_NormalFrame"), QVariant(), kNormalFrame);
+    addInput(QStringLiteral("Kvo_float_BlurRadius"), QVariant(), kBlurRadius);
+    addInput(QStringLiteral("Kvo_KvoTexture*_BlurFrame"), QVariant(), kBlurFrame);
+    addOutput(QStringLiteral("Kvo_KvoTexture*_Output"), kOutput);
+}
+
+StencilBlurAndBlendRenderPass::StencilBlurAndBlendRenderPass(const StencilBlurAndBlendRenderPass &other) = default;
+StencilBlurAndBlendRenderPass &
+StencilBlurAndBlendRenderPass::operator=(const StencilBlurAndBlendRenderPass &other) = default;
+
+StencilBlurAndBlendRenderPass::~StencilBlurAndBlendRenderPass()
+{
+    delete _blurAndAddProgram;
+}
+
+void StencilBlurAndBlendRenderPass::start(RenderCallbacks *callbacks)
+{
+    const auto radius = qvariant_cast<float>(_inputs[kBlurRadius].value);
+    RenderPassHelper::start(callbacks);
+
+    Texture *normalFrame = typedTexture(_inputs[kNormalFrame].value);
+    Texture *blurFrame = typedTexture(_inputs[kBlurFrame].value);
+    if (radius <= 0.0f) {
+        publish(_outputs[kOutput], normalFrame, _numOutputUsers[kOutput]);
+        release(normalFrame);
+        release(blurFrame);
+        return;
+    }
+    const bool rebuilt = _blurRadius != radius;
+    if (!_blurProgram || !_blurAndAddProgram || rebuilt) {
+        _blurRadius = radius;
+        calculateBlurWeights();
+        giveUp(_blurProgram);
+        giveUp(_blurAndAddProgram);
+        _blurProgram = makeShaderProgram(getBaseFragmentShaderSource());
+        _blurAndAddProgram = makeShaderProgram(kBlurAndAddShader);
+    }
+    const Extent extent = extentOf(_inputs[kViewport].value);
+    _viewportWidth = float(extent.width);
+    _viewportHeight = float(extent.height);
+
+    if (!normalFrame)
+        normalFrame = blackTempTexture(GL_RGBA);
+    if (!blurFrame)
+        blurFrame = blackTempTexture(GL_RGBA);
+    made(_fbo, "StencilBlurAndBlendRenderPass");
+    if (!_quad) {
+        if (const QSharedPointer<OpenGLDeviceContext> context = OpenGLDeviceContext::current())
+            _quad = context->screenQuad();
+    }
+
+    AutoBinder fbo(_fbo);
+    TargetViewport targetViewport(extent);
+    Texture *intermediate = tempTexture(TextureFormat::Frame, extent);
+    drawWithBlurOnlyShader(rebuilt, blurFrame, intermediate);
+    release(blurFrame);
+    Texture *result = tempTexture(TextureFormat::Frame, extent);
+    drawWithBlurAndAddShader(rebuilt, normalFrame, intermediate, result);
+
+    publish(_outputs[kOutput], result, _numOutputUsers[kOutput]);
+    release(result);
+    release(normalFrame);
+    release(intermediate);
+}
+
+void StencilBlurAndBlendRenderPass::drawWithBlurOnlyShader(const bool &, Texture *input, Texture *output)
+{
+    if (!beginStage(_fbo, output, {int(_viewportWidth), int(_viewportHeight)}) || !_quad)
+        return;
+    AutoBinder program(_blurProgram);
+    AutoBinder boundInput(input);
+    setLinearClamped(input);
+    enableArrays(*_quad, _blurProgram);
+    _blurProgram->setUniform(QStringLiteral("stepVec"), QVector2D(1.0f / _viewportWidth, 0.0f));
+    _blurProgram->setUniform(QStringLiteral("u_Input"), input->unit());
+    _blurProgram->setUniform(QStringLiteral("weight"), _weights);
+    _blurProgram->setUniform(QStringLiteral("offset"), _offsets);
+    {
+        AutoBinder quad(_quad);
+        _quad->draw();
+    }
+    _fbo->detach(GL_COLOR_ATTACHMENT0);
+}
+
+void StencilBlurAndBlendRenderPass::drawWithBlurAndAddShader(const bool &, Texture *original, Texture *blurred,
+                                                             Texture *output)
+{
+    if (!beginStage(_fbo, output, {int(_viewportWidth), int(_viewportHeight)}) || !_quad)
+        return;
+    AutoBinder program(_blurAndAddProgram);
+    AutoBinder boundBlurred(blurred);
+    AutoBinder boundOriginal(original);
+    setLinearClamped(blurred);
+    enableArrays(*_quad, _blurAndAddProgram);
+    _blurAndAddProgram->setUniform(QStringLiteral("stepVec"), QVector2D(0.0f, 1.0f / _viewportHeight));
+    _blurAndAddProgram->setUniform(QStringLiteral("u_Blurred"), blurred->unit());
+    _blurAndAddProgram->setUniform(QStringLiteral("u_Original"), original->unit());
+    _blurAndAddProgram->setUniform(QStringLiteral("weight"), _weights);
+    _blurAndAddProgram->setUniform(QStringLiteral("offset"), _offsets);
+    {
+        AutoBinder quad(_quad);
+        _quad->draw();
+    }
+    _fbo->detach(GL_COLOR_ATTACHMENT0);
+}
+
+} // namespace Brevane::Kvo

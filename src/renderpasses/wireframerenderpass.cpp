@@ -1,0 +1,170 @@
+#include "renderpasses/wireframerenderpass.h"
+
+#include "gl/drawbuffers.h"
+#include "gl/framebufferobject.h"
+#include "gl/guards.h"
+#include "gl/shaderprogram.h"
+#include "gl/texture.h"
+#include "passkit/pool.h"
+#include "passkit/programs.h"
+#include "passkit/slots.h"
+#include "passkit/targets.h"
+
+#include <QColor>
+#include <QRect>
+
+#include <epoxy/gl.h>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+// Perspective cameras put noise into the blue channel, so it is compared with a threshold.
+const QString kFragmentShader = QStringLiteral(R"(#version 150
+
+uniform sampler2D u_IdSampler;
+uniform int u_IdSamplerWidth;
+uniform int u_IdSamplerHeight;
+uniform vec4 u_WireframeColour;
+
+in vec2 vo_TexCoord;
+
+out vec4 out_FragColor;
+
+// Whole numbers, without what filtering and rounding added: 0.99999 becomes 1.
+ivec4 Clampi(vec4 value)
+{
+  return ivec4( floor( value+vec4(0.1)));
+}
+
+float difference(ivec4 Sample, vec2 coord)
+{
+  ivec4 Neighbour = Clampi(texture(u_IdSampler, coord));
+  if(Neighbour.r != Sample.r)
+    return 1.0;
+  return (1.0 / 256.0) < abs(float(Neighbour.b - Sample.b)) ? 0.33 : 0.0;
+}
+
+void main()
+{
+  ivec4 Sample = Clampi(texture(u_IdSampler, vo_TexCoord));
+  float dx = 1.0 / float(u_IdSamplerWidth);
+  float dy = 1.0 / float(u_IdSamplerHeight);
+
+  float alpha = 0.0;
+  alpha += difference(Sample, vo_TexCoord + vec2(-dx, -dy));
+  alpha += difference(Sample, vo_TexCoord + vec2(-dx, +dy));
+  alpha += difference(Sample, vo_TexCoord + vec2(+dx, -dy));
+  alpha += difference(Sample, vo_TexCoord + vec2(+dx, +dy));
+  alpha += difference(Sample, vo_TexCoord + vec2(-dx, 0.0));
+  alpha += difference(Sample, vo_TexCoord + vec2(0.0, -dy));
+  alpha += difference(Sample, vo_TexCoord + vec2(0.0, +dy));
+  alpha += difference(Sample, vo_TexCoord + vec2(+dx, 0.0));
+  alpha /= 8.0;
+  out_FragColor = u_WireframeColour * vec4(alpha);
+}
+)");
+
+const QString &viewportName()
+{
+    static const QString name = QStringLiteral("Kvo_QRect_Viewport");
+    return name;
+}
+
+const QString &idName()
+{
+    static const QString name = QStringLiteral("Kvo_KvoTexture*_Id");
+    return name;
+}
+
+const QString &wireColorName()
+{
+    static const QString name = QStringLiteral("Kvo_QColor_WireColor");
+    return name;
+}
+
+const QString &frameName()
+{
+    static const QString name = QStringLiteral("Kvo_KvoTexture*_Frame");
+    return name;
+}
+
+const ProgramRecipe &edgeProgram()
+{
+    static const ProgramRecipe recipe{QStringLiteral("WireframeRenderPass"),
+                                      {QStringLiteral("out_FragColor")},
+                                      {{GL_VERTEX_SHADER, ShaderSource::Text, kScreenVertexShader},
+                                       {GL_FRAGMENT_SHADER, ShaderSource::Text, kFragmentShader}}};
+    return recipe;
+}
+
+} // namespace
+
+WireframeRenderPass::WireframeRenderPass()
+{
+    setTextureForm(TextureForm::Object);
+    addInput(viewportName());
+    addInput(idName());
+    addInput(wireColorName());
+    addOutput(frameName());
+}
+
+WireframeRenderPass::WireframeRenderPass(const WireframeRenderPass &other) = default;
+WireframeRenderPass &WireframeRenderPass::operator=(const WireframeRenderPass &other) = default;
+
+WireframeRenderPass::~WireframeRenderPass()
+{
+    delete _fbo;
+    delete _program;
+}
+
+void WireframeRenderPass::start(RenderCallbacks *)
+{
+    const int viewportSlot = findInput(viewportName());
+    const int idSlot = findInput(idName());
+    const int frameSlot = findOutput(frameName());
+    if (viewportSlot < 0 || idSlot < 0 || frameSlot < 0)
+        return;
+    // Without a colour slot at all; a slot with no value counts, and gives opaque black.
+    QColor wireColor(23, 23, 23, 23);
+    if (const int colorSlot = findInput(wireColorName()); colorSlot >= 0)
+        wireColor = qvariant_cast<QColor>(_inputs[colorSlot].value);
+
+    const QRect viewport = qvariant_cast<QRect>(_inputs[viewportSlot].value);
+    const Extent extent = extentOf(_inputs[viewportSlot].value);
+    Texture *id = objectTexture(_inputs[idSlot].value);
+    if (!id) {
+        _outputs[frameSlot].value = QVariant();
+        return;
+    }
+
+    made(_fbo, "WireframeRenderPass");
+    AutoBinder fbo(_fbo);
+    Texture *target = tempTexture(TextureFormat::Result, extent);
+    _fbo->attach(target, GL_COLOR_ATTACHMENT0, 0);
+    buildOnce(_program, edgeProgram());
+    fetchOnce(_quad, Quad::Screen, _program);
+
+    _fbo->setDrawBuffers();
+    glDisable(GL_DEPTH_TEST);
+    glViewport(viewport.left(), viewport.top(), extent.width, extent.height);
+    if (!extent.isEmpty() && _quad) {
+        glClear(GL_COLOR_BUFFER_BIT);
+        AutoBinder program(_program);
+        _program->setUniform(QStringLiteral("u_IdSamplerWidth"), extent.width);
+        _program->setUniform(QStringLiteral("u_IdSamplerHeight"), extent.height);
+        _program->setUniform(QStringLiteral("u_WireframeColour"), QVariant(wireColor));
+        AutoBinder boundId(id);
+        _program->setUniform(QStringLiteral("u_IdSampler"), id->unit());
+        AutoBinder quad(_quad);
+        _quad->draw();
+    }
+
+    _outputs[frameSlot].value = objectForm(_fbo->attachment(GL_COLOR_ATTACHMENT0));
+    TextureManager::Instance().addTempTextureRef(target, _numOutputUsers[frameSlot]);
+    release(id);
+    _fbo->detach(GL_COLOR_ATTACHMENT0);
+    release(target);
+}
+
+} // namespace Brevane::Kvo
