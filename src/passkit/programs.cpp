@@ -26,6 +26,15 @@ void main()
 }
 )");
 
+const QString kExactTexture = QStringLiteral(R"(
+vec4 exactTexture(sampler2D s, vec2 coord)
+{
+  vec2 texel = coord * vec2(textureSize(s, 0));
+  vec2 fromCentre = abs(fract(texel) - 0.5);
+  return max(fromCentre.x, fromCentre.y) < 0.001 ? texelFetch(s, ivec2(texel), 0) : texture(s, coord);
+}
+)");
+
 std::vector<ShaderSource> modelProgramSources(const QString &vertexShader, const QString &fragmentShader)
 {
     return {{GL_VERTEX_SHADER, ShaderSource::Text, vertexShader},

@@ -47,6 +47,11 @@ enum class Quad { Screen, Gradient };
 /// the program at it. False without a context.
 bool fetchOnce(QSharedPointer<DrawBuffers> &quad, Quad which, const ShaderProgram *program);
 
+/// GLSL of `vec4 exactTexture(sampler2D s, vec2 coord)`: texture(), but at the centre of a texel that
+/// texel alone. Linear filters let a trace of the neighbours in there, from the rounding of coordinates,
+/// and where alpha is a mask a trace of it already counts as covered.
+extern const QString kExactTexture;
+
 /// The vertex text that most screen passes use.
 extern const QString kScreenVertexShader;
 

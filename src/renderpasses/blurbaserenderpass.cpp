@@ -15,7 +15,7 @@ namespace Brevane::Kvo {
 namespace {
 
 // u_ResolutionDivider is set by the passes; the taps need no more than stepVec.
-const QString kFragmentShader = QStringLiteral(R"(#version 150
+const QString kFragmentShaderHead = QStringLiteral(R"(#version 150
 
 uniform sampler2D u_Input;
 uniform vec2 stepVec;
@@ -26,7 +26,9 @@ uniform float offset[SAMPLES_COUNT];
 in vec2 vo_TexCoord;
 
 out vec4 o_Output;
+)");
 
+const QString kFragmentShaderMain = QStringLiteral(R"(
 vec4 fast_gaussian_blur(sampler2D s, vec4 centreColor, vec2 texCoord, vec2 step)
 {
   vec4 sum = centreColor * weight[0];
@@ -41,13 +43,14 @@ vec4 fast_gaussian_blur(sampler2D s, vec4 centreColor, vec2 texCoord, vec2 step)
 
 void main()
 {
-  vec4 fragCol = texture(u_Input, vo_TexCoord);
 #ifdef STENCIL_MASK
+  vec4 fragCol = exactTexture(u_Input, vo_TexCoord);
   if(fragCol.a > 0.0)
     o_Output = fast_gaussian_blur(u_Input, fragCol, vo_TexCoord, stepVec);
   else
     o_Output = fragCol;
 #else
+  vec4 fragCol = texture(u_Input, vo_TexCoord);
   o_Output = fast_gaussian_blur(u_Input, fragCol, vo_TexCoord, stepVec);
 #endif
 }
@@ -108,7 +111,7 @@ void BlurBaseRenderPass::calculateBlurWeights()
 
 QString BlurBaseRenderPass::getBaseFragmentShaderSource()
 {
-    return kFragmentShader;
+    return kFragmentShaderHead + kExactTexture + kFragmentShaderMain;
 }
 
 QString BlurBaseRenderPass::getBaseVertexShaderSource()

@@ -7,6 +7,7 @@
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "passkit/pool.h"
+#include "passkit/programs.h"
 #include "passkit/slots.h"
 #include "passkit/targets.h"
 
@@ -21,7 +22,7 @@ namespace {
 enum Input { kViewport, kNormalFrame, kBlurRadius, kBlurFrame };
 enum Output { kOutput };
 
-const QString kBlurAndAddShader = QStringLiteral(R"(#version 150
+const QString kBlurAndAddHead = QStringLiteral(R"(#version 150
 
 uniform sampler2D u_Blurred;
 uniform sampler2D u_Original;
@@ -32,7 +33,9 @@ uniform float offset[SAMPLES_COUNT];
 in vec2 vo_TexCoord;
 
 out vec4 o_Output;
+)");
 
+const QString kBlurAndAddMain = QStringLiteral(R"(
 vec4 fast_gaussian_blur(vec4 fragCol, sampler2D s, vec2 texCoord, vec2 step)
 {
   vec4 sum = fragCol * weight[0];
@@ -47,7 +50,7 @@ vec4 fast_gaussian_blur(vec4 fragCol, sampler2D s, vec2 texCoord, vec2 step)
 void main()
 {
   vec2 step = stepVec;
-  vec4 fragCol = texture(u_Blurred, vo_TexCoord);
+  vec4 fragCol = exactTexture(u_Blurred, vo_TexCoord);
   if(fragCol.a > 0.0)
     o_Output = texture(u_Original, vo_TexCoord) + fast_gaussian_blur(fragCol, u_Blurred, vo_TexCoord, step);
   else
@@ -96,7 +99,7 @@ void StencilBlurAndBlendRenderPass::start(RenderCallbacks *callbacks)
         giveUp(_blurProgram);
         giveUp(_blurAndAddProgram);
         _blurProgram = makeShaderProgram(getBaseFragmentShaderSource());
-        _blurAndAddProgram = makeShaderProgram(kBlurAndAddShader);
+        _blurAndAddProgram = makeShaderProgram(kBlurAndAddHead + kExactTexture + kBlurAndAddMain);
     }
     const Extent extent = extentOf(_inputs[kViewport].value);
     _viewportWidth = float(extent.width);
