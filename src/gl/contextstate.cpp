@@ -33,10 +33,11 @@ GetCurrentContext loadedFunction(std::initializer_list<const char *> libraries, 
 
 using Registry = std::map<void *, QSharedPointer<ContextState>>;
 
+// Never destroyed: a host may exit without releasing its contexts, and the driver may be gone by then.
 Registry &registry()
 {
-    static Registry contexts;
-    return contexts;
+    static auto *contexts = new Registry;
+    return *contexts;
 }
 
 std::vector<QWeakPointer<ShareGroup>> &shareGroups()
@@ -54,6 +55,31 @@ struct LastLookUp
 };
 
 thread_local LastLookUp lastLookUp;
+
+// The next look-up has to be a full one: that is where pending deletions are carried out.
+void deleteLater(NameStore &names, NameKind kind, unsigned int name)
+{
+    names.destroyLater(kind, name);
+    lastLookUp = {};
+}
+
+/// Binds a buffer for its scope; the copy targets are their own query.
+class BoundForCopy
+{
+public:
+    BoundForCopy(GLenum target, GLuint buffer) : _target(target)
+    {
+        glGetIntegerv(target, &_previous);
+        glBindBuffer(target, buffer);
+    }
+    ~BoundForCopy() { glBindBuffer(_target, GLuint(_previous)); }
+    BoundForCopy(const BoundForCopy &) = delete;
+    BoundForCopy &operator=(const BoundForCopy &) = delete;
+
+private:
+    GLenum _target;
+    GLint _previous = 0;
+};
 
 void deleteName(NameKind kind, unsigned int name)
 {
@@ -141,24 +167,22 @@ ShareGroup::ShareGroup()
     static quint64 counter = 0;
     _id = ++counter;
     glGenBuffers(1, &_sentinel);
-    glBindBuffer(GL_COPY_WRITE_BUFFER, _sentinel);
+    const BoundForCopy bound(GL_COPY_WRITE_BUFFER, _sentinel);
     const std::array<quint64, 2> content{_id, quint64(reinterpret_cast<quintptr>(this))};
     glBufferData(GL_COPY_WRITE_BUFFER, sizeof content, content.data(), GL_STATIC_DRAW);
-    glBindBuffer(GL_COPY_WRITE_BUFFER, 0);
 }
 
 bool ShareGroup::isVisible() const
 {
     if (!glIsBuffer(_sentinel))
         return false;
-    glBindBuffer(GL_COPY_READ_BUFFER, _sentinel);
+    const BoundForCopy bound(GL_COPY_READ_BUFFER, _sentinel);
     GLint size = 0;
     glGetBufferParameteriv(GL_COPY_READ_BUFFER, GL_BUFFER_SIZE, &size);
     std::array<quint64, 2> content{};
     const bool sizeFits = size == GLint(sizeof content);
     if (sizeFits)
         glGetBufferSubData(GL_COPY_READ_BUFFER, 0, sizeof content, content.data());
-    glBindBuffer(GL_COPY_READ_BUFFER, 0);
     return sizeFits && content[0] == _id && content[1] == quint64(reinterpret_cast<quintptr>(this));
 }
 
@@ -229,6 +253,12 @@ ContextState *ContextState::current()
 
     auto &contexts = registry();
     auto found = contexts.find(native.handle);
+    if (found != contexts.end() && !found->second->group->isVisible()) {
+        // The host destroyed that context without telling, and another one got its handle.
+        found->second->release(false);
+        lastLookUp.native = native;
+        found = contexts.end();
+    }
     if (found == contexts.end()) {
         const int version = epoxy_gl_version();
         if (!epoxy_is_desktop_gl() || version < 32) {
@@ -249,6 +279,12 @@ ContextState *ContextState::current()
     return state;
 }
 
+ContextState *ContextState::currentIfKnown()
+{
+    const auto found = registry().find(NativeContext::current().handle);
+    return found == registry().end() ? nullptr : found->second.data();
+}
+
 QSharedPointer<ContextState> ContextState::currentShared()
 {
     ContextState *state = current();
@@ -259,8 +295,8 @@ QSharedPointer<ContextState> ContextState::currentVerified()
 {
     QSharedPointer<ContextState> state = currentShared();
     if (state && !state->group->isVisible()) {
-        // The host destroyed that context without telling, and another one got its handle.
-        state->release(false);
+        // As in current, which does not look when the handle is the one of its last call.
+        lastLookUp = {};
         state = currentShared();
     }
     return state;
@@ -366,17 +402,18 @@ void ObjectName::reset()
     const unsigned int id = std::exchange(_id, 0);
     if (!id)
         return;
-    const ContextState *current = ContextState::current();
+    // An object may outlive its context, whose release must not be undone by looking it up again.
+    const ContextState *current = ContextState::currentIfKnown();
     if (const QSharedPointer<ShareGroup> group = _group.toStrongRef()) {
         if (current && current->group == group)
             group->names.destroy(_kind, id);
         else
-            group->names.destroyLater(_kind, id);
+            deleteLater(group->names, _kind, id);
     } else if (const QSharedPointer<ContextState> context = _context.toStrongRef()) {
         if (current == context.data())
             context->names.destroy(_kind, id);
         else
-            context->names.destroyLater(_kind, id);
+            deleteLater(context->names, _kind, id);
     }
     _group.clear();
     _context.clear();

@@ -85,6 +85,8 @@ public:
 
     /// Null without a context, or with one that is too old.
     static ContextState *current();
+    /// Null, too, for a context that the library has not used yet, or not since its release.
+    static ContextState *currentIfKnown();
     static QSharedPointer<ContextState> currentShared();
     /// The same, but makes sure that the handle was not reused for another context meanwhile.
     static QSharedPointer<ContextState> currentVerified();

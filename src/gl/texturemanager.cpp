@@ -194,8 +194,9 @@ TextureManager::~TextureManager() = default;
 
 TextureManager &TextureManager::Instance()
 {
-    static TextureManager manager;
-    return manager;
+    // Never destroyed, as the contexts are not: at exit there may be no driver left to delete textures.
+    static auto *manager = new TextureManager;
+    return *manager;
 }
 
 Texture *TextureManager::tempTexture(TextureFormat format, int width, int height, int tag)
@@ -237,9 +238,11 @@ Texture *TextureManager::tempTexture(TextureFormat format, int width, int height
     }
     AutoBinder bound(chosen->texture.get());
     setSampling(hasLinearFilter(internalFormat) ? GL_LINEAR : GL_NEAREST, GL_CLAMP_TO_EDGE);
-    if (isNew || (width == 1 && height == 1 && !isBoundTextureOf(internalFormat)))
+    if (isNew || (width == 1 && height == 1 && !isBoundTextureOf(internalFormat))) {
+        const DefaultUnpackState unpack;
         glTexImage2D(GL_TEXTURE_2D, 0, GLint(internalFormat), width, height, 0,
                      formatFromInternalFormat(internalFormat), typeFromInternalFormat(internalFormat), nullptr);
+    }
     chosen->refs = 1;
     chosen->lastFrame = d->frame;
     chosen->tag = tag;

@@ -37,15 +37,37 @@ void release(Texture *texture)
     TextureManager::Instance().releaseTempTextureRef(texture, 1);
 }
 
-void setLinearClamped(Texture *texture)
+void setLinear(Texture *texture)
 {
     AutoBinder bound(texture);
     if (!bound.isBound())
         return;
     glTexParameteri(texture->target(), GL_TEXTURE_MAG_FILTER, GL_LINEAR);
     glTexParameteri(texture->target(), GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+}
+
+void setLinearClamped(Texture *texture)
+{
+    AutoBinder bound(texture);
+    if (!bound.isBound())
+        return;
+    setLinear(texture);
     glTexParameteri(texture->target(), GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
     glTexParameteri(texture->target(), GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+}
+
+LinearFilterScope::LinearFilterScope(unsigned int target) : _target(target)
+{
+    glGetTexParameteriv(target, GL_TEXTURE_MAG_FILTER, &_magFilter);
+    glGetTexParameteriv(target, GL_TEXTURE_MIN_FILTER, &_minFilter);
+    glTexParameteri(target, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
+    glTexParameteri(target, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+}
+
+LinearFilterScope::~LinearFilterScope()
+{
+    glTexParameteri(_target, GL_TEXTURE_MAG_FILTER, _magFilter);
+    glTexParameteri(_target, GL_TEXTURE_MIN_FILTER, _minFilter);
 }
 
 void enableArrays(DrawBuffers &quad, const ShaderProgram *program)

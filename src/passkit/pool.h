@@ -30,6 +30,24 @@ void release(Texture *texture);
 /// Binds the texture and gives it linear filters and a wrap clamped to the edge, as bilinear taps need.
 void setLinearClamped(Texture *texture);
 
+/// Binds the texture and gives it linear filters; its wrap stays.
+void setLinear(Texture *texture);
+
+/// Gives the texture that is bound to the active unit linear filters for the scope.
+class LinearFilterScope
+{
+public:
+    explicit LinearFilterScope(unsigned int target);
+    ~LinearFilterScope();
+    LinearFilterScope(const LinearFilterScope &) = delete;
+    LinearFilterScope &operator=(const LinearFilterScope &) = delete;
+
+private:
+    unsigned int _target;
+    int _magFilter = 0;
+    int _minFilter = 0;
+};
+
 /// Points the attributes of the program at the quad's buffers, for quads that several programs use.
 void enableArrays(DrawBuffers &quad, const ShaderProgram *program);
 

@@ -5,7 +5,7 @@
 #include "gl/guards.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
-#include "gl/texturemanager.h"
+#include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
 #include "passkit/targets.h"
@@ -307,12 +307,7 @@ void DepthOfFieldRenderPass::start(RenderCallbacks *)
         AutoBinder boundDepth(depth);
         // Last, so that its unit is active while its filters change.
         AutoBinder boundFrame(frame);
-        GLint magFilter = GL_NEAREST;
-        GLint minFilter = GL_NEAREST;
-        glGetTexParameteriv(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, &magFilter);
-        glGetTexParameteriv(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, &minFilter);
-        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
-        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+        const LinearFilterScope linear(GL_TEXTURE_2D);
         _program->setUniform(QStringLiteral("bgl_RenderedTexture"), frame->unit());
         _program->setUniform(QStringLiteral("bgl_DepthTexture"), depth->unit());
         _program->setUniform(QStringLiteral("bgl_RenderedTextureWidth"), extent.width);
@@ -322,12 +317,8 @@ void DepthOfFieldRenderPass::start(RenderCallbacks *)
         _program->setUniform(QStringLiteral("fstop"), fStop);
         _program->setUniform(QStringLiteral("autofocus"), autoFocus);
         _program->setUniform(QStringLiteral("focus"), focus);
-        {
-            AutoBinder quad(_quad);
-            _quad->draw();
-        }
-        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, magFilter);
-        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, minFilter);
+        AutoBinder quad(_quad);
+        _quad->draw();
     }
     _outputs[kFrameOut].value = objectForm(_fbo->attachment(GL_COLOR_ATTACHMENT0));
 }

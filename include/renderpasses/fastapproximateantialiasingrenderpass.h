@@ -1,0 +1,49 @@
+#pragma once
+
+#include "core/renderpasshelper.h"
+#include "renderpasses/export.h"
+
+#include <QSharedPointer>
+
+namespace Brevane::Kvo {
+
+class DrawBuffers;
+class FramebufferObject;
+class ShaderProgram;
+
+/// FXAA 3.11 (Timothy Lottes) at its PC quality path, preset 12, in one draw. Green stands for luma.
+///
+/// | # | Input                                | Type    | When invalid | Meaning                                  |
+/// |---|--------------------------------------|---------|--------------|------------------------------------------|
+/// | 0 | Kvo_QRect_Viewport                   | QRect   |              | size of the image                        |
+/// | 1 | Kvo_KvoTexture*_Frame                | texture |              | the image; none: the output is invalid   |
+/// | 2 | Kvo_float_SubPixelQuality            | float   | 0.75         | removal of sub-pixel aliasing, 0 to 1    |
+/// | 3 | Kvo_float_RcpFrameQuality            | float   | 1            | scale of the horizontal texel step only  |
+/// | 4 | Kvo_float_EdgeThresholdQuality       | float   | 0.166        | least contrast of an edge, relative      |
+/// | 5 | Kvo_float_EdgeThresholdMinQuality    | float   | 0            | least contrast of an edge, absolute      |
+///
+/// | # | Output                   | Format                                                       |
+/// |---|--------------------------|--------------------------------------------------------------|
+/// | 0 | Kvo_KvoTexture*_Frame    | pool format 3; alpha is the larger of the source's and the luma |
+///
+/// The image's filters are put back; the image is given back to the pool. Leaves changed: viewport,
+/// depth test off. Needs OpenGL 3.2.
+class KVO_RENDERPASSES_EXPORT FastApproximateAntiAliasingRenderPass : public RenderPassHelper
+{
+public:
+    FastApproximateAntiAliasingRenderPass();
+    FastApproximateAntiAliasingRenderPass(const FastApproximateAntiAliasingRenderPass &other);
+    FastApproximateAntiAliasingRenderPass &operator=(const FastApproximateAntiAliasingRenderPass &other);
+    ~FastApproximateAntiAliasingRenderPass() override;
+
+    void start(RenderCallbacks *callbacks) override;
+
+private:
+    FramebufferObject *_fbo = nullptr;
+    ShaderProgram *_program = nullptr;
+    QSharedPointer<DrawBuffers> _quad;
+    int _width = 0;
+    int _height = 0;
+};
+
+} // namespace Brevane::Kvo

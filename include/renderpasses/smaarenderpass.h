@@ -1,0 +1,93 @@
+#pragma once
+
+#include "core/renderpasshelper.h"
+#include "renderpasses/export.h"
+
+#include <QMatrix4x4>
+#include <QSharedPointer>
+#include <QVector4D>
+#include <QVector>
+
+namespace Brevane::Kvo {
+
+class DrawBuffers;
+class FramebufferObject;
+class ShaderProgram;
+class Texture;
+
+/// Enhanced Subpixel Morphological Antialiasing (Jimenez et al., 2012) at the ultra preset: colour edges,
+/// blending weights, neighbourhood blending, and in temporal mode the resolve of SMAA T2x against the
+/// previous frame, with velocities from the depth buffer. CameraJitterPass in mode 2 supplies the two
+/// sample positions.
+///
+/// | # | Input                               | Type       | Default | Meaning                                     |
+/// |---|-------------------------------------|------------|---------|---------------------------------------------|
+/// | 0 | Kvo_QRect_Viewport                  | QRect      | none    | size of all images                          |
+/// | 1 | Kvo_KvoTexture*_Frame               | texture    | none    | display-ready image; none: the output is invalid |
+/// | 2 | Kvo_int_Mode                        | int        | 1       | 1: temporal; others: single frame           |
+/// | 3 | Kvo_bool_SupportTransparency        | bool       | false   | keep velocity beside alpha instead of in it |
+/// | 4 | Kvo_KvoTexture*_Predicate           | texture    | none    | edges of this raise the threshold less      |
+/// | 5 | Kvo_KvoTexture*_Depth               | texture    | none    | window depth; none: single frame            |
+/// | 6 | Kvo_QMatrix4x4_CameraMatrix         | QMatrix4x4 | none    | world to camera space                       |
+/// | 7 | Kvo_QMatrix4x4_ProjectionMatrix     | QMatrix4x4 | none    | camera to clip space                        |
+/// | 8 | Kvo_int_JitterIndex                 | int        | none    | of CameraJitterPass; none reads as 0        |
+///
+/// | # | Output                   | Format                                                    |
+/// |---|--------------------------|-----------------------------------------------------------|
+/// | 0 | Kvo_KvoTexture*_Frame    | pool format 3; alpha 1 in temporal mode without transparency |
+///
+/// A frame that starts with history index 0 sees no camera motion: only every other frame has true camera
+/// velocities. Everything is rebuilt when size, mode, transparency or the presence of a predicate change;
+/// what a rebuild lets go without deleting goes to the device context. Inputs are given back to the pool.
+///
+/// Leaves changed: viewport; depth test, blending and stencil test off; stencil mask 0; stencil function
+/// and operation; clear colour and clear stencil; filters of frame and depth linear. Needs OpenGL 3.2.
+class KVO_RENDERPASSES_EXPORT SMAARenderPass : public RenderPassHelper
+{
+public:
+    SMAARenderPass();
+    SMAARenderPass(const SMAARenderPass &other);
+    SMAARenderPass &operator=(const SMAARenderPass &other);
+    ~SMAARenderPass() override;
+
+    /// Builds everything for the size and mode of the last start (64 by 64, temporal, before the first).
+    void setup(RenderCallbacks *callbacks) override;
+    void start(RenderCallbacks *callbacks) override;
+    void teardown(RenderCallbacks *callbacks) override;
+
+private:
+    Texture *edgeDetection(Texture *frame, Texture *depthStencil, Texture *predicate);
+    Texture *blendingWeightCalculation(Texture *edges, Texture *depthStencil, const int &jitterIndex);
+    void neighbourhoodBlending(Texture *output, Texture *packedVelocityOutput, Texture *frame, Texture *weights,
+                               Texture *velocity);
+    Texture *velocityVectors(Texture *depth, const QMatrix4x4 &projection, const QMatrix4x4 &camera);
+    Texture *temporalResolve(Texture *current, Texture *previous, Texture *velocity, Texture *packedVelocity,
+                             Texture *previousPackedVelocity);
+    Texture *takeImage(int format) const;
+
+    int _width = 64;
+    int _height = 64;
+    int _mode = 1;
+    bool _supportTransparency = false;
+    bool _predication = false;
+    QVector4D _smaaMetrics;
+    FramebufferObject *_edgeFbo = nullptr;
+    FramebufferObject *_weightFbo = nullptr;
+    FramebufferObject *_blendFbo = nullptr;
+    FramebufferObject *_resolveFbo = nullptr;
+    FramebufferObject *_velocityFbo = nullptr;
+    Texture *_areaTexture = nullptr;
+    Texture *_searchTexture = nullptr;
+    ShaderProgram *_edgeProgram = nullptr;
+    ShaderProgram *_weightProgram = nullptr;
+    ShaderProgram *_blendProgram = nullptr;
+    ShaderProgram *_resolveProgram = nullptr;
+    ShaderProgram *_velocityProgram = nullptr;
+    QSharedPointer<DrawBuffers> _quad;
+    QVector<Texture *> _colorHistory;
+    QVector<Texture *> _packedVelocityHistory;
+    int _historyIndex = 0;
+    QMatrix4x4 _previousViewProjection;
+};
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,60 @@
+#pragma once
+
+#include "core/renderpasshelper.h"
+#include "renderpasses/export.h"
+
+#include <QMatrix4x4>
+#include <QSharedPointer>
+
+namespace Brevane::Kvo {
+
+class DrawBuffers;
+class FramebufferObject;
+class ShaderProgram;
+
+/// The running mean of the jittered frames of a still view, which converges to a supersampled image.
+/// Any change of camera, projection or size starts it again; there is no reprojection.
+///
+/// | # | Input                               | Type       | Default | Meaning                                      |
+/// |---|-------------------------------------|------------|---------|----------------------------------------------|
+/// | 0 | Kvo_QRect_Viewport                  | QRect      | none    | size of the image                            |
+/// | 1 | Kvo_KvoTexture*_Frame               | texture    | none    | this frame; none: the mean is cleared        |
+/// | 2 | Kvo_QMatrix4x4_ProjectionMatrix     | QMatrix4x4 | none    | to notice changes: the one without jitter    |
+/// | 3 | Kvo_QMatrix4x4_CameraMatrix         | QMatrix4x4 | none    | to notice changes                            |
+/// | 4 | Kvo_bool_Dirty                      | bool       | true    | pass this frame through                      |
+/// | 5 | Kvo_Float_ViewportScale             | float      | 1       | the mean's size is the viewport's divided by this |
+/// | 6 | Kvo_Bool_ViewportScale_Enable       | bool       | true    | false: a scale of 1                          |
+///
+/// | # | Output                   | Format                                                        |
+/// |---|--------------------------|---------------------------------------------------------------|
+/// | 0 | Kvo_KvoTexture*_Frame    | pool format 3, kept by the pass and overwritten next frame; or the frame itself |
+///
+/// The frame after a restart replaces the restart frame, which is often the least settled, and the mean
+/// begins there. The mean is made by blending with a constant. The frame is given back to the pool.
+///
+/// Leaves changed, unless passing through: viewport, depth test off, depth mask open, blending off,
+/// blend function, equation and colour, clear colour after a restart. Needs OpenGL 3.2.
+class KVO_RENDERPASSES_EXPORT TemporalAARenderPass : public RenderPassHelper
+{
+public:
+    TemporalAARenderPass();
+    TemporalAARenderPass(const TemporalAARenderPass &other);
+    TemporalAARenderPass &operator=(const TemporalAARenderPass &other);
+    ~TemporalAARenderPass() override;
+
+    void start(RenderCallbacks *callbacks) override;
+
+private:
+    void releaseAccumulation();
+
+    FramebufferObject *_fbo = nullptr;
+    QSharedPointer<DrawBuffers> _quad;
+    ShaderProgram *_program = nullptr;
+    QMatrix4x4 _lastProjection;
+    QMatrix4x4 _lastCamera;
+    int _lastWidth = 0;
+    int _lastHeight = 0;
+    int _frameCount = 0;
+};
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,80 @@
+#include "renderpasses/camerajitterpass.h"
+
+#include "passkit/extent.h"
+
+#include <cstdlib>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+enum Input { kViewport, kProjectionMatrix, kCameraMatrix, kDirty, kJitterMode };
+enum Output { kProjectionOut, kJitterIndex };
+enum Mode { kNone, kRandomAfterChange, kTable };
+
+constexpr int kRandomFrames = 30;
+
+// Between -0.5 and 0.5. RAND_MAX differs between platforms; the low 15 bits are what all have.
+double randomOffset()
+{
+    return double(float(std::rand() % 32768)) / 32767.0 - 0.5;
+}
+
+} // namespace
+
+CameraJitterPass::CameraJitterPass() : _jitterTable{QVector2D(0.25f, -0.25f), QVector2D(-0.25f, 0.25f)}
+{
+    addInput(QStringLiteral("Kvo_QRect_Viewport"), QVariant(), kViewport);
+    addInput(QStringLiteral("Kvo_QMatrix4x4_ProjectionMatrix"), QVariant(), kProjectionMatrix);
+    addInput(QStringLiteral("Kvo_QMatrix4x4_CameraMatrix"), QVariant(), kCameraMatrix);
+    addInput(QStringLiteral("Kvo_bool_Dirty"), true, kDirty);
+    addInput(QStringLiteral("Kvo_int_JitterMode"), int(kTable), kJitterMode);
+    addOutput(QStringLiteral("Kvo_QMatrix4x4_ProjectionMatrix"), kProjectionOut);
+    addOutput(QStringLiteral("Kvo_int_JitterIndex"), kJitterIndex);
+}
+
+CameraJitterPass::CameraJitterPass(const CameraJitterPass &other) = default;
+CameraJitterPass &CameraJitterPass::operator=(const CameraJitterPass &other) = default;
+CameraJitterPass::~CameraJitterPass() = default;
+
+void CameraJitterPass::start(RenderCallbacks *)
+{
+    const Extent extent = extentOf(_inputs[kViewport].value);
+    const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
+    const auto camera = qvariant_cast<QMatrix4x4>(_inputs[kCameraMatrix].value);
+    const auto dirty = qvariant_cast<bool>(_inputs[kDirty].value);
+    const auto mode = qvariant_cast<int>(_inputs[kJitterMode].value);
+
+    const bool changed = dirty || projection != _lastProjection || camera != _lastCamera
+        || extent != Extent{_lastWidth, _lastHeight};
+    if (changed) {
+        _lastProjection = projection;
+        _lastCamera = camera;
+        _lastWidth = extent.width;
+        _lastHeight = extent.height;
+        _framesLeft = kRandomFrames;
+    }
+    --_framesLeft;
+
+    double x = 0.0;
+    double y = 0.0;
+    if (mode == kNone || (mode == kRandomAfterChange && !changed && _framesLeft < 0)) {
+        _jitterIndex = -1;
+    } else if (mode == kTable) {
+        _jitterIndex = (_jitterIndex + 1) % int(_jitterTable.size());
+        x = double(_jitterTable[_jitterIndex].x());
+        y = double(_jitterTable[_jitterIndex].y());
+    } else {
+        y = randomOffset();
+        x = randomOffset();
+        _jitterIndex = -1;
+    }
+
+    // In front of the projection, so that after the perspective divide every point moves alike.
+    QMatrix4x4 shift;
+    shift.translate(float(x * 2.0 / extent.width), float(y * 2.0 / extent.height), 0.0f);
+    _outputs[kProjectionOut].value = shift * projection;
+    _outputs[kJitterIndex].value = _jitterIndex;
+}
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,137 @@
+#include "renderpasses/fastapproximateantialiasingrenderpass.h"
+
+#include "gl/drawbuffers.h"
+#include "gl/framebufferobject.h"
+#include "gl/guards.h"
+#include "gl/shaderprogram.h"
+#include "gl/texture.h"
+#include "passkit/pool.h"
+#include "passkit/programs.h"
+#include "passkit/slots.h"
+#include "passkit/targets.h"
+
+#include <epoxy/gl.h>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+enum Input { kViewport, kFrame, kSubPixelQuality, kRcpFrameQuality, kEdgeThresholdQuality, kEdgeThresholdMinQuality };
+enum Output { kFrameOut };
+
+// RcpFrameQuality scales the horizontal step only; the vertical one is always a texel.
+const QString kFragmentShader = QStringLiteral(R"(#version 150
+#include "FXAA.glslh"
+
+uniform sampler2D u_FrameSampler;
+uniform int u_Width;
+uniform int u_Height;
+uniform float u_SubPixelQuality;
+uniform float u_RcpFrameQuality;
+uniform float u_EdgeThresholdQuality;
+uniform float u_EdgeThresholdMinQuality;
+
+in vec2 vo_TexCoord;
+
+out vec4 out_FragColor;
+
+void main()
+{
+  float fWidth = float(u_Width);
+  float fHeight = float(u_Height);
+  vec4 zero = vec4(0.0);
+  vec4 smooth_ = FxaaPixelShader(vo_TexCoord.xy, zero, u_FrameSampler, u_FrameSampler, u_FrameSampler,
+                                 vec2(u_RcpFrameQuality/fWidth,1.0/fHeight), zero, zero, zero, u_SubPixelQuality,
+                                 u_EdgeThresholdQuality, u_EdgeThresholdMinQuality, 8.0, 0.125, 0.05, zero);
+  vec4 source = texture(u_FrameSampler, vo_TexCoord);
+  out_FragColor = vec4(smooth_.rgb, max(smooth_.a, source.a));
+}
+)");
+
+const ProgramRecipe &fxaaProgram()
+{
+    static const ProgramRecipe recipe{QStringLiteral("FastApproximateAntiAliasingRenderPass"),
+                                      {QStringLiteral("out_FragColor")},
+                                      {{GL_VERTEX_SHADER, ShaderSource::Text, kScreenVertexShader},
+                                       {GL_FRAGMENT_SHADER, ShaderSource::Text, kFragmentShader},
+                                       {GL_FRAGMENT_SHADER, ShaderSource::File, QStringLiteral("FXAA.glslc")}}};
+    return recipe;
+}
+
+// Only an invalid value falls back: a 0 is meant.
+float validOr(const QVariant &value, float fallback)
+{
+    return value.isValid() ? qvariant_cast<float>(value) : fallback;
+}
+
+} // namespace
+
+FastApproximateAntiAliasingRenderPass::FastApproximateAntiAliasingRenderPass()
+{
+    setTextureForm(TextureForm::Object);
+    addInput(QStringLiteral("Kvo_QRect_Viewport"), QVariant(), kViewport);
+    addInput(QStringLiteral("Kvo_KvoTexture*_Frame"), QVariant(), kFrame);
+    addInput(QStringLiteral("Kvo_float_SubPixelQuality"), QVariant(), kSubPixelQuality);
+    addInput(QStringLiteral("Kvo_float_RcpFrameQuality"), QVariant(), kRcpFrameQuality);
+    addInput(QStringLiteral("Kvo_float_EdgeThresholdQuality"), QVariant(), kEdgeThresholdQuality);
+    addInput(QStringLiteral("Kvo_float_EdgeThresholdMinQuality"), QVariant(), kEdgeThresholdMinQuality);
+    addOutput(QStringLiteral("Kvo_KvoTexture*_Frame"), kFrameOut);
+}
+
+FastApproximateAntiAliasingRenderPass::FastApproximateAntiAliasingRenderPass(
+    const FastApproximateAntiAliasingRenderPass &other) = default;
+FastApproximateAntiAliasingRenderPass &
+FastApproximateAntiAliasingRenderPass::operator=(const FastApproximateAntiAliasingRenderPass &other) = default;
+
+FastApproximateAntiAliasingRenderPass::~FastApproximateAntiAliasingRenderPass()
+{
+    delete _fbo;
+    delete _program;
+}
+
+void FastApproximateAntiAliasingRenderPass::start(RenderCallbacks *)
+{
+    const Extent extent = extentOf(_inputs[kViewport].value);
+    const float subPixel = validOr(_inputs[kSubPixelQuality].value, 0.75f);
+    const float rcpFrame = validOr(_inputs[kRcpFrameQuality].value, 1.0f);
+    const float threshold = validOr(_inputs[kEdgeThresholdQuality].value, 0.166f);
+    const float thresholdMin = validOr(_inputs[kEdgeThresholdMinQuality].value, 0.0f);
+    Texture *frame = objectTexture(_inputs[kFrame].value);
+    if (!frame) {
+        _outputs[kFrameOut].value = QVariant();
+        return;
+    }
+    made(_fbo, "FastApproximateAntiAliasingRenderPass");
+    _width = extent.width;
+    _height = extent.height;
+    buildOnce(_program, fxaaProgram());
+    fetchOnce(_quad, Quad::Screen, _program);
+
+    AutoBinder fbo(_fbo);
+    Texture *target = tempTexture(TextureFormat::Result, extent);
+    _fbo->attach(target, GL_COLOR_ATTACHMENT0, 0);
+    _fbo->setDrawBuffers();
+    glDisable(GL_DEPTH_TEST);
+    glViewport(0, 0, extent.width, extent.height);
+    if (!extent.isEmpty() && _quad) {
+        glClear(GL_COLOR_BUFFER_BIT);
+        AutoBinder program(_program);
+        AutoBinder boundFrame(frame);
+        const LinearFilterScope linear(GL_TEXTURE_2D);
+        _program->setUniform(QStringLiteral("u_FrameSampler"), frame->unit());
+        _program->setUniform(QStringLiteral("u_Width"), _width);
+        _program->setUniform(QStringLiteral("u_Height"), _height);
+        _program->setUniform(QStringLiteral("u_SubPixelQuality"), subPixel);
+        _program->setUniform(QStringLiteral("u_RcpFrameQuality"), rcpFrame);
+        _program->setUniform(QStringLiteral("u_EdgeThresholdQuality"), threshold);
+        _program->setUniform(QStringLiteral("u_EdgeThresholdMinQuality"), thresholdMin);
+        AutoBinder quad(_quad);
+        _quad->draw();
+    }
+    publish(_outputs[kFrameOut], target, _numOutputUsers[kFrameOut]);
+    _fbo->detach(GL_COLOR_ATTACHMENT0);
+    release(target);
+    release(frame);
+}
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,163 @@
+#include "renderpasses/temporalaarenderpass.h"
+
+#include "gl/drawbuffers.h"
+#include "gl/framebufferobject.h"
+#include "gl/guards.h"
+#include "gl/shaderprogram.h"
+#include "gl/texture.h"
+#include "passkit/pool.h"
+#include "passkit/programs.h"
+#include "passkit/slots.h"
+#include "passkit/targets.h"
+
+#include <epoxy/gl.h>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+enum Input { kViewport, kFrame, kProjectionMatrix, kCameraMatrix, kDirty, kViewportScale, kViewportScaleEnable };
+enum Output { kFrameOut };
+
+// The mean is made by blending, so the history is declared for hosts that look and never read.
+const QString kFragmentShader = QStringLiteral(R"(#version 150
+
+uniform sampler2D u_newFrame;
+uniform sampler2D u_prevFrame;
+
+in vec2 vo_TexCoord;
+
+out vec4 out_FragColor;
+
+void main()
+{
+  out_FragColor = texture(u_newFrame, vo_TexCoord);
+}
+)");
+
+const ProgramRecipe &copyProgram()
+{
+    static const ProgramRecipe recipe{QStringLiteral("TemporalAARenderPass"),
+                                      {QStringLiteral("out_FragColor")},
+                                      {{GL_VERTEX_SHADER, ShaderSource::Text, kScreenVertexShader},
+                                       {GL_FRAGMENT_SHADER, ShaderSource::Text, kFragmentShader}}};
+    return recipe;
+}
+
+} // namespace
+
+TemporalAARenderPass::TemporalAARenderPass()
+{
+    setTextureForm(TextureForm::Typed);
+    addInput(QStringLiteral("Kvo_QRect_Viewport"), QVariant(), kViewport);
+    addInput(QStringLiteral("Kvo_KvoTexture*_Frame"), QVariant(), kFrame);
+    addInput(QStringLiteral("Kvo_QMatrix4x4_ProjectionMatrix"), QVariant(), kProjectionMatrix);
+    addInput(QStringLiteral("Kvo_QMatrix4x4_CameraMatrix"), QVariant(), kCameraMatrix);
+    addInput(QStringLiteral("Kvo_bool_Dirty"), true, kDirty);
+    addInput(QStringLiteral("Kvo_Float_ViewportScale"), 1.0f, kViewportScale);
+    addInput(QStringLiteral("Kvo_Bool_ViewportScale_Enable"), true, kViewportScaleEnable);
+    addOutput(QStringLiteral("Kvo_KvoTexture*_Frame"), kFrameOut);
+}
+
+TemporalAARenderPass::TemporalAARenderPass(const TemporalAARenderPass &other) = default;
+TemporalAARenderPass &TemporalAARenderPass::operator=(const TemporalAARenderPass &other) = default;
+
+TemporalAARenderPass::~TemporalAARenderPass()
+{
+    if (_fbo) {
+        AutoBinder fbo(_fbo);
+        releaseAccumulation();
+    }
+    delete _fbo;
+    delete _program;
+}
+
+void TemporalAARenderPass::start(RenderCallbacks *)
+{
+    const Extent viewport = extentOf(_inputs[kViewport].value);
+    Texture *frame = typedTexture(_inputs[kFrame].value);
+    const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
+    const auto camera = qvariant_cast<QMatrix4x4>(_inputs[kCameraMatrix].value);
+    const auto dirty = qvariant_cast<bool>(_inputs[kDirty].value);
+    auto scale = qvariant_cast<float>(_inputs[kViewportScale].value);
+    if (!qvariant_cast<bool>(_inputs[kViewportScaleEnable].value))
+        scale = 1.0f;
+
+    if (dirty) {
+        publish(_outputs[kFrameOut], frame, _numOutputUsers[kFrameOut]);
+        _frameCount = 0;
+        release(frame);
+        return;
+    }
+
+    // A scale that is no positive number leaves no size to divide by.
+    const float divisor = scale > 0.0f ? scale : 1.0f;
+    const Extent extent{int(float(viewport.width) / divisor), int(float(viewport.height) / divisor)};
+    const bool sizeChanged = extent != Extent{_lastWidth, _lastHeight};
+    const bool restart = projection != _lastProjection || camera != _lastCamera || sizeChanged;
+    if (restart) {
+        _lastProjection = projection;
+        _lastCamera = camera;
+        _lastWidth = extent.width;
+        _lastHeight = extent.height;
+    }
+    if (made(_fbo, "TemporalAARenderPass") || sizeChanged) {
+        AutoBinder fbo(_fbo);
+        releaseAccumulation();
+        Texture *accumulation = tempTexture(TextureFormat::Result, extent);
+        _fbo->attach(accumulation, GL_COLOR_ATTACHMENT0, 0);
+        // One reference more than the pool's own for as long as the texture outlives frames.
+        TextureManager::Instance().addTempTextureRef(accumulation, 1);
+        _fbo->setDrawBuffers();
+    }
+    buildOnce(_program, copyProgram());
+    fetchOnce(_quad, Quad::Screen, _program);
+
+    AutoBinder fbo(_fbo);
+    glViewport(0, 0, extent.width, extent.height);
+    if (extent.isEmpty() || !_quad) {
+        // Nothing to draw into.
+    } else if (!frame) {
+        glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
+        glClear(GL_COLOR_BUFFER_BIT);
+    } else {
+        glDisable(GL_DEPTH_TEST);
+        glDepthMask(GL_FALSE);
+        if (restart) {
+            glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
+            glClear(GL_COLOR_BUFFER_BIT);
+            glDisable(GL_BLEND);
+            _frameCount = 0;
+        } else {
+            // 0 the first time: that frame replaces the restart frame.
+            const int n = _frameCount;
+            const float c = float(n) / float(n + 1);
+            _frameCount = n + 1;
+            glEnable(GL_BLEND);
+            glBlendEquation(GL_FUNC_ADD);
+            glBlendFunc(GL_ONE_MINUS_CONSTANT_COLOR, GL_CONSTANT_COLOR);
+            glBlendColor(c, c, c, c);
+        }
+        {
+            AutoBinder program(_program);
+            AutoBinder quad(_quad);
+            AutoBinder boundFrame(frame);
+            _program->setUniform(QStringLiteral("u_newFrame"), frame->unit());
+            _quad->draw();
+        }
+        glDepthMask(GL_TRUE);
+        if (!restart)
+            glDisable(GL_BLEND);
+    }
+    publish(_outputs[kFrameOut], _fbo->attachment(GL_COLOR_ATTACHMENT0), _numOutputUsers[kFrameOut]);
+    release(frame);
+}
+
+// Both references of the pass.
+void TemporalAARenderPass::releaseAccumulation()
+{
+    if (_fbo->hasAttachment(GL_COLOR_ATTACHMENT0))
+        TextureManager::Instance().releaseTempTextureRef(_fbo->detach(GL_COLOR_ATTACHMENT0), 2);
+}
+
+} // namespace Brevane::Kvo
