@@ -84,21 +84,11 @@ private:
 void deleteName(NameKind kind, unsigned int name)
 {
     switch (kind) {
-    case NameKind::Texture:
-        glDeleteTextures(1, &name);
-        break;
-    case NameKind::Buffer:
-        glDeleteBuffers(1, &name);
-        break;
-    case NameKind::Program:
-        glDeleteProgram(name);
-        break;
-    case NameKind::Framebuffer:
-        glDeleteFramebuffers(1, &name);
-        break;
-    case NameKind::VertexArray:
-        glDeleteVertexArrays(1, &name);
-        break;
+    case NameKind::Texture: glDeleteTextures(1, &name); break;
+    case NameKind::Buffer: glDeleteBuffers(1, &name); break;
+    case NameKind::Program: glDeleteProgram(name); break;
+    case NameKind::Framebuffer: glDeleteFramebuffers(1, &name); break;
+    case NameKind::VertexArray: glDeleteVertexArrays(1, &name); break;
     }
 }
 
@@ -108,21 +98,11 @@ unsigned int NameStore::create(NameKind kind)
 {
     unsigned int name = 0;
     switch (kind) {
-    case NameKind::Texture:
-        glGenTextures(1, &name);
-        break;
-    case NameKind::Buffer:
-        glGenBuffers(1, &name);
-        break;
-    case NameKind::Program:
-        name = glCreateProgram();
-        break;
-    case NameKind::Framebuffer:
-        glGenFramebuffers(1, &name);
-        break;
-    case NameKind::VertexArray:
-        glGenVertexArrays(1, &name);
-        break;
+    case NameKind::Texture: glGenTextures(1, &name); break;
+    case NameKind::Buffer: glGenBuffers(1, &name); break;
+    case NameKind::Program: name = glCreateProgram(); break;
+    case NameKind::Framebuffer: glGenFramebuffers(1, &name); break;
+    case NameKind::VertexArray: glGenVertexArrays(1, &name); break;
     }
     if (name)
         _live[std::size_t(kind)].insert(name);
@@ -365,8 +345,7 @@ void ContextState::labelObject(unsigned int identifier, unsigned int name, const
 ObjectName::ObjectName(ObjectName &&other) noexcept
     : _kind(other._kind), _id(std::exchange(other._id, 0)), _context(std::move(other._context)),
       _group(std::move(other._group))
-{
-}
+{}
 
 ObjectName &ObjectName::operator=(ObjectName &&other) noexcept
 {

@@ -50,13 +50,15 @@ public:
             const bool startsInComment = _inComment;
             followComments(line);
             const bool isLast = i + 1 == lines.size();
-            if (!startsInComment) {
+            // Most lines are neither: the patterns need not look at them.
+            if (!startsInComment && line.contains(u'#')) {
                 if (const auto m = kVersionLine.match(line); m.hasMatch()) {
                     if (file == 0)
                         _version = m.captured(1).toInt();
                     else
-                        _result.errors.append(QStringLiteral("\"%1\" has a #version line; only the including source may")
-                                                  .arg(_result.fileNames[file]));
+                        _result.errors.append(
+                            QStringLiteral("\"%1\" has a #version line; only the including source may")
+                                .arg(_result.fileNames[file]));
                     // Replaced by an empty line: the version stands at the top of the whole text.
                     out += u'\n';
                     continue;
@@ -64,7 +66,7 @@ public:
                 if (const auto m = directive.match(line); m.hasMatch()) {
                     const QString target = m.captured(2);
                     out += m.captured(1) == QLatin1String("include") ? include(target, depth)
-                                                                    : instanceData(target, depth);
+                                                                     : instanceData(target, depth);
                     out += lineDirective(int(i) + 2, file);
                     continue;
                 }
@@ -107,6 +109,8 @@ public:
 private:
     void followComments(const QString &line)
     {
+        if (!_inComment && !line.contains(u'/'))
+            return;
         for (qsizetype i = 0; i < line.size(); ++i) {
             const QStringView here = QStringView(line).mid(i, 2);
             if (_inComment) {
@@ -136,9 +140,8 @@ private:
         if (_included.contains(target))
             return {};
         if (depth >= kMaxIncludeDepth)
-            return error(QStringLiteral("includes are nested more than %1 deep at \"%2\"")
-                             .arg(kMaxIncludeDepth)
-                             .arg(target));
+            return error(
+                QStringLiteral("includes are nested more than %1 deep at \"%2\"").arg(kMaxIncludeDepth).arg(target));
         bool found = false;
         const QString text = fileInPaths(_paths, target, &found);
         if (!found)

@@ -319,7 +319,8 @@ QString ShaderProgramPrivate::drawIndexDefine() const
     bool betweenVertexAndFragment = false;
     for (const Source &source : sources) {
         if (source.stage == GL_VERTEX_SHADER)
-            vertexReadsInstanceData = vertexReadsInstanceData || source.text.contains(marker);
+            vertexReadsInstanceData = vertexReadsInstanceData
+                || (source.text.contains(QLatin1String("instancedata")) && source.text.contains(marker));
         else if (source.stage != GL_FRAGMENT_SHADER)
             betweenVertexAndFragment = true;
     }

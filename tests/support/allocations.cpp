@@ -19,8 +19,7 @@ void setAllocationsAreCounted()
 }
 
 AllocationCounter::AllocationCounter(int traces)
-    : _startCount(allocationState.count)
-    , _startBytes(allocationState.bytes)
+    : _startCount(allocationState.count), _startBytes(allocationState.bytes)
 {
     allocationState.tracesWanted = traces;
     ++allocationState.counting;

@@ -68,10 +68,8 @@ std::unique_ptr<ShaderProgram> makeProgram(const QString &vertexText, const QStr
 }
 
 Target::Target(unsigned int internalFormat, int width, int height, bool depthStencil)
-    : _width(width)
-    , _height(height)
-    , _color(makeTexture(internalFormat, width, height))
-    , _framebuffer(std::make_unique<FramebufferObject>())
+    : _width(width), _height(height), _color(makeTexture(internalFormat, width, height)),
+      _framebuffer(std::make_unique<FramebufferObject>())
 {
     const AutoBinder bound(_framebuffer.get());
     _framebuffer->attach(_color.get(), GL_COLOR_ATTACHMENT0, 0);

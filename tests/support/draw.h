@@ -14,8 +14,7 @@
 namespace Brevane::Kvo::Test {
 
 /// A GL_TEXTURE_2D with storage, nearest filter and clamped wrap.
-std::unique_ptr<Texture> makeTexture(unsigned int internalFormat, int width, int height,
-                                     const void *pixels = nullptr);
+std::unique_ptr<Texture> makeTexture(unsigned int internalFormat, int width, int height, const void *pixels = nullptr);
 /// An RGBA32F texture with these pixels.
 std::unique_ptr<Texture> makeTexture(const Image<float> &image);
 /// The same of one colour.

@@ -102,7 +102,8 @@ bool installed = false;
 class GlCallsAccess
 {
 public:
-    static void note(GlFunction function, std::vector<double> args, std::vector<double> data, double result)
+    static void note(GlFunction function, const std::vector<double> &args, const std::vector<double> &data,
+                     double result)
     {
         if (const int kind = kindOf(function); kind >= 0)
             noteObjects(kind, nameOfFunction(function), args, data, result);
@@ -210,12 +211,12 @@ struct Wrapper<function, slot, Result (*)(Args...)>
         constexpr DataRule rule = dataRule(nameOfFunction(function));
         if constexpr (rule.pointer >= 0) {
             // glClearBuffer*v takes four values for a colour buffer and one otherwise
-            const int count = rule.count >= 0 ? int(numbers[size_t(rule.count)]) * rule.perCount
-                                              : (numbers[0] == GL_COLOR ? 4 : 1);
+            const int count =
+                rule.count >= 0 ? int(numbers[size_t(rule.count)]) * rule.perCount : (numbers[0] == GL_COLOR ? 4 : 1);
             int index = 0;
             ((index++ == rule.pointer ? appendData(data, args, count) : void()), ...);
         }
-        GlCallsAccess::note(function, std::move(numbers), std::move(data), result);
+        GlCallsAccess::note(function, numbers, data, result);
     }
 
     static void install()
@@ -332,8 +333,9 @@ int GlCalls::countAny(std::initializer_list<const char *> names) const
 
 int GlCalls::textureAllocations() const
 {
-    return countAny({"glTexImage1D", "glTexImage2D", "glTexImage2DMultisample", "glTexImage3D", "glTexImage3DMultisample",
-                     "glTexStorage2D", "glTexStorage3D", "glCopyTexImage2D", "glCompressedTexImage2D"});
+    return countAny({"glTexImage1D", "glTexImage2D", "glTexImage2DMultisample", "glTexImage3D",
+                     "glTexImage3DMultisample", "glTexStorage2D", "glTexStorage3D", "glCopyTexImage2D",
+                     "glCompressedTexImage2D"});
 }
 
 int GlCalls::bufferAllocations() const
@@ -345,8 +347,7 @@ int GlCalls::draws() const
 {
     return int(std::count_if(_calls.begin(), _calls.end(), [](const GlCall &c) {
         const std::string_view name = c.name;
-        return name.starts_with("glMultiDraw")
-               || (name.starts_with("glDraw") && !name.starts_with("glDrawBuffer"));
+        return name.starts_with("glMultiDraw") || (name.starts_with("glDraw") && !name.starts_with("glDrawBuffer"));
     }));
 }
 
@@ -417,8 +418,11 @@ QStringList GlCalls::liveObjects()
     QStringList lines;
     const auto copy = liveNames;
     for (const auto &[object, count] : copy)
-        lines.append(QStringLiteral("%1 %2 x%3 '%4'").arg(QString::fromLatin1(nameOf(GlKind(object.first))))
-                         .arg(object.second).arg(count).arg(labelOf(object.first, GLuint(object.second))));
+        lines.append(QStringLiteral("%1 %2 x%3 '%4'")
+                         .arg(QString::fromLatin1(nameOf(GlKind(object.first))))
+                         .arg(object.second)
+                         .arg(count)
+                         .arg(labelOf(object.first, GLuint(object.second))));
     return lines;
 }
 
@@ -429,14 +433,13 @@ int GlCalls::unknownDeletions()
 
 const char *GlCalls::nameOf(GlKind kind)
 {
-    static constexpr const char *kKindNames[kGlKindCount] = {"buffer",  "framebuffer", "program", "query",
-                                                             "renderbuffer", "sampler", "shader", "sync",
-                                                             "texture", "vertex array"};
+    static constexpr const char *kKindNames[kGlKindCount] = {"buffer",       "framebuffer", "program", "query",
+                                                             "renderbuffer", "sampler",     "shader",  "sync",
+                                                             "texture",      "vertex array"};
     return kKindNames[int(kind)];
 }
 
-GlCalls::ForcedInteger::ForcedInteger(unsigned int query, int value)
-    : _query(query)
+GlCalls::ForcedInteger::ForcedInteger(unsigned int query, int value) : _query(query)
 {
     forcedIntegers[query] = value;
 }

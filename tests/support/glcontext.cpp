@@ -18,11 +18,10 @@ int expectedErrors = 0;
 EGLDisplay display()
 {
     static const EGLDisplay opened = [] {
-        const auto getDisplay = reinterpret_cast<PFNEGLGETPLATFORMDISPLAYEXTPROC>(
-            eglGetProcAddress("eglGetPlatformDisplayEXT"));
-        const EGLDisplay d = getDisplay
-                                 ? getDisplay(EGL_PLATFORM_SURFACELESS_MESA, EGL_DEFAULT_DISPLAY, nullptr)
-                                 : EGL_NO_DISPLAY;
+        const auto getDisplay =
+            reinterpret_cast<PFNEGLGETPLATFORMDISPLAYEXTPROC>(eglGetProcAddress("eglGetPlatformDisplayEXT"));
+        const EGLDisplay d =
+            getDisplay ? getDisplay(EGL_PLATFORM_SURFACELESS_MESA, EGL_DEFAULT_DISPLAY, nullptr) : EGL_NO_DISPLAY;
         return d != EGL_NO_DISPLAY && eglInitialize(d, nullptr, nullptr) ? d : EGL_NO_DISPLAY;
     }();
     return opened;
@@ -41,10 +40,7 @@ void GLAPIENTRY onDebugMessage(GLenum source, GLenum type, GLuint, GLenum, GLsiz
 
 } // namespace
 
-GLContext::GLContext()
-    : GLContext(Options())
-{
-}
+GLContext::GLContext() : GLContext(Options()) {}
 
 GLContext::GLContext(const Options &options)
 {

@@ -28,12 +28,7 @@ struct Image
     QVector<Pixel> pixels;
 
     Image() = default;
-    Image(int w, int h, Pixel value = Pixel{})
-        : width(w)
-        , height(h)
-        , pixels(qsizetype(w) * h, value)
-    {
-    }
+    Image(int w, int h, Pixel value = Pixel{}) : width(w), height(h), pixels(qsizetype(w) * h, value) {}
 
     const Pixel &at(int x, int y) const { return pixels.at(qsizetype(y) * width + x); }
     Pixel &at(int x, int y) { return pixels[qsizetype(y) * width + x]; }
@@ -156,11 +151,11 @@ template <typename T>
                toQImage(differenceImage(actual, expected), 255.0 / std::max(d.worst, 1e-6), true));
     const auto a = actual.at(d.worstX, d.worstY);
     const auto e = expected.at(d.worstX, d.worstY);
-    return ::testing::AssertionFailure()
-           << "worst pixel (" << d.worstX << ", " << d.worstY << ") is off by " << d.worst << " (limit " << limits.worst
-           << "): (" << +a[0] << ", " << +a[1] << ", " << +a[2] << ", " << +a[3] << ") instead of (" << +e[0] << ", "
-           << +e[1] << ", " << +e[2] << ", " << +e[3] << "); " << 100 * d.share << " % differ (limit "
-           << 100 * limits.share << " %); images in " << qPrintable(testOutputPath(name));
+    return ::testing::AssertionFailure() << "worst pixel (" << d.worstX << ", " << d.worstY << ") is off by " << d.worst
+                                         << " (limit " << limits.worst << "): (" << +a[0] << ", " << +a[1] << ", "
+                                         << +a[2] << ", " << +a[3] << ") instead of (" << +e[0] << ", " << +e[1] << ", "
+                                         << +e[2] << ", " << +e[3] << "); " << 100 * d.share << " % differ (limit "
+                                         << 100 * limits.share << " %); images in " << qPrintable(testOutputPath(name));
 }
 
 /// The image with a block of pixels changed by an amount, for negative controls.
@@ -183,8 +178,8 @@ template <typename T>
         if (!(std::abs(double(pixel[c]) - expected[c]) <= tolerance))
             return ::testing::AssertionFailure()
                    << "pixel (" << x << ", " << y << ") is (" << +pixel[0] << ", " << +pixel[1] << ", " << +pixel[2]
-                   << ", " << +pixel[3] << ") instead of (" << expected[0] << ", " << expected[1] << ", "
-                   << expected[2] << ", " << expected[3] << ")";
+                   << ", " << +pixel[3] << ") instead of (" << expected[0] << ", " << expected[1] << ", " << expected[2]
+                   << ", " << expected[3] << ")";
     }
     return ::testing::AssertionSuccess();
 }

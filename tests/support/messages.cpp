@@ -12,10 +12,7 @@ namespace {
 MessageCapture *innermost = nullptr;
 }
 
-MessageCapture::MessageCapture()
-    : _outer(std::exchange(innermost, this))
-{
-}
+MessageCapture::MessageCapture() : _outer(std::exchange(innermost, this)) {}
 
 MessageCapture::~MessageCapture()
 {

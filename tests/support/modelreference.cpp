@@ -128,8 +128,8 @@ ModelReference::ModelReference(const ModelData &model, const QMatrix4x4 &project
             const QVector3D n = mesh.normals[i];
             Vector3 normal{};
             for (size_t row = 0; row < 3; ++row)
-                normal[row] = normals[row][0] * double(n.x()) + normals[row][1] * double(n.y())
-                              + normals[row][2] * double(n.z());
+                normal[row] =
+                    normals[row][0] * double(n.x()) + normals[row][1] * double(n.y()) + normals[row][2] * double(n.z());
             const QVector2D t = mesh.texCoords.isEmpty() ? QVector2D() : mesh.texCoords[i];
             EXPECT_GT(clip[3], 0) << "the reference does not clip";
             corners.append({(clip[0] / clip[3] + 1) / 2 * width, (clip[1] / clip[3] + 1) / 2 * height,

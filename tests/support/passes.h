@@ -13,7 +13,7 @@
 namespace Brevane::Kvo {
 class RenderPass;
 class Texture;
-}
+} // namespace Brevane::Kvo
 
 namespace Brevane::Kvo::Test {
 

@@ -92,11 +92,12 @@ ModelData quadGridScene(int columns, int rows)
     for (int i = 0; i < count; ++i) {
         const int column = i % columns;
         const int row = i / columns;
-        data.materials.append(material(
-            {float(i + 1) / float(count), float(column) / float(columns), float(row) / float(rows)}));
+        data.materials.append(
+            material({float(i + 1) / float(count), float(column) / float(columns), float(row) / float(rows)}));
         ModelItem item;
         item.material = i;
-        item.transform.translate(-1 + (2 * float(column) + 1) / float(columns), -1 + (2 * float(row) + 1) / float(rows));
+        item.transform.translate(-1 + (2 * float(column) + 1) / float(columns),
+                                 -1 + (2 * float(row) + 1) / float(rows));
         item.transform.scale(1 / float(columns), 1 / float(rows), 1);
         item.flags = quint64(1) << (i % 8);
         data.items.append(item);
