@@ -205,27 +205,28 @@ void main()
   float h = (1.0 / height) * blur * maxblur + noise.y;
 
   vec3 col = texture(bgl_RenderedTexture, vo_TexCoord.xy).rgb;
-  if(!(blur < 0.05))
+  float s = 1.0;
+  // A sharp pixel gathers nothing. Not an if around the loop: a software renderer pays both sides of a
+  // branch, but leaves a loop as soon as no pixel of a block goes on.
+  int lastRing = blur < 0.05 ? 0 : rings;
+  for(int i = 1; i <= lastRing; i++)
   {
-    float s = 1.0;
-    for(int i = 1; i <= rings; i++)
+    int ringsamples = i * samples;
+    float step = PI * 2.0 / float(ringsamples);
+    float ringWeight = mix(1.0, float(i) / float(rings), bias);
+    for(int j = 0; j < ringsamples; j++)
     {
-      int ringsamples = i * samples;
-      for(int j = 0; j < ringsamples; j++)
-      {
-        float step = PI * 2.0 / float(ringsamples);
-        float pw = cos(float(j) * step) * float(i);
-        float ph = sin(float(j) * step) * float(i);
-        float p = 1.0;
-        if(pentagon)
-          p = penta(vec2(pw, ph));
-        float weight = mix(1.0, float(i) / float(rings), bias) * p;
-        col += color(vo_TexCoord.xy + vec2(pw * w, ph * h), blur) * weight;
-        s += weight;
-      }
+      float pw = cos(float(j) * step) * float(i);
+      float ph = sin(float(j) * step) * float(i);
+      float p = 1.0;
+      if(pentagon)
+        p = penta(vec2(pw, ph));
+      float weight = ringWeight * p;
+      col += color(vo_TexCoord.xy + vec2(pw * w, ph * h), blur) * weight;
+      s += weight;
     }
-    col /= s;
   }
+  col /= s;
 
   if(showFocus)
     col = debugFocus(col, blur, depth);

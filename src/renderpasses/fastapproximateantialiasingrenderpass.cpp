@@ -43,7 +43,7 @@ void main()
   vec4 smooth_ = FxaaPixelShader(vo_TexCoord.xy, zero, u_FrameSampler, u_FrameSampler, u_FrameSampler,
                                  vec2(u_RcpFrameQuality/fWidth,1.0/fHeight), zero, zero, zero, u_SubPixelQuality,
                                  u_EdgeThresholdQuality, u_EdgeThresholdMinQuality, 8.0, 0.125, 0.05, zero);
-  vec4 source = texture(u_FrameSampler, vo_TexCoord);
+  vec4 source = textureLod(u_FrameSampler, vo_TexCoord, 0.0);
   out_FragColor = vec4(smooth_.rgb, max(smooth_.a, source.a));
 }
 )");
