@@ -147,8 +147,8 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "bench_vtk: VTK's context cannot be used\n");
         return 1;
     }
-    std::printf("%s\n%d by %d, medians of %d rounds, milliseconds\n", qPrintable(device->description()), kWidth, kHeight,
-                repetitions);
+    std::printf("%s\n%d by %d, medians of %d rounds, milliseconds\n", qPrintable(device->description()), kWidth,
+                kHeight, repetitions);
     {
         // VTK's own picture and depth, so that both blur the same.
         vtkFrame(plain);

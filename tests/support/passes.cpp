@@ -233,6 +233,40 @@ void expectResizingLeaksNothing(RenderPass &pass, int targets)
     }
 }
 
+void expectTeardownKeepsEverything(RenderPass &pass)
+{
+    const auto outputs = [&pass] {
+        QVector<QVariant> values;
+        for (int i = 0; i < pass.numOutputs(); ++i)
+            values.append(pass.output(i));
+        return values;
+    };
+    runFrame(pass);
+    const QVector<QVariant> before = outputs();
+    {
+        const GlCalls calls;
+        pass.teardown(nullptr);
+        pass.teardownContextData(nullptr);
+        pass.setup(nullptr);
+        EXPECT_TRUE(calls.all().empty()) << qPrintable(calls.toString());
+    }
+    const GlCalls calls;
+    runFrame(pass);
+    EXPECT_EQ(calls.created(), 0);
+    EXPECT_EQ(outputs(), before);
+}
+
+void expectEmptyViewportsRaiseNoError(RenderPass &pass)
+{
+    for (const QRect &viewport : {QRect(), QRect(0, 0, 0, 5), QRect(0, 0, 5, 0), QRect(0, 0, -2, 3)}) {
+        pass.setInput(0, viewport);
+        runFrame(pass);
+        for (int i = 0; i < pass.numOutputs(); ++i)
+            EXPECT_NE(outputTexture(pass, i), nullptr) << i;
+        EXPECT_EQ(pass.errorCode(), 0u);
+    }
+}
+
 void expectSecondStartAllocatesNothing(RenderPass &pass, int targets)
 {
     {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "support/glcalls.h"
 #include "support/image.h"
 
 #include <QRect>
@@ -106,6 +107,27 @@ void expectSteadyFrameCreatesNothing(RenderPass &pass);
 /// Gives input 0 another size before each of several frames and checks that each frame allocates
 /// exactly \a targets textures, that the old ones go, and that the number of live GL objects stays.
 void expectResizingLeaksNothing(RenderPass &pass, int targets);
+
+/// Checks that teardown, teardownContextData and setup make no GL call, and that the next frame makes
+/// nothing and hands out the same textures: so it is with a pass that frees nothing before its end.
+void expectTeardownKeepsEverything(RenderPass &pass);
+
+/// Runs viewports without pixels through input 0; the fixture fails on a GL error. Outputs stay there.
+void expectEmptyViewportsRaiseNoError(RenderPass &pass);
+
+/// Checks that a pass can be made, copied, assigned and destroyed without a GL call.
+template <typename Pass>
+void expectNoGLCallBeforeStart()
+{
+    const GlCalls calls;
+    {
+        Pass one;
+        Pass two(one);
+        Pass three;
+        three = two;
+    }
+    EXPECT_TRUE(calls.all().empty()) << qPrintable(calls.toString());
+}
 
 /// Calls start twice with one size and checks that only the first allocated, \a targets textures.
 void expectSecondStartAllocatesNothing(RenderPass &pass, int targets);

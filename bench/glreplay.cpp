@@ -1,0 +1,237 @@
+#include "glreplay.h"
+
+#include "support/glfunctions.h"
+
+#include <epoxy/gl.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <map>
+#include <utility>
+
+namespace Brevane::Kvo::Bench {
+
+namespace {
+
+// The calls that passes make in a steady frame, without queries.
+#define KVO_REPLAYED(X)                                                                                                \
+    X(ActiveTexture)                                                                                                   \
+    X(BindBuffer)                                                                                                      \
+    X(BindFramebuffer) X(BindTexture) X(BindVertexArray) X(BlitFramebuffer) X(Clear) X(ClearColor) X(ColorMask)        \
+        X(Disable) X(DrawArrays) X(DrawBuffer) X(DrawBuffers) X(DrawElements) X(Enable) X(FramebufferTexture)          \
+            X(FrontFace) X(MultiDrawElementsIndirect) X(ReadBuffer) X(Scissor) X(Uniform1i) X(Uniform2fv)              \
+                X(Uniform4fv) X(UniformMatrix4fv) X(UseProgram) X(VertexAttribI1ui) X(Viewport)
+
+enum Function : int {
+#define X(name) name,
+    KVO_REPLAYED(X)
+#undef X
+        Count
+};
+
+constexpr const char *kNames[] = {
+#define X(name) "gl" #name,
+    KVO_REPLAYED(X)
+#undef X
+};
+
+int functionOf(const char *name)
+{
+    for (int i = 0; i < Count; ++i)
+        if (std::strcmp(kNames[i], name) == 0)
+            return i;
+    return -1;
+}
+
+bool isQuery(const char *name)
+{
+    for (const char *prefix : {"glGet", "glIs", "glCheckFramebufferStatus"})
+        if (std::strncmp(name, prefix, std::strlen(prefix)) == 0)
+            return true;
+    return false;
+}
+
+// What a binding call replaces; texture bindings carry their unit.
+using BindingPoint = std::pair<int, double>;
+
+void *pointer(double address)
+{
+    return reinterpret_cast<void *>(static_cast<uintptr_t>(address));
+}
+
+} // namespace
+
+GLReplay::GLReplay(const Test::GlCalls &recorded)
+{
+    std::map<BindingPoint, double> wanted;
+    std::map<BindingPoint, double> present;
+    double wantedUnit = GL_TEXTURE0;
+    double presentUnit = -1;
+
+    const auto emit = [this](int function, std::vector<double> args) {
+        _calls.push_back({function, std::move(args), {}, {}});
+    };
+    const auto bind = [&](int function) {
+        for (const auto &[point, name] : wanted) {
+            if (point.first != function)
+                continue;
+            const auto before = present.find(point);
+            if (before != present.end() && before->second == name)
+                continue;
+            if (function == BindTexture) {
+                // key of a texture: unit * 2^16 + target
+                const double unit = double(qint64(point.second) >> 16);
+                const double target = double(qint64(point.second) & 0xFFFF);
+                if (name == 0)
+                    continue;
+                if (presentUnit != unit)
+                    emit(ActiveTexture, {unit});
+                presentUnit = unit;
+                emit(BindTexture, {target, name});
+            } else if (function == BindFramebuffer || function == BindBuffer) {
+                emit(function, {point.second, name});
+            } else {
+                emit(function, {name});
+            }
+            present[point] = name;
+        }
+    };
+
+    for (const Test::GlCall &call : recorded.all()) {
+        if (isQuery(call.name))
+            continue;
+        const int function = functionOf(call.name);
+        switch (function) {
+        case -1: std::fprintf(stderr, "%s is not known to the replay\n", call.name); std::abort();
+        case ActiveTexture: wantedUnit = call.args[0]; continue;
+        case BindTexture: wanted[{BindTexture, wantedUnit * 65536 + call.args[0]}] = call.args[1]; continue;
+        case BindFramebuffer:
+            if (call.args[0] == GL_FRAMEBUFFER) {
+                wanted[{BindFramebuffer, GL_DRAW_FRAMEBUFFER}] = call.args[1];
+                wanted[{BindFramebuffer, GL_READ_FRAMEBUFFER}] = call.args[1];
+            } else {
+                wanted[{BindFramebuffer, call.args[0]}] = call.args[1];
+            }
+            continue;
+        case BindBuffer: wanted[{BindBuffer, call.args[0]}] = call.args[1]; continue;
+        case UseProgram:
+        case BindVertexArray: wanted[{function, 0}] = call.args[0]; continue;
+        case Uniform1i:
+        case Uniform2fv:
+        case Uniform4fv:
+        case UniformMatrix4fv: bind(UseProgram); break;
+        case VertexAttribI1ui: bind(BindVertexArray); break;
+        case Clear:
+        case DrawBuffer:
+        case DrawBuffers:
+        case ReadBuffer:
+        case FramebufferTexture:
+        case BlitFramebuffer: bind(BindFramebuffer); break;
+        case DrawArrays:
+        case DrawElements:
+        case MultiDrawElementsIndirect:
+            for (int binding : {BindFramebuffer, UseProgram, BindVertexArray, BindTexture, BindBuffer})
+                bind(binding);
+            break;
+        default: break;
+        }
+        Call made{function, call.args, {}, {}};
+        for (double value : call.data) {
+            made.floats.push_back(float(value));
+            made.names.push_back(unsigned(value));
+        }
+        _calls.push_back(std::move(made));
+    }
+}
+
+void GLReplay::run() const
+{
+    for (const Call &c : _calls) {
+        const auto &a = c.args;
+        const auto u = [&a](size_t i) { return GLuint(a[i]); };
+        const auto i = [&a](size_t k) { return GLint(a[k]); };
+        const auto f = [&a](size_t k) { return GLfloat(a[k]); };
+        switch (c.function) {
+        case ActiveTexture: glActiveTexture(u(0)); break;
+        case BindBuffer: glBindBuffer(u(0), u(1)); break;
+        case BindFramebuffer: glBindFramebuffer(u(0), u(1)); break;
+        case BindTexture: glBindTexture(u(0), u(1)); break;
+        case BindVertexArray: glBindVertexArray(u(0)); break;
+        case BlitFramebuffer: glBlitFramebuffer(i(0), i(1), i(2), i(3), i(4), i(5), i(6), i(7), u(8), u(9)); break;
+        case Clear: glClear(u(0)); break;
+        case ClearColor: glClearColor(f(0), f(1), f(2), f(3)); break;
+        case ColorMask: glColorMask(a[0] != 0, a[1] != 0, a[2] != 0, a[3] != 0); break;
+        case Disable: glDisable(u(0)); break;
+        case DrawArrays: glDrawArrays(u(0), i(1), i(2)); break;
+        case DrawBuffer: glDrawBuffer(u(0)); break;
+        case DrawBuffers: glDrawBuffers(i(0), c.names.data()); break;
+        case DrawElements: glDrawElements(u(0), i(1), u(2), pointer(a[3])); break;
+        case Enable: glEnable(u(0)); break;
+        case FramebufferTexture: glFramebufferTexture(u(0), u(1), u(2), i(3)); break;
+        case FrontFace: glFrontFace(u(0)); break;
+        case MultiDrawElementsIndirect: glMultiDrawElementsIndirect(u(0), u(1), pointer(a[2]), i(3), i(4)); break;
+        case ReadBuffer: glReadBuffer(u(0)); break;
+        case Scissor: glScissor(i(0), i(1), i(2), i(3)); break;
+        case Uniform1i: glUniform1i(i(0), i(1)); break;
+        case Uniform2fv: glUniform2fv(i(0), i(1), c.floats.data()); break;
+        case Uniform4fv: glUniform4fv(i(0), i(1), c.floats.data()); break;
+        case UniformMatrix4fv: glUniformMatrix4fv(i(0), i(1), a[2] != 0, c.floats.data()); break;
+        case UseProgram: glUseProgram(u(0)); break;
+        case VertexAttribI1ui: glVertexAttribI1ui(u(0), u(1)); break;
+        case Viewport: glViewport(i(0), i(1), i(2), i(3)); break;
+        default: break;
+        }
+    }
+}
+
+namespace {
+
+struct EntryPoints
+{
+#define X(name) decltype(epoxy_gl##name) name;
+    KVO_GL_FUNCTIONS(X)
+#undef X
+};
+
+EntryPoints currentEntryPoints()
+{
+    return {
+#define X(name) epoxy_gl##name,
+        KVO_GL_FUNCTIONS(X)
+#undef X
+    };
+}
+
+void setEntryPoints(const EntryPoints &points)
+{
+#define X(name) epoxy_gl##name = points.name;
+    KVO_GL_FUNCTIONS(X)
+#undef X
+}
+
+EntryPoints &bareEntryPoints()
+{
+    static EntryPoints points = currentEntryPoints();
+    return points;
+}
+
+} // namespace
+
+RecorderScope::RecorderScope()
+{
+    bareEntryPoints();
+    static EntryPoints wrapped = [] {
+        Test::GlCalls::install();
+        return currentEntryPoints();
+    }();
+    setEntryPoints(wrapped);
+}
+
+RecorderScope::~RecorderScope()
+{
+    setEntryPoints(bareEntryPoints());
+}
+
+} // namespace Brevane::Kvo::Bench

@@ -1,0 +1,70 @@
+#pragma once
+
+#include <benchmark/benchmark.h>
+
+#include <epoxy/gl.h>
+
+#include <algorithm>
+#include <chrono>
+#include <vector>
+
+namespace Brevane::Kvo::Bench {
+
+/// Pairs that are measured after a few that only warm up.
+constexpr int kPairs = 200;
+constexpr int kWarmUp = 10;
+
+inline double median(std::vector<double> values)
+{
+    const auto middle = values.begin() + std::ptrdiff_t(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
+}
+
+/// Seconds until GL has done what a function asks for.
+template <typename Function>
+double secondsOf(Function &&function)
+{
+    glFinish();
+    const auto start = std::chrono::steady_clock::now();
+    function();
+    glFinish();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+/// Runs two ways of doing one thing in turn, each first every other time, so that whatever else the
+/// machine does meets both. The counters: the median of the ratios, the medians of both times. The
+/// benchmark's own time is that of the first way.
+template <typename Ours, typename Bare>
+void comparePairs(benchmark::State &state, Ours &&ours, Bare &&bare)
+{
+    for (int i = 0; i < kWarmUp; ++i) {
+        ours();
+        bare();
+    }
+    std::vector<double> ratios;
+    std::vector<double> ourTimes;
+    std::vector<double> bareTimes;
+    for (auto iteration : state) {
+        (void)iteration;
+        double bareTime = 0;
+        double ourTime = 0;
+        if (ratios.size() % 2 == 0) {
+            ourTime = secondsOf(ours);
+            bareTime = secondsOf(bare);
+        } else {
+            bareTime = secondsOf(bare);
+            ourTime = secondsOf(ours);
+        }
+        ratios.push_back(ourTime / bareTime);
+        ourTimes.push_back(ourTime);
+        bareTimes.push_back(bareTime);
+        state.SetIterationTime(ourTime);
+    }
+    state.counters["pairs"] = double(ratios.size());
+    state.counters["ratio"] = median(ratios);
+    state.counters["kvo_us"] = median(ourTimes) * 1e6;
+    state.counters["bare_us"] = median(bareTimes) * 1e6;
+}
+
+} // namespace Brevane::Kvo::Bench

@@ -1,0 +1,56 @@
+# What `cmake --install` puts where, and the check that every installed header compiles alone.
+
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ ${PROJECT_SOURCE_DIR}/host/include/
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kvo
+  FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/pipelines
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/kvo
+  FILES_MATCHING PATTERN "*.json")
+install(FILES ${PROJECT_SOURCE_DIR}/LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
+
+# How far the library folder lies below the prefix: programs find the libraries, and kvo.pc the prefix,
+# by relative paths, so that an installed tree can be moved.
+file(RELATIVE_PATH bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+file(RELATIVE_PATH KVO_PC_TO_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" KVO_PC_TO_PREFIX ${KVO_PC_TO_PREFIX})
+
+if(TARGET kvorender)
+  set_target_properties(kvorender PROPERTIES INSTALL_RPATH "\$ORIGIN/${bin_to_lib}")
+  install(TARGETS kvorender RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
+
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Kvo)
+install(EXPORT KvoTargets NAMESPACE Kvo:: DESTINATION ${package_dir})
+configure_package_config_file(
+  ${PROJECT_SOURCE_DIR}/cmake/KvoConfig.cmake.in ${PROJECT_BINARY_DIR}/KvoConfig.cmake
+  INSTALL_DESTINATION ${package_dir}
+  PATH_VARS CMAKE_INSTALL_DATADIR)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/KvoConfigVersion.cmake COMPATIBILITY SameMinorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/KvoConfig.cmake ${PROJECT_BINARY_DIR}/KvoConfigVersion.cmake
+  DESTINATION ${package_dir})
+
+configure_file(${PROJECT_SOURCE_DIR}/cmake/kvo.pc.in ${PROJECT_BINARY_DIR}/kvo.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/kvo.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# One source per public header, which includes nothing else. A GL header that came along would show in
+# GL_VERSION_1_1, which all of them define.
+if(KVO_BUILD_TESTS)
+  file(GLOB_RECURSE public_headers CONFIGURE_DEPENDS
+    ${PROJECT_SOURCE_DIR}/include/*.h ${PROJECT_SOURCE_DIR}/host/include/*.h)
+  set(check_sources)
+  foreach(header IN LISTS public_headers)
+    string(REGEX REPLACE "^.*/include/" "" name ${header})
+    string(REPLACE "/" "_" file ${name})
+    set(source ${PROJECT_BINARY_DIR}/header_check/${file}.cpp)
+    file(CONFIGURE OUTPUT ${source} @ONLY CONTENT "#include \"@name@\"
+#ifdef GL_VERSION_1_1
+#error \"@name@ includes a GL header\"
+#endif
+")
+    list(APPEND check_sources ${source})
+  endforeach()
+  add_library(kvo_header_check OBJECT ${check_sources})
+  set_target_properties(kvo_header_check PROPERTIES AUTOMOC OFF)
+  target_include_directories(kvo_header_check PRIVATE ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/host/include)
+  target_link_libraries(kvo_header_check PRIVATE Qt6::Core Qt6::Gui kvo_options)
+endif()

@@ -1,0 +1,58 @@
+#pragma once
+
+#include "host/export.h"
+
+#include <QByteArray>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+namespace Brevane::Kvo {
+
+class Pipeline;
+
+/// What a pipeline file says about itself.
+struct PipelineFileInfo
+{
+    QString path;
+    QString name; ///< The file name without ".json".
+    QString description;
+};
+
+/// Builds a pipeline from a file:
+///
+///     {
+///       "description": "What it draws",
+///       "passes": [
+///         { "name": "Model", "class": "ModelRenderPass",
+///           "inputs": { "Viewport": "@viewport", "Geometry": "@model" } },
+///         { "name": "Present", "class": "TextureToScreenRenderPass",
+///           "inputs": { "Viewport": "@viewport",
+///                       "Texture": { "from": "Model.Diffuse" },
+///                       "LinearFilter": true,
+///                       "FramebufferOut": "@screen" } }
+///       ]
+///     }
+///
+/// An input is a link ({ "from": "Pass.Slot" }, to any pass of the file), a host value ("@name", or
+/// "@viewport[0.5, 0, 0.5, 1]" for a part of it, see Pipeline), or a value as parseSlotValue reads it.
+/// "@@" begins a text with an '@'. Passes of \a pipeline stay, so that files can be added to one
+/// another.
+///
+/// False when anything is wrong, with one line per mistake: file, line, what, and the nearest right name.
+/// The pipeline is then partly built: throw it away.
+KVO_HOST_EXPORT bool loadPipeline(const QString &path, Pipeline *pipeline, QStringList *errors);
+/// The same from a text; \a fileName stands in messages.
+KVO_HOST_EXPORT bool loadPipelineText(const QByteArray &text, const QString &fileName, Pipeline *pipeline,
+                                      QStringList *errors);
+
+/// Folders where pipelines are looked for by name: those given, then share/kvo/pipelines of the
+/// installation that the program belongs to, then the source tree that this library was built from.
+KVO_HOST_EXPORT QStringList pipelineSearchPath(const QStringList &extra = {});
+/// The file behind a name ("forward") or path; an empty string with an error when there is none.
+KVO_HOST_EXPORT QString findPipeline(const QString &nameOrPath, const QStringList &searchPath,
+                                     QString *error = nullptr);
+/// All pipelines of the folders; of two with one name the first counts.
+KVO_HOST_EXPORT QVector<PipelineFileInfo> listPipelines(const QStringList &searchPath);
+
+} // namespace Brevane::Kvo

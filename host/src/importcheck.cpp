@@ -1,0 +1,63 @@
+#include "importcheck.h"
+
+#include <QFile>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+constexpr qint64 kLongestHeader = 1 << 20;
+constexpr qint64 kLongestLine = 4096;
+
+// Every vertex or face takes a byte at least; the importer asks for memory for as many as are announced.
+QString tooMany(const QByteArray &count, const QFile &file)
+{
+    return QStringLiteral("it announces %1 elements in %2 bytes").arg(QString::fromLatin1(count)).arg(file.size());
+}
+
+QString damageOfOff(QFile *file)
+{
+    file->readLine(kLongestLine);
+    while (!file->atEnd()) {
+        const QByteArray line = file->readLine(kLongestLine).simplified();
+        if (line.isEmpty() || line.startsWith('#'))
+            continue;
+        for (const QByteArray &count : line.split(' ').mid(0, 2))
+            if (count.toLongLong() > file->size())
+                return tooMany(count, *file);
+        break;
+    }
+    return QString();
+}
+
+QString damageOfPly(QFile *file)
+{
+    qint64 length = 0;
+    while (!file->atEnd() && length < kLongestHeader) {
+        const QByteArray line = file->readLine(kLongestLine);
+        length += line.size();
+        const QList<QByteArray> words = line.simplified().split(' ');
+        if (words.first() == "end_header")
+            return QString();
+        if (words.first() == "element" && words.size() >= 3 && words[2].toLongLong() > file->size())
+            return tooMany(words[2], *file);
+    }
+    return QStringLiteral("its header has no end");
+}
+
+} // namespace
+
+QString damageOf(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return file.errorString();
+    const QByteArray magic = file.peek(4);
+    if (magic.startsWith("ply") && (magic.size() < 4 || magic[3] == '\n' || magic[3] == '\r' || magic[3] == ' '))
+        return damageOfPly(&file);
+    if (file.peek(8).contains("OFF"))
+        return damageOfOff(&file);
+    return QString();
+}
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,12 @@
+#pragma once
+
+#include <QString>
+
+namespace Brevane::Kvo {
+
+/// Looks at a model file before the importer does, for damage that the importer does not get over: it
+/// never comes back from a PLY file whose header has no end, and takes memory for as many elements as a
+/// header announces. An empty text when there is none.
+QString damageOf(const QString &path);
+
+} // namespace Brevane::Kvo

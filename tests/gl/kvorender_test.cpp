@@ -1,0 +1,274 @@
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QImage>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+// The program as a whole, as people start it: exit codes, messages, files.
+
+namespace {
+
+constexpr int kTimeout = 120000; // ms; far more than the longest of these takes.
+
+const QString kModels = QStringLiteral("/usr/share/assimp/models/");
+const QString kEngine = kModels + QStringLiteral("glTF2/2CylinderEngine-glTF-Binary/2CylinderEngine.glb");
+const QString kBox = kModels + QStringLiteral("glTF2/BoxTextured-glTF-Binary/BoxTextured.glb");
+
+struct Outcome
+{
+    int exitCode = -1; ///< -1: it did not end by itself.
+    QString out;
+    QString err;
+};
+
+class KvoRender : public ::testing::Test
+{
+protected:
+    Outcome run(const QStringList &arguments)
+    {
+        QProcess process;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        for (const char *name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
+            environment.remove(QLatin1StringView(name));
+        process.setProcessEnvironment(environment);
+        process.setWorkingDirectory(folder.path());
+        process.start(QCoreApplication::applicationDirPath() + QStringLiteral("/kvorender"), arguments);
+        process.closeWriteChannel();
+        Outcome outcome;
+        if (process.waitForFinished(kTimeout) && process.exitStatus() == QProcess::NormalExit)
+            outcome.exitCode = process.exitCode();
+        outcome.out = QString::fromUtf8(process.readAllStandardOutput());
+        outcome.err = QString::fromUtf8(process.readAllStandardError());
+        return outcome;
+    }
+    // Runs, and expects success without OpenGL errors.
+    Outcome succeed(QStringList arguments)
+    {
+        const Outcome outcome = run(arguments << QStringLiteral("--gl-debug"));
+        EXPECT_EQ(outcome.exitCode, 0) << qPrintable(outcome.err);
+        return outcome;
+    }
+    // Runs, and expects an exit code and, as the last line on stderr, a message with this text.
+    void expectFailure(const QStringList &arguments, int exitCode, const char *message)
+    {
+        const Outcome outcome = run(arguments);
+        EXPECT_EQ(outcome.exitCode, exitCode) << qPrintable(arguments.join(QLatin1Char(' '))) << "\n"
+                                              << qPrintable(outcome.err);
+        const QString last = outcome.err.trimmed().section(QLatin1Char('\n'), -1);
+        EXPECT_TRUE(last.startsWith(QStringLiteral("kvorender: ")) && last.contains(QString::fromUtf8(message)))
+            << "expected: " << message << "\nfound: " << qPrintable(outcome.err);
+        EXPECT_FALSE(QFile::exists(path("out.png"))) << qPrintable(arguments.join(QLatin1Char(' ')));
+    }
+    QString path(const char *name) const { return folder.filePath(QLatin1StringView(name)); }
+    void write(const char *name, const QByteArray &data)
+    {
+        QFile file(path(name));
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(data);
+    }
+
+    const QTemporaryDir folder;
+};
+
+QStringList words(const char *text)
+{
+    return QString::fromUtf8(text).split(QLatin1Char(' '), Qt::SkipEmptyParts);
+}
+
+// Share of pixels that are not transparent.
+double coverage(const QImage &image)
+{
+    qint64 covered = 0;
+    for (int y = 0; y < image.height(); ++y)
+        for (int x = 0; x < image.width(); ++x)
+            covered += qAlpha(image.pixel(x, y)) > 0;
+    return double(covered) / (double(image.width()) * image.height());
+}
+
+} // namespace
+
+TEST_F(KvoRender, DrawsAGradientWithoutAModel)
+{
+    succeed(words("-p gradient --size 33x17 -o out.png"));
+    const QImage image(path("out.png"));
+    ASSERT_EQ(image.size(), QSize(33, 17));
+    EXPECT_NEAR(qRed(image.pixel(16, 0)), 64, 4) << "dark above";
+    EXPECT_NEAR(qRed(image.pixel(16, 16)), 153, 4) << "bright below";
+}
+
+TEST_F(KvoRender, DrawsAModelThroughBothLitChainsAlike)
+{
+    succeed(QStringList{kEngine} << words("-p forward -s 96x64 -o forward.png"));
+    succeed(QStringList{kEngine} << words("-p deferred-model -s 96x64 -o deferred.png"));
+    const QImage forward(path("forward.png")), deferred(path("deferred.png"));
+    ASSERT_EQ(forward.size(), QSize(96, 64));
+    ASSERT_EQ(deferred.size(), QSize(96, 64));
+    EXPECT_GT(coverage(forward), 0.1);
+    EXPECT_LT(coverage(forward), 0.9);
+    qint64 differing = 0;
+    for (int y = 0; y < 64; ++y)
+        for (int x = 0; x < 96; ++x)
+            differing += std::abs(qGreen(forward.pixel(x, y)) - qGreen(deferred.pixel(x, y))) > 8;
+    // The forward pass shades with normals that are not of unit length between vertices.
+    EXPECT_LT(double(differing) / (96 * 64), 0.02);
+}
+
+TEST_F(KvoRender, ShowsTexturesUpright)
+{
+    // Seen from the front, the picture on the box has its sky above and its grass below.
+    succeed(QStringList{kBox} << words("-s 64x64 -c yaw=0:pitch=0 -o out.png"));
+    const QImage image(path("out.png"));
+    const QRgb above = image.pixel(32, 12), below = image.pixel(32, 52);
+    EXPECT_GT(qBlue(above), qGreen(above));
+    EXPECT_GT(qGreen(below), qBlue(below));
+}
+
+TEST_F(KvoRender, TakesTheForwardPipelineForAModelAndAnOwnFile)
+{
+    succeed(QStringList{kBox} << words("-s 16x16 -o out.png -q"));
+    EXPECT_GT(coverage(QImage(path("out.png"))), 0.2);
+    write("mine.json", R"({ "passes": [
+        { "name": "Sky", "class": "GradientRenderPass", "inputs": { "Viewport": "@viewport", "ColorTop": "#ff0000", "ColorBottom": null } },
+        { "name": "Show", "class": "TextureToScreenRenderPass",
+          "inputs": { "Viewport": "@viewport", "Texture": { "from": "Sky.Frame" }, "FramebufferOut": "@screen" } } ] })");
+    succeed(words("-p mine.json -s 4x4 -o out.png"));
+    EXPECT_EQ(QImage(path("out.png")).pixel(2, 2), qRgb(255, 0, 0));
+    succeed(words("--pipelines . -p mine -s 4x4 -o out.png --set Sky.ColorTop=#00ff00"));
+    EXPECT_EQ(QImage(path("out.png")).pixel(2, 2), qRgb(0, 255, 0));
+}
+
+TEST_F(KvoRender, PutsThePictureOnABackground)
+{
+    succeed(QStringList{kBox} << words("-s 32x32 -o out.png --background #102030"));
+    const QImage image(path("out.png"));
+    EXPECT_EQ(image.pixel(0, 0), qRgb(0x10, 0x20, 0x30));
+    EXPECT_EQ(coverage(image), 1.0);
+}
+
+TEST_F(KvoRender, DumpsTextureSlots)
+{
+    const Outcome outcome =
+        succeed(QStringList{kBox} << words("-p deferred-model -s 40x30 -n 2 --dump Model.Depth=depth.png "
+                                           "--dump Model.Depth=depth.exr --dump Model.Normal=normal.png "
+                                           "--dump Model.Kvo_KvoTexture*_Id=id.png"));
+    for (const char *name : {"depth.png", "normal.png", "id.png"})
+        EXPECT_EQ(QImage(path(name)).size(), QSize(40, 30)) << name;
+    EXPECT_EQ(outcome.err.count(QStringLiteral("wrote ")), 4) << "each once, however many frames";
+    const QImage depth(path("depth.png")), normal(path("normal.png"));
+    EXPECT_EQ(depth.pixel(0, 0), qRgb(0, 0, 0)) << "nothing is far";
+    EXPECT_GT(qRed(depth.pixel(20, 15)), 50);
+    EXPECT_EQ(normal.pixel(0, 0), qRgb(128, 128, 128));
+    QFile exr(path("depth.exr"));
+    ASSERT_TRUE(exr.open(QIODevice::ReadOnly));
+    EXPECT_EQ(exr.read(4), QByteArray("\x76\x2f\x31\x01", 4));
+}
+
+TEST_F(KvoRender, PrintsTimesPerPass)
+{
+    const Outcome outcome = succeed(QStringList{kBox} << words("-p deferred-model -s 32x32 -n 6 --timings"));
+    const QStringList lines = outcome.out.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    ASSERT_EQ(lines.size(), 5) << qPrintable(outcome.out);
+    EXPECT_TRUE(lines[0].startsWith(QStringLiteral("pass")));
+    const QStringList names{QStringLiteral("Model"), QStringLiteral("Shade"), QStringLiteral("Present")};
+    for (int i = 0; i < 3; ++i) {
+        static const QRegularExpression kRow(QStringLiteral("^(\\w+) +(-|[0-9.]+) +(-|[0-9.]+) +[0-9.]+ +[0-9.]+ +5$"));
+        const QRegularExpressionMatch match = kRow.match(lines[i + 1]);
+        ASSERT_TRUE(match.hasMatch()) << qPrintable(lines[i + 1]);
+        EXPECT_EQ(match.captured(1), names[i]);
+    }
+}
+
+TEST_F(KvoRender, TellsWhatThereIs)
+{
+    Outcome outcome = run(words("--list"));
+    EXPECT_EQ(outcome.exitCode, 0);
+    for (const char *text : {"gradient", "forward", "deferred-model", "@viewport", "TextureToScreenRenderPass",
+                             "in   Kvo_QColor_ColorTop = #404040", "out  Kvo_KvoTexture*_Depth"})
+        EXPECT_TRUE(outcome.out.contains(QLatin1StringView(text))) << text;
+    outcome = run(words("--gl-info"));
+    EXPECT_EQ(outcome.exitCode, 0);
+    EXPECT_TRUE(outcome.out.contains(QStringLiteral("OpenGL ")));
+    EXPECT_TRUE(outcome.out.contains(QStringLiteral("renderer ")));
+    outcome = run(words("--help"));
+    EXPECT_EQ(outcome.exitCode, 0);
+    EXPECT_TRUE(outcome.out.contains(QStringLiteral("Examples")));
+    outcome = run(words("--version"));
+    EXPECT_EQ(outcome.exitCode, 0);
+    EXPECT_TRUE(outcome.out.startsWith(QStringLiteral("kvorender 0."))) << qPrintable(outcome.out);
+}
+
+TEST_F(KvoRender, KeepsQuietWhenTold)
+{
+    // The driver may have something to say all the same.
+    EXPECT_FALSE(succeed(words("-q -p gradient -s 8x8 -o out.png")).err.contains(QStringLiteral("kvorender: ")));
+    EXPECT_TRUE(succeed(words("-p gradient -s 8x8 -o out.png")).err.contains(QStringLiteral("kvorender: wrote out.png")));
+}
+
+TEST_F(KvoRender, RefusesAWrongCommandLine)
+{
+    expectFailure({}, 2, "nothing to do");
+    expectFailure(words("--frobnicate"), 2, "frobnicate");
+    expectFailure(words("a.obj b.obj -o out.png"), 2, "one model at a time, not 'a.obj' and 'b.obj'");
+    for (const char *size : {"0x5", "5", "5x", "-1x5", "axb", "99999999x1", "65537x1"})
+        expectFailure(words("-o out.png") << QStringLiteral("--size=") + QLatin1StringView(size), 2, size);
+    for (const char *frames : {"0", "-3", "many"})
+        expectFailure(words("-o out.png") << QStringLiteral("--frames=") + QLatin1StringView(frames), 2, frames);
+    expectFailure(words("-o out.png --background nocolour"), 2, "nocolour");
+    expectFailure(words("-o out.png --camera yow=3"), 2, "there is no setting 'yow'; did you mean 'yaw'?");
+    expectFailure(words("-p forward -o out.png"), 2, "pipeline 'forward' draws a model: name a model file");
+}
+
+TEST_F(KvoRender, NamesWrongSlots)
+{
+    expectFailure(words("-o out.png --set Gradient.ColorTp=red"), 2,
+                  "pass 'Gradient' has no input 'ColorTp'; did you mean 'ColorTop'?");
+    expectFailure(words("-o out.png --set Gradent.ColorTop=red"), 2,
+                  "there is no pass 'Gradent'; did you mean 'Gradient'?");
+    expectFailure(words("-o out.png --set Gradient.ColorTop=12"), 2, "'Kvo_QColor_ColorTop' takes");
+    expectFailure(words("-o out.png --set ColorTop"), 2, "--set takes PASS.SLOT=VALUE, not 'ColorTop'");
+    expectFailure(words("-o out.png --dump Gradient.Viewport=a.png"), 2,
+                  "'Viewport' of pass 'Gradient' is not an output");
+    expectFailure(words("-o out.png --dump Gradient.Frame"), 2, "--dump takes PASS.SLOT=FILE, not 'Gradient.Frame'");
+    expectFailure(words("-o out.png --path sky=/no/such.png"), 1, "there is no file '/no/such.png'");
+}
+
+TEST_F(KvoRender, NamesModelsThatCannotBeRead)
+{
+    expectFailure(words("missing.obj -o out.png"), 1, "cannot read model 'missing.obj': there is no such file");
+    write("empty.obj", "");
+    expectFailure(words("empty.obj -o out.png"), 1, "cannot read model 'empty.obj': the file is empty");
+    write("broken.glb", "glTF but not really");
+    expectFailure(words("broken.glb -o out.png"), 1, "cannot read model 'broken.glb': ");
+    write("points.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\np 1 2 3\n");
+    expectFailure(words("points.obj -o out.png"), 1, "cannot read model 'points.obj': it holds no triangles");
+}
+
+TEST_F(KvoRender, NamesPipelinesThatCannotBeUsed)
+{
+    expectFailure(words("-p gradiant -o out.png"), 1, "there is no pipeline 'gradiant'; did you mean 'gradient'?");
+    expectFailure(words("-p no/such.json -o out.png"), 1, "there is no pipeline file 'no/such.json'");
+    write("broken.json", "{\n \"passes\": [\n {");
+    expectFailure(words("-p broken.json -o out.png"), 1, "broken.json:3: expected a name in double quotes");
+    write("wrong.json", "{ \"passes\": [\n { \"name\": \"A\",\n \"class\": \"GradientPass\" } ] }");
+    expectFailure(words("-p wrong.json -o out.png"), 1,
+                  "wrong.json:3: there is no pass class 'GradientPass'; did you mean 'GradientRenderPass'?");
+    write(
+        "nowhere.json",
+        "{ \"passes\": [ { \"name\": \"A\", \"class\": \"GradientRenderPass\", \"inputs\": { \"Viewport\": \"@viewport\" } } ] }");
+    expectFailure(words("-p nowhere.json -o out.png"), 1, "none of its inputs is bound to @screen");
+}
+
+TEST_F(KvoRender, NamesFilesThatCannotBeWritten)
+{
+    expectFailure(words("-p gradient -o /no/such/out.png"), 1,
+                  "cannot write '/no/such/out.png': there is no folder '/no/such'");
+    expectFailure(words("-p gradient -o picture.doc"), 1, "cannot write 'picture.doc': its name has to end in .png");
+    expectFailure(words("-p gradient --dump Gradient.Frame=/no/such/a.exr"), 1, "cannot write '/no/such/a.exr'");
+    ASSERT_TRUE(QDir(folder.path()).mkdir(QStringLiteral("folder.png")));
+    expectFailure(words("-p gradient -o folder.png"), 1, "cannot write 'folder.png': it is a folder");
+    expectFailure(words("-p gradient -s 30000x30000 -o out.png"), 1, "30000x30000");
+}

@@ -1,0 +1,504 @@
+// Managed textures have to read like a repeating, mip-mapped, trilinear texture of their own. Each
+// comparison draws both from one program, so that both get the same coordinates and derivatives.
+
+#include "support/draw.h"
+#include "support/gltest.h"
+#include "support/messages.h"
+
+#include <gl/glinfo.h>
+#include <gl/guards.h>
+#include <gl/opengldevicecontext.h>
+#include <gl/texturemanager.h>
+
+#include <QColor>
+#include <QImage>
+#include <QVector2D>
+#include <QVector4D>
+
+#include <epoxy/gl.h>
+
+#include <cmath>
+#include <random>
+
+namespace Brevane::Kvo {
+
+using namespace Test;
+
+namespace {
+
+TextureManager &manager()
+{
+    return TextureManager::Instance();
+}
+
+/// Noise: neighbouring texels differ as much as they can, so that a wrong texel or weight shows.
+QImage noise(int width, int height, unsigned int seed = 1)
+{
+    std::mt19937 random(seed);
+    QImage image(width, height, QImage::Format_RGBA8888);
+    for (int y = 0; y < height; ++y) {
+        uchar *line = image.scanLine(y);
+        for (int x = 0; x < width * 4; ++x)
+            line[x] = uchar(random() & 0xff);
+    }
+    return image;
+}
+
+QImage solid(int width, int height, const QColor &color)
+{
+    QImage image(width, height, QImage::Format_RGBA8888);
+    image.fill(color);
+    return image;
+}
+
+/// A plain texture of the same image, set up as managed textures promise to read.
+std::unique_ptr<Texture> plainTexture(const QImage &image)
+{
+    const QImage rows = image.convertToFormat(QImage::Format_RGBA8888).mirrored(false, true);
+    auto texture = std::make_unique<Texture>();
+    texture->setTarget(GL_TEXTURE_2D);
+    const AutoBinder guard(texture.get());
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, GL_REPEAT);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, GL_REPEAT);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR_MIPMAP_LINEAR);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
+    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, rows.width(), rows.height(), 0, GL_RGBA, GL_UNSIGNED_BYTE,
+                 rows.constBits());
+    glGenerateMipmap(GL_TEXTURE_2D);
+    return texture;
+}
+
+const QString kCompareFragment = QStringLiteral(R"(#version 150
+#include "TextureManager.glslh"
+uniform sampler2D u_Plain;
+uniform int u_Map;
+uniform bool u_Managed;
+uniform vec4 u_Transform;
+uniform vec2 u_Offset;
+in vec2 vo_TexCoord;
+out vec4 out_Color;
+void main()
+{
+  vec2 texCoord = mat2(u_Transform.xy, u_Transform.zw) * (vo_TexCoord - 0.5) + u_Offset;
+  vec4 plain = texture(u_Plain, texCoord);
+  vec4 managed = managedTexture(u_Map, texCoord);
+  out_Color = u_Managed ? managed : plain;
+}
+)");
+
+std::unique_ptr<ShaderProgram> programWithManagedTextures(const QString &fragment)
+{
+    auto program = std::make_unique<ShaderProgram>();
+    program->setFragDataLocations({QStringLiteral("out_Color")});
+    program->addShader(GL_VERTEX_SHADER, screenVertexText());
+    program->addShader(GL_FRAGMENT_SHADER, fragment);
+    program->addShaderFromFile(GL_FRAGMENT_SHADER, QStringLiteral("TextureManager.glslc"));
+    EXPECT_TRUE(program->compile() && program->link()) << qPrintable(program->log());
+    return program;
+}
+
+/// Where the driver tells the level of detail that it would take, only roundings of filter weights are
+/// left (llvmpipe weighs RGBA8 texels with 8 bits, within a level and between two): 1.7/255 was the most
+/// that was seen on noise. Elsewhere the shader takes GL's own formula, of which llvmpipe is up to 0.09
+/// levels off (it takes the logarithm of a mantissa for linear), on neighbouring levels that may differ
+/// by half the range.
+ImageLimits plainLimits()
+{
+    if (hasGLExtension("GL_ARB_texture_query_lod"))
+        return {.worst = 2.5 / 255, .tolerance = 1.5 / 255, .share = 0.002};
+    return {.worst = 12.0 / 255, .tolerance = 6.0 / 255, .share = 0.25};
+}
+
+struct View
+{
+    float scale; ///< Repeats of the texture over the target's width.
+    float angle; ///< Radians.
+    QVector2D offset{0.37f, -0.81f};
+};
+
+} // namespace
+
+class ManagedTexturesTest : public GLTest
+{
+protected:
+    struct Pair
+    {
+        Image<float> plain;
+        Image<float> managed;
+    };
+
+    Pair drawBoth(Texture *plain, int handle, const View &view, int width = 96, int height = 80)
+    {
+        if (!program)
+            program = programWithManagedTextures(kCompareFragment);
+        Pair result;
+        for (const bool managed : {false, true}) {
+            Target target(GL_RGBA32F, width, height);
+            const AutoBinder bound(plain);
+            drawScreen(target, program.get(), [&](ShaderProgram *p) {
+                const float c = view.scale * std::cos(view.angle);
+                const float s = view.scale * std::sin(view.angle);
+                p->setUniform(QStringLiteral("u_Transform"), QVector4D(c, s, -s, c));
+                p->setUniform(QStringLiteral("u_Offset"), view.offset);
+                p->setUniform(QStringLiteral("u_Plain"), plain->unit());
+                p->setUniform(QStringLiteral("u_Map"), handle);
+                p->setUniform(QStringLiteral("u_Managed"), managed);
+                manager().bindManagedTextures(p);
+            });
+            program->bind();
+            manager().unbindManagedTextures(program.get());
+            program->unbind();
+            (managed ? result.managed : result.plain) = target.read();
+        }
+        return result;
+    }
+
+    /// Reads the centre of a map, of handles laid out in a row.
+    Image<float> drawHandles(const QVector<int> &handles)
+    {
+        const auto fetch = programWithManagedTextures(QStringLiteral(R"(#version 150
+#include "TextureManager.glslh"
+uniform sampler2D u_Handles;
+out vec4 out_Color;
+void main()
+{
+  int handle = int(texelFetch(u_Handles, ivec2(gl_FragCoord.xy), 0).x);
+  out_Color = managedTexture(handle, vec2(0.5));
+}
+)"));
+        const int width = 64;
+        const int height = int((handles.size() + width - 1) / width);
+        Image<float> numbers(width, height);
+        for (qsizetype i = 0; i < handles.size(); ++i)
+            numbers.pixels[i][0] = float(handles[i]);
+        const auto texture = makeTexture(numbers);
+        Target target(GL_RGBA32F, width, height);
+        const AutoBinder bound(texture.get());
+        drawScreen(target, fetch.get(), [&](ShaderProgram *p) {
+            p->setUniform(QStringLiteral("u_Handles"), texture->unit());
+            manager().bindManagedTextures(p);
+        });
+        fetch->bind();
+        manager().unbindManagedTextures(fetch.get());
+        fetch->unbind();
+        return target.read();
+    }
+
+    void TearDown() override
+    {
+        program.reset();
+        GLTest::TearDown();
+    }
+
+    std::unique_ptr<ShaderProgram> program;
+};
+
+TEST_F(ManagedTexturesTest, ReadLikePlainRepeatingTrilinearTextures)
+{
+    const ImageLimits limits = plainLimits();
+    const QSize sizes[] = {{1, 1}, {3, 7}, {257, 63}, {64, 64}, {1, 300}, {1024, 1024}};
+    const View views[] = {
+        {0.05f, 0}, {0.31f, 0.4f}, {1, 0}, {1.7f, 1.1f}, {5.3f, 0.2f}, {23, 2.5f}, {0.9f, -0.7f, {-12.3f, 40.9f}}};
+    for (const QSize &size : sizes) {
+        const QImage image = noise(size.width(), size.height());
+        const auto plain = plainTexture(image);
+        const int handle = manager().addManagedTexture(image);
+        ASSERT_GT(handle, 0);
+        for (const View &view : views) {
+            const Pair pair = drawBoth(plain.get(), handle, view);
+            const QString name = QStringLiteral("%1x%2 scale %3 angle %4")
+                                     .arg(size.width())
+                                     .arg(size.height())
+                                     .arg(double(view.scale))
+                                     .arg(double(view.angle));
+            EXPECT_TRUE(sameImage(pair.managed, pair.plain, limits, name)) << qPrintable(name);
+            EXPECT_FALSE(isSameImage(disturbed(pair.managed, 0.1f), pair.plain, limits)) << "negative control";
+        }
+        manager().removeManagedTexture(handle);
+    }
+}
+
+TEST_F(ManagedTexturesTest, ComparisonNoticesAWrongFilter)
+{
+    // the control of the test above: the same image without its mip levels must not pass
+    const ImageLimits limits = plainLimits();
+    const QImage image = noise(257, 63);
+    const auto plain = plainTexture(image);
+    {
+        const AutoBinder guard(plain.get());
+        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+    }
+    const int handle = manager().addManagedTexture(image);
+    const Pair pair = drawBoth(plain.get(), handle, {5.3f, 0.2f});
+    EXPECT_FALSE(isSameImage(pair.managed, pair.plain, limits));
+    manager().removeManagedTexture(handle);
+}
+
+TEST_F(ManagedTexturesTest, RepeatsWithoutASeam)
+{
+    // a horizontal ramp that wraps: between its last and first column the filter mixes the two
+    QImage image(4, 4, QImage::Format_RGBA8888);
+    for (int y = 0; y < 4; ++y)
+        for (int x = 0; x < 4; ++x)
+            image.setPixelColor(x, y, QColor(x == 0 ? 255 : 0, y == 0 ? 255 : 0, 0));
+    const auto plain = plainTexture(image);
+    const int handle = manager().addManagedTexture(image);
+    const Pair pair = drawBoth(plain.get(), handle, {2, 0, {0.5f, 0.5f}}, 256, 256);
+    EXPECT_TRUE(sameImage(pair.managed, pair.plain, {.worst = 2.0 / 255, .tolerance = 1.5 / 255, .share = 0.001}));
+    manager().removeManagedTexture(handle);
+}
+
+TEST_F(ManagedTexturesTest, LargeMapsHaveAPlaceToo)
+{
+    const ImageLimits limits = plainLimits();
+    const QImage image = noise(3000, 5);
+    const auto plain = plainTexture(image);
+    const int handle = manager().addManagedTexture(image);
+    ASSERT_GT(handle, 0);
+    for (const View &view : {View{0.02f, 0}, View{1.3f, 0.3f}}) {
+        const Pair pair = drawBoth(plain.get(), handle, view);
+        EXPECT_TRUE(sameImage(pair.managed, pair.plain, limits));
+    }
+    manager().removeManagedTexture(handle);
+}
+
+TEST_F(ManagedTexturesTest, MissingMapReadsWhite)
+{
+    EXPECT_EQ(manager().addManagedTexture(QImage()), 0);
+    const auto image = drawHandles({0, -1});
+    EXPECT_TRUE(isPixel(image, 0, 0, {1, 1, 1, 1}, 0));
+    EXPECT_TRUE(isPixel(image, 1, 0, {1, 1, 1, 1}, 0));
+}
+
+TEST_F(ManagedTexturesTest, AlphaIsPartOfAMap)
+{
+    const int handle = manager().addManagedTexture(solid(5, 5, QColor(255, 0, 51, 102)));
+    EXPECT_TRUE(isPixel(drawHandles({handle}), 0, 0, {1, 0, 0.2, 0.4}, 1e-6));
+    manager().removeManagedTexture(handle);
+}
+
+TEST_F(ManagedTexturesTest, ThreeThousandMapsKeepTheirColoursWithinAFewUnits)
+{
+    const int before = manager().managedTextureCount();
+    QVector<int> handles;
+    QVector<QColor> colors;
+    for (int i = 0; i < 3000; ++i) {
+        colors.append(QColor(i & 0xff, (i >> 8) * 20, (i * 7) & 0xff, 255 - (i % 50)));
+        handles.append(manager().addManagedTexture(solid(8 + i % 5, 8 + i % 3, colors.last())));
+        ASSERT_GT(handles.last(), 0) << i;
+    }
+    EXPECT_EQ(manager().managedTextureCount(), before + 3000);
+    EXPECT_EQ(QSet<int>(handles.begin(), handles.end()).size(), 3000);
+    const auto image = drawHandles(handles);
+    int wrong = 0;
+    for (int i = 0; i < 3000; ++i) {
+        const QColor &c = colors[i];
+        wrong += !isPixel(image, i % 64, i / 64, {c.redF(), c.greenF(), c.blueF(), c.alphaF()}, 0.5 / 255);
+    }
+    EXPECT_EQ(wrong, 0);
+
+    const auto fetch = programWithManagedTextures(kCompareFragment);
+    const AutoBinder bound(fetch.get());
+    GlCalls calls;
+    manager().bindManagedTextures(fetch.get());
+    EXPECT_LE(calls.count("glBindTexture"), 8) << "the baseline has 16 units, most of which are the shader's";
+    EXPECT_EQ(calls.transfers(), 0);
+    manager().unbindManagedTextures(fetch.get());
+    for (const int handle : handles)
+        manager().removeManagedTexture(handle);
+    EXPECT_EQ(manager().managedTextureCount(), before);
+}
+
+TEST_F(ManagedTexturesTest, RoomOfARemovedMapIsUsedAgain)
+{
+    QVector<int> kept;
+    for (int i = 0; i < 10; ++i)
+        kept.append(manager().addManagedTexture(solid(64, 64, QColor(i, 0, 0))));
+    const auto replace = [&](int round) {
+        for (int i = 0; i < 10; ++i) {
+            manager().removeManagedTexture(kept[i]);
+            kept[i] = manager().addManagedTexture(solid(64, 64, QColor(i, round & 0xff, 99)));
+        }
+    };
+    replace(0);
+    const QSet<int> first(kept.begin(), kept.end());
+    {
+        GlCalls calls;
+        for (int round = 1; round <= 60; ++round)
+            replace(round);
+        EXPECT_EQ(calls.count("glTexImage3D"), 0) << "pages do not grow";
+    }
+    EXPECT_EQ(QSet<int>(kept.begin(), kept.end()), first) << "handles come again";
+    const auto image = drawHandles(kept);
+    for (int i = 0; i < 10; ++i)
+        EXPECT_TRUE(isPixel(image, i, 0, {i / 255.0, 60 / 255.0, 99 / 255.0, 1}, 0.5 / 255)) << i;
+    for (const int handle : kept)
+        manager().removeManagedTexture(handle);
+}
+
+TEST_F(ManagedTexturesTest, RemovingOneMapLeavesTheOthers)
+{
+    QVector<int> handles;
+    for (int i = 0; i < 6; ++i)
+        handles.append(manager().addManagedTexture(solid(9, 13, QColor(i * 40, 255, 0))));
+    manager().removeManagedTexture(handles.takeAt(2));
+    manager().removeManagedTexture(handles.takeAt(3));
+    manager().removeManagedTexture(99999);
+    manager().removeManagedTexture(0);
+    manager().removeManagedTexture(-4);
+    const auto image = drawHandles(handles);
+    const int reds[] = {0, 40, 120, 200};
+    for (int i = 0; i < 4; ++i)
+        EXPECT_TRUE(isPixel(image, i, 0, {reds[i] / 255.0, 1, 0, 1}, 0.5 / 255)) << i;
+    for (const int handle : handles)
+        manager().removeManagedTexture(handle);
+}
+
+TEST_F(ManagedTexturesTest, PagesThatGrowKeepWhatWasThere)
+{
+    QVector<int> handles;
+    for (int i = 0; i < 12; ++i)
+        handles.append(manager().addManagedTexture(solid(1000, 1000, QColor(20 * i, 255 - 20 * i, 7))));
+    const auto image = drawHandles(handles);
+    for (int i = 0; i < 12; ++i)
+        EXPECT_TRUE(isPixel(image, i, 0, {20 * i / 255.0, (255 - 20 * i) / 255.0, 7 / 255.0, 1}, 0.5 / 255)) << i;
+    for (const int handle : handles)
+        manager().removeManagedTexture(handle);
+}
+
+TEST_F(ManagedTexturesTest, BindingRestoresUnitsAndCostsNothingForOtherPrograms)
+{
+    const int handle = manager().addManagedTexture(noise(8, 8));
+    const auto reader = programWithManagedTextures(kCompareFragment);
+    const auto other =
+        makeProgram(QStringLiteral("#version 150\nout vec4 out_Color;\nvoid main() { out_Color = vec4(1.0); }\n"));
+    GLuint host = 0;
+    glGenTextures(1, &host);
+    glActiveTexture(GL_TEXTURE0);
+    glBindTexture(GL_TEXTURE_2D_ARRAY, host);
+    glActiveTexture(GL_TEXTURE3);
+    {
+        const AutoBinder bound(other.get());
+        GlCalls calls;
+        manager().bindManagedTextures(other.get());
+        manager().unbindManagedTextures(other.get());
+        manager().bindManagedTextures(nullptr);
+        manager().unbindManagedTextures(nullptr);
+        EXPECT_EQ(calls.all().size(), 0u) << qPrintable(calls.toString());
+    }
+    {
+        const AutoBinder bound(reader.get());
+        manager().bindManagedTextures(reader.get());
+        manager().unbindManagedTextures(reader.get());
+    }
+    GLint active = 0;
+    glGetIntegerv(GL_ACTIVE_TEXTURE, &active);
+    EXPECT_EQ(active, GL_TEXTURE3);
+    glActiveTexture(GL_TEXTURE0);
+    GLint name = 0;
+    glGetIntegerv(GL_TEXTURE_BINDING_2D_ARRAY, &name);
+    EXPECT_EQ(GLuint(name), host);
+    glDeleteTextures(1, &host);
+    manager().removeManagedTexture(handle);
+}
+
+TEST_F(ManagedTexturesTest, AddingAMapLeavesTheHostsBindingsAndPixelStore)
+{
+    GLuint framebuffer = 0;
+    glGenFramebuffers(1, &framebuffer);
+    glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
+    GLuint texture = 0;
+    glGenTextures(1, &texture);
+    glActiveTexture(GL_TEXTURE2);
+    glBindTexture(GL_TEXTURE_2D, texture);
+    glPixelStorei(GL_UNPACK_ROW_LENGTH, 21);
+    const int handle = manager().addManagedTexture(solid(6, 6, Qt::green));
+    GLint value = 0;
+    glGetIntegerv(GL_UNPACK_ROW_LENGTH, &value);
+    EXPECT_EQ(value, 21);
+    glGetIntegerv(GL_FRAMEBUFFER_BINDING, &value);
+    EXPECT_EQ(GLuint(value), framebuffer);
+    glGetIntegerv(GL_ACTIVE_TEXTURE, &value);
+    EXPECT_EQ(value, GL_TEXTURE2);
+    glGetIntegerv(GL_TEXTURE_BINDING_2D, &value);
+    EXPECT_EQ(GLuint(value), texture);
+    glPixelStorei(GL_UNPACK_ROW_LENGTH, 0);
+    glDeleteTextures(1, &texture);
+    glDeleteFramebuffers(1, &framebuffer);
+    EXPECT_TRUE(isPixel(drawHandles({handle}), 0, 0, {0, 1, 0, 1}, 0));
+    manager().removeManagedTexture(handle);
+}
+
+TEST_F(ManagedTexturesTest, MapTooLargeForTheDriverIsReducedWithAMessage)
+{
+    // a context of its own, whose limits the manager has not asked yet
+    GLContext small;
+    ASSERT_TRUE(small.makeCurrent());
+    resetGLState();
+    {
+        const GlCalls::ForcedInteger limit(GL_MAX_TEXTURE_SIZE, 256);
+        MessageCapture messages;
+        const int handle = manager().addManagedTexture(solid(1000, 2, QColor(0, 255, 255)), QStringLiteral("wide one"));
+        ASSERT_GT(handle, 0);
+        EXPECT_EQ(messages.containing(QStringLiteral("wide one")), 1);
+        EXPECT_TRUE(isPixel(drawHandles({handle}), 0, 0, {0, 1, 1, 1}, 0.5 / 255));
+    }
+    OpenGLDeviceContext::releaseCurrent();
+    ASSERT_TRUE(context().makeCurrent());
+}
+
+TEST_F(ManagedTexturesTest, MapThatFindsNoRoomReadsWhiteWithAMessage)
+{
+    GLContext small;
+    ASSERT_TRUE(small.makeCurrent());
+    resetGLState();
+    {
+        const GlCalls::ForcedInteger size(GL_MAX_TEXTURE_SIZE, 128);
+        const GlCalls::ForcedInteger layers(GL_MAX_ARRAY_TEXTURE_LAYERS, 2);
+        MessageCapture messages;
+        QVector<int> handles;
+        while (handles.size() < 64 && (handles.isEmpty() || handles.last() > 0))
+            handles.append(manager().addManagedTexture(solid(60, 60, QColor(255, 0, 255)), QStringLiteral("map")));
+        EXPECT_EQ(handles.last(), 0);
+        EXPECT_GT(handles.size(), 4);
+        EXPECT_EQ(messages.containing(QStringLiteral("map")), 1) << qPrintable(messages.texts().join(u'\n'));
+        const auto image = drawHandles({handles.first(), handles.last()});
+        EXPECT_TRUE(isPixel(image, 0, 0, {1, 0, 1, 1}, 0.5 / 255));
+        EXPECT_TRUE(isPixel(image, 1, 0, {1, 1, 1, 1}, 0));
+        manager().removeManagedTexture(handles.first());
+        EXPECT_GT(manager().addManagedTexture(solid(60, 60, QColor(255, 0, 255))), 0) << "there is room again";
+    }
+    OpenGLDeviceContext::releaseCurrent();
+    ASSERT_TRUE(context().makeCurrent());
+}
+
+TEST_F(ManagedTexturesTest, SharedContextsReadTheSameMapsUnsharedOnesDoNot)
+{
+    const int handle = manager().addManagedTexture(solid(8, 8, Qt::yellow));
+    EXPECT_TRUE(isPixel(drawHandles({handle}), 0, 0, {1, 1, 0, 1}, 0));
+    glFinish();
+    GLContext::Options options;
+    options.share = &context();
+    {
+        GLContext shared(options);
+        ASSERT_TRUE(shared.makeCurrent());
+        resetGLState();
+        EXPECT_EQ(manager().managedTextureCount(), 1);
+        EXPECT_TRUE(isPixel(drawHandles({handle}), 0, 0, {1, 1, 0, 1}, 0));
+        OpenGLDeviceContext::releaseCurrent();
+    }
+    {
+        GLContext alone;
+        ASSERT_TRUE(alone.makeCurrent());
+        resetGLState();
+        EXPECT_EQ(manager().managedTextureCount(), 0);
+        const int own = manager().addManagedTexture(solid(8, 8, Qt::red));
+        EXPECT_TRUE(isPixel(drawHandles({own}), 0, 0, {1, 0, 0, 1}, 0));
+        OpenGLDeviceContext::releaseCurrent();
+    }
+    ASSERT_TRUE(context().makeCurrent());
+    EXPECT_TRUE(isPixel(drawHandles({handle}), 0, 0, {1, 1, 0, 1}, 0));
+    manager().removeManagedTexture(handle);
+}
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,345 @@
+#include <core/renderpasshelper.h>
+#include <host/passfactory.h>
+#include <host/pipeline.h>
+
+#include <QRect>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+using namespace Brevane::Kvo;
+
+namespace {
+
+// Two texture inputs and outputs, a rectangle and a number: enough to wire wrongly.
+class WirePass : public RenderPassHelper
+{
+public:
+    WirePass()
+    {
+        addInput(QStringLiteral("Kvo_QRect_Viewport"));
+        addInput(QStringLiteral("Kvo_KvoTexture*_Frame"));
+        addInput(QStringLiteral("Kvo_KvoTexture*_Depth"));
+        addInput(QStringLiteral("Kvo_float_Radius"), 2.5f);
+        addOutput(QStringLiteral("Kvo_KvoTexture*_Frame"));
+        addOutput(QStringLiteral("Kvo_float_Average"));
+    }
+    ~WirePass() override
+    {
+        if (destroyed)
+            *destroyed = true;
+    }
+    QVariant inputValue(int index) { return _inputs[index].value; }
+    int users(int index) { return _numOutputUsers[index]; }
+    using RenderPassHelper::addInput;
+
+    bool *destroyed = nullptr;
+};
+
+class OtherPass : public RenderPassHelper
+{
+public:
+    OtherPass()
+    {
+        addInput(QStringLiteral("Kvo_KvoTexture*_Frame"));
+        addOutput(QStringLiteral("Kvo_KvoTexture*_Frame"));
+    }
+};
+
+constexpr int kRadius = 3;
+
+QString s(const char *text)
+{
+    return QString::fromLatin1(text);
+}
+
+class PipelineTest : public ::testing::Test
+{
+protected:
+    WirePass *add(const char *name)
+    {
+        auto pass = std::make_unique<WirePass>();
+        WirePass *raw = pass.get();
+        QString error;
+        EXPECT_TRUE(pipeline.add(s(name), std::move(pass), &error)) << qPrintable(error);
+        return raw;
+    }
+    void link(const char *from, const char *to)
+    {
+        QString error;
+        EXPECT_TRUE(pipeline.connect(s(from), s(to), &error)) << qPrintable(error);
+    }
+    QString linkError(const char *from, const char *to)
+    {
+        QString error;
+        EXPECT_FALSE(pipeline.connect(s(from), s(to), &error));
+        return error;
+    }
+
+    Pipeline pipeline;
+};
+
+} // namespace
+
+TEST_F(PipelineTest, KeepsTheOrderOfAddingWhereLinksAllowIt)
+{
+    add("C");
+    add("A");
+    add("B");
+    EXPECT_EQ(pipeline.order(), (QStringList{s("C"), s("A"), s("B")}));
+}
+
+TEST_F(PipelineTest, PutsAProducerBeforeItsConsumers)
+{
+    add("Last");
+    add("Middle");
+    add("First");
+    add("Free");
+    link("First.Frame", "Middle.Frame");
+    link("Middle.Frame", "Last.Depth");
+    EXPECT_EQ(pipeline.order(), (QStringList{s("First"), s("Middle"), s("Last"), s("Free")}));
+}
+
+TEST_F(PipelineTest, NamesThePassesOfACycleInTheDirectionOfTheLinks)
+{
+    add("Outside");
+    add("A");
+    add("B");
+    add("C");
+    link("A.Frame", "B.Frame");
+    link("B.Frame", "C.Frame");
+    link("C.Frame", "A.Frame");
+    link("C.Frame", "Outside.Frame");
+    QString error;
+    EXPECT_TRUE(pipeline.order(&error).isEmpty());
+    const QStringList rotations{s("the links form a cycle: A -> B -> C -> A"),
+                                s("the links form a cycle: B -> C -> A -> B"),
+                                s("the links form a cycle: C -> A -> B -> C")};
+    EXPECT_TRUE(rotations.contains(error)) << qPrintable(error);
+}
+
+TEST_F(PipelineTest, NamesAPassThatIsLinkedToItself)
+{
+    add("A");
+    link("A.Frame", "A.Frame");
+    QString error;
+    EXPECT_TRUE(pipeline.order(&error).isEmpty());
+    EXPECT_EQ(error, s("the links form a cycle: A -> A"));
+}
+
+TEST_F(PipelineTest, AcceptsFullAndShortSlotNames)
+{
+    add("A");
+    add("B");
+    link("A.Kvo_KvoTexture*_Frame", "B.Kvo_KvoTexture*_Frame");
+    link("A.Frame", "B.Depth");
+    EXPECT_EQ(pipeline.source(s("B"), s("Frame")), s("A.Kvo_KvoTexture*_Frame"));
+    EXPECT_EQ(pipeline.source(s("B"), s("Depth")), s("A.Kvo_KvoTexture*_Frame"));
+    EXPECT_EQ(pipeline.users(s("A"), s("Frame")), 2);
+}
+
+TEST_F(PipelineTest, RefusesAShortNameThatFitsSeveralSlots)
+{
+    WirePass *pass = add("A");
+    pass->addInput(s("Kvo_QRect_Depth"));
+    add("B");
+    EXPECT_EQ(linkError("B.Frame", "A.Depth"),
+              s("'Depth' is short for several inputs of pass 'A': Kvo_KvoTexture*_Depth, Kvo_QRect_Depth"));
+    link("B.Frame", "A.Kvo_KvoTexture*_Depth");
+}
+
+TEST_F(PipelineTest, NamesUnknownPassesAndSlotsWithTheNearestRightName)
+{
+    add("Model");
+    add("Shade");
+    EXPECT_EQ(linkError("Modle.Frame", "Shade.Frame"), s("there is no pass 'Modle'; did you mean 'Model'?"));
+    EXPECT_EQ(linkError("Model.Farme", "Shade.Frame"), s("pass 'Model' has no output 'Farme'; did you mean 'Frame'?"));
+    EXPECT_EQ(linkError("Model.Frame", "Shade.Dpeth"), s("pass 'Shade' has no input 'Dpeth'; did you mean 'Depth'?"));
+    EXPECT_EQ(linkError("Model.Kvo_KvoTexture_Frame", "Shade.Frame"),
+              s("pass 'Model' has no output 'Kvo_KvoTexture_Frame'; did you mean 'Kvo_KvoTexture*_Frame'?"));
+    EXPECT_EQ(linkError("Model.Radius", "Shade.Frame"), s("'Radius' of pass 'Model' is not an output"));
+    EXPECT_EQ(linkError("Model", "Shade.Frame"), s("'Model' is not of the form PASS.SLOT"));
+}
+
+TEST_F(PipelineTest, RefusesLinksBetweenDifferentTypes)
+{
+    add("A");
+    add("B");
+    EXPECT_EQ(linkError("A.Average", "B.Frame"),
+              s("cannot link 'A.Kvo_float_Average' (float) to 'B.Kvo_KvoTexture*_Frame' (KvoTexture*)"));
+    link("A.Average", "B.Radius");
+    EXPECT_EQ(pipeline.source(s("B"), s("Frame")), QString()) << "a refused link leaves the input alone";
+}
+
+TEST_F(PipelineTest, BindsHostValuesByNameAndType)
+{
+    add("A");
+    QString error;
+    EXPECT_TRUE(pipeline.bind(s("A"), s("Viewport"), s("viewport"), &error));
+    EXPECT_EQ(pipeline.source(s("A"), s("Viewport")), s("@viewport"));
+    EXPECT_TRUE(pipeline.uses(s("viewport")));
+    EXPECT_FALSE(pipeline.uses(s("model")));
+    EXPECT_FALSE(pipeline.bind(s("A"), s("Viewport"), s("viewprt"), &error));
+    EXPECT_EQ(error, s("there is no host value 'viewprt'; did you mean 'viewport'?"));
+    EXPECT_FALSE(pipeline.bind(s("A"), s("Frame"), s("camera"), &error));
+    EXPECT_EQ(error, s("cannot bind host value 'camera' (QMatrix4x4) to 'A.Kvo_KvoTexture*_Frame' (KvoTexture*)"));
+}
+
+TEST_F(PipelineTest, HostPathsMayHaveAnyName)
+{
+    WirePass *pass = add("A");
+    pass->addInput(s("Kvo_QString_TexturePath"));
+    QString error;
+    EXPECT_TRUE(pipeline.bind(s("A"), s("TexturePath"), s("paths.sky"), &error)) << qPrintable(error);
+    EXPECT_TRUE(pipeline.setHostValue(s("paths.sky"), s("/tmp/sky.png"), &error));
+    EXPECT_EQ(pipeline.hostValue(s("paths.sky")).toString(), s("/tmp/sky.png"));
+    EXPECT_FALSE(pipeline.setHostValue(s("skyPath"), QVariant(), &error));
+}
+
+TEST_F(PipelineTest, GivesAValueAtOnceAndTakesItBackAtReset)
+{
+    WirePass *pass = add("A");
+    QString error;
+    EXPECT_TRUE(pipeline.setValueText(s("A"), s("Radius"), s("7"), &error));
+    EXPECT_EQ(pass->inputValue(kRadius), QVariant(7.0f));
+    EXPECT_TRUE(pipeline.reset(s("A"), s("Radius"), &error));
+    EXPECT_EQ(pass->inputValue(kRadius), QVariant(2.5f));
+    EXPECT_FALSE(pipeline.setValueText(s("A"), s("Radius"), s("wide"), &error));
+    EXPECT_EQ(error, s("pass 'A': 'Kvo_float_Radius' takes a number, not the text \"wide\""));
+}
+
+TEST_F(PipelineTest, RefusesNamesThatAreTakenOrCannotBeWritten)
+{
+    add("A");
+    QString error;
+    EXPECT_FALSE(pipeline.add(s("A"), std::make_unique<WirePass>(), &error));
+    EXPECT_EQ(error, s("there is a pass 'A' already"));
+    for (const char *name : {"", "A.B", "A B", "a/b"})
+        EXPECT_FALSE(pipeline.add(s(name), std::make_unique<WirePass>(), &error)) << name;
+    EXPECT_FALSE(pipeline.add(s("Null"), std::unique_ptr<RenderPass>(), &error));
+    EXPECT_FALSE(pipeline.add(s("G"), s("GradientRenderpas"), &error));
+    EXPECT_EQ(error, s("there is no pass class 'GradientRenderpas'; did you mean 'GradientRenderPass'?"));
+    EXPECT_EQ(pipeline.passNames(), QStringList{s("A")});
+}
+
+TEST_F(PipelineTest, InsertPutsAPassIntoALink)
+{
+    add("A");
+    add("B");
+    link("A.Frame", "B.Frame");
+    QString error;
+    ASSERT_TRUE(
+        pipeline.insert(s("Blur"), std::make_unique<WirePass>(), s("B"), s("Frame"), s("Depth"), s("Frame"), &error))
+        << qPrintable(error);
+    EXPECT_EQ(pipeline.source(s("B"), s("Frame")), s("Blur.Kvo_KvoTexture*_Frame"));
+    EXPECT_EQ(pipeline.source(s("Blur"), s("Depth")), s("A.Kvo_KvoTexture*_Frame"));
+    EXPECT_EQ(pipeline.order(), (QStringList{s("A"), s("Blur"), s("B")}));
+}
+
+TEST_F(PipelineTest, AnInsertThatFailsChangesNothing)
+{
+    add("A");
+    add("B");
+    link("A.Frame", "B.Frame");
+    QString error;
+    EXPECT_FALSE(
+        pipeline.insert(s("X"), std::make_unique<WirePass>(), s("B"), s("Frame"), s("Radius"), s("Frame"), &error));
+    EXPECT_FALSE(
+        pipeline.insert(s("X"), std::make_unique<WirePass>(), s("B"), s("Frame"), s("Frame"), s("Average"), &error));
+    EXPECT_FALSE(
+        pipeline.insert(s("X"), std::make_unique<WirePass>(), s("B"), s("Depth"), s("Frame"), s("Frame"), &error));
+    EXPECT_EQ(error, s("input 'Depth' of pass 'B' is not linked"));
+    EXPECT_EQ(pipeline.passNames(), (QStringList{s("A"), s("B")}));
+    EXPECT_EQ(pipeline.source(s("B"), s("Frame")), s("A.Kvo_KvoTexture*_Frame"));
+}
+
+TEST_F(PipelineTest, ReplaceKeepsLinksAndValues)
+{
+    add("A");
+    bool destroyed = false;
+    add("B")->destroyed = &destroyed;
+    add("C");
+    link("A.Frame", "B.Frame");
+    link("B.Frame", "C.Frame");
+    ASSERT_TRUE(pipeline.setValue(s("B"), s("Radius"), 9.0f));
+    auto other = std::make_unique<WirePass>();
+    WirePass *raw = other.get();
+    QString error;
+    ASSERT_TRUE(pipeline.replace(s("B"), std::move(other), &error)) << qPrintable(error);
+    EXPECT_TRUE(destroyed);
+    EXPECT_EQ(pipeline.pass(s("B")), raw);
+    EXPECT_EQ(raw->inputValue(kRadius), QVariant(9.0f));
+    EXPECT_EQ(pipeline.source(s("B"), s("Frame")), s("A.Kvo_KvoTexture*_Frame"));
+    EXPECT_EQ(pipeline.source(s("C"), s("Frame")), s("B.Kvo_KvoTexture*_Frame"));
+}
+
+TEST_F(PipelineTest, ReplaceRefusesAPassThatLacksASlotInUse)
+{
+    add("A");
+    WirePass *old = add("B");
+    link("A.Frame", "B.Depth");
+    QString error;
+    EXPECT_FALSE(pipeline.replace(s("B"), std::make_unique<OtherPass>(), &error));
+    EXPECT_EQ(error, s("the pass for 'B' has no input 'Kvo_KvoTexture*_Depth', which is in use"));
+    EXPECT_EQ(pipeline.pass(s("B")), old);
+}
+
+TEST_F(PipelineTest, RemoveFreesTheInputsThatThePassFed)
+{
+    bool destroyed = false;
+    add("A")->destroyed = &destroyed;
+    WirePass *b = add("B");
+    link("A.Average", "B.Radius");
+    QString error;
+    EXPECT_FALSE(pipeline.remove(s("X"), &error));
+    ASSERT_TRUE(pipeline.remove(s("A"), &error));
+    EXPECT_TRUE(destroyed);
+    EXPECT_EQ(pipeline.source(s("B"), s("Radius")), QString());
+    EXPECT_EQ(b->inputValue(kRadius), QVariant(2.5f));
+    EXPECT_EQ(pipeline.order(), QStringList{s("B")});
+}
+
+TEST_F(PipelineTest, RenameKeepsLinks)
+{
+    add("A");
+    add("B");
+    link("A.Frame", "B.Frame");
+    ASSERT_TRUE(pipeline.rename(s("A"), s("Start")));
+    EXPECT_EQ(pipeline.source(s("B"), s("Frame")), s("Start.Kvo_KvoTexture*_Frame"));
+    EXPECT_FALSE(pipeline.rename(s("B"), s("Start")));
+}
+
+TEST_F(PipelineTest, WarnsOfPassesWithoutAViewport)
+{
+    add("A");
+    EXPECT_EQ(pipeline.warnings(), QStringList{s("pass 'A' has no viewport, so its pictures are empty")});
+    ASSERT_TRUE(pipeline.bind(s("A"), s("Viewport"), s("viewport")));
+    EXPECT_TRUE(pipeline.warnings().isEmpty());
+}
+
+TEST_F(PipelineTest, SaysThatAFrameNeedsAContext)
+{
+    add("A");
+    QString error;
+    EXPECT_FALSE(pipeline.render(nullptr, &error));
+    EXPECT_TRUE(error.contains(s("no OpenGL context"))) << qPrintable(error);
+    EXPECT_EQ(pipeline.frameNumber(), 0);
+}
+
+TEST(PassFactory, MakesEveryClassThatItLists)
+{
+    for (const QString &name : passFactory().classNames())
+        EXPECT_NE(passFactory().make(name), nullptr) << qPrintable(name);
+    for (const char *name : {"ForwardRenderPass", "GradientRenderPass", "ModelDeferredPass", "ModelRenderPass",
+                             "TextureToScreenRenderPass"})
+        EXPECT_TRUE(passFactory().knows(s(name))) << name;
+    EXPECT_EQ(passFactory().make(s("NoSuchPass")), nullptr);
+}
+
+TEST(PassFactory, TakesTheClassesOfAHostOnce)
+{
+    EXPECT_TRUE(registerPass<WirePass>(s("WirePass")));
+    EXPECT_FALSE(registerPass<OtherPass>(s("WirePass")));
+    EXPECT_NE(dynamic_cast<WirePass *>(passFactory().make(s("WirePass")).get()), nullptr);
+}

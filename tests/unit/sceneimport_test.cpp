@@ -1,0 +1,374 @@
+#include <host/sceneimport.h>
+
+#include <QColor>
+#include <QFile>
+#include <QImage>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+
+using namespace Brevane::Kvo;
+
+namespace {
+
+const QString kModels = QStringLiteral("/usr/share/assimp/models/");
+
+constexpr char kTriangle[] = "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n";
+
+class SceneImport : public ::testing::Test
+{
+protected:
+    QString write(const char *name, const QByteArray &data)
+    {
+        QFile file(folder.filePath(QLatin1StringView(name)));
+        EXPECT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(data);
+        return file.fileName();
+    }
+    ModelData import(const QString &path) { return importScene(path, ImportOptions(), &report); }
+    ModelData importText(const char *name, const QByteArray &data) { return import(write(name, data)); }
+
+    QTemporaryDir folder;
+    ImportReport report;
+};
+
+// What every import promises of its result.
+void expectSound(const ModelData &data, const char *what)
+{
+    for (const ModelMesh &mesh : data.meshes) {
+        ASSERT_FALSE(mesh.indices.isEmpty()) << what;
+        ASSERT_EQ(mesh.indices.size() % 3, 0) << what;
+        for (const quint32 index : mesh.indices)
+            ASSERT_LT(index, quint32(mesh.positions.size())) << what;
+        for (const QVector3D &p : mesh.positions)
+            ASSERT_TRUE(std::isfinite(p.x()) && std::isfinite(p.y()) && std::isfinite(p.z())) << what;
+        for (const QVector3D &n : mesh.normals)
+            ASSERT_TRUE(std::isfinite(n.x()) && std::isfinite(n.y()) && std::isfinite(n.z())) << what;
+        ASSERT_TRUE(mesh.normals.isEmpty() || mesh.normals.size() == mesh.positions.size()) << what;
+        ASSERT_EQ(mesh.texCoords.size(), mesh.positions.size()) << what;
+        for (const QVector2D &t : mesh.texCoords)
+            ASSERT_TRUE(std::isfinite(t.x()) && std::isfinite(t.y())) << what;
+    }
+    for (const ModelMaterial &m : data.materials)
+        for (const float value : {m.Kd.x(), m.Kd.y(), m.Kd.z(), m.Ks.x(), m.Ks.y(), m.Ks.z(), m.Ns, m.D})
+            ASSERT_TRUE(std::isfinite(value) && value >= 0.0f) << what;
+    for (const ModelItem &item : data.items) {
+        ASSERT_LT(item.mesh, data.meshes.size()) << what;
+        ASSERT_LT(item.material, data.materials.size()) << what;
+        for (int i = 0; i < 16; ++i)
+            ASSERT_TRUE(std::isfinite(item.transform.constData()[i])) << what;
+    }
+}
+
+QVector3D corner(const ModelData &data, int item, int vertex)
+{
+    const ModelItem &i = data.items.at(item);
+    return i.transform.map(data.meshes.at(i.mesh).positions.at(vertex));
+}
+
+} // namespace
+
+TEST_F(SceneImport, NamesAMissingFile)
+{
+    const ModelData data = import(QStringLiteral("/no/such/model.obj"));
+    EXPECT_EQ(report.error, QStringLiteral("cannot read model '/no/such/model.obj': there is no such file"));
+    EXPECT_TRUE(data.items.isEmpty());
+}
+
+TEST_F(SceneImport, NamesAnEmptyFileAndAFolder)
+{
+    const QString path = write("empty.obj", "");
+    import(path);
+    EXPECT_EQ(report.error, QStringLiteral("cannot read model '%1': the file is empty").arg(path));
+    import(folder.path());
+    EXPECT_EQ(report.error, QStringLiteral("cannot read model '%1': it is a folder").arg(folder.path()));
+}
+
+TEST_F(SceneImport, NamesABrokenFileWithTheReason)
+{
+    for (const char *name : {"broken.glb", "broken.fbx", "broken.dae", "broken.unknown"}) {
+        const ModelData data = importText(name, "this is no model at all\n");
+        EXPECT_TRUE(report.error.startsWith(
+            QStringLiteral("cannot read model '%1': ").arg(folder.filePath(QLatin1StringView(name)))))
+            << qPrintable(report.error);
+        EXPECT_TRUE(data.items.isEmpty() && data.meshes.isEmpty());
+    }
+}
+
+TEST_F(SceneImport, RefusesAModelWithoutTriangles)
+{
+    importText("points.obj", "v 0 0 0\nv 1 0 0\np 1 2\n");
+    EXPECT_TRUE(report.error.endsWith(QStringLiteral("it holds no triangles"))) << qPrintable(report.error);
+}
+
+TEST_F(SceneImport, ReadsTheMaterialOfAnObjFile)
+{
+    write("m.mtl", "newmtl Red\nKd 0.8 0.1 0.2\nKs 0.5 0.6 0.7\nNs 32\nd 0.25\n");
+    const ModelData data = importText("m.obj", QByteArray("mtllib m.mtl\nusemtl Red\n") + kTriangle);
+    ASSERT_TRUE(report.ok()) << qPrintable(report.error);
+    ASSERT_EQ(data.items.size(), 1);
+    const ModelMaterial &material = data.materials.at(data.items[0].material);
+    EXPECT_EQ(material.name, QStringLiteral("Red"));
+    EXPECT_EQ(material.Kd, QVector3D(0.8f, 0.1f, 0.2f));
+    EXPECT_EQ(material.Ks, QVector3D(0.5f, 0.6f, 0.7f));
+    EXPECT_EQ(material.Ns, 32.0f);
+    EXPECT_EQ(material.D, 0.25f);
+    EXPECT_TRUE(material.map_Kd.isNull());
+}
+
+TEST_F(SceneImport, ASurfaceWithoutExponentHasNoHighlight)
+{
+    write("m.mtl", "newmtl M\nKs 1 1 1\nNs 0\n");
+    const ModelData data = importText("m.obj", QByteArray("mtllib m.mtl\nusemtl M\n") + kTriangle);
+    ASSERT_TRUE(report.ok());
+    EXPECT_EQ(data.materials.at(data.items[0].material).Ks, QVector3D());
+}
+
+TEST_F(SceneImport, MakesNormalsAndTextureCoordinates)
+{
+    const ModelData data = importText("t.obj", kTriangle);
+    ASSERT_TRUE(report.ok());
+    ASSERT_EQ(data.meshes.size(), 1);
+    ASSERT_EQ(data.meshes[0].normals.size(), 3);
+    for (const QVector3D &normal : data.meshes[0].normals)
+        EXPECT_EQ(normal, QVector3D(0, 0, 1));
+    ASSERT_EQ(data.meshes[0].texCoords.size(), 3);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(data.meshes[0].texCoords[i], data.meshes[0].positions[i].toVector2D());
+}
+
+TEST_F(SceneImport, KeepsNormalsAndTextureCoordinatesOfTheFile)
+{
+    const ModelData data =
+        importText("t.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nvt 0.25 0.75\nvn 0 1 0\nf 1/1/1 2/1/1 3/1/1\n");
+    ASSERT_TRUE(report.ok());
+    EXPECT_EQ(data.meshes[0].normals.at(0), QVector3D(0, 1, 0));
+    EXPECT_EQ(data.meshes[0].texCoords.at(0), QVector2D(0.25f, 0.75f)) << "v is 0 at the bottom, as in the file";
+}
+
+TEST_F(SceneImport, CutsPolygonsUp)
+{
+    const ModelData data = importText("q.obj", "v 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\nf 1 2 3 4\n");
+    ASSERT_TRUE(report.ok());
+    EXPECT_EQ(data.meshes[0].indices.size(), 6);
+    EXPECT_EQ(report.triangles, 2);
+}
+
+TEST_F(SceneImport, LeavesOutFacesWithVerticesThatAreNotFinite)
+{
+    const ModelData data =
+        importText("n.ply", "ply\nformat ascii 1.0\nelement vertex 5\nproperty float x\nproperty float y\n"
+                            "property float z\nelement face 2\nproperty list uchar int vertex_index\nend_header\n"
+                            "0 0 0\n1 0 0\n0 1 0\nnan 0 0\n1 1 1\n3 0 1 2\n3 1 3 4\n");
+    ASSERT_TRUE(report.ok()) << qPrintable(report.error);
+    expectSound(data, "n.ply");
+    EXPECT_EQ(report.triangles, 1);
+    ASSERT_EQ(report.warnings.size(), 1);
+    EXPECT_TRUE(report.warnings[0].contains(QStringLiteral("left out 1 faces with vertices that are not finite")))
+        << qPrintable(report.warnings[0]);
+}
+
+TEST_F(SceneImport, LeavesOutFacesWithVerticesThatDoNotExist)
+{
+    const ModelData data =
+        importText("r.ply", "ply\nformat ascii 1.0\nelement vertex 3\nproperty float x\nproperty float y\n"
+                            "property float z\nelement face 2\nproperty list uchar int vertex_index\nend_header\n"
+                            "0 0 0\n1 0 0\n0 1 0\n3 0 1 2\n3 0 1 7\n");
+    ASSERT_TRUE(report.ok()) << qPrintable(report.error);
+    expectSound(data, "r.ply");
+    EXPECT_EQ(report.triangles, 1);
+    ASSERT_EQ(report.warnings.size(), 1);
+    EXPECT_TRUE(report.warnings[0].contains(QStringLiteral("left out 1 faces with vertices that do not exist")));
+}
+
+TEST_F(SceneImport, DoesNotHangOnAPlyFileThatEndsInItsHeader)
+{
+    importText("h.ply", "ply\nformat ascii 1.0\nelement vertex 3\nproperty fl");
+    EXPECT_TRUE(report.error.endsWith(QStringLiteral("its header has no end"))) << qPrintable(report.error);
+    importText("c.ply", "ply\nformat ascii 1.0\nelement vertex 4000000000\nproperty float x\nend_header\n");
+    EXPECT_TRUE(report.error.contains(QStringLiteral("announces 4000000000 elements in"))) << qPrintable(report.error);
+}
+
+TEST_F(SceneImport, DoesNotTakeMemoryForElementsThatAFileCannotHold)
+{
+    importText("o.off", "OFF\n# many\n353535235358 6 0\n0 0 0\n");
+    EXPECT_TRUE(report.error.contains(QStringLiteral("announces 353535235358 elements in")))
+        << qPrintable(report.error);
+}
+
+TEST_F(SceneImport, FindsImagesBesideTheModelInAnyCaseAndStyle)
+{
+    QImage image(4, 2, QImage::Format_RGB32);
+    image.fill(QColor(10, 200, 30));
+    ASSERT_TRUE(image.save(folder.filePath(QStringLiteral("Skin Map.PNG"))));
+    for (const char *name : {"Skin Map.PNG", ".\\skin map.png", "C:\\gone\\Skin Map.PNG", "/gone/skin map.png"}) {
+        write("i.mtl", QByteArray("newmtl M\nKd 1 1 1\nmap_Kd ") + name + "\n");
+        const ModelData data = importText("i.obj", QByteArray("mtllib i.mtl\nusemtl M\n") + kTriangle);
+        ASSERT_TRUE(report.ok());
+        EXPECT_TRUE(report.warnings.isEmpty()) << name;
+        EXPECT_EQ(report.images, 1) << name;
+        const QImage map = data.materials.at(data.items[0].material).map_Kd;
+        ASSERT_EQ(map.size(), QSize(4, 2)) << name;
+        EXPECT_EQ(map.pixelColor(0, 0), QColor(10, 200, 30));
+    }
+}
+
+TEST_F(SceneImport, ABrokenImageIsWhiteWithAWarning)
+{
+    write("broken.png", "no picture");
+    write("i.mtl", "newmtl A\nmap_Kd broken.png\nnewmtl B\nmap_Kd missing.png\n");
+    const ModelData data =
+        importText("i.obj", "mtllib i.mtl\nv 0 0 0\nv 1 0 0\nv 0 1 0\nusemtl A\nf 1 2 3\nusemtl B\nf 1 2 3\n");
+    ASSERT_TRUE(report.ok());
+    EXPECT_EQ(report.warnings.size(), 2);
+    EXPECT_EQ(report.images, 0);
+    const QString all = report.warnings.join(QLatin1Char('\n'));
+    EXPECT_TRUE(all.contains(QStringLiteral("material 'A': image 'broken.png' is white: "))) << qPrintable(all);
+    EXPECT_TRUE(all.contains(QStringLiteral("material 'B': image 'missing.png' is white: there is no such file in")))
+        << qPrintable(all);
+    for (const ModelMaterial &material : data.materials)
+        EXPECT_TRUE(material.map_Kd.isNull());
+}
+
+TEST_F(SceneImport, MaterialsShareAnImage)
+{
+    QImage image(2, 2, QImage::Format_RGB32);
+    image.fill(Qt::red);
+    ASSERT_TRUE(image.save(folder.filePath(QStringLiteral("a.png"))));
+    write("i.mtl", "newmtl A\nmap_Kd a.png\nnewmtl B\nmap_Kd a.png\n");
+    const ModelData data =
+        importText("i.obj", "mtllib i.mtl\nv 0 0 0\nv 1 0 0\nv 0 1 0\nusemtl A\nf 1 2 3\nusemtl B\nf 1 2 3\n");
+    EXPECT_EQ(report.images, 1);
+    QList<qint64> keys;
+    for (const ModelMaterial &material : data.materials)
+        if (!material.map_Kd.isNull())
+            keys << material.map_Kd.cacheKey();
+    ASSERT_EQ(keys.size(), 2);
+    EXPECT_EQ(keys[0], keys[1]);
+}
+
+TEST_F(SceneImport, LeavesImagesAloneWhenTold)
+{
+    write("i.mtl", "newmtl M\nmap_Kd missing.png\n");
+    const QString path = write("i.obj", QByteArray("mtllib i.mtl\nusemtl M\n") + kTriangle);
+    ImportOptions options;
+    options.loadImages = false;
+    importScene(path, options, &report);
+    EXPECT_TRUE(report.ok());
+    EXPECT_TRUE(report.warnings.isEmpty());
+}
+
+TEST_F(SceneImport, NodesOfAGltfFileShareAMeshAndStackTheirTransforms)
+{
+    // One triangle in a data URI, shown by a node and its child.
+    const float positions[9] = {0, 0, 0, 1, 0, 0, 0, 1, 0};
+    const QByteArray buffer = QByteArray(reinterpret_cast<const char *>(positions), sizeof positions).toBase64();
+    const ModelData data =
+        importText("i.gltf", R"({ "asset": {"version": "2.0"}, "scene": 0, "scenes": [{"nodes": [0]}],
+        "nodes": [ {"mesh": 0, "translation": [10, 0, 0], "children": [1]}, {"mesh": 0, "translation": [0, 5, 0], "scale": [2, 2, 2]} ],
+        "materials": [ {"pbrMetallicRoughness": {"baseColorFactor": [1, 0.5, 0, 0.5], "metallicFactor": 0, "roughnessFactor": 0.5}, "alphaMode": "BLEND"} ],
+        "meshes": [ {"primitives": [ {"attributes": {"POSITION": 0}, "material": 0} ]} ],
+        "accessors": [ {"bufferView": 0, "componentType": 5126, "count": 3, "type": "VEC3", "min": [0,0,0], "max": [1,1,0]} ],
+        "bufferViews": [ {"buffer": 0, "byteLength": 36} ],
+        "buffers": [ {"byteLength": 36, "uri": "data:application/octet-stream;base64,)"
+                                 + buffer + "\"} ] }");
+    ASSERT_TRUE(report.ok()) << qPrintable(report.error);
+    EXPECT_EQ(data.meshes.size(), 1);
+    ASSERT_EQ(data.items.size(), 2);
+    EXPECT_EQ(data.items[0].mesh, data.items[1].mesh);
+    EXPECT_EQ(corner(data, 0, 1), QVector3D(11, 0, 0));
+    EXPECT_EQ(corner(data, 1, 1), QVector3D(12, 5, 0));
+    EXPECT_EQ(corner(data, 1, 2), QVector3D(10, 7, 0));
+
+    const ModelMaterial &material = data.materials.at(data.items[0].material);
+    EXPECT_FLOAT_EQ(material.Kd.x(), 1.0f);
+    EXPECT_NEAR(material.Kd.y(), 0.735f, 0.001f) << "0.5 of light is shown as 0.735";
+    EXPECT_EQ(material.Kd.z(), 0.0f);
+    EXPECT_EQ(material.D, 0.5f);
+    EXPECT_NEAR(material.Ks.x(), 0.02f, 1e-5f) << "4 % of a surface that is no metal, half of it for roughness 0.5";
+    EXPECT_NEAR(material.Ns, 30.0f, 0.01f) << "2 / 0.5^4 - 2";
+}
+
+TEST_F(SceneImport, AScaleThatAllItemsShareMovesIntoTheMesh)
+{
+    const float positions[9] = {0, 0, 0, 1, 0, 0, 0, 1, 0};
+    const QByteArray buffer = QByteArray(reinterpret_cast<const char *>(positions), sizeof positions).toBase64();
+    const ModelData data =
+        importText("s.gltf", R"({ "asset": {"version": "2.0"}, "scene": 0, "scenes": [{"nodes": [0]}],
+        "nodes": [ {"mesh": 0, "translation": [3, 0, 0], "scale": [100, 100, 100]} ],
+        "meshes": [ {"primitives": [ {"attributes": {"POSITION": 0}} ]} ],
+        "accessors": [ {"bufferView": 0, "componentType": 5126, "count": 3, "type": "VEC3", "min": [0,0,0], "max": [1,1,0]} ],
+        "bufferViews": [ {"buffer": 0, "byteLength": 36} ],
+        "buffers": [ {"byteLength": 36, "uri": "data:application/octet-stream;base64,)"
+                                 + buffer + "\"} ] }");
+    ASSERT_TRUE(report.ok()) << qPrintable(report.error);
+    EXPECT_NEAR(data.items[0].transform.column(0).length(), 1.0, 1e-5);
+    EXPECT_LT((corner(data, 0, 1) - QVector3D(103, 0, 0)).length(), 1e-4);
+}
+
+TEST_F(SceneImport, ReadsImagesEmbeddedInAGlbFile)
+{
+    const ModelData data = import(kModels + QStringLiteral("glTF2/BoxTextured-glTF-Binary/BoxTextured.glb"));
+    ASSERT_TRUE(report.ok()) << qPrintable(report.error);
+    EXPECT_EQ(report.images, 1);
+    ASSERT_EQ(data.items.size(), 1);
+    const ModelMaterial &material = data.materials.at(data.items[0].material);
+    EXPECT_EQ(material.map_Kd.size(), QSize(211, 211));
+    EXPECT_LT((material.Kd - QVector3D(1, 1, 1)).length(), 1e-6f) << "white stays white";
+    EXPECT_EQ(report.triangles, 12);
+}
+
+TEST_F(SceneImport, ReadsTheModelsOfTheDemo)
+{
+    const ModelData engine = import(kModels + QStringLiteral("glTF2/2CylinderEngine-glTF-Binary/2CylinderEngine.glb"));
+    ASSERT_TRUE(report.ok()) << qPrintable(report.error);
+    expectSound(engine, "engine");
+    EXPECT_EQ(engine.items.size(), 115);
+    EXPECT_EQ(engine.meshes.size(), 34) << "instances share meshes";
+    EXPECT_TRUE(report.warnings.isEmpty());
+
+    const ModelData spider = import(kModels + QStringLiteral("OBJ/spider.obj"));
+    ASSERT_TRUE(report.ok()) << qPrintable(report.error);
+    expectSound(spider, "spider");
+    EXPECT_EQ(report.images, 5);
+    EXPECT_EQ(report.triangles, 1368);
+    EXPECT_TRUE(report.warnings.isEmpty());
+}
+
+TEST_F(SceneImport, SurvivesFilesThatAreWrongOnPurpose)
+{
+    for (const char *name :
+         {"glTF2/IndexOutOfRange/IndexOutOfRange.gltf", "glTF2/IndexOutOfRange/AllIndicesOutOfRange.gltf",
+          "glTF2/BoxWithInfinites-glTF-Binary/BoxWithInfinites.glb",
+          "glTF2/BoxBadNormals-glTF-Binary/BoxBadNormals.glb", "glTF2/RecursiveNodes/RecursiveNodes.gltf",
+          "glTF2/MissingBin/BoxTextured.gltf", "PLY/points.ply", "OBJ/point_cloud.obj", "OFF/invalid.off",
+          "RAW/WithColor.raw"})
+        expectSound(import(kModels + QLatin1StringView(name)), name);
+}
+
+TEST_F(SceneImport, SurvivesCutAndDisturbedFiles)
+{
+    std::mt19937 random(20240229);
+    for (const char *name : {"OBJ/spider.obj", "glTF2/BoxTextured-glTF-Binary/BoxTextured.glb", "STL/triangle.stl",
+                             "PLY/cube.ply", "PLY/cube_binary.ply", "FBX/box.fbx"}) {
+        QFile file(kModels + QLatin1StringView(name));
+        ASSERT_TRUE(file.open(QIODevice::ReadOnly)) << name;
+        const QByteArray whole = file.readAll();
+        const QByteArray suffix = QByteArray(name).mid(QByteArray(name).lastIndexOf('.'));
+        for (int i = 0; i < 24; ++i) {
+            QByteArray data = whole;
+            if (i % 2)
+                data.truncate(qsizetype(random() % unsigned(data.size())));
+            else
+                for (int k = 0; k < 1 + i / 4; ++k)
+                    data[qsizetype(random() % unsigned(data.size()))] = char(random() % 256);
+            expectSound(importText(("disturbed" + suffix).constData(), data), name);
+            if (!report.ok()) {
+                EXPECT_TRUE(report.error.contains(QLatin1StringView("disturbed"))) << qPrintable(report.error);
+            }
+        }
+    }
+}

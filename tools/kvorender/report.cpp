@@ -1,0 +1,92 @@
+#include "report.h"
+
+#include "host/passfactory.h"
+#include "host/pipelinefile.h"
+#include "host/slotvalue.h"
+
+#include <epoxy/gl.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+
+using namespace Brevane::Kvo;
+
+namespace {
+
+void printPass(const QString &className)
+{
+    const std::unique_ptr<RenderPass> pass = passFactory().make(className);
+    std::printf("  %s\n", qPrintable(className));
+    for (int i = 0; i < pass->numInputs(); ++i) {
+        const QVariant value = pass->defaultValue(i);
+        const QString text = value.isValid() ? QStringLiteral(" = ") + describeSlotValue(value) : QString();
+        std::printf("    in   %s%s\n", qPrintable(pass->inputName(i)), qPrintable(text));
+    }
+    for (int i = 0; i < pass->numOutputs(); ++i)
+        std::printf("    out  %s\n", qPrintable(pass->outputName(i)));
+}
+
+const char *glText(GLenum name)
+{
+    const auto *text = reinterpret_cast<const char *>(glGetString(name));
+    return text ? text : "unknown";
+}
+
+int glNumber(GLenum name)
+{
+    GLint value = 0;
+    glGetIntegerv(name, &value);
+    return value;
+}
+
+} // namespace
+
+void printList(const QStringList &searchPath)
+{
+    std::puts("Pipelines");
+    for (const PipelineFileInfo &info : listPipelines(searchPath))
+        std::printf("  %-20s %s\n  %-20s %s\n", qPrintable(info.name), qPrintable(info.description), "",
+                    qPrintable(info.path));
+    std::puts("\nHost values");
+    std::printf("  @%s, @paths.NAME\n", qPrintable(Pipeline::hostValueNames().join(QLatin1StringView(", @"))));
+    std::puts("\nPasses");
+    for (const QString &className : passFactory().classNames())
+        printPass(className);
+}
+
+void printGlInfo(const HeadlessContext &context)
+{
+    std::printf("context      %s\n", qPrintable(context.platform()));
+    std::printf("vendor       %s\n", glText(GL_VENDOR));
+    std::printf("renderer     %s\n", glText(GL_RENDERER));
+    std::printf("OpenGL       %s\n", glText(GL_VERSION));
+    std::printf("GLSL         %s\n", glText(GL_SHADING_LANGUAGE_VERSION));
+    std::printf("texture side %d\n", glNumber(GL_MAX_TEXTURE_SIZE));
+    std::printf("units        %d per stage, %d in all\n", glNumber(GL_MAX_TEXTURE_IMAGE_UNITS),
+                glNumber(GL_MAX_COMBINED_TEXTURE_IMAGE_UNITS));
+    std::puts("extensions that passes and pipeline use where present");
+    for (const char *extension :
+         {"GL_KHR_debug", "GL_ARB_timer_query", "GL_ARB_multi_draw_indirect", "GL_ARB_base_instance",
+          "GL_ARB_shader_image_load_store", "GL_ARB_shader_atomic_counters", "GL_ARB_shading_language_420pack",
+          "GL_ARB_shader_viewport_layer_array"})
+        std::printf("  %-36s %s\n", extension, epoxy_has_gl_extension(extension) ? "yes" : "no");
+}
+
+void printTimings(const QVector<PassTiming> &timings, bool firstFrame)
+{
+    int width = 4;
+    for (const PassTiming &timing : timings)
+        width = std::max(width, int(timing.pass.size()));
+    std::printf("%-*s  %10s %10s  %10s %10s  %6s\n", width, "pass", "GPU min", "median", "CPU min", "median", "frames");
+    for (const PassTiming &t : timings) {
+        std::printf("%-*s  ", width, qPrintable(t.pass));
+        if (t.gpuSamples > 0)
+            std::printf("%10.3f %10.3f", t.gpuMinimum, t.gpuMedian);
+        else
+            std::printf("%10s %10s", "-", "-");
+        std::printf("  %10.3f %10.3f  %6d\n", t.cpuMinimum, t.cpuMedian, t.cpuSamples);
+    }
+    std::printf("milliseconds%s\n",
+                firstFrame ? "; this is a first frame, which also compiles shaders: use --frames" : "");
+}
