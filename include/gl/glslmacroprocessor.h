@@ -13,7 +13,8 @@ namespace Brevane::Kvo {
 struct ProcessedSource
 {
     QString text; ///< What goes to the compiler.
-    QStringList fileNames; ///< Names of the source strings that #line directives and messages use; 0 is the source itself.
+    QStringList
+        fileNames; ///< Names of the source strings that #line directives and messages use; 0 is the source itself.
     QVector<QString> originals; ///< The unprocessed text behind each of fileNames.
     QStringList errors; ///< What could not be resolved; empty on success.
     bool usesInstanceData = false; ///< Whether an #instancedata line was resolved.

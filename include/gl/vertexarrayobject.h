@@ -28,8 +28,8 @@ public:
     /// Registers a buffer under an attribute name: \a components values of \a type per vertex
     /// (GL_FLOAT, or GL_UNSIGNED_INT for an integer attribute), tightly packed, from \a offset bytes on.
     /// With a \a divisor the attribute advances per instance.
-    bool upload(const QString &attribute, const QSharedPointer<BufferObject> &buffer, int components,
-                unsigned int type, qint64 offset = 0, unsigned int divisor = 0);
+    bool upload(const QString &attribute, const QSharedPointer<BufferObject> &buffer, int components, unsigned int type,
+                qint64 offset = 0, unsigned int divisor = 0);
     /// The buffer of an attribute or null.
     QSharedPointer<BufferObject> bo(const QString &attribute) const;
     /// The buffer that indexed draws read; DrawBuffers sets it.

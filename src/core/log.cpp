@@ -18,8 +18,7 @@ QString fileNameOf(const char *path)
 
 void reportFailedAssertion(const char *file, int line, const char *condition, const QString &message)
 {
-    const QString text = QString::asprintf("[ !! ] Assertion '%s' failed: %s", condition,
-                                           message.toUtf8().constData());
+    const QString text = QString::asprintf("[ !! ] Assertion '%s' failed: %s", condition, message.toUtf8().constData());
     qCritical("[%s:%d] %s", fileNameOf(file).toLocal8Bit().constData(), line, text.toLocal8Bit().constData());
 }
 

@@ -134,8 +134,8 @@ bool DrawBuffers::draw()
     if (!d->vao || !ContextState::current() || boundNow(GL_CURRENT_PROGRAM) == 0)
         return false;
     // Callers bind either this object or its vertex array; a draw from the wrong arrays is never right.
-    const bool isBound = d->vao->vertexArrayID() != 0
-        && GLuint(boundNow(GL_VERTEX_ARRAY_BINDING)) == d->vao->vertexArrayID();
+    const bool isBound =
+        d->vao->vertexArrayID() != 0 && GLuint(boundNow(GL_VERTEX_ARRAY_BINDING)) == d->vao->vertexArrayID();
     AutoBinder self(isBound ? nullptr : this);
     if (d->indices)
         glDrawElements(d->primitiveType, d->indexCount, d->indexType, nullptr);

@@ -22,8 +22,7 @@ AutoBinder::AutoBinder(Bindable *bindable) : _bindable(bindable), _bound(bindabl
 
 AutoBinder::AutoBinder(const QSharedPointer<Bindable> &bindable)
     : _shared(bindable), _bindable(bindable.data()), _bound(_bindable && _bindable->bind())
-{
-}
+{}
 
 AutoBinder::~AutoBinder()
 {

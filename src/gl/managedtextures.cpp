@@ -225,7 +225,7 @@ bool ManagedTextures::place(PageClass &pageClass, const QSize &padded, Level &le
         // A freed rectangle is taken whole, so only when little of it is wasted.
         const auto reusable = std::find_if(page.freed.begin(), page.freed.end(), [&](const QRect &r) {
             return r.width() >= padded.width() && r.height() >= padded.height()
-                && r.width() * r.height() <= 2 * padded.width() * padded.height();
+                   && r.width() * r.height() <= 2 * padded.width() * padded.height();
         });
         if (reusable != page.freed.end()) {
             level = {int(p), *reusable};
@@ -265,7 +265,8 @@ bool ManagedTextures::ensureLayers(PageClass &pageClass, int layers)
     if (layers > most)
         return false;
     // Doubling keeps the copying of older pages linear; the largest pages grow one by one.
-    const int wanted = pageClass.size > 4 * kPageSizes[0] ? layers : std::min(most, std::max(layers, 2 * pageClass.layers));
+    const int wanted =
+        pageClass.size > 4 * kPageSizes[0] ? layers : std::min(most, std::max(layers, 2 * pageClass.layers));
     auto grown = arrayTexture(QStringLiteral("managed textures %1").arg(pageClass.size));
     AutoBinder bound(grown.get());
     if (!bound.isBound())

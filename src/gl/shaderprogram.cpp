@@ -32,34 +32,23 @@ std::function<void(const ShaderFailure &)> &failureHandler()
 const char *stageName(int stage)
 {
     switch (stage) {
-    case GL_VERTEX_SHADER:
-        return "vertex";
-    case GL_FRAGMENT_SHADER:
-        return "fragment";
-    case GL_GEOMETRY_SHADER:
-        return "geometry";
-    case GL_TESS_CONTROL_SHADER:
-        return "tessellation control";
-    case GL_TESS_EVALUATION_SHADER:
-        return "tessellation evaluation";
-    case GL_COMPUTE_SHADER:
-        return "compute";
-    default:
-        return "unknown";
+    case GL_VERTEX_SHADER: return "vertex";
+    case GL_FRAGMENT_SHADER: return "fragment";
+    case GL_GEOMETRY_SHADER: return "geometry";
+    case GL_TESS_CONTROL_SHADER: return "tessellation control";
+    case GL_TESS_EVALUATION_SHADER: return "tessellation evaluation";
+    case GL_COMPUTE_SHADER: return "compute";
+    default: return "unknown";
     }
 }
 
 QString stageDefine(int stage)
 {
     switch (stage) {
-    case GL_VERTEX_SHADER:
-        return QStringLiteral("KVO_STAGE_VERTEX");
-    case GL_FRAGMENT_SHADER:
-        return QStringLiteral("KVO_STAGE_FRAGMENT");
-    case GL_GEOMETRY_SHADER:
-        return QStringLiteral("KVO_STAGE_GEOMETRY");
-    default:
-        return QStringLiteral("KVO_STAGE_OTHER");
+    case GL_VERTEX_SHADER: return QStringLiteral("KVO_STAGE_VERTEX");
+    case GL_FRAGMENT_SHADER: return QStringLiteral("KVO_STAGE_FRAGMENT");
+    case GL_GEOMETRY_SHADER: return QStringLiteral("KVO_STAGE_GEOMETRY");
+    default: return QStringLiteral("KVO_STAGE_OTHER");
     }
 }
 
@@ -122,23 +111,19 @@ Values valuesOf(const QVariant &value)
 {
     const auto one = [](double x) { return Values{{x}, 1}; };
     switch (value.metaType().id()) {
-    case QMetaType::Bool:
-        return one(value.toBool() ? 1.0 : 0.0);
+    case QMetaType::Bool: return one(value.toBool() ? 1.0 : 0.0);
     case QMetaType::Int:
     case QMetaType::Short:
     case QMetaType::Char:
     case QMetaType::Long:
-    case QMetaType::LongLong:
-        return one(double(value.toLongLong()));
+    case QMetaType::LongLong: return one(double(value.toLongLong()));
     case QMetaType::UInt:
     case QMetaType::UShort:
     case QMetaType::UChar:
     case QMetaType::ULong:
-    case QMetaType::ULongLong:
-        return one(double(value.toULongLong()));
+    case QMetaType::ULongLong: return one(double(value.toULongLong()));
     case QMetaType::Float:
-    case QMetaType::Double:
-        return one(value.toDouble());
+    case QMetaType::Double: return one(value.toDouble());
     case QMetaType::QPoint: {
         const QPoint p = value.toPoint();
         return {{double(p.x()), double(p.y())}, 2};
@@ -179,8 +164,7 @@ Values valuesOf(const QVariant &value)
         const auto c = qvariant_cast<QColor>(value);
         return {{double(c.redF()), double(c.greenF()), double(c.blueF()), double(c.alphaF())}, 4};
     }
-    default:
-        return {};
+    default: return {};
     }
 }
 
@@ -205,21 +189,14 @@ std::array<GLuint, 4> asUnsigned(const Values &values)
 int floatComponents(GLenum type)
 {
     switch (type) {
-    case GL_FLOAT:
-        return 1;
-    case GL_FLOAT_VEC2:
-        return 2;
-    case GL_FLOAT_VEC3:
-        return 3;
+    case GL_FLOAT: return 1;
+    case GL_FLOAT_VEC2: return 2;
+    case GL_FLOAT_VEC3: return 3;
     case GL_FLOAT_VEC4:
-    case GL_FLOAT_MAT2:
-        return 4;
-    case GL_FLOAT_MAT3:
-        return 9;
-    case GL_FLOAT_MAT4:
-        return 16;
-    default:
-        return 0;
+    case GL_FLOAT_MAT2: return 4;
+    case GL_FLOAT_MAT3: return 9;
+    case GL_FLOAT_MAT4: return 16;
+    default: return 0;
     }
 }
 
@@ -233,10 +210,8 @@ bool isIntegerAttribute(GLenum type)
     case GL_UNSIGNED_INT:
     case GL_UNSIGNED_INT_VEC2:
     case GL_UNSIGNED_INT_VEC3:
-    case GL_UNSIGNED_INT_VEC4:
-        return true;
-    default:
-        return false;
+    case GL_UNSIGNED_INT_VEC4: return true;
+    default: return false;
     }
 }
 
@@ -244,9 +219,7 @@ bool setFromValues(int location, GLenum type, const Values &values)
 {
     const auto need = [&](int count) { return values.count >= count; };
     switch (type) {
-    case GL_FLOAT:
-        glUniform1f(location, float(values.v[0]));
-        return true;
+    case GL_FLOAT: glUniform1f(location, float(values.v[0])); return true;
     case GL_FLOAT_VEC2:
         if (need(2))
             glUniform2fv(location, 1, as<float>(values).data());
@@ -274,9 +247,7 @@ bool setFromValues(int location, GLenum type, const Values &values)
         if (need(4))
             glUniform4iv(location, 1, as<GLint>(values).data());
         return need(4);
-    case GL_UNSIGNED_INT:
-        glUniform1ui(location, asUnsigned(values)[0]);
-        return true;
+    case GL_UNSIGNED_INT: glUniform1ui(location, asUnsigned(values)[0]); return true;
     case GL_UNSIGNED_INT_VEC2:
         if (need(2))
             glUniform2uiv(location, 1, asUnsigned(values).data());
@@ -291,11 +262,8 @@ bool setFromValues(int location, GLenum type, const Values &values)
         return need(4);
     case GL_FLOAT_MAT2:
     case GL_FLOAT_MAT3:
-    case GL_FLOAT_MAT4:
-        return false;
-    case GL_BOOL:
-        glUniform1i(location, values.v[0] != 0.0);
-        return true;
+    case GL_FLOAT_MAT4: return false;
+    case GL_BOOL: glUniform1i(location, values.v[0] != 0.0); return true;
     default:
         // GL_INT, samplers and images.
         glUniform1i(location, GLint(values.v[0]));
@@ -319,7 +287,8 @@ QString ShaderProgramPrivate::drawIndexDefine() const
     bool betweenVertexAndFragment = false;
     for (const Source &source : sources) {
         if (source.stage == GL_VERTEX_SHADER)
-            vertexReadsInstanceData = vertexReadsInstanceData
+            vertexReadsInstanceData =
+                vertexReadsInstanceData
                 || (source.text.contains(QLatin1String("instancedata")) && source.text.contains(marker));
         else if (source.stage != GL_FRAGMENT_SHADER)
             betweenVertexAndFragment = true;
@@ -364,8 +333,8 @@ bool ShaderProgramPrivate::compileStage(Compiled &c, const QString &title)
     log += message + u'\n';
     const QVector<Place> places = placesIn(message);
     for (int file = 0; file < c.source.originals.size(); ++file) {
-        const bool mentioned = std::any_of(places.cbegin(), places.cend(),
-                                           [file](const Place &p) { return p.file == file; });
+        const bool mentioned =
+            std::any_of(places.cbegin(), places.cend(), [file](const Place &p) { return p.file == file; });
         if (file > 0 && !mentioned)
             continue;
         log += QStringLiteral("source string %1, %2:\n").arg(file).arg(file > 0 ? c.source.fileNames[file] : title);
@@ -585,7 +554,7 @@ bool ShaderProgram::linkPost()
         QHash<int, int> perStage;
         for (const ShaderProgramPrivate::Compiled &c : std::as_const(d->compiled))
             d->log += d->stageTitle(c.stage, c.source.fileNames[0], perStage[c.stage]++) + QStringLiteral(":\n")
-                + numbered(c.source.originals[0], 0, {});
+                      + numbered(c.source.originals[0], 0, {});
     }
     for (const ShaderProgramPrivate::Compiled &c : std::as_const(d->compiled))
         glDetachShader(program, c.shader);
@@ -688,27 +657,13 @@ bool ShaderProgram::setUniform(const QString &name, const QVector<float> &values
         return false;
     const float *data = values.constData();
     switch (uniform->type) {
-    case GL_FLOAT:
-        glUniform1fv(uniform->location, count, data);
-        break;
-    case GL_FLOAT_VEC2:
-        glUniform2fv(uniform->location, count, data);
-        break;
-    case GL_FLOAT_VEC3:
-        glUniform3fv(uniform->location, count, data);
-        break;
-    case GL_FLOAT_VEC4:
-        glUniform4fv(uniform->location, count, data);
-        break;
-    case GL_FLOAT_MAT2:
-        glUniformMatrix2fv(uniform->location, count, GL_FALSE, data);
-        break;
-    case GL_FLOAT_MAT3:
-        glUniformMatrix3fv(uniform->location, count, GL_FALSE, data);
-        break;
-    default:
-        glUniformMatrix4fv(uniform->location, count, GL_FALSE, data);
-        break;
+    case GL_FLOAT: glUniform1fv(uniform->location, count, data); break;
+    case GL_FLOAT_VEC2: glUniform2fv(uniform->location, count, data); break;
+    case GL_FLOAT_VEC3: glUniform3fv(uniform->location, count, data); break;
+    case GL_FLOAT_VEC4: glUniform4fv(uniform->location, count, data); break;
+    case GL_FLOAT_MAT2: glUniformMatrix2fv(uniform->location, count, GL_FALSE, data); break;
+    case GL_FLOAT_MAT3: glUniformMatrix3fv(uniform->location, count, GL_FALSE, data); break;
+    default: glUniformMatrix4fv(uniform->location, count, GL_FALSE, data); break;
     }
     return true;
 }

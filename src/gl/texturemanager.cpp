@@ -30,10 +30,8 @@ bool hasLinearFilter(GLenum internalFormat)
     case GL_RG_INTEGER:
     case GL_RGBA_INTEGER:
     case GL_DEPTH_COMPONENT:
-    case GL_DEPTH_STENCIL:
-        return false;
-    default:
-        return true;
+    case GL_DEPTH_STENCIL: return false;
+    default: return true;
     }
 }
 
@@ -112,51 +110,29 @@ QImage loadImage(const QString &path, const TextureOptions &options, QString *er
 unsigned int internalFormatOf(TextureFormat format)
 {
     switch (format) {
-    case TextureFormat::VelocityPacked:
-        return GL_R16F;
-    case TextureFormat::Scalar32:
-        return GL_R32F;
-    case TextureFormat::Color8:
-        return GL_RGBA8;
+    case TextureFormat::VelocityPacked: return GL_R16F;
+    case TextureFormat::Scalar32: return GL_R32F;
+    case TextureFormat::Color8: return GL_RGBA8;
     case TextureFormat::Result:
-    case TextureFormat::Frame:
-        return GL_RGBA16F;
-    case TextureFormat::TwoChannel8:
-        return GL_RG8;
-    case TextureFormat::Velocity:
-        return GL_RG16F;
-    case TextureFormat::Position:
-        return GL_RGBA32F;
-    case TextureFormat::TwoChannel32:
-        return GL_RG32F;
-    case TextureFormat::Scalar8:
-        return GL_R8;
-    case TextureFormat::Index32:
-        return GL_R32UI;
-    case TextureFormat::FourIndex32:
-        return GL_RGBA32UI;
-    case TextureFormat::Color10:
-        return GL_RGB10_A2;
-    case TextureFormat::PackedFloat:
-        return GL_R11F_G11F_B10F;
-    case TextureFormat::Color8Srgb:
-        return GL_SRGB8_ALPHA8;
-    case TextureFormat::SignedIndex32:
-        return GL_R32I;
-    case TextureFormat::Scalar16Unorm:
-        return GL_R16;
-    case TextureFormat::Color16Unorm:
-        return GL_RGBA16;
-    case TextureFormat::Depth16:
-        return GL_DEPTH_COMPONENT16;
-    case TextureFormat::Depth24:
-        return GL_DEPTH_COMPONENT24;
-    case TextureFormat::Depth32:
-        return GL_DEPTH_COMPONENT32F;
-    case TextureFormat::DepthStencil:
-        return GL_DEPTH24_STENCIL8;
-    case TextureFormat::Depth32Stencil:
-        return GL_DEPTH32F_STENCIL8;
+    case TextureFormat::Frame: return GL_RGBA16F;
+    case TextureFormat::TwoChannel8: return GL_RG8;
+    case TextureFormat::Velocity: return GL_RG16F;
+    case TextureFormat::Position: return GL_RGBA32F;
+    case TextureFormat::TwoChannel32: return GL_RG32F;
+    case TextureFormat::Scalar8: return GL_R8;
+    case TextureFormat::Index32: return GL_R32UI;
+    case TextureFormat::FourIndex32: return GL_RGBA32UI;
+    case TextureFormat::Color10: return GL_RGB10_A2;
+    case TextureFormat::PackedFloat: return GL_R11F_G11F_B10F;
+    case TextureFormat::Color8Srgb: return GL_SRGB8_ALPHA8;
+    case TextureFormat::SignedIndex32: return GL_R32I;
+    case TextureFormat::Scalar16Unorm: return GL_R16;
+    case TextureFormat::Color16Unorm: return GL_RGBA16;
+    case TextureFormat::Depth16: return GL_DEPTH_COMPONENT16;
+    case TextureFormat::Depth24: return GL_DEPTH_COMPONENT24;
+    case TextureFormat::Depth32: return GL_DEPTH_COMPONENT32F;
+    case TextureFormat::DepthStencil: return GL_DEPTH24_STENCIL8;
+    case TextureFormat::Depth32Stencil: return GL_DEPTH32F_STENCIL8;
     }
     return GL_RGBA16F;
 }
@@ -209,7 +185,8 @@ Texture *TextureManager::tempTexture(TextureFormat format, int width, int height
 
     PoolEntry *chosen = nullptr;
     for (const auto &entry : group->pool) {
-        const bool fits = entry->refs == 0 && entry->format == format && entry->width == width && entry->height == height;
+        const bool fits =
+            entry->refs == 0 && entry->format == format && entry->width == width && entry->height == height;
         if (fits && (!chosen || entry->releasedAt > chosen->releasedAt))
             chosen = entry.get();
     }
@@ -320,8 +297,8 @@ TexturePoolStatistics TextureManager::statistics() const
         return {};
     TexturePoolStatistics counts = group->counts;
     counts.textures = int(group->pool.size());
-    counts.inUse = int(std::count_if(group->pool.cbegin(), group->pool.cend(),
-                                     [](const auto &entry) { return entry->refs > 0; }));
+    counts.inUse =
+        int(std::count_if(group->pool.cbegin(), group->pool.cend(), [](const auto &entry) { return entry->refs > 0; }));
     counts.free = counts.textures - counts.inUse;
     return counts;
 }

@@ -124,7 +124,8 @@ public:
         const QVector<quint32> good = usableTriangles(mesh, warnings);
         if (good.isEmpty())
             return placed;
-        const bool hasNormals = mesh.normals.size() == mesh.positions.size()
+        const bool hasNormals =
+            mesh.normals.size() == mesh.positions.size()
             && std::all_of(mesh.normals.cbegin(), mesh.normals.cend(), [](const QVector3D &n) { return isFinite(n); });
         const bool hasTexCoords = mesh.texCoords.size() == mesh.positions.size();
         const QVector<QVector3D> normals_ = hasNormals ? mesh.normals : computedNormals(mesh, good);

@@ -38,8 +38,7 @@ bool InstanceDataCollection::setData(const QVector<float> &data)
     const qint64 texels = data.size() / kFloatsPerTexel;
     if (texels > most) {
         qCritical("Instance data \"%s\" of %lld draws is too large: this driver's texture buffers hold %d",
-                  qPrintable(_plan->name()), qlonglong(texels / _plan->texelsPerDraw()),
-                  most / _plan->texelsPerDraw());
+                  qPrintable(_plan->name()), qlonglong(texels / _plan->texelsPerDraw()), most / _plan->texelsPerDraw());
         return false;
     }
     _drawCount = int(texels / _plan->texelsPerDraw());

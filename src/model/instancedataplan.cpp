@@ -9,8 +9,7 @@ InstanceDataPlan::InstanceDataPlan(const QString &name, const QString &sampler, 
                                    const QString &declarations, const QString &definitions)
     : _name(name), _sampler(sampler), _texelsPerDraw(texelsPerDraw), _declarations(declarations),
       _definitions(definitions)
-{
-}
+{}
 
 QString InstanceDataPlan::name() const
 {

@@ -56,16 +56,12 @@ ShaderProgram *buildProgram(const ProgramRecipe &recipe, GLSLMacroProcessor *pro
     program->setFragDataLocations(recipe.outputs);
     for (const ShaderSource &source : recipe.sources) {
         switch (source.kind) {
-        case ShaderSource::Text:
-            program->addShader(source.stage, source.content, QString());
-            break;
+        case ShaderSource::Text: program->addShader(source.stage, source.content, QString()); break;
         case ShaderSource::Plan:
             if (const InstanceDataPlan *plan = InstanceDataRegistry::Instance().getPlan(source.content))
                 program->addShader(source.stage, plan->glslc(), QString());
             break;
-        case ShaderSource::File:
-            program->addShaderFromFile(source.stage, source.content);
-            break;
+        case ShaderSource::File: program->addShaderFromFile(source.stage, source.content); break;
         }
     }
     program->compile();

@@ -10,9 +10,8 @@ namespace {
 
 QObject *objectIn(const QVariant &value)
 {
-    return value.metaType() == QMetaType(QMetaType::QObjectStar)
-        ? *static_cast<QObject *const *>(value.constData())
-        : nullptr;
+    return value.metaType() == QMetaType(QMetaType::QObjectStar) ? *static_cast<QObject *const *>(value.constData())
+                                                                 : nullptr;
 }
 
 } // namespace

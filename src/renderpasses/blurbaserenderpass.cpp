@@ -60,8 +60,7 @@ void main()
 
 BlurBaseRenderPass::BlurBaseRenderPass(float stencilMask)
     : _stencilMask(stencilMask), _samplesCountName(QStringLiteral("SAMPLES_COUNT"))
-{
-}
+{}
 
 BlurBaseRenderPass::BlurBaseRenderPass(const BlurBaseRenderPass &other) = default;
 BlurBaseRenderPass &BlurBaseRenderPass::operator=(const BlurBaseRenderPass &other) = default;

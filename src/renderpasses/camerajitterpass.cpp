@@ -45,8 +45,8 @@ void CameraJitterPass::start(RenderCallbacks *)
     const auto dirty = qvariant_cast<bool>(_inputs[kDirty].value);
     const auto mode = qvariant_cast<int>(_inputs[kJitterMode].value);
 
-    const bool changed = dirty || projection != _lastProjection || camera != _lastCamera
-        || extent != Extent{_lastWidth, _lastHeight};
+    const bool changed =
+        dirty || projection != _lastProjection || camera != _lastCamera || extent != Extent{_lastWidth, _lastHeight};
     if (changed) {
         _lastProjection = projection;
         _lastCamera = camera;

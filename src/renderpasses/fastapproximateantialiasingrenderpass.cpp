@@ -80,8 +80,8 @@ FastApproximateAntiAliasingRenderPass::FastApproximateAntiAliasingRenderPass()
 
 FastApproximateAntiAliasingRenderPass::FastApproximateAntiAliasingRenderPass(
     const FastApproximateAntiAliasingRenderPass &other) = default;
-FastApproximateAntiAliasingRenderPass &
-FastApproximateAntiAliasingRenderPass::operator=(const FastApproximateAntiAliasingRenderPass &other) = default;
+FastApproximateAntiAliasingRenderPass &FastApproximateAntiAliasingRenderPass::operator=(
+    const FastApproximateAntiAliasingRenderPass &other) = default;
 
 FastApproximateAntiAliasingRenderPass::~FastApproximateAntiAliasingRenderPass()
 {

@@ -239,11 +239,11 @@ void main()
 ShaderProgram *stageProgram(const char *label, const QString &vertex, const QString &fragment,
                             GLSLMacroProcessor *processor, const QStringList &outputs)
 {
-    ShaderProgram *program = buildProgram({QLatin1String(label),
-                                           outputs,
-                                           {{GL_VERTEX_SHADER, ShaderSource::Text, vertex},
-                                            {GL_FRAGMENT_SHADER, ShaderSource::Text, fragment}}},
-                                          processor);
+    ShaderProgram *program = buildProgram(
+        {QLatin1String(label),
+         outputs,
+         {{GL_VERTEX_SHADER, ShaderSource::Text, vertex}, {GL_FRAGMENT_SHADER, ShaderSource::Text, fragment}}},
+        processor);
     program->setMacroProcessor(nullptr);
     return program;
 }
@@ -272,12 +272,9 @@ QVector4D metricsOf(int width, int height)
 QVector4D subsampleIndices(int jitterIndex)
 {
     switch (jitterIndex) {
-    case 0:
-        return {1.0f, 1.0f, 1.0f, 0.0f};
-    case 1:
-        return {2.0f, 2.0f, 2.0f, 0.0f};
-    default:
-        return {};
+    case 0: return {1.0f, 1.0f, 1.0f, 0.0f};
+    case 1: return {2.0f, 2.0f, 2.0f, 0.0f};
+    default: return {};
     }
 }
 
@@ -308,9 +305,9 @@ SMAARenderPass::~SMAARenderPass()
         release(image);
     for (Texture *image : std::as_const(_packedVelocityHistory))
         release(image);
-    for (QObject *object : std::initializer_list<QObject *>{
-             _edgeFbo, _weightFbo, _blendFbo, _resolveFbo, _velocityFbo, _areaTexture, _searchTexture, _edgeProgram,
-             _weightProgram, _blendProgram, _resolveProgram, _velocityProgram})
+    for (QObject *object : std::initializer_list<QObject *>{_edgeFbo, _weightFbo, _blendFbo, _resolveFbo, _velocityFbo,
+                                                            _areaTexture, _searchTexture, _edgeProgram, _weightProgram,
+                                                            _blendProgram, _resolveProgram, _velocityProgram})
         giveUp(object);
 }
 
@@ -334,8 +331,8 @@ void SMAARenderPass::setup(RenderCallbacks *)
     made(_resolveFbo, "SMAA resolve");
     made(_velocityFbo, "SMAA velocity");
     _areaTexture = lookUpTable("SMAA AreaTex", kSmaaAreaWidth, kSmaaAreaHeight, GL_RG8, GL_RG, 2, kSmaaAreaTable);
-    _searchTexture = lookUpTable("SMAA SearchTex", kSmaaSearchWidth, kSmaaSearchHeight, GL_R8, GL_RED, 1,
-                                 kSmaaSearchTable);
+    _searchTexture =
+        lookUpTable("SMAA SearchTex", kSmaaSearchWidth, kSmaaSearchHeight, GL_R8, GL_RED, 1, kSmaaSearchTable);
 
     GLSLMacroProcessor processor;
     processor.addDefine(QStringLiteral("SMAA_RT_METRICS"), QStringLiteral("u_SmaaMetrics"));
@@ -350,12 +347,12 @@ void SMAARenderPass::setup(RenderCallbacks *)
     }
     const QStringList output{QStringLiteral("out_output")};
     const QStringList outputs{QStringLiteral("out_output"), QStringLiteral("out_velocity")};
-    _edgeProgram = stageProgram("SMAA edges", kVertexHead + kEdgeVertex, kFragmentHead + kEdgeFragment, &processor,
-                                output);
-    _weightProgram = stageProgram("SMAA weights", kVertexHead + kWeightVertex, kFragmentHead + kWeightFragment,
-                                  &processor, output);
-    _blendProgram = stageProgram("SMAA blending", kVertexHead + kBlendVertex, kFragmentHead + kBlendFragment,
-                                 &processor, outputs);
+    _edgeProgram =
+        stageProgram("SMAA edges", kVertexHead + kEdgeVertex, kFragmentHead + kEdgeFragment, &processor, output);
+    _weightProgram =
+        stageProgram("SMAA weights", kVertexHead + kWeightVertex, kFragmentHead + kWeightFragment, &processor, output);
+    _blendProgram =
+        stageProgram("SMAA blending", kVertexHead + kBlendVertex, kFragmentHead + kBlendFragment, &processor, outputs);
     _resolveProgram = stageProgram("SMAA resolve", kVertexHead + kResolveVertex, kFragmentHead + kResolveFragment,
                                    &processor, output);
     _velocityProgram = stageProgram("SMAA velocity", kScreenVertexShader, kVelocityFragment, nullptr, output);
@@ -399,7 +396,7 @@ void SMAARenderPass::start(RenderCallbacks *callbacks)
     const auto supportTransparency = qvariant_cast<bool>(_inputs[kSupportTransparency].value);
 
     const bool isCurrent = extent == Extent{_width, _height} && predication == _predication && mode == _mode
-        && supportTransparency == _supportTransparency;
+                           && supportTransparency == _supportTransparency;
     if (!isCurrent || !_edgeFbo) {
         teardown(callbacks);
         _width = extent.width;

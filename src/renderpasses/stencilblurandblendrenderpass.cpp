@@ -71,8 +71,8 @@ StencilBlurAndBlendRenderPass::StencilBlurAndBlendRenderPass() : BlurBaseRenderP
 }
 
 StencilBlurAndBlendRenderPass::StencilBlurAndBlendRenderPass(const StencilBlurAndBlendRenderPass &other) = default;
-StencilBlurAndBlendRenderPass &
-StencilBlurAndBlendRenderPass::operator=(const StencilBlurAndBlendRenderPass &other) = default;
+StencilBlurAndBlendRenderPass &StencilBlurAndBlendRenderPass::operator=(const StencilBlurAndBlendRenderPass &other) =
+    default;
 
 StencilBlurAndBlendRenderPass::~StencilBlurAndBlendRenderPass()
 {

@@ -43,8 +43,7 @@ struct Ends
     explicit Ends(int pattern)
         : firstBelow(pattern & 1), secondBelow((pattern >> 1) & 1), firstAbove((pattern >> 2) & 1),
           secondAbove((pattern >> 3) & 1)
-    {
-    }
+    {}
     int firstBelow;
     int secondBelow;
     int firstAbove;
@@ -110,24 +109,16 @@ Pair orthogonal(int pattern, double left, double right, double offset)
     const Point rightDown{length, down};
     const auto area = [left](Point p, Point q) { return segment(p, q, left); };
     switch (pattern) {
-    case 1:
-        return left <= right ? area(leftDown, middle) : Pair{};
-    case 4:
-        return left <= right ? area(leftUp, middle) : Pair{};
-    case 2:
-        return left >= right ? area(middle, rightDown) : Pair{};
-    case 8:
-        return left >= right ? area(middle, rightUp) : Pair{};
-    case 3:
-        return smoothed(area(leftDown, middle), area(middle, rightDown), length);
-    case 12:
-        return smoothed(area(leftUp, middle), area(middle, rightUp), length);
+    case 1: return left <= right ? area(leftDown, middle) : Pair{};
+    case 4: return left <= right ? area(leftUp, middle) : Pair{};
+    case 2: return left >= right ? area(middle, rightDown) : Pair{};
+    case 8: return left >= right ? area(middle, rightUp) : Pair{};
+    case 3: return smoothed(area(leftDown, middle), area(middle, rightDown), length);
+    case 12: return smoothed(area(leftUp, middle), area(middle, rightUp), length);
     case 7:
-    case 14:
-        return area(leftUp, rightDown);
+    case 14: return area(leftUp, rightDown);
     case 11:
-    case 13:
-        return area(leftDown, rightUp);
+    case 13: return area(leftDown, rightUp);
     case 6:
         if (offset == 0.0)
             return area(leftUp, rightDown);
@@ -136,8 +127,7 @@ Pair orthogonal(int pattern, double left, double right, double offset)
         if (offset == 0.0)
             return area(leftDown, rightUp);
         return half(area(leftDown, rightUp) + (area(leftDown, middle) + area(middle, rightUp)));
-    default:
-        return {};
+    default: return {};
     }
 }
 
@@ -175,12 +165,9 @@ constexpr std::array<DiagonalPattern, 16> kDiagonalPatterns{{
 Point place(char name, double move)
 {
     switch (name) {
-    case 'a':
-        return {0.0 + move, 0.0 + move};
-    case 'b':
-        return {1.0 + move, 0.0 + move};
-    default:
-        return {1.0 + move, 1.0 + move};
+    case 'a': return {0.0 + move, 0.0 + move};
+    case 'b': return {1.0 + move, 0.0 + move};
+    default: return {1.0 + move, 1.0 + move};
     }
 }
 

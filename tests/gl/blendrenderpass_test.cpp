@@ -64,86 +64,51 @@ double channel(int mode, double s, double sa, double d, double da)
 {
     const double apart = s * (1 - da) + d * (1 - sa);
     switch (mode) {
-    case 1:
-        return s;
-    case 2:
-        return d;
-    case 3:
-        return s + d * (1 - sa);
-    case 4:
-        return d + s * (1 - da);
-    case 5:
-        return s * da;
-    case 6:
-        return d * sa;
-    case 7:
-        return s * (1 - da);
-    case 8:
-        return d * (1 - sa);
-    case 9:
-        return s * da + d * (1 - sa);
-    case 10:
-        return d * sa + s * (1 - da);
-    case 11:
-        return apart;
-    case 12:
-        return s + d;
-    case 13:
-        return s * d + apart;
-    case 14:
-        return s + d - s * d;
-    case 15:
-        return 2 * d <= 1 ? 2 * s * d + apart : s * (1 + da) + d * (1 + sa) - 2 * s * d - da * sa;
-    case 16:
-        return std::min(s * da, d * sa) + apart;
-    case 17:
-        return std::max(s * da, d * sa) + apart;
-    case 18:
-        return dodge(s, sa, d, da);
-    case 19:
-        return burn(s, sa, d, da);
-    case 20:
-        return hardLight(s, sa, d, da);
-    case 21:
-        return softLight(s, sa, d, da);
-    case 22:
-        return s * da + d * sa - 2 * s * d + apart;
-    case 23:
-        return s + d - 2 * std::min(s * da, d * sa);
-    case 24:
-        return apart + (0.5 - 0.5 * (d - s)) * sa * da;
-    case 25:
-        return s * d;
-    default:
-        return 0;
+    case 1: return s;
+    case 2: return d;
+    case 3: return s + d * (1 - sa);
+    case 4: return d + s * (1 - da);
+    case 5: return s * da;
+    case 6: return d * sa;
+    case 7: return s * (1 - da);
+    case 8: return d * (1 - sa);
+    case 9: return s * da + d * (1 - sa);
+    case 10: return d * sa + s * (1 - da);
+    case 11: return apart;
+    case 12: return s + d;
+    case 13: return s * d + apart;
+    case 14: return s + d - s * d;
+    case 15: return 2 * d <= 1 ? 2 * s * d + apart : s * (1 + da) + d * (1 + sa) - 2 * s * d - da * sa;
+    case 16: return std::min(s * da, d * sa) + apart;
+    case 17: return std::max(s * da, d * sa) + apart;
+    case 18: return dodge(s, sa, d, da);
+    case 19: return burn(s, sa, d, da);
+    case 20: return hardLight(s, sa, d, da);
+    case 21: return softLight(s, sa, d, da);
+    case 22: return s * da + d * sa - 2 * s * d + apart;
+    case 23: return s + d - 2 * std::min(s * da, d * sa);
+    case 24: return apart + (0.5 - 0.5 * (d - s)) * sa * da;
+    case 25: return s * d;
+    default: return 0;
     }
 }
 
 double alpha(int mode, double sa, double da)
 {
     switch (mode) {
-    case 0:
-        return 0;
+    case 0: return 0;
     case 1:
-    case 10:
-        return sa;
+    case 10: return sa;
     case 2:
-    case 9:
-        return da;
+    case 9: return da;
     case 5:
     case 6:
-    case 25:
-        return sa * da;
-    case 7:
-        return sa * (1 - da);
-    case 8:
-        return da * (1 - sa);
-    case 11:
-        return sa + da - 2 * sa * da;
-    case 12:
-        return sa + da;
-    default:
-        return mode < 0 || mode > 25 ? 0 : sa + da - sa * da;
+    case 25: return sa * da;
+    case 7: return sa * (1 - da);
+    case 8: return da * (1 - sa);
+    case 11: return sa + da - 2 * sa * da;
+    case 12: return sa + da;
+    default: return mode < 0 || mode > 25 ? 0 : sa + da - sa * da;
     }
 }
 
@@ -230,7 +195,8 @@ TEST_F(Blend, EachOfThe26ModesFollowsItsFormulaOverAGridOfColoursAndAlphas)
             Image<float> actual = result();
             Image<float> expected(20, 20);
             const bool dividesByDestination = mode == BlendRenderPass::blendColorDodge
-                || mode == BlendRenderPass::blendColorBurn || mode == BlendRenderPass::blendSoftLight;
+                                              || mode == BlendRenderPass::blendColorBurn
+                                              || mode == BlendRenderPass::blendSoftLight;
             for (qsizetype i = 0; i < expected.pixels.size(); ++i) {
                 Color s{};
                 Color d{};

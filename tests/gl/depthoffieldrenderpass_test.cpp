@@ -82,16 +82,13 @@ double mix(double a, double b, double t)
 class Sampled
 {
 public:
-    Sampled(const Image<float> &image, bool linear)
-        : _image(image)
-        , _linear(linear)
-    {
-    }
+    Sampled(const Image<float> &image, bool linear) : _image(image), _linear(linear) {}
     Rgb at(double u, double v) const
     {
         Rgb out{};
         if (!_linear) {
-            const auto texel = clampedTexel(_image, int(std::floor(u * _image.width)), int(std::floor(v * _image.height)));
+            const auto texel =
+                clampedTexel(_image, int(std::floor(u * _image.width)), int(std::floor(v * _image.height)));
             return {double(texel[0]), double(texel[1]), double(texel[2])};
         }
         const double x = u * _image.width - 0.5;
@@ -312,7 +309,8 @@ TEST_F(DepthOfField, TheGatherFollowsTheLensOverTheWholeImage)
 TEST_F(DepthOfField, AnotherLensIsToldApart)
 {
     const ShaderEdit edit({kNoNoise});
-    EXPECT_FALSE(isSameImage(rendered(Lens{}), refocused(frameImage, depthImage, Lens{.fstop = 3.2}), within(kFloatSums)));
+    EXPECT_FALSE(
+        isSameImage(rendered(Lens{}), refocused(frameImage, depthImage, Lens{.fstop = 3.2}), within(kFloatSums)));
 }
 
 TEST_F(DepthOfField, TheDitherMovesTapsByLittle)
@@ -350,7 +348,8 @@ TEST_F(DepthOfField, CloserThanTheFocalLengthTheBlurIsClampedAtOne)
     std::swap(depth, const_cast<std::unique_ptr<Texture> &>(near));
     const Lens lens{.focalDepth = 5, .focalLength = 300, .fstop = 2.8};
     ASSERT_EQ(blurFactor(lens, 0.2, 5), 1.0);
-    EXPECT_TRUE(sameImage(rendered(lens), refocused(frameImage, Image<float>(48, 32, {float(depthFor(0.2)), 0, 0, 0}), lens),
+    EXPECT_TRUE(sameImage(rendered(lens),
+                          refocused(frameImage, Image<float>(48, 32, {float(depthFor(0.2)), 0, 0, 0}), lens),
                           within(kFloatSums)));
 }
 
@@ -399,8 +398,8 @@ TEST_F(DepthOfField, EveryBranchThatIsSwitchedOffWorksWhenTurnedOn)
 
 TEST_F(DepthOfField, ThePatternDithersWhereTheNoiseIsSwitchedOff)
 {
-    const ShaderEdit edit({{"bool noise = true;", "bool noise = false;"},
-                           {"float namount = 0.0001;", "float namount = 0.01;"}});
+    const ShaderEdit edit(
+        {{"bool noise = true;", "bool noise = false;"}, {"float namount = 0.0001;", "float namount = 0.01;"}});
     const Lens lens{.patternNoise = true, .namount = 0.01};
     EXPECT_TRUE(sameImage(rendered(lens), refocused(frameImage, depthImage, lens), within(2e-3)))
         << "fract of coordinates near whole numbers is coarse";
@@ -422,7 +421,8 @@ TEST_F(DepthOfField, WithoutDepthEverythingLiesAtTheFarPlane)
     rendered(Lens{});
     owned->setInput(kDepth, QVariant());
     runFrame(*owned);
-    EXPECT_TRUE(sameImage(result(), refocused(frameImage, Image<float>(48, 32, {1, 0, 0, 0}), Lens{}), within(kFloatSums)));
+    EXPECT_TRUE(
+        sameImage(result(), refocused(frameImage, Image<float>(48, 32, {1, 0, 0, 0}), Lens{}), within(kFloatSums)));
 }
 
 TEST_F(DepthOfField, FiltersOfTheFrameArePutBack)
@@ -465,7 +465,8 @@ TEST_F(DepthOfField, ChangesOnlyTheStateThatItSays)
     glViewport(1, 2, 3, 4);
     const GLStateSnapshot before;
     runFrame(*owned);
-    EXPECT_EQ(GLStateSnapshot().changedSince(before).join(QStringLiteral(", ")), QStringLiteral("viewport, depth test"));
+    EXPECT_EQ(GLStateSnapshot().changedSince(before).join(QStringLiteral(", ")),
+              QStringLiteral("viewport, depth test"));
 }
 
 TEST_F(DepthOfField, SteadyFrameCreatesNothing)

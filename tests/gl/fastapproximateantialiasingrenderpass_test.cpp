@@ -110,8 +110,8 @@ std::array<float, 4> smoothed(const Image<float> &image, int px, int py, const Q
     const float span = dp + dn;
     const float shift = span == 0.0f ? 0.0f : (std::min(dn, dp) * (-(1 / span))) + 0.5f;
     const float amount = std::max(good ? shift : 0.0f, sub);
-    std::array<float, 4> out = filtered<4>(image, horizontal ? posX : posX + amount * len,
-                                           horizontal ? posY + amount * len : posY);
+    std::array<float, 4> out =
+        filtered<4>(image, horizontal ? posX : posX + amount * len, horizontal ? posY + amount * len : posY);
     out[3] = M;
     return withMatte(out);
 }
@@ -176,8 +176,7 @@ TEST_F(Fxaa, FollowsTheMethodOverWholeImages)
         const bool powersOfTwo = (width & (width - 1)) == 0;
         for (const Quality &q : {Quality{}, Quality{.subPixel = 0}, Quality{.subPixel = 1, .threshold = 0.063f},
                                  Quality{.threshold = 0.333f, .thresholdMin = 0.0833f}, Quality{.rcpFrame = 1.7f}}) {
-            EXPECT_TRUE(sameImage(drawn(image, q), smoothed(image, q),
-                                  {1.0, kHalfFloat, powersOfTwo ? 0.0 : kTipped}))
+            EXPECT_TRUE(sameImage(drawn(image, q), smoothed(image, q), {1.0, kHalfFloat, powersOfTwo ? 0.0 : kTipped}))
                 << width << " " << q.subPixel << " " << q.threshold << " " << q.rcpFrame;
         }
     }
@@ -290,7 +289,8 @@ TEST_F(Fxaa, ChangesOnlyTheStateThatItSays)
     glViewport(1, 2, 3, 4);
     const GLStateSnapshot before;
     runFrame(*owned);
-    EXPECT_EQ(GLStateSnapshot().changedSince(before).join(QStringLiteral(", ")), QStringLiteral("viewport, depth test"));
+    EXPECT_EQ(GLStateSnapshot().changedSince(before).join(QStringLiteral(", ")),
+              QStringLiteral("viewport, depth test"));
 }
 
 TEST_F(Fxaa, SteadyFrameCreatesNothing)

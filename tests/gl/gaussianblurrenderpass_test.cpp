@@ -237,8 +237,8 @@ TEST_F(GaussianBlur, DividersScaleTheTarget)
         const Image<float> image = result();
         EXPECT_EQ(image.width, row.width) << row.divider;
         EXPECT_EQ(image.height, row.height) << row.divider;
-        EXPECT_TRUE(sameImage(image, Image<float>(row.width, row.height, {0.25f, 0.5f, 0.75f, 1.0f}),
-                              within(kHalfFloatTwice)));
+        EXPECT_TRUE(
+            sameImage(image, Image<float>(row.width, row.height, {0.25f, 0.5f, 0.75f, 1.0f}), within(kHalfFloatTwice)));
     }
 }
 
@@ -429,8 +429,8 @@ TEST_F(GaussianBlur, WithTheMaskSwitchTransparentTexelsPassUnblurred)
     runFrame(*owned);
     const Image<float> expected = maskedStage(maskedStage(source, 2.0f, 1, 0), 2.0f, 0, 1);
     EXPECT_TRUE(sameImage(result(), expected, within(kHalfFloatTwice)));
-    EXPECT_TRUE(isPixel(result(), 3, 5, {source.at(3, 5)[0], source.at(3, 5)[1], source.at(3, 5)[2], 0.0},
-                        kHalfFloatTwice));
+    EXPECT_TRUE(
+        isPixel(result(), 3, 5, {source.at(3, 5)[0], source.at(3, 5)[1], source.at(3, 5)[2], 0.0}, kHalfFloatTwice));
 }
 
 TEST_F(GaussianBlur, ChangesOnlyTheStateThatItSays)

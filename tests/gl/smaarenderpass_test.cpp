@@ -67,7 +67,8 @@ private:
                        GLenum format, GLenum type, const void *pixels)
     {
         if (pixels && (internalFormat == GL_RG8 || internalFormat == GL_R8))
-            bytes.append(QByteArray(static_cast<const char *>(pixels), (internalFormat == GL_RG8 ? 2 : 1) * width * height));
+            bytes.append(
+                QByteArray(static_cast<const char *>(pixels), (internalFormat == GL_RG8 ? 2 : 1) * width * height));
         _real(target, level, internalFormat, width, height, border, format, type, pixels);
     }
     static inline PFNGLTEXIMAGE2DPROC _real = nullptr;

@@ -52,7 +52,8 @@ Image<float> counted(const Image<float> &ids, const std::array<double, 4> &color
             double alpha = 0;
             for (int dy = -1; dy <= 1; ++dy) {
                 for (int dx = -1; dx <= 1; ++dx) {
-                    const auto &other = ids.at(std::clamp(x + dx, 0, ids.width - 1), std::clamp(y + dy, 0, ids.height - 1));
+                    const auto &other =
+                        ids.at(std::clamp(x + dx, 0, ids.width - 1), std::clamp(y + dy, 0, ids.height - 1));
                     if (whole(other[0]) != whole(centre[0]))
                         alpha += 1;
                     else if (whole(other[2]) != whole(centre[2]))
@@ -104,8 +105,7 @@ Image<float> surrounded(std::array<float, 4> centre, std::array<float, 4> around
 
 TEST_F(Wireframe, SlotsHaveTheirNamesOrderAndDefaults)
 {
-    expectSlots(WireframeRenderPass(),
-                {{"Kvo_QRect_Viewport"}, {"Kvo_KvoTexture*_Id"}, {"Kvo_QColor_WireColor"}},
+    expectSlots(WireframeRenderPass(), {{"Kvo_QRect_Viewport"}, {"Kvo_KvoTexture*_Id"}, {"Kvo_QColor_WireColor"}},
                 {"Kvo_KvoTexture*_Frame"});
 }
 
@@ -217,7 +217,8 @@ TEST_F(Wireframe, ChangesOnlyTheStateThatItSays)
     glViewport(1, 2, 3, 4);
     const GLStateSnapshot before;
     runFrame(*owned);
-    EXPECT_EQ(GLStateSnapshot().changedSince(before).join(QStringLiteral(", ")), QStringLiteral("viewport, depth test"));
+    EXPECT_EQ(GLStateSnapshot().changedSince(before).join(QStringLiteral(", ")),
+              QStringLiteral("viewport, depth test"));
 }
 
 TEST_F(Wireframe, SteadyFrameCreatesNothing)

@@ -13,13 +13,8 @@ class SmaaReference
 {
 public:
     SmaaReference(const Image<float> &frame, const Image<float> &area, const Image<float> &search)
-        : _frame(frame)
-        , _area(area)
-        , _search(search)
-        , _tx(1.0f / float(frame.width))
-        , _ty(1.0f / float(frame.height))
-    {
-    }
+        : _frame(frame), _area(area), _search(search), _tx(1.0f / float(frame.width)), _ty(1.0f / float(frame.height))
+    {}
 
     /// What predication thresholds by, if anything.
     void setPredicate(const Image<float> *predicate) { _predicate = predicate; }
@@ -122,7 +117,8 @@ private:
     }
     RG fetch(const Image<float> &image, Coord at, int i = 0, int j = 0) const
     {
-        const auto value = filtered<2>(image, at.x + float(i) / float(image.width), at.y + float(j) / float(image.height));
+        const auto value =
+            filtered<2>(image, at.x + float(i) / float(image.width), at.y + float(j) / float(image.height));
         return {value[0], value[1]};
     }
     float searchLength(RG e, float side) const
@@ -202,8 +198,8 @@ private:
             const Coord B{at.x + _tx * b.length, at.y + _ty * b.length};
             const RG v = fetch(edges, B, 1, 0);
             const float first = 2 * fetch(edges, A, -1, 0).g + fetch(edges, A, 0, -1).r;
-            const RG found = areaDiagonal(a.length, b.length, a.end >= 0.9f ? 0 : first, b.end >= 0.9f ? 0 : 2 * v.g + v.r,
-                                          _indices[3]);
+            const RG found = areaDiagonal(a.length, b.length, a.end >= 0.9f ? 0 : first,
+                                          b.end >= 0.9f ? 0 : 2 * v.g + v.r, _indices[3]);
             out = {out.r + found.g, out.g + found.r};
         }
         return out;
