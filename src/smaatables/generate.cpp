@@ -324,10 +324,11 @@ int main(int argc, char **argv)
     }
     const QByteArray area = areaTable();
     const QByteArray search = searchTable();
-    const bool good =
-        isPublished(area, "AreaTex", "35065cef2a02cabcad711d6bf430239ae64e27d71c4e4fa06f29cce2c992f0d2")
-        & isPublished(search, "SearchTex", "3694eae5e9d44b8ebb4415a13f8c7b94dc08a2fc86658434d771c4610fe5744d");
-    if (!good)
+    const bool areaIsRight =
+        isPublished(area, "AreaTex", "35065cef2a02cabcad711d6bf430239ae64e27d71c4e4fa06f29cce2c992f0d2");
+    const bool searchIsRight =
+        isPublished(search, "SearchTex", "3694eae5e9d44b8ebb4415a13f8c7b94dc08a2fc86658434d771c4610fe5744d");
+    if (!areaIsRight || !searchIsRight)
         return 1;
     QFile file(QString::fromLocal8Bit(argv[1]));
     if (!file.open(QIODevice::WriteOnly | QIODevice::Text)) {
