@@ -77,7 +77,7 @@ bool buildOnce(ShaderProgram *&program, const ProgramRecipe &recipe)
     return true;
 }
 
-bool fetchOnce(QSharedPointer<DrawBuffers> &quad, Quad which, const ShaderProgram *program)
+bool fetchOnce(QSharedPointer<DrawBuffers> &quad, Quad which)
 {
     if (quad)
         return true;
@@ -85,6 +85,15 @@ bool fetchOnce(QSharedPointer<DrawBuffers> &quad, Quad which, const ShaderProgra
     if (!context)
         return false;
     quad = which == Quad::Screen ? context->screenQuad() : context->gradientQuad();
+    return true;
+}
+
+bool fetchOnce(QSharedPointer<DrawBuffers> &quad, Quad which, const ShaderProgram *program)
+{
+    if (quad)
+        return true;
+    if (!fetchOnce(quad, which))
+        return false;
     AutoBinder bound(quad->VAO());
     quad->VAO()->enableShaderProgramArrays(program);
     return true;

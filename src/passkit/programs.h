@@ -43,6 +43,10 @@ bool buildOnce(ShaderProgram *&program, const ProgramRecipe &recipe);
 
 enum class Quad { Screen, Gradient };
 
+/// Takes the quad from the current device context if there is none yet, for passes that point the
+/// attributes of several programs at it. False without a context.
+bool fetchOnce(QSharedPointer<DrawBuffers> &quad, Quad which);
+
 /// Takes the quad from the current device context if there is none yet, and points the attributes of
 /// the program at it. False without a context.
 bool fetchOnce(QSharedPointer<DrawBuffers> &quad, Quad which, const ShaderProgram *program);

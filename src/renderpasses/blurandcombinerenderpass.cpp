@@ -3,10 +3,10 @@
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
-#include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "passkit/pool.h"
+#include "passkit/programs.h"
 #include "passkit/slots.h"
 #include "passkit/targets.h"
 
@@ -147,10 +147,7 @@ void BlurAndCombineRenderPass::start(RenderCallbacks *callbacks)
     made(_fbo, "BlurAndCombineRenderPass");
     if (!_thresholdProgram)
         _thresholdProgram = makeShaderProgram(kThresholdShader);
-    if (!_quad) {
-        if (const QSharedPointer<OpenGLDeviceContext> context = OpenGLDeviceContext::current())
-            _quad = context->screenQuad();
-    }
+    fetchOnce(_quad, Quad::Screen);
 
     AutoBinder fbo(_fbo);
     TargetViewport targetViewport(extent);

@@ -3,7 +3,6 @@
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
-#include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "passkit/pool.h"
@@ -75,10 +74,7 @@ void GaussianBlurRenderPass::start(RenderCallbacks *)
     setLinearClamped(input);
 
     made(_fbo, "GaussianBlurRenderPass");
-    if (!_quad) {
-        if (const QSharedPointer<OpenGLDeviceContext> context = OpenGLDeviceContext::current())
-            _quad = context->screenQuad();
-    }
+    fetchOnce(_quad, Quad::Screen);
     if (restricted) {
         glEnable(GL_STENCIL_TEST);
         glStencilFunc(GL_EQUAL, material + 1, 0xff);

@@ -4,7 +4,6 @@
 #include "gl/framebufferobject.h"
 #include "gl/glslmacroprocessor.h"
 #include "gl/guards.h"
-#include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "passkit/glstate.h"
@@ -357,8 +356,7 @@ void SMAARenderPass::setup(RenderCallbacks *)
                                    &processor, output);
     _velocityProgram = stageProgram("SMAA velocity", kScreenVertexShader, kVelocityFragment, nullptr, output);
 
-    if (const QSharedPointer<OpenGLDeviceContext> context = OpenGLDeviceContext::current())
-        _quad = context->screenQuad();
+    fetchOnce(_quad, Quad::Screen);
 }
 
 void SMAARenderPass::teardown(RenderCallbacks *)

@@ -3,7 +3,6 @@
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
-#include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "passkit/pool.h"
@@ -110,10 +109,7 @@ void StencilBlurAndBlendRenderPass::start(RenderCallbacks *callbacks)
     if (!blurFrame)
         blurFrame = blackTempTexture(GL_RGBA);
     made(_fbo, "StencilBlurAndBlendRenderPass");
-    if (!_quad) {
-        if (const QSharedPointer<OpenGLDeviceContext> context = OpenGLDeviceContext::current())
-            _quad = context->screenQuad();
-    }
+    fetchOnce(_quad, Quad::Screen);
 
     AutoBinder fbo(_fbo);
     TargetViewport targetViewport(extent);
