@@ -3,10 +3,8 @@
 //   bench_passes [--benchmark_out=FILE --benchmark_out_format=json]
 
 #include "benchmain.h"
-#include "glreplay.h"
-#include "pairs.h"
+#include "subject.h"
 
-#include "support/allocations.h"
 #include "support/scenes.h"
 
 #include <gl/texture.h>
@@ -27,23 +25,6 @@ using namespace Brevane::Kvo;
 using namespace Brevane::Kvo::Bench;
 
 namespace {
-
-/// A pass with its inputs, and what recording one of its steady frames showed.
-struct Subject
-{
-    std::string name;
-    RenderPass *pass;
-    int width;
-    int height;
-    std::unique_ptr<GLReplay> bare = nullptr;
-    int calls = 0;
-    int objects = 0;
-    int textureAllocations = 0;
-    qint64 heapAllocations = 0;
-    double ratio = 0;
-    double ours = 0;
-    double floor = 0;
-};
 
 /// One set of passes wired into each other, at one size.
 class Chain
@@ -106,48 +87,6 @@ private:
     int _height;
 };
 
-void frame(RenderPass &pass)
-{
-    pass.beginFrame(nullptr);
-    pass.start(nullptr);
-    pass.endFrame(nullptr);
-}
-
-void record(Subject &subject)
-{
-    const RecorderScope recorder;
-    glViewport(0, 0, subject.width, subject.height);
-    for (int i = 0; i < 3; ++i)
-        frame(*subject.pass);
-    {
-        // apart from the recorder's own bookkeeping
-        const Test::AllocationCounter counter;
-        frame(*subject.pass);
-        subject.heapAllocations = counter.count();
-    }
-    const Test::GlCalls calls;
-    frame(*subject.pass);
-    subject.calls = int(calls.all().size());
-    subject.objects = calls.created();
-    subject.textureAllocations = calls.textureAllocations();
-    subject.bare = std::make_unique<GLReplay>(calls);
-}
-
-void compare(benchmark::State &state, Subject &subject)
-{
-    glViewport(0, 0, subject.width, subject.height);
-    comparePairs(
-        state, [&] { frame(*subject.pass); }, [&] { subject.bare->run(); });
-    subject.ratio = state.counters["ratio"];
-    subject.ours = state.counters["kvo_us"];
-    subject.floor = state.counters["bare_us"];
-    state.counters["gl_calls"] = subject.calls;
-    state.counters["bare_calls"] = subject.bare->callCount();
-    state.counters["gl_objects"] = subject.objects;
-    state.counters["texture_allocations"] = subject.textureAllocations;
-    state.counters["heap_allocations"] = double(subject.heapAllocations);
-}
-
 void run()
 {
     std::vector<Subject> subjects;
@@ -159,21 +98,11 @@ void run()
         Chain small(&model, 16, 16);
         large.addTo(subjects);
         small.addTo(subjects);
-        for (Subject &subject : subjects) {
-            record(subject);
-            benchmark::RegisterBenchmark(subject.name.c_str(), [&subject](benchmark::State &s) { compare(s, subject); })
-                ->UseManualTime()
-                ->Iterations(kPairs)
-                ->Unit(benchmark::kMicrosecond);
-        }
+        registerAll(subjects);
         benchmark::RunSpecifiedBenchmarks();
 
-        std::printf("\nper steady frame, 1024 items where a model is drawn; medians of %d pairs\n", kPairs);
-        std::printf("%-46s %10s %10s %7s %9s %10s %8s %9s %6s\n", "pass", "kvo us", "bare us", "ratio", "gl calls",
-                    "bare calls", "objects", "tex alloc", "heap");
-        for (const Subject &s : subjects)
-            std::printf("%-46s %10.1f %10.1f %7.3f %9d %10d %8d %9d %6lld\n", s.name.c_str(), s.ours, s.floor, s.ratio,
-                        s.calls, s.bare->callCount(), s.objects, s.textureAllocations, s.heapAllocations);
+        std::printf("\nper steady frame, 1024 items where a model is drawn; ");
+        printTable(subjects);
     }
 }
 

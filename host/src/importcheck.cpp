@@ -1,6 +1,10 @@
 #include "importcheck.h"
 
 #include <QFile>
+#include <QStringList>
+#include <QXmlStreamReader>
+
+#include <algorithm>
 
 namespace Brevane::Kvo {
 
@@ -45,6 +49,41 @@ QString damageOfPly(QFile *file)
     return QStringLiteral("its header has no end");
 }
 
+bool isNumbers(QStringView text)
+{
+    return std::all_of(text.begin(), text.end(),
+                       [](QChar c) { return c.isSpace() || c.isDigit() || QStringView(u"+-.eE").contains(c); });
+}
+
+bool isNotFinite(QStringView word)
+{
+    return word.compare(u"nan", Qt::CaseInsensitive) == 0 || word.endsWith(u"inf", Qt::CaseInsensitive);
+}
+
+// In a list of numbers the importer takes memory for ever before a letter.
+QString damageOfCollada(QFile *file)
+{
+    static const QStringList kLists{QStringLiteral("p"), QStringLiteral("v"), QStringLiteral("vcount"),
+                                    QStringLiteral("float_array")};
+    QXmlStreamReader reader(file);
+    QString list;
+    while (!reader.atEnd()) {
+        const QXmlStreamReader::TokenType token = reader.readNext();
+        if (token == QXmlStreamReader::StartElement)
+            list = kLists.contains(reader.name()) ? reader.name().toString() : QString();
+        else if (token == QXmlStreamReader::EndElement)
+            list.clear();
+        if (token != QXmlStreamReader::Characters || list.isEmpty() || isNumbers(reader.text()))
+            continue;
+        for (const QStringView word : reader.text().split(u' ', Qt::SkipEmptyParts))
+            if (!isNumbers(word) && !isNotFinite(word.trimmed()))
+                return QStringLiteral("'%1' in the numbers of <%2> before line %3")
+                    .arg(word.left(20).trimmed(), list)
+                    .arg(reader.lineNumber());
+    }
+    return QString();
+}
+
 } // namespace
 
 QString damageOf(const QString &path)
@@ -55,6 +94,8 @@ QString damageOf(const QString &path)
     const QByteArray magic = file.peek(4);
     if (magic.startsWith("ply") && (magic.size() < 4 || magic[3] == '\n' || magic[3] == '\r' || magic[3] == ' '))
         return damageOfPly(&file);
+    if (path.endsWith(QLatin1StringView(".dae"), Qt::CaseInsensitive))
+        return damageOfCollada(&file);
     if (file.peek(8).contains("OFF"))
         return damageOfOff(&file);
     return QString();

@@ -330,7 +330,7 @@ void PipelinePrivate::destroyPass(Node *node)
 QString PipelinePrivate::sourceName(const Source &source) const
 {
     switch (source.kind) {
-    case Source::Kind::Host: return QLatin1Char('@') + hostValues[source.host].name;
+    case Source::Kind::Host: return QLatin1Char('@') + hostValues[source.host].name + source.parts.text();
     case Source::Kind::Link: return source.from->name + QLatin1Char('.') + source.from->pass->outputName(source.output);
     default: return QString();
     }

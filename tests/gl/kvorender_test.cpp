@@ -229,6 +229,11 @@ TEST_F(KvoRender, NamesWrongSlots)
     expectFailure(words("-o out.png --set Gradent.ColorTop=red"), 2,
                   "there is no pass 'Gradent'; did you mean 'Gradient'?");
     expectFailure(words("-o out.png --set Gradient.ColorTop=12"), 2, "'Kvo_QColor_ColorTop' takes");
+    expectFailure(words("-p taa -o out.png --set Jitter.JitterMode=1.5"), 2,
+                  "--set Jitter.JitterMode=1.5: pass 'Jitter': 'Kvo_int_JitterMode' takes a whole number, not the number 1.5");
+    expectFailure(words("-p fxaa -o out.png --set Scene.Int_BlendMode=over"), 2,
+                  "'Int_BlendMode' takes a whole number, not the text \"over\"");
+    expectFailure(words("-o out.png --set Present.ViewportOut=@viewport[0,0]"), 2, "'[0,0]' is no part of a rectangle");
     expectFailure(words("-o out.png --set ColorTop"), 2, "--set takes PASS.SLOT=VALUE, not 'ColorTop'");
     expectFailure(words("-o out.png --dump Gradient.Viewport=a.png"), 2,
                   "'Viewport' of pass 'Gradient' is not an output");

@@ -303,6 +303,36 @@ TEST_F(PipelineFrames, EveryPassFindsTheViewportOfItsSlot)
     EXPECT_EQ(QVector<int>(none->viewport, none->viewport + 4), (QVector<int>{0, 0, 0, 0}));
 }
 
+TEST_F(PipelineFrames, APartOfTheViewportFollowsItsSize)
+{
+    DiaryPass *half = addDiary("Half");
+    pipeline->setViewport(QRect(10, 20, 100, 51));
+    ASSERT_TRUE(pipeline->bind(s("Half"), s("Viewport"), s("viewport[0.5, 0, 0.5, 0.5]")));
+    render();
+    EXPECT_EQ(half->inputValue(0), QVariant(QRect(60, 20, 50, 26))) << "from the corner, edges rounded";
+    EXPECT_EQ(QVector<int>(half->viewport, half->viewport + 4), (QVector<int>{0, 0, 50, 26})) << "targets begin at 0";
+    pipeline->setViewport(QRect(0, 0, 8, 8));
+    render();
+    EXPECT_EQ(half->inputValue(0), QVariant(QRect(4, 0, 4, 4)));
+}
+
+TEST_F(PipelineFrames, PartsThatTouchLeaveNoGap)
+{
+    DiaryPass *pass = addDiary("A");
+    pipeline->setViewport(QRect(0, 0, 10, 7));
+    QString error;
+    ASSERT_TRUE(pipeline->setValueText(s("A"), s("Viewport"),
+                                       s("@viewport[[0, 0, 0.333333, 1], [0.333333, 0, 0.333333, 1], [0.666666, 0, 0.333334, 1]]"),
+                                       &error))
+        << qPrintable(error);
+    render();
+    const QVariantList parts = pass->inputValue(0).toList();
+    ASSERT_EQ(parts.size(), 3);
+    EXPECT_EQ(parts[0].toRect(), QRect(0, 0, 3, 7));
+    EXPECT_EQ(parts[1].toRect(), QRect(3, 0, 4, 7));
+    EXPECT_EQ(parts[2].toRect(), QRect(7, 0, 3, 7));
+}
+
 TEST_F(PipelineFrames, BeginsWithDefaultStateAndPutsBindingsBack)
 {
     DiaryPass *pass = addDiary("A");
@@ -381,6 +411,25 @@ TEST_F(PipelineFrames, NamesAPassThatKeepsItsInput)
               QStringList{s("pass 'Greedy' did not give back the texture of its input 'Kvo_KvoTexture*_A': "
                             "1 reference(s) too many")});
     EXPECT_EQ(faultsAfter(1).size(), 1) << "every frame anew";
+}
+
+// GaussianBlurRenderPass gives a stencil texture back only when it has a material to look for.
+TEST_F(PipelineFrames, NamesTheBlurThatKeepsAStencilWithANegativeMaterial)
+{
+    addPool("Image");
+    addPool("Stencil");
+    ASSERT_TRUE(pipeline->add(s("Blur"), s("GaussianBlurRenderPass")));
+    ASSERT_TRUE(pipeline->setValue(s("Blur"), s("Viewport"), QRect(0, 0, kSize, kSize)));
+    ASSERT_TRUE(pipeline->setValue(s("Blur"), s("BlurRadius"), 4.0f));
+    link("Image.Frame", "Blur.Input");
+    EXPECT_EQ(faultsAfter(1), QStringList()) << "without a stencil";
+    link("Stencil.Frame", "Blur.Stencil");
+    EXPECT_EQ(faultsAfter(1),
+              QStringList{s("pass 'Blur' did not give back the texture of its input 'Kvo_KvoTexture*_Stencil': "
+                            "1 reference(s) too many")});
+    Texture *kept = textureFromVariant(pipeline->output(s("Stencil"), s("Frame")));
+    EXPECT_EQ(TextureManager::Instance().tempTextureRefs(kept), 1);
+    TextureManager::Instance().releaseTempTextureRef(kept, 1);
 }
 
 TEST_F(PipelineFrames, NamesAPassThatGivesItsInputBackTwice)
@@ -564,7 +613,7 @@ TEST_F(PipelineFiles, ASteadyFrameTakesNothingFromTheHeap)
 {
     if (!allocationsAreCounted())
         GTEST_SKIP() << "allocations are not counted in this build";
-    for (const char *name : {"gradient", "forward", "deferred-model"}) {
+    for (const char *name : {"gradient", "forward", "deferred-model", "blend-modes"}) {
         pipeline = std::make_unique<Pipeline>();
         load(name);
         pipeline->setTimingEnabled(true);

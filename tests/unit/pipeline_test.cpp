@@ -1,7 +1,9 @@
 #include <core/renderpasshelper.h>
 #include <host/passfactory.h>
 #include <host/pipeline.h>
+#include <host/slotname.h>
 
+#include <QHash>
 #include <QRect>
 
 #include <gtest/gtest.h>
@@ -186,6 +188,27 @@ TEST_F(PipelineTest, BindsHostValuesByNameAndType)
     EXPECT_EQ(error, s("cannot bind host value 'camera' (QMatrix4x4) to 'A.Kvo_KvoTexture*_Frame' (KvoTexture*)"));
 }
 
+TEST_F(PipelineTest, BindsPartsOfRectanglesOnly)
+{
+    add("A");
+    QString error;
+    for (const char *part : {"viewport[0, 0, 0.5, 1]", "viewport[[0, 0, 1, 1], [0.5, 0.5, 1, -1]]"}) {
+        EXPECT_TRUE(pipeline.bind(s("A"), s("Viewport"), s(part), &error)) << qPrintable(error);
+        EXPECT_EQ(pipeline.source(s("A"), s("Viewport")), QLatin1Char('@') + s(part));
+        EXPECT_TRUE(pipeline.uses(s("viewport")));
+    }
+    for (const char *part : {"[", "[]", "[1, 2, 3]", "[0, 0, 1, true]", "[[0, 0, 1, 1], 3]", "[0, 0, 1, 1] x", "[0, 0, 1, 1e9]"}) {
+        EXPECT_FALSE(pipeline.bind(s("A"), s("Viewport"), s("viewport") + s(part), &error));
+        EXPECT_EQ(error, s("input 'Kvo_QRect_Viewport' of pass 'A': '%1' is no part of a rectangle: use [x, y, width, "
+                           "height] in fractions of its size, or a list of these").arg(s(part)));
+    }
+    EXPECT_EQ(pipeline.source(s("A"), s("Viewport")), s("@viewport[[0, 0, 1, 1], [0.5, 0.5, 1, -1]]")) << "as it was";
+    EXPECT_FALSE(pipeline.bind(s("A"), s("Radius"), s("near[0, 0, 1, 1]"), &error));
+    EXPECT_EQ(error, s("host value 'near' (float) has no parts: only rectangles have"));
+    EXPECT_FALSE(pipeline.bind(s("A"), s("Radius"), s("viewport[0, 0, 1, 1]"), &error));
+    EXPECT_EQ(error, s("cannot bind host value 'viewport' (QRect) to 'A.Kvo_float_Radius' (float)"));
+}
+
 TEST_F(PipelineTest, HostPathsMayHaveAnyName)
 {
     WirePass *pass = add("A");
@@ -342,4 +365,50 @@ TEST(PassFactory, TakesTheClassesOfAHostOnce)
     EXPECT_TRUE(registerPass<WirePass>(s("WirePass")));
     EXPECT_FALSE(registerPass<OtherPass>(s("WirePass")));
     EXPECT_NE(dynamic_cast<WirePass *>(passFactory().make(s("WirePass")).get()), nullptr);
+}
+
+struct TypeSample
+{
+    const char *good; ///< Null: there is no text for it.
+    const char *bad;
+    const char *takes;
+};
+
+// What --set of kvorender gives an input, and says of it, for every input of every pass of the library.
+TEST(Slots, EveryInputCanBeSetByTextAndSaysWhatItTakes)
+{
+    const QHash<QString, TypeSample> samples{
+        {s("float"), {"0.5", "much", "a number"}},
+        {s("Float"), {"0.5", "[1]", "a number"}},
+        {s("int"), {"2", "1.5", "a whole number"}},
+        {s("bool"), {"true", "1", "true or false"}},
+        {s("Bool"), {"false", "yes", "true or false"}},
+        {s("QColor"), {"#ff8000", "12", "\"#rrggbb\", \"#rrggbbaa\", a colour name, or [r, g, b, a] from 0 to 1"}},
+        {s("QRect"), {"[0, 0, 4, 4]", "[4, 4]", "[x, y, width, height]"}},
+        {s("QVariant"), {"[0, 0, 4, 4]", "{}", "a plain value"}},
+        {s("QVector2D"), {"[0.5, 0.5]", "0.5", "[x, y]"}},
+        {s("QMatrix4x4"), {"[1,0,0,0, 0,1,0,0, 0,0,1,0, 0,0,0,1]", "[1, 2]", "16 numbers, row by row"}},
+        {s("KvoTexture*"), {nullptr, "3", "a link or a host value"}},
+        {s("KvoGPUModel*"), {"@model", "3", "a link or a host value"}},
+        {s("KvoFramebuffer*"), {"@screen", "3", "a link or a host value"}},
+    };
+    const QHash<QString, QString> untyped{{s("Int_BlendMode"), s("int")}, {s("brightness"), s("float")}};
+    for (const QString &className : passFactory().classNames()) {
+        Pipeline pipeline;
+        if (!className.endsWith(s("Pass")) || !pipeline.add(s("P"), className))
+            continue;
+        const RenderPass &pass = *pipeline.pass(s("P"));
+        for (int i = 0; i < pass.numInputs(); ++i) {
+            const QString slot = pass.inputName(i);
+            const QString type = untyped.value(slot, SlotName::parse(slot).type);
+            ASSERT_TRUE(samples.contains(type)) << qPrintable(className) << " " << qPrintable(slot);
+            const TypeSample &sample = samples[type];
+            QString error;
+            if (sample.good) {
+                EXPECT_TRUE(pipeline.setValueText(s("P"), slot, s(sample.good), &error)) << qPrintable(error);
+            }
+            EXPECT_FALSE(pipeline.setValueText(s("P"), slot, s(sample.bad), &error)) << qPrintable(slot);
+            EXPECT_TRUE(error.startsWith(s("pass 'P': '%1' takes %2, not ").arg(slot, s(sample.takes)))) << qPrintable(error);
+        }
+    }
 }

@@ -199,6 +199,21 @@ TEST_F(SceneImport, DoesNotTakeMemoryForElementsThatAFileCannotHold)
         << qPrintable(report.error);
 }
 
+TEST_F(SceneImport, DoesNotHangOnALetterAmongTheNumbersOfAColladaFile)
+{
+    QFile file(kModels + QStringLiteral("Collada/duck.dae"));
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    QByteArray data = file.readAll();
+    import(file.fileName());
+    EXPECT_TRUE(report.ok()) << qPrintable(report.error);
+    const qsizetype digit = data.indexOf("<p>") + 10;
+    ASSERT_GT(digit, 10);
+    data[digit] = 't';
+    importText("duck.dae", data);
+    EXPECT_TRUE(report.error.contains(QStringLiteral("in the numbers of <p> before line ")))
+        << qPrintable(report.error);
+}
+
 TEST_F(SceneImport, FindsImagesBesideTheModelInAnyCaseAndStyle)
 {
     QImage image(4, 2, QImage::Format_RGB32);
