@@ -49,10 +49,11 @@ QString damageOfPly(QFile *file)
     return QStringLiteral("its header has no end");
 }
 
-bool isNumbers(QStringView text)
+bool isNumbers(QStringView text, bool whole)
 {
-    return std::all_of(text.begin(), text.end(),
-                       [](QChar c) { return c.isSpace() || c.isDigit() || QStringView(u"+-.eE").contains(c); });
+    return std::all_of(text.begin(), text.end(), [whole](QChar c) {
+        return c.isSpace() || (c >= u'0' && c <= u'9') || (!whole && QStringView(u"+-.eE").contains(c));
+    });
 }
 
 bool isNotFinite(QStringView word)
@@ -60,11 +61,11 @@ bool isNotFinite(QStringView word)
     return word.compare(u"nan", Qt::CaseInsensitive) == 0 || word.endsWith(u"inf", Qt::CaseInsensitive);
 }
 
-// In a list of numbers the importer takes memory for ever before a letter.
+// In a list of numbers the importer takes memory for ever before anything that is none.
 QString damageOfCollada(QFile *file)
 {
-    static const QStringList kLists{QStringLiteral("p"), QStringLiteral("v"), QStringLiteral("vcount"),
-                                    QStringLiteral("float_array")};
+    static const QString kFloats = QStringLiteral("float_array");
+    static const QStringList kLists{QStringLiteral("p"), QStringLiteral("v"), QStringLiteral("vcount"), kFloats};
     QXmlStreamReader reader(file);
     QString list;
     while (!reader.atEnd()) {
@@ -73,15 +74,18 @@ QString damageOfCollada(QFile *file)
             list = kLists.contains(reader.name()) ? reader.name().toString() : QString();
         else if (token == QXmlStreamReader::EndElement)
             list.clear();
-        if (token != QXmlStreamReader::Characters || list.isEmpty() || isNumbers(reader.text()))
+        const bool whole = list != kFloats;
+        if (token != QXmlStreamReader::Characters || list.isEmpty() || isNumbers(reader.text(), whole))
             continue;
-        for (const QStringView word : reader.text().split(u' ', Qt::SkipEmptyParts))
-            if (!isNumbers(word) && !isNotFinite(word.trimmed()))
+        const QStringList words = reader.text().toString().simplified().split(u' ');
+        for (const QString &word : words)
+            if (!isNumbers(word, whole) && (whole || !isNotFinite(word)))
                 return QStringLiteral("'%1' in the numbers of <%2> before line %3")
-                    .arg(word.left(20).trimmed(), list)
+                    .arg(word.left(20), list)
                     .arg(reader.lineNumber());
     }
-    return QString();
+    return reader.hasError() ? QStringLiteral("line %1: %2").arg(reader.lineNumber()).arg(reader.errorString())
+                             : QString();
 }
 
 } // namespace

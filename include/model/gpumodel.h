@@ -37,12 +37,13 @@ struct ModelMesh
     QVector<quint32> indices; ///< Three per triangle.
 };
 
-/// A surface in the terms of OBJ material files.
+/// A surface in the terms of OBJ material files. Shading multiplies colours and maps as they are and
+/// nothing encodes the result: with display-ready maps, colours are display-ready too.
 struct ModelMaterial
 {
     QString name;
-    QVector3D Kd{0.8f, 0.8f, 0.8f}; ///< Diffuse colour, linear.
-    QVector3D Ks{0.0f, 0.0f, 0.0f}; ///< Specular colour, linear.
+    QVector3D Kd{0.8f, 0.8f, 0.8f}; ///< Diffuse colour, in the colour space of the maps.
+    QVector3D Ks{0.0f, 0.0f, 0.0f}; ///< Specular colour, in the colour space of the maps.
     float Ns = 1.0f; ///< Specular exponent.
     float D = 1.0f; ///< Opacity, 0 to 1.
     QImage map_Kd; ///< Diffuse map; null reads white.

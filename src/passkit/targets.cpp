@@ -29,8 +29,15 @@ void replaceTarget(FramebufferObject *framebuffer, unsigned int attachment, cons
         AutoBinder bound(texture);
         glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, format.filter);
         glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, format.filter);
+        // With a pixel buffer of the host bound, null would mean its beginning.
+        GLint pixels = 0;
+        glGetIntegerv(GL_PIXEL_UNPACK_BUFFER_BINDING, &pixels);
+        if (pixels)
+            glBindBuffer(GL_PIXEL_UNPACK_BUFFER, 0);
         glTexImage2D(GL_TEXTURE_2D, 0, GLint(format.internalFormat), extent.width, extent.height, 0, format.format,
                      format.type, nullptr);
+        if (pixels)
+            glBindBuffer(GL_PIXEL_UNPACK_BUFFER, GLuint(pixels));
     }
     if (!framebuffer->attach(texture, attachment, 0))
         delete texture;

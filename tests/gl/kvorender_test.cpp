@@ -205,7 +205,8 @@ TEST_F(KvoRender, KeepsQuietWhenTold)
 {
     // The driver may have something to say all the same.
     EXPECT_FALSE(succeed(words("-q -p gradient -s 8x8 -o out.png")).err.contains(QStringLiteral("kvorender: ")));
-    EXPECT_TRUE(succeed(words("-p gradient -s 8x8 -o out.png")).err.contains(QStringLiteral("kvorender: wrote out.png")));
+    EXPECT_TRUE(
+        succeed(words("-p gradient -s 8x8 -o out.png")).err.contains(QStringLiteral("kvorender: wrote out.png")));
 }
 
 TEST_F(KvoRender, RefusesAWrongCommandLine)
@@ -229,8 +230,9 @@ TEST_F(KvoRender, NamesWrongSlots)
     expectFailure(words("-o out.png --set Gradent.ColorTop=red"), 2,
                   "there is no pass 'Gradent'; did you mean 'Gradient'?");
     expectFailure(words("-o out.png --set Gradient.ColorTop=12"), 2, "'Kvo_QColor_ColorTop' takes");
-    expectFailure(words("-p taa -o out.png --set Jitter.JitterMode=1.5"), 2,
-                  "--set Jitter.JitterMode=1.5: pass 'Jitter': 'Kvo_int_JitterMode' takes a whole number, not the number 1.5");
+    expectFailure(
+        words("-p taa -o out.png --set Jitter.JitterMode=1.5"), 2,
+        "--set Jitter.JitterMode=1.5: pass 'Jitter': 'Kvo_int_JitterMode' takes a whole number, not the number 1.5");
     expectFailure(words("-p fxaa -o out.png --set Scene.Int_BlendMode=over"), 2,
                   "'Int_BlendMode' takes a whole number, not the text \"over\"");
     expectFailure(words("-o out.png --set Present.ViewportOut=@viewport[0,0]"), 2, "'[0,0]' is no part of a rectangle");

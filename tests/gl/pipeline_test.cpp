@@ -321,9 +321,9 @@ TEST_F(PipelineFrames, PartsThatTouchLeaveNoGap)
     DiaryPass *pass = addDiary("A");
     pipeline->setViewport(QRect(0, 0, 10, 7));
     QString error;
-    ASSERT_TRUE(pipeline->setValueText(s("A"), s("Viewport"),
-                                       s("@viewport[[0, 0, 0.333333, 1], [0.333333, 0, 0.333333, 1], [0.666666, 0, 0.333334, 1]]"),
-                                       &error))
+    ASSERT_TRUE(pipeline->setValueText(
+        s("A"), s("Viewport"),
+        s("@viewport[[0, 0, 0.333333, 1], [0.333333, 0, 0.333333, 1], [0.666666, 0, 0.333334, 1]]"), &error))
         << qPrintable(error);
     render();
     const QVariantList parts = pass->inputValue(0).toList();

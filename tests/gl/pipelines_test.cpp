@@ -228,7 +228,8 @@ TEST_F(PipelinePictures, TheAntialiasingSheetShowsFourWaysOfOneFrame)
         EXPECT_GT(colors[i], colors[0]) << "column " << i << " has the shades between that column 0 lacks";
     for (int i = 0; i < 4; ++i)
         for (int j = 0; j < i; ++j)
-            EXPECT_NE(sheet.copy(i * column, 0, column, kSize.height()), sheet.copy(j * column, 0, column, kSize.height()))
+            EXPECT_NE(sheet.copy(i * column, 0, column, kSize.height()),
+                      sheet.copy(j * column, 0, column, kSize.height()))
                 << i << " and " << j;
 }
 
@@ -265,7 +266,8 @@ TEST_F(PipelinePictures, TemporalAntialiasingOfARealModelConvergesToTheSupersamp
         Stage stage(s("taa"), engine, size * kFactor);
         stage.pipeline.setPassObserver([&](const QString &pass, RenderPass *) {
             if (pass == s("Scene"))
-                expected = reduced(readTexture<float>(textureFromVariant(stage.pipeline.output(pass, s("Frame")))), kFactor);
+                expected =
+                    reduced(readTexture<float>(textureFromVariant(stage.pipeline.output(pass, s("Frame")))), kFactor);
         });
         ASSERT_TRUE(stage.pipeline.setValue(s("Jitter"), s("JitterMode"), 0));
         stage.render();

@@ -197,10 +197,12 @@ TEST_F(PipelineTest, BindsPartsOfRectanglesOnly)
         EXPECT_EQ(pipeline.source(s("A"), s("Viewport")), QLatin1Char('@') + s(part));
         EXPECT_TRUE(pipeline.uses(s("viewport")));
     }
-    for (const char *part : {"[", "[]", "[1, 2, 3]", "[0, 0, 1, true]", "[[0, 0, 1, 1], 3]", "[0, 0, 1, 1] x", "[0, 0, 1, 1e9]"}) {
+    for (const char *part :
+         {"[", "[]", "[1, 2, 3]", "[0, 0, 1, true]", "[[0, 0, 1, 1], 3]", "[0, 0, 1, 1] x", "[0, 0, 1, 1e9]"}) {
         EXPECT_FALSE(pipeline.bind(s("A"), s("Viewport"), s("viewport") + s(part), &error));
         EXPECT_EQ(error, s("input 'Kvo_QRect_Viewport' of pass 'A': '%1' is no part of a rectangle: use [x, y, width, "
-                           "height] in fractions of its size, or a list of these").arg(s(part)));
+                           "height] in fractions of its size, or a list of these")
+                             .arg(s(part)));
     }
     EXPECT_EQ(pipeline.source(s("A"), s("Viewport")), s("@viewport[[0, 0, 1, 1], [0.5, 0.5, 1, -1]]")) << "as it was";
     EXPECT_FALSE(pipeline.bind(s("A"), s("Radius"), s("near[0, 0, 1, 1]"), &error));
@@ -408,7 +410,8 @@ TEST(Slots, EveryInputCanBeSetByTextAndSaysWhatItTakes)
                 EXPECT_TRUE(pipeline.setValueText(s("P"), slot, s(sample.good), &error)) << qPrintable(error);
             }
             EXPECT_FALSE(pipeline.setValueText(s("P"), slot, s(sample.bad), &error)) << qPrintable(slot);
-            EXPECT_TRUE(error.startsWith(s("pass 'P': '%1' takes %2, not ").arg(slot, s(sample.takes)))) << qPrintable(error);
+            EXPECT_TRUE(error.startsWith(s("pass 'P': '%1' takes %2, not ").arg(slot, s(sample.takes))))
+                << qPrintable(error);
         }
     }
 }

@@ -199,7 +199,7 @@ TEST_F(SceneImport, DoesNotTakeMemoryForElementsThatAFileCannotHold)
         << qPrintable(report.error);
 }
 
-TEST_F(SceneImport, DoesNotHangOnALetterAmongTheNumbersOfAColladaFile)
+TEST_F(SceneImport, DoesNotHangOnWhatIsNoNumberInAColladaFile)
 {
     QFile file(kModels + QStringLiteral("Collada/duck.dae"));
     ASSERT_TRUE(file.open(QIODevice::ReadOnly));
@@ -208,10 +208,15 @@ TEST_F(SceneImport, DoesNotHangOnALetterAmongTheNumbersOfAColladaFile)
     EXPECT_TRUE(report.ok()) << qPrintable(report.error);
     const qsizetype digit = data.indexOf("<p>") + 10;
     ASSERT_GT(digit, 10);
-    data[digit] = 't';
+    for (const char wrong : {'t', 'E', '-'}) {
+        data[digit] = wrong;
+        importText("duck.dae", data);
+        EXPECT_TRUE(report.error.contains(QStringLiteral("in the numbers of <p> before line ")))
+            << qPrintable(report.error);
+    }
+    data[digit] = '\xfd'; // No UTF-8.
     importText("duck.dae", data);
-    EXPECT_TRUE(report.error.contains(QStringLiteral("in the numbers of <p> before line ")))
-        << qPrintable(report.error);
+    EXPECT_TRUE(report.error.contains(QStringLiteral("line "))) << qPrintable(report.error);
 }
 
 TEST_F(SceneImport, FindsImagesBesideTheModelInAnyCaseAndStyle)

@@ -109,7 +109,8 @@ TEST(SlotValue, SlotsOfOurPassesWithoutATypeWordAreStillTyped)
 {
     EXPECT_EQ(parsed("Int_BlendMode", "3").metaType(), QMetaType::fromType<int>());
     EXPECT_EQ(parsed("brightness", "2").metaType(), QMetaType::fromType<float>());
-    EXPECT_EQ(errorOf("Int_BlendMode", "1.5"), QStringLiteral("'Int_BlendMode' takes a whole number, not the number 1.5"));
+    EXPECT_EQ(errorOf("Int_BlendMode", "1.5"),
+              QStringLiteral("'Int_BlendMode' takes a whole number, not the number 1.5"));
     EXPECT_EQ(errorOf("brightness", "much"), QStringLiteral("'brightness' takes a number, not the text \"much\""));
 }
 

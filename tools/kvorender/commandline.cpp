@@ -25,7 +25,7 @@ What to draw
                            give an input a value: 0.5, true, "#ff8000", [0, 0, 640, 480], @viewport;
                            may be repeated
       --path NAME=FILE     a file for pipelines that ask for @paths.NAME
-  -c, --camera SPEC        settings joined by ':', see below; default: fit
+  -c, --camera SETTINGS    joined by ':', see below; default: fit
   -s, --size WxH           pixels; default: 1280x720
   -n, --frames N           frames to render; the picture is the last; default: 1
 
@@ -113,7 +113,7 @@ bool CommandLine::read(const QStringList &arguments, int *exitCode)
     add({QStringLiteral("pipelines")}, "folder");
     add({QStringLiteral("set")}, "value");
     add({QStringLiteral("path")}, "path");
-    add({QStringLiteral("c"), QStringLiteral("camera")}, "spec");
+    add({QStringLiteral("c"), QStringLiteral("camera")}, "settings");
     add({QStringLiteral("s"), QStringLiteral("size")}, "size");
     add({QStringLiteral("n"), QStringLiteral("frames")}, "count");
     add({QStringLiteral("o"), QStringLiteral("output")}, "file");
