@@ -11,7 +11,7 @@
 namespace Brevane::Kvo::Bench {
 
 /// Pairs that are measured after a few that only warm up.
-constexpr int kPairs = 200;
+constexpr int kPairs = 120;
 constexpr int kWarmUp = 10;
 
 inline double median(std::vector<double> values)

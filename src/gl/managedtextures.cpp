@@ -192,7 +192,7 @@ int ManagedTextures::add(const QImage &image, const QString &label)
     _tableChanged = true;
 
     const int handle = record + 1;
-    _maps.insert(handle, std::move(map));
+    _maps.insert(handle, map);
     return handle;
 }
 

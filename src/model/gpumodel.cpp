@@ -311,7 +311,8 @@ void GPUModelPrivate::drawIndirect(Selection &chosen)
             selected.push_back(commands[std::size_t(item)]);
         chosen.commands = QSharedPointer<BufferObject>::create();
         chosen.commands->setTarget(GL_DRAW_INDIRECT_BUFFER);
-        chosen.commands->uploadBytes(selected.data(), qint64(selected.size() * sizeof selected[0]), GL_STATIC_DRAW);
+        chosen.commands->uploadBytes(selected.data(), qint64(selected.size()) * qint64(sizeof selected[0]),
+                                     GL_STATIC_DRAW);
     }
     GLint before = 0;
     glGetIntegerv(GL_DRAW_INDIRECT_BUFFER_BINDING, &before);
