@@ -19,7 +19,8 @@ namespace {
 enum Input { kViewport, kFrame, kSubPixelQuality, kRcpFrameQuality, kEdgeThresholdQuality, kEdgeThresholdMinQuality };
 enum Output { kFrameOut };
 
-// RcpFrameQuality scales the horizontal step only; the vertical one is always a texel.
+// RcpFrameQuality scales the horizontal step only; the vertical one is always a texel. The source is
+// fetched as the library function fetches it, so that compilers fetch it once.
 const QString kFragmentShader = QStringLiteral(R"(#version 150
 #include "FXAA.glslh"
 
@@ -43,7 +44,7 @@ void main()
   vec4 smooth_ = FxaaPixelShader(vo_TexCoord.xy, zero, u_FrameSampler, u_FrameSampler, u_FrameSampler,
                                  vec2(u_RcpFrameQuality/fWidth,1.0/fHeight), zero, zero, zero, u_SubPixelQuality,
                                  u_EdgeThresholdQuality, u_EdgeThresholdMinQuality, 8.0, 0.125, 0.05, zero);
-  vec4 source = textureLod(u_FrameSampler, vo_TexCoord, 0.0);
+  vec4 source = texelFetch(u_FrameSampler, ivec2(vo_TexCoord * vec2(textureSize(u_FrameSampler, 0))), 0);
   out_FragColor = vec4(smooth_.rgb, max(smooth_.a, source.a));
 }
 )");
