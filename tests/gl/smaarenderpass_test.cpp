@@ -44,6 +44,8 @@ constexpr double kFilteredTables = 0.012;
 // powers of two, and about 0.15 % at a size whose coordinates are rounded.
 constexpr double kTipped = 0.0;
 constexpr double kTippedAtOddSizes = 0.002;
+// Most of that frame has no edge: 0.008 % there, and 0.024 % where a trace of a neighbour counts as an edge.
+constexpr double kTippedIn1279By717 = 0.00015;
 
 Image<float> areaTable;
 Image<float> searchTable;
@@ -214,6 +216,17 @@ TEST_F(Smaa, DiagonalsOfEveryLengthFollowTheMethodAtEveryJitterIndex)
                 << width << " " << index;
         }
     }
+}
+
+TEST_F(Smaa, AFrameOf1279By717IsAsCleanAsAPowerOfTwo)
+{
+    const Image<float> image = edgeImage(1279, 717);
+    const auto frame = makeTexture(image);
+    connect(frame.get(), 1279, 717, 0);
+    runFrame(*owned);
+    const SmaaReference reference(image, areaTable, searchTable);
+    EXPECT_TRUE(sameImage(result(), reference.blended(reference.weights(reference.edges())),
+                          {1.0, kFilteredTables, kTippedIn1279By717}));
 }
 
 TEST_F(Smaa, SubsampleIndicesFollowTheJitterIndex)
