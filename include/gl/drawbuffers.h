@@ -58,7 +58,8 @@ public:
     void setDrawElementsIndirectCommands(const DrawElementsIndirectCommand *commands, int count);
     int drawElementsIndirectCommandCount() const;
     const DrawElementsIndirectCommand *drawElementsIndirectCommands() const;
-    /// The commands as a uniform buffer, tightly packed, made on first use; null when there are none.
+    /// The commands as a uniform buffer, tightly packed and filled up with zeros to the largest uniform
+    /// block, made on first use; null when there are none.
     QSharedPointer<UniformBufferObject> getDrawElementsIndirectCommandsUniformBufferObject();
 
     /// Draws with the program that is bound; this object must be bound. False, with nothing drawn,
@@ -67,8 +68,13 @@ public:
     /// The same with a named program, bound for the draw when it is not.
     bool draw(ShaderProgram *program);
 
-    /// Adds to a processor the defines that shader code needs to read the commands.
+    /// Adds to a processor the defines that shader code needs to read the commands: their size in
+    /// 32-bit words, and the 16-byte vectors of a block that holds as many as the current context can
+    /// read (as every context can, when none is current).
     static void setup(GLSLMacroProcessor *processor);
+    /// How many commands of a piece of geometry a shader can read in the current context: what goes into
+    /// its largest uniform block, 819 at least and 3276 on most drivers.
+    static int maxShaderReadableCommands();
 
 private:
     Q_DISABLE_COPY(DrawBuffers)

@@ -11,6 +11,8 @@
 
 #include <epoxy/gl.h>
 
+#include <algorithm>
+
 namespace Brevane::Kvo {
 
 namespace {
@@ -20,6 +22,17 @@ GLint boundNow(GLenum query)
     GLint name = 0;
     glGetIntegerv(query, &name);
     return name;
+}
+
+constexpr int kGuaranteedBlockSize = 16384; // bytes; every context has it
+constexpr int kUsefulBlockSize = 262144; // bytes; some drivers allow blocks as large as memory
+
+int maxUniformBlockSize()
+{
+    GLint size = 0;
+    if (ContextState::current())
+        glGetIntegerv(GL_MAX_UNIFORM_BLOCK_SIZE, &size);
+    return std::clamp(size, kGuaranteedBlockSize, kUsefulBlockSize);
 }
 
 } // namespace
@@ -118,11 +131,10 @@ const DrawElementsIndirectCommand *DrawBuffers::drawElementsIndirectCommands() c
 QSharedPointer<UniformBufferObject> DrawBuffers::getDrawElementsIndirectCommandsUniformBufferObject()
 {
     if (!d->commandBuffer && !d->commands.isEmpty()) {
-        // Shaders read the block as whole 16-byte vectors.
-        constexpr qint64 kVector = 16;
-        const qint64 bytes = qint64(d->commands.size()) * qint64(sizeof(DrawElementsIndirectCommand));
-        QByteArray padded(reinterpret_cast<const char *>(d->commands.constData()), qsizetype(bytes));
-        padded.resize(qsizetype((bytes + kVector - 1) / kVector * kVector), '\0');
+        const qsizetype bytes = d->commands.size() * qsizetype(sizeof(DrawElementsIndirectCommand));
+        QByteArray padded(reinterpret_cast<const char *>(d->commands.constData()), bytes);
+        // The buffer behind a block must not be shorter than the block.
+        padded.resize(std::max(bytes, qsizetype(maxUniformBlockSize())), '\0');
         d->commandBuffer = QSharedPointer<UniformBufferObject>::create();
         d->commandBuffer->uploadBytes(padded.constData(), padded.size(), GL_STATIC_DRAW);
     }
@@ -157,6 +169,12 @@ void DrawBuffers::setup(GLSLMacroProcessor *processor)
     if (!processor)
         return;
     processor->addDefine(QStringLiteral("KVO_DRAW_COMMAND_WORDS"), QStringLiteral("5"));
+    processor->addDefine(QStringLiteral("KVO_DRAW_COMMAND_VECTORS"), QString::number(maxUniformBlockSize() / 16));
+}
+
+int DrawBuffers::maxShaderReadableCommands()
+{
+    return maxUniformBlockSize() / int(sizeof(DrawElementsIndirectCommand));
 }
 
 } // namespace Brevane::Kvo

@@ -18,6 +18,20 @@ struct TargetFormat
     int filter; ///< For magnification and minification.
 };
 
+/// Takes a pixel buffer of the host off for the scope: with one bound, the address of pixels, null too,
+/// would mean a place in it.
+class NoUnpackBuffer
+{
+public:
+    NoUnpackBuffer();
+    ~NoUnpackBuffer();
+    NoUnpackBuffer(const NoUnpackBuffer &) = delete;
+    NoUnpackBuffer &operator=(const NoUnpackBuffer &) = delete;
+
+private:
+    int _before = 0;
+};
+
 /// Makes the framebuffer if there is none; says whether it just did.
 bool made(FramebufferObject *&framebuffer, const char *label);
 
@@ -25,6 +39,18 @@ bool made(FramebufferObject *&framebuffer, const char *label);
 /// that size allocated and attached. The framebuffer must be bound.
 void replaceTarget(FramebufferObject *framebuffer, unsigned int attachment, const TargetFormat &format,
                    const Extent &extent);
+
+/// A new texture of size \a extent not attached to anything.
+/// \a pixels may be null.
+Texture *makeTexture(const TargetFormat &format, const Extent &extent, const void *pixels = nullptr);
+
+/// A texture of one black texel with nothing in alpha and nearest filters, owned by the caller: what
+/// stands in for a missing input.
+Texture *makeBlackTexture();
+
+/// Where a depth texture of the host's is attached: GL_DEPTH_STENCIL_ATTACHMENT, or GL_DEPTH_ATTACHMENT
+/// when it has depth but no stencil.
+unsigned int depthAttachmentOf(Texture *depth);
 
 /// Deletes the texture of an owned target; for destructors.
 void dropTarget(FramebufferObject *framebuffer, unsigned int attachment);

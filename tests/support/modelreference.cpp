@@ -110,7 +110,7 @@ Vector3 blinnPhong(const Vector3 &Kd, const Vector3 &Ks, double Ns, const Vector
 
 ModelReference::ModelReference(const ModelData &model, const QMatrix4x4 &projection, const QMatrix4x4 &camera,
                                int width, int height)
-    : _width(width), _height(height), _fragments(qsizetype(width) * height)
+    : _width(width), _height(height), _fragments(qsizetype(width) * height), _layers(qsizetype(width) * height)
 {
     const Matrix4 projectionMatrix = toDouble(projection);
     const Matrix4 cameraMatrix = toDouble(camera);
@@ -163,10 +163,12 @@ ModelReference::ModelReference(const ModelData &model, const QMatrix4x4 &project
                     const double depth = wa * a.depth + wb * b.depth + wc * c.depth;
                     if (depth < 0 || depth > 1)
                         continue;
+                    QVector<ModelFragment> &layers = _layers[qsizetype(y) * width + x];
+                    const bool isTied = std::any_of(layers.cbegin(), layers.cend(), [&](const ModelFragment &other) {
+                        return std::abs(depth - other.depth) < kDepth;
+                    });
                     if (fragment.covered && std::abs(depth - fragment.depth) < kDepth)
                         fragment.ambiguous = true;
-                    if (fragment.covered && depth >= fragment.depth)
-                        continue;
                     const double ia = wa / a.w;
                     const double ib = wb / b.w;
                     const double ic = wc / c.w;
@@ -174,14 +176,21 @@ ModelReference::ModelReference(const ModelData &model, const QMatrix4x4 &project
                     const auto interpolated = [&](double va, double vb, double vc) {
                         return (ia * va + ib * vb + ic * vc) / sum;
                     };
-                    fragment.covered = true;
-                    fragment.depth = depth;
-                    fragment.item = item;
-                    fragment.triangle = int(first / 3);
+                    ModelFragment layer;
+                    layer.covered = true;
+                    layer.ambiguous = isTied;
+                    layer.depth = depth;
+                    layer.item = item;
+                    layer.triangle = int(first / 3);
                     for (size_t k = 0; k < 3; ++k)
-                        fragment.normal[k] = interpolated(a.normal[k], b.normal[k], c.normal[k]);
-                    fragment.u = interpolated(a.u, b.u, c.u);
-                    fragment.v = interpolated(a.v, b.v, c.v);
+                        layer.normal[k] = interpolated(a.normal[k], b.normal[k], c.normal[k]);
+                    layer.u = interpolated(a.u, b.u, c.u);
+                    layer.v = interpolated(a.v, b.v, c.v);
+                    layers.append(layer);
+                    if (fragment.covered && depth >= fragment.depth)
+                        continue;
+                    layer.ambiguous = fragment.ambiguous;
+                    fragment = layer;
                 }
             }
         }

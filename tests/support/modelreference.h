@@ -16,7 +16,8 @@ using Vector3 = std::array<double, 3>;
 struct ModelFragment
 {
     bool covered = false;
-    /// Too close to an edge of a triangle, or to another surface, for GL to be held to one answer.
+    /// Too close to an edge of a triangle, or to another surface, for GL to be held to one answer; in
+    /// layersAt, as near as another layer before it.
     bool ambiguous = false;
     double depth = 1; ///< Window depth, 0 to 1.
     int item = -1;
@@ -36,6 +37,9 @@ public:
     int width() const { return _width; }
     int height() const { return _height; }
     const ModelFragment &at(int x, int y) const { return _fragments.at(qsizetype(y) * _width + x); }
+    /// All fragments of a pixel, the hidden ones too, in the order of items and triangles. Where at() is
+    /// ambiguous, so is this.
+    const QVector<ModelFragment> &layersAt(int x, int y) const { return _layers.at(qsizetype(y) * _width + x); }
     int coveredCount() const;
     int ambiguousCount() const;
 
@@ -43,6 +47,7 @@ private:
     int _width;
     int _height;
     QVector<ModelFragment> _fragments;
+    QVector<QVector<ModelFragment>> _layers;
 };
 
 /// Diffuse term plus specular term of Blinn-Phong for the light at normalize(1, 1, 1) and the viewer

@@ -1,0 +1,67 @@
+#pragma once
+
+#include "core/renderpasshelper.h"
+#include "renderpasses/export.h"
+
+#include <QList>
+#include <QSharedPointer>
+#include <QVariant>
+
+namespace Brevane::Kvo {
+
+class DrawBuffers;
+class FramebufferObject;
+class ShaderProgram;
+class Texture;
+
+/// Weighted blended order-independent transparency: draws the opaque fragments of a model, sums its
+/// transparent ones in any order, weighted by depth, and composes the two. Memory and cost do not grow
+/// with the number of layers, at the price of an approximate order. VisibilityBufferRenderPass and what
+/// follows it is the exact way.
+///
+/// | # | Input                               | Type       | Meaning                                   |
+/// |---|-------------------------------------|------------|-------------------------------------------|
+/// | 0 | Kvo_QRect_Viewport                  | QRect      | size of the targets, pixels               |
+/// | 1 | Kvo_QMatrix4x4_ProjectionMatrix     | QMatrix4x4 | camera to clip space                      |
+/// | 2 | Kvo_QMatrix4x4_CameraMatrix         | QMatrix4x4 | world to camera space                     |
+/// | 3 | Kvo_KvoGPUModel*_Geometry           | GPUModel*  | what to draw; none: the frame is cleared  |
+/// | 4 | Kvo_KvoTexture*_Texture             | Texture*   | not read                                  |
+///
+/// | # | Output                | Format                | Content                                         |
+/// |---|-----------------------|-----------------------|-------------------------------------------------|
+/// | 0 | Kvo_KvoTexture*_Frame | GL_RGBA32F            | (1 - r) * average colour + r * opaque colour    |
+/// | 1 | Kvo_KvoTexture*_Depth | GL_DEPTH_COMPONENT32F | window depth of the opaque fragments            |
+///
+/// Materials with an opacity of 1 or more are opaque. The transparent ones in front of them, with colour
+/// c, opacity a and window depth z, give w = z^-5, r = product of (1 - a), average = sum of c w / sum of
+/// a w, the divisor clamped to 1e-4 .. 5e4. Algorithm: McGuire and Bavoil, "Weighted Blended
+/// Order-Independent Transparency", JCGT 2 (2), 2013.
+///
+/// Opaque fragments are kept out of the sums by the depth test alone, so the depth function has to be
+/// strict (GL_LESS). The frame is cleared to the clear colour that is current. Does not set the GL
+/// viewport. Leaves changed: clear colour (0, 0, 0, 0); with a model, blend function (source by 1 -
+/// alpha, target by alpha) and depth writes on. Needs OpenGL 3.2.
+class KVO_RENDERPASSES_EXPORT TransparencyRenderPass : public RenderPassHelper
+{
+public:
+    TransparencyRenderPass();
+    TransparencyRenderPass(const TransparencyRenderPass &other);
+    TransparencyRenderPass &operator=(const TransparencyRenderPass &other);
+    ~TransparencyRenderPass() override;
+
+    void start(RenderCallbacks *callbacks) override;
+
+private:
+    FramebufferObject *_opaqueFbo = nullptr;
+    FramebufferObject *_accumulationFbo = nullptr;
+    ShaderProgram *_opaqueProgram = nullptr;
+    ShaderProgram *_accumulationProgram = nullptr;
+    ShaderProgram *_compositeProgram = nullptr;
+    QSharedPointer<DrawBuffers> _screenQuad;
+    Texture *_whiteTexture = nullptr;
+    QList<QVariant> _emptyList;
+    int _width = -1;
+    int _height = -1;
+};
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,82 @@
+#pragma once
+
+#include "core/renderpasshelper.h"
+#include "renderpasses/export.h"
+
+#include <QList>
+#include <QPair>
+#include <QSharedPointer>
+#include <QString>
+
+namespace Brevane::Kvo {
+
+class BufferObject;
+class FramebufferObject;
+class ShaderProgram;
+class Texture;
+
+/// First of the three passes of exact order-independent transparency: draws the model once and records
+/// every fragment of every pixel, as an identity and a depth, with no colour. VisibilitySortRenderPass
+/// orders what is recorded, VisibilityDeferredRenderPass shades it.
+///
+/// | # | Input                               | Type       | Meaning                                   |
+/// |---|-------------------------------------|------------|-------------------------------------------|
+/// | 0 | Kvo_QRect_Viewport                  | QRect      | size of the lists' image, pixels          |
+/// | 1 | Kvo_QMatrix4x4_ProjectionMatrix     | QMatrix4x4 | camera to clip space                      |
+/// | 2 | Kvo_QMatrix4x4_CameraMatrix         | QMatrix4x4 | world to camera space                     |
+/// | 3 | Kvo_KvoGPUModel*_Geometry           | GPUModel*  | what to draw; none: all lists are empty   |
+///
+/// | # | Output                       | Format                     | Content                            |
+/// |---|------------------------------|----------------------------|------------------------------------|
+/// | 0 | Kvo_KvoTexture*_HeadPointers | GL_R32UI                   | where the list of a pixel begins   |
+/// | 1 | Kvo_KvoTexture*_NodeBuffer   | GL_RGBA32UI or GL_RGBA32I  | the nodes                          |
+/// | 2 | Kvo_int_NodeBufferWidth      | int                        | texels in a row of the node buffer |
+/// | 3 | Kvo_KvoTexture*_Depth        | -                          | never written                      |
+///
+/// A head pointer, and the pointer of a node, is 0 for none or n + 1 for node n, which is the texel
+/// (n % width, n / width) of the node buffer. A node is (next pointer, gl_PrimitiveID + 1, bits of the
+/// window depth as a float, index of the draw). Node lists come newest fragment first.
+///
+/// Two modes, chosen at the first start and logged. With ARB_shader_atomic_counters,
+/// ARB_shader_image_load_store and ARB_shading_language_420pack, GL4 mode: all fragments are kept, in a
+/// node buffer of 4096 x 4096 (256 MiB, 16,777,216 nodes for all pixels together). What goes beyond is
+/// lost: lists end where they lead to a node that was not stored, and nothing is reported here. Without
+/// the extensions the nearest fragment is kept (by the current depth function), as a list of one node
+/// with draw 0, in a node buffer of the size of the viewport.
+///
+/// Runs under the GL viewport, depth function, culling and blending that the host has set. Leaves
+/// changed: clear colour; the depth test is on when there was a model. Needs OpenGL 3.2.
+class KVO_RENDERPASSES_EXPORT VisibilityBufferRenderPass : public RenderPassHelper
+{
+public:
+    /// Records the items whose flags, ANDed with \a drawFlagsMask, equal \a drawFlagsValue; all of them
+    /// by default.
+    explicit VisibilityBufferRenderPass(unsigned long long drawFlagsValue = 0, unsigned long long drawFlagsMask = 0);
+    VisibilityBufferRenderPass(const VisibilityBufferRenderPass &other);
+    VisibilityBufferRenderPass &operator=(const VisibilityBufferRenderPass &other);
+    ~VisibilityBufferRenderPass() override;
+
+    void start(RenderCallbacks *callbacks) override;
+
+private:
+    void chooseMode();
+    void replaceTargets();
+    void clearLists();
+
+    bool _modeChosen = false;
+    FramebufferObject *_fbo = nullptr;
+    ShaderProgram *_shaderProgram = nullptr;
+    QSharedPointer<BufferObject> _headCounter;
+    Texture *_headPointerTexture = nullptr;
+    FramebufferObject *_headPointerFbo = nullptr;
+    Texture *_nodeBufferTexture = nullptr;
+    FramebufferObject *_nodeBufferFbo = nullptr;
+    QList<QPair<QString, unsigned int>> _outputFormats;
+    int _width = -1;
+    int _height = -1;
+    unsigned long long _drawFlagsMask;
+    unsigned long long _drawFlagsValue;
+    bool _gl4Mode = false;
+};
+
+} // namespace Brevane::Kvo

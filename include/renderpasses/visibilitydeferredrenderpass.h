@@ -1,0 +1,72 @@
+#pragma once
+
+#include "core/renderpasshelper.h"
+#include "renderpasses/export.h"
+
+#include <QList>
+#include <QSharedPointer>
+
+namespace Brevane::Kvo {
+
+class DrawBuffers;
+class FramebufferObject;
+class GPUModel;
+class ShaderProgram;
+class Texture;
+class UniformBufferObject;
+
+/// Shades the sorted fragment lists of VisibilitySortRenderPass: walks each pixel's list from the head,
+/// rebuilds normal and texture coordinate of every fragment from the model's own buffers, lights it with
+/// the directional light of ModelDeferredPass, and blends front to back until the list ends or a
+/// fragment is opaque.
+///
+/// | # | Input                           | Type       | Meaning                                          |
+/// |---|---------------------------------|------------|--------------------------------------------------|
+/// | 0 | Kvo_QRect_Viewport              | QRect      | size of the frame, pixels                        |
+/// | 1 | Kvo_QMatrix4x4_ProjectionMatrix | QMatrix4x4 | camera to clip space, as the lists were recorded |
+/// | 2 | Kvo_QMatrix4x4_CameraMatrix     | QMatrix4x4 | world to camera space, as the lists were recorded |
+/// | 3 | Kvo_KvoTexture*_HeadPointers    | Texture*   | head pointers; none: the frame is only cleared   |
+/// | 4 | Kvo_KvoTexture*_NodeBuffer      | Texture*   | nodes; none: the frame is only cleared           |
+/// | 5 | Kvo_int_NodeBufferWidth         | int        | texels in a row of the node buffer               |
+/// | 6 | Kvo_KvoGPUModel*_Geometry       | GPUModel*  | the recorded model; none: the frame is only cleared |
+///
+/// | # | Output                | Format  | Content                                                       |
+/// |---|-----------------------|---------|---------------------------------------------------------------|
+/// | 0 | Kvo_KvoTexture*_Frame | GL_RGBA | colour, and in alpha the transmittance behind the last fragment |
+///
+/// Per fragment with colour c and opacity a, from (0, 0, 0, 1): the colour is mixed with c by a; alpha
+/// becomes a + (1 - a) alpha; alpha * a * c is added to the colour; alpha becomes (1 - a) alpha. Colours
+/// thus count twice: a look that hosts know, kept as it is. Pixels without fragments keep the clear
+/// colour that is current.
+///
+/// The views of the model's buffers are made at the first start that has a model, and kept: a pass
+/// shades one model. Draws are found through a uniform block of GL_MAX_UNIFORM_BLOCK_SIZE / 20 draws
+/// (3276 with the usual 64 KiB); for a model with more, that is reported once, and fragments of the
+/// draws beyond are shaded with normal and texture coordinate 0.
+///
+/// Runs under the host's GL viewport; the depth test is put back. Needs OpenGL 3.2.
+class KVO_RENDERPASSES_EXPORT VisibilityDeferredRenderPass : public RenderPassHelper
+{
+public:
+    VisibilityDeferredRenderPass();
+    VisibilityDeferredRenderPass(const VisibilityDeferredRenderPass &other);
+    VisibilityDeferredRenderPass &operator=(const VisibilityDeferredRenderPass &other);
+    ~VisibilityDeferredRenderPass() override;
+
+    void start(RenderCallbacks *callbacks) override;
+
+private:
+    void makeBufferTextures(DrawBuffers &geometry);
+    void shade(GPUModel &model, DrawBuffers &geometry, const QSharedPointer<UniformBufferObject> &commands,
+               Texture *headPointers, Texture *nodeBuffer);
+
+    FramebufferObject *_fbo = nullptr;
+    ShaderProgram *_shaderProgram = nullptr;
+    QSharedPointer<DrawBuffers> _screenQuad;
+    Texture *_fallbackTexture = nullptr;
+    QList<Texture *> _bufferTextures;
+    int _width = 0;
+    int _height = 0;
+};
+
+} // namespace Brevane::Kvo

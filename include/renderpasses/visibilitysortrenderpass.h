@@ -1,0 +1,58 @@
+#pragma once
+
+#include "core/renderpasshelper.h"
+#include "renderpasses/export.h"
+
+#include <QSharedPointer>
+
+namespace Brevane::Kvo {
+
+class DrawBuffers;
+class FramebufferObject;
+class ShaderProgram;
+
+/// Orders the fragment lists of VisibilityBufferRenderPass by ascending depth, in place: the nearest
+/// fragment of a pixel comes to the head of its list. One full-screen draw, in which every pixel sorts
+/// its own list.
+///
+/// | # | Input                        | Type     | Meaning                                            |
+/// |---|------------------------------|----------|----------------------------------------------------|
+/// | 0 | Kvo_QRect_Viewport           | QRect    | size of the lists' image, pixels                   |
+/// | 1 | Kvo_KvoTexture*_HeadPointers | Texture* | head pointers; none: nothing is sorted             |
+/// | 2 | Kvo_KvoTexture*_NodeBuffer   | Texture* | nodes, sorted in place; none: nothing is sorted    |
+/// | 3 | Kvo_int_NodeBufferWidth      | int      | texels in a row of the node buffer; 0: no sorting  |
+///
+/// The outputs 0 to 2 are the inputs 1 to 3, by the same names, handed on as they are.
+///
+/// Only the fragments change places: links and head pointers stay. Lists of up to 50 fragments are
+/// sorted whole; of longer ones the first 50 (the newest) are sorted among themselves and the rest
+/// follows as it was. Fragments of equal depth come in the order that the steps of the sort give.
+///
+/// Without ARB_shader_atomic_counters, ARB_shader_image_load_store and ARB_shading_language_420pack the
+/// lists have one node: no GL call is made. Runs under the host's GL viewport. Leaves changed: the depth
+/// test is on. Needs OpenGL 3.2.
+class KVO_RENDERPASSES_EXPORT VisibilitySortRenderPass : public RenderPassHelper
+{
+public:
+    VisibilitySortRenderPass();
+    VisibilitySortRenderPass(const VisibilitySortRenderPass &other);
+    VisibilitySortRenderPass &operator=(const VisibilitySortRenderPass &other);
+    ~VisibilitySortRenderPass() override;
+
+    void start(RenderCallbacks *callbacks) override;
+
+    /// Sorts with this program from now on; the pass takes ownership of it. The program before, if
+    /// any, is not deleted. Set before the first start, it keeps the pass from making its own. The
+    /// program gets, as far as it declares them, `int u_NodeBufferImageWidth`, `usampler2D
+    /// u_SamplerHeadPointer` and `uimage2D u_NodeBufferImage` (rgba32ui, read and written).
+    void setShaderProgram(ShaderProgram *program);
+
+private:
+    bool _modeChosen = false;
+    ShaderProgram *_shaderProgram = nullptr;
+    QSharedPointer<DrawBuffers> _screenQuad;
+    FramebufferObject *_fbo = nullptr;
+    bool _gl4Mode = false;
+};
+
+} // namespace Brevane::Kvo

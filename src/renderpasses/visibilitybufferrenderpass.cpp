@@ -1,0 +1,305 @@
+#include "renderpasses/visibilitybufferrenderpass.h"
+
+#include "core/log.h"
+#include "gl/bufferobject.h"
+#include "gl/framebufferobject.h"
+#include "gl/glinfo.h"
+#include "gl/guards.h"
+#include "gl/opengldevicecontext.h"
+#include "gl/shaderprogram.h"
+#include "gl/texture.h"
+#include "model/gpumodel.h"
+#include "passkit/fragmentlists.h"
+#include "passkit/pool.h"
+#include "passkit/programs.h"
+#include "passkit/slots.h"
+#include "passkit/targets.h"
+
+#include <QMatrix4x4>
+
+#include <epoxy/gl.h>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+enum Input { kViewport, kProjectionMatrix, kCameraMatrix, kGeometry };
+enum Output { kHeadPointers, kNodeBuffer, kNodeBufferWidth, kDepth };
+
+constexpr int kNodeBufferSide = 4096; // texels each way in GL4 mode
+constexpr int kHeadPointerUnit = 0;
+constexpr int kNodeBufferUnit = 1;
+constexpr TargetFormat kDepthTarget{GL_DEPTH_COMPONENT32F, GL_DEPTH_COMPONENT, GL_FLOAT, GL_NEAREST};
+
+TargetFormat integerTarget(unsigned int internalFormat)
+{
+    return {internalFormat, formatFromInternalFormat(internalFormat), typeFromInternalFormat(internalFormat),
+            GL_NEAREST};
+}
+
+const QString kVertexShader = QStringLiteral(R"(#version 150
+#instancedata "InstanceInfo"
+
+uniform mat4 u_CameraMatrix;
+uniform mat4 u_ProjectionMatrix;
+uniform uint u_DrawID;
+
+in vec3 va_Vertex;
+
+void main()
+{
+  gl_Position = u_ProjectionMatrix * u_CameraMatrix * getModelMatrix() * vec4(va_Vertex, 1.0);
+}
+)");
+
+// The discard never comes about. A driver that bins by tiles (llvmpipe) takes a triangle that covers a
+// tile, with a shader that neither blends nor discards, to hide all that was drawn there before, and
+// drops it, although it would have stored fragments.
+//
+// KVO_GL_3_2 lets the pass turn the lists off where the compiler would offer them.
+const QString kFragmentShader = QStringLiteral(R"(#version 150
+#include "ShaderBitEncoding.glslh"
+#define KVO_GL_3_2 %1
+
+#if defined(GL_ARB_shader_atomic_counters) && defined(GL_ARB_shader_image_load_store) && defined(GL_ARB_shading_language_420pack) && KVO_GL_3_2 == 0
+#define KVO_GL_4_2 1
+#extension GL_ARB_shader_atomic_counters : enable
+#extension GL_ARB_shader_image_load_store : enable
+#extension GL_ARB_shading_language_420pack : enable
+#else
+#define KVO_GL_4_2 0
+#endif
+
+uniform int u_NodeBufferImageWidth;
+uniform uint u_DrawID;
+
+#if KVO_GL_4_2
+
+layout(binding = 0, offset = 0) uniform atomic_uint u_HeadCounter;
+layout(r32ui) uniform uimage2D u_HeadPointerImage;
+layout(rgba32ui) uniform uimage2D u_NodeBufferImage;
+
+void main()
+{
+  uint Count = atomicCounterIncrement(u_HeadCounter);
+  uint PreviousHead = imageAtomicExchange(u_HeadPointerImage,ivec2(gl_FragCoord.xy),Count+1u);
+  imageStore(u_NodeBufferImage,
+             ivec2(int(Count) % u_NodeBufferImageWidth, int(Count) / u_NodeBufferImageWidth),
+             uvec4(PreviousHead,gl_PrimitiveID+1,floatBitsToUint(gl_FragCoord.z),u_DrawID));
+  if(u_NodeBufferImageWidth < 1)
+    discard;
+}
+
+#else
+
+out uvec4 out_HeadPointer;
+out uvec4 out_NodeBuffer;
+
+void main()
+{
+  ivec2 FragCoord = ivec2(gl_FragCoord.xy);
+  out_HeadPointer = uvec4(FragCoord.x+FragCoord.y*u_NodeBufferImageWidth+1,0,0,0);
+  out_NodeBuffer = uvec4(0,gl_PrimitiveID+1,floatBitsToUint(gl_FragCoord.z),0);
+}
+
+#endif
+)");
+
+ProgramRecipe recordingProgram(const QList<QPair<QString, unsigned int>> &outputFormats, bool gl4Mode)
+{
+    QStringList outputs;
+    for (const auto &[name, format] : outputFormats)
+        outputs << name;
+    return {QStringLiteral("VisibilityBufferRenderPass"),
+            outputs,
+            {{GL_VERTEX_SHADER, ShaderSource::Text, kVertexShader},
+             {GL_VERTEX_SHADER, ShaderSource::Plan, QStringLiteral("InstanceInfo")},
+             {GL_VERTEX_SHADER, ShaderSource::File, QStringLiteral("KvoUtilities.glslc")},
+             {GL_FRAGMENT_SHADER, ShaderSource::Text, kFragmentShader.arg(gl4Mode ? 0 : 1)}}};
+}
+
+// What glClear does to integer targets is undefined in GL, so they are cleared by the typed calls.
+void clearToZero(const QPair<int, unsigned int> &target)
+{
+    constexpr GLuint kUnsigned[4] = {};
+    constexpr GLint kSigned[4] = {};
+    if (target.second == GL_RGBA32I)
+        glClearBufferiv(GL_COLOR, target.first, kSigned);
+    else
+        glClearBufferuiv(GL_COLOR, target.first, kUnsigned);
+}
+
+} // namespace
+
+VisibilityBufferRenderPass::VisibilityBufferRenderPass(unsigned long long drawFlagsValue,
+                                                       unsigned long long drawFlagsMask)
+    : _drawFlagsMask(drawFlagsMask), _drawFlagsValue(drawFlagsValue)
+{
+    addInput(QStringLiteral("Kvo_QRect_Viewport"), QVariant(), kViewport);
+    addInput(QStringLiteral("Kvo_QMatrix4x4_ProjectionMatrix"), QVariant(), kProjectionMatrix);
+    addInput(QStringLiteral("Kvo_QMatrix4x4_CameraMatrix"), QVariant(), kCameraMatrix);
+    addInput(QStringLiteral("Kvo_KvoGPUModel*_Geometry"), QVariant(), kGeometry);
+    addOutput(QStringLiteral("Kvo_KvoTexture*_HeadPointers"), kHeadPointers);
+    addOutput(QStringLiteral("Kvo_KvoTexture*_NodeBuffer"), kNodeBuffer);
+    addOutput(QStringLiteral("Kvo_int_NodeBufferWidth"), kNodeBufferWidth);
+    addOutput(QStringLiteral("Kvo_KvoTexture*_Depth"), kDepth);
+}
+
+VisibilityBufferRenderPass::VisibilityBufferRenderPass(const VisibilityBufferRenderPass &other) = default;
+VisibilityBufferRenderPass &VisibilityBufferRenderPass::operator=(const VisibilityBufferRenderPass &other) = default;
+
+VisibilityBufferRenderPass::~VisibilityBufferRenderPass()
+{
+    for (unsigned int attachment : {GL_COLOR_ATTACHMENT0, GL_COLOR_ATTACHMENT1, GL_DEPTH_ATTACHMENT})
+        dropTarget(_fbo, attachment);
+    delete _fbo;
+    delete _shaderProgram;
+    delete _headPointerTexture;
+    delete _headPointerFbo;
+    delete _nodeBufferTexture;
+    delete _nodeBufferFbo;
+}
+
+void VisibilityBufferRenderPass::chooseMode()
+{
+    if (_modeChosen)
+        return;
+    _modeChosen = true;
+    _gl4Mode = canBuildFragmentLists();
+    if (_gl4Mode) {
+        KVO_LOG("Using GL4 mode");
+    } else {
+        KVO_LOG("Using non-GL4 mode");
+        _outputFormats.append({QStringLiteral("out_HeadPointer"), GL_R32UI});
+        _outputFormats.append({QStringLiteral("out_NodeBuffer"), GL_RGBA32I});
+    }
+}
+
+void VisibilityBufferRenderPass::start(RenderCallbacks *)
+{
+    // The mode stays what it was found to be, so it is not asked of no context.
+    if (!_modeChosen && !OpenGLDeviceContext::current())
+        return;
+    chooseMode();
+
+    const Extent extent = extentOf(_inputs[kViewport].value);
+    const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
+    const auto camera = qvariant_cast<QMatrix4x4>(_inputs[kCameraMatrix].value);
+    GPUModel *model = modelOf(_inputs[kGeometry].value);
+    const int nodeBufferWidth = _gl4Mode ? kNodeBufferSide : extent.width;
+
+    if (_gl4Mode) {
+        made(_headPointerFbo, "VisibilityBufferRenderPass head pointers");
+        made(_nodeBufferFbo, "VisibilityBufferRenderPass nodes");
+    }
+    made(_fbo, "VisibilityBufferRenderPass");
+
+    // Nothing is written to this target: it gives the framebuffer its size. Without a depth target no
+    // fragment is rejected.
+    if (_gl4Mode) {
+        AutoBinder fbo(_fbo);
+        _fbo->attach(tempTexture(TextureFormat::Frame, extent), GL_COLOR_ATTACHMENT0, 0);
+    }
+    if (extent != Extent{_width, _height}) {
+        _width = extent.width;
+        _height = extent.height;
+        replaceTargets();
+    }
+    if (_gl4Mode && !_nodeBufferTexture) {
+        AutoBinder fbo(_nodeBufferFbo);
+        replaceTarget(_nodeBufferFbo, GL_COLOR_ATTACHMENT0, integerTarget(GL_RGBA32UI),
+                      {kNodeBufferSide, kNodeBufferSide});
+        _nodeBufferTexture = _nodeBufferFbo->attachment(GL_COLOR_ATTACHMENT0);
+    }
+    if (!_shaderProgram)
+        _shaderProgram = buildProgram(recordingProgram(_outputFormats, _gl4Mode));
+    if (!_headCounter) {
+        _headCounter = OpenGLDeviceContext::current()->createBufferObject();
+        // The binding point does not exist in every context of the other mode.
+        if (hasGLExtension("ARB_shader_atomic_counters"))
+            _headCounter->setIndexedTarget(GL_ATOMIC_COUNTER_BUFFER, 0, 0, sizeof(GLuint));
+        AutoBinder counter(_headCounter);
+        _headCounter->uploadBytes(nullptr, sizeof(GLuint), GL_DYNAMIC_DRAW);
+    }
+
+    {
+        AutoBinder fbo(_fbo);
+        if (!extent.isEmpty()) {
+            clearLists();
+            if (model && _shaderProgram->isLinked()) {
+                glEnable(GL_DEPTH_TEST);
+                AutoBinder program(_shaderProgram);
+                if (_gl4Mode) {
+                    glBindBufferRange(GL_ATOMIC_COUNTER_BUFFER, 0, _headCounter->getBO(), 0, sizeof(GLuint));
+                    glBindImageTexture(kHeadPointerUnit, _headPointerTexture->textureID(), 0, GL_FALSE, 0,
+                                       GL_WRITE_ONLY, GL_R32UI);
+                    glBindImageTexture(kNodeBufferUnit, _nodeBufferTexture->textureID(), 0, GL_FALSE, 0, GL_READ_WRITE,
+                                       GL_RGBA32UI);
+                }
+                _shaderProgram->setUniform(QStringLiteral("u_ProjectionMatrix"), projection);
+                _shaderProgram->setUniform(QStringLiteral("u_CameraMatrix"), camera);
+                if (_shaderProgram->hasUniform(QStringLiteral("u_NodeBufferImageWidth")))
+                    _shaderProgram->setUniform(QStringLiteral("u_NodeBufferImageWidth"), nodeBufferWidth);
+                if (_gl4Mode) {
+                    _shaderProgram->setUniform(QStringLiteral("u_HeadPointerImage"), kHeadPointerUnit);
+                    _shaderProgram->setUniform(QStringLiteral("u_NodeBufferImage"), kNodeBufferUnit);
+                }
+                model->draw(_shaderProgram, _drawFlagsValue, _drawFlagsMask, CounterClockwiseWinding, false);
+                if (_gl4Mode) {
+                    glBindImageTexture(kHeadPointerUnit, 0, 0, GL_FALSE, 0, GL_READ_WRITE, GL_R32UI);
+                    glBindImageTexture(kNodeBufferUnit, 0, 0, GL_FALSE, 0, GL_READ_WRITE, GL_RGBA32UI);
+                    glMemoryBarrier(GL_TEXTURE_FETCH_BARRIER_BIT);
+                }
+            }
+        }
+
+        _outputs[kHeadPointers].value =
+            objectForm(_gl4Mode ? _headPointerTexture : _fbo->attachment(GL_COLOR_ATTACHMENT0));
+        _outputs[kNodeBuffer].value =
+            objectForm(_gl4Mode ? _nodeBufferTexture : _fbo->attachment(GL_COLOR_ATTACHMENT1));
+        _outputs[kNodeBufferWidth].value = nodeBufferWidth;
+        if (_gl4Mode)
+            release(_fbo->detach(GL_COLOR_ATTACHMENT0));
+    }
+}
+
+void VisibilityBufferRenderPass::replaceTargets()
+{
+    const Extent extent{_width, _height};
+    if (_gl4Mode) {
+        AutoBinder fbo(_headPointerFbo);
+        replaceTarget(_headPointerFbo, GL_COLOR_ATTACHMENT0, integerTarget(GL_R32UI), extent);
+        _headPointerTexture = _headPointerFbo->attachment(GL_COLOR_ATTACHMENT0);
+        return;
+    }
+    AutoBinder fbo(_fbo);
+    for (int i = 0; i < _outputFormats.size(); ++i)
+        replaceTarget(_fbo, GL_COLOR_ATTACHMENT0 + unsigned(i), integerTarget(_outputFormats[i].second), extent);
+    replaceTarget(_fbo, GL_DEPTH_ATTACHMENT, kDepthTarget, extent);
+}
+
+// Leaves the framebuffer of the recording bound and ready to draw.
+void VisibilityBufferRenderPass::clearLists()
+{
+    glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
+    if (_gl4Mode) {
+        {
+            AutoBinder counter(_headCounter);
+            constexpr GLuint kZero = 0;
+            glBufferSubData(GL_ATOMIC_COUNTER_BUFFER, 0, sizeof kZero, &kZero);
+        }
+        for (FramebufferObject *lists : {_headPointerFbo, _nodeBufferFbo}) {
+            AutoBinder fbo(lists);
+            lists->setDrawBuffers();
+            clearToZero({0, GL_R32UI});
+        }
+        _fbo->setDrawBuffers();
+        return;
+    }
+    _fbo->setDrawBuffers();
+    for (int i = 0; i < _outputFormats.size(); ++i)
+        clearToZero({i, _outputFormats[i].second});
+    glClear(GL_DEPTH_BUFFER_BIT);
+}
+
+} // namespace Brevane::Kvo

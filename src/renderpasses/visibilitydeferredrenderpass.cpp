@@ -1,0 +1,270 @@
+#include "renderpasses/visibilitydeferredrenderpass.h"
+
+#include "gl/bufferobject.h"
+#include "gl/drawbuffers.h"
+#include "gl/framebufferobject.h"
+#include "gl/glinfo.h"
+#include "gl/glslmacroprocessor.h"
+#include "gl/guards.h"
+#include "gl/opengldevicecontext.h"
+#include "gl/shaderprogram.h"
+#include "gl/texture.h"
+#include "gl/texturemanager.h"
+#include "gl/vertexarrayobject.h"
+#include "model/gpumodel.h"
+#include "model/instancedatacollection.h"
+#include "passkit/lighting.h"
+#include "passkit/programs.h"
+#include "passkit/slots.h"
+#include "passkit/targets.h"
+
+#include <QMatrix4x4>
+
+#include <epoxy/gl.h>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+enum Input { kViewport, kProjectionMatrix, kCameraMatrix, kHeadPointers, kNodeBuffer, kNodeBufferWidth, kGeometry };
+enum Output { kFrame };
+enum BufferView { kVertices, kTexCoords, kNormals, kIndices };
+
+constexpr TargetFormat kTarget{GL_RGBA, GL_BGRA, GL_UNSIGNED_BYTE, GL_NEAREST};
+
+const QString kFragmentShaderHead = QStringLiteral(R"(#version 150
+#include "VisibilityBuffer.glslh"
+#include "TextureManager.glslh"
+#instancedata "InstanceInfo"
+#instancedata "OBJMaterial"
+
+uniform mat4 u_CameraMatrix;
+uniform mat4 u_NormalMatrix;
+
+in vec2 vo_TexCoord;
+
+out vec4 out_FragColor;
+
+float alphaBlend(float frontAlpha, float backAlpha)
+{
+  return clamp(frontAlpha + (1.0 - frontAlpha) * backAlpha, 0.0, 1.0);
+}
+)");
+
+// Alpha starts at 1 and is the transmittance so far, for blending front to back.
+const QString kFragmentShaderMain = QStringLiteral(R"(
+void main()
+{
+  vec4 output0 = vec4(0,0,0,1);
+  uint pointer;
+  initializeVisibilityBufferQuery(vo_TexCoord,pointer);
+  if(!doesVisibilityBufferHaveFragment(pointer))
+    discard;
+
+  while(doesVisibilityBufferHaveFragment(pointer))
+  {
+    vec4 Position;
+    float Depth;
+    vec3 Normal;
+    vec2 TexCoord;
+    getFragmentInfo(vo_TexCoord,pointer,Position,Depth,Normal,TexCoord);
+
+    vec4 vertexInEyeSpace = u_CameraMatrix * Position;
+    vec4 normalInEyeSpace = u_NormalMatrix * vec4(Normal,1.0);
+
+    vec3 Kd = getKd() * managedTexture(getMap_Kd(),TexCoord).rgb;
+    vec3 Ks = getKs() * managedTexture(getMap_Ks(),TexCoord).rgb;
+    vec3 L = normalize(vec3(100, 100, 100));
+    Normal = ( transpose(inverse(u_CameraMatrix*getModelMatrix())) * vec4(Normal,1.0)).rgb;
+    vec3 color = directionalLight(Kd, Ks, getNs(), Normal, L);
+    float alpha = getD();
+
+    output0.rgb = mix(output0.rgb,color.rgb,alpha);
+    output0.a = alphaBlend(alpha,output0.a);
+    output0.rgb = output0.a*alpha*color + output0.rgb;
+    output0.a = (1-alpha)*output0.a;
+    if(alpha>=1.0)
+      break;
+  }
+  out_FragColor = output0;
+}
+)");
+
+const ProgramRecipe &shadingProgram()
+{
+    static const ProgramRecipe recipe{
+        QStringLiteral("VisibilityDeferredRenderPass"),
+        {QStringLiteral("out_FragColor")},
+        {{GL_VERTEX_SHADER, ShaderSource::Text, kScreenVertexShader},
+         {GL_FRAGMENT_SHADER, ShaderSource::Text, kFragmentShaderHead + kDirectionalLight + kFragmentShaderMain},
+         {GL_FRAGMENT_SHADER, ShaderSource::File, QStringLiteral("VisibilityBuffer.glslc")},
+         {GL_FRAGMENT_SHADER, ShaderSource::File, QStringLiteral("TextureManager.glslc")},
+         {GL_FRAGMENT_SHADER, ShaderSource::Plan, QStringLiteral("InstanceInfo")},
+         {GL_FRAGMENT_SHADER, ShaderSource::Plan, QStringLiteral("OBJMaterial")}}};
+    return recipe;
+}
+
+bool hasThreeComponentViews()
+{
+    return OpenGLDeviceContext::current()->version() >= 40 || hasGLExtension("ARB_texture_buffer_object_rgb32");
+}
+
+Texture *bufferView(const QSharedPointer<BufferObject> &buffer, unsigned int format)
+{
+    auto *view = new Texture(nullptr);
+    view->setTarget(GL_TEXTURE_BUFFER);
+    AutoBinder bound(view);
+    glTexBuffer(GL_TEXTURE_BUFFER, format, buffer->getBO());
+    return view;
+}
+
+} // namespace
+
+VisibilityDeferredRenderPass::VisibilityDeferredRenderPass()
+{
+    addInput(QStringLiteral("Kvo_QRect_Viewport"), QVariant(), kViewport);
+    addInput(QStringLiteral("Kvo_QMatrix4x4_ProjectionMatrix"), QVariant(), kProjectionMatrix);
+    addInput(QStringLiteral("Kvo_QMatrix4x4_CameraMatrix"), QVariant(), kCameraMatrix);
+    addInput(QStringLiteral("Kvo_KvoTexture*_HeadPointers"), QVariant(), kHeadPointers);
+    addInput(QStringLiteral("Kvo_KvoTexture*_NodeBuffer"), QVariant(), kNodeBuffer);
+    addInput(QStringLiteral("Kvo_int_NodeBufferWidth"), QVariant(), kNodeBufferWidth);
+    addInput(QStringLiteral("Kvo_KvoGPUModel*_Geometry"), QVariant(), kGeometry);
+    addOutput(QStringLiteral("Kvo_KvoTexture*_Frame"), kFrame);
+}
+
+VisibilityDeferredRenderPass::VisibilityDeferredRenderPass(const VisibilityDeferredRenderPass &other) = default;
+VisibilityDeferredRenderPass &VisibilityDeferredRenderPass::operator=(const VisibilityDeferredRenderPass &other) =
+    default;
+
+VisibilityDeferredRenderPass::~VisibilityDeferredRenderPass()
+{
+    dropTarget(_fbo, GL_COLOR_ATTACHMENT0);
+    delete _fbo;
+    delete _shaderProgram;
+    delete _fallbackTexture;
+    qDeleteAll(_bufferTextures);
+}
+
+void VisibilityDeferredRenderPass::start(RenderCallbacks *)
+{
+    if (!_shaderProgram && !OpenGLDeviceContext::current())
+        return;
+    const Extent extent = extentOf(_inputs[kViewport].value);
+    const auto textureOr = [this](Input input) {
+        Texture *texture = objectTexture(_inputs[input].value);
+        return texture ? texture : _fallbackTexture;
+    };
+    Texture *headPointers = textureOr(kHeadPointers);
+    Texture *nodeBuffer = textureOr(kNodeBuffer);
+    const int nodeBufferWidth = _inputs[kNodeBufferWidth].value.toInt();
+    GPUModel *model = modelOf(_inputs[kGeometry].value);
+    DrawBuffers *geometry = model ? model->drawBuffers(0) : nullptr;
+
+    if (_bufferTextures.isEmpty() && geometry)
+        makeBufferTextures(*geometry);
+    if (made(_fbo, "VisibilityDeferredRenderPass") || extent != Extent{_width, _height}) {
+        _width = extent.width;
+        _height = extent.height;
+        AutoBinder fbo(_fbo);
+        replaceTarget(_fbo, GL_COLOR_ATTACHMENT0, kTarget, extent);
+    }
+    if (!_shaderProgram) {
+        GLSLMacroProcessor processor;
+        DrawBuffers::setup(&processor);
+        if (!hasThreeComponentViews())
+            processor.addDefine(QStringLiteral("KVO_SCALAR_BUFFERS"), QStringLiteral("1"));
+        _shaderProgram = buildProgram(shadingProgram(), &processor);
+        _shaderProgram->setMacroProcessor(nullptr);
+    }
+    fetchOnce(_screenQuad, Quad::Screen, _shaderProgram);
+
+    if (!extent.isEmpty()) {
+        AutoBinder fbo(_fbo);
+        _fbo->setDrawBuffers();
+        glClear(GL_COLOR_BUFFER_BIT);
+        const QSharedPointer<UniformBufferObject> commands =
+            geometry ? geometry->getDrawElementsIndirectCommandsUniformBufferObject() : nullptr;
+        // Without commands or buffers there are no fragments either.
+        if (commands && headPointers && nodeBuffer && nodeBufferWidth > 0 && !_bufferTextures.isEmpty())
+            shade(*model, *geometry, commands, headPointers, nodeBuffer);
+    }
+    _outputs[kFrame].value = objectForm(_fbo->attachment(GL_COLOR_ATTACHMENT0));
+}
+
+void VisibilityDeferredRenderPass::shade(GPUModel &model, DrawBuffers &geometry,
+                                         const QSharedPointer<UniformBufferObject> &commands, Texture *headPointers,
+                                         Texture *nodeBuffer)
+{
+    const auto camera = qvariant_cast<QMatrix4x4>(_inputs[kCameraMatrix].value);
+    const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
+    const int nodeBufferWidth = _inputs[kNodeBufferWidth].value.toInt();
+    // Views made of an indexed model have the indices as their last entry.
+    const bool indexed = geometry.indexBO() && _bufferTextures.size() > kIndices;
+
+    AutoDisabler depthTest(GL_DEPTH_TEST);
+    AutoBinder program(_shaderProgram);
+    if (!program.isBound() || !_screenQuad)
+        return;
+    AutoBinder boundHeadPointers(headPointers);
+    AutoBinder boundNodeBuffer(nodeBuffer);
+    AutoBinder vertices(_bufferTextures[kVertices]);
+    AutoBinder texCoords(_bufferTextures[kTexCoords]);
+    AutoBinder normals(_bufferTextures[kNormals]);
+    AutoBinder indices(indexed ? _bufferTextures[kIndices] : nullptr);
+
+    const auto setUniform = [this](const QString &name, const auto &value) {
+        if (_shaderProgram->hasUniform(name))
+            _shaderProgram->setUniform(name, value);
+    };
+    setUniform(QStringLiteral("u_SamplerHeadPointer"), headPointers->unit());
+    setUniform(QStringLiteral("u_SamplerNodeBuffer"), nodeBuffer->unit());
+    setUniform(QStringLiteral("u_SamplerNodeBufferWidth"), nodeBufferWidth);
+    setUniform(QStringLiteral("u_VertexBuffer"), _bufferTextures[kVertices]->unit());
+    setUniform(QStringLiteral("u_texCoordBuffer"), _bufferTextures[kTexCoords]->unit());
+    setUniform(QStringLiteral("u_NormalBuffer"), _bufferTextures[kNormals]->unit());
+    if (indexed)
+        setUniform(QStringLiteral("u_IndexBuffer"), _bufferTextures[kIndices]->unit());
+    setUniform(QStringLiteral("u_CameraMatrix"), camera);
+    setUniform(QStringLiteral("u_ProjectionMatrix"), projection);
+    setUniform(QStringLiteral("u_NormalMatrix"), camera.inverted().transposed());
+    setUniform(QStringLiteral("u_InvProjMatrix"), projection.inverted());
+    setUniform(QStringLiteral("u_InvCameraMatrix"), camera.inverted());
+    setUniform(QStringLiteral("u_indexedDraw"), indexed);
+
+    AutoBinder quad(_screenQuad);
+    AutoBinder boundCommands(commands);
+    InstanceDataCollection *materialData = model.materialData(0);
+    InstanceDataCollection *objectData = model.objectData(0);
+    materialData->bind(_shaderProgram, nullptr);
+    objectData->bind(_shaderProgram, nullptr);
+    TextureManager::Instance().bindManagedTextures(_shaderProgram);
+    _screenQuad->draw();
+    TextureManager::Instance().unbindManagedTextures(_shaderProgram);
+    objectData->unbind(_shaderProgram, nullptr);
+    materialData->unbind(_shaderProgram, nullptr);
+}
+
+void VisibilityDeferredRenderPass::makeBufferTextures(DrawBuffers &geometry)
+{
+    const QSharedPointer<VertexArrayObject> arrays = geometry.VAO();
+    if (!arrays)
+        return;
+    const auto vertices = arrays->bo(QStringLiteral("va_Vertex"));
+    const auto texCoords = arrays->bo(QStringLiteral("va_TexCoord"));
+    const auto normals = arrays->bo(QStringLiteral("va_Normal"));
+    if (!vertices || !texCoords || !normals)
+        return;
+    const unsigned int threeComponents = hasThreeComponentViews() ? GL_RGB32F : GL_R32F;
+    _bufferTextures.append(bufferView(vertices, threeComponents));
+    _bufferTextures.append(bufferView(texCoords, GL_RG32F));
+    _bufferTextures.append(bufferView(normals, threeComponents));
+    if (const auto indices = geometry.indexBO())
+        _bufferTextures.append(bufferView(indices, GL_R32I));
+    const int limit = DrawBuffers::maxShaderReadableCommands();
+    if (geometry.drawElementsIndirectCommandCount() > limit)
+        qWarning("VisibilityDeferredRenderPass: the model has %d draws and the shader reads %d; fragments of the "
+                 "others are shaded without normal and texture coordinate",
+                 geometry.drawElementsIndirectCommandCount(), limit);
+}
+
+} // namespace Brevane::Kvo
