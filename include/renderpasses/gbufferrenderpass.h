@@ -1,0 +1,68 @@
+#pragma once
+
+#include "core/renderpasshelper.h"
+#include "renderpasses/export.h"
+
+#include <QList>
+
+namespace Brevane::Kvo {
+
+class FramebufferObject;
+class ShaderProgram;
+
+/// Draws plain geometry, with neither materials nor instance data, into normal, texture coordinate, id
+/// and depth targets. PrimitiveBuilderRenderPass makes such geometry, DeferredRenderPass shades it.
+///
+/// | # | Input                               | Type         | Meaning                                 |
+/// |---|-------------------------------------|--------------|-----------------------------------------|
+/// | 0 | Kvo_QRect_Viewport                  | QRect        | size of the targets, pixels             |
+/// | 1 | Kvo_QMatrix4x4_ProjectionMatrix     | QMatrix4x4   | camera to clip space                    |
+/// | 2 | Kvo_QMatrix4x4_CameraMatrix         | QMatrix4x4   | world to camera space                   |
+/// | 3 | Kvo_KvoDrawBuffers*_Geometry        | DrawBuffers* | what to draw, or a QVariantList of such |
+///
+/// | # | Output                     | Format                | Content                                   |
+/// |---|----------------------------|-----------------------|-------------------------------------------|
+/// | 0 | Kvo_KvoTexture*_Normal     | GL_RGB32F             | normal in object space, interpolated and not of unit length |
+/// | 1 | Kvo_KvoTexture*_TexCoord   | GL_RG32F              | texture coordinates                       |
+/// | 2 | Kvo_KvoTexture*_Depth      | GL_DEPTH_COMPONENT32F | window depth                              |
+/// | 3 | Kvo_KvoTexture*_Id         | GL_R32F               | number of the triangle in its draw plus 1 |
+///
+/// Geometry has the attributes "va_Vertex", "va_Normal" and "va_TexCoord". The elements of a list are
+/// drawn in their order into the same targets, with depth test; numbers of triangles begin anew with each.
+/// A null pointer, in the list or alone, is passed over. The targets are cleared with the clear colour that
+/// happens to be current, so what the id of the background is lies with the host.
+///
+/// The targets belong to the pass until it is destroyed; the device context frees them.
+///
+/// Leaves changed: viewport; with anything connected, or a list that is not empty, the depth test on.
+/// Needs OpenGL 3.2.
+class KVO_RENDERPASSES_EXPORT GBufferRenderPass : public RenderPassHelper
+{
+public:
+    GBufferRenderPass();
+    GBufferRenderPass(const GBufferRenderPass &other);
+    GBufferRenderPass &operator=(const GBufferRenderPass &other);
+    ~GBufferRenderPass() override;
+
+    void start(RenderCallbacks *callbacks) override;
+
+    /// Draws with this program from now on; the pass deletes it at its end. One that the pass made
+    /// before is not freed. Set before the first start, it keeps the pass from making its own. Its
+    /// fragment outputs are "out_Normal", "out_TexCoord" and "out_Id" in this order.
+    void setShaderProgram(ShaderProgram *program);
+
+private:
+    struct Target
+    {
+        QString output;
+        unsigned int internalFormat;
+    };
+
+    FramebufferObject *_fbo = nullptr;
+    ShaderProgram *_shaderProgram = nullptr;
+    QList<Target> _targets;
+    int _width = 0;
+    int _height = 0;
+};
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,122 @@
+#include "renderpasses/cameraspacezbufferrenderpass.h"
+
+#include "gl/drawbuffers.h"
+#include "gl/framebufferobject.h"
+#include "gl/guards.h"
+#include "gl/shaderprogram.h"
+#include "gl/texture.h"
+#include "passkit/pool.h"
+#include "passkit/programs.h"
+#include "passkit/slots.h"
+#include "passkit/targets.h"
+
+#include <QColor>
+#include <QMatrix4x4>
+
+#include <epoxy/gl.h>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+enum Input { kViewport, kDepth, kProjectionMatrix };
+enum Output { kFrame };
+
+const QString kFragmentShader = QStringLiteral(R"(#version 150
+
+uniform sampler2D u_SamplerDepth;
+uniform mat4 u_InvProjMatrix;
+
+in vec2 vo_TexCoord;
+
+out vec4 out_FragColor;
+
+vec4 positionFromDepth(vec2 uv, float depth)
+{
+  vec2 xy = uv.xy * 2.0 - vec2(1.0);
+  float z = (2.0 * depth) - 1.0;
+  vec4 projectedPos = vec4(xy, z, 1.0);
+  vec4 pos = u_InvProjMatrix * projectedPos;
+  return pos / pos.w;
+}
+
+void main()
+{
+  float d = texture(u_SamplerDepth,vo_TexCoord).x;
+  out_FragColor = positionFromDepth(vo_TexCoord, d);
+}
+)");
+
+const ProgramRecipe &unprojectionProgram()
+{
+    static const ProgramRecipe recipe{QStringLiteral("CameraSpaceZBufferRenderPass"),
+                                      {QStringLiteral("out_FragColor")},
+                                      {{GL_VERTEX_SHADER, ShaderSource::Text, kScreenVertexShader},
+                                       {GL_FRAGMENT_SHADER, ShaderSource::Text, kFragmentShader}}};
+    return recipe;
+}
+
+} // namespace
+
+CameraSpaceZBufferRenderPass::CameraSpaceZBufferRenderPass()
+{
+    setTextureForm(TextureForm::Typed);
+    addInput(QStringLiteral("Kvo_QRect_Viewport"), QVariant(), kViewport);
+    addInput(QStringLiteral("Kvo_KvoTexture*_Depth"), QVariant(), kDepth);
+    addInput(QStringLiteral("Kvo_QMatrix4x4_ProjectionMatrix"), QVariant(), kProjectionMatrix);
+    addOutput(QStringLiteral("Kvo_KvoTexture*_Frame"), kFrame);
+}
+
+CameraSpaceZBufferRenderPass::CameraSpaceZBufferRenderPass(const CameraSpaceZBufferRenderPass &other) = default;
+CameraSpaceZBufferRenderPass &CameraSpaceZBufferRenderPass::operator=(const CameraSpaceZBufferRenderPass &other) =
+    default;
+
+CameraSpaceZBufferRenderPass::~CameraSpaceZBufferRenderPass()
+{
+    delete _fbo;
+    delete _shaderProgram;
+}
+
+void CameraSpaceZBufferRenderPass::start(RenderCallbacks *)
+{
+    const Extent extent = extentOf(_inputs[kViewport].value);
+    const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
+    Texture *depth = typedTexture(_inputs[kDepth].value);
+
+    made(_fbo, "CameraSpaceZBufferRenderPass");
+    _width = extent.width;
+    _height = extent.height;
+    Texture *target = tempTexture(TextureFormat::Position, extent);
+    {
+        AutoBinder fbo(_fbo);
+        _fbo->attach(target, GL_COLOR_ATTACHMENT0, 0);
+    }
+    buildOnce(_shaderProgram, unprojectionProgram());
+    fetchOnce(_screenQuad, Quad::Screen, _shaderProgram);
+
+    // No depth reads as the far plane, the white texel of the manager.
+    Texture *sampled = depth ? depth : TextureManager::Instance().solidTexture(QColor(Qt::white));
+    if (!extent.isEmpty() && sampled && _screenQuad) {
+        AutoBinder fbo(_fbo);
+        _fbo->setDrawBuffers();
+        glViewport(0, 0, _width, _height);
+        AutoBinder program(_shaderProgram);
+        AutoBinder boundDepth(sampled);
+        _shaderProgram->setUniform(QStringLiteral("u_SamplerDepth"), sampled->unit());
+        _shaderProgram->setUniform(QStringLiteral("u_InvProjMatrix"), projection.inverted());
+        AutoBinder quad(_screenQuad);
+        glDisable(GL_STENCIL_TEST);
+        glDepthMask(GL_FALSE);
+        _screenQuad->draw();
+    }
+
+    publish(_outputs[kFrame], target, _numOutputUsers[kFrame]);
+    {
+        AutoBinder fbo(_fbo);
+        _fbo->detach(GL_COLOR_ATTACHMENT0);
+    }
+    release(target);
+    release(depth);
+}
+
+} // namespace Brevane::Kvo

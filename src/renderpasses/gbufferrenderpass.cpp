@@ -1,0 +1,162 @@
+#include "renderpasses/gbufferrenderpass.h"
+
+#include "gl/drawbuffers.h"
+#include "gl/framebufferobject.h"
+#include "gl/guards.h"
+#include "gl/shaderprogram.h"
+#include "gl/texture.h"
+#include "passkit/pool.h"
+#include "passkit/programs.h"
+#include "passkit/slots.h"
+#include "passkit/targets.h"
+
+#include <QMatrix4x4>
+
+#include <epoxy/gl.h>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+enum Input { kViewport, kProjectionMatrix, kCameraMatrix, kGeometry };
+enum Output { kNormal, kTexCoord, kDepth, kId };
+
+constexpr TargetFormat kDepthTarget{GL_DEPTH_COMPONENT32F, GL_DEPTH_COMPONENT, GL_FLOAT, GL_NEAREST};
+
+const QString kVertexShader = QStringLiteral(R"(#version 150
+
+uniform mat4 u_CameraMatrix;
+uniform mat4 u_ProjectionMatrix;
+
+in vec3 va_Vertex;
+in vec3 va_Normal;
+in vec2 va_TexCoord;
+
+out vec3 vo_Vertex;
+out vec3 vo_Normal;
+out vec2 vo_TexCoord;
+
+void main()
+{
+  gl_Position = u_ProjectionMatrix * u_CameraMatrix * vec4(va_Vertex, 1.0);
+  vo_Vertex = va_Vertex;
+  vo_Normal = va_Normal;
+  vo_TexCoord = va_TexCoord;
+}
+)");
+
+const QString kFragmentShader = QStringLiteral(R"(#version 150
+
+in vec3 vo_Vertex;
+in vec3 vo_Normal;
+in vec2 vo_TexCoord;
+
+out vec3 out_Normal;
+out vec2 out_TexCoord;
+out vec4 out_Id;
+
+void main()
+{
+  out_Normal = vo_Normal;
+  out_TexCoord = vo_TexCoord;
+  out_Id = vec4(gl_PrimitiveID+1.0);
+}
+)");
+
+} // namespace
+
+GBufferRenderPass::GBufferRenderPass()
+    : _targets{{QStringLiteral("out_Normal"), GL_RGB32F},
+               {QStringLiteral("out_TexCoord"), GL_RG32F},
+               {QStringLiteral("out_Id"), GL_R32F}}
+{
+    addInput(QStringLiteral("Kvo_QRect_Viewport"), QVariant(), kViewport);
+    addInput(QStringLiteral("Kvo_QMatrix4x4_ProjectionMatrix"), QVariant(), kProjectionMatrix);
+    addInput(QStringLiteral("Kvo_QMatrix4x4_CameraMatrix"), QVariant(), kCameraMatrix);
+    addInput(QStringLiteral("Kvo_KvoDrawBuffers*_Geometry"), QVariant(), kGeometry);
+    addOutput(QStringLiteral("Kvo_KvoTexture*_Normal"), kNormal);
+    addOutput(QStringLiteral("Kvo_KvoTexture*_TexCoord"), kTexCoord);
+    addOutput(QStringLiteral("Kvo_KvoTexture*_Depth"), kDepth);
+    addOutput(QStringLiteral("Kvo_KvoTexture*_Id"), kId);
+}
+
+GBufferRenderPass::GBufferRenderPass(const GBufferRenderPass &other) = default;
+GBufferRenderPass &GBufferRenderPass::operator=(const GBufferRenderPass &other) = default;
+
+// The targets are not deleted with the pass: whoever still reads them finds them alive.
+GBufferRenderPass::~GBufferRenderPass()
+{
+    if (_fbo) {
+        for (int i = 0; i < _targets.size(); ++i)
+            giveUp(_fbo->attachment(GL_COLOR_ATTACHMENT0 + unsigned(i)));
+        giveUp(_fbo->attachment(GL_DEPTH_ATTACHMENT));
+    }
+    delete _fbo;
+    delete _shaderProgram;
+}
+
+void GBufferRenderPass::start(RenderCallbacks *)
+{
+    const Extent extent = extentOf(_inputs[kViewport].value);
+    glViewport(0, 0, extent.width, extent.height);
+    const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
+    const auto camera = qvariant_cast<QMatrix4x4>(_inputs[kCameraMatrix].value);
+    // One value stands for a list of it. Most frames have one, so no list is made for it.
+    const QVariant geometry = _inputs[kGeometry].value;
+    const bool isList = geometry.canConvert<QVariantList>();
+    const QVariantList list = isList ? geometry.toList() : QVariantList();
+    const QVariant *const pieces = isList ? list.constData() : &geometry;
+    const qsizetype count = isList ? list.size() : 1;
+
+    if (made(_fbo, "GBufferRenderPass") || extent != Extent{_width, _height}) {
+        _width = extent.width;
+        _height = extent.height;
+        AutoBinder fbo(_fbo);
+        unsigned int attachment = GL_COLOR_ATTACHMENT0;
+        for (const Target &target : std::as_const(_targets))
+            replaceTarget(_fbo, attachment++, {target.internalFormat, GL_BGRA, GL_FLOAT, GL_NEAREST}, extent);
+        replaceTarget(_fbo, GL_DEPTH_ATTACHMENT, kDepthTarget, extent);
+    }
+    if (!_shaderProgram) {
+        ProgramRecipe recipe{QStringLiteral("GBufferRenderPass"), {}, {}};
+        for (const Target &target : std::as_const(_targets))
+            recipe.outputs.append(target.output);
+        recipe.sources = {{GL_VERTEX_SHADER, ShaderSource::Text, kVertexShader},
+                          {GL_FRAGMENT_SHADER, ShaderSource::Text, kFragmentShader}};
+        _shaderProgram = buildProgram(recipe);
+    }
+
+    if (!extent.isEmpty()) {
+        AutoBinder fbo(_fbo);
+        _fbo->setDrawBuffers();
+        glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+        if (count > 0) {
+            glEnable(GL_DEPTH_TEST);
+            AutoBinder program(_shaderProgram);
+            _shaderProgram->setUniform(QStringLiteral("u_ProjectionMatrix"), projection);
+            _shaderProgram->setUniform(QStringLiteral("u_CameraMatrix"), camera);
+            for (const QVariant *piece = pieces; piece != pieces + count; ++piece) {
+                DrawBuffers *buffers = anyDrawBuffers(*piece);
+                if (!buffers || !buffers->VAO())
+                    continue;
+                // Every time: the geometry may be another one than in the frame before.
+                enableArrays(*buffers, _shaderProgram);
+                AutoBinder bound(buffers);
+                buffers->draw();
+            }
+        }
+    }
+    _outputs[kNormal].value = objectForm(_fbo->attachment(GL_COLOR_ATTACHMENT0));
+    _outputs[kTexCoord].value = objectForm(_fbo->attachment(GL_COLOR_ATTACHMENT1));
+    _outputs[kDepth].value = objectForm(_fbo->attachment(GL_DEPTH_ATTACHMENT));
+    _outputs[kId].value = objectForm(_fbo->attachment(GL_COLOR_ATTACHMENT2));
+}
+
+void GBufferRenderPass::setShaderProgram(ShaderProgram *program)
+{
+    if (program != _shaderProgram)
+        giveUp(_shaderProgram);
+    _shaderProgram = program;
+}
+
+} // namespace Brevane::Kvo

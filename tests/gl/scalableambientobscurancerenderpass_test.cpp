@@ -1,0 +1,1176 @@
+#include "support/allocations.h"
+#include "support/draw.h"
+#include "support/gltest.h"
+#include "support/image.h"
+#include "support/messages.h"
+#include "support/passes.h"
+#include "support/shaderedit.h"
+
+#include <gl/drawbuffers.h>
+#include <gl/guards.h>
+#include <gl/opengldevicecontext.h>
+#include <gl/texture.h>
+#include <gl/texturemanager.h>
+#include <gl/vertexarrayobject.h>
+#include <renderpasses/cameraspacezbufferrenderpass.h>
+#include <renderpasses/scalableambientobscurancerenderpass.h>
+
+#include <QMatrix4x4>
+#include <QRect>
+#include <QVector3D>
+
+#include <epoxy/gl.h>
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+#include <memory>
+#include <optional>
+
+using namespace Brevane::Kvo;
+using namespace Brevane::Kvo::Test;
+
+namespace {
+
+enum Input {
+    kViewport,
+    kProjection,
+    kCamera,
+    kNear,
+    kFar,
+    kDepth,
+    kRadius,
+    kBias,
+    kIntensity,
+    kPosition,
+    kNormal,
+    kSamples,
+    kLogMaxOffset,
+    kTurns,
+    kDivider
+};
+
+using Sao = ScalableAmbientObscuranceRenderPass;
+
+struct Vector
+{
+    double x = 0, y = 0, z = 0;
+
+    Vector operator+(const Vector &o) const { return {x + o.x, y + o.y, z + o.z}; }
+    Vector operator-(const Vector &o) const { return {x - o.x, y - o.y, z - o.z}; }
+    Vector operator*(double f) const { return {x * f, y * f, z * f}; }
+};
+
+double dot(const Vector &a, const Vector &b)
+{
+    return a.x * b.x + a.y * b.y + a.z * b.z;
+}
+
+Vector cross(const Vector &a, const Vector &b)
+{
+    return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
+}
+
+Vector unit(const Vector &v)
+{
+    return v * (1 / std::sqrt(dot(v, v)));
+}
+
+constexpr double kNearPlane = 0.5;
+constexpr double kFarPlane = 30;
+
+enum class Normals { Calculated, World, CameraSpace };
+
+/// All that a picture depends on.
+struct Scene
+{
+    int width = 48;
+    int height = 32;
+    QMatrix4x4 projection;
+    QMatrix4x4 camera;
+    Image<float> depth; // window depth in channel 0; a fetch beyond it gives 0
+    std::optional<Image<float>> positions;
+    bool linearPositions = false;
+    Normals normals = Normals::Calculated;
+    Image<float> normalImage;
+    float radius = 0.35f;
+    float bias = 0.01f;
+    float intensity = 1.0f;
+    float samples = 11.0f;
+    float turns = 3.0f;
+    float divider = 1.0f;
+    double turn = 6.28; // to see that another constant is told apart
+
+    int outputWidth() const { return int(float(width) / (divider == 0.0f ? 1.0f : divider)); }
+    int outputHeight() const { return int(float(height) / (divider == 0.0f ? 1.0f : divider)); }
+};
+
+// Distance along -z that a ray through (x, y, -1) goes, or nothing.
+using Surface = std::function<std::optional<double>(double x, double y)>;
+
+std::optional<double> stepEdge(double x, double)
+{
+    return x < 0.06 ? 2.6 : 2.8;
+}
+
+// A floor and a wall.
+std::optional<double> corner(double, double y)
+{
+    return std::min(3.0, y < 0 ? 0.55 / -y : 1e9);
+}
+
+// A ball that lies on a floor, with nothing behind.
+std::optional<double> ballOnFloor(double x, double y)
+{
+    const Vector ray{x, y, -1}, centre{0, -0.15, -2.2};
+    constexpr double kBall = 0.35;
+    const double a = dot(ray, ray), b = dot(ray, centre), c = dot(centre, centre) - kBall * kBall;
+    if (b * b >= a * c)
+        return (b - std::sqrt(b * b - a * c)) / a;
+    if (y < -0.02)
+        return 0.5 / -y;
+    return std::nullopt;
+}
+
+Scene sceneOf(const Surface &surface, int width = 48, int height = 32, float divider = 1)
+{
+    Scene scene;
+    scene.width = width;
+    scene.height = height;
+    scene.divider = divider;
+    scene.projection.perspective(50, float(width) / float(height), float(kNearPlane), float(kFarPlane));
+    scene.camera.rotate(25, 0.3f, 1, 0.2f);
+    scene.camera.scale(1.25f);
+    scene.depth = Image<float>(width, height, {1, 0, 0, 0});
+    for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x) {
+            const double rayX = (2 * (x + 0.5) / width - 1) / double(scene.projection(0, 0));
+            const double rayY = (2 * (y + 0.5) / height - 1) / double(scene.projection(1, 1));
+            if (const auto distance = surface(rayX, rayY))
+                scene.depth.at(x, y)[0] =
+                    float((kFarPlane - kFarPlane * kNearPlane / *distance) / (kFarPlane - kNearPlane));
+        }
+    }
+    return scene;
+}
+
+/// Positions as a texture, and normals of their own that are not those of the surface.
+void addPositions(Scene &scene)
+{
+    Image<float> positions(scene.width, scene.height);
+    for (int y = 0; y < scene.height; ++y) {
+        for (int x = 0; x < scene.width; ++x) {
+            const double distance =
+                kFarPlane * kNearPlane / (kFarPlane - double(scene.depth.at(x, y)[0]) * (kFarPlane - kNearPlane));
+            const double ndcX = 2 * (x + 0.5) / scene.width - 1, ndcY = 2 * (y + 0.5) / scene.height - 1;
+            positions.at(x, y) = {float(ndcX / double(scene.projection(0, 0)) * distance),
+                                  float(ndcY / double(scene.projection(1, 1)) * distance), float(-distance), 1};
+        }
+    }
+    scene.positions = positions;
+}
+
+void addNormals(Scene &scene, Normals kind)
+{
+    scene.normals = kind;
+    scene.normalImage = Image<float>(scene.width, scene.height);
+    for (int y = 0; y < scene.height; ++y)
+        for (int x = 0; x < scene.width; ++x)
+            // Neither of unit length nor all facing the camera.
+            scene.normalImage.at(x, y) = {0.6f * std::sin(0.3f * float(x)), 0.8f, 0.9f - 0.07f * float(y), 0};
+}
+
+/// The range that a pixel may have: a tap next to the border of a texel may read either.
+struct Range
+{
+    double low = 0;
+    double high = 0;
+    bool mayBeWhite = false;
+};
+
+class Reference
+{
+public:
+    explicit Reference(const Scene &scene)
+        : _scene(scene), _width(scene.outputWidth()), _height(scene.outputHeight()),
+          _p00(double(scene.projection(0, 0))), _p11(double(scene.projection(1, 1)))
+    {}
+
+    Image<double> ranges() const
+    {
+        Image<double> out(_width, _height);
+        for (int y = 0; y < _height; ++y)
+            for (int x = 0; x < _width; ++x) {
+                const Range range = pixel(x, y);
+                out.at(x, y) = {range.low, range.high, double(range.mayBeWhite), 0};
+            }
+        return out;
+    }
+
+private:
+    // What the depth buffer says, as the shader computes it.
+    double depthAt(int x, int y) const
+    {
+        const bool inside = x >= 0 && y >= 0 && x < _scene.depth.width && y < _scene.depth.height;
+        return inside ? double(_scene.depth.at(x, y)[0]) : 0.0;
+    }
+    Vector reconstructed(double s, double t, double depth) const
+    {
+        const double z = kFarPlane * kNearPlane / ((kNearPlane - kFarPlane) * depth + kFarPlane);
+        const double x = (s * (-2 / (_width * _p00)) + (1 - double(_scene.projection(0, 2))) / _p00) * z;
+        const double y = (t * (-2 / (_height * _p11)) + (1 + double(_scene.projection(1, 2))) / _p11) * z;
+        return {-x, -y, -z};
+    }
+    Vector stored(double u, double v) const
+    {
+        const Image<float> &image = *_scene.positions;
+        const auto at = [&](int x, int y) {
+            const auto &p = image.at(std::clamp(x, 0, image.width - 1), std::clamp(y, 0, image.height - 1));
+            return Vector{double(p[0]), double(p[1]), double(p[2])};
+        };
+        const double x = u * image.width, y = v * image.height;
+        if (!_scene.linearPositions)
+            return at(int(std::floor(x)), int(std::floor(y)));
+        const int x0 = int(std::floor(x - 0.5)), y0 = int(std::floor(y - 0.5));
+        const double fx = x - 0.5 - x0, fy = y - 0.5 - y0;
+        return (at(x0, y0) * (1 - fx) + at(x0 + 1, y0) * fx) * (1 - fy)
+               + (at(x0, y0 + 1) * (1 - fx) + at(x0 + 1, y0 + 1) * fx) * fy;
+    }
+    Vector position(int x, int y) const
+    {
+        if (_scene.positions)
+            return stored((x + 0.5) / _width, (y + 0.5) / _height);
+        return reconstructed(x + 0.5, y + 0.5, depthAt(x, y));
+    }
+    bool isBackground(int x, int y) const { return !_scene.positions && depthAt(x, y) == 1; }
+
+    Vector normal(int x, int y) const
+    {
+        if (_scene.normals == Normals::Calculated) {
+            // Differences within blocks of two by two pixels.
+            const Vector dx = position(x | 1, y) - position(x & ~1, y);
+            const Vector dy = position(x, y | 1) - position(x, y & ~1);
+            return unit(cross(dy, dx)) * -1;
+        }
+        const auto &n = _scene.normalImage.at(x, y);
+        if (_scene.normals == Normals::CameraSpace) {
+            const Vector v = unit({double(n[0]), double(n[1]), double(n[2])});
+            return v.z < 0 ? v * -1 : v;
+        }
+        const QMatrix4x4 m = _scene.camera.inverted().transposed();
+        const auto row = [&](int r) {
+            return double(m(r, 0)) * double(n[0]) + double(m(r, 1)) * double(n[1]) + double(m(r, 2)) * double(n[2]);
+        };
+        return {row(0), row(1), row(2)};
+    }
+
+    // Texels, or with linear positions points, that a tap may read.
+    struct Taps
+    {
+        std::vector<Vector> positions;
+        bool background = false;
+    };
+    Taps tapsAt(int x, int y, double offsetX, double offsetY, double slack) const
+    {
+        Taps taps;
+        std::vector<std::pair<int, int>> seen;
+        for (const double dx : {-slack, slack, 0.0}) {
+            for (const double dy : {-slack, slack, 0.0}) {
+                if (_scene.positions) {
+                    taps.positions.push_back(
+                        stored((x + 0.5 + offsetX + dx) / _width, (y + 0.5 + offsetY + dy) / _height));
+                    continue;
+                }
+                // Truncated towards zero, but reconstructed where the tap points.
+                const double s = x + offsetX + dx, t = y + offsetY + dy;
+                const int tx = int(s), ty = int(t);
+                if (isBackground(tx, ty))
+                    taps.background = true;
+                else
+                    taps.positions.push_back(reconstructed(s + 0.5, t + 0.5, depthAt(tx, ty)));
+            }
+        }
+        return taps;
+    }
+
+    Range pixel(int x, int y) const
+    {
+        constexpr Range kWhite{1, 1, false};
+        if (isBackground(x, y))
+            return kWhite;
+        const Vector c = position(x, y);
+        if (c.z < -50)
+            return kWhite;
+        bool uncertain = false;
+        // Where a neighbour of the block was discarded, derivatives are undefined.
+        if (_scene.normals == Normals::Calculated)
+            for (int ny : {y & ~1, y | 1})
+                for (int nx : {x & ~1, x | 1})
+                    uncertain = uncertain || isBackground(nx, ny);
+        if (uncertain)
+            return {0, 1, true};
+
+        const Vector n = normal(x, y);
+        const double diskRadius = _height * _p11 * 0.5 * double(_scene.radius) / -c.z;
+        const int samples = int(_scene.samples);
+        const int turns = int(_scene.turns);
+        // In float, as the shader adds these large numbers up.
+        const float spin = (3.0f * float(x ^ y) + float(x * y)) * 10.0f;
+        double lowSum = 0, highSum = 0;
+        Range range;
+        for (int i = 0; i < samples; ++i) {
+            const float alpha = (float(i) + 0.5f) * (1.0f / float(samples));
+            const float angle = alpha * (float(turns) * float(_scene.turn)) + spin;
+            const double reach = double(alpha) * diskRadius;
+            // The sum is rounded to a unit in its last place, and so may the sine of it be off.
+            const double slack = 0.002 + reach * (2.0 * double(std::abs(angle)) * 1.2e-7 + 1e-3);
+            const Taps taps = tapsAt(x, y, reach * std::cos(double(angle)), reach * std::sin(double(angle)), slack);
+            if (taps.positions.empty())
+                return kWhite; // the tap lies on the background for sure
+            range.mayBeWhite = range.mayBeWhite || taps.background;
+            double low = 1e9, high = 0;
+            for (const Vector &q : taps.positions) {
+                const Vector v = q - c;
+                const double falloff = std::max(1 - dot(v, v) / (double(_scene.radius) * double(_scene.radius)), 0.0);
+                const double term = 4 * falloff * std::max(dot(v, n) - double(_scene.bias), 0.0);
+                low = std::min(low, term);
+                high = std::max(high, term);
+            }
+            lowSum += low;
+            highSum += high;
+        }
+        const double scale = double(_scene.intensity) * 5 / samples;
+        range.low = std::max(0.0, 1 - highSum * scale);
+        range.high = std::max(0.0, 1 - lowSum * scale);
+        return range;
+    }
+
+    const Scene &_scene;
+    const int _width;
+    const int _height;
+    const double _p00;
+    const double _p11;
+};
+
+struct Comparison
+{
+    int pixels = 0;
+    int wrong = 0;
+    int uncertain = 0; // ranges that are wider than a tenth, or may be white
+    int obscured = 0;
+    double worst = 0;
+    QString where;
+};
+
+// Half floats in the target, and float sums over differences of positions.
+constexpr double kTolerance = 2e-3;
+
+Comparison compare(const Image<float> &image, const Scene &scene)
+{
+    const Image<double> ranges = Reference(scene).ranges();
+    Comparison result;
+    EXPECT_EQ(image.width, ranges.width);
+    EXPECT_EQ(image.height, ranges.height);
+    if (image.width != ranges.width || image.height != ranges.height)
+        return result;
+    for (int y = 0; y < image.height; ++y) {
+        for (int x = 0; x < image.width; ++x) {
+            const auto &[low, high, mayBeWhite, unused] = ranges.at(x, y);
+            const auto &p = image.at(x, y);
+            EXPECT_TRUE(p[0] == p[1] && p[0] == p[2] && p[3] == 1) << "not a grey, opaque pixel";
+            const auto value = double(p[0]);
+            double off = std::max({low - value, value - high, 0.0});
+            if (mayBeWhite != 0 && value == 1)
+                off = 0;
+            ++result.pixels;
+            result.obscured += high < 0.9;
+            result.uncertain += mayBeWhite != 0 || high - low > 0.1;
+            if (!(off <= kTolerance)) {
+                ++result.wrong;
+                if (off > result.worst)
+                    result.where =
+                        QStringLiteral("(%1, %2): %3, not from %4 to %5").arg(x).arg(y).arg(value).arg(low).arg(high);
+            }
+            result.worst = std::max(result.worst, off);
+        }
+    }
+    return result;
+}
+
+class Obscurance : public GLTest
+{
+protected:
+    void TearDown() override
+    {
+        pass.reset();
+        depth.reset();
+        position.reset();
+        normal.reset();
+        GLTest::TearDown();
+    }
+
+    static std::unique_ptr<Texture> depthTexture(const Image<float> &image, GLenum format = GL_DEPTH_COMPONENT32F)
+    {
+        QVector<float> values;
+        for (const auto &pixel : image.pixels)
+            values.append(pixel[0]);
+        if (format != GL_DEPTH24_STENCIL8)
+            return makeTexture(format, image.width, image.height, values.constData());
+        QVector<quint32> packed;
+        for (const float value : values)
+            packed.append(quint32(std::lround(double(value) * 0xFFFFFF)) << 8);
+        return makeTexture(format, image.width, image.height, packed.constData());
+    }
+
+    /// Connects a scene; the depth texture may have been set by the test.
+    void setScene(const Scene &scene)
+    {
+        if (!depth)
+            depth = depthTexture(scene.depth);
+        if (scene.positions) {
+            position = makeTexture(*scene.positions);
+            if (scene.linearPositions) {
+                const AutoBinder bound(position.get());
+                glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
+                glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+            }
+            pass->setInput(kPosition, textureToVariant(position.get()));
+        }
+        if (scene.normals != Normals::Calculated) {
+            normal = makeTexture(scene.normalImage);
+            pass->setInput(kNormal, textureToVariant(normal.get()));
+            pass->setNormalProcessing(scene.normals == Normals::World ? Sao::NormalTransposeInvert
+                                                                      : Sao::NormalScreenSpace);
+        }
+        pass->setInput(kViewport, QRect(3, 5, scene.width, scene.height));
+        pass->setInput(kProjection, scene.projection);
+        pass->setInput(kCamera, scene.camera);
+        pass->setInput(kNear, float(kNearPlane));
+        pass->setInput(kFar, float(kFarPlane));
+        pass->setInput(kDepth, textureToVariant(depth.get()));
+        setNumbers(scene);
+    }
+    void setNumbers(const Scene &scene)
+    {
+        pass->setInput(kRadius, scene.radius);
+        pass->setInput(kBias, scene.bias);
+        pass->setInput(kIntensity, scene.intensity);
+        pass->setInput(kSamples, scene.samples);
+        pass->setInput(kTurns, scene.turns);
+        pass->setInput(kDivider, scene.divider);
+    }
+    Image<float> rendered()
+    {
+        runFrame(*pass);
+        return readTexture<float>(outputTexture(*pass, 0));
+    }
+    /// Renders a scene and holds it against the reference.
+    void expectReference(const Scene &scene, double uncertainShare = 0.25)
+    {
+        setScene(scene);
+        const Image<float> image = rendered();
+        const Comparison result = compare(image, scene);
+        EXPECT_EQ(result.wrong, 0) << "of " << result.pixels << ", worst by " << result.worst << " at "
+                                   << qPrintable(result.where);
+        EXPECT_LE(result.uncertain, uncertainShare * result.pixels);
+        EXPECT_GT(result.obscured, result.pixels / 50) << "the scene shows nothing";
+        RecordProperty("uncertain", result.uncertain);
+    }
+    static bool isReference(const Image<float> &image, const Scene &scene)
+    {
+        return compare(image, scene).wrong <= image.pixels.size() / 100;
+    }
+
+    std::unique_ptr<Texture> depth;
+    std::unique_ptr<Texture> position;
+    std::unique_ptr<Texture> normal;
+    std::unique_ptr<Sao> pass = std::make_unique<Sao>();
+};
+
+struct Case
+{
+    const char *name;
+    Surface surface;
+    Normals normals;
+    bool positions;
+};
+
+class ObscuranceOfScenes : public Obscurance, public ::testing::WithParamInterface<Case>
+{};
+
+std::vector<Case> cases()
+{
+    std::vector<Case> all;
+    const std::pair<const char *, Surface> scenes[] = {
+        {"StepEdge", stepEdge}, {"Corner", corner}, {"BallOnFloor", ballOnFloor}};
+    for (const auto &[name, surface] : scenes)
+        for (const Normals normals : {Normals::Calculated, Normals::World, Normals::CameraSpace})
+            for (const bool positions : {false, true})
+                all.push_back({name, surface, normals, positions});
+    return all;
+}
+
+std::string nameOf(const ::testing::TestParamInfo<Case> &test)
+{
+    const char *const names[] = {"CalculatedNormals", "WorldNormals", "CameraSpaceNormals"};
+    return std::string(test.param.name) + names[int(test.param.normals)]
+           + (test.param.positions ? "WithPositions" : "FromDepth");
+}
+
+/// A multisampled depth texture that a slanted edge was drawn into, and what its first samples hold.
+struct MultisampledDepth
+{
+    std::unique_ptr<Texture> texture;
+    Image<float> firstSamples;
+};
+
+MultisampledDepth multisampledDepth(const Image<float> &image)
+{
+    MultisampledDepth result;
+    result.texture = std::make_unique<Texture>();
+    result.texture->setTarget(GL_TEXTURE_2D_MULTISAMPLE);
+    const AutoBinder bound(result.texture.get());
+    glTexImage2DMultisample(GL_TEXTURE_2D_MULTISAMPLE, 4, GL_DEPTH_COMPONENT32F, image.width, image.height, GL_TRUE);
+    FramebufferObject framebuffer;
+    const auto values = makeTexture(image);
+    {
+        const AutoBinder drawn(&framebuffer);
+        framebuffer.attach(result.texture.get(), GL_DEPTH_ATTACHMENT, 0);
+        framebuffer.setDrawBuffers();
+        glViewport(0, 0, image.width, image.height);
+        glClearDepth(1.0);
+        glClear(GL_DEPTH_BUFFER_BIT);
+        glEnable(GL_DEPTH_TEST);
+        glDepthFunc(GL_ALWAYS);
+        // The edge leaves samples of the pixels on it at the background.
+        const auto program = makeProgram(
+            QStringLiteral(
+                "#version 150\n"
+                "in vec3 va_Vertex;\n"
+                "void main() { gl_Position = vec4(va_Vertex.x, va_Vertex.y + 0.7 * va_Vertex.x - 0.6, 0, 1); }\n"),
+            QStringLiteral("#version 150\n"
+                           "uniform sampler2D u_Depth;\n"
+                           "void main() { gl_FragDepth = texelFetch(u_Depth, ivec2(gl_FragCoord.xy), 0).x; }\n"),
+            {});
+        const AutoBinder used(program.get());
+        const AutoBinder sampled(values.get());
+        program->setUniform(QStringLiteral("u_Depth"), values->unit());
+        const auto quad = OpenGLDeviceContext::current()->screenQuad();
+        {
+            const AutoBinder vertices(quad->VAO());
+            quad->VAO()->enableShaderProgramArrays(program.get());
+        }
+        const AutoBinder geometry(quad);
+        quad->draw();
+        glDepthFunc(GL_LESS);
+        glDisable(GL_DEPTH_TEST);
+        framebuffer.detachAll();
+    }
+    const Target target(GL_RGBA32F, image.width, image.height);
+    const auto reading = makeProgram(
+        QStringLiteral("#version 150\n"
+                       "uniform sampler2DMS u_Depth;\n"
+                       "in vec2 vo_TexCoord;\n"
+                       "out vec4 out_Color;\n"
+                       "void main() { out_Color = vec4(texelFetch(u_Depth, ivec2(gl_FragCoord.xy), 0).x); }\n"));
+    drawScreen(target, reading.get(),
+               [&](ShaderProgram *p) { p->setUniform(QStringLiteral("u_Depth"), result.texture->unit()); });
+    result.firstSamples = target.read();
+    return result;
+}
+
+} // namespace
+
+TEST_F(Obscurance, SlotsHaveTheirNamesOrderAndDefaults)
+{
+    expectSlots(Sao(),
+                {{"Kvo_QRect_Viewport"},
+                 {"Kvo_QMatrix4x4_ProjectionMatrix"},
+                 {"Kvo_QMatrix4x4_CameraMatrix"},
+                 {"Kvo_float_NearPlane"},
+                 {"Kvo_float_FarPlane"},
+                 {"Kvo_KvoTexture*_Depth"},
+                 {"Kvo_float_SAORadius", 0.08f},
+                 {"Kvo_float_SAOBias", 0.03f},
+                 {"Kvo_float_SAOIntensity", 1.0f},
+                 {"Kvo_KvoTexture*_CameraSpacePosition"},
+                 {"Kvo_KvoTexture*_Normal"},
+                 {"Kvo_float_SaoNumSamples", 11.0f},
+                 {"Kvo_float_SaoNumLogMaxOffset", 3.0f},
+                 {"Kvo_float_SaoNumSpiralTurns", 3.0f},
+                 {"Kvo_float_ResolutionDivider", 1.0f}},
+                {"Kvo_KvoTexture*_Frame"});
+}
+
+TEST_F(Obscurance, ConstructingCopyingAndDestroyingMakesNoGLCall)
+{
+    expectNoGLCallBeforeStart<Sao>();
+}
+
+TEST_P(ObscuranceOfScenes, ThePictureIsTheShadersOnTheCPU)
+{
+    Scene scene = sceneOf(GetParam().surface);
+    if (GetParam().positions)
+        addPositions(scene);
+    if (GetParam().normals != Normals::Calculated)
+        addNormals(scene, GetParam().normals);
+    expectReference(scene);
+}
+
+INSTANTIATE_TEST_SUITE_P(Scenes, ObscuranceOfScenes, ::testing::ValuesIn(cases()), nameOf);
+
+TEST_F(Obscurance, OtherNumbersFollowTheReferenceAndAreToldApart)
+{
+    Scene scene = sceneOf(corner);
+    addNormals(scene, Normals::CameraSpace);
+    setScene(scene);
+    const Image<float> image = rendered();
+    ASSERT_TRUE(isReference(image, scene));
+    const auto changed = [&](auto Scene::*member, auto value) {
+        Scene other = scene;
+        other.*member = value;
+        EXPECT_FALSE(isReference(image, other)) << "the picture of before";
+        setNumbers(other);
+        const Image<float> after = rendered();
+        const Comparison result = compare(after, other);
+        EXPECT_EQ(result.wrong, 0) << qPrintable(result.where);
+        EXPECT_FALSE(isReference(after, scene)) << "the reference of before";
+    };
+    changed(&Scene::radius, 0.5f);
+    changed(&Scene::bias, 0.1f);
+    changed(&Scene::intensity, 2.0f);
+    changed(&Scene::samples, 23.0f);
+    changed(&Scene::turns, 7.0f);
+}
+
+TEST_F(Obscurance, OneTurnIsSixPointTwoEight)
+{
+    Scene scene = sceneOf(stepEdge);
+    addNormals(scene, Normals::CameraSpace);
+    scene.turns = 400; // so that the small difference adds up
+    setScene(scene);
+    const Image<float> image = rendered();
+    EXPECT_TRUE(isReference(image, scene));
+    scene.turn = 2 * M_PI;
+    EXPECT_FALSE(isReference(image, scene));
+}
+
+TEST_F(Obscurance, PositionsThroughLinearFiltersFollowTheReferenceToo)
+{
+    Scene scene = sceneOf(corner);
+    addPositions(scene);
+    scene.linearPositions = true;
+    expectReference(scene);
+}
+
+TEST_F(Obscurance, PositionsOfTheCameraSpacePassServeAsThose)
+{
+    Scene scene = sceneOf(corner);
+    addNormals(scene, Normals::CameraSpace);
+    setScene(scene);
+    CameraSpaceZBufferRenderPass unproject;
+    unproject.setInput(0, QRect(0, 0, scene.width, scene.height));
+    unproject.setInput(1, textureToVariant(depth.get()));
+    unproject.setInput(2, scene.projection);
+    unproject.setNumOutputUsers(0, 1);
+    runFrame(unproject);
+    pass->setInput(kPosition, unproject.output(0));
+    addPositions(scene);
+    scene.linearPositions = true; // as the pool has them
+    const Comparison result = compare(rendered(), scene);
+    EXPECT_EQ(result.wrong, 0) << qPrintable(result.where);
+    EXPECT_EQ(TextureManager::Instance().statistics().inUse, 0) << "the reference was given back";
+}
+
+TEST_F(Obscurance, TheDividerDividesTheSizeAndRoundsDown)
+{
+    const struct
+    {
+        float divider;
+        int width, height;
+    } kSizes[] = {{0, 101, 50}, {1, 101, 50}, {2, 50, 25}, {1.5f, 67, 33}, {3.7f, 27, 13}};
+    pass->setInput(kViewport, QRect(0, 0, 101, 50));
+    for (const auto &[divider, width, height] : kSizes) {
+        pass->setInput(kDivider, divider);
+        runFrame(*pass);
+        const TextureState state = stateOf(outputTexture(*pass, 0));
+        EXPECT_EQ(state.width, width) << divider;
+        EXPECT_EQ(state.height, height) << divider;
+        EXPECT_EQ(state.internalFormat, unsigned(GL_RGBA16F));
+    }
+}
+
+TEST_F(Obscurance, ADividerOfZeroActsAsOne)
+{
+    Scene scene = sceneOf(corner);
+    scene.divider = 0;
+    expectReference(scene);
+}
+
+TEST_F(Obscurance, WithADividerPositionsAreReadInProportion)
+{
+    for (const float divider : {1.5f, 2.0f}) {
+        Scene scene = sceneOf(ballOnFloor, 96, 64, divider);
+        addPositions(scene);
+        scene.linearPositions = true; // with a divider of 2 pixels lie between the texels
+        addNormals(scene, Normals::World);
+        pass = std::make_unique<Sao>();
+        depth.reset();
+        expectReference(scene);
+    }
+}
+
+TEST_F(Obscurance, WithADividerTheDepthIsReadTexelByTexelFromItsCorner)
+{
+    for (const float divider : {1.5f, 2.0f}) {
+        pass = std::make_unique<Sao>();
+        depth.reset();
+        Scene scene = sceneOf(corner, 96, 64, divider);
+        addNormals(scene, Normals::CameraSpace);
+        expectReference(scene);
+    }
+}
+
+TEST_F(Obscurance, DividersWithoutAPictureRaiseNoError)
+{
+    setScene(sceneOf(corner));
+    for (const float divider :
+         {-1.0f, 1e-30f, 1e30f, std::numeric_limits<float>::infinity(), std::numeric_limits<float>::quiet_NaN()}) {
+        pass->setInput(kDivider, divider);
+        runFrame(*pass);
+        EXPECT_NE(outputTexture(*pass, 0), nullptr);
+    }
+}
+
+TEST_F(Obscurance, TheSampleCountGoesToTheShaderWithoutItsFraction)
+{
+    Scene scene = sceneOf(corner);
+    scene.samples = 11.9f;
+    scene.turns = 3.9f;
+    expectReference(scene);
+    const Image<float> image = rendered();
+    pass->setInput(kSamples, 11.0f);
+    pass->setInput(kTurns, 3.0f);
+    EXPECT_TRUE(sameImage(rendered(), image, within(0)));
+}
+
+TEST_F(Obscurance, WithNoSamplesNothingIsObscuredOrThePixelIsNotANumber)
+{
+    setScene(sceneOf(corner));
+    pass->setInput(kSamples, 0.0f);
+    // The sum is empty and its scale infinite: 0 times infinity, which max() may turn into 0.
+    const Image<float> image = rendered();
+    for (const auto &pixel : image.pixels)
+        ASSERT_TRUE(std::isnan(pixel[0]) || pixel[0] == 0 || pixel[0] == 1) << pixel[0];
+}
+
+TEST_F(Obscurance, TheBackgroundStaysWhite)
+{
+    Scene scene = sceneOf(ballOnFloor);
+    setScene(scene);
+    const Image<float> image = rendered();
+    int background = 0;
+    for (int y = 0; y < scene.height; ++y)
+        for (int x = 0; x < scene.width; ++x)
+            if (scene.depth.at(x, y)[0] == 1) {
+                ++background;
+                ASSERT_EQ(image.at(x, y)[0], 1);
+            }
+    EXPECT_GT(background, 200);
+}
+
+TEST_F(Obscurance, OneTapOnTheBackgroundEndsTheWholePixel)
+{
+    Scene scene = sceneOf(corner);
+    addNormals(scene, Normals::CameraSpace);
+    setScene(scene);
+    const Image<float> whole = rendered();
+    // A few holes: every pixel that has one of them under a tap turns white.
+    for (const auto &[x, y] : {std::pair(24, 12), std::pair(25, 12), std::pair(24, 13), std::pair(25, 13)})
+        scene.depth.at(x, y)[0] = 1;
+    depth = depthTexture(scene.depth);
+    pass->setInput(kDepth, textureToVariant(depth.get()));
+    const Image<float> pierced = rendered();
+    const Comparison result = compare(pierced, scene);
+    EXPECT_EQ(result.wrong, 0) << qPrintable(result.where);
+    int turned = 0;
+    for (int y = 0; y < scene.height; ++y)
+        for (int x = 0; x < scene.width; ++x) {
+            const bool isHole = scene.depth.at(x, y)[0] == 1;
+            turned += !isHole && whole.at(x, y)[0] < 1 && pierced.at(x, y)[0] == 1;
+        }
+    EXPECT_GE(turned, 8);
+}
+
+TEST_F(Obscurance, WithPositionsTheBackgroundUnderATapDoesNotCount)
+{
+    Scene scene = sceneOf(ballOnFloor);
+    addPositions(scene);
+    addNormals(scene, Normals::CameraSpace);
+    expectReference(scene, 0.25);
+    // The far plane lies at 30 units, which is no sky: not even background pixels are discarded.
+    EXPECT_EQ(Reference(scene).ranges().at(2, scene.height - 2)[2], 0);
+}
+
+TEST_F(Obscurance, WhatIsFartherThanFiftyUnitsIsSkyWhateverTheFarPlaneIs)
+{
+    Scene scene = sceneOf(corner);
+    addPositions(scene);
+    addNormals(scene, Normals::CameraSpace);
+    for (auto &pixel : scene.positions->pixels)
+        for (size_t c = 0; c < 3; ++c)
+            pixel[c] *= 20; // the wall at 3 units comes to lie at 60
+    scene.radius *= 20;
+    scene.bias *= 20;
+    scene.intensity /= 20; // a term grows with the scene
+    pass->setInput(kFar, 1000.0f);
+    expectReference(scene);
+    const Image<float> image = rendered();
+    bool obscuredNear = false;
+    for (int y = 0; y < scene.height; ++y)
+        for (int x = 0; x < scene.width; ++x) {
+            if (scene.positions->at(x, y)[2] < -50)
+                ASSERT_EQ(image.at(x, y)[0], 1);
+            else
+                obscuredNear = obscuredNear || image.at(x, y)[0] < 0.9f;
+        }
+    EXPECT_TRUE(obscuredNear);
+}
+
+TEST_F(Obscurance, AMultisampledDepthIsReadAtItsFirstSample)
+{
+    Scene scene = sceneOf(corner);
+    MultisampledDepth multisampled = multisampledDepth(scene.depth);
+    int background = 0;
+    for (const auto &pixel : multisampled.firstSamples.pixels)
+        background += pixel[0] == 1;
+    ASSERT_GT(background, 20) << "the edge cuts the picture";
+    scene.depth = multisampled.firstSamples;
+    depth = std::move(multisampled.texture);
+    setScene(scene);
+    const GlCalls calls;
+    const Image<float> image = rendered();
+    const Comparison result = compare(image, scene);
+    EXPECT_EQ(result.wrong, 0) << qPrintable(result.where);
+    EXPECT_GT(result.obscured, 20);
+    EXPECT_EQ(calls.count("glFramebufferTexture2D", {GL_FRAMEBUFFER, GL_DEPTH_ATTACHMENT}), 0) << "not attached";
+    EXPECT_EQ(calls.count("glGetTexLevelParameteriv"), 0);
+}
+
+TEST_F(Obscurance, AMultisampledDepthWithPositionsDrawsNothingAndReportsNothing)
+{
+    Scene scene = sceneOf(corner);
+    MultisampledDepth multisampled = multisampledDepth(scene.depth);
+    depth = std::move(multisampled.texture);
+    addPositions(scene);
+    int failures = 0;
+    ShaderProgram::setFailureHandler([&](const ShaderFailure &) { ++failures; });
+    setScene(scene);
+    EXPECT_TRUE(sameImage(rendered(), Image<float>(scene.width, scene.height, {1, 1, 1, 1}), within(0)));
+    ShaderProgram::setFailureHandler({});
+    EXPECT_EQ(failures, 0);
+}
+
+TEST_F(Obscurance, TheDepthIsAttachedWhereItsFormatBelongsAndTakenOffAgain)
+{
+    const struct
+    {
+        GLenum format, attachment;
+    } kFormats[] = {{GL_DEPTH_COMPONENT32F, GL_DEPTH_ATTACHMENT},
+                    {GL_DEPTH_COMPONENT16, GL_DEPTH_ATTACHMENT},
+                    {GL_DEPTH24_STENCIL8, GL_DEPTH_STENCIL_ATTACHMENT}};
+    for (const auto &[format, attachment] : kFormats) {
+        Scene scene = sceneOf(corner);
+        addNormals(scene, Normals::CameraSpace);
+        pass = std::make_unique<Sao>();
+        if (format == GL_DEPTH_COMPONENT16) {
+            QVector<quint16> values;
+            for (auto &pixel : scene.depth.pixels) {
+                values.append(quint16(std::lround(double(pixel[0]) * 0xFFFF)));
+                pixel[0] = float(values.last() / 65535.0);
+            }
+            depth = makeTexture(format, scene.width, scene.height, values.constData());
+        } else {
+            depth = depthTexture(scene.depth, format);
+        }
+        setScene(scene);
+        const GlCalls calls;
+        const Comparison result = compare(rendered(), scene);
+        EXPECT_EQ(result.wrong, 0) << qPrintable(result.where);
+        const int attached = calls.indexOf("glFramebufferTexture2D", {GL_FRAMEBUFFER, double(attachment), GL_TEXTURE_2D,
+                                                                      double(depth->textureID()), 0});
+        const int drawn = calls.indexOf("glDrawArrays");
+        const int detached = calls.indexOf("glFramebufferTexture", {GL_FRAMEBUFFER, double(attachment), 0, 0});
+        EXPECT_GE(attached, 0);
+        EXPECT_GT(drawn, attached);
+        EXPECT_GT(detached, drawn);
+    }
+}
+
+TEST_F(Obscurance, AnUnknownDepthFormatIsReportedAtEveryStartAndDrawnWithoutAnAttachment)
+{
+    Scene scene = sceneOf(corner);
+    addNormals(scene, Normals::CameraSpace);
+    depth = depthTexture(scene.depth, GL_R32F);
+    setScene(scene);
+    for (int frame = 0; frame < 2; ++frame) {
+        const MessageCapture messages;
+        const GlCalls calls;
+        const Comparison result = compare(rendered(), scene);
+        EXPECT_EQ(result.wrong, 0) << qPrintable(result.where);
+        const QStringList texts = messages.texts(QtCriticalMsg);
+        ASSERT_EQ(texts.size(), 1);
+        EXPECT_TRUE(texts[0].startsWith(QStringLiteral("[scalableambientobscurancerenderpass.cpp:")))
+            << qPrintable(texts[0]);
+        EXPECT_TRUE(texts[0].endsWith(QStringLiteral("[ !! ] Assertion 'false' failed: Unhandled depth format")))
+            << qPrintable(texts[0]);
+        EXPECT_EQ(calls.count("glFramebufferTexture2D"), 1) << "the colour alone";
+    }
+}
+
+TEST_F(Obscurance, NormalProcessingAfterTheFirstStartIsReportedTwiceAndChangesNothing)
+{
+    Scene scene = sceneOf(corner);
+    addNormals(scene, Normals::World);
+    setScene(scene);
+    const Image<float> before = rendered();
+    const MessageCapture messages;
+    pass->setNormalProcessing(Sao::NormalScreenSpace);
+    const QStringList texts = messages.texts(QtCriticalMsg);
+    ASSERT_EQ(texts.size(), 2);
+    const QString reason = QStringLiteral("Do not set the normal processing once a shader has been created.");
+    EXPECT_TRUE(texts[0].endsWith(QStringLiteral("[ !! ] Assertion 'NULL == _shaderProgramSS' failed: ") + reason));
+    EXPECT_TRUE(texts[1].endsWith(QStringLiteral("[ !! ] Assertion 'NULL == _shaderProgramMS' failed: ") + reason));
+    EXPECT_TRUE(sameImage(rendered(), before, within(0)));
+}
+
+TEST_F(Obscurance, NormalProcessingBeforeTheFirstStartIsSilent)
+{
+    const MessageCapture messages;
+    pass->setNormalProcessing(Sao::NormalScreenSpace);
+    EXPECT_EQ(messages.texts(), QStringList());
+}
+
+TEST_F(Obscurance, AnUnknownNormalProcessingDoesNotCompileAndLeavesThePictureWhite)
+{
+    Scene scene = sceneOf(corner);
+    addNormals(scene, Normals::World);
+    setScene(scene);
+    pass->setNormalProcessing(Sao::NormalProcessing(7));
+    QStringList logs;
+    ShaderProgram::setFailureHandler([&](const ShaderFailure &failure) { logs << failure.log; });
+    const Image<float> image = rendered();
+    ShaderProgram::setFailureHandler({});
+    ASSERT_EQ(logs.size(), 2) << "one for each program";
+    EXPECT_TRUE(logs[0].contains(QStringLiteral("Not know Normal processing")));
+    EXPECT_TRUE(sameImage(image, Image<float>(scene.width, scene.height, {1, 1, 1, 1}), within(0)));
+}
+
+TEST_F(Obscurance, OptionalInputsThatComeLateDoNotChangeThePrograms)
+{
+    Scene scene = sceneOf(corner);
+    setScene(scene);
+    runFrame(*pass);
+    Scene later = scene;
+    addNormals(later, Normals::World);
+    const auto late = makeTexture(later.normalImage);
+    pass->setInput(kNormal, textureToVariant(late.get()));
+    const GlCalls calls;
+    const Comparison result = compare(rendered(), scene);
+    EXPECT_EQ(result.wrong, 0) << "still face normals: " << qPrintable(result.where);
+    EXPECT_EQ(calls.created(GlKind::Program), 0);
+}
+
+TEST_F(Obscurance, ADriverThatRefusesTheSecondTextDoesWithoutIt)
+{
+    Scene scene = sceneOf(corner);
+    addNormals(scene, Normals::CameraSpace);
+    int failures = 0;
+    ShaderProgram::setFailureHandler([&](const ShaderFailure &) { ++failures; });
+    {
+        const QPair<QByteArray, QByteArray> refusal{"vec4 positionFromDepth(",
+                                                    "#error version\nvec4 positionFromDepth("};
+        const ShaderEdit refused({refusal});
+        expectReference(scene);
+    }
+    ShaderProgram::setFailureHandler({});
+    EXPECT_EQ(failures, 0) << "nobody need know";
+}
+
+TEST_F(Obscurance, TheTextAsksForTheVersionThatTheContextHas)
+{
+    Scene scene = sceneOf(corner);
+    addNormals(scene, Normals::CameraSpace);
+    const bool has400 = OpenGLDeviceContext::current()->version() >= 40;
+    const QByteArray first = has400 ? "#version 400\n" : "#version 150\n";
+    const QPair<QByteArray, QByteArray> same{first, first};
+    const ShaderEdit edit({same}); // fails when no text has it
+    expectReference(scene);
+}
+
+TEST_F(Obscurance, UniformsAreSetInTheirOrderToTheirValues)
+{
+    Scene scene = sceneOf(corner);
+    scene.samples = 9.7f;
+    scene.turns = 4.6f;
+    addNormals(scene, Normals::World);
+    setScene(scene);
+    pass->setInput(kLogMaxOffset, 2.0f);
+    runFrame(*pass);
+    const GlCalls calls;
+    runFrame(*pass);
+    const auto program = GLuint(calls.calls("glUseProgram").front().args[0]);
+    QStringList names;
+    QHash<QString, std::vector<double>> values;
+    for (const GlCall &call : calls.all()) {
+        if (QByteArrayView(call.name).startsWith("glUniform")) {
+            for (const char *name :
+                 {"CS_Z_buffer", "u_Normals", "u_Camera", "projScale", "radius", "radius2", "invRadius2", "bias",
+                  "intensity", "u_ClipInfo", "u_ProjInfo", "u_NumSamples", "u_LogMaxOffset", "u_NumSpiralTurns"}) {
+                if (glGetUniformLocation(program, name) == GLint(call.args[0])) {
+                    names << QString::fromLatin1(name);
+                    values[names.last()] = call.data.empty() ? std::vector<double>{call.args.back()} : call.data;
+                }
+            }
+        }
+    }
+    // radius2 is not used, so a compiler drops it.
+    names.removeAll(QStringLiteral("radius2"));
+    EXPECT_EQ(names.join(QLatin1Char(' ')),
+              QStringLiteral("CS_Z_buffer u_Normals u_Camera projScale radius invRadius2 bias intensity u_ClipInfo "
+                             "u_ProjInfo u_NumSamples u_LogMaxOffset u_NumSpiralTurns"));
+    const double p00 = double(scene.projection(0, 0)), p11 = double(scene.projection(1, 1));
+    const auto is = [&](const char *name, const std::vector<double> &expected) {
+        const auto actual = values.value(QString::fromLatin1(name));
+        ASSERT_EQ(actual.size(), expected.size()) << name;
+        for (size_t i = 0; i < expected.size(); ++i)
+            EXPECT_NEAR(actual[i], expected[i], 1e-6 * std::max(1.0, std::abs(expected[i]))) << name << " " << i;
+    };
+    is("projScale", {scene.height * p11 * 0.5});
+    is("radius", {double(scene.radius)});
+    is("invRadius2", {1 / (double(scene.radius) * double(scene.radius))});
+    is("bias", {double(scene.bias)});
+    is("intensity", {1});
+    is("u_ClipInfo", {kFarPlane * kNearPlane, kNearPlane - kFarPlane, kFarPlane});
+    is("u_ProjInfo", {-2 / (scene.width * p00), -2 / (scene.height * p11), 1 / p00, 1 / p11});
+    is("u_NumSamples", {9});
+    is("u_LogMaxOffset", {2});
+    is("u_NumSpiralTurns", {4});
+}
+
+TEST_F(Obscurance, AnAsymmetricProjectionEntersThePositions)
+{
+    Scene scene = sceneOf(corner);
+    scene.projection.setToIdentity();
+    scene.projection.frustum(-0.3f, 0.5f, -0.2f, 0.3f, float(kNearPlane), float(kFarPlane));
+    // The reference and the pass read the off-centre entries with these signs, whatever a renderer has.
+    addNormals(scene, Normals::CameraSpace);
+    expectReference(scene);
+}
+
+TEST_F(Obscurance, WithoutADepthNothingIsDrawnAndTheOutputPublished)
+{
+    TextureManager &pool = TextureManager::Instance();
+    Texture *pooled = pool.tempTexture(TextureFormat::Position, 8, 8);
+    pass->setInput(kViewport, QRect(0, 0, 8, 8));
+    pass->setInput(kPosition, textureToVariant(pooled));
+    pass->setNumOutputUsers(0, 1);
+    const GlCalls calls;
+    runFrame(*pass);
+    EXPECT_EQ(calls.draws(), 0);
+    EXPECT_EQ(calls.count("glClear"), 0);
+    EXPECT_EQ(pool.tempTextureRefs(pooled), 0) << "given back all the same";
+    EXPECT_EQ(pool.tempTextureRefs(outputTexture(*pass, 0)), 1);
+    pool.releaseTempTextureRef(outputTexture(*pass, 0), 1);
+}
+
+TEST_F(Obscurance, EveryTextureInputLosesOneReferenceAndEveryUserHasOne)
+{
+    TextureManager &pool = TextureManager::Instance();
+    Texture *inputs[] = {pool.tempTexture(TextureFormat::Depth32, 8, 8),
+                         pool.tempTexture(TextureFormat::Position, 8, 8),
+                         pool.tempTexture(TextureFormat::Result, 8, 8)};
+    pass->setInput(kViewport, QRect(0, 0, 8, 8));
+    const Input slots[] = {kDepth, kPosition, kNormal};
+    for (size_t i = 0; i < 3; ++i) {
+        pool.addTempTextureRef(inputs[i], 1);
+        // Either form will do.
+        pass->setInput(slots[i], i == 1 ? QVariant::fromValue(inputs[i]) : textureToVariant(inputs[i]));
+    }
+    pass->setNumOutputUsers(0, 3);
+    runFrame(*pass);
+    for (Texture *input : inputs) {
+        EXPECT_EQ(pool.tempTextureRefs(input), 1);
+        pool.releaseTempTextureRef(input, 1);
+    }
+    Texture *output = outputTexture(*pass, 0);
+    EXPECT_EQ(pool.tempTextureRefs(output), 3);
+    pool.releaseTempTextureRef(output, 3);
+    pass->setNumOutputUsers(0, 0);
+    for (const Input slot : slots)
+        pass->setInput(slot, QVariant());
+    runFrame(*pass);
+    EXPECT_EQ(pool.tempTextureRefs(outputTexture(*pass, 0)), 0);
+}
+
+TEST_F(Obscurance, ChangesOnlyTheStateThatItSays)
+{
+    setScene(sceneOf(corner));
+    runFrame(*pass);
+    glEnable(GL_DEPTH_TEST);
+    glEnable(GL_STENCIL_TEST);
+    glDepthMask(GL_TRUE);
+    glViewport(1, 2, 3, 4);
+    glClearColor(0.1f, 0.2f, 0.3f, 0.4f);
+    glStencilMask(0xF0);
+    glStencilFunc(GL_ALWAYS, 9, 0x0F);
+    glStencilOp(GL_INCR, GL_INCR, GL_INCR);
+    const GLStateSnapshot before;
+    const GlCalls calls;
+    runFrame(*pass);
+    // The reference value reads as 0 here, where the framebuffer has no stencil.
+    EXPECT_EQ(GLStateSnapshot().changedSince(before).join(QStringLiteral(", ")).toStdString(),
+              "viewport, clear colour, stencil test, depth mask, stencil mask, stencil function, stencil value mask");
+    EXPECT_EQ(
+        calls
+            .sequence({"glDisable", "glDepthMask", "glStencilFunc", "glStencilOp", "glStencilMask", "glDrawArrays",
+                       "glEnable"})
+            .join(QLatin1Char(' '))
+            .toStdString(),
+        "glDisable glDisable glDepthMask glDisable glStencilFunc glStencilOp glStencilMask glDrawArrays glEnable");
+    EXPECT_EQ(calls.count("glStencilFunc", {GL_EQUAL, 1, 0xff}), 1);
+    EXPECT_TRUE(glIsEnabled(GL_DEPTH_TEST)) << "put back";
+    const auto integer = [](GLenum query) {
+        GLint value = -1;
+        glGetIntegerv(query, &value);
+        return value;
+    };
+    EXPECT_EQ(integer(GL_STENCIL_FUNC), GL_EQUAL);
+    EXPECT_EQ(integer(GL_STENCIL_VALUE_MASK), 0xff);
+    EXPECT_EQ(integer(GL_STENCIL_FAIL), GL_KEEP);
+    EXPECT_EQ(integer(GL_STENCIL_PASS_DEPTH_FAIL), GL_KEEP);
+    EXPECT_EQ(integer(GL_STENCIL_PASS_DEPTH_PASS), GL_KEEP);
+    EXPECT_EQ(integer(GL_STENCIL_WRITEMASK), 0);
+    EXPECT_EQ(integer(GL_DEPTH_WRITEMASK), GL_FALSE);
+    GLfloat clear[4] = {1, 1, 1, 1};
+    glGetFloatv(GL_COLOR_CLEAR_VALUE, clear);
+    for (const GLfloat c : clear)
+        EXPECT_EQ(c, 0);
+    glStencilMask(0xFF);
+}
+
+TEST_F(Obscurance, SteadyFrameCreatesNothing)
+{
+    Scene scene = sceneOf(corner);
+    addPositions(scene);
+    addNormals(scene, Normals::World);
+    setScene(scene);
+    expectSteadyFrameCreatesNothing(*pass);
+    KVO_EXPECT_STEADY_FRAME_TAKES_NOTHING_FROM_THE_HEAP(*pass);
+}
+
+TEST_F(Obscurance, EmptyViewportsRaiseNoError)
+{
+    setScene(sceneOf(corner));
+    expectEmptyViewportsRaiseNoError(*pass);
+}
