@@ -1,0 +1,71 @@
+#pragma once
+
+#include "core/renderpasshelper.h"
+#include "renderpasses/export.h"
+
+#include <QSharedPointer>
+
+namespace Brevane::Kvo {
+
+class DrawBuffers;
+class FramebufferObject;
+class ShaderProgram;
+class Texture;
+
+/// Puts a cross-fade of two image files behind a finished frame, and lets a floor sink into it. Which
+/// pixel is what comes from the material ids in the alpha channel of the normal image.
+///
+/// | # | Input                      | Type    | Default | Meaning                                              |
+/// |---|----------------------------|---------|---------|------------------------------------------------------|
+/// | 0 | Kvo_QRect_Viewport         | QRect   | none    | size of the result                                   |
+/// | 1 | Kvo_KvoTexture*_Frame      | texture | none    | the frame; required (none: transparent black)        |
+/// | 2 | Kvo_KvoTexture*_Depth      | texture | none    | depth and stencil of the frame; has no effect on the picture |
+/// | 3 | Kvo_string_FadeImageUrl1   | QString | none    | path of the first image                              |
+/// | 4 | Kvo_string_FadeImageUrl2   | QString | none    | path of the second image                             |
+/// | 5 | Kvo_float_FadeRatio        | float   | none    | weight of the first image, from 0 on                 |
+/// | 6 | Kvo_float_FadeRatio2       | float   | none    | weight of the second image, from 0 on                |
+/// | 7 | Kvo_KvoTexture*_Normal     | texture | none    | alpha: material id plus 1, with either sign; 0: nothing was drawn. None: undefined |
+/// | 8 | Kvo_int_FloorMaterialId    | int     | -1      | material of the floor; -1: there is none             |
+/// | 9 | Kvo_float_FadeRatioFloor   | float   | none    | share of the frame on the floor                      |
+///
+/// | # | Output                   | Format            |
+/// |---|--------------------------|-------------------|
+/// | 0 | Kvo_KvoTexture*_Frame    | pool format 7     |
+///
+/// With background = image 1 * FadeRatio + image 2 * FadeRatio2, in all four channels: where nothing was
+/// drawn the result is the background; on the floor it is frame * FadeRatioFloor + background * (1 -
+/// FadeRatioFloor); elsewhere it is the frame. Ratios are taken as they are: they need not add up to 1,
+/// and may lie beyond.
+///
+/// Each image is loaded once, through TextureManager::textureFromFile, which owns it: a path that changes
+/// after that has no effect. One that cannot be loaded counts as transparent black and is tried again in
+/// the next frame. Frame, depth and normal image are given back to the pool.
+///
+/// Leaves changed: viewport, depth test off, depth mask off, stencil test off, stencil function (equal, 0,
+/// 0xff), all stencil operations keep, stencil mask 0. Needs OpenGL 3.2.
+class KVO_RENDERPASSES_EXPORT BackgroundImageRenderPass : public RenderPassHelper
+{
+public:
+    BackgroundImageRenderPass();
+    /// Shares the GL objects, so it is for passes that have not started.
+    BackgroundImageRenderPass(const BackgroundImageRenderPass &other);
+    BackgroundImageRenderPass &operator=(const BackgroundImageRenderPass &other);
+    ~BackgroundImageRenderPass() override;
+
+    /// Makes a framebuffer, each time, and what else is missing.
+    void setup(RenderCallbacks *callbacks) override;
+    void start(RenderCallbacks *callbacks) override;
+    /// Frees nothing.
+    void teardown(RenderCallbacks *callbacks) override;
+
+private:
+    FramebufferObject *_fbo = nullptr;
+    ShaderProgram *_program = nullptr;
+    QSharedPointer<DrawBuffers> _quad;
+    Texture *_fadeTexture1 = nullptr;
+    Texture *_fadeTexture2 = nullptr;
+    int _width = 0;
+    int _height = 0;
+};
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,123 @@
+#pragma once
+
+#include "core/renderpasshelper.h"
+#include "renderpasses/export.h"
+
+#include <QByteArray>
+#include <QSharedPointer>
+#include <QString>
+#include <QVector>
+
+namespace Brevane::Kvo {
+
+class DrawBuffers;
+class FramebufferObject;
+class ShaderProgram;
+class Texture;
+
+/// Runs a program of the host's: source texts from the host, slots that the host adds by name. Without
+/// geometry it draws a screen quad, so that it serves as a free-form image filter; with geometry it draws
+/// that with the same program.
+///
+/// What a slot is follows from its name:
+///
+/// | Slot                             | What it is                                                          |
+/// |----------------------------------|---------------------------------------------------------------------|
+/// | input Kvo_KvoTexture*_X          | sampler uniform u_X; not connected: a transparent texel             |
+/// | input Kvo_KvoDrawBuffers*_X      | the geometry to draw; of several the last one counts                |
+/// | input Kvo_QRect_Viewport         | size of the targets; declared by the constructor                    |
+/// | any other input                  | a plain uniform that has the slot's full name, see setUniforms      |
+/// | output Kvo_KvoTexture*_X         | a colour target of pool format 3, written by fragment output o_X    |
+/// | any other output                 | nothing                                                             |
+///
+/// Targets are attached in the order of the outputs. Without a viewport they have the size of the first
+/// connected two-dimensional sampler, without that 1 by 1; a width or height of 0 counts as 1. Vertex
+/// shaders read va_Vertex (vec3) and va_TexCoord (vec2) of the quad, or the attributes of the geometry.
+/// The default shaders copy u_Input.
+///
+/// Add all slots and set all sources before the first start. Slot tables grow with what is added later
+/// and are never cleared: a slot that comes late makes every earlier texture slot count twice, and more
+/// with each frame (targets beyond what the driver can attach are passed over). A source that comes late
+/// has no effect, since the program is built once.
+///
+/// A source that does not compile or link goes to the handler of ShaderProgram::setFailureHandler, under
+/// the name of setName and with its numbered text; frames go on, and targets show their cleared content.
+///
+/// Outputs are in typed form and carry the references of their users. Every texture input is given back
+/// to the pool. Connected textures keep what a draw sets on them: linear filters, wrap clamped to the edge.
+///
+/// Leaves changed: viewport, depth test off, blending off, the blend function with a blend mode other
+/// than BlendNone. Clears with the clear colour of the moment. Needs OpenGL 3.2; tessellation stages need
+/// GL_ARB_tessellation_shader, and geometry of GL_PATCHES: anything else is not drawn with them.
+class KVO_RENDERPASSES_EXPORT ShaderRenderPass : public RenderPassHelper
+{
+public:
+    /// How fragments are combined with what is in the targets.
+    enum BlendMode : int {
+        BlendNone, ///< Blending off.
+        BlendAlpha, ///< Source * (1 - source alpha) + destination * source alpha, so alpha is what stays.
+        BlendAdd, ///< Source + destination.
+    };
+
+    ShaderRenderPass();
+    ShaderRenderPass(const ShaderRenderPass &other);
+    ShaderRenderPass &operator=(const ShaderRenderPass &other);
+    ~ShaderRenderPass() override;
+
+    /// Append a slot and give its index; see the table above.
+    using RenderPassHelper::addInput;
+    using RenderPassHelper::addOutput;
+
+    void setVertexShaderSource(const QString &source);
+    void setFragmentShaderSource(const QString &source);
+    /// This and the tessellation stages are left out while their text is empty.
+    void setGeometryShaderSource(const QString &source);
+    void setTessellationControlShaderSource(const QString &source);
+    void setTessellationEvaluationShaderSource(const QString &source);
+
+    /// Whether targets are cleared before each draw; on at first. The first frame and frames of a new
+    /// size are cleared either way. Without clearing a draw lands on a pool texture of unknown content.
+    void setClear(bool clear);
+    /// Off at first. A mode that is none of the three acts as BlendAlpha.
+    void setBlend(BlendMode mode);
+
+    /// How messages about the program call it, and debuggers; "ShaderRenderPass" at first. Before the
+    /// first start.
+    void setName(const QString &name);
+
+    void start(RenderCallbacks *callbacks) override;
+
+    /// Sets the plain uniforms; start calls it with the program bound. This form takes the inputs in their
+    /// order: where the value is a bool, int, float, double, QRect, QSize, QColor, QMatrix4x4, QVector2D,
+    /// QVector3D or QVector4D, and the program has a uniform with the full name of the slot, that one is
+    /// set. A subclass may set others, through _program, instead of these or beside them.
+    virtual void setUniforms();
+
+protected:
+    FramebufferObject *_fbo = nullptr;
+    ShaderProgram *_program = nullptr;
+    QSharedPointer<DrawBuffers> _quad;
+    Texture *_defaultTexture = nullptr; ///< For samplers that are not connected; not owned.
+    QString _vertexShaderSource;
+    QString _fragmentShaderSource;
+    QString _geometryShaderSource;
+    QString _tessellationControlShaderSource;
+    QString _tessellationEvaluationShaderSource;
+    int _width = 0;
+    int _height = 0;
+    bool _clear = true;
+    BlendMode _blend = BlendNone;
+    QVector<int> _textureInputs; ///< Inputs that are samplers.
+    QVector<int> _textureOutputs; ///< Outputs that are colour targets.
+    QVector<QByteArray> _uniformNames; ///< By input.
+    int _geometryInput = -1;
+
+private:
+    void _readSlotNames();
+    void _buildProgram();
+
+    QString _name;
+    QVector<QString> _samplerNames; // the uniform names of _textureInputs, ready for use
+};
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,49 @@
+#pragma once
+
+#include "core/renderpasshelper.h"
+#include "renderpasses/export.h"
+
+#include <QString>
+
+namespace Brevane::Kvo {
+
+class Texture;
+
+/// Turns an image file into a texture. One texture lives as long as the pass and takes a new content when
+/// the path changes. Unlike CubemapLoaderRenderPass it flips the image, replaces what it cannot load by
+/// white, and remembers no earlier images.
+///
+/// | # | Input                     | Type    | Default | Meaning                                    |
+/// |---|---------------------------|---------|---------|--------------------------------------------|
+/// | 0 | Kvo_QString_TexturePath   | QString | none    | an image file that Qt reads, or a resource |
+///
+/// | # | Output                    | Format                                                            |
+/// |---|---------------------------|-------------------------------------------------------------------|
+/// | 0 | Kvo_KvoTexture*_Texture   | GL_RGBA with mip levels, bottom row first, GL's default filters   |
+///
+/// A path that is no file gives a single white texel; so does a file that cannot be read or is too large
+/// for the driver, with one message. The path counts as loaded either way: a file that changes, or turns
+/// up later, is read when the path changes. An empty path before any other leaves the texture without
+/// content.
+///
+/// Loading happens inside start, on the GL thread. The pass owns the texture, which the library never
+/// writes to. State of GL is left as found. Needs OpenGL 3.2.
+class KVO_RENDERPASSES_EXPORT TextureLoaderRenderPass : public RenderPassHelper
+{
+public:
+    TextureLoaderRenderPass();
+    /// Shares the texture, so it is for passes that have not started.
+    TextureLoaderRenderPass(const TextureLoaderRenderPass &other);
+    TextureLoaderRenderPass &operator=(const TextureLoaderRenderPass &other);
+    ~TextureLoaderRenderPass() override;
+
+    void start(RenderCallbacks *callbacks) override;
+
+private:
+    void _upload();
+
+    Texture *_texture = nullptr;
+    QString _path;
+};
+
+} // namespace Brevane::Kvo

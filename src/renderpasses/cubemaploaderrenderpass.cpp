@@ -1,0 +1,149 @@
+#include "renderpasses/cubemaploaderrenderpass.h"
+
+#include "gl/bufferobject.h"
+#include "gl/guards.h"
+#include "gl/opengldevicecontext.h"
+#include "gl/texture.h"
+#include "gl/unpackstate.h"
+#include "passkit/images.h"
+#include "passkit/slots.h"
+
+#include <epoxy/gl.h>
+
+#include <cstring>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+enum Input { kPathPosX, kPathNegX, kPathPosY, kPathNegY, kPathPosZ, kPathNegZ };
+enum Output { kCubemap };
+
+constexpr QRgb kTransparentBlack = 0;
+
+QImage loadFace(const QString &path, int largest)
+{
+    QImage image = loadBgraImage(path, largest);
+    if (image.width() != image.height()) {
+        qWarning("Image '%s' is no face of a cube: it has %dx%d texels", qPrintable(path), image.width(),
+                 image.height());
+        image = QImage();
+    }
+    return image.isNull() ? bgraTexel(kTransparentBlack) : image;
+}
+
+// Through a pixel buffer of its own, which goes at the end.
+void uploadFace(GLenum face, const QImage &image)
+{
+    const QSharedPointer<OpenGLDeviceContext> context = OpenGLDeviceContext::current();
+    const QSharedPointer<BufferObject> pixels = context->createBufferObject();
+    pixels->setTarget(GL_PIXEL_UNPACK_BUFFER);
+    AutoBinder bound(pixels);
+    const qsizetype bytes = image.sizeInBytes();
+    glBufferData(GL_PIXEL_UNPACK_BUFFER, bytes, nullptr, GL_STATIC_DRAW);
+    if (void *mapped = pixels->map(GL_WRITE_ONLY)) {
+        std::memcpy(mapped, image.constBits(), size_t(bytes));
+        pixels->unmap();
+    }
+    glTexImage2D(face, 0, GL_RGBA, image.width(), image.height(), 0, GL_BGRA, GL_UNSIGNED_BYTE, nullptr);
+}
+
+} // namespace
+
+CubemapLoaderRenderPass::CubemapLoaderRenderPass()
+{
+    addInput(QStringLiteral("Kvo_QString_CubemapPathPosX"), QVariant(), kPathPosX);
+    addInput(QStringLiteral("Kvo_QString_CubemapPathNegX"), QVariant(), kPathNegX);
+    addInput(QStringLiteral("Kvo_QString_CubemapPathPosY"), QVariant(), kPathPosY);
+    addInput(QStringLiteral("Kvo_QString_CubemapPathNegY"), QVariant(), kPathNegY);
+    addInput(QStringLiteral("Kvo_QString_CubemapPathPosZ"), QVariant(), kPathPosZ);
+    addInput(QStringLiteral("Kvo_QString_CubemapPathNegZ"), QVariant(), kPathNegZ);
+    addOutput(QStringLiteral("Kvo_KvoTexture*_Cubemap"), kCubemap);
+}
+
+CubemapLoaderRenderPass::CubemapLoaderRenderPass(const CubemapLoaderRenderPass &other) = default;
+CubemapLoaderRenderPass &CubemapLoaderRenderPass::operator=(const CubemapLoaderRenderPass &other) = default;
+
+CubemapLoaderRenderPass::~CubemapLoaderRenderPass()
+{
+    // A map that came back from the cache is both current and cached.
+    for (const Texture *cached : std::as_const(_cache)) {
+        if (cached != _cubemap)
+            delete cached;
+    }
+    delete _cubemap;
+}
+
+void CubemapLoaderRenderPass::start(RenderCallbacks *)
+{
+    const QString posX = _inputs[kPathPosX].value.toString();
+    const QString negX = _inputs[kPathNegX].value.toString();
+    const QString posY = _inputs[kPathPosY].value.toString();
+    const QString negY = _inputs[kPathNegY].value.toString();
+    const QString posZ = _inputs[kPathPosZ].value.toString();
+    const QString negZ = _inputs[kPathNegZ].value.toString();
+
+    const bool isLoaded = _cubemap && posX == _pathPosX && negX == _pathNegX && posY == _pathPosY && negY == _pathNegY
+                          && posZ == _pathPosZ && negZ == _pathNegZ;
+    if (!isLoaded) {
+        if (_cubemap) {
+            _cache.insert(_key(), _cubemap);
+            _cubemap = nullptr;
+        }
+        _pathPosX = posX;
+        _pathNegX = negX;
+        _pathPosY = posY;
+        _pathNegY = negY;
+        _pathPosZ = posZ;
+        _pathNegZ = negZ;
+        if (Texture *cached = _cache.value(_key())) {
+            _cubemap = cached;
+            _outputs[kCubemap].value = objectForm(_cubemap);
+            return;
+        }
+        _cubemap = _load();
+    }
+    _outputs[kCubemap].value = typedForm(_cubemap);
+}
+
+QString CubemapLoaderRenderPass::_key() const
+{
+    return _pathPosX + _pathPosY + _pathPosZ + _pathNegX + _pathNegY + _pathNegZ;
+}
+
+Texture *CubemapLoaderRenderPass::_load() const
+{
+    auto *texture = new Texture(nullptr);
+    texture->setTarget(GL_TEXTURE_CUBE_MAP);
+    texture->setLabel(QStringLiteral("CubemapLoaderRenderPass"));
+    AutoBinder bound(texture);
+    if (!bound.isBound())
+        return texture;
+    glTexParameteri(GL_TEXTURE_CUBE_MAP, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+    glTexParameteri(GL_TEXTURE_CUBE_MAP, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
+    glTexParameteri(GL_TEXTURE_CUBE_MAP, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
+    glTexParameteri(GL_TEXTURE_CUBE_MAP, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+    glTexParameteri(GL_TEXTURE_CUBE_MAP, GL_TEXTURE_WRAP_R, GL_CLAMP_TO_EDGE);
+
+    const QHash<GLenum, QString> faces{
+        {GL_TEXTURE_CUBE_MAP_POSITIVE_X, _pathPosX}, {GL_TEXTURE_CUBE_MAP_NEGATIVE_X, _pathNegX},
+        {GL_TEXTURE_CUBE_MAP_POSITIVE_Y, _pathPosY}, {GL_TEXTURE_CUBE_MAP_NEGATIVE_Y, _pathNegY},
+        {GL_TEXTURE_CUBE_MAP_POSITIVE_Z, _pathPosZ}, {GL_TEXTURE_CUBE_MAP_NEGATIVE_Z, _pathNegZ}};
+    GLint largest = 0;
+    glGetIntegerv(GL_MAX_CUBE_MAP_TEXTURE_SIZE, &largest);
+    const DefaultUnpackState unpack;
+    QHash<QString, QImage> images; // a file that several faces show is read once
+    for (auto face = faces.cbegin(); face != faces.cend(); ++face) {
+        auto image = images.find(face.value());
+        if (image == images.end())
+            image = images.insert(face.value(), loadFace(face.value(), largest));
+        uploadFace(face.key(), *image);
+    }
+    // GL makes no mip levels for faces of different sizes, and calls it an error to ask.
+    const auto isOfOneSize = [&](const QImage &image) { return image.size() == images.cbegin()->size(); };
+    if (std::all_of(images.cbegin(), images.cend(), isOfOneSize))
+        glGenerateMipmap(GL_TEXTURE_CUBE_MAP);
+    return texture;
+}
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,302 @@
+#include "renderpasses/skyboxrenderpass.h"
+
+#include "gl/drawbuffers.h"
+#include "gl/framebufferobject.h"
+#include "gl/guards.h"
+#include "gl/shaderprogram.h"
+#include "gl/texture.h"
+#include "passkit/pool.h"
+#include "passkit/programs.h"
+#include "passkit/slots.h"
+#include "passkit/targets.h"
+
+#include <QMatrix4x4>
+
+#include <epoxy/gl.h>
+
+#include <optional>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+enum Input { kViewport, kProjectionMatrix, kCameraMatrix, kCubemap, kLatLongMap, kBackground, kFrame, kDepth };
+enum Output { kFrameOut };
+
+// The place of the camera drops out of the direction: only its rotation shows.
+const QString kVertexShader = QStringLiteral(R"(#version 150
+
+uniform mat4 u_InvCameraMatrix;
+uniform mat4 u_NDCCoordToDirection;
+
+in vec3 va_Vertex;
+in vec2 va_TexCoord;
+
+out vec3 vo_Vertex;
+out vec3 vo_ViewDir;
+out vec2 vo_TexCoord;
+
+void main()
+{
+  gl_Position = vec4(va_Vertex, 1.0);
+%1;
+  vec4 point = u_NDCCoordToDirection * vec4(va_Vertex, 1.0);
+  vec3 viewDir = normalize(point.xyz / point.w);
+  vec3 origin = (u_InvCameraMatrix * vec4(0.0, 0.0, 0.0, 1.0)).xyz;
+  vo_ViewDir = normalize((u_InvCameraMatrix * vec4(viewDir, 1.0)).xyz - origin);
+}
+)");
+
+const QString kTexCoordAsIs = QStringLiteral("  vo_TexCoord = va_TexCoord");
+const QString kTexCoordFlipped = QStringLiteral("  vo_TexCoord = vec2(1.0, -1.0) * va_TexCoord + vec2(0.0, 1.0)");
+
+const QString kCubeFragmentShader = QStringLiteral(R"(#version 150
+
+uniform samplerCube u_EnvTexture;
+
+in vec3 vo_ViewDir;
+
+out vec4 out_FragColor;
+
+void main()
+{
+  out_FragColor = texture(u_EnvTexture, normalize(vo_ViewDir));
+}
+)");
+
+const QString kLatLongFragmentShader = QStringLiteral(R"(#version 150
+#include "KvoUtilities.glslh"
+
+uniform sampler2D u_EnvTexture;
+
+in vec3 vo_ViewDir;
+
+out vec4 out_FragColor;
+
+void main()
+{
+  out_FragColor = texture(u_EnvTexture, directionToLatLong_Tarn(normalize(vo_ViewDir)));
+}
+)");
+
+const QString kBackgroundFragmentShader = QStringLiteral(R"(#version 150
+
+uniform sampler2D u_EnvTexture;
+
+in vec2 vo_TexCoord;
+
+out vec4 out_FragColor;
+
+void main()
+{
+  vec4 color = texture(u_EnvTexture, vo_TexCoord);
+  out_FragColor = vec4(pow(color.rgb, vec3(2.2)), color.a);
+}
+)");
+
+ProgramRecipe skyProgram(const char *source, const QString &texCoord, const QString &fragmentShader)
+{
+    return {QStringLiteral("SkyboxRenderPass %1").arg(QLatin1StringView(source)),
+            {QStringLiteral("out_FragColor")},
+            {{GL_VERTEX_SHADER, ShaderSource::Text, kVertexShader.arg(texCoord)},
+             {GL_FRAGMENT_SHADER, ShaderSource::Text, fragmentShader}}};
+}
+
+const ProgramRecipe &cubeProgram()
+{
+    static const ProgramRecipe recipe = skyProgram("cube map", kTexCoordAsIs, kCubeFragmentShader);
+    return recipe;
+}
+
+const ProgramRecipe &latLongProgram()
+{
+    static const ProgramRecipe recipe = [] {
+        ProgramRecipe program = skyProgram("latitude-longitude map", kTexCoordAsIs, kLatLongFragmentShader);
+        program.sources.push_back({GL_FRAGMENT_SHADER, ShaderSource::File, QStringLiteral("KvoUtilities.glslc")});
+        return program;
+    }();
+    return recipe;
+}
+
+const ProgramRecipe &backgroundProgram()
+{
+    static const ProgramRecipe recipe = skyProgram("background", kTexCoordFlipped, kBackgroundFragmentShader);
+    return recipe;
+}
+
+// For a depth target without a stencil: lets the quad, put at the far end of the depth range, pass only
+// where nothing is nearer. GL's depth state is as before afterwards.
+class FarPlaneTest
+{
+public:
+    FarPlaneTest() : _test(GL_DEPTH_TEST)
+    {
+        glGetFloatv(GL_DEPTH_RANGE, _range);
+        glGetIntegerv(GL_DEPTH_FUNC, &_function);
+        glGetBooleanv(GL_DEPTH_WRITEMASK, &_mask);
+        glDepthRange(1.0, 1.0);
+        glDepthFunc(GL_LEQUAL);
+        glDepthMask(GL_FALSE);
+    }
+    ~FarPlaneTest()
+    {
+        glDepthRange(double(_range[0]), double(_range[1]));
+        glDepthFunc(GLenum(_function));
+        glDepthMask(_mask);
+    }
+    FarPlaneTest(const FarPlaneTest &) = delete;
+    FarPlaneTest &operator=(const FarPlaneTest &) = delete;
+
+private:
+    AutoEnabler _test;
+    GLfloat _range[2] = {};
+    GLint _function = GL_LESS;
+    GLboolean _mask = GL_TRUE;
+};
+
+} // namespace
+
+SkyboxRenderPass::SkyboxRenderPass()
+{
+    setTextureForm(TextureForm::Typed);
+    addInput(QStringLiteral("Kvo_QRect_Viewport"), QVariant(), kViewport);
+    addInput(QStringLiteral("Kvo_QMatrix4x4_ProjectionMatrix"), QVariant(), kProjectionMatrix);
+    addInput(QStringLiteral("Kvo_QMatrix4x4_CameraMatrix"), QVariant(), kCameraMatrix);
+    addInput(QStringLiteral("Kvo_KvoTexture*_Cubemap"), QVariant(), kCubemap);
+    addInput(QStringLiteral("Kvo_KvoTexture*_LatLongMap"), QVariant(), kLatLongMap);
+    addInput(QStringLiteral("Kvo_KvoTexture*_Background"), QVariant(), kBackground);
+    addInput(QStringLiteral("Kvo_KvoTexture*_Frame"), QVariant(), kFrame);
+    addInput(QStringLiteral("Kvo_KvoTexture*_Depth"), QVariant(), kDepth);
+    addOutput(QStringLiteral("Kvo_KvoTexture*_Frame"), kFrameOut);
+}
+
+SkyboxRenderPass::SkyboxRenderPass(const SkyboxRenderPass &other) = default;
+SkyboxRenderPass &SkyboxRenderPass::operator=(const SkyboxRenderPass &other) = default;
+
+SkyboxRenderPass::~SkyboxRenderPass()
+{
+    delete _fbo;
+    delete _cubeProgram;
+    delete _latLongProgram;
+    delete _backgroundProgram;
+}
+
+void SkyboxRenderPass::setup(RenderCallbacks *)
+{
+    made(_fbo, "SkyboxRenderPass");
+    buildOnce(_cubeProgram, cubeProgram());
+    buildOnce(_latLongProgram, latLongProgram());
+    buildOnce(_backgroundProgram, backgroundProgram());
+    fetchOnce(_quad, Quad::Screen);
+}
+
+void SkyboxRenderPass::start(RenderCallbacks *callbacks)
+{
+    const Extent extent = extentOf(_inputs[kViewport].value);
+    if (!_fbo || extent != Extent{_width, _height}) {
+        teardown(callbacks);
+        _width = extent.width;
+        _height = extent.height;
+        setup(callbacks);
+    }
+    const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
+    const auto camera = qvariant_cast<QMatrix4x4>(_inputs[kCameraMatrix].value);
+    Texture *cubemap = typedTexture(_inputs[kCubemap].value);
+    Texture *latLongMap = typedTexture(_inputs[kLatLongMap].value);
+    Texture *background = typedTexture(_inputs[kBackground].value);
+    Texture *frame = typedTexture(_inputs[kFrame].value);
+    Texture *depth = typedTexture(_inputs[kDepth].value);
+
+    const bool ownsFrame = !frame;
+    const bool ownsDepth = !depth;
+    if (ownsFrame)
+        frame = tempTexture(TextureFormat::Frame, extent);
+    if (ownsDepth)
+        depth = tempTexture(TextureFormat::DepthStencil, extent);
+    const GLenum depthPoint = ownsDepth ? GL_DEPTH_STENCIL_ATTACHMENT : depthAttachmentOf(depth);
+
+    AutoBinder fbo(_fbo);
+    const bool hasTarget = _fbo->attach(frame, GL_COLOR_ATTACHMENT0, 0);
+    _fbo->attach(depth, depthPoint, 0);
+    const bool canDraw = hasTarget && _quad && !(extent.isEmpty() && (ownsFrame || ownsDepth));
+    if (cubemap || latLongMap || background) {
+        _fbo->setDrawBuffers();
+        if (ownsFrame && canDraw) {
+            constexpr GLfloat kOpaqueBlack[] = {0.0f, 0.0f, 0.0f, 1.0f};
+            glClearBufferfv(GL_COLOR, 0, kOpaqueBlack);
+        }
+        if (ownsDepth && canDraw) {
+            glStencilMask(0xff); // the mask that this pass leaves would hold off the clear
+            glClearBufferfi(GL_DEPTH_STENCIL, 0, 1.0f, 0);
+        }
+        glDisable(GL_DEPTH_TEST);
+    }
+    glEnable(GL_STENCIL_TEST);
+    glStencilFunc(GL_EQUAL, 0, 0xff);
+    glStencilOp(GL_KEEP, GL_KEEP, GL_KEEP);
+    glStencilMask(0);
+
+    Texture *source = nullptr;
+    ShaderProgram *program = nullptr;
+    if (background) {
+        source = background;
+        program = _backgroundProgram;
+        AutoBinder bound(source);
+        glTexParameteri(source->target(), GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+    } else if (cubemap) {
+        source = cubemap;
+        program = _cubeProgram;
+    } else if (latLongMap) {
+        source = latLongMap;
+        program = _latLongProgram;
+        AutoBinder bound(source);
+        glTexParameteri(source->target(), GL_TEXTURE_WRAP_S, GL_REPEAT);
+        glTexParameteri(source->target(), GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+        glTexParameteri(source->target(), GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+    }
+    if (source && canDraw) {
+        AutoBinder boundProgram(program);
+        AutoBinder boundSource(source);
+        enableArrays(*_quad, program);
+        program->setUniform(QStringLiteral("u_EnvTexture"), source->unit());
+        if (!background) {
+            program->setUniform(QStringLiteral("u_InvCameraMatrix"), camera.inverted());
+            program->setUniform(QStringLiteral("u_NDCCoordToDirection"), projection.inverted());
+        }
+        std::optional<FarPlaneTest> uncovered;
+        if (depthPoint == GL_DEPTH_ATTACHMENT)
+            uncovered.emplace();
+        AutoBinder quad(_quad);
+        _quad->draw();
+    }
+    glDisable(GL_STENCIL_TEST);
+
+    publish(_outputs[kFrameOut], _fbo->attachment(GL_COLOR_ATTACHMENT0), _numOutputUsers[kFrameOut]);
+    release(cubemap);
+    release(latLongMap);
+    release(background);
+    release(_fbo->detach(GL_COLOR_ATTACHMENT0));
+    release(_fbo->detach(depthPoint));
+}
+
+void SkyboxRenderPass::teardown(RenderCallbacks *)
+{
+    if (_fbo) {
+        {
+            AutoBinder fbo(_fbo);
+            for (GLenum point : {GL_COLOR_ATTACHMENT0, GL_DEPTH_STENCIL_ATTACHMENT}) {
+                if (_fbo->hasAttachment(point))
+                    release(_fbo->detach(point));
+            }
+        }
+        delete _fbo;
+        _fbo = nullptr;
+    }
+    for (ShaderProgram **program : {&_cubeProgram, &_latLongProgram, &_backgroundProgram}) {
+        delete *program;
+        *program = nullptr;
+    }
+    _quad.reset();
+}
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,67 @@
+#include "renderpasses/textureloaderrenderpass.h"
+
+#include "gl/guards.h"
+#include "gl/texture.h"
+#include "gl/unpackstate.h"
+#include "passkit/images.h"
+#include "passkit/slots.h"
+
+#include <epoxy/gl.h>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+enum Input { kTexturePath };
+enum Output { kTexture };
+
+} // namespace
+
+TextureLoaderRenderPass::TextureLoaderRenderPass()
+{
+    addInput(QStringLiteral("Kvo_QString_TexturePath"), QVariant(), kTexturePath);
+    addOutput(QStringLiteral("Kvo_KvoTexture*_Texture"), kTexture);
+}
+
+TextureLoaderRenderPass::TextureLoaderRenderPass(const TextureLoaderRenderPass &other) = default;
+TextureLoaderRenderPass &TextureLoaderRenderPass::operator=(const TextureLoaderRenderPass &other) = default;
+
+TextureLoaderRenderPass::~TextureLoaderRenderPass()
+{
+    delete _texture;
+}
+
+void TextureLoaderRenderPass::start(RenderCallbacks *)
+{
+    if (!_texture) {
+        _texture = new Texture(nullptr);
+        _texture->setTarget(GL_TEXTURE_2D);
+        _texture->setLabel(QStringLiteral("TextureLoaderRenderPass"));
+    }
+    // An empty path in the first frame is no change either.
+    if (const QString path = _inputs[kTexturePath].value.toString(); path != _path) {
+        _path = path;
+        _upload();
+    }
+    _outputs[kTexture].value = objectForm(_texture);
+}
+
+void TextureLoaderRenderPass::_upload()
+{
+    AutoBinder bound(_texture);
+    if (!bound.isBound())
+        return;
+    GLint largest = 0;
+    glGetIntegerv(GL_MAX_TEXTURE_SIZE, &largest);
+    QImage image = loadBgraImage(_path, largest).mirrored(false, true);
+    if (image.isNull())
+        image = bgraTexel(qRgba(255, 255, 255, 255));
+
+    const DefaultUnpackState unpack;
+    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA, image.width(), image.height(), 0, GL_BGRA, GL_UNSIGNED_BYTE,
+                 image.constBits());
+    glGenerateMipmap(GL_TEXTURE_2D);
+    _texture->setReadOnly();
+}
+
+} // namespace Brevane::Kvo
