@@ -1,5 +1,5 @@
-// Our depth of field and FXAA beside those of VTK, in one process and one OpenGL context: that of VTK's
-// window. Needs an X display (xvfb-run) and VTK 9.1, so this target is optional.
+// Our depth of field, FXAA and ambient obscurance beside those of VTK, in one process and one OpenGL
+// context: that of VTK's window. Needs an X display (xvfb-run) and VTK 9.1, so this target is optional.
 //
 // A VTK pass cannot be started alone; its cost is that of a frame with it less that of the frame without.
 //
@@ -10,9 +10,11 @@
 #include <gl/texture.h>
 #include <renderpasses/depthoffieldrenderpass.h>
 #include <renderpasses/fastapproximateantialiasingrenderpass.h>
+#include <renderpasses/scalableambientobscurancerenderpass.h>
 
 #include <epoxy/gl.h>
 
+#include <QMatrix4x4>
 #include <QRect>
 #include <QVariant>
 #include <QVector2D>
@@ -21,6 +23,7 @@
 #include <vtkAutoInit.h>
 #include <vtkCamera.h>
 #include <vtkDepthOfFieldPass.h>
+#include <vtkMatrix4x4.h>
 #include <vtkNew.h>
 #include <vtkOpenGLFXAAPass.h>
 #include <vtkOpenGLRenderer.h>
@@ -28,6 +31,7 @@
 #include <vtkProperty.h>
 #include <vtkRenderStepsPass.h>
 #include <vtkRenderWindow.h>
+#include <vtkSSAOPass.h>
 #include <vtkSphereSource.h>
 
 #include <algorithm>
@@ -93,6 +97,15 @@ std::unique_ptr<Texture> floatTexture(unsigned int internalFormat, unsigned int 
     return texture;
 }
 
+QMatrix4x4 toQt(vtkMatrix4x4 *matrix)
+{
+    QMatrix4x4 result;
+    for (int row = 0; row < 4; ++row)
+        for (int column = 0; column < 4; ++column)
+            result(row, column) = float(matrix->GetElement(row, column));
+    return result;
+}
+
 struct Row
 {
     const char *name;
@@ -137,6 +150,14 @@ int main(int argc, char **argv)
     vtkDepthOfField->AutomaticFocalDistanceOff();
     vtkNew<vtkOpenGLFXAAPass> vtkFxaa;
     vtkFxaa->SetDelegatePass(plain);
+    constexpr double kRadius = 0.5;
+    constexpr double kBias = 0.01;
+    vtkNew<vtkSSAOPass> vtkSsao;
+    vtkSsao->SetDelegatePass(plain);
+    vtkSsao->SetRadius(kRadius);
+    vtkSsao->SetBias(kBias);
+    vtkSsao->SetKernelSize(11);
+    vtkSsao->BlurOff();
     const auto vtkFrame = [&](vtkRenderPass *pass) {
         renderer->SetPass(pass);
         return costOf([&] { window->Render(); });
@@ -170,13 +191,29 @@ int main(int argc, char **argv)
         fxaa.setInput(0, viewport);
         fxaa.setInput(1, textureToVariant(frame.get()));
 
-        Row rows[] = {{"depth of field", 0.55, {}, {}, {}, {}}, {"FXAA", 0.85, {}, {}, {}, {}}};
+        // 11 taps, from the depth alone; VTK has its positions and normals drawn by the scene.
+        const auto zBuffer = floatTexture(GL_DEPTH_COMPONENT32F, GL_DEPTH_COMPONENT, depths.get());
+        vtkCamera *const camera = renderer->GetActiveCamera();
+        ScalableAmbientObscuranceRenderPass obscurance;
+        obscurance.setInput(0, viewport);
+        obscurance.setInput(1, toQt(camera->GetProjectionTransformMatrix(double(kWidth) / kHeight, -1, 1)));
+        obscurance.setInput(2, toQt(camera->GetViewTransformMatrix()));
+        obscurance.setInput(3, float(camera->GetClippingRange()[0]));
+        obscurance.setInput(4, float(camera->GetClippingRange()[1]));
+        obscurance.setInput(5, textureToVariant(zBuffer.get()));
+        obscurance.setInput(6, float(kRadius));
+        obscurance.setInput(7, float(kBias));
+
+        Row rows[] = {{"depth of field", 0.55, {}, {}, {}, {}},
+                      {"FXAA", 0.85, {}, {}, {}, {}},
+                      {"obscurance", 0.5, {}, {}, {}, {}}};
         for (int i = -3; i < repetitions; ++i) {
             const Cost bare = vtkFrame(plain);
-            const Cost with[] = {vtkFrame(vtkDepthOfField) - bare, vtkFrame(vtkFxaa) - bare};
+            const Cost with[] = {vtkFrame(vtkDepthOfField) - bare, vtkFrame(vtkFxaa) - bare, vtkFrame(vtkSsao) - bare};
             window->MakeCurrent();
-            const Cost ours[] = {costOf([&] { depthOfField.start(nullptr); }), costOf([&] { fxaa.start(nullptr); })};
-            for (int r = 0; r < 2 && i >= 0; ++r) {
+            const Cost ours[] = {costOf([&] { depthOfField.start(nullptr); }), costOf([&] { fxaa.start(nullptr); }),
+                                 costOf([&] { obscurance.start(nullptr); })};
+            for (int r = 0; r < 3 && i >= 0; ++r) {
                 rows[r].vtk.push_back(with[r].wall);
                 rows[r].ours.push_back(ours[r].wall);
                 rows[r].wallRatios.push_back(ours[r].wall / with[r].wall);
@@ -189,6 +226,7 @@ int main(int argc, char **argv)
                         median(row.wallRatios), median(row.cpuRatios), row.bar);
         vtkDepthOfField->ReleaseGraphicsResources(window);
         vtkFxaa->ReleaseGraphicsResources(window);
+        vtkSsao->ReleaseGraphicsResources(window);
         window->MakeCurrent();
     }
     OpenGLDeviceContext::releaseCurrent();

@@ -5,7 +5,7 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ ${PROJECT_SOURCE_DIR}/host/incl
   FILES_MATCHING PATTERN "*.h")
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/pipelines
   DESTINATION ${CMAKE_INSTALL_DATADIR}/kvo
-  FILES_MATCHING PATTERN "*.json")
+  FILES_MATCHING PATTERN "*.json" PATTERN "*.frag" PATTERN "*.vert" PATTERN "*.geom" PATTERN "*.png")
 install(FILES ${PROJECT_SOURCE_DIR}/LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
 # How far the library folder lies below the prefix: programs find the libraries, and kvo.pc the prefix,

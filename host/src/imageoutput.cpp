@@ -1,5 +1,7 @@
 #include "host/imageoutput.h"
 
+#include "shadows/shadowmaprenderdata.h"
+
 #include <QBuffer>
 #include <QDir>
 #include <QFileInfo>
@@ -16,6 +18,7 @@
 #include <cmath>
 #include <exception>
 #include <limits>
+#include <vector>
 
 namespace Brevane::Kvo {
 
@@ -147,6 +150,52 @@ QImage colorImage(const TexturePixels &pixels)
     });
 }
 
+constexpr QRgb kNoCaster = qRgb(24, 32, 72);
+constexpr QRgb kMixedWithNothing = qRgb(96, 48, 136);
+
+QImage momentsImage(const TexturePixels &pixels)
+{
+    // What an empty texel holds, whatever a filter has taken off it.
+    constexpr float kEmpty = 0.9e9f;
+    constexpr float kDarkest = 0.15f;
+    const qsizetype layerSize = qsizetype(pixels.width) * (pixels.height / pixels.layers) * pixels.channels;
+    std::vector<Survey> surveys(size_t(pixels.layers));
+    for (qsizetype i = 0; i < pixels.values.size(); i += pixels.channels)
+        if (pixels.values[i] < 1.0f)
+            surveys[size_t(i / layerSize)].add(pixels.values[i]);
+    return paint(pixels, [&](qsizetype i) {
+        const float depth = pixels.values[i];
+        if (std::isnan(depth))
+            return kNotANumber;
+        if (depth > 1.0f)
+            return depth > kEmpty ? kNoCaster : kMixedWithNothing;
+        return grey(kDarkest + (1.0f - kDarkest) * (1.0f - surveys[size_t(i / layerSize)].stretched(depth)));
+    });
+}
+
+// The layers of a picture, which stand on one another from the bottom up, in rows from the upper left on.
+QImage contactSheet(const QImage &tower, int layers)
+{
+    constexpr int kGap = 2;
+    const int height = tower.height() / layers;
+    const auto columns = int(std::ceil(std::sqrt(double(layers))));
+    const int rows = (layers + columns - 1) / columns;
+    QImage sheet(columns * (tower.width() + kGap) - kGap, rows * (height + kGap) - kGap, tower.format());
+    if (sheet.isNull())
+        return sheet;
+    sheet.fill(Qt::transparent);
+    for (int layer = 0; layer < layers; ++layer) {
+        const int left = layer % columns * (tower.width() + kGap);
+        const int top = layer / columns * (height + kGap);
+        for (int y = 0; y < height; ++y) {
+            const uchar *from = tower.constScanLine(tower.height() - (layer + 1) * height + y);
+            std::copy_n(reinterpret_cast<const QRgb *>(from), tower.width(),
+                        reinterpret_cast<QRgb *>(sheet.scanLine(top + y)) + left);
+        }
+    }
+    return sheet;
+}
+
 QImage integerImage(const TexturePixels &pixels)
 {
     return paint(pixels, [&](qsizetype i) { return greyOfId(pixels.integers[i]); });
@@ -237,12 +286,16 @@ QImage visibleImage(const TexturePixels &pixels)
 {
     if (pixels.width < 1 || pixels.height < 1)
         return QImage();
+    QImage image;
     switch (pixels.kind) {
-    case TexturePixels::Kind::Depth: return depthImage(pixels);
-    case TexturePixels::Kind::Integer: return integerImage(pixels);
-    case TexturePixels::Kind::Color: break;
+    case TexturePixels::Kind::Depth: image = depthImage(pixels); break;
+    case TexturePixels::Kind::Integer: image = integerImage(pixels); break;
+    case TexturePixels::Kind::Moments: image = momentsImage(pixels); break;
+    case TexturePixels::Kind::Color:
+        image = pixels.channels == 1 ? singleChannelImage(pixels) : colorImage(pixels);
+        break;
     }
-    return pixels.channels == 1 ? singleChannelImage(pixels) : colorImage(pixels);
+    return pixels.layers > 1 && !image.isNull() ? contactSheet(image, pixels.layers) : image;
 }
 
 QImage textureImage(Texture *texture, QString *error)
@@ -297,15 +350,40 @@ bool writeExr(const TexturePixels &pixels, const QString &path, QString *error)
     return writeFile(data, path, error);
 }
 
-bool writeTexture(Texture *texture, const QString &path, QString *error)
+namespace {
+
+template <typename Read>
+bool writePixels(const Read &read, const QString &path, QString *error)
 {
     if (!canWriteImage(path, true, error))
         return false;
     TexturePixels pixels;
     QString reason;
-    if (!readTexture(texture, &pixels, &reason))
+    if (!read(&pixels, &reason))
         return fail(error, QStringLiteral("cannot write '%1': %2").arg(path, reason));
     return suffixOf(path) == kExr ? writeExr(pixels, path, error) : writeImage(visibleImage(pixels), path, error);
+}
+
+} // namespace
+
+bool writeTexture(Texture *texture, const QString &path, QString *error)
+{
+    return writePixels([texture](TexturePixels *p, QString *e) { return readTexture(texture, p, e); }, path, error);
+}
+
+bool readShadowMaps(const ShadowMapRenderData *record, TexturePixels *pixels, QString *error)
+{
+    if (!record || record->layerCount == 0)
+        return fail(error, QStringLiteral("there are no shadow maps"));
+    if (!readTexture(record->projectionTexture(), pixels, error))
+        return false;
+    pixels->kind = TexturePixels::Kind::Moments;
+    return true;
+}
+
+bool writeShadowMaps(const ShadowMapRenderData *record, const QString &path, QString *error)
+{
+    return writePixels([record](TexturePixels *p, QString *e) { return readShadowMaps(record, p, e); }, path, error);
 }
 
 } // namespace Brevane::Kvo

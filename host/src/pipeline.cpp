@@ -71,6 +71,7 @@ struct Node
     std::vector<Source> inputs;
     bool isSetUp = false;
     unsigned int errorCode = 0;
+    QColor clearColor; // invalid: what is current
     PassTimer timer;
 };
 
@@ -619,6 +620,15 @@ bool Pipeline::remove(const QString &name, QString *error)
     return true;
 }
 
+bool Pipeline::setClearColor(const QString &pass, const QColor &color, QString *error)
+{
+    Node *node = d->find(pass, error);
+    if (!node)
+        return false;
+    node->clearColor = color;
+    return true;
+}
+
 bool Pipeline::rename(const QString &name, const QString &newName, QString *error)
 {
     Node *node = d->find(name, error);
@@ -887,6 +897,8 @@ bool Pipeline::render(RenderCallbacks *callbacks, QString *error)
         const DebugGroup group(d->hasDebugGroups, node.label.constData());
         d->passInputs(step);
         d->setViewport(step);
+        if (const QColor &c = node.clearColor; c.isValid())
+            glClearColor(c.redF(), c.greenF(), c.blueF(), c.alphaF());
         d->ledger.beforeStart(step.inputPorts);
         if (d->timing)
             node.timer.begin(d->hasTimestamps);

@@ -4,6 +4,7 @@
 #include "host/pipeline.h"
 #include "host/slotname.h"
 #include "json.h"
+#include "lightsjson.h"
 #include "slotvaluejson.h"
 
 #include <QCoreApplication>
@@ -31,10 +32,12 @@ public:
             complain(root.line, QStringLiteral("a pipeline is an object with \"passes\", not %1").arg(root.describe()));
             return;
         }
-        checkMembers(root, {QStringLiteral("description"), QStringLiteral("passes")}, QStringLiteral("a pipeline"));
+        checkMembers(root, {QStringLiteral("description"), QStringLiteral("passes"), QStringLiteral("lights")},
+                     QStringLiteral("a pipeline"));
         const Json *description = root.member(QStringLiteral("description"));
         if (description && !description->isString())
             complain(description->line, QStringLiteral("\"description\" is text, not %1").arg(description->describe()));
+        setLights(root);
         const Json *passes = root.member(QStringLiteral("passes"));
         if (!passes || !passes->isArray()) {
             complain(passes ? passes->line : root.line, QStringLiteral("\"passes\" is to be a list of passes"));
@@ -52,6 +55,25 @@ public:
     }
 
 private:
+    void setLights(const Json &root)
+    {
+        const Json *lights = root.member(QStringLiteral("lights"));
+        if (!lights)
+            return;
+        if (!lights->isArray()) {
+            complain(lights->line, QStringLiteral("\"lights\" is a list of lights, not %1").arg(lights->describe()));
+            return;
+        }
+        QVector<ShadowMapLight> list;
+        for (const Json &element : lights->elements) {
+            int line = 0;
+            QString error;
+            if (!lightFromJson(element, &list.emplaceBack(), &line, &error))
+                complain(line, error);
+        }
+        _pipeline->setHostValue(QStringLiteral("lights"), lightsToVariant(list));
+    }
+
     void complain(int line, const QString &message)
     {
         if (_errors)
@@ -79,7 +101,9 @@ private:
                      QStringLiteral("a pass is an object with \"name\" and \"class\", not %1").arg(pass.describe()));
             return false;
         }
-        checkMembers(pass, {QStringLiteral("name"), QStringLiteral("class"), QStringLiteral("inputs")},
+        checkMembers(pass,
+                     {QStringLiteral("name"), QStringLiteral("class"), QStringLiteral("clearColor"),
+                      QStringLiteral("calls"), QStringLiteral("inputs")},
                      QStringLiteral("a pass"));
         const Json *name = pass.member(QStringLiteral("name"));
         const Json *className = pass.member(QStringLiteral("class"));
@@ -91,10 +115,121 @@ private:
             return false;
         }
         QString error;
-        if (_pipeline->add(name->string, className->string, &error))
+        if (_pipeline->add(name->string, className->string, &error)) {
+            setClearColor(pass);
+            passName(name->string, className->string);
+            addCalls(pass);
             return true;
+        }
         complain(passFactory().knows(className->string) ? name->line : className->line, error);
         return false;
+    }
+
+    void setClearColor(const Json &pass)
+    {
+        const Json *color = pass.member(QStringLiteral("clearColor"));
+        if (!color)
+            return;
+        QVariant value;
+        QString error;
+        if (slotValueFromJson(QStringLiteral("Kvo_QColor_clearColor"), *color, &value, &error)
+            && value.value<QColor>().isValid())
+            _pipeline->setClearColor(pass.member(QStringLiteral("name"))->string, value.value<QColor>());
+        else
+            complain(color->line, error.isEmpty() ? QStringLiteral("\"clearColor\" is a colour") : error);
+    }
+
+    // Passes that have a name for messages take that of the file.
+    void passName(const QString &name, const QString &className)
+    {
+        const QVector<PassOperation> operations = passFactory().operations(className);
+        for (const PassOperation &operation : operations)
+            if (operation.name == QLatin1StringView("setName"))
+                operation.call(*_pipeline->pass(name), {name});
+    }
+
+    // { "file": "sky.png" } is the path of a file beside the pipeline file, { "contentOf": "sky.frag" } the
+    // text in it; both become plain text. False for a file that is not there.
+    bool resolveFile(Json *value)
+    {
+        const Json *path = value->member(QStringLiteral("file"));
+        const Json *content = value->member(QStringLiteral("contentOf"));
+        const Json *named = path ? path : content;
+        if (!value->isObject() || !named)
+            return true;
+        if (value->members.size() != 1 || !named->isString()) {
+            complain(value->line, QStringLiteral("a file is { \"file\": \"path\" } or { \"contentOf\": \"path\" }"));
+            return false;
+        }
+        QFile file(QDir(QFileInfo(_fileName).absolutePath()).filePath(named->string));
+        if (!QFileInfo(file).isFile() || !file.open(QIODevice::ReadOnly)) {
+            complain(value->line, QStringLiteral("there is no file '%1'").arg(file.fileName()));
+            return false;
+        }
+        Json text;
+        text.type = Json::Type::String;
+        text.line = value->line;
+        text.string = path ? QDir::cleanPath(file.fileName()) : QString::fromUtf8(file.readAll());
+        *value = text;
+        return true;
+    }
+
+    // [ { "addCube": [1, [0, 0, 0]] }, { "addQuad": … } ], called in this order.
+    void addCalls(const Json &pass)
+    {
+        const Json *calls = pass.member(QStringLiteral("calls"));
+        if (!calls)
+            return;
+        if (!calls->isArray()) {
+            complain(calls->line, QStringLiteral("\"calls\" is a list of operations, not %1").arg(calls->describe()));
+            return;
+        }
+        for (const Json &call : calls->elements) {
+            if (call.isObject() && call.members.size() == 1 && call.members.front().value.isArray())
+                addCall(pass, call.members.front());
+            else
+                complain(call.line, QStringLiteral("a call is { \"operation\": [arguments] }"));
+        }
+    }
+
+    void addCall(const Json &pass, const Json::Member &call)
+    {
+        const QString className = pass.member(QStringLiteral("class"))->string;
+        const QVector<PassOperation> operations = passFactory().operations(className);
+        QStringList names;
+        for (const PassOperation &operation : operations)
+            names << operation.name;
+        const qsizetype index = names.indexOf(call.key);
+        if (index < 0) {
+            complain(call.line, QStringLiteral("%1 has no operation '%2'%3")
+                                    .arg(className, call.key, nearestNameHint(call.key, names)));
+            return;
+        }
+        const PassOperation &operation = operations[index];
+        std::vector<Json> given = call.value.elements;
+        if (qsizetype(given.size()) != operation.argumentTypes.size()) {
+            complain(call.line, QStringLiteral("'%1' takes (%2), not %3 argument(s)")
+                                    .arg(call.key, operation.argumentTypes.join(QLatin1StringView(", ")))
+                                    .arg(given.size()));
+            return;
+        }
+        QVariantList arguments;
+        for (size_t i = 0; i < given.size(); ++i) {
+            QVariant value;
+            QString error;
+            if (!resolveFile(&given[i]))
+                return;
+            // An argument reads like a slot of its type.
+            const QString slot = QStringLiteral("Kvo_%1_%2").arg(operation.argumentTypes[qsizetype(i)]).arg(i + 1);
+            if (!slotValueFromJson(slot, given[i], &value, &error) || !value.isValid()) {
+                complain(given[i].line, QStringLiteral("argument %1 of '%2' is a %3, not %4")
+                                            .arg(i + 1)
+                                            .arg(call.key, operation.argumentTypes[qsizetype(i)], given[i].describe()));
+                return;
+            }
+            arguments << value;
+        }
+        operation.call(*_pipeline->pass(pass.member(QStringLiteral("name"))->string), arguments);
     }
 
     void addInputs(const Json &pass)
@@ -123,7 +258,10 @@ private:
 
     void addInput(const QString &pass, const Json::Member &member)
     {
-        const Json &value = member.value;
+        Json value = member.value;
+        const bool isFile = value.isObject() && !value.member(QStringLiteral("from"));
+        if (isFile && !resolveFile(&value))
+            return;
         QString error;
         bool ok = false;
         if (value.isObject()) {
@@ -134,11 +272,11 @@ private:
                 return;
             }
             ok = link(from->string, pass, member.key, &error);
-        } else if (value.isString() && value.string.startsWith(QLatin1StringView("@@"))) {
+        } else if (!isFile && value.isString() && value.string.startsWith(QLatin1StringView("@@"))) {
             Json text = value;
             text.string.remove(0, 1);
             ok = setValue(pass, member.key, text, &error);
-        } else if (value.isString() && value.string.startsWith(QLatin1Char('@'))) {
+        } else if (!isFile && value.isString() && value.string.startsWith(QLatin1Char('@'))) {
             ok = _pipeline->bind(pass, member.key, value.string.mid(1), &error);
         } else {
             ok = setValue(pass, member.key, value, &error);

@@ -119,6 +119,7 @@ bool readTexture(Texture *texture, TexturePixels *pixels, QString *error)
     pixels->normalized = pixels->kind == TexturePixels::Kind::Color && redType == GL_UNSIGNED_NORMALIZED;
     pixels->width = width;
     pixels->height = height * depth;
+    pixels->layers = depth;
     pixels->channels = format.channels;
     pixels->values.clear();
     pixels->integers.clear();

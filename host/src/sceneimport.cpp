@@ -1,5 +1,7 @@
 #include "host/sceneimport.h"
 
+#include "host/slotname.h"
+
 #include "importcheck.h"
 #include "importimages.h"
 #include "importmaterial.h"
@@ -16,6 +18,7 @@
 #include <algorithm>
 #include <cmath>
 #include <exception>
+#include <limits>
 #include <vector>
 
 namespace Brevane::Kvo {
@@ -352,6 +355,86 @@ ModelData importScene(const QString &path, const ImportOptions &options, ImportR
         return data;
     report->error = QStringLiteral("cannot read model '%1': %2").arg(path, report->error);
     return ModelData();
+}
+
+bool setOpacity(ModelData *data, const QString &material, float opacity, QString *error)
+{
+    QStringList names;
+    bool found = false;
+    for (ModelMaterial &candidate : data->materials) {
+        names << candidate.name;
+        if (!material.isEmpty() && candidate.name != material)
+            continue;
+        candidate.D = opacity;
+        found = true;
+    }
+    if (!found && error)
+        *error = QStringLiteral("the model has no material '%1'%2").arg(material, nearestNameHint(material, names));
+    return found;
+}
+
+void scaleModel(ModelData *data, float factor)
+{
+    for (ModelMesh &mesh : data->meshes)
+        for (QVector3D &position : mesh.positions)
+            position *= factor;
+    for (ModelItem &item : data->items) {
+        const QVector4D place = item.transform.column(3);
+        item.transform.setColumn(3, QVector4D(place.toVector3D() * factor, place.w()));
+    }
+}
+
+GPUModel::BoundingBox boxOf(const ModelData &data)
+{
+    constexpr float kInfinity = std::numeric_limits<float>::infinity();
+    QVector3D least(kInfinity, kInfinity, kInfinity);
+    QVector3D most = -least;
+    for (const ModelItem &item : data.items) {
+        if (item.mesh < 0 || item.mesh >= data.meshes.size())
+            continue;
+        for (const QVector3D &position : data.meshes[item.mesh].positions) {
+            const QVector3D placed = item.transform.map(position);
+            for (int axis = 0; axis < 3; ++axis) {
+                least[axis] = std::min(least[axis], placed[axis]);
+                most[axis] = std::max(most[axis], placed[axis]);
+            }
+        }
+    }
+    return least.x() <= most.x() ? GPUModel::BoundingBox{least, most} : GPUModel::BoundingBox();
+}
+
+float longestSideOf(const ModelData &data)
+{
+    const GPUModel::BoundingBox box = boxOf(data);
+    const QVector3D sides = box.maximum - box.minimum;
+    return std::max({sides.x(), sides.y(), sides.z()});
+}
+
+void addFloor(ModelData *data)
+{
+    constexpr float kMargin = 0.6f; // on each side, as a share of the longest side
+    const GPUModel::BoundingBox box = boxOf(*data);
+    const float margin = kMargin * longestSideOf(*data);
+    const float height = box.minimum.y();
+    const float left = box.minimum.x() - margin;
+    const float right = box.maximum.x() + margin;
+    const float back = box.minimum.z() - margin;
+    const float front = box.maximum.z() + margin;
+    ModelMesh floor;
+    floor.name = QStringLiteral("floor");
+    floor.positions = {{left, height, front}, {right, height, front}, {right, height, back}, {left, height, back}};
+    floor.normals = QVector<QVector3D>(4, {0.0f, 1.0f, 0.0f});
+    floor.texCoords = {{0.0f, 0.0f}, {1.0f, 0.0f}, {1.0f, 1.0f}, {0.0f, 1.0f}};
+    floor.indices = {0, 1, 2, 0, 2, 3};
+    ModelMaterial material;
+    material.name = QStringLiteral("floor");
+    material.Kd = {0.75f, 0.74f, 0.72f};
+    ModelItem item;
+    item.mesh = int(data->meshes.size());
+    item.material = int(data->materials.size());
+    data->meshes << floor;
+    data->materials << material;
+    data->items << item;
 }
 
 } // namespace Brevane::Kvo

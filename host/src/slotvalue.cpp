@@ -285,6 +285,8 @@ QString describeSlotValue(const QVariant &value)
 {
     switch (value.metaType().id()) {
     case QMetaType::UnknownType: return QStringLiteral("none");
+    // As many digits as a float has; as a double it would show what it is not.
+    case QMetaType::Float: return QString::number(double(value.toFloat()), 'g', 7);
     case QMetaType::QColor: {
         const QColor c = qvariant_cast<QColor>(value);
         if (!c.isValid())

@@ -73,6 +73,15 @@ public:
     /// for programs whose uniforms are all set before each draw. Call it before compile; off at first.
     void setMayShare(bool mayShare);
 
+    /// Compiles and links anew if managed textures have come to lie in pages that the program, which is
+    /// not bound, was not built to sample: programs that may share are built for the pages that are in use,
+    /// since sampling is what most of a surface costs. True when it did.
+    bool refresh();
+
+    /// Keeps a failure of this program from the process-wide failure handler, for owners who try a text
+    /// that a driver may refuse and have another one ready. Call it before compile; off at first.
+    void setMayFail(bool mayFail);
+
     /// What compiler and linker said: stage, source name and line, and the numbered source of what
     /// failed. Empty when all went well and the driver had nothing to say.
     QString log() const;

@@ -127,6 +127,9 @@ public:
     void removeManagedTexture(int handle);
     /// Live handles in the current share group.
     int managedTextureCount() const;
+    /// How many classes of pages managed textures have come to lie in, 0 to 4: what a shader has to sample.
+    /// The number never shrinks.
+    int managedPageClasses() const;
 
 private:
     friend class ShareGroup;

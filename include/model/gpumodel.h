@@ -91,6 +91,9 @@ public:
         Indirect, ///< One call per run of items; Loop where the context cannot.
     };
 
+    /// Items by the opacity that their material data has now. An item that is not less than 1 is opaque.
+    enum class Opacity { Any, Opaque, Transparent };
+
     /// Feature: sceneBounds gives a box.
     static constexpr unsigned long long kSceneBoundsFeature = 8;
 
@@ -107,8 +110,9 @@ public:
     /// Draws the items whose flags, ANDed with \a mask, equal \a value, with \a program, which is bound.
     /// \a mirrored turns the winding round, for cameras that mirror the scene. Managed textures are
     /// bound for programs that read them. An empty selection draws nothing and gives true.
+    /// Of the selected items only those of \a opacity are drawn.
     bool draw(ShaderProgram *program, const unsigned long long &value, const unsigned long long &mask,
-              const WindingType &winding, bool mirrored);
+              const WindingType &winding, bool mirrored, Opacity opacity = Opacity::Any);
     /// The same with counter-clockwise winding; managed textures are bound only through \a manager.
     bool draw(ShaderProgram *program, TextureManager *manager, const unsigned long long &value,
               const unsigned long long &mask);

@@ -29,6 +29,10 @@ public:
     const InstanceDataPlan *plan() const;
     /// Replaces the data. False, with a message, for more draws than the driver's texture buffers hold.
     bool setData(const QVector<float> &data);
+    /// The floats that were set last.
+    const QVector<float> &data() const { return _data; }
+    /// Counts the calls of setData that took effect.
+    int revision() const { return _revision; }
     /// Draws that the data is for.
     int drawCount() const;
 
@@ -44,6 +48,8 @@ private:
     const InstanceDataPlan *_plan;
     QSharedPointer<BufferObject> _buffer;
     std::unique_ptr<Texture> _texture;
+    QVector<float> _data;
+    int _revision = 0;
     int _drawCount = 0;
 };
 

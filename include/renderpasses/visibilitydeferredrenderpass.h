@@ -10,6 +10,7 @@ namespace Brevane::Kvo {
 
 class DrawBuffers;
 class FramebufferObject;
+class GLSLMacroProcessor;
 class GPUModel;
 class ShaderProgram;
 class Texture;
@@ -65,6 +66,7 @@ private:
     QSharedPointer<DrawBuffers> _screenQuad;
     Texture *_fallbackTexture = nullptr;
     QList<Texture *> _bufferTextures;
+    GLSLMacroProcessor *_macroProcessor = nullptr; ///< Of _shaderProgram.
     int _width = 0;
     int _height = 0;
 };

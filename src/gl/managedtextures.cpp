@@ -6,6 +6,7 @@
 #include "gl/guards.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
+#include "gl/unpackstate.h"
 
 #include <QImage>
 
@@ -34,9 +35,6 @@ const QString &pagesUniform(int pageClass)
                                   QStringLiteral("kvo_ManagedPages2"), QStringLiteral("kvo_ManagedPages3")};
     return names[std::size_t(pageClass)];
 }
-
-constexpr std::array kUnpackParameters{GL_UNPACK_ALIGNMENT, GL_UNPACK_ROW_LENGTH, GL_UNPACK_SKIP_ROWS,
-                                       GL_UNPACK_SKIP_PIXELS, GL_UNPACK_SWAP_BYTES};
 
 GLint limit(GLenum query)
 {
@@ -97,23 +95,6 @@ int levelCount(const QSize &size)
 
 } // namespace
 
-DefaultUnpackState::DefaultUnpackState()
-{
-    for (std::size_t i = 0; i < kUnpackParameters.size(); ++i) {
-        glGetIntegerv(kUnpackParameters[i], &_values[i]);
-        glPixelStorei(kUnpackParameters[i], i == 0 ? 4 : 0);
-    }
-    glGetIntegerv(GL_PIXEL_UNPACK_BUFFER_BINDING, &_buffer);
-    glBindBuffer(GL_PIXEL_UNPACK_BUFFER, 0);
-}
-
-DefaultUnpackState::~DefaultUnpackState()
-{
-    for (std::size_t i = 0; i < kUnpackParameters.size(); ++i)
-        glPixelStorei(kUnpackParameters[i], _values[i]);
-    glBindBuffer(GL_PIXEL_UNPACK_BUFFER, GLuint(_buffer));
-}
-
 ManagedTextures::ManagedTextures()
 {
     const int largest = limit(GL_MAX_TEXTURE_SIZE);
@@ -146,6 +127,7 @@ int ManagedTextures::add(const QImage &image, const QString &label)
     Map map{0, {}};
     while (std::max(padded.width(), padded.height()) > _classes[std::size_t(map.pageClass)].size)
         ++map.pageClass;
+    _pageClasses = std::max(_pageClasses, map.pageClass + 1);
     PageClass &pageClass = _classes[std::size_t(map.pageClass)];
 
     const int levels = levelCount(size);

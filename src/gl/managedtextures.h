@@ -37,6 +37,8 @@ public:
     int add(const QImage &image, const QString &label);
     void remove(int handle);
     int count() const { return int(_maps.size()); }
+    /// The highest class of pages that ever held an image, plus 1.
+    int pageClasses() const { return _pageClasses; }
 
     void bind(ShaderProgram *program);
     void unbind(ShaderProgram *program);
@@ -86,24 +88,11 @@ private:
     QHash<int, Map> _maps; // by handle
     QHash<int, QVector<int>> _freeRecords; // by number of texels
     QVector<float> _table;
+    int _pageClasses = 0;
     bool _tableChanged = true;
     std::unique_ptr<BufferObject> _tableBuffer;
     std::unique_ptr<Texture> _tableTexture;
     std::unique_ptr<Texture> _emptyPages;
-};
-
-/// Puts pixel unpacking into GL's default state for the scope, and restores the host's.
-class DefaultUnpackState
-{
-public:
-    DefaultUnpackState();
-    ~DefaultUnpackState();
-    DefaultUnpackState(const DefaultUnpackState &) = delete;
-    DefaultUnpackState &operator=(const DefaultUnpackState &) = delete;
-
-private:
-    std::array<int, 5> _values{};
-    int _buffer = 0;
 };
 
 } // namespace Brevane::Kvo

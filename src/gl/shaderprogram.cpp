@@ -2,7 +2,9 @@
 
 #include "gl/attributelocations.h"
 #include "gl/bufferobject.h"
+#include "gl/glinfo.h"
 #include "gl/shaderprogram_p.h"
+#include "gl/texturemanager.h"
 
 #include <QColor>
 #include <QMatrix4x4>
@@ -49,6 +51,17 @@ QString stageDefine(int stage)
     case GL_FRAGMENT_SHADER: return QStringLiteral("KVO_STAGE_FRAGMENT");
     case GL_GEOMETRY_SHADER: return QStringLiteral("KVO_STAGE_GEOMETRY");
     default: return QStringLiteral("KVO_STAGE_OTHER");
+    }
+}
+
+// Making a shader of a stage that the context lacks is an error of GL.
+bool hasStage(int stage)
+{
+    switch (stage) {
+    case GL_TESS_CONTROL_SHADER:
+    case GL_TESS_EVALUATION_SHADER: return hasGLExtension("GL_ARB_tessellation_shader");
+    case GL_COMPUTE_SHADER: return hasGLExtension("GL_ARB_compute_shader");
+    default: return true;
     }
 }
 
@@ -279,6 +292,13 @@ const GLSLMacroProcessor &ShaderProgramPrivate::processorInUse() const
     return processor ? *processor : byDefault;
 }
 
+bool ShaderProgramPrivate::readsManagedTextures() const
+{
+    return std::any_of(sources.cbegin(), sources.cend(), [](const Source &source) {
+        return source.isFile && source.name == QLatin1String("TextureManager.glslc");
+    });
+}
+
 QString ShaderProgramPrivate::drawIndexDefine() const
 {
     static const QRegularExpression marker(QStringLiteral("^\\s*#\\s*instancedata\\b"),
@@ -308,7 +328,7 @@ QString ShaderProgramPrivate::stageTitle(int stage, const QString &sourceName, i
 
 bool ShaderProgramPrivate::compileStage(Compiled &c, const QString &title)
 {
-    c.shader = glCreateShader(GLenum(c.stage));
+    c.shader = hasStage(c.stage) ? glCreateShader(GLenum(c.stage)) : 0;
     if (!c.shader) {
         log += QStringLiteral("%1: the context has no such stage\n").arg(title);
         return false;
@@ -354,7 +374,7 @@ void ShaderProgramPrivate::deleteShaders()
 
 void ShaderProgramPrivate::fail(bool whileLinking)
 {
-    if (const auto &handler = failureHandler())
+    if (const auto &handler = failureHandler(); handler && !mayFail)
         handler({label, log, whileLinking});
 }
 
@@ -464,6 +484,12 @@ bool ShaderProgram::compile()
         d->log = QStringLiteral("program '%1' has no shaders").arg(d->label);
 
     const QString drawIndex = d->drawIndexDefine();
+    QList<QPair<QString, QString>> defines{{QString(), QStringLiteral("1")}, {drawIndex, QStringLiteral("1")}};
+    d->managedPages = -1;
+    if (d->mayShare && d->readsManagedTextures()) {
+        d->managedPages = TextureManager::Instance().managedPageClasses();
+        defines.append({QStringLiteral("KVO_MANAGED_PAGES"), QString::number(d->managedPages)});
+    }
     d->shareKey = d->fragDataLocations.join(u'\0').toUtf8();
     for (const ShaderProgramPrivate::Source &source : std::as_const(d->sources)) {
         QString text = source.text;
@@ -476,8 +502,8 @@ bool ShaderProgram::compile()
                 continue;
             }
         }
-        ProcessedSource processed = d->processorInUse().process(
-            text, source.name, {{stageDefine(source.stage), QStringLiteral("1")}, {drawIndex, QStringLiteral("1")}});
+        defines.first().first = stageDefine(source.stage);
+        ProcessedSource processed = d->processorInUse().process(text, source.name, defines);
         d->shareKey += '\0' + QByteArray::number(source.stage) + '\0' + processed.text.toUtf8();
         d->compiled.append({0, source.stage, std::move(processed)});
     }
@@ -708,6 +734,20 @@ bool ShaderProgram::isLinked() const
 void ShaderProgram::setMayShare(bool mayShare)
 {
     d->mayShare = mayShare;
+}
+
+bool ShaderProgram::refresh()
+{
+    if (d->managedPages < 0 || d->managedPages >= TextureManager::Instance().managedPageClasses())
+        return false;
+    compile();
+    link();
+    return true;
+}
+
+void ShaderProgram::setMayFail(bool mayFail)
+{
+    d->mayFail = mayFail;
 }
 
 void ShaderProgram::setLabel(const QString &label)

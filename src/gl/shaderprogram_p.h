@@ -62,6 +62,7 @@ public:
     const GLSLMacroProcessor &processorInUse() const;
     /// How fragment and geometry stages learn the index of a draw; see InstanceData.glslh.
     QString drawIndexDefine() const;
+    bool readsManagedTextures() const;
     QString stageTitle(int stage, const QString &sourceName, int number = 0) const;
     bool compileStage(Compiled &compiled, const QString &title);
     void deleteShaders();
@@ -79,6 +80,8 @@ public:
     QString log;
     QString label;
     bool mayShare = false;
+    bool mayFail = false;
+    int managedPages = -1; // classes of pages it was built to sample; -1: all there can be
     bool compiledWell = false;
     QByteArray shareKey; // of the texts that compile processed
     QVarLengthArray<Previous, 4> previous;

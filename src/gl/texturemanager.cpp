@@ -3,13 +3,14 @@
 #include "gl/contextstate.h"
 #include "gl/glinfo.h"
 #include "gl/guards.h"
+#include "gl/imagefile.h"
 #include "gl/managedtextures.h"
 #include "gl/texture.h"
+#include "gl/unpackstate.h"
 
 #include <QColor>
 #include <QHash>
 #include <QImage>
-#include <QImageReader>
 #include <QSet>
 
 #include <epoxy/gl.h>
@@ -77,13 +78,9 @@ struct GroupTextures
 
 QImage loadImage(const QString &path, const TextureOptions &options, QString *error)
 {
-    QImageReader reader(path);
-    reader.setAutoTransform(true);
-    QImage image = reader.read();
-    if (image.isNull()) {
-        *error = reader.errorString();
+    QImage image = readImageFile(path, ImageTurn::AsMetadataSays, error);
+    if (image.isNull())
         return image;
-    }
     GLint largest = 0;
     glGetIntegerv(GL_MAX_TEXTURE_SIZE, &largest);
     const int limit = options.maxSize > 0 ? std::min(options.maxSize, largest) : largest;
@@ -423,6 +420,12 @@ int TextureManager::managedTextureCount() const
 {
     const GroupTextures *group = d->current();
     return group && group->managed ? group->managed->count() : 0;
+}
+
+int TextureManager::managedPageClasses() const
+{
+    const GroupTextures *group = d->current();
+    return group && group->managed ? group->managed->pageClasses() : 0;
 }
 
 void TextureManager::dropShareGroup(quint64 id)

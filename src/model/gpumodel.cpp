@@ -84,11 +84,12 @@ struct Item
     bool culled = false;
 };
 
-/// The items of one value and mask, ready to draw.
+/// The items of one value, mask and opacity, ready to draw.
 struct Selection
 {
     quint64 value;
     quint64 mask;
+    GPUModel::Opacity opacity;
     std::vector<int> items;
     QSharedPointer<BufferObject> commands; // made on first indirect draw
 };
@@ -225,18 +226,33 @@ public:
             TextureManager::Instance().removeManagedTexture(handle);
     }
 
-    Selection &selection(quint64 value, quint64 mask)
+    // Of the three texels of a material the second ends with its opacity.
+    bool hasOpacity(std::size_t item, GPUModel::Opacity opacity) const
     {
+        constexpr qsizetype kFloats = 12;
+        constexpr qsizetype kOpacity = 7;
+        if (opacity == GPUModel::Opacity::Any)
+            return true;
+        const bool isTransparent = materialData->data().value(qsizetype(item) * kFloats + kOpacity) < 1.0f;
+        return isTransparent == (opacity == GPUModel::Opacity::Transparent);
+    }
+
+    Selection &selection(quint64 value, quint64 mask, GPUModel::Opacity opacity = GPUModel::Opacity::Any)
+    {
+        if (opacity != GPUModel::Opacity::Any && materialRevision != materialData->revision()) {
+            materialRevision = materialData->revision();
+            std::erase_if(selections, [](const Selection &s) { return s.opacity != GPUModel::Opacity::Any; });
+        }
         for (Selection &known : selections) {
-            if (known.value == value && known.mask == mask)
+            if (known.value == value && known.mask == mask && known.opacity == opacity)
                 return known;
         }
         if (selections.size() >= kMaxSelections)
             selections.erase(selections.begin());
-        Selection made{value, mask, {}, nullptr};
+        Selection made{value, mask, opacity, {}, nullptr};
         for (std::size_t i = 0; i < items.size(); ++i) {
             const Item &item = items[i];
-            if ((item.flags & mask) == value && !item.culled && commands[i].count > 0)
+            if ((item.flags & mask) == value && !item.culled && commands[i].count > 0 && hasOpacity(i, opacity))
                 made.items.push_back(int(i));
         }
         selections.push_back(std::move(made));
@@ -262,6 +278,7 @@ public:
     QVector<int> maps;
     Box bounds;
     qint64 triangles = 0;
+    int materialRevision = 0;
     GPUModel::DrawRoad road = GPUModel::DrawRoad::Automatic;
 
     std::unique_ptr<DrawBuffers> geometry;
@@ -466,12 +483,12 @@ bool GPUModel::upload(const ModelData &data, QStringList *warnings)
 }
 
 bool GPUModel::draw(ShaderProgram *program, const unsigned long long &value, const unsigned long long &mask,
-                    const WindingType &winding, bool mirrored)
+                    const WindingType &winding, bool mirrored, Opacity opacity)
 {
     WindingType effective = winding;
     if (mirrored)
         effective = winding == ClockwiseWinding ? CounterClockwiseWinding : ClockwiseWinding;
-    return d->draw(program, &TextureManager::Instance(), d->selection(value, mask), effective);
+    return d->draw(program, &TextureManager::Instance(), d->selection(value, mask, opacity), effective);
 }
 
 bool GPUModel::draw(ShaderProgram *program, TextureManager *manager, const unsigned long long &value,

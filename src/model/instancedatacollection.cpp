@@ -41,6 +41,8 @@ bool InstanceDataCollection::setData(const QVector<float> &data)
                   qPrintable(_plan->name()), qlonglong(texels / _plan->texelsPerDraw()), most / _plan->texelsPerDraw());
         return false;
     }
+    _data = data;
+    ++_revision;
     _drawCount = int(texels / _plan->texelsPerDraw());
     _buffer->upload(data.constData(), int(data.size()), GL_STATIC_DRAW);
     AutoBinder bound(_texture.get());

@@ -31,7 +31,12 @@ vec4 exactTexture(sampler2D s, vec2 coord)
 {
   vec2 texel = coord * vec2(textureSize(s, 0));
   vec2 fromCentre = abs(fract(texel) - 0.5);
-  return max(fromCentre.x, fromCentre.y) < 0.001 ? texelFetch(s, ivec2(texel), 0) : texture(s, coord);
+  vec4 color = texelFetch(s, ivec2(texel), 0);
+  // A loop of at most one round: rasterisers on the CPU pay for both sides of a condition, but not for
+  // a loop that no pixel enters.
+  for(int rounds = max(fromCentre.x, fromCentre.y) < 0.001 ? 0 : 1; rounds > 0; --rounds)
+    color = texture(s, coord);
+  return color;
 }
 )");
 
@@ -50,7 +55,8 @@ ShaderProgram *buildProgram(const ProgramRecipe &recipe, GLSLMacroProcessor *pro
 {
     auto *program = new ShaderProgram(nullptr);
     program->setLabel(recipe.label);
-    program->setMayShare(true);
+    program->setMayShare(recipe.mayShare);
+    program->setMayFail(recipe.mayFail);
     if (processor)
         program->setMacroProcessor(processor);
     program->setFragDataLocations(recipe.outputs);
@@ -71,8 +77,10 @@ ShaderProgram *buildProgram(const ProgramRecipe &recipe, GLSLMacroProcessor *pro
 
 bool buildOnce(ShaderProgram *&program, const ProgramRecipe &recipe)
 {
-    if (program)
+    if (program) {
+        program->refresh();
         return false;
+    }
     program = buildProgram(recipe);
     return true;
 }

@@ -29,6 +29,11 @@ struct ProgramRecipe
     QString label;
     QStringList outputs;
     std::vector<ShaderSource> sources;
+    /// Whether passes with the same sources use one GL program, uniforms included; see
+    /// ShaderProgram::setMayShare.
+    bool mayShare = true;
+    /// Whether the pass has another way should the driver refuse this one; see ShaderProgram::setMayFail.
+    bool mayFail = false;
 };
 
 /// The sources of a program that draws a model: the vertex text with object data, the fragment text

@@ -1,5 +1,6 @@
 #include "passkit/slots.h"
 
+#include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/texture.h"
 #include "model/gpumodel.h"
@@ -46,6 +47,13 @@ GPUModel *modelOf(const QVariant &value)
                                                                  : nullptr;
 }
 
+DrawBuffers *anyDrawBuffers(const QVariant &value)
+{
+    if (value.metaType() == QMetaType::fromType<DrawBuffers *>())
+        return *static_cast<DrawBuffers *const *>(value.constData());
+    return qobject_cast<DrawBuffers *>(objectIn(value));
+}
+
 FramebufferObject *framebufferOf(const QVariant &value)
 {
     return qobject_cast<FramebufferObject *>(objectIn(value));
@@ -54,6 +62,11 @@ FramebufferObject *framebufferOf(const QVariant &value)
 QVariant objectForm(Texture *texture)
 {
     return textureToVariant(texture);
+}
+
+QVariant typedForm(Texture *texture)
+{
+    return QVariant::fromValue(texture);
 }
 
 } // namespace Brevane::Kvo

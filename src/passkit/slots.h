@@ -22,10 +22,14 @@ Texture *anyTexture(const QVariant &value);
 
 /// The model of a value, which is always in typed form.
 GPUModel *modelOf(const QVariant &value);
+/// The geometry of a value in either form.
+DrawBuffers *anyDrawBuffers(const QVariant &value);
 /// The framebuffer of a value in object form.
 FramebufferObject *framebufferOf(const QVariant &value);
 
 /// A texture as passes hand it out.
 QVariant objectForm(Texture *texture);
+/// A texture as the passes hand it out that say so.
+QVariant typedForm(Texture *texture);
 
 } // namespace Brevane::Kvo

@@ -140,6 +140,15 @@ const ProgramRecipe &compositeProgram()
     return recipe;
 }
 
+// Opaque fragments are not kept out of the sums by a test of alpha, but by the depth that they themselves
+// have left: under a strict function none of them comes through.
+GPUModel::Opacity opacityToAccumulate()
+{
+    GLint function = GL_LESS;
+    glGetIntegerv(GL_DEPTH_FUNC, &function);
+    return function == GL_LESS ? GPUModel::Opacity::Transparent : GPUModel::Opacity::Any;
+}
+
 void setMatrices(ShaderProgram *program, const QMatrix4x4 &projection, const QMatrix4x4 &camera)
 {
     if (program->hasUniform(QStringLiteral("u_ProjectionMatrix")))
@@ -222,7 +231,8 @@ void TransparencyRenderPass::start(RenderCallbacks *)
                 AutoEnabler depthTest(GL_DEPTH_TEST);
                 AutoBinder program(_opaqueProgram);
                 setMatrices(_opaqueProgram, projection, camera);
-                model->draw(_opaqueProgram, 0, 0, CounterClockwiseWinding, false);
+                // The shader discards the others, which costs as much as drawing them.
+                model->draw(_opaqueProgram, 0, 0, CounterClockwiseWinding, false, GPUModel::Opacity::Opaque);
             }
         }
         {
@@ -239,7 +249,7 @@ void TransparencyRenderPass::start(RenderCallbacks *)
                 glDepthMask(GL_FALSE);
                 AutoBinder program(_accumulationProgram);
                 setMatrices(_accumulationProgram, projection, camera);
-                model->draw(_accumulationProgram, 0, 0, CounterClockwiseWinding, false);
+                model->draw(_accumulationProgram, 0, 0, CounterClockwiseWinding, false, opacityToAccumulate());
                 glDepthMask(GL_TRUE);
             }
         }

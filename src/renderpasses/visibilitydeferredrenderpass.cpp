@@ -141,6 +141,7 @@ VisibilityDeferredRenderPass::~VisibilityDeferredRenderPass()
     dropTarget(_fbo, GL_COLOR_ATTACHMENT0);
     delete _fbo;
     delete _shaderProgram;
+    delete _macroProcessor;
     delete _fallbackTexture;
     qDeleteAll(_bufferTextures);
 }
@@ -169,13 +170,13 @@ void VisibilityDeferredRenderPass::start(RenderCallbacks *)
         replaceTarget(_fbo, GL_COLOR_ATTACHMENT0, kTarget, extent);
     }
     if (!_shaderProgram) {
-        GLSLMacroProcessor processor;
-        DrawBuffers::setup(&processor);
+        _macroProcessor = new GLSLMacroProcessor;
+        DrawBuffers::setup(_macroProcessor);
         if (!hasThreeComponentViews())
-            processor.addDefine(QStringLiteral("KVO_SCALAR_BUFFERS"), QStringLiteral("1"));
-        _shaderProgram = buildProgram(shadingProgram(), &processor);
-        _shaderProgram->setMacroProcessor(nullptr);
+            _macroProcessor->addDefine(QStringLiteral("KVO_SCALAR_BUFFERS"), QStringLiteral("1"));
+        _shaderProgram = buildProgram(shadingProgram(), _macroProcessor);
     }
+    _shaderProgram->refresh();
     fetchOnce(_screenQuad, Quad::Screen, _shaderProgram);
 
     if (!extent.isEmpty()) {

@@ -386,3 +386,26 @@ TEST_F(ForwardPass, TeardownKeepsEverythingAndTheNextStartWorks)
     ASSERT_TRUE(model.upload(cubesScene()));
     expectTeardownKeepsEverything(pass);
 }
+
+TEST_F(ForwardPass, MapsThatComeAfterTheFirstFrameAreSeen)
+{
+    // Programs are built for the maps there are; the first ones, and larger ones, come later.
+    pass.setInput(kProjection, flatProjection());
+    pass.setInput(kCamera, QMatrix4x4());
+    ModelData scene = quadScene({1, 1, 1});
+    ASSERT_TRUE(model.upload(scene));
+    runFrame(pass);
+    const double l = 1 / std::sqrt(3.0);
+    EXPECT_TRUE(isPixel(read(kFrame), 30, 20, {l, l, l, 1}, kLit));
+    for (int side : {16, 1500, 3000}) {
+        QImage map(side, 4, QImage::Format_RGBA8888);
+        map.fill(QColor(255, side % 255, 51));
+        scene.materials[0].map_Kd = map;
+        ASSERT_TRUE(model.upload(scene));
+        runFrame(pass);
+        EXPECT_TRUE(isPixel(read(kFrame), 30, 20, {l, side % 255 / 255.0 * l, 0.2 * l, 1}, kLit)) << side;
+    }
+    const GlCalls calls;
+    runFrame(pass);
+    EXPECT_EQ(calls.created(), 0);
+}

@@ -3,6 +3,7 @@
 #include <gl/guards.h>
 #include <gl/texture.h>
 #include <host/imageoutput.h>
+#include <shadows/shadowmaprenderdata.h>
 
 #include <QFile>
 #include <QTemporaryDir>
@@ -116,7 +117,31 @@ TEST_F(TextureOutput, StacksTheLayersOfAnArray)
     ASSERT_TRUE(readTexture(texture.get(), &pixels));
     EXPECT_EQ(pixels.width, 2);
     EXPECT_EQ(pixels.height, 2);
+    EXPECT_EQ(pixels.layers, 2);
     EXPECT_EQ(pixels.values, (QVector<float>{1, 2, 3, 4}));
+}
+
+TEST_F(TextureOutput, ShadowMapsAreReadFromTheirRecord)
+{
+    texture = std::make_unique<Texture>();
+    texture->setTarget(GL_TEXTURE_2D_ARRAY);
+    {
+        const AutoBinder binder(texture.get());
+        const float values[4] = {0.5f, 0.25f, 1e9f, 1e9f};
+        glTexImage3D(GL_TEXTURE_2D_ARRAY, 0, GL_RG32F, 1, 1, 2, 0, GL_RG, GL_FLOAT, values);
+    }
+    ShadowMapRenderData record;
+    TexturePixels pixels;
+    QString error;
+    EXPECT_FALSE(readShadowMaps(nullptr, &pixels, &error));
+    EXPECT_FALSE(readShadowMaps(&record, &pixels, &error));
+    EXPECT_EQ(error, QStringLiteral("there are no shadow maps"));
+    record.layerCount = 2;
+    EXPECT_FALSE(readShadowMaps(&record, &pixels, &error)) << "no texture";
+    record.setProjectionTexture(texture.get());
+    ASSERT_TRUE(readShadowMaps(&record, &pixels, &error)) << qPrintable(error);
+    EXPECT_EQ(pixels.kind, TexturePixels::Kind::Moments);
+    EXPECT_EQ(pixels.values, (QVector<float>{0.5f, 0.25f, 1e9f, 1e9f}));
 }
 
 TEST_F(TextureOutput, StacksTheFacesOfACubeMap)
@@ -133,6 +158,7 @@ TEST_F(TextureOutput, StacksTheFacesOfACubeMap)
     TexturePixels pixels;
     ASSERT_TRUE(readTexture(texture.get(), &pixels));
     EXPECT_EQ(pixels.values, (QVector<float>{0, 1, 2, 3, 4, 5}));
+    EXPECT_EQ(pixels.layers, 6);
 }
 
 TEST_F(TextureOutput, LeavesThePackStateOfTheHost)

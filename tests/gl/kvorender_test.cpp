@@ -182,12 +182,62 @@ TEST_F(KvoRender, PrintsTimesPerPass)
     }
 }
 
+TEST_F(KvoRender, PrintsTheValueOfAnOutput)
+{
+    const Outcome outcome = succeed(QStringList{kBox} << words("-p luminance -s 64x64 -n 2 -q "
+                                                               "--print Luminance.averageLuminance "
+                                                               "--print Luminance.Kvo_KvoTexture*_Frame"));
+    const QStringList lines = outcome.out.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    ASSERT_EQ(lines.size(), 2) << qPrintable(outcome.out);
+    static const QRegularExpression kNumber(QStringLiteral("^Luminance.averageLuminance = (0[.][0-9]+)$"));
+    const QRegularExpressionMatch match = kNumber.match(lines[0]);
+    ASSERT_TRUE(match.hasMatch()) << qPrintable(lines[0]);
+    EXPECT_GT(match.captured(1).toDouble(), 0.2) << "of a backdrop around 0.6";
+    EXPECT_TRUE(lines[1].startsWith(QStringLiteral("Luminance.Kvo_KvoTexture*_Frame = ")));
+    expectFailure(QStringList{kBox} << words("-p luminance -o out.png --print Luminance.averageLumnance"), 2,
+                  "did you mean 'averageLuminance'?");
+    expectFailure(QStringList{kBox} << words("-p luminance -o out.png --print Luminance"), 2,
+                  "--print takes PASS.SLOT, not 'Luminance'");
+}
+
+TEST_F(KvoRender, ScalesTheModelForPassesThatCountInUnits)
+{
+    // The engine is hundreds of units long, and farther away than obscurance looks.
+    const auto obscured = [&](const char *scale) {
+        succeed(
+            QStringList{kEngine} << words("-p ambient-obscurance -s 96x54 --dump Obscurance.Frame=ao.png -q --scale")
+                                 << QString::fromLatin1(scale));
+        const QImage image(path("ao.png"));
+        int count = 0;
+        for (int y = 0; y < image.height(); ++y)
+            for (int x = 0; x < image.width(); ++x)
+                count += qRed(image.pixel(x, y)) < 200;
+        return count;
+    };
+    EXPECT_EQ(obscured("1"), 0);
+    EXPECT_GT(obscured("fit"), 100);
+    // The picture of a lit model is the same at every size.
+    succeed(QStringList{kEngine} << words("-p forward -s 96x54 -o one.png -q"));
+    succeed(QStringList{kEngine} << words("-p forward -s 96x54 -o other.png -q --scale 0.25"));
+    const QImage one(path("one.png")), other(path("other.png"));
+    int differing = 0;
+    for (int y = 0; y < one.height(); ++y)
+        for (int x = 0; x < one.width(); ++x)
+            differing += std::abs(qGreen(one.pixel(x, y)) - qGreen(other.pixel(x, y))) > 8;
+    EXPECT_LT(differing, 96 * 54 / 100) << "rounding moves an edge here and there";
+    for (const char *scale : {"0", "-1", "fitting", "inf"})
+        expectFailure(QStringList{kBox, QStringLiteral("-o"), QStringLiteral("out.png"), QStringLiteral("--scale"),
+                                  QString::fromLatin1(scale)},
+                      2, "--scale takes a number above 0 or fit");
+}
+
 TEST_F(KvoRender, TellsWhatThereIs)
 {
     Outcome outcome = run(words("--list"));
     EXPECT_EQ(outcome.exitCode, 0);
     for (const char *text : {"gradient", "forward", "deferred-model", "@viewport", "TextureToScreenRenderPass",
-                             "in   Kvo_QColor_ColorTop = #404040", "out  Kvo_KvoTexture*_Depth"})
+                             "in   Kvo_QColor_ColorTop = #404040", "out  Kvo_KvoTexture*_Depth",
+                             "call addCube(float, QVector3D)", "in   Kvo_float_SAORadius = 0.08"})
         EXPECT_TRUE(outcome.out.contains(QLatin1StringView(text))) << text;
     outcome = run(words("--gl-info"));
     EXPECT_EQ(outcome.exitCode, 0);
@@ -278,4 +328,36 @@ TEST_F(KvoRender, NamesFilesThatCannotBeWritten)
     ASSERT_TRUE(QDir(folder.path()).mkdir(QStringLiteral("folder.png")));
     expectFailure(words("-p gradient -o folder.png"), 1, "cannot write 'folder.png': it is a folder");
     expectFailure(words("-p gradient -s 30000x30000 -o out.png"), 1, "30000x30000");
+}
+
+TEST_F(KvoRender, DrawsAModelOnAFloorWithShadowsOfTheLightsGiven)
+{
+    const QStringList common{kBox,
+                             QStringLiteral("-p"),
+                             QStringLiteral("shadows"),
+                             QStringLiteral("--floor"),
+                             QStringLiteral("-s"),
+                             QStringLiteral("96x64"),
+                             QStringLiteral("-o")};
+    succeed(QStringList(common) << QStringLiteral("sun.png"));
+    succeed(QStringList(common) << QStringLiteral("lamps.png") << QStringLiteral("--light")
+                                << QStringLiteral("spot:0,4,0,0,-1,0,60:color=#ff8000") << QStringLiteral("--light")
+                                << QStringLiteral("point:2,2,2") << QStringLiteral("--dump")
+                                << QStringLiteral("Shadows.ShadowMapData=maps.png") << QStringLiteral("--dump")
+                                << QStringLiteral("Shadows.ShadowMapData=maps.exr") << QStringLiteral("--set")
+                                << QStringLiteral("Shadows.MapSize=[32, 32]"));
+    const QImage sun(folder.filePath(QStringLiteral("sun.png")));
+    const QImage lamps(folder.filePath(QStringLiteral("lamps.png")));
+    ASSERT_FALSE(sun.isNull());
+    EXPECT_NE(sun, lamps);
+    // one layer of the spot light and six of the point light, three in a row
+    EXPECT_EQ(QImage(folder.filePath(QStringLiteral("maps.png"))).size(), QSize(3 * 32 + 2 * 2, 3 * 32 + 2 * 2));
+    EXPECT_TRUE(QFile::exists(folder.filePath(QStringLiteral("maps.exr"))));
+}
+
+TEST_F(KvoRender, ALightWithAMistakeIsNamed)
+{
+    expectFailure({kBox, QStringLiteral("-p"), QStringLiteral("shadows"), QStringLiteral("-o"), QStringLiteral("a.png"),
+                   QStringLiteral("--light"), QStringLiteral("spt:0,4,0")},
+                  2, "did you mean 'spot'?");
 }

@@ -165,7 +165,8 @@ TEST_P(PipelineOfTheTree, DrawsAPictureWithoutAFault)
         EXPECT_EQ(stage.pipeline.faults(), QStringList()) << "frame " << frame;
     }
     EXPECT_GE(colorsOf(stage.screen.image()), kFewestColors);
-    EXPECT_EQ(messages.texts(), QStringList());
+    // a pass may say which path it takes
+    EXPECT_EQ(messages.texts(QtWarningMsg) + messages.texts(QtCriticalMsg), QStringList());
 }
 
 TEST_P(PipelineOfTheTree, ShowsTheModel)

@@ -491,6 +491,20 @@ TEST_F(ShaderProgramTest, FailureHandlerReceivesEveryFailedCompileAndLinkOnce)
     EXPECT_EQ(handler.failures.size(), 2);
 }
 
+TEST_F(ShaderProgramTest, AProgramThatMayFailKeepsTheHandlerOutOfIt)
+{
+    FailureLog handler;
+    ShaderProgram broken;
+    broken.setMayFail(true);
+    broken.addShader(GL_FRAGMENT_SHADER, QStringLiteral("#version 150\nnonsense\n"));
+    EXPECT_FALSE(broken.compile());
+    EXPECT_TRUE(handler.failures.isEmpty());
+    EXPECT_FALSE(broken.log().isEmpty()) << "the owner can still look";
+    broken.setMayFail(false);
+    EXPECT_FALSE(broken.compile());
+    EXPECT_EQ(handler.failures.size(), 1);
+}
+
 TEST_F(ShaderProgramTest, SourcesOfAStageAreJoined)
 {
     ShaderProgram program;

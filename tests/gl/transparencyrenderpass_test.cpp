@@ -7,6 +7,7 @@
 #include <gl/opengldevicecontext.h>
 #include <gl/texture.h>
 #include <model/gpumodel.h>
+#include <model/instancedatacollection.h>
 #include <renderpasses/transparencyrenderpass.h>
 
 #include <QRect>
@@ -190,6 +191,35 @@ TEST_F(Transparency, AnOpaqueFragmentEntersNoSumUnderAStrictDepthFunction)
 {
     glDepthFunc(GL_LESS);
     expectComposed({{{0.25, 0.5, 0.75}, 1.0, 0.5}}, 1e-6);
+}
+
+TEST_F(Transparency, AnOpaqueFragmentEntersTheSumsUnderAFunctionThatIsNotStrict)
+{
+    const std::vector<Layer> layers{{{0.25, 0.5, 0.75}, 1.0, 0.5}};
+    ASSERT_TRUE(model.upload(stack(layers)));
+    glDepthFunc(GL_LEQUAL);
+    runFrame(pass);
+    // Revealage 0: the average of the one fragment, and no alpha.
+    const double l = 1 / std::sqrt(3.0);
+    EXPECT_TRUE(isPixel(read(kFrame), 5, 5, {0.25 * l, 0.5 * l, 0.75 * l, 0}, kSingle));
+}
+
+TEST_F(Transparency, OpacityThatAHostChangesLaterIsFollowed)
+{
+    const std::vector<Layer> layers{{{0.25, 0.5, 0.75}, 1.0, 0.5}};
+    ASSERT_TRUE(model.upload(stack(layers)));
+    runFrame(pass);
+    const double l = 1 / std::sqrt(3.0);
+    EXPECT_TRUE(isPixel(read(kFrame), 5, 5, {0.25 * l, 0.5 * l, 0.75 * l, 1}, kSingle));
+    QVector<float> data = model.materialData(0)->data();
+    data[7] = 0.5f;
+    ASSERT_TRUE(model.materialData(0)->setData(data));
+    glClearColor(0, 0, 0, 0);
+    runFrame(pass);
+    std::vector<Layer> changed = layers;
+    changed[0].alpha = 0.5;
+    const Rgba expected = composed(lit(changed), {0, 0, 0, 0});
+    EXPECT_TRUE(isPixel(read(kFrame), 5, 5, expected, kSingle));
 }
 
 TEST_F(Transparency, AWeightSumBelowTheClampIsDividedByTheClamp)

@@ -23,7 +23,7 @@ public:
         glGetIntegerv(GL_PIXEL_PACK_BUFFER_BINDING, &_packBuffer);
         glBindBuffer(GL_PIXEL_PACK_BUFFER, 0);
         glPixelStorei(GL_PACK_ALIGNMENT, 1);
-        sizeOf(name, target, level);
+        sizeOf(name, target, level, layer);
         if (width == 0 || height == 0)
             return;
         glGenFramebuffers(1, &_own);
@@ -56,7 +56,7 @@ public:
     bool complete = false;
 
 private:
-    void sizeOf(GLuint name, GLenum target, int level)
+    void sizeOf(GLuint name, GLenum target, int level, int layer)
     {
         GLenum binding = GL_TEXTURE_BINDING_2D;
         GLenum image = target;
@@ -66,7 +66,7 @@ private:
             binding = GL_TEXTURE_BINDING_3D;
         else if (target == GL_TEXTURE_CUBE_MAP) {
             binding = GL_TEXTURE_BINDING_CUBE_MAP;
-            image = GL_TEXTURE_CUBE_MAP_POSITIVE_X;
+            image = GL_TEXTURE_CUBE_MAP_POSITIVE_X + GLenum(layer); // faces may differ
         }
         GLint previous = 0;
         glGetIntegerv(binding, &previous);

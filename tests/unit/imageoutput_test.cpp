@@ -53,6 +53,47 @@ TEST(VisibleImage, TurnsTheBottomRowFirstIntoUpright)
     EXPECT_EQ(image.pixel(0, 1), qRgb(255, 0, 0));
 }
 
+TEST(VisibleImage, ShowsMomentsInGreysOfTheirLayerAndMarksEmptyTexels)
+{
+    // two layers of three texels: near, far and empty; then one depth, a mixed texel and no number
+    TexturePixels pixels =
+        row(Kind::Moments, 2, {0.2f, 0.04f, 0.6f, 0.36f, 1e9f, 1e9f, 0.9f, 0.81f, 3e7f, 3e7f, kNan, 0});
+    pixels.width = 3;
+    pixels.height = 2;
+    pixels.layers = 2;
+    const QImage image = visibleImage(pixels);
+    ASSERT_EQ(image.size(), QSize(3 + 2 + 3, 1)) << "side by side, with a gap";
+    EXPECT_EQ(image.pixel(0, 0), qRgb(255, 255, 255));
+    EXPECT_EQ(qRed(image.pixel(1, 0)), 38) << "the furthest is dark, but not black";
+    EXPECT_EQ(image.pixel(2, 0), qRgb(24, 32, 72));
+    EXPECT_EQ(qAlpha(image.pixel(3, 0)), 0);
+    EXPECT_EQ(qRed(image.pixel(5, 0)), qBlue(image.pixel(5, 0)));
+    EXPECT_EQ(image.pixel(6, 0), qRgb(96, 48, 136));
+    EXPECT_EQ(image.pixel(7, 0), kMagenta);
+}
+
+TEST(VisibleImage, LaysLayersOutInRowsFromTheUpperLeft)
+{
+    // five layers of one colour each, 2 x 1 texels
+    QVector<float> values;
+    for (int layer = 0; layer < 5; ++layer)
+        for (int texel = 0; texel < 2; ++texel)
+            values << float(layer) / 5.0f << float(texel) << 0.0f;
+    TexturePixels pixels = row(Kind::Color, 3, values);
+    pixels.width = 2;
+    pixels.height = 5;
+    pixels.layers = 5;
+    const QImage image = visibleImage(pixels);
+    ASSERT_EQ(image.size(), QSize(3 * 2 + 2 * 2, 2 * 1 + 2));
+    for (int layer = 0; layer < 5; ++layer) {
+        const int x = layer % 3 * 4;
+        const int y = layer / 3 * 3;
+        EXPECT_EQ(image.pixel(x, y), qRgb(51 * layer, 0, 0)) << layer;
+        EXPECT_EQ(image.pixel(x + 1, y), qRgb(51 * layer, 255, 0)) << layer;
+    }
+    EXPECT_EQ(qAlpha(image.pixel(8, 3)), 0) << "no sixth layer";
+}
+
 TEST(VisibleImage, ClampsBrightColorsAndShowsNanInMagenta)
 {
     const QImage image = visibleImage(row(Kind::Color, 3, {2, 0.5, 0, kNan, 0, 0}));

@@ -8,6 +8,7 @@
 #include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
+#include <QVector3D>
 
 #include <gtest/gtest.h>
 
@@ -27,6 +28,30 @@ public:
     }
     QVariant inputValue(int index) { return _inputs[index].value; }
 };
+
+// Remembers what the file has called.
+class CalledPass : public RenderPassHelper
+{
+public:
+    enum Mode { Off, On };
+    void take(float f, int i, bool b, const QString &text, const QVector3D &v)
+    {
+        calls << QStringLiteral("take %1 %2 %3 %4 %5 %6 %7")
+                     .arg(f)
+                     .arg(i)
+                     .arg(b)
+                     .arg(text)
+                     .arg(v.x())
+                     .arg(v.y())
+                     .arg(v.z());
+    }
+    void setMode(Mode mode) { calls << QStringLiteral("setMode %1").arg(int(mode)); }
+    void finish() { calls << QStringLiteral("finish"); }
+    QStringList calls;
+};
+
+class GradientOnly : public RenderPassHelper
+{};
 
 QString s(const char *text)
 {
@@ -67,6 +92,117 @@ TEST(PipelineFile, BuildsPassesLinksAndBindings)
     EXPECT_EQ(pipeline.source(s("Present"), s("Texture")), s("Sky.Kvo_KvoTexture*_Frame"));
     EXPECT_EQ(pipeline.source(s("Present"), s("FramebufferOut")), s("@screen"));
     EXPECT_EQ(pipeline.users(s("Sky"), s("Frame")), 1);
+}
+
+TEST(PipelineFile, NamesFilesBesideIt)
+{
+    registerPass<SeenPass>(s("SeenPass"));
+    QTemporaryDir folder;
+    ASSERT_TRUE(QDir(folder.path()).mkpath(s("images")));
+    const auto write = [&](const char *name, const QByteArray &text) {
+        QFile file(folder.filePath(s(name)));
+        EXPECT_TRUE(file.open(QIODevice::WriteOnly) && file.write(text) == text.size()) << name;
+    };
+    write("images/sky.png", "no image");
+    write("text.txt", "one\ntwo @ \xc3\xa4\n");
+    write("chain.json", R"({ "passes": [
+        { "name": "A", "class": "SeenPass", "inputs": { "TexturePath": { "file": "images/../images/sky.png" } } },
+        { "name": "B", "class": "SeenPass", "inputs": { "TexturePath": { "contentOf": "text.txt" } } } ] })");
+    Pipeline pipeline;
+    QStringList errors;
+    EXPECT_TRUE(loadPipeline(folder.filePath(s("chain.json")), &pipeline, &errors)) << qPrintable(errors.join(u'\n'));
+    const auto value = [&](const char *pass) {
+        return dynamic_cast<SeenPass *>(pipeline.pass(s(pass)))->inputValue(0).toString();
+    };
+    EXPECT_EQ(value("A"), folder.filePath(s("images/sky.png")));
+    EXPECT_EQ(value("B"), QString::fromUtf8("one\ntwo @ \xc3\xa4\n"));
+}
+
+TEST(PipelineFile, SaysWhichFileIsNotThere)
+{
+    registerPass<SeenPass>(s("SeenPass"));
+    const QStringList errors = errorsOf(R"({ "passes": [
+    { "name": "P", "class": "SeenPass", "inputs": {
+        "TexturePath": { "file": "nowhere.png" },
+        "Color": { "file": "nowhere.png", "contentOf": "both" },
+        "Radius": { "contentOf": 3 } } } ] })");
+    ASSERT_EQ(errors.size(), 3);
+    EXPECT_TRUE(errors[0].startsWith(s("test.json:3: there is no file '"))) << qPrintable(errors[0]);
+    EXPECT_TRUE(errors[0].endsWith(s("nowhere.png'"))) << qPrintable(errors[0]);
+    EXPECT_EQ(errors[1], s("test.json:4: a file is { \"file\": \"path\" } or { \"contentOf\": \"path\" }"));
+    EXPECT_EQ(errors[2], s("test.json:5: a file is { \"file\": \"path\" } or { \"contentOf\": \"path\" }"));
+}
+
+TEST(PipelineFile, CallsBuildAProgrammablePass)
+{
+    Pipeline pipeline;
+    const QStringList errors = load(R"({ "passes": [ { "name": "Tint", "class": "ShaderRenderPass",
+        "calls": [ { "addInput": ["Kvo_KvoTexture*_Image"] }, { "addInput": ["Kvo_float_Gain"] },
+                   { "addOutput": ["Kvo_KvoTexture*_Frame"] }, { "setBlend": [2] }, { "setClear": [false] },
+                   { "setFragmentShaderSource": ["text"] } ],
+        "inputs": { "Viewport": "@viewport", "Gain": 2 } },
+      { "name": "Present", "class": "TextureToScreenRenderPass",
+        "inputs": { "Texture": { "from": "Tint.Frame" } } } ] })",
+                                    &pipeline);
+    EXPECT_TRUE(errors.isEmpty()) << qPrintable(errors.join(u'\n'));
+    const RenderPass &pass = *pipeline.pass(s("Tint"));
+    ASSERT_EQ(pass.numInputs(), 3);
+    EXPECT_EQ(pass.inputName(1), s("Kvo_KvoTexture*_Image"));
+    EXPECT_EQ(pass.inputName(2), s("Kvo_float_Gain"));
+    ASSERT_EQ(pass.numOutputs(), 1);
+    EXPECT_EQ(pass.outputName(0), s("Kvo_KvoTexture*_Frame"));
+    EXPECT_EQ(pipeline.users(s("Tint"), s("Frame")), 1);
+}
+
+TEST(PipelineFile, CallsReachOperationsInTheirOrderWithArgumentsOfTheirTypes)
+{
+    registerPass<CalledPass>(s("CalledPass"));
+    passFactory().addOperation(s("CalledPass"), passOperation<&CalledPass::take>(s("take")));
+    passFactory().addOperation(s("CalledPass"), passOperation<&CalledPass::setMode>(s("setMode")));
+    passFactory().addOperation(s("CalledPass"), passOperation<&CalledPass::finish>(s("finish")));
+    EXPECT_FALSE(passFactory().addOperation(s("CalledPass"), passOperation<&CalledPass::finish>(s("take"))));
+    EXPECT_FALSE(passFactory().addOperation(s("NoSuchPass"), passOperation<&CalledPass::finish>(s("finish"))));
+    ASSERT_EQ(passFactory().operations(s("CalledPass")).size(), 3);
+    EXPECT_EQ(passFactory().operations(s("CalledPass"))[0].argumentTypes,
+              QStringList({s("float"), s("int"), s("bool"), s("QString"), s("QVector3D")}));
+
+    Pipeline pipeline;
+    const QStringList errors = load(R"({ "passes": [ { "name": "A", "class": "CalledPass",
+        "calls": [ { "take": [0.5, 3, true, "text", [1, 2, 3]] }, { "setMode": [1] }, { "finish": [] },
+                   { "take": [2, -1, false, "", [0, 0, 0.5]] } ] } ] })",
+                                    &pipeline);
+    EXPECT_TRUE(errors.isEmpty()) << qPrintable(errors.join(u'\n'));
+    EXPECT_EQ(static_cast<CalledPass *>(pipeline.pass(s("A")))->calls,
+              QStringList({s("take 0.5 3 1 text 1 2 3"), s("setMode 1"), s("finish"), s("take 2 -1 0  0 0 0.5")}));
+    GradientOnly other;
+    EXPECT_FALSE(passFactory().operations(s("CalledPass"))[2].call(other, {}));
+}
+
+TEST(PipelineFile, NamesEveryMistakeInACall)
+{
+    const QStringList errors = errorsOf(R"({ "passes": [ { "name": "A", "class": "PrimitiveBuilderRenderPass",
+"calls": [
+ { "addCub": [1, [0, 0, 0]] },
+ { "addCube": [1] },
+ { "addCube": ["big", [0, 0, 0]] },
+ { "addQuad": [1, [0, 0]] },
+ { "addQuad": [null, [0, 0, 0]] },
+ "addQuad",
+ { "addQuad": 1 }
+] },
+{ "name": "B", "class": "PrimitiveBuilderRenderPass",
+"calls": 7 } ] })");
+    const QStringList expected{
+        s("test.json:3: PrimitiveBuilderRenderPass has no operation 'addCub'; did you mean 'addCube'?"),
+        s("test.json:4: 'addCube' takes (float, QVector3D), not 1 argument(s)"),
+        s("test.json:5: argument 1 of 'addCube' is a float, not the text \"big\""),
+        s("test.json:6: argument 2 of 'addQuad' is a QVector3D, not a list of 2"),
+        s("test.json:7: argument 1 of 'addQuad' is a float, not null"),
+        s("test.json:8: a call is { \"operation\": [arguments] }"),
+        s("test.json:9: a call is { \"operation\": [arguments] }"),
+        s("test.json:12: \"calls\" is a list of operations, not the number 7"),
+    };
+    EXPECT_EQ(errors, expected) << qPrintable(errors.join(QLatin1Char('\n')));
 }
 
 TEST(PipelineFile, ReadsValuesByTheTypeOfTheSlot)

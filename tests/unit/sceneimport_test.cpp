@@ -392,3 +392,30 @@ TEST_F(SceneImport, SurvivesCutAndDisturbedFiles)
         }
     }
 }
+
+TEST_F(SceneImport, ScalingMovesEveryVertexAndKeepsNormals)
+{
+    ModelData data = importText("triangle.obj", kTriangle);
+    ASSERT_TRUE(report.ok()) << qPrintable(report.error);
+    data.items[0].transform.translate(2, 0, 0);
+    data.items[0].transform.rotate(90, 0, 0, 1);
+    ModelItem other = data.items[0];
+    other.transform.translate(0, 5, 1);
+    data.items.append(other);
+    EXPECT_FLOAT_EQ(longestSideOf(data), 6) << "the second one lies 5 to the left";
+
+    ModelData scaled = data;
+    scaleModel(&scaled, 0.25f);
+    EXPECT_FLOAT_EQ(longestSideOf(scaled), 1.5f);
+    EXPECT_EQ(scaled.meshes[0].normals, data.meshes[0].normals);
+    for (qsizetype i = 0; i < data.items.size(); ++i) {
+        for (qsizetype v = 0; v < 3; ++v) {
+            const QVector3D before = data.items[i].transform.map(data.meshes[0].positions[v]);
+            const QVector3D after = scaled.items[i].transform.map(scaled.meshes[0].positions[v]);
+            EXPECT_LT((after - before * 0.25f).length(), 1e-6f);
+        }
+        for (int column = 0; column < 3; ++column)
+            EXPECT_EQ(scaled.items[i].transform.column(column), data.items[i].transform.column(column));
+    }
+    EXPECT_EQ(longestSideOf(ModelData()), 0);
+}

@@ -5,6 +5,7 @@
 #include <QCommandLineParser>
 #include <QRegularExpression>
 
+#include <cmath>
 #include <cstdio>
 
 namespace {
@@ -25,6 +26,13 @@ What to draw
                            give an input a value: 0.5, true, "#ff8000", [0, 0, 640, 480], @viewport;
                            may be repeated
       --path NAME=FILE     a file for pipelines that ask for @paths.NAME
+      --opacity [NAME=]VALUE
+                           another opacity, 0 to 1, for all materials or those of one name; may be
+                           repeated
+      --scale FACTOR|fit   another size of the model, for passes that count in units of the scene;
+                           fit: its longest side is 2 units
+      --light LIGHT        a light, see below; may be repeated; instead of the pipeline's lights
+      --floor              put the model on a floor
   -c, --camera SETTINGS    joined by ':', see below; default: fit
   -s, --size WxH           pixels; default: 1280x720
   -n, --frames N           frames to render; the picture is the last; default: 1
@@ -33,8 +41,14 @@ What to write
   -o, --output FILE        the picture (PNG)
       --background COLOR   put the picture on a colour; default: transparent
       --dump PASS.SLOT=FILE
-                           the texture of an output, as .png or, with its exact values, as .exr;
-                           may be repeated
+                           the texture or the shadow maps of an output, as .png or, with exact values,
+                           as .exr; layers of an array lie side by side; may be repeated
+      --compare PASS.SLOT,PASS.SLOT[=FILE]
+                           how much two outputs differ, to stdout, and a picture of it; may be repeated
+      --inspect-oit X,Y    the fragment list of a pixel of the picture (0,0 is its upper left), and how
+                           full the lists are, to stdout; may be repeated
+      --oit-lengths FILE   a picture of how long the fragment lists are
+      --print PASS.SLOT    the value of an output after the last frame, to stdout; may be repeated
       --timings            milliseconds per pass on GPU and CPU, to stdout
 
 Information
@@ -50,6 +64,13 @@ Camera settings
   eye=1,2,3                a place to look from, instead of a direction
   target=0,0,0 up=0,1,0    where to look, default the middle of the model; what is up
   fov=45 near=0.1 far=100  vertical opening angle in degrees; clip planes, default around the model
+
+Lights
+  directional:dx,dy,dz[,cascades]          parallel light along a direction
+  spot:x,y,z,dx,dy,dz[,angle[,range]]      a cone from a place along a direction, angle in degrees
+  point:x,y,z[,range]                      light in all directions
+  with settings behind them: color=#ffe0c0 intensity=0.5 distance=40, as in
+  directional:0.3,-1,0.2,3:color=#ffe0c0:distance=40
 
 Exit codes
   0 success, 1 failure (file, driver, pipeline), 2 wrong command line
@@ -86,6 +107,60 @@ bool readSize(const QString &text, QSize *size, QString *error)
     return false;
 }
 
+bool readOpacity(const QString &text, QPair<QString, float> *opacity, QString *error)
+{
+    const qsizetype equals = text.lastIndexOf(QLatin1Char('='));
+    bool ok = false;
+    *opacity = {text.left(std::max(equals, qsizetype(0))), text.mid(equals + 1).toFloat(&ok)};
+    if (ok && opacity->second >= 0.0f && opacity->second <= 1.0f && equals != 0)
+        return true;
+    *error = QStringLiteral("--opacity takes VALUE or MATERIAL=VALUE, with a value from 0 to 1, not '%1'").arg(text);
+    return false;
+}
+
+bool readComparison(const QString &text, Comparison *comparison, QString *error)
+{
+    static const QRegularExpression kForm(QStringLiteral("^([^.=,]+)\\.([^=,]+),([^.=,]+)\\.([^=,]+)(?:=(.+))?$"));
+    const QRegularExpressionMatch match = kForm.match(text);
+    if (!match.hasMatch()) {
+        *error = QStringLiteral("--compare takes PASS.SLOT,PASS.SLOT or PASS.SLOT,PASS.SLOT=FILE, not '%1'").arg(text);
+        return false;
+    }
+    *comparison = {QStringLiteral("--compare %1").arg(text),
+                   {match.captured(1), match.captured(3)},
+                   {match.captured(2), match.captured(4)},
+                   match.captured(5)};
+    return true;
+}
+
+bool readPixel(const QString &text, const QSize &size, QPoint *pixel, QString *error)
+{
+    static const QRegularExpression kForm(QStringLiteral("^([0-9]{1,6}),([0-9]{1,6})$"));
+    const QRegularExpressionMatch match = kForm.match(text);
+    *pixel = QPoint(match.captured(1).toInt(), match.captured(2).toInt());
+    if (match.hasMatch() && pixel->x() < size.width() && pixel->y() < size.height())
+        return true;
+    *error = QStringLiteral("--inspect-oit takes X,Y inside the picture of %1x%2, not '%3'")
+                 .arg(size.width())
+                 .arg(size.height())
+                 .arg(text);
+    return false;
+}
+
+bool readScale(const QString &text, float *scale, QString *error)
+{
+    if (text == QLatin1StringView("fit")) {
+        *scale = CommandLine::kScaleToFit;
+        return true;
+    }
+    bool ok = false;
+    *scale = text.toFloat(&ok);
+    if (ok && *scale > 0.0f && std::isfinite(*scale))
+        return true;
+    *error = QStringLiteral("--scale takes a number above 0 or fit, not '%1'").arg(text);
+    return false;
+}
+
 bool readCount(const QString &text, int *count, QString *error)
 {
     bool ok = false;
@@ -118,7 +193,15 @@ bool CommandLine::read(const QStringList &arguments, int *exitCode)
     add({QStringLiteral("n"), QStringLiteral("frames")}, "count");
     add({QStringLiteral("o"), QStringLiteral("output")}, "file");
     add({QStringLiteral("background")}, "color");
+    add({QStringLiteral("light")}, "light");
+    add({QStringLiteral("floor")});
     add({QStringLiteral("dump")}, "dump");
+    add({QStringLiteral("opacity")}, "opacity");
+    add({QStringLiteral("compare")}, "outputs");
+    add({QStringLiteral("inspect-oit")}, "pixel");
+    add({QStringLiteral("oit-lengths")}, "file");
+    add({QStringLiteral("scale")}, "factor");
+    add({QStringLiteral("print")}, "output");
     add({QStringLiteral("timings")});
     add({QStringLiteral("list")});
     add({QStringLiteral("gl-info")});
@@ -168,6 +251,19 @@ bool CommandLine::read(const QStringList &arguments, int *exitCode)
             return mistake(QStringLiteral("--background takes \"#rrggbb\" or a colour name, not '%1'")
                                .arg(parser.value(QStringLiteral("background"))));
     }
+    if (parser.isSet(QStringLiteral("scale")) && !readScale(parser.value(QStringLiteral("scale")), &scale, &error))
+        return mistake(error);
+    for (const QString &text : parser.values(QStringLiteral("print"))) {
+        const QStringList parts = text.split(QLatin1Char('.'));
+        if (parts.size() != 2 || parts[0].isEmpty() || parts[1].isEmpty())
+            return mistake(QStringLiteral("--print takes PASS.SLOT, not '%1'").arg(text));
+        prints.append({QStringLiteral("--print %1").arg(text), parts[0], parts[1], QString()});
+    }
+    floor = parser.isSet(QStringLiteral("floor"));
+    for (const QString &text : parser.values(QStringLiteral("light"))) {
+        if (!Brevane::Kvo::parseLight(text, &lights.emplaceBack(), &error))
+            return mistake(QStringLiteral("--light %1: %2").arg(text, error));
+    }
     for (const QString &text : parser.values(QStringLiteral("set"))) {
         if (!splitSlot(QStringLiteral("--set"), text, QStringLiteral("VALUE"), &values.emplaceBack(), &error))
             return mistake(error);
@@ -182,10 +278,25 @@ bool CommandLine::read(const QStringList &arguments, int *exitCode)
             return mistake(QStringLiteral("--path takes NAME=FILE, not '%1'").arg(text));
         paths << qMakePair(text.left(equals), text.mid(equals + 1));
     }
+    for (const QString &text : parser.values(QStringLiteral("opacity"))) {
+        if (!readOpacity(text, &opacities.emplaceBack(), &error))
+            return mistake(error);
+    }
+    for (const QString &text : parser.values(QStringLiteral("compare"))) {
+        if (!readComparison(text, &comparisons.emplaceBack(), &error))
+            return mistake(error);
+    }
+    for (const QString &text : parser.values(QStringLiteral("inspect-oit"))) {
+        if (!readPixel(text, size, &inspected.emplaceBack(), &error))
+            return mistake(error);
+    }
+    listLengths = parser.value(QStringLiteral("oit-lengths"));
     if (parser.isSet(QStringLiteral("output")) && output.isEmpty())
         return mistake(QStringLiteral("--output takes a file name"));
-    if (!list && !glInfo && output.isEmpty() && dumps.isEmpty() && !timings)
-        return mistake(QStringLiteral("nothing to do: give --output FILE, --dump, --timings, --list or --gl-info"));
+    if (!list && !glInfo && output.isEmpty() && dumps.isEmpty() && !timings && comparisons.isEmpty()
+        && inspected.isEmpty() && listLengths.isEmpty() && prints.isEmpty())
+        return mistake(QStringLiteral("nothing to do: give --output FILE, --dump, --compare, --inspect-oit, "
+                                      "--oit-lengths, --print, --timings, --list or --gl-info"));
     if (pipeline.isEmpty())
         pipeline = model.isEmpty() ? QStringLiteral("gradient") : QStringLiteral("forward");
     return true;

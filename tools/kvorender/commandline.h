@@ -1,6 +1,9 @@
 #pragma once
 
+#include "host/lights.h"
+
 #include <QColor>
+#include <QPoint>
 #include <QSize>
 #include <QString>
 #include <QStringList>
@@ -21,6 +24,15 @@ struct SlotArgument
     QString text;
 };
 
+/// "Pass.Slot,Pass.Slot=file": two outputs whose textures are compared.
+struct Comparison
+{
+    QString option;
+    QString pass[2];
+    QString slot[2];
+    QString file; ///< For the picture of the differences; may be empty.
+};
+
 struct CommandLine
 {
     QString model;
@@ -33,7 +45,16 @@ struct CommandLine
     QColor background; ///< Invalid: transparent.
     QVector<SlotArgument> values;
     QVector<SlotArgument> dumps;
+    QVector<Brevane::Kvo::ShadowMapLight> lights;
+    bool floor = false;
     QVector<QPair<QString, QString>> paths;
+    QVector<QPair<QString, float>> opacities; ///< Material and opacity; an empty name means all.
+    QVector<QPoint> inspected; ///< Pixels of the picture, counted from its upper left corner.
+    QString listLengths; ///< File for the picture of how long the fragment lists are.
+    QVector<Comparison> comparisons;
+    static constexpr float kScaleToFit = 0.0f;
+    float scale = 1.0f; ///< Of the model; kScaleToFit: to a size of its own.
+    QVector<SlotArgument> prints; ///< Outputs whose value is wanted; the text is not used.
     bool timings = false;
     bool quiet = false;
     bool debug = false;

@@ -2,17 +2,22 @@
 
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
+#include "host/fragmentlists.h"
+#include "host/imagecomparison.h"
 #include "host/imageoutput.h"
+#include "host/lights.h"
 #include "host/pipelinefile.h"
 #include "host/sceneimport.h"
 #include "host/slotname.h"
 #include "report.h"
+#include "shadows/shadowmaprenderdata.h"
 
 #include <epoxy/gl.h>
 
 #include <QFileInfo>
 #include <QPainter>
 
+#include <algorithm>
 #include <cstdio>
 
 using namespace Brevane::Kvo;
@@ -21,6 +26,8 @@ namespace {
 
 constexpr qint64 kProgressInterval = 1000; // ms
 constexpr int kMostWarnings = 10;
+constexpr float kFittingSide = 2.0f; // units
+constexpr float kLeastSide = 1e-30f;
 
 int failedShaders = 0;
 int glErrors = 0;
@@ -52,8 +59,8 @@ Renderer::~Renderer()
 
 int Renderer::run()
 {
-    // What can fail early and cheaply does.
-    for (const Step step : {&Renderer::loadPipeline, &Renderer::checkOutputs, &Renderer::openContext,
+    // What can fail early and cheaply does; but some passes look at the context when they are made.
+    for (const Step step : {&Renderer::openContext, &Renderer::loadPipeline, &Renderer::checkOutputs,
                             &Renderer::loadModel, &Renderer::prepare, &Renderer::renderFrames, &Renderer::writePicture})
         if (!(this->*step)())
             return _exitCode;
@@ -92,6 +99,9 @@ bool Renderer::loadPipeline()
     for (const SlotArgument &value : _commandLine.values)
         if (!_pipeline.setValueText(value.pass, value.slot, value.text, &error))
             return fail(QStringLiteral("%1: %2").arg(value.option, error), kUsage);
+    if (!_commandLine.lights.isEmpty()
+        && !_pipeline.setHostValue(QStringLiteral("lights"), lightsToVariant(_commandLine.lights), &error))
+        return fail(QStringLiteral("--light: %1").arg(error), kUsage);
     for (const auto &[name, path] : _commandLine.paths) {
         if (!_pipeline.setHostValue(QStringLiteral("paths.") + name, path, &error))
             return fail(QStringLiteral("--path %1: %2").arg(name, error), kUsage);
@@ -114,6 +124,22 @@ bool Renderer::checkOutputs()
         if (!canWriteImage(dump.text, true, &error))
             return fail(error);
     }
+    for (const SlotArgument &print : _commandLine.prints)
+        if (QString slot; !_pipeline.outputSlot(print.pass, print.slot, &slot, &error))
+            return fail(QStringLiteral("%1: %2").arg(print.option, error), kUsage);
+    for (const Comparison &comparison : _commandLine.comparisons) {
+        for (int side = 0; side < 2; ++side) {
+            QString slot;
+            if (!_pipeline.outputSlot(comparison.pass[side], comparison.slot[side], &slot, &error))
+                return fail(QStringLiteral("%1: %2").arg(comparison.option, error), kUsage);
+            if (!slotTypesMatch(slot, QStringLiteral("Kvo_KvoTexture*_Any")))
+                return fail(QStringLiteral("%1: '%2' is not a texture").arg(comparison.option, slot), kUsage);
+        }
+        if (!comparison.file.isEmpty() && !canWriteImage(comparison.file, false, &error))
+            return fail(error);
+    }
+    if (!prepareInspection())
+        return false;
     if (!_commandLine.output.isEmpty()) {
         if (!canWriteImage(_commandLine.output, false, &error))
             return fail(error);
@@ -155,10 +181,21 @@ bool Renderer::loadModel()
     timer.start();
     progress(QStringLiteral("reading %1").arg(_commandLine.model));
     ImportReport report;
-    const ModelData data = importScene(_commandLine.model, ImportOptions(), &report);
+    ModelData data = importScene(_commandLine.model, ImportOptions(), &report);
     if (!report.ok()) {
         printWarnings(report.warnings);
         return fail(report.error);
+    }
+    if (_commandLine.scale == CommandLine::kScaleToFit)
+        scaleModel(&data, kFittingSide / std::max(longestSideOf(data), kLeastSide));
+    else if (_commandLine.scale != 1.0f)
+        scaleModel(&data, _commandLine.scale);
+    if (_commandLine.floor)
+        addFloor(&data);
+    QString error;
+    for (const auto &[material, opacity] : _commandLine.opacities) {
+        if (!setOpacity(&data, material, opacity, &error))
+            return fail(QStringLiteral("--opacity: %1").arg(error), kUsage);
     }
     QStringList warnings;
     const bool uploaded = _model.upload(data, &warnings);
@@ -173,6 +210,8 @@ bool Renderer::loadModel()
                  .arg(report.images)
                  .arg(double(timer.elapsed()) / 1000.0, 0, 'f', 2));
     _pipeline.setModel(&_model);
+    if (!_listPass.isEmpty())
+        _modelData = data;
     return true;
 }
 
@@ -197,10 +236,83 @@ void Renderer::dump(const QString &pass)
         if (dump.pass != pass)
             continue;
         QString error;
-        if (writeTexture(textureFromVariant(_pipeline.output(dump.pass, dump.slot)), dump.text, &error))
+        const QVariant value = _pipeline.output(dump.pass, dump.slot);
+        const ShadowMapRenderData *shadows = ShadowMapRenderData::fromVariant(value);
+        if (shadows ? writeShadowMaps(shadows, dump.text, &error)
+                    : writeTexture(textureFromVariant(value), dump.text, &error))
             progress(QStringLiteral("wrote %1").arg(dump.text));
         else
             fail(error);
+    }
+}
+
+// The lists are looked at behind the pass that handles them last: sorted, where there is a sort.
+bool Renderer::prepareInspection()
+{
+    if (_commandLine.inspected.isEmpty() && _commandLine.listLengths.isEmpty())
+        return true;
+    QString error;
+    if (!_commandLine.listLengths.isEmpty() && !canWriteImage(_commandLine.listLengths, false, &error))
+        return fail(error);
+    for (const QString &pass : _pipeline.order(&error)) {
+        QString slot;
+        if (_pipeline.outputSlot(pass, QStringLiteral("Kvo_KvoTexture*_HeadPointers"), &slot)
+            && _pipeline.outputSlot(pass, QStringLiteral("Kvo_KvoTexture*_NodeBuffer"), &slot))
+            _listPass = pass;
+    }
+    return !_listPass.isEmpty()
+           || fail(QStringLiteral("pipeline '%1' makes no fragment lists: see 'oit'").arg(_pipelinePath), kUsage);
+}
+
+void Renderer::inspectLists(const QString &pass)
+{
+    if (pass != _listPass)
+        return;
+    FragmentLists lists;
+    QString error;
+    if (!lists.read(textureFromVariant(_pipeline.output(pass, QStringLiteral("HeadPointers"))),
+                    textureFromVariant(_pipeline.output(pass, QStringLiteral("NodeBuffer"))),
+                    _pipeline.output(pass, QStringLiteral("NodeBufferWidth")).toInt(), &error)) {
+        fail(QStringLiteral("cannot read the fragment lists of '%1': %2").arg(pass, error));
+        return;
+    }
+    printLists(lists, _commandLine.inspected, _modelData);
+    if (lists.lostCount() > 0)
+        complain(QStringLiteral("warning: the node buffer overflowed, %1 fragments are lost").arg(lists.lostCount()));
+    if (_commandLine.listLengths.isEmpty())
+        return;
+    if (writeImage(lists.lengthImage(), _commandLine.listLengths, &error))
+        progress(QStringLiteral("wrote %1").arg(_commandLine.listLengths));
+    else
+        fail(error);
+}
+
+// Each side is read right behind its pass, since the pool may use its texture again later.
+void Renderer::compare(const QString &pass)
+{
+    for (qsizetype i = 0; i < _commandLine.comparisons.size(); ++i) {
+        const Comparison &comparison = _commandLine.comparisons[i];
+        std::array<TexturePixels, 2> &pixels = _compared[i];
+        bool isNew = false;
+        QString error;
+        for (int side = 0; side < 2; ++side) {
+            if (pass != comparison.pass[side])
+                continue;
+            isNew = true;
+            if (!readTexture(textureFromVariant(_pipeline.output(pass, comparison.slot[side])), &pixels[side], &error))
+                fail(QStringLiteral("%1: %2").arg(comparison.option, error));
+        }
+        if (!isNew || pixels[0].width == 0 || pixels[1].width == 0)
+            continue;
+        ImageComparison result;
+        if (!comparePixels(pixels[0], pixels[1], &result, &error)
+            || (!comparison.file.isEmpty() && !writeImage(result.picture, comparison.file, &error))) {
+            fail(QStringLiteral("%1: %2").arg(comparison.option, error));
+            continue;
+        }
+        printComparison(comparison, result);
+        if (!comparison.file.isEmpty())
+            progress(QStringLiteral("wrote %1").arg(comparison.file));
     }
 }
 
@@ -211,8 +323,14 @@ bool Renderer::renderFrames()
     sinceProgress.start();
     const int frames = _commandLine.frames;
     for (int frame = 0; frame < frames; ++frame) {
-        if (frame == frames - 1)
-            _pipeline.setPassObserver([this](const QString &pass, RenderPass *) { dump(pass); });
+        if (frame == frames - 1) {
+            _compared.resize(_commandLine.comparisons.size());
+            _pipeline.setPassObserver([this](const QString &pass, RenderPass *) {
+                dump(pass);
+                inspectLists(pass);
+                compare(pass);
+            });
+        }
         _screen.clear();
         QString error;
         if (!_pipeline.render(nullptr, &error))
@@ -231,6 +349,8 @@ bool Renderer::renderFrames()
                  .arg(_commandLine.size.width())
                  .arg(_commandLine.size.height())
                  .arg(double(total.elapsed()) / 1000.0, 0, 'f', 2));
+    for (const SlotArgument &print : _commandLine.prints)
+        printValue(print, _pipeline.output(print.pass, print.slot));
     if (_commandLine.timings)
         printTimings(_pipeline.timings(true), frames == 1);
     return _exitCode == kSuccess;

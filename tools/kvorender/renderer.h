@@ -3,12 +3,14 @@
 #include "commandline.h"
 #include "host/camera.h"
 #include "host/headlesscontext.h"
+#include "host/imageoutput.h"
 #include "host/pipeline.h"
 #include "host/screentarget.h"
 #include "model/gpumodel.h"
 
 #include <QElapsedTimer>
 
+#include <array>
 #include <memory>
 
 /// One run of the program: from the command line to the files.
@@ -35,6 +37,9 @@ private:
     bool fail(const QString &message, int exitCode = kFailure);
     void progress(const QString &message) const;
     void dump(const QString &pass);
+    bool prepareInspection();
+    void inspectLists(const QString &pass);
+    void compare(const QString &pass);
 
     const CommandLine &_commandLine;
     int _exitCode = kSuccess;
@@ -44,4 +49,7 @@ private:
     Brevane::Kvo::ScreenTarget _screen;
     Brevane::Kvo::GPUModel _model;
     Brevane::Kvo::Pipeline _pipeline;
+    Brevane::Kvo::ModelData _modelData; ///< Kept only where lists are inspected, for the names.
+    QVector<std::array<Brevane::Kvo::TexturePixels, 2>> _compared; ///< As _commandLine.comparisons.
+    QString _listPass; ///< Whose fragment lists are inspected; empty: none.
 };

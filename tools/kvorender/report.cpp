@@ -25,6 +25,9 @@ void printPass(const QString &className)
     }
     for (int i = 0; i < pass->numOutputs(); ++i)
         std::printf("    out  %s\n", qPrintable(pass->outputName(i)));
+    for (const PassOperation &operation : passFactory().operations(className))
+        std::printf("    call %s(%s)\n", qPrintable(operation.name),
+                    qPrintable(operation.argumentTypes.join(QLatin1StringView(", "))));
 }
 
 const char *glText(GLenum name)
@@ -71,6 +74,37 @@ void printGlInfo(const HeadlessContext &context)
           "GL_ARB_shader_image_load_store", "GL_ARB_shader_atomic_counters", "GL_ARB_shading_language_420pack",
           "GL_ARB_shader_viewport_layer_array"})
         std::printf("  %-36s %s\n", extension, epoxy_has_gl_extension(extension) ? "yes" : "no");
+}
+
+void printLists(const FragmentLists &lists, const QVector<QPoint> &pixels, const ModelData &model)
+{
+    for (const QString &line : lists.summary())
+        std::puts(qPrintable(line));
+    for (const QPoint &pixel : pixels) {
+        const QVector<ListedFragment> list = lists.at(pixel.x(), lists.size().height() - 1 - pixel.y());
+        std::printf("pixel %d,%d: %d fragments\n", pixel.x(), pixel.y(), int(list.size()));
+        if (!list.isEmpty())
+            std::printf("  %4s  %-10s %6s %10s  %7s  %s\n", "#", "depth", "draw", "triangle", "opacity", "material");
+        for (qsizetype i = 0; i < list.size(); ++i) {
+            const ListedFragment &fragment = list[i];
+            const bool known = fragment.draw < quint32(model.items.size());
+            const int index = known ? model.items[qsizetype(fragment.draw)].material : -1;
+            const ModelMaterial material = model.materials.value(index);
+            std::printf("  %4d  %-10.8f %6u %10u  %7.3f  %s\n", int(i), double(fragment.depth), fragment.draw,
+                        fragment.primitive, double(material.D), qPrintable(material.name));
+        }
+    }
+}
+
+void printComparison(const Comparison &comparison, const ImageComparison &result)
+{
+    std::printf("%s.%s and %s.%s: %s\n", qPrintable(comparison.pass[0]), qPrintable(comparison.slot[0]),
+                qPrintable(comparison.pass[1]), qPrintable(comparison.slot[1]), qPrintable(result.summary()));
+}
+
+void printValue(const SlotArgument &output, const QVariant &value)
+{
+    std::printf("%s.%s = %s\n", qPrintable(output.pass), qPrintable(output.slot), qPrintable(describeSlotValue(value)));
 }
 
 void printTimings(const QVector<PassTiming> &timings, bool firstFrame)

@@ -8,18 +8,25 @@
 
 namespace Brevane::Kvo {
 
+class ShadowMapRenderData;
 class Texture;
 
 /// The texels of a texture as floats, bottom row first. Layers of an array texture and faces of a cube
 /// map follow one another upwards.
 struct TexturePixels
 {
-    enum class Kind { Color, Depth, Integer };
+    enum class Kind {
+        Color,
+        Depth,
+        Integer,
+        Moments, ///< Shadow maps: depth and its square, 1e9 where nothing is. For readShadowMaps to know.
+    };
 
     Kind kind = Kind::Color;
     bool normalized = false; ///< Fixed point: all values from 0 to 1.
     int width = 0;
-    int height = 0;
+    int height = 0; ///< Of all layers together.
+    int layers = 1;
     int channels = 0;
     QVector<float> values;
     QVector<quint32> integers; ///< In the place of values for unsigned integer formats.
@@ -35,8 +42,11 @@ KVO_HOST_EXPORT bool readTexture(Texture *texture, TexturePixels *pixels, QStrin
 /// - depth in greys, near bright and far dark, stretched over what is there; nothing (1) black;
 /// - whole numbers (ids, integer formats) in a grey of their own each, 0 black;
 /// - one channel beyond 0 to 1 in greys, stretched over what is there;
-/// - two channels as red and green.
-/// What is not a number is magenta.
+/// - two channels as red and green;
+/// - shadow maps in greys as depth, each layer stretched over what is there, with empty texels in dark blue
+///   and those that a filter has mixed with empty ones in violet.
+/// What is not a number is magenta. Layers of an array texture and faces of a cube map lie side by side in
+/// rows, from the upper left on, as on a contact sheet.
 KVO_HOST_EXPORT QImage visibleImage(const TexturePixels &pixels);
 /// readTexture and visibleImage in one; null, with the reason, on failure.
 KVO_HOST_EXPORT QImage textureImage(Texture *texture, QString *error = nullptr);
@@ -45,6 +55,10 @@ KVO_HOST_EXPORT QImage textureImage(Texture *texture, QString *error = nullptr);
 /// values as they are. The file appears only when all of it could be written. False, with the file and
 /// the reason.
 KVO_HOST_EXPORT bool writeTexture(Texture *texture, const QString &path, QString *error = nullptr);
+/// Reads the maps of a shadow pass.
+KVO_HOST_EXPORT bool readShadowMaps(const ShadowMapRenderData *record, TexturePixels *pixels, QString *error = nullptr);
+/// Writes them like a texture.
+KVO_HOST_EXPORT bool writeShadowMaps(const ShadowMapRenderData *record, const QString &path, QString *error = nullptr);
 /// The same for an image.
 KVO_HOST_EXPORT bool writeImage(const QImage &image, const QString &path, QString *error = nullptr);
 /// Writes values as OpenEXR, upright: channels R, G, B, A; Z for depth, Y for one channel.

@@ -3,6 +3,7 @@
 #include "core/renderpass.h"
 #include "host/export.h"
 
+#include <QColor>
 #include <QRect>
 #include <QString>
 #include <QStringList>
@@ -48,7 +49,7 @@ struct PassTiming
 /// | near, far    | float              | setCamera: distances of the clip planes   |
 /// | model        | GPUModel*          | setModel                                  |
 /// | screen       | FramebufferObject* | setScreen: where the picture goes         |
-/// | lights       | list               | setHostValue                              |
+/// | lights       | list               | setHostValue: see lightsToVariant         |
 /// | frame        | int                | the pipeline: number of the frame, from 0 |
 /// | paths.NAME   | QString            | setHostValue; any NAME                    |
 ///
@@ -82,6 +83,9 @@ public:
     /// the new pass's \a inputSlot, and its \a outputSlot goes on.
     bool insert(const QString &name, std::unique_ptr<RenderPass> pass, const QString &to, const QString &toSlot,
                 const QString &inputSlot, const QString &outputSlot, QString *error = nullptr);
+    /// Sets GL's clear colour to this right before the pass starts, for passes that clear to what is
+    /// current. An invalid colour takes the setting back.
+    bool setClearColor(const QString &pass, const QColor &color, QString *error = nullptr);
     /// Puts another pass in the place of one, with all links and values. Fails when the new pass lacks a
     /// slot that is in use.
     bool replace(const QString &name, std::unique_ptr<RenderPass> pass, QString *error = nullptr);

@@ -36,7 +36,24 @@ struct PipelineFileInfo
 ///
 /// An input is a link ({ "from": "Pass.Slot" }, to any pass of the file), a host value ("@name", or
 /// "@viewport[0.5, 0, 0.5, 1]" for a part of it, see Pipeline), or a value as parseSlotValue reads it.
-/// "@@" begins a text with an '@'. Passes of \a pipeline stay, so that files can be added to one
+/// "@@" begins a text with an '@'. Where a text is wanted, { "file": "images/sky.png" } is the path of a
+/// file, relative to the pipeline file's folder, and { "contentOf": "shaders/sky.frag" } the text in it.
+///
+/// Beside "inputs" a pass may have "clearColor", a colour that becomes GL's clear colour right before it
+/// starts, for passes that clear to what is current, and "calls": operations of its class (see PassFactory::operations, and
+/// kvorender --list) with their arguments, which are called once, in their order, as soon as the pass
+/// is made:
+///
+///         { "name": "Shapes", "class": "PrimitiveBuilderRenderPass",
+///           "calls": [ { "addCube": [1.5, [0, 0, 0]] }, { "addQuad": [4, [0, 0, 2]] } ] }
+///
+/// Beside "passes" a file may have "lights", which become the host value of that name:
+///
+///       "lights": [ { "type": "directional", "direction": [0.3, -1, 0.2], "cascades": 3, "color": "#fff0d8" } ]
+///
+/// Types are directional, spot and point; the other members are those of ShadowMapLight.
+///
+/// Passes of \a pipeline stay, so that files can be added to one
 /// another.
 ///
 /// False when anything is wrong, with one line per mistake: file, line, what, and the nearest right name.

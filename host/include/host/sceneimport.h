@@ -47,4 +47,18 @@ struct ImportReport
 KVO_HOST_EXPORT ModelData importScene(const QString &path, const ImportOptions &options = ImportOptions(),
                                       ImportReport *report = nullptr);
 
+/// Gives materials another opacity, from 0 to 1: those of one name, or all for an empty name. False, with
+/// the nearest right name, when there is no such material.
+KVO_HOST_EXPORT bool setOpacity(ModelData *data, const QString &material, float opacity, QString *error = nullptr);
+
+/// Makes a model larger or smaller around the origin, for passes that count in units of the scene. Its
+/// meshes change, so normals keep their length.
+KVO_HOST_EXPORT void scaleModel(ModelData *data, float factor);
+/// The box around a model, in world space; both corners 0 for an empty one.
+KVO_HOST_EXPORT GPUModel::BoundingBox boxOf(const ModelData &data);
+/// The longest side of the box around a model; 0 for an empty one.
+KVO_HOST_EXPORT float longestSideOf(const ModelData &data);
+/// Puts a model on a light grey floor that reaches beyond it on all sides; +y is up.
+KVO_HOST_EXPORT void addFloor(ModelData *data);
+
 } // namespace Brevane::Kvo

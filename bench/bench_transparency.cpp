@@ -1,0 +1,321 @@
+// Order-independent transparency: each pass against the same draws in bare GL on a real model; the cost
+// of recording, sorting and shading against layers and resolution, the clear's share told apart; and
+// weighted blending against the forward pass.
+//
+//   bench_transparency [MODEL] [--plot=FILE.svg] [--benchmark_out=FILE --benchmark_out_format=json]
+
+#include "benchmain.h"
+#include "subject.h"
+
+#include "support/scenes.h"
+
+#include <gl/texture.h>
+#include <host/camera.h>
+#include <host/sceneimport.h>
+#include <model/gpumodel.h>
+#include <renderpasses/forwardrenderpass.h>
+#include <renderpasses/transparencyrenderpass.h>
+#include <renderpasses/visibilitybufferrenderpass.h>
+#include <renderpasses/visibilitydeferredrenderpass.h>
+#include <renderpasses/visibilitysortrenderpass.h>
+
+#include <QFile>
+#include <QMatrix4x4>
+#include <QRect>
+
+#include <epoxy/gl.h>
+
+#include <cmath>
+#include <cstring>
+
+using namespace Brevane::Kvo;
+using namespace Brevane::Kvo::Bench;
+
+namespace {
+
+constexpr float kOpacity = 0.4f;
+constexpr int kTableRounds = 15;
+const QString kBunny = QStringLiteral("/usr/share/glmark2/models/bunny.obj");
+
+struct View
+{
+    QMatrix4x4 projection;
+    QMatrix4x4 camera;
+};
+
+/// Both ways to transparency, and the forward pass, on one model at one size.
+class Passes
+{
+public:
+    Passes(GPUModel *model, const View &view, int width, int height) : _width(width), _height(height)
+    {
+        const QVariant geometry = QVariant::fromValue(model);
+        const QRect viewport(0, 0, width, height);
+        for (RenderPass *pass : std::initializer_list<RenderPass *>{&record, &shade, &weighted, &forward}) {
+            pass->setInput(0, viewport);
+            pass->setInput(1, view.projection);
+            pass->setInput(2, view.camera);
+        }
+        for (RenderPass *pass : std::initializer_list<RenderPass *>{&record, &weighted, &forward})
+            pass->setInput(3, geometry);
+        sort.setInput(0, viewport);
+        shade.setInput(6, geometry);
+        glViewport(0, 0, width, height);
+        frame(record);
+        for (int i = 0; i < 3; ++i) {
+            sort.setInput(1 + i, record.output(i));
+            shade.setInput(3 + i, record.output(i));
+        }
+        frame(sort);
+    }
+
+    void addTo(std::vector<Subject> &subjects)
+    {
+        const std::string size = QString::asprintf("/%dx%d", _width, _height).toStdString();
+        const auto add = [&](const char *name, RenderPass &pass) {
+            subjects.push_back({name + size, &pass, _width, _height});
+        };
+        add("VisibilityBufferRenderPass", record);
+        add("VisibilitySortRenderPass", sort);
+        add("VisibilityDeferredRenderPass", shade);
+        add("TransparencyRenderPass", weighted);
+    }
+
+    VisibilityBufferRenderPass record;
+    VisibilitySortRenderPass sort;
+    VisibilityDeferredRenderPass shade;
+    TransparencyRenderPass weighted;
+    ForwardRenderPass forward;
+
+private:
+    int _width;
+    int _height;
+};
+
+double medianMilliseconds(const std::function<void()> &function)
+{
+    std::vector<double> times;
+    for (int i = -2; i < kTableRounds; ++i) {
+        const double seconds = secondsOf(function);
+        if (i >= 0)
+            times.push_back(seconds * 1e3);
+    }
+    return median(times);
+}
+
+/// Screen-filling quads one behind the other.
+ModelData layers(int count)
+{
+    ModelData data;
+    data.meshes << Test::quadMesh();
+    data.materials << Test::material({0.7f, 0.6f, 0.5f}, {0.2f, 0.2f, 0.2f}, 8.0f, 0.05f);
+    for (int i = 0; i < count; ++i) {
+        ModelItem item;
+        // In an order that the sort has work with.
+        item.transform.translate(0, 0, -9.0f + 18.0f * float((i * 29) % count) / float(count));
+        data.items << item;
+    }
+    return data;
+}
+
+struct Cost
+{
+    int width;
+    int height;
+    int layers;
+    double clear;
+    double record;
+    double sort;
+    double shade;
+};
+
+// The clear of the node buffer alone, which a frame pays whatever is in it.
+double clearMilliseconds()
+{
+    GLuint texture = 0;
+    GLuint framebuffer = 0;
+    glGenTextures(1, &texture);
+    glBindTexture(GL_TEXTURE_2D, texture);
+    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA32UI, 4096, 4096, 0, GL_RGBA_INTEGER, GL_UNSIGNED_INT, nullptr);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
+    glBindTexture(GL_TEXTURE_2D, 0);
+    glGenFramebuffers(1, &framebuffer);
+    glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
+    glFramebufferTexture(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, texture, 0);
+    constexpr GLuint kZeros[4] = {};
+    const double time = medianMilliseconds([&] { glClearBufferuiv(GL_COLOR, 0, kZeros); });
+    glBindFramebuffer(GL_FRAMEBUFFER, 0);
+    glDeleteFramebuffers(1, &framebuffer);
+    glDeleteTextures(1, &texture);
+    return time;
+}
+
+QVector<Cost> layerTable()
+{
+    const double clear = clearMilliseconds();
+    std::printf("\nscreen-filling layers, milliseconds, medians of %d; the clear of the node buffer alone: %.1f\n",
+                kTableRounds, clear);
+    std::printf("%-10s %7s %10s %14s %8s %8s %8s\n", "size", "layers", "record", "less the clear", "sort", "shade",
+                "all");
+    QVector<Cost> costs;
+    for (const QSize size : {QSize(320, 180), QSize(640, 360), QSize(1280, 720)}) {
+        for (int count : {1, 4, 16, 48}) {
+            if (qint64(size.width()) * size.height() * count > qint64(4096) * 4096) {
+                std::printf("%4dx%-5d %7d more fragments than the node buffer holds\n", size.width(), size.height(),
+                            count);
+                continue;
+            }
+            GPUModel model;
+            model.upload(layers(count));
+            Passes passes(&model, {Test::flatProjection(), QMatrix4x4()}, size.width(), size.height());
+            Cost cost{size.width(), size.height(), count, clear, 0, 0, 0};
+            cost.record = medianMilliseconds([&] { frame(passes.record); });
+            // A sorted list is another load than a fresh one.
+            std::vector<double> times;
+            for (int i = 0; i < kTableRounds; ++i) {
+                frame(passes.record);
+                times.push_back(secondsOf([&] { frame(passes.sort); }) * 1e3);
+            }
+            cost.sort = median(times);
+            cost.shade = medianMilliseconds([&] { frame(passes.shade); });
+            std::printf("%4dx%-5d %7d %10.1f %14.1f %8.1f %8.1f %8.1f\n", cost.width, cost.height, count, cost.record,
+                        cost.record - clear, cost.sort, cost.shade, cost.record + cost.sort + cost.shade);
+            costs << cost;
+        }
+    }
+    return costs;
+}
+
+// Time over layers, both logarithmic, a line per size and pass.
+void plot(const QVector<Cost> &costs, const char *path)
+{
+    constexpr int kWide = 760;
+    constexpr int kHigh = 420;
+    constexpr int kMargin = 60;
+    const auto x = [](int count) { return kMargin + (kWide - 220) * std::log2(count) / std::log2(48.0); };
+    const auto y = [](double ms) {
+        return kHigh - kMargin
+               - (kHigh - 2 * kMargin) * std::log10(std::clamp(ms, 0.1, 2000.0) / 0.1) / std::log10(20000.0);
+    };
+    QString svg =
+        QStringLiteral("<svg xmlns='http://www.w3.org/2000/svg' width='%1' height='%2' font-family='sans-serif' "
+                       "font-size='12'><rect width='100%' height='100%' fill='white'/>\n")
+            .arg(kWide)
+            .arg(kHigh);
+    for (double ms : {0.1, 1.0, 10.0, 100.0, 1000.0})
+        svg += QStringLiteral("<line x1='%1' x2='%2' y1='%3' y2='%3' stroke='#ddd'/><text x='%4' y='%5' "
+                              "text-anchor='end'>%6 ms</text>\n")
+                   .arg(kMargin)
+                   .arg(kWide - 160)
+                   .arg(y(ms))
+                   .arg(kMargin - 6)
+                   .arg(y(ms) + 4)
+                   .arg(ms);
+    for (int count : {1, 4, 16, 48})
+        svg += QStringLiteral("<text x='%1' y='%2' text-anchor='middle'>%3</text>\n")
+                   .arg(x(count))
+                   .arg(kHigh - kMargin + 18)
+                   .arg(count);
+    svg += QStringLiteral("<text x='%1' y='%2' text-anchor='middle'>layers</text>\n")
+               .arg((kWide - 100) / 2)
+               .arg(kHigh - 20);
+    const struct
+    {
+        const char *name;
+        const char *color;
+        double Cost::*time;
+    } kLines[] = {
+        {"record", "#2b6cb0", &Cost::record}, {"sort", "#c05621", &Cost::sort}, {"shade", "#2f855a", &Cost::shade}};
+    const char *dashes[] = {"2 3", "6 3", "none"};
+    int legend = 0;
+    for (const auto &line : kLines) {
+        int dash = 0;
+        for (int width : {320, 640, 1280}) {
+            QString points;
+            for (const Cost &cost : costs)
+                if (cost.width == width)
+                    points += QStringLiteral("%1,%2 ").arg(x(cost.layers)).arg(y(cost.*line.time));
+            svg += QStringLiteral(
+                       "<polyline fill='none' stroke='%1' stroke-width='2' stroke-dasharray='%2' points='%3'/>\n")
+                       .arg(QLatin1String(line.color), QLatin1String(dashes[dash]), points);
+            svg += QStringLiteral("<line x1='%1' x2='%2' y1='%3' y2='%3' stroke='%4' stroke-width='2' "
+                                  "stroke-dasharray='%5'/><text x='%6' y='%7'>%8, %9 wide</text>\n")
+                       .arg(kWide - 150)
+                       .arg(kWide - 125)
+                       .arg(70 + 20 * legend)
+                       .arg(QLatin1String(line.color), QLatin1String(dashes[dash]))
+                       .arg(kWide - 118)
+                       .arg(74 + 20 * legend)
+                       .arg(QLatin1String(line.name))
+                       .arg(width);
+            ++legend;
+            ++dash;
+        }
+    }
+    svg += QStringLiteral("</svg>\n");
+    QFile file(QString::fromLocal8Bit(path));
+    if (!file.open(QIODevice::WriteOnly) || file.write(svg.toUtf8()) < 0)
+        std::fprintf(stderr, "cannot write %s\n", path);
+}
+
+void reportWeightedOverForward(Passes &passes)
+{
+    std::vector<double> ratios;
+    for (int i = 0; i < kPairs; ++i) {
+        const double weighted = secondsOf([&] { frame(passes.weighted); });
+        ratios.push_back(weighted / secondsOf([&] { frame(passes.forward); }));
+    }
+    std::printf("\nweighted blending over the forward pass, opaque model: %.2f (goal 2)\n", median(ratios));
+}
+
+void run(const QString &modelPath, const char *plotPath)
+{
+    ImportReport report;
+    ModelData data = importScene(modelPath, ImportOptions(), &report);
+    if (!report.ok()) {
+        std::fprintf(stderr, "bench_transparency: %s\n", qPrintable(report.error));
+        return;
+    }
+    GPUModel opaque;
+    opaque.upload(data);
+    setOpacity(&data, QString(), kOpacity);
+    GPUModel model;
+    model.upload(data);
+    Camera camera;
+    Camera::parse(QString(), model.sceneBounds(), 16.0f / 9.0f, &camera, nullptr);
+    const View view{camera.projectionMatrix(16.0f / 9.0f), camera.cameraMatrix()};
+    {
+        std::vector<Subject> subjects;
+        Passes large(&model, view, 1280, 720);
+        // So small that next to nothing is drawn: what is left is the cost of the calls, and the clear.
+        Passes small(&model, view, 16, 16);
+        large.addTo(subjects);
+        small.addTo(subjects);
+        registerAll(subjects);
+        benchmark::RunSpecifiedBenchmarks();
+        std::printf("\nper steady frame, %s; ", qPrintable(modelPath));
+        printTable(subjects);
+    }
+    {
+        Passes passes(&opaque, view, 1280, 720);
+        reportWeightedOverForward(passes);
+    }
+    const QVector<Cost> costs = layerTable();
+    if (plotPath)
+        plot(costs, plotPath);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    const char *plotPath = nullptr;
+    QString modelPath = kBunny;
+    for (int i = 1; i < argc; ++i) {
+        if (std::strncmp(argv[i], "--plot=", 7) == 0)
+            plotPath = argv[i] + 7;
+        else if (argv[i][0] != '-')
+            modelPath = QString::fromLocal8Bit(argv[i]);
+    }
+    return runInContext(argc, argv, [&] { run(modelPath, plotPath); });
+}

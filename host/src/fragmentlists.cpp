@@ -1,0 +1,156 @@
+#include "host/fragmentlists.h"
+
+#include "gl/framebufferobject.h"
+#include "gl/guards.h"
+#include "gl/texture.h"
+#include "host/imageoutput.h"
+
+#include <epoxy/gl.h>
+
+#include <QColor>
+#include <QStringList>
+
+#include <algorithm>
+#include <cstring>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+bool fail(QString *error, const QString &message)
+{
+    if (error)
+        *error = message;
+    return false;
+}
+
+// The node buffer is large and filled from its first row on.
+QVector<quint32> readRows(Texture *nodeBuffer, int width, int rows)
+{
+    QVector<quint32> texels(qsizetype(width) * rows * 4);
+    FramebufferObject framebuffer;
+    AutoBinder bound(&framebuffer);
+    framebuffer.attach(nodeBuffer, GL_COLOR_ATTACHMENT0, 0);
+    glReadBuffer(GL_COLOR_ATTACHMENT0);
+    glPixelStorei(GL_PACK_ALIGNMENT, 4);
+    GLint format = GL_RGBA32UI;
+    {
+        AutoBinder texture(nodeBuffer);
+        glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_INTERNAL_FORMAT, &format);
+    }
+    glReadPixels(0, 0, width, rows, GL_RGBA_INTEGER, format == GL_RGBA32I ? GL_INT : GL_UNSIGNED_INT, texels.data());
+    return texels;
+}
+
+} // namespace
+
+bool FragmentLists::read(Texture *headPointers, Texture *nodeBuffer, int nodeBufferWidth, QString *error)
+{
+    *this = FragmentLists();
+    TexturePixels heads;
+    if (!nodeBuffer || nodeBufferWidth < 1)
+        return fail(error, QStringLiteral("there is no node buffer"));
+    if (!readTexture(headPointers, &heads, error))
+        return false;
+    if (heads.kind != TexturePixels::Kind::Integer || heads.channels != 1)
+        return fail(error, QStringLiteral("the first texture does not hold head pointers"));
+    GLint width = 0;
+    GLint height = 0;
+    {
+        AutoBinder bound(nodeBuffer);
+        glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_WIDTH, &width);
+        glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_HEIGHT, &height);
+    }
+    if (width != nodeBufferWidth)
+        return fail(error, QStringLiteral("the node buffer is %1 texels wide, not %2").arg(width).arg(nodeBufferWidth));
+    _size = QSize(heads.width, heads.height);
+    _heads = heads.integers;
+    _capacity = qint64(width) * height;
+    // Pointers are given out in order. The last one is the head of its pixel, or near it where fragments
+    // of a pixel run side by side.
+    quint32 last = *std::max_element(_heads.cbegin(), _heads.cend());
+    _nodes = readRows(nodeBuffer, width, int(std::min((qint64(last) + width - 1) / width, qint64(height))));
+
+    for (qsizetype i = 0; i < _nodes.size(); i += 4)
+        last = std::max(last, _nodes[i]);
+
+    _lengths.resize(_heads.size());
+    qint64 listed = 0;
+    for (int y = 0; y < _size.height(); ++y) {
+        for (int x = 0; x < _size.width(); ++x) {
+            const int length = int(at(x, y).size());
+            _lengths[qsizetype(y) * _size.width() + x] = length;
+            listed += length;
+            _coveredPixels += length > 0;
+            _unsortedPixels += length > kSortedLength;
+            _longest = std::max(_longest, length);
+        }
+    }
+    // Where a pixel keeps its nearest fragment only, pointers name pixels and do not count.
+    const bool isOnePerPixel = QSize(width, height) == _size && _longest <= 1;
+    _fragmentCount = isOnePerPixel ? listed : qint64(last);
+    return true;
+}
+
+QVector<ListedFragment> FragmentLists::at(int x, int y) const
+{
+    QVector<ListedFragment> list;
+    quint32 pointer = _heads[qsizetype(y) * _size.width() + x];
+    // A damaged list could run in a circle.
+    const qsizetype stored = _nodes.size() / 4;
+    while (pointer != 0 && pointer <= stored && list.size() < stored) {
+        const quint32 *node = _nodes.constData() + qsizetype(pointer - 1) * 4;
+        ListedFragment fragment{node[3], node[1] - 1, 0.0f, pointer - 1};
+        std::memcpy(&fragment.depth, node + 2, sizeof fragment.depth);
+        list.append(fragment);
+        pointer = node[0];
+    }
+    return list;
+}
+
+int FragmentLists::lengthAt(int x, int y) const
+{
+    return _lengths[qsizetype(y) * _size.width() + x];
+}
+
+QStringList FragmentLists::summary() const
+{
+    const double pixels = double(_size.width()) * double(_size.height());
+    QStringList lines;
+    lines << QStringLiteral("%1 fragments in %2 pixels (%3 % of the picture), %4 in the longest list")
+                 .arg(_fragmentCount)
+                 .arg(_coveredPixels)
+                 .arg(100.0 * double(_coveredPixels) / pixels, 0, 'f', 1)
+                 .arg(_longest);
+    lines << QStringLiteral("the node buffer holds %1 and is %2 % full")
+                 .arg(_capacity)
+                 .arg(100.0 * double(std::min(_fragmentCount, _capacity)) / double(_capacity), 0, 'f', 1);
+    lines << QStringLiteral("%1 pixels have more than %2 fragments, which are not sorted whole")
+                 .arg(_unsortedPixels)
+                 .arg(kSortedLength);
+    if (lostCount() > 0)
+        lines << QStringLiteral("the node buffer overflowed: %1 fragments are lost").arg(lostCount());
+    return lines;
+}
+
+QImage FragmentLists::lengthImage() const
+{
+    constexpr int kLeastScale = 8;
+    constexpr double kBlue = 240.0 / 360.0;
+    QImage image(_size, QImage::Format_RGB32);
+    const double scale = std::max(kLeastScale, std::min(_longest, kSortedLength)) - 1;
+    for (int y = 0; y < _size.height(); ++y) {
+        for (int x = 0; x < _size.width(); ++x) {
+            const int length = lengthAt(x, y);
+            QColor color = Qt::black;
+            if (length > kSortedLength)
+                color = Qt::white;
+            else if (length > 0)
+                color = QColor::fromHsvF(float(kBlue * (1.0 - (length - 1) / scale)), 1.0f, 1.0f);
+            image.setPixelColor(x, _size.height() - 1 - y, color);
+        }
+    }
+    return image;
+}
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,117 @@
+#include "support/draw.h"
+#include "support/gltest.h"
+#include "support/modelpass.h"
+
+#include <gl/glinfo.h>
+#include <gl/texture.h>
+#include <host/fragmentlists.h>
+#include <renderpasses/visibilitybufferrenderpass.h>
+#include <renderpasses/visibilitysortrenderpass.h>
+
+using namespace Brevane::Kvo;
+using namespace Brevane::Kvo::Test;
+
+namespace {
+
+using FragmentListsOfAPass = ModelPassTest<VisibilityBufferRenderPass>;
+
+bool canBuildLists()
+{
+    return hasGLExtension("ARB_shader_atomic_counters") && hasGLExtension("ARB_shader_image_load_store");
+}
+
+ModelData halfCovered()
+{
+    ModelData data;
+    data.meshes << quadMesh();
+    data.materials << material({1, 1, 1});
+    for (float z : {-1.0f, 2.0f, 0.0f}) {
+        ModelItem item;
+        item.transform.translate(1, 0, z);
+        data.items << item;
+    }
+    return data;
+}
+
+} // namespace
+
+TEST_F(FragmentListsOfAPass, AreWalkedCountedAndSortedAsTheyLie)
+{
+    ASSERT_TRUE(model.upload(halfCovered()));
+    pass.setInput(kProjection, flatProjection());
+    pass.setInput(kCamera, QMatrix4x4());
+    runFrame(pass);
+    VisibilitySortRenderPass sort;
+    sort.setInput(0, QRect(0, 0, kWidth, kHeight));
+    for (int i = 0; i < 3; ++i)
+        sort.setInput(1 + i, pass.output(i));
+    runFrame(sort);
+
+    FragmentLists lists;
+    QString error;
+    ASSERT_TRUE(lists.read(textureFromVariant(sort.output(0)), textureFromVariant(sort.output(1)),
+                           sort.output(2).toInt(), &error))
+        << qPrintable(error);
+    const int layers = canBuildLists() ? 3 : 1;
+    const int columns = kWidth - kWidth / 2; // the centre of the middle one lies on the edge, which is a left one
+    EXPECT_EQ(lists.size(), QSize(kWidth, kHeight));
+    EXPECT_EQ(lists.coveredPixels(), qint64(columns) * kHeight);
+    EXPECT_EQ(lists.fragmentCount(), qint64(columns) * kHeight * layers);
+    EXPECT_EQ(lists.longest(), layers);
+    EXPECT_EQ(lists.lostCount(), 0);
+    EXPECT_EQ(lists.unsortedPixels(), 0);
+    EXPECT_EQ(lists.capacity(), canBuildLists() ? qint64(4096) * 4096 : qint64(kWidth) * kHeight);
+    EXPECT_EQ(lists.lengthAt(0, 0), 0);
+    const QVector<ListedFragment> list = lists.at(kWidth - 1, kHeight - 1);
+    ASSERT_EQ(list.size(), layers);
+    const float depths[] = {0.4f, 0.5f, 0.55f};
+    const quint32 draws[] = {1, 2, 0};
+    for (int i = 0; i < layers; ++i) {
+        EXPECT_NEAR(list[i].depth, depths[i], 1e-6f);
+        EXPECT_EQ(list[i].draw, canBuildLists() ? draws[i] : 0u);
+        EXPECT_LT(list[i].primitive, 2u);
+    }
+    const QImage image = lists.lengthImage();
+    EXPECT_EQ(image.pixelColor(0, 3), QColor(Qt::black));
+    EXPECT_GT(image.pixelColor(kWidth - 1, 3).blue(), 200);
+}
+
+TEST_F(FragmentListsOfAPass, OverflowAndLongListsAreTold)
+{
+    KVO_REQUIRE_EXTENSION("ARB_shader_image_load_store");
+    // Three pixels: 60 nodes; one node and a link beyond the buffer; a head beyond the buffer.
+    constexpr int kNodesWidth = 8;
+    std::vector<quint32> nodes(kNodesWidth * 8 * 4, 0);
+    for (quint32 i = 0; i < 60; ++i)
+        nodes[i * 4] = i == 59 ? 0 : i + 2;
+    nodes[60 * 4] = 70;
+    const quint32 heads[3] = {1, 61, 65};
+    const auto integerTexture = [](unsigned int internalFormat, int width, int height, unsigned int format,
+                                   const void *texels) {
+        auto texture = std::make_unique<Texture>();
+        texture->setTarget(GL_TEXTURE_2D);
+        texture->bind();
+        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
+        glTexImage2D(GL_TEXTURE_2D, 0, GLint(internalFormat), width, height, 0, format, GL_UNSIGNED_INT, texels);
+        texture->unbind();
+        return texture;
+    };
+    const auto headTexture = integerTexture(GL_R32UI, 3, 1, GL_RED_INTEGER, heads);
+    const auto nodeTexture = integerTexture(GL_RGBA32UI, kNodesWidth, 8, GL_RGBA_INTEGER, nodes.data());
+    FragmentLists lists;
+    ASSERT_TRUE(lists.read(headTexture.get(), nodeTexture.get(), kNodesWidth));
+    EXPECT_EQ(lists.capacity(), 64);
+    EXPECT_EQ(lists.fragmentCount(), 70);
+    EXPECT_EQ(lists.lostCount(), 6);
+    EXPECT_EQ(lists.longest(), 60);
+    EXPECT_EQ(lists.unsortedPixels(), 1);
+    EXPECT_EQ(lists.lengthAt(1, 0), 1);
+    EXPECT_EQ(lists.lengthAt(2, 0), 0);
+    EXPECT_EQ(lists.lengthImage().pixelColor(0, 0), QColor(Qt::white));
+    EXPECT_TRUE(lists.summary().last().contains(QStringLiteral("6 fragments are lost")));
+    QString error;
+    EXPECT_FALSE(lists.read(headTexture.get(), nodeTexture.get(), 9, &error));
+    EXPECT_FALSE(lists.read(nullptr, nodeTexture.get(), 8, &error));
+    EXPECT_FALSE(lists.read(nodeTexture.get(), nodeTexture.get(), 8, &error));
+    EXPECT_TRUE(error.contains(QStringLiteral("head pointers"))) << qPrintable(error);
+}
