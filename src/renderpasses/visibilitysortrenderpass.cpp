@@ -150,7 +150,16 @@ void process(uint headPointer)
       break;
   }
 
-  quickSort(0, int(count) - 1);
+  // Most lists have one or two fragments. What the steps of quickSort do to two is known: they change
+  // places unless the second is farther.
+  bool isShort = count < 3u;
+  if(count == 2u && !COMPARE(fragments[1].m_depth, fragments[0].m_depth))
+  {
+    Fragment first = fragments[0];
+    COPY(fragments[1], fragments[0])
+    COPY(first, fragments[1])
+  }
+  quickSort(0, isShort ? -1 : int(count) - 1);
 
   pointer = headPointer;
   for(uint i = 0u; i < count; ++i)
@@ -186,6 +195,7 @@ const ProgramRecipe &sortProgram()
 
 VisibilitySortRenderPass::VisibilitySortRenderPass()
 {
+    setTextureForm(TextureForm::Object);
     addInput(QStringLiteral("Kvo_QRect_Viewport"), QVariant(), kViewport);
     addInput(QStringLiteral("Kvo_KvoTexture*_HeadPointers"), QVariant(), kHeadPointers);
     addInput(QStringLiteral("Kvo_KvoTexture*_NodeBuffer"), QVariant(), kNodeBuffer);
