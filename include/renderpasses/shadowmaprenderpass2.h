@@ -1,0 +1,120 @@
+#pragma once
+
+#include "core/renderpasshelper.h"
+#include "renderpasses/export.h"
+#include "shadows/shadowmapmanager.h"
+
+#include <QMap>
+#include <QSize>
+
+namespace Brevane::Kvo {
+
+class DrawBuffers;
+class FramebufferObject;
+class GLSLMacroProcessor;
+class GPUModel;
+class ShaderProgram;
+class Texture;
+
+/// Variance shadow maps like those of ShadowMapRenderPass, drawn only in frames that call for it, several
+/// layers at a time where the driver is good at that, and as depth alone: the moments and their filter
+/// follow in one draw for all layers.
+///
+/// | # | Input                                       | Type           | Default    | Meaning                                |
+/// |---|---------------------------------------------|----------------|------------|----------------------------------------|
+/// | 0 | Kvo_KvoGPUModel*_Geometry                   | GPUModel*      | none       | the casters                            |
+/// | 1 | Kvo_QList_InstanceData                      | list           | none       | InstanceDataCollection* as QObject*, bound while casters are drawn |
+/// | 2 | Kvo_QList_KvoShadowMapManagerLight*_Lights  | list           | none       | ShadowMapLight, see ShadowMapManager::processLights |
+/// | 3 | Kvo_bool_Dirty                              | bool           | none       | lights, casters or camera have changed; none: true |
+/// | 4 | Kvo_QMatrix4x4_ProjectionMatrix             | QMatrix4x4     | none       | viewing camera: camera to clip space   |
+/// | 5 | Kvo_QMatrix4x4_CameraMatrix                 | QMatrix4x4     | none       | viewing camera: world to camera space  |
+/// | 6 | Kvo_QVector3D_SceneBoundsMin                | QVector3D      | none       | the scene's box in world space; none: the model's |
+/// | 7 | Kvo_QVector3D_SceneBoundsMax                | QVector3D      | none       |                                        |
+/// | 8 | Kvo_int_FilterType                          | int            | 3          | 0: none; all others: 3 by 3 box that leaves empty texels out and extrapolates into them |
+/// | 9 | Kvo_QSize_MapSize                           | QSize          | (512, 512) | texels of every layer                  |
+///
+/// | # | Output                     | Value                                                                   |
+/// |---|----------------------------|-------------------------------------------------------------------------|
+/// | 0 | Kvo_QVariant_ShadowMapData | ShadowMapManager::RenderData as QObject*; pass and texture stay the owners |
+///
+/// The maps have the format of ShadowMapRenderPass. They agree with its maps where nothing is clipped by
+/// the near plane, but for two things: a caster at exactly z 0 leaves a depth of 0.0005 here and nothing
+/// there, and depth comes from the depth buffer, rounded to its steps.
+///
+/// While Kvo_bool_Dirty is false the maps stay as they are, and a frame makes no GL call. What forces a
+/// drawing all the same: a change of map size or layer count, with the matrices of the last dirty frame.
+///
+/// The constructor needs the context current, in which the pass will run: it chooses the path and says so
+/// through qDebug.
+///
+/// | Path           | Where                                                | Draws of the scene          |
+/// |----------------|------------------------------------------------------|-----------------------------|
+/// | batch          | GL_VENDOR has "AMD" or "ATI" in it, in any case      | one per 8 layers, geometry shader |
+/// | viewport layer | else, with GL_ARB_shader_viewport_layer_array        | one per layer               |
+/// | per layer      | else                                                 | one per layer, attached one by one |
+///
+/// The name is looked for with no regard to words: a vendor that calls itself a corporation takes the batch
+/// path too.
+///
+/// The program for casters is built in the first frame and knows as many matrices as there are layers then:
+/// give the pass all its lights in that frame, those that are switched on later with
+/// ShadowMapLight::enabled off. Without any layer in the first frame the program does not build, and the
+/// pass draws nothing from then on.
+///
+/// After teardownContextData the arrays are attached again only when they are made again: until the size or
+/// the number of layers changes the maps keep what they hold (on the per-layer path only the depth is drawn).
+///
+/// A missing or wrong model is reported through qCritical and clears the maps. A program that does not
+/// build is logged through qDebug, in its first frame only, and then used as it is: without the program for
+/// casters that frame has no output.
+///
+/// Leaves changed in a frame that draws: clear colour; blending, face culling and depth clamp off; depth mask
+/// on; colour mask open. The viewport is put back. Without anything to draw only the clear colour. Needs
+/// OpenGL 3.2.
+class KVO_RENDERPASSES_EXPORT ShadowMapRenderPass2 : public RenderPassHelper
+{
+public:
+    /// How the maps are filtered. Other values act as GradientFilter.
+    enum FilterType {
+        NoFilter = 0,
+        GradientFilter = 3,
+    };
+
+    ShadowMapRenderPass2();
+    /// The copy has a macro processor of its own.
+    ShadowMapRenderPass2(const ShadowMapRenderPass2 &other);
+    ShadowMapRenderPass2 &operator=(const ShadowMapRenderPass2 &other);
+    ~ShadowMapRenderPass2() override;
+
+    void start(RenderCallbacks *callbacks) override;
+    /// Frees the framebuffers and the vertex array; textures and programs stay.
+    void teardownContextData(RenderCallbacks *callbacks) override;
+
+    /// The instance-data plan that places the casters, "TarnInstance" at first. The program is built once:
+    /// a name set after the first start has no effect.
+    virtual void setInstanceDataPlanName(const QString &name);
+
+private:
+    ShaderProgram *_buildDepthProgram() const;
+    void _clearMaps();
+    bool _drawCasters(GPUModel *model, const QVariantList &instanceData);
+    void _blurShadowMapArray(const QSize &size, FilterType type);
+
+    FramebufferObject *_fbo = nullptr;
+    FramebufferObject *_filterFbo = nullptr;
+    Texture *_depthArray = nullptr;
+    Texture *_shadowMapArray = nullptr;
+    ShaderProgram *_depthProgram = nullptr;
+    int _batchSize = 1;
+    bool _useViewportLayer = false;
+    bool _layeredTargets = false;
+    int _layerCount = 0;
+    QSize _mapSize{0, 0};
+    QMap<int, ShaderProgram *> _blurPrograms;
+    DrawBuffers *_pointQuad = nullptr;
+    QString _instanceDataPlanName = QStringLiteral("TarnInstance");
+    ShadowMapManager::RenderData _renderData;
+    GLSLMacroProcessor *_macroProcessor;
+};
+
+} // namespace Brevane::Kvo

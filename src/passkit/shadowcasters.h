@@ -1,0 +1,70 @@
+#pragma once
+
+#include <QMatrix4x4>
+#include <QPair>
+#include <QSize>
+#include <QString>
+#include <QVariantList>
+#include <QVector3D>
+
+#include <optional>
+
+namespace Brevane::Kvo {
+
+class GPUModel;
+class ShaderProgram;
+class Texture;
+
+/// Flags of draw items, as the shadow passes select them: those with bit 62 or 63 cast no shadow, those
+/// with bit 60 are drawn with both faces.
+constexpr unsigned long long kNoCaster = 0xC000000000000000;
+constexpr unsigned long long kUnculled = 0x1000000000000000;
+constexpr unsigned long long kCasterGroup = kNoCaster | kUnculled;
+
+/// What a texel of a shadow map without a caster holds.
+constexpr float kNoDepth = 1e9f;
+/// Added to the depth of casters, so that they do not shadow themselves.
+constexpr double kDepthBias = 0.0005;
+
+/// GLSL main of the gradient filter: a texel that is empty is extrapolated from the two next ones of the
+/// first direction (+x, -x, +y, -y) where both are there; others become the mean of their 3 by 3 block as
+/// far as it is there. The text ahead of it has out_FragColor, `vec2 tap(ivec2 offset)`, which reads the
+/// moments around the texel, and the macro IS_EMPTY(r), which tells the mark of an empty one.
+extern const QString kGradientFilter;
+
+/// The matrix in a slot; nothing for a value that is none.
+std::optional<QMatrix4x4> matrixIn(const QVariant &value);
+template <typename T>
+const T *pointerTo(const std::optional<T> &value)
+{
+    return value ? &*value : nullptr;
+}
+
+/// The scene's box: that of the two slots when both hold a vector, else that of the model if it has one.
+std::optional<QPair<QVector3D, QVector3D>> sceneBoxOf(const QVariant &minimum, const QVariant &maximum,
+                                                      const GPUModel *model);
+
+/// Whether there is nothing to draw; a null model has nothing.
+bool hasNoCasters(GPUModel *model);
+
+/// Binds what is an InstanceDataCollection in a list, in order.
+void bindInstanceData(const QVariantList &list, ShaderProgram *program);
+/// Unbinds the same, in the same order.
+void unbindInstanceData(const QVariantList &list, ShaderProgram *program);
+
+/// Checks a program that was just linked against the plan that places its casters.
+void checkPlan(const QString &plan, const ShaderProgram *program);
+
+/// An array for depth, with nearest filters.
+Texture *makeDepthArray(const char *label, const QSize &size, int layers);
+/// An array for moments, with linear filters; its wrap is still to be set.
+Texture *makeMomentsArray(const char *label, const QSize &size, int layers);
+/// Lets what lies outside of the bound array read as kNoDepth.
+void wrapToNoDepth();
+/// Lets what lies outside of the bound array repeat its edge.
+void wrapToEdge();
+
+/// Sets the clear colour that marks a texel without a caster.
+void clearToNoDepth();
+
+} // namespace Brevane::Kvo

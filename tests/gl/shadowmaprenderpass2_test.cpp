@@ -1,0 +1,1069 @@
+#include "support/allocations.h"
+#include "support/messages.h"
+#include "support/passes.h"
+#include "support/shaderedit.h"
+#include "support/shadowfilters.h"
+#include "support/shadowmaps.h"
+
+#include <gl/shaderprogram.h>
+#include <model/gpumodel.h>
+#include <model/instancedatacollection.h>
+#include <model/instancedataregistry.h>
+#include <renderpasses/shadowmaprenderpass.h>
+#include <renderpasses/shadowmaprenderpass2.h>
+
+#include <QPointer>
+
+#include <functional>
+
+using namespace Brevane::Kvo;
+using namespace Brevane::Kvo::Test;
+
+namespace {
+
+enum Input {
+    kGeometry,
+    kInstanceData,
+    kLights,
+    kDirty,
+    kProjection,
+    kCamera,
+    kBoundsMin,
+    kBoundsMax,
+    kFilterType,
+    kMapSize
+};
+
+// Depth in steps of the depth buffer, interpolated in floats of about 1, doubled on the way back.
+constexpr double kDepth = 1e-5;
+
+constexpr int kWidth = 64;
+constexpr int kHeight = 48;
+const Image<float> kNothing(kWidth, kHeight, {1e9f, 1e9f, 0, 1});
+
+const auto kSun = ShadowMapLight::directional({0.25f, -1, 0.1f});
+const auto kSpot = ShadowMapLight::spot({2, 7, 1}, {-0.3f, -1, -0.15f}, 50);
+
+class LayeredPass : public GLTest
+{
+protected:
+    void SetUp() override
+    {
+        GLTest::SetUp();
+        ownedModel = std::make_unique<GPUModel>();
+        take(ShadowPath::Batch);
+    }
+    void TearDown() override
+    {
+        ownedPass.reset();
+        ownedModel.reset();
+        GLTest::TearDown();
+    }
+    /// A fresh pass on a path, with the model, small maps and no filter.
+    void take(ShadowPath path)
+    {
+        ownedPass = makeLayeredPass(path, context());
+        pass().setInput(kGeometry, QVariant::fromValue(ownedModel.get()));
+        pass().setInput(kMapSize, QSize(kWidth, kHeight));
+        pass().setInput(kFilterType, 0);
+    }
+    void forEachPath(const std::function<void()> &test)
+    {
+        for (const ShadowPath path : shadowPaths()) {
+            SCOPED_TRACE(nameOf(path));
+            take(path);
+            test();
+            if (HasFatalFailure())
+                return;
+        }
+    }
+    ShadowMapRenderPass2 &pass() { return *ownedPass; }
+    GPUModel &model() { return *ownedModel; }
+    ShadowRecord &run()
+    {
+        runFrame(pass());
+        return *recordOf(pass());
+    }
+    void setLights(const QVariantList &lights) { pass().setInput(kLights, lights); }
+    void setLights(std::initializer_list<ShadowMapLight> lights) { setLights(lightList(lights)); }
+
+    std::unique_ptr<GPUModel> ownedModel;
+    std::unique_ptr<ShadowMapRenderPass2> ownedPass;
+};
+
+// Nine lights of one layer each, from all around.
+QVariantList nineLights()
+{
+    QVariantList lights;
+    for (int i = 0; i < 9; ++i) {
+        const float angle = 0.7f * float(i);
+        lights << QVariant::fromValue(
+            i % 2 ? ShadowMapLight::directional({std::cos(angle) * 0.4f, -1, std::sin(angle) * 0.4f})
+                  : ShadowMapLight::spot({3 * std::cos(angle), 8, 3 * std::sin(angle)},
+                                         {-0.3f * std::cos(angle), -1, -0.3f * std::sin(angle)}, 55));
+    }
+    return lights;
+}
+
+int programsAlive()
+{
+    return GlCalls::live(GlKind::Program);
+}
+
+} // namespace
+
+TEST_F(LayeredPass, SlotsHaveTheirNamesOrderAndDefaults)
+{
+    MessageCapture messages;
+    expectSlots(ShadowMapRenderPass2(),
+                {{"Kvo_KvoGPUModel*_Geometry"},
+                 {"Kvo_QList_InstanceData"},
+                 {"Kvo_QList_KvoShadowMapManagerLight*_Lights"},
+                 {"Kvo_bool_Dirty"},
+                 {"Kvo_QMatrix4x4_ProjectionMatrix"},
+                 {"Kvo_QMatrix4x4_CameraMatrix"},
+                 {"Kvo_QVector3D_SceneBoundsMin"},
+                 {"Kvo_QVector3D_SceneBoundsMax"},
+                 {"Kvo_int_FilterType", 3},
+                 {"Kvo_QSize_MapSize", QSize(512, 512)}},
+                {"Kvo_QVariant_ShadowMapData"});
+}
+
+TEST_F(LayeredPass, TheVendorDecidesOnTheBatchPathWithNoRegardToCaseOrWords)
+{
+    for (const char *vendor : {"AMD", "Amd Inc.", "ATI Technologies", "Some Corporation", "stations"}) {
+        MessageCapture messages;
+        const ForcedVendor forced(vendor);
+        const ShadowMapRenderPass2 made;
+        EXPECT_EQ(messages.containing(QStringLiteral("SMRP2: Using bath 8 layered rendering")), 1) << vendor;
+        EXPECT_EQ(messages.all().size(), 1) << vendor;
+        EXPECT_TRUE(messages.texts()[0].startsWith(QStringLiteral("[shadowmaprenderpass2.cpp:"))) << vendor;
+    }
+}
+
+TEST_F(LayeredPass, AVendorThatEndsInTheWordCorporationTakesTheBatchPath)
+{
+    MessageCapture messages;
+    const ForcedVendor forced("Anybody's Corporation");
+    const ShadowMapRenderPass2 made;
+    EXPECT_EQ(messages.containing(QStringLiteral("SMRP2: Using bath 8 layered rendering")), 1);
+}
+
+TEST_F(LayeredPass, OtherVendorsTakeTheViewportLayerPathOrElseThePerLayerPath)
+{
+    MessageCapture messages;
+    const ForcedVendor forced("Nobody");
+    const ShadowMapRenderPass2 made;
+    const bool has = hasGLExtension("GL_ARB_shader_viewport_layer_array");
+    EXPECT_EQ(messages.containing(has ? QStringLiteral("SMRP2: Using GL_ARB_shader_viewport_layer_array layered "
+                                                       "rendering")
+                                      : QStringLiteral("SMRP2: Using non-Layered rendering")),
+              1);
+    EXPECT_EQ(messages.all().size(), 1);
+}
+
+TEST_F(LayeredPass, WithoutTheExtensionThePathIsPerLayer)
+{
+    MessageCapture messages;
+    {
+        const ForcedVendor forced("Nobody");
+        const HiddenExtension hidden("GL_ARB_shader_viewport_layer_array");
+        GLContext other;
+        ASSERT_TRUE(other.makeCurrent());
+        const ShadowMapRenderPass2 made;
+        OpenGLDeviceContext::releaseCurrent();
+    }
+    ASSERT_TRUE(context().makeCurrent());
+    EXPECT_EQ(messages.containing(QStringLiteral("SMRP2: Using non-Layered rendering")), 1);
+}
+
+TEST_F(LayeredPass, ThisSetUpTakesThePathThatItStandsFor)
+{
+    // of the driver as it is: a set-up that names the vendor AMD has to end up on the batch path
+    const QByteArray vendor = QByteArray(reinterpret_cast<const char *>(glGetString(GL_VENDOR))).toLower();
+    const bool batch = vendor.contains("amd") || vendor.contains("ati");
+    if (qgetenv("force_gl_vendor") == "AMD") {
+        EXPECT_TRUE(batch);
+    }
+    MessageCapture messages;
+    const ShadowMapRenderPass2 made;
+    EXPECT_EQ(messages.containing(QStringLiteral("SMRP2: Using bath")), batch ? 1 : 0);
+}
+
+TEST_F(LayeredPass, MadeWithoutAContextItSaysSoAndTakesThePathThatAlwaysWorks)
+{
+    GLContext::doneCurrent();
+    MessageCapture messages;
+    ownedPass = std::make_unique<ShadowMapRenderPass2>();
+    EXPECT_EQ(messages.count(QtWarningMsg), 1);
+    ASSERT_TRUE(context().makeCurrent());
+    ASSERT_TRUE(model().upload(shadowScene()));
+    pass().setInput(kGeometry, QVariant::fromValue(&model()));
+    pass().setInput(kMapSize, QSize(kWidth, kHeight));
+    pass().setInput(kFilterType, 0);
+    setLights({kSun});
+    const ShadowRecord &record = run();
+    EXPECT_EQ(compareWithModel(readLayer(record, 0), castersOfShadowScene(), record.transforms[0]).wrong, 0);
+}
+
+TEST_F(LayeredPass, MapsHoldTheMomentsOfTheNearestCasterOnEveryPath)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    forEachPath([&] {
+        setLights({kSun, kSpot, ShadowMapLight::directional({-0.2f, -1, 0.3f}, 2)});
+        const ShadowRecord &record = run();
+        ASSERT_EQ(record.layerCount, 4);
+        for (int layer = 0; layer < 4; ++layer) {
+            const MapComparison c =
+                compareWithModel(readLayer(record, layer), castersOfShadowScene(), record.transforms[layer]);
+            EXPECT_GT(c.covered, kWidth * kHeight / 4) << layer;
+            EXPECT_GT(c.empty, 20) << layer;
+            EXPECT_EQ(c.wrong, 0) << layer;
+            EXPECT_LT(c.worst, kDepth) << layer;
+        }
+    });
+}
+
+TEST_F(LayeredPass, AllPathsAndTheOtherPassGiveTheSameMaps)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    const auto lights = lightList(
+        {kSun, kSpot, ShadowMapLight::point({0.3f, 3.5f, 0.2f}), ShadowMapLight::directional({-0.2f, -1, 0.3f}, 2)});
+    std::vector<Image<float>> expected;
+    {
+        ShadowMapRenderPass other;
+        other.setInput(0, QVariant::fromValue(&model()));
+        other.setInput(2, lights);
+        other.setInput(7, 0);
+        other.setInput(8, QSize(kWidth, kHeight));
+        runFrame(other);
+        for (int layer = 0; layer < 10; ++layer)
+            expected.push_back(readLayer(*recordOf(other), layer));
+    }
+    int covered = 0;
+    forEachPath([&] {
+        setLights(lights);
+        const ShadowRecord &record = run();
+        ASSERT_EQ(record.layerCount, 10);
+        for (int layer = 0; layer < 10; ++layer) {
+            const Image<float> map = readLayer(record, layer);
+            int differing = 0;
+            for (int y = 0; y < kHeight; ++y) {
+                for (int x = 0; x < kWidth; ++x) {
+                    const float a = map.at(x, y)[0];
+                    const float b = expected[size_t(layer)].at(x, y)[0];
+                    covered += b < 1;
+                    // An edge may pass through the centre of a texel, to either side. The faces of a point
+                    // light have casters across their near plane: depth clamp there, clipping here.
+                    const bool bothThere = a < 1 && b < 1;
+                    const bool bothEmpty = a == 1e9f && b == 1e9f;
+                    if (bothThere) {
+                        ASSERT_NEAR(a, b, kDepth) << "layer " << layer << " at " << x << ", " << y;
+                    }
+                    differing += !bothThere && !bothEmpty;
+                }
+            }
+            EXPECT_LE(differing, 2) << layer;
+        }
+    });
+    EXPECT_GT(covered, 10000);
+}
+
+TEST_F(LayeredPass, TexturesHaveTheirFormatsFiltersWrapAndBorder)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    setLights({kSun, kSpot});
+    const GlCalls calls;
+    const ShadowRecord &record = run();
+    const std::vector<GlCall> arrays = calls.calls("glTexImage3D");
+    ASSERT_EQ(arrays.size(), 2u);
+    for (size_t i = 0; i < 2; ++i) {
+        const GlCall &call = arrays[i];
+        EXPECT_EQ(call.args[0], GL_TEXTURE_2D_ARRAY);
+        EXPECT_EQ(call.args[2], i == 0 ? GL_DEPTH_COMPONENT32F : GL_RG32F);
+        EXPECT_EQ(call.args[3], kWidth);
+        EXPECT_EQ(call.args[4], kHeight);
+        EXPECT_EQ(call.args[5], 2);
+        EXPECT_EQ(call.args[7], i == 0 ? GL_DEPTH_COMPONENT : GL_RG);
+        EXPECT_EQ(call.args[8], GL_FLOAT);
+    }
+    EXPECT_EQ(calls.count("glTexImage2D"), 0);
+    // depth: nearest, and its wrap goes to the edge for the conversion; moments: linear, with a border
+    EXPECT_EQ(calls.count("glTexParameteri", {GL_TEXTURE_2D_ARRAY, GL_TEXTURE_MIN_FILTER, GL_NEAREST}), 1);
+    EXPECT_EQ(calls.count("glTexParameteri", {GL_TEXTURE_2D_ARRAY, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE}), 1);
+    EXPECT_EQ(calls.count("glTexParameteri", {GL_TEXTURE_2D_ARRAY, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE}), 1);
+    glBindTexture(GL_TEXTURE_2D_ARRAY, record.projectionTexture()->textureID());
+    const auto parameter = [](GLenum name) {
+        GLint value = 0;
+        glGetTexParameteriv(GL_TEXTURE_2D_ARRAY, name, &value);
+        return value;
+    };
+    EXPECT_EQ(parameter(GL_TEXTURE_MIN_FILTER), GL_LINEAR);
+    EXPECT_EQ(parameter(GL_TEXTURE_MAG_FILTER), GL_LINEAR);
+    EXPECT_EQ(parameter(GL_TEXTURE_WRAP_S), GL_CLAMP_TO_BORDER);
+    EXPECT_EQ(parameter(GL_TEXTURE_WRAP_T), GL_CLAMP_TO_BORDER);
+    float border[4] = {};
+    glGetTexParameterfv(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_BORDER_COLOR, border);
+    EXPECT_EQ(border[0], 1e9f);
+    EXPECT_EQ(border[3], 1.0f);
+    glBindTexture(GL_TEXTURE_2D_ARRAY, 0);
+}
+
+TEST_F(LayeredPass, NineLayersTakeTwoBatchesOfEightAndOne)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    model().setDrawRoad(GPUModel::DrawRoad::Loop);
+    setLights(nineLights());
+    run();
+    const GlCalls calls;
+    const ShadowRecord &record = run();
+    ASSERT_EQ(record.layerCount, 9);
+    // five casters in two batches, and one draw that converts all layers
+    EXPECT_EQ(calls.draws(), 2 * 5 + 1);
+    EXPECT_EQ(calls.count("glDrawArrays", {GL_POINTS, 0, 9}), 1);
+    std::vector<double> values;
+    for (const GlCall &call : calls.all())
+        if (std::strcmp(call.name, "glUniform1i") == 0)
+            values.push_back(call.args[1]);
+    const std::vector<double> batches{0, 8, 8, 1};
+    EXPECT_NE(std::search(values.begin(), values.end(), batches.begin(), batches.begin() + 2), values.end());
+    EXPECT_NE(std::search(values.begin(), values.end(), batches.begin() + 2, batches.end()), values.end());
+    // all matrices in one go
+    const std::vector<GlCall> uploads = calls.calls("glUniformMatrix4fv");
+    ASSERT_EQ(uploads.size(), 1u);
+    EXPECT_EQ(uploads[0].args[1], 9);
+    EXPECT_EQ(uploads[0].args[2], GL_FALSE);
+    for (int layer = 0; layer < 9; ++layer) {
+        const MapComparison c =
+            compareWithModel(readLayer(record, layer), castersOfShadowScene(), record.transforms[layer]);
+        EXPECT_EQ(c.wrong, 0) << layer;
+        EXPECT_GT(c.covered, 400) << layer;
+        EXPECT_LT(c.worst, kDepth) << layer;
+    }
+}
+
+TEST_F(LayeredPass, OtherPathsDrawTheSceneOncePerLayer)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    for (const ShadowPath path : shadowPaths()) {
+        if (path == ShadowPath::Batch)
+            continue;
+        take(path);
+        model().setDrawRoad(GPUModel::DrawRoad::Loop);
+        setLights(nineLights());
+        run();
+        const GlCalls calls;
+        run();
+        EXPECT_EQ(calls.draws(), 5 * 9 + 1) << "five casters, " << nameOf(path);
+        EXPECT_EQ(calls.count("glUniformMatrix4fv"), 1) << nameOf(path);
+        const bool layered = path == ShadowPath::ViewportLayer;
+        EXPECT_EQ(calls.count("glFramebufferTextureLayer"), layered ? 0 : 18) << nameOf(path);
+        EXPECT_EQ(calls.count("glClear", {GL_DEPTH_BUFFER_BIT}), layered ? 1 : 9) << nameOf(path);
+        EXPECT_EQ(calls.count("glFramebufferTexture"), layered ? 0 : 18) << "detached, " << nameOf(path);
+    }
+}
+
+TEST_F(LayeredPass, LayeredPathsKeepTheirArraysAttached)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    setLights(nineLights());
+    {
+        const GlCalls calls;
+        run();
+        // depth and moments to the one framebuffer, moments to the other
+        EXPECT_EQ(calls.count("glFramebufferTexture", {GL_FRAMEBUFFER, GL_DEPTH_ATTACHMENT}), 1);
+        EXPECT_EQ(calls.count("glFramebufferTexture", {GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0}), 2);
+    }
+    const GlCalls calls;
+    run();
+    EXPECT_EQ(calls.count("glFramebufferTexture"), 0);
+    EXPECT_EQ(calls.count("glFramebufferTextureLayer"), 0);
+    EXPECT_EQ(calls.count("glClear", {GL_DEPTH_BUFFER_BIT}), 1);
+    EXPECT_EQ(calls.count("glClear", {GL_COLOR_BUFFER_BIT}), 1) << "of the conversion";
+}
+
+TEST_F(LayeredPass, CastersAreDrawnInTheStatedOrderWithColourMasked)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    model().setDrawRoad(GPUModel::DrawRoad::Loop);
+    setLights({kSun});
+    run();
+    const GlCalls calls;
+    run();
+    const QStringList found =
+        calls.sequence({"glViewport", "glClearColor", "glClear", "glEnable", "glDisable", "glDepthMask", "glColorMask",
+                        "glUniformMatrix4fv", "glDrawElements", "glDrawArrays"});
+    EXPECT_EQ(found.join(u' '),
+              QStringLiteral("glViewport glClearColor glClear " // depth
+                             "glEnable glDisable glDisable glDepthMask glDisable glColorMask glUniformMatrix4fv "
+                             "glEnable glDrawElements glDrawElements glDrawElements glDrawElements glDisable "
+                             "glDrawElements "
+                             "glDisable glColorMask glDisable " // clamp, mask, depth test
+                             "glClear glDrawArrays glViewport"));
+    EXPECT_EQ(calls.count("glColorMask", {GL_FALSE, GL_FALSE, GL_FALSE, GL_FALSE}), 1);
+    EXPECT_EQ(calls.count("glColorMask", {GL_TRUE, GL_TRUE, GL_TRUE, GL_TRUE}), 1);
+    EXPECT_EQ(calls.count("glDisable", {GL_DEPTH_CLAMP}), 2);
+    EXPECT_EQ(calls.count("glEnable", {GL_DEPTH_CLAMP}), 0);
+}
+
+TEST_F(LayeredPass, CleanFramesMakeNoGLCallAndKeepTheMaps)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    forEachPath([&] {
+        setLights({kSun, kSpot});
+        pass().setInput(kFilterType, 3);
+        const Texture *maps = run().projectionTexture();
+        const Image<float> before = readLayer(*recordOf(pass()), 1);
+        pass().setInput(kDirty, false);
+        setLights({kSun, kSun, kSun, kSun}); // not looked at
+        {
+            const GlCalls calls;
+            runFrame(pass());
+            EXPECT_TRUE(calls.all().empty()) << qPrintable(calls.toString());
+        }
+        EXPECT_EQ(recordOf(pass())->projectionTexture(), maps);
+        EXPECT_EQ(recordOf(pass())->layerCount, 2);
+        EXPECT_TRUE(sameImage(readLayer(*recordOf(pass()), 1), before, within(0)));
+        pass().setInput(kDirty, true);
+        const GlCalls calls;
+        EXPECT_EQ(run().layerCount, 4);
+        EXPECT_GT(calls.draws(), 0);
+    });
+}
+
+TEST_F(LayeredPass, DirtyThatIsNotConnectedCountsAsTrueAndWhatIsNoBoolAsFalse)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    setLights({kSun});
+    run();
+    const auto draws = [&](const QVariant &dirty) {
+        pass().setInput(kDirty, dirty);
+        const GlCalls calls;
+        runFrame(pass());
+        return calls.draws() > 0;
+    };
+    EXPECT_TRUE(draws(QVariant()));
+    EXPECT_TRUE(draws(QVariant()));
+    EXPECT_TRUE(draws(true));
+    EXPECT_TRUE(draws(1));
+    EXPECT_FALSE(draws(false));
+    EXPECT_FALSE(draws(0));
+    EXPECT_FALSE(draws(QRect(0, 0, 1, 1)));
+    EXPECT_TRUE(draws(QVariant(QMetaType(QMetaType::Bool)))) << "a null bool is no value";
+}
+
+TEST_F(LayeredPass, ACleanFirstFrameHasNoMatricesAndNoOutput)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    forEachPath([&] {
+        setLights({kSun});
+        pass().setInput(kDirty, false);
+        MessageCapture messages;
+        runFrame(pass());
+        EXPECT_FALSE(pass().output(0).isValid());
+        EXPECT_EQ(messages.count(QtDebugMsg), 1) << qPrintable(messages.texts().join(u'\n'));
+        EXPECT_EQ(messages.containing(QStringLiteral("failed to compile")), 1);
+        // The program stays as it is: later frames are published, with nothing in them.
+        pass().setInput(kDirty, true);
+        const ShadowRecord &record = run();
+        EXPECT_EQ(messages.count(QtDebugMsg), 1);
+        EXPECT_TRUE(sameImage(readLayer(record, 0), kNothing, within(0)));
+    });
+}
+
+TEST_F(LayeredPass, ACleanFrameAfterAChangeOfSizeDrawsWithTheMatricesOfBefore)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    forEachPath([&] {
+        setLights({kSun, kSpot});
+        run();
+        pass().setInput(kDirty, false);
+        setLights({ShadowMapLight::directional({1, -1, 1})});
+        pass().setInput(kMapSize, QSize(40, 50));
+        const ShadowRecord &record = run();
+        ASSERT_EQ(record.layerCount, 2);
+        for (int layer = 0; layer < 2; ++layer) {
+            const Image<float> map = readLayer(record, layer);
+            EXPECT_EQ(map.width, 40);
+            EXPECT_EQ(map.height, 50);
+            const MapComparison c = compareWithModel(map, castersOfShadowScene(), record.transforms[layer]);
+            EXPECT_EQ(c.wrong, 0) << layer;
+            EXPECT_GT(c.covered, 400) << layer;
+        }
+    });
+}
+
+TEST_F(LayeredPass, LayersBetweenThoseOfTwoLightsAreDrawnToo)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    forEachPath([&] {
+        QVariantList lights = nineLights();
+        setLights(lights.mid(0, 6));
+        ShadowRecord &record = run();
+        // A record whose lights own the layers 0 to 1 and 4 to 5. The frame is clean, so nobody lays them out
+        // anew, and the size makes it draw.
+        record.projectors = {{2, 0}, {2, 4}};
+        pass().setInput(kDirty, false);
+        pass().setInput(kMapSize, QSize(48, 40));
+        run();
+        for (int layer = 0; layer < 6; ++layer) {
+            const MapComparison c =
+                compareWithModel(readLayer(record, layer), castersOfShadowScene(), record.transforms[layer]);
+            EXPECT_EQ(c.wrong, 0) << layer;
+            EXPECT_GT(c.covered, 300) << layer;
+        }
+    });
+}
+
+TEST_F(LayeredPass, LayersBehindTheLastLightAreNotDrawn)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    ShadowMapLight off = kSpot;
+    off.enabled = false;
+    take(ShadowPath::PerLayer);
+    setLights({kSun, off, kSun, off});
+    run();
+    const GlCalls calls;
+    EXPECT_EQ(run().layerCount, 4);
+    EXPECT_EQ(calls.count("glClear", {GL_DEPTH_BUFFER_BIT}), 3) << "up to the last layer that a light owns";
+    EXPECT_EQ(calls.count("glDrawArrays", {GL_POINTS, 0, 4}), 1) << "the conversion takes all";
+}
+
+TEST_F(LayeredPass, WithItsOnlyLightOffNeitherCastersNorConversionAreDrawn)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    forEachPath([&] {
+        ShadowMapLight off = kSun;
+        off.enabled = false;
+        setLights({off});
+        {
+            const GlCalls calls;
+            EXPECT_EQ(run().layerCount, 1);
+            EXPECT_EQ(calls.draws(), 0);
+        }
+        setLights({kSun});
+        const ShadowRecord &record = run();
+        EXPECT_EQ(compareWithModel(readLayer(record, 0), castersOfShadowScene(), record.transforms[0]).wrong, 0);
+    });
+}
+
+TEST_F(LayeredPass, AModelWithNothingToDrawLeavesAllLayersEmptyAndSkipsTheConversion)
+{
+    ASSERT_TRUE(model().upload(cubeScene({1, 1, 1}, 0x4000000000000000)));
+    forEachPath([&] {
+        pass().setInput(kFilterType, 3);
+        setLights({kSun, ShadowMapLight::point({0, 4, 0})});
+        const GlCalls calls;
+        const ShadowRecord &record = run();
+        ASSERT_EQ(record.layerCount, 7);
+        EXPECT_EQ(calls.draws(), 0);
+        for (int layer = 0; layer < 7; ++layer)
+            EXPECT_TRUE(sameImage(readLayer(record, layer), kNothing, within(0))) << layer;
+    });
+}
+
+TEST_F(LayeredPass, AModelThatBecomesEmptyClearsTheMaps)
+{
+    forEachPath([&] {
+        ASSERT_TRUE(model().upload(shadowScene()));
+        setLights({kSun});
+        EXPECT_LT(readLayer(run(), 0).at(32, 24)[0], 1.0f);
+        pass().setInput(kGeometry, QVariant::fromValue(static_cast<GPUModel *>(nullptr)));
+        pass().setInput(kBoundsMin, QVector3D(-1, -1, -1));
+        pass().setInput(kBoundsMax, QVector3D(1, 1, 1));
+        EXPECT_TRUE(sameImage(readLayer(run(), 0), kNothing, within(0)));
+    });
+}
+
+TEST_F(LayeredPass, WithoutLayersNothingIsDrawnAndTheRecordHasAnEmptyArray)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    forEachPath([&] {
+        setLights({kSun, kSpot});
+        run();
+        setLights({});
+        {
+            const GlCalls calls;
+            const ShadowRecord &record = run();
+            EXPECT_EQ(record.layerCount, 0);
+            EXPECT_EQ(calls.draws(), 0);
+            EXPECT_EQ(calls.count("glClear"), 0);
+            EXPECT_EQ(calls.count("glViewport"), 0);
+            ASSERT_NE(record.projectionTexture(), nullptr);
+            glBindTexture(GL_TEXTURE_2D_ARRAY, record.projectionTexture()->textureID());
+            GLint layers = -1;
+            glGetTexLevelParameteriv(GL_TEXTURE_2D_ARRAY, 0, GL_TEXTURE_DEPTH, &layers);
+            EXPECT_EQ(layers, 0);
+            glBindTexture(GL_TEXTURE_2D_ARRAY, 0);
+        }
+        setLights({kSpot, kSun});
+        const ShadowRecord &record = run();
+        EXPECT_EQ(compareWithModel(readLayer(record, 1), castersOfShadowScene(), record.transforms[1]).wrong, 0);
+    });
+}
+
+TEST_F(LayeredPass, WindowDepthOfExactlyOneHalfGivesTheBias)
+{
+    // The other pass drops the same value: its test is "not above", this one's a clamp.
+    ASSERT_TRUE(model().upload(quadScene({1, 1, 1}, 0x1000000000000000)));
+    for (const ShadowPath path : shadowPaths()) {
+        take(path);
+        setLights({ShadowMapLight::directional({0, 0, -1})});
+        const QByteArray position =
+            path == ShadowPath::Batch
+                ? QByteArray("gl_Position = modelViewProjectionMatrix[layer] * In[i].fragPos;")
+                : QByteArray("gl_Position = modelViewProjectionMatrix[u_layerBase] * (getModelMatrix() * "
+                             "vec4(va_Vertex, 1.0));");
+        const ShaderEdit atZero({qMakePair(position, position + " gl_Position.z = 0.0;")});
+        const Image<float> map = readLayer(run(), 0);
+        EXPECT_TRUE(isPixel(map, kWidth / 2, kHeight / 2, momentsOf(kShadowBias), 1e-9)) << nameOf(path);
+    }
+}
+
+TEST_F(LayeredPass, DepthsInFrontOfTheRangeAndAtItsEndAreEmpty)
+{
+    // The quad of the scene at z 0 stays, others are moved along the light's depth.
+    ASSERT_TRUE(model().upload(quadScene({1, 1, 1}, 0x1000000000000000)));
+    forEachPath([&] {
+        pass().setInput(kMapSize, QSize(16, 16));
+        setLights({ShadowMapLight::directional({0, 0, -1})});
+        pass().setInput(kBoundsMin, QVector3D(-1, -1, -1));
+        pass().setInput(kBoundsMax, QVector3D(1, 1, 1));
+        const QMatrix4x4 toWorld = matrixOf(run().transforms[0]).inverted();
+        const auto texelAt = [&](float depth) {
+            ModelData data = quadScene({1, 1, 1}, 0x1000000000000000);
+            for (QVector3D &p : data.meshes[0].positions)
+                p = toWorld.map(QVector3D(p.x() * 2, p.y() * 2, depth));
+            EXPECT_TRUE(model().upload(data));
+            return readLayer(run(), 0).at(8, 8)[0];
+        };
+        EXPECT_EQ(texelAt(-0.5f), 1e9f);
+        EXPECT_EQ(texelAt(-1.5f), 1e9f);
+        EXPECT_NEAR(texelAt(0.001f), 0.0015, kDepth);
+        EXPECT_NEAR(texelAt(0.5f), 0.5005, kDepth);
+        EXPECT_NEAR(texelAt(0.9990f), 0.9995, kDepth);
+        EXPECT_EQ(texelAt(0.9998f), 1e9f);
+        EXPECT_EQ(texelAt(1.5f), 1e9f);
+        ASSERT_TRUE(model().upload(quadScene({1, 1, 1}, 0x1000000000000000)));
+    });
+}
+
+TEST_F(LayeredPass, TheFilterIsItsFormulaOverTheUnfilteredMomentsOnEveryPath)
+{
+    namespace F = ShadowFilters;
+    // a comb and holes, so that every kind of neighbourhood is there
+    ModelData data;
+    data.materials << material({1, 1, 1});
+    data.meshes << quadMesh();
+    for (int i = 0; i < 60; ++i) {
+        ModelItem item;
+        item.flags = 0x1000000000000000;
+        item.transform.translate(float(i * 37 % 100) / 50 - 1, float(i * 61 % 100) / 50 - 1,
+                                 float(i * 17 % 20) / 10 - 1);
+        item.transform.rotate(float(i * 23), 0.3f, 0.5f, 1);
+        item.transform.scale(0.02f + 0.004f * float(i % 20), 0.03f + 0.01f * float(i % 7), 1);
+        data.items << item;
+    }
+    ASSERT_TRUE(model().upload(data));
+    forEachPath([&] {
+        setLights({ShadowMapLight::directional({0, 0, -1}), ShadowMapLight::directional({0.1f, 0.2f, -1})});
+        const ShadowRecord &record = run();
+        const F::Map raw[] = {F::Map(readLayer(record, 0)), F::Map(readLayer(record, 1))};
+        F::Branches b;
+        for (const int type : {3, 1, -7}) {
+            pass().setInput(kFilterType, type);
+            run();
+            for (int layer = 0; layer < 2; ++layer)
+                // a few floats of about 1 are added up
+                EXPECT_TRUE(F::isMap(readLayer(record, layer),
+                                     F::gradient(
+                                         raw[layer], [](double r) { return r > 1.0; }, &b),
+                                     2e-6))
+                    << "type " << type << ", layer " << layer;
+        }
+        EXPECT_GT(b.accumulated, 1000);
+        EXPECT_GT(b.extrapolated, 100);
+        EXPECT_GT(b.none, 1000);
+        pass().setInput(kFilterType, QStringLiteral("soft"));
+        run();
+        EXPECT_TRUE(F::isMap(readLayer(record, 0), raw[0], 0)) << "what is no number is no filter";
+    });
+}
+
+TEST_F(LayeredPass, FilterProgramsAreBuiltOncePerValue)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    setLights({kSun});
+    for (const int type : {0, 1, 3, 17}) {
+        pass().setInput(kFilterType, type);
+        run();
+    }
+    const GlCalls calls;
+    for (const int type : {17, 3, 1, 0}) {
+        pass().setInput(kFilterType, type);
+        run();
+    }
+    EXPECT_EQ(calls.created(), 0) << qPrintable(calls.toString());
+    EXPECT_EQ(calls.count("glCompileShader"), 0);
+}
+
+TEST_F(LayeredPass, CulledAndUnculledGroupsAreDrawnOnlyWhenTheyHaveCasters)
+{
+    for (const quint64 flags : {quint64(0), quint64(0x1000000000000000)}) {
+        ASSERT_TRUE(model().upload(cubeScene({1, 1, 1}, flags)));
+        forEachPath([&] {
+            setLights({kSun});
+            run();
+            glEnable(GL_CULL_FACE);
+            const GlCalls calls;
+            const ShadowRecord &record = run();
+            EXPECT_EQ(calls.draws(), 2) << "casters and conversion";
+            EXPECT_EQ(calls.count("glEnable", {GL_CULL_FACE}), flags ? 0 : 1);
+            EXPECT_FALSE(glIsEnabled(GL_CULL_FACE));
+            const MapComparison c = compareWithModel(readLayer(record, 0), cubeScene(), record.transforms[0]);
+            EXPECT_EQ(c.wrong, 0);
+            EXPECT_GT(c.covered, 100);
+        });
+    }
+}
+
+TEST_F(LayeredPass, BackFacesAreDrawnForItemsWithBit60Only)
+{
+    for (const quint64 flags : {quint64(0), quint64(0x1000000000000000)}) {
+        ASSERT_TRUE(model().upload(quadScene({1, 1, 1}, flags)));
+        forEachPath([&] {
+            setLights({ShadowMapLight::directional({0, 0, 1})});
+            glEnable(GL_CULL_FACE);
+            EXPECT_EQ(readLayer(run(), 0).at(32, 24)[0] < 1.0f, flags != 0);
+        });
+    }
+}
+
+TEST_F(LayeredPass, WithoutAModelBothAssertionsAreReportedAndTheMapsAreCleared)
+{
+    pass().setInput(kGeometry, QVariant());
+    pass().setInput(kBoundsMin, QVector3D(-1, -1, -1));
+    pass().setInput(kBoundsMax, QVector3D(1, 1, 1));
+    setLights({kSun});
+    MessageCapture messages;
+    const ShadowRecord &record = run();
+    EXPECT_EQ(messages.count(QtCriticalMsg), 2);
+    EXPECT_EQ(messages.containing(QStringLiteral("[ !! ] Assertion 'false == modelAsQVariant.isNull()' failed: Input "
+                                                 "Geometry is NULL")),
+              1);
+    EXPECT_EQ(messages.containing(QStringLiteral("[ !! ] Assertion 'true == modelAsQVariant.canConvert<GPUModel*>()' "
+                                                 "failed: Input Geometry is not a 'GPUModel*', type is ''")),
+              1);
+    EXPECT_TRUE(sameImage(readLayer(record, 0), kNothing, within(0)));
+    pass().setInput(kGeometry, 4);
+    messages.clear();
+    run();
+    EXPECT_EQ(messages.count(QtCriticalMsg), 1);
+    EXPECT_EQ(messages.containing(QStringLiteral("Input Geometry is not a 'GPUModel*', type is 'int'")), 1);
+}
+
+TEST_F(LayeredPass, InstanceDataIsBoundWhileCastersAreDrawn)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    setLights({kSun});
+    InstanceDataCollection data(InstanceDataRegistry::Instance().getPlan(QStringLiteral("OBJMaterial")));
+    ASSERT_TRUE(data.setData(QVector<float>(12, 1.0f)));
+    const auto binds = [&] {
+        run();
+        const GlCalls calls;
+        run();
+        return calls.count("glBindTexture", {GL_TEXTURE_BUFFER});
+    };
+    const int without = binds();
+    pass().setInput(kInstanceData, QVariantList{QVariant(3), QVariant::fromValue(static_cast<QObject *>(&data))});
+    EXPECT_EQ(binds(), without + 2);
+}
+
+TEST_F(LayeredPass, TheInstanceDataPlanIsTheOneSetBeforeTheFirstStart)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    forEachPath([&] {
+        setLights({kSun});
+        pass().setInstanceDataPlanName(QStringLiteral("InstanceInfo"));
+        const Image<float> map = readLayer(run(), 0);
+        EXPECT_LT(map.at(32, 24)[0], 1.0f);
+        pass().setInstanceDataPlanName(QStringLiteral("NoSuchPlan"));
+        EXPECT_TRUE(sameImage(readLayer(run(), 0), map, within(0)));
+    });
+}
+
+TEST_F(LayeredPass, ChangeOfSizeOrLayersReplacesBothArraysOnly)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    forEachPath([&] {
+        setLights({kSun, kSpot, kSun});
+        const QPointer<Texture> first = run().projectionTexture();
+        pass().setInput(kMapSize, QSize(32, 32));
+        {
+            const GlCalls calls;
+            run();
+            EXPECT_EQ(calls.created(), 2);
+            EXPECT_EQ(calls.count("glTexImage3D"), 2);
+            EXPECT_EQ(calls.count("glCompileShader"), 0);
+        }
+        EXPECT_TRUE(first.isNull());
+        setLights({kSun, kSpot});
+        const GlCalls calls;
+        const ShadowRecord &record = run();
+        EXPECT_EQ(calls.created(), 2);
+        EXPECT_EQ(calls.count("glCompileShader"), 0) << "the program keeps its number of matrices";
+        for (int layer = 0; layer < 2; ++layer)
+            EXPECT_EQ(
+                compareWithModel(readLayer(record, layer), castersOfShadowScene(), record.transforms[layer]).wrong, 0);
+    });
+}
+
+TEST_F(LayeredPass, SizesThatChangeEveryFrameLeakNothing)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    forEachPath([&] {
+        setLights({kSun, kSpot});
+        run();
+        const int live = GlCalls::live();
+        for (int i = 1; i <= 5; ++i) {
+            pass().setInput(kMapSize, QSize(8 + i, 16 - i));
+            run();
+            EXPECT_EQ(GlCalls::live(), live) << i;
+        }
+    });
+}
+
+TEST_F(LayeredPass, AMapSizeThatCannotBeReadGoesToGLAsItStands)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    setLights({kSun});
+    pass().setInput(kMapSize, QStringLiteral("large"));
+    const ExpectedGLErrors errors;
+    const GlCalls calls;
+    run();
+    const std::vector<GlCall> arrays = calls.calls("glTexImage3D");
+    ASSERT_EQ(arrays.size(), 2u);
+    for (const GlCall &call : arrays) {
+        EXPECT_EQ(call.args[3], -1);
+        EXPECT_EQ(call.args[4], -1);
+    }
+    EXPECT_GE(errors.count(), 2);
+}
+
+TEST_F(LayeredPass, ACasterProgramThatDoesNotBuildIsLoggedOnceAndCostsTheFirstOutput)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    setLights({kSun});
+    {
+        const ShaderEdit broken({qMakePair(QByteArray("out_fragDepth = vec4(1,1,0,0);"), QByteArray("nonsense"))});
+        MessageCapture messages;
+        runFrame(pass());
+        EXPECT_EQ(messages.count(QtDebugMsg), 1);
+        EXPECT_TRUE(messages.texts()[0].startsWith(QStringLiteral("[shadowmaprenderpass2.cpp:")));
+    }
+    EXPECT_FALSE(pass().output(0).isValid());
+    EXPECT_EQ(pass().errorCode(), 0u);
+    const int programs = programsAlive();
+    EXPECT_TRUE(sameImage(readLayer(run(), 0), kNothing, within(0)));
+    EXPECT_EQ(programsAlive(), programs + 1) << "the conversion's, and no second attempt at the other";
+}
+
+TEST_F(LayeredPass, AConversionProgramThatDoesNotBuildLeavesTheArrayUnconverted)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    setLights({kSun});
+    {
+        const ShaderEdit broken({qMakePair(QByteArray("gl_Layer = In[0].layer;"), QByteArray("nonsense"))});
+        MessageCapture messages;
+        const GlCalls calls;
+        run();
+        EXPECT_EQ(messages.count(QtDebugMsg), 1);
+        EXPECT_EQ(calls.count("glDrawArrays"), 0);
+        EXPECT_EQ(calls.count("glClear", {GL_COLOR_BUFFER_BIT}), 0);
+    }
+    ASSERT_NE(recordOf(pass())->projectionTexture(), nullptr);
+    const GlCalls calls;
+    EXPECT_TRUE(sameImage(readLayer(run(), 0), kNothing, within(0)));
+    EXPECT_EQ(calls.count("glCompileShader"), 0);
+}
+
+TEST_F(LayeredPass, LeavesClearColourBlendingCullingMasksAndClampChangedAndPutsTheViewportBack)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    forEachPath([&] {
+        setLights({kSun, kSpot});
+        run();
+        {
+            const HostileGLState hostile;
+            glDepthMask(GL_FALSE);
+            glEnable(GL_DEPTH_CLAMP);
+            const GLStateSnapshot before;
+            run();
+            EXPECT_EQ(GLStateSnapshot().changedSince(before).join(QStringLiteral(", ")),
+                      QStringLiteral("clear colour, blending, face culling, colour mask, depth mask"));
+            EXPECT_FALSE(glIsEnabled(GL_DEPTH_CLAMP));
+        }
+        resetGLState();
+        glViewport(3, 4, 5, 6);
+        run();
+        GLint viewport[4] = {};
+        glGetIntegerv(GL_VIEWPORT, viewport);
+        EXPECT_EQ(viewport[0], 3);
+        EXPECT_EQ(viewport[1], 4);
+        EXPECT_EQ(viewport[2], 5);
+        EXPECT_EQ(viewport[3], 6);
+        EXPECT_FALSE(glIsEnabled(GL_DEPTH_TEST));
+    });
+}
+
+TEST_F(LayeredPass, WithNothingToDrawOnlyTheClearColourChanges)
+{
+    forEachPath([&] {
+        pass().setInput(kGeometry, QVariant::fromValue(static_cast<GPUModel *>(nullptr)));
+        pass().setInput(kBoundsMin, QVector3D(-1, -1, -1));
+        pass().setInput(kBoundsMax, QVector3D(1, 1, 1));
+        setLights({kSun});
+        run();
+        const HostileGLState hostile;
+        const GLStateSnapshot before;
+        run();
+        EXPECT_EQ(GLStateSnapshot().changedSince(before).join(QStringLiteral(", ")), QStringLiteral("clear colour"));
+    });
+}
+
+TEST_F(LayeredPass, StateOfAHostDoesNotReachTheMaps)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    forEachPath([&] {
+        setLights({kSun, kSpot});
+        pass().setInput(kFilterType, 3);
+        const Image<float> expected = readLayer(run(), 1);
+        glEnable(GL_BLEND);
+        glBlendFunc(GL_ONE, GL_ONE);
+        glEnable(GL_CULL_FACE);
+        glEnable(GL_DEPTH_CLAMP);
+        glDepthMask(GL_FALSE);
+        glDisable(GL_DEPTH_TEST);
+        glClearColor(0, 0, 0, 0);
+        glViewport(0, 0, 3, 3);
+        // depth is cleared before the mask is opened: a host that closed it keeps what was there
+        glDepthMask(GL_TRUE);
+        EXPECT_TRUE(sameImage(readLayer(run(), 1), expected, within(0)));
+        resetGLState();
+    });
+}
+
+TEST_F(LayeredPass, TeardownContextDataFreesFramebuffersAndPoints)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    forEachPath([&] {
+        setLights({kSun, kSpot});
+        run();
+        const int framebuffers = GlCalls::live(GlKind::Framebuffer);
+        const int arrays = GlCalls::live(GlKind::VertexArray);
+        const int textures = GlCalls::live(GlKind::Texture);
+        {
+            const GlCalls calls;
+            pass().teardownContextData(nullptr);
+            // bound, detached, deleted: two attachments of the one and one of the other
+            EXPECT_EQ(calls.count("glFramebufferTexture"), 3);
+        }
+        EXPECT_EQ(GlCalls::live(GlKind::Framebuffer), framebuffers - 2);
+        EXPECT_EQ(GlCalls::live(GlKind::VertexArray), arrays - 1);
+        EXPECT_EQ(GlCalls::live(GlKind::Texture), textures);
+        pass().teardownContextData(nullptr);
+        EXPECT_EQ(GlCalls::live(GlKind::Framebuffer), framebuffers - 2);
+    });
+}
+
+TEST_F(LayeredPass, AfterTeardownTheMapsStayAsTheyAreUntilTheArraysAreMadeAgain)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    forEachPath([&] {
+        setLights({kSun, kSpot});
+        const Image<float> before = readLayer(run(), 0);
+        pass().teardownContextData(nullptr);
+        setLights({ShadowMapLight::directional({-0.5f, -1, 0.3f}), kSpot});
+        const ShadowRecord &record = run(); // a GL error would fail the test
+        EXPECT_TRUE(sameImage(readLayer(record, 0), before, within(0)));
+        run();
+        EXPECT_TRUE(sameImage(readLayer(record, 0), before, within(0)));
+        pass().setInput(kMapSize, QSize(40, 40));
+        run();
+        const MapComparison c = compareWithModel(readLayer(record, 0), castersOfShadowScene(), record.transforms[0]);
+        EXPECT_EQ(c.wrong, 0);
+        EXPECT_GT(c.covered, 400);
+    });
+}
+
+TEST_F(LayeredPass, SteadyDirtyFrameCreatesNothing)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    forEachPath([&] {
+        setLights(nineLights());
+        pass().setInput(kFilterType, 3);
+        expectSteadyFrameCreatesNothing(pass());
+    });
+}
+
+TEST_F(LayeredPass, SteadyDirtyFrameTakesNothingFromTheHeap)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    for (const ShadowPath path : shadowPaths()) {
+        take(path);
+        setLights(nineLights());
+        pass().setInput(kFilterType, 3);
+        KVO_EXPECT_STEADY_FRAME_TAKES_NOTHING_FROM_THE_HEAP(pass());
+    }
+}
+
+TEST_F(LayeredPass, DestructionFreesEverything)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    setLights({kSun});
+    run();
+    const int live = GlCalls::live();
+    for (const ShadowPath path : shadowPaths()) {
+        auto own = makeLayeredPass(path, context());
+        own->setInput(kGeometry, QVariant::fromValue(&model()));
+        own->setInput(kLights, lightList({kSun, kSpot}));
+        for (const int filter : {0, 1, 3}) {
+            own->setInput(kFilterType, filter);
+            runFrame(*own);
+        }
+        own.reset();
+        EXPECT_EQ(GlCalls::live(), live) << nameOf(path);
+    }
+}
+
+TEST_F(LayeredPass, ACopyOfAnUnstartedPassIsIndependentAndOnTheSamePath)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    model().setDrawRoad(GPUModel::DrawRoad::Loop);
+    setLights(nineLights());
+    ShadowMapRenderPass2 copy(pass());
+    MessageCapture messages;
+    ShadowMapRenderPass2 assigned;
+    assigned = pass();
+    const Image<float> expected = readLayer(run(), 8);
+    for (ShadowMapRenderPass2 *other : {&copy, &assigned}) {
+        runFrame(*other);
+        const GlCalls calls;
+        runFrame(*other);
+        EXPECT_EQ(calls.draws(), 2 * 5 + 1) << "the batch path";
+        EXPECT_NE(recordOf(*other)->projectionTexture(), recordOf(pass())->projectionTexture());
+        EXPECT_TRUE(sameImage(readLayer(*recordOf(*other), 8), expected, within(0)));
+    }
+}
+
+TEST_F(LayeredPass, SetupAndTeardownDoNothing)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    setLights({kSun});
+    const Texture *maps = run().projectionTexture();
+    const GlCalls calls;
+    pass().teardown(nullptr);
+    pass().setup(nullptr);
+    EXPECT_TRUE(calls.all().empty());
+    EXPECT_EQ(recordOf(pass())->projectionTexture(), maps);
+}
