@@ -5,6 +5,8 @@
 //
 //   xvfb-run bench_vtk [REPETITIONS]
 
+#include "vtkcost.h"
+
 #include <gl/guards.h>
 #include <gl/opengldevicecontext.h>
 #include <gl/texture.h>
@@ -35,55 +37,20 @@
 #include <vtkSphereSource.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <memory>
 #include <vector>
 
 VTK_MODULE_INIT(vtkRenderingOpenGL2)
 
 using namespace Brevane::Kvo;
+using namespace Brevane::Kvo::Bench;
 
 namespace {
 
 constexpr int kWidth = 1280;
 constexpr int kHeight = 720;
-
-struct Cost
-{
-    double wall;
-    double cpu; // of all threads: what other programs on the machine disturb less
-
-    Cost operator-(const Cost &other) const { return {wall - other.wall, cpu - other.cpu}; }
-};
-
-double processMilliseconds()
-{
-    timespec time{};
-    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
-    return double(time.tv_sec) * 1e3 + double(time.tv_nsec) * 1e-6;
-}
-
-template <typename Function>
-Cost costOf(Function &&function)
-{
-    glFinish();
-    const auto start = std::chrono::steady_clock::now();
-    const double cpuStart = processMilliseconds();
-    function();
-    glFinish();
-    return {std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count(),
-            processMilliseconds() - cpuStart};
-}
-
-double median(std::vector<double> values)
-{
-    const auto middle = values.begin() + std::ptrdiff_t(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
 
 std::unique_ptr<Texture> floatTexture(unsigned int internalFormat, unsigned int format, const float *pixels)
 {

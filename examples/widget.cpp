@@ -32,6 +32,9 @@ public:
 
     ~View() override
     {
+        // The context outlives this part of the widget.
+        if (context())
+            context()->disconnect(this);
         makeCurrent(); // what the passes hold is freed in their context
         release();
         doneCurrent();

@@ -62,7 +62,7 @@ class KVO_RENDERPASSES_EXPORT ScalableAmbientObscuranceRenderPass : public Rende
 {
 public:
     /// What the normal texture holds.
-    enum NormalProcessing {
+    enum NormalProcessing : int {
         NormalTransposeInvert = 0, ///< Normals of the world; they are turned into camera space.
         NormalScreenSpace = 1, ///< Normals of camera space; those that face away are turned round.
     };

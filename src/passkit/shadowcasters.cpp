@@ -1,5 +1,6 @@
 #include "passkit/shadowcasters.h"
 
+#include "core/log.h"
 #include "gl/guards.h"
 #include "gl/texture.h"
 #include "model/gpumodel.h"
@@ -149,6 +150,23 @@ void wrapToEdge()
 void clearToNoDepth()
 {
     glClearColor(kNoDepth, kNoDepth, kNoDepth, 1.0f);
+}
+
+GPUModel *castersIn(const QVariant &value, const std::source_location &place)
+{
+    GPUModel *model = modelOf(value);
+    if (model || value.metaType() == QMetaType::fromType<GPUModel *>())
+        return model;
+    const auto report = [&place](const char *condition, const QString &message) {
+        reportFailedAssertion(place.file_name(), int(place.line()), condition, message);
+    };
+    if (value.isNull())
+        report("false == modelAsQVariant.isNull()", QStringLiteral("Input Geometry is NULL"));
+    if (!value.canConvert<GPUModel *>())
+        report("true == modelAsQVariant.canConvert<GPUModel*>()",
+               QStringLiteral("Input Geometry is not a 'GPUModel*', type is '%1'")
+                   .arg(QLatin1String(value.isValid() ? value.typeName() : "")));
+    return model;
 }
 
 } // namespace Brevane::Kvo

@@ -24,28 +24,6 @@ enum Output { kFrame, kId };
 constexpr TargetFormat kColorTarget{GL_RGBA, GL_BGRA, GL_FLOAT, GL_NEAREST};
 constexpr TargetFormat kDepthTarget{GL_DEPTH_COMPONENT32F, GL_DEPTH_COMPONENT, GL_FLOAT, GL_NEAREST};
 
-const QString kVertexShader = QStringLiteral(R"(#version 150
-#instancedata "InstanceInfo"
-
-uniform mat4 u_CameraMatrix;
-uniform mat4 u_ProjectionMatrix;
-
-in vec3 va_Vertex;
-in vec3 va_Normal;
-in vec2 va_TexCoord;
-
-out vec3 vo_Normal;
-out vec2 vo_TexCoord;
-
-void main()
-{
-  gl_Position = u_ProjectionMatrix * u_CameraMatrix * getModelMatrix() * vec4(va_Vertex, 1.0);
-  mat4 NormalMatrix = transpose(inverse(u_CameraMatrix * getModelMatrix()));
-  vo_Normal = (NormalMatrix * vec4(va_Normal,1.0)).xyz;
-  vo_TexCoord = va_TexCoord;
-}
-)");
-
 const QString kFragmentShaderHead = QStringLiteral(R"(#version 150
 #instancedata "OBJMaterial"
 #include "TextureManager.glslh"
@@ -73,7 +51,7 @@ const ProgramRecipe &forwardProgram()
     static const ProgramRecipe recipe{
         QStringLiteral("ForwardRenderPass"),
         {QStringLiteral("out_FragColor"), QStringLiteral("out_Id")},
-        modelProgramSources(kVertexShader, kFragmentShaderHead + kDirectionalLight + kFragmentShaderMain)};
+        modelProgramSources(kLitModelVertexShader, kFragmentShaderHead + kDirectionalLight + kFragmentShaderMain)};
     return recipe;
 }
 

@@ -79,20 +79,6 @@ void main()
 }
 )");
 
-const QString kFilterVertexShader = QStringLiteral(R"(#version 150
-
-in vec3 va_Vertex;
-in vec2 va_TexCoord;
-
-out vec2 vo_TexCoord;
-
-void main()
-{
-  gl_Position = vec4(va_Vertex, 1.0);
-  vo_TexCoord = va_TexCoord;
-}
-)");
-
 const QString kTap = QStringLiteral(
     R"(// Every tap lies at the centre of a texel. A linear filter would let a trace of the neighbours in there,
 // from the rounding of coordinates, and a trace of 1e9 is much. Beyond the map its edge goes on.
@@ -355,17 +341,7 @@ void ShadowMapRenderPass::setInstanceDataPlanName(const QString &name)
 
 void ShadowMapRenderPass::start(RenderCallbacks *)
 {
-    const QVariant modelAsQVariant = _inputs[kGeometry].value;
-    GPUModel *model = modelOf(modelAsQVariant);
-    if (!model && modelAsQVariant.metaType() != QMetaType::fromType<GPUModel *>()) {
-        const char *type = modelAsQVariant.isValid() ? modelAsQVariant.typeName() : "";
-        // The conditions are part of the messages.
-        // clang-format off
-        KVO_ASSERT(false == modelAsQVariant.isNull(), "Input Geometry is NULL"); // NOLINT
-        KVO_ASSERT(true == modelAsQVariant.canConvert<GPUModel*>(), // NOLINT
-                   "Input Geometry is not a 'GPUModel*', type is '%s'", type);
-        // clang-format on
-    }
+    GPUModel *model = castersIn(_inputs[kGeometry].value);
     const QSize mapSize = qvariant_cast<QSize>(_inputs[kMapSize].value);
     const QVariantList instanceData = qvariant_cast<QVariantList>(_inputs[kInstanceData].value);
     const std::optional<QMatrix4x4> camera = matrixIn(_inputs[kCameraMatrix].value);
@@ -496,7 +472,7 @@ Texture *ShadowMapRenderPass::_gaussBlurShadowMapArray(const QSize &size, Filter
     if (!program) {
         program = buildProgram({QStringLiteral("ShadowMapRenderPass filter %1").arg(int(type)),
                                 {QStringLiteral("out_FragColor")},
-                                {{GL_VERTEX_SHADER, ShaderSource::Text, kFilterVertexShader},
+                                {{GL_VERTEX_SHADER, ShaderSource::Text, kScreenVertexShader},
                                  {GL_FRAGMENT_SHADER, ShaderSource::Text, filterText(type)}}},
                                _macroProcessor);
         _blurPrograms.insert(type, program);

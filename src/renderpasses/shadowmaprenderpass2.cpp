@@ -366,17 +366,7 @@ void ShadowMapRenderPass2::setInstanceDataPlanName(const QString &name)
 
 void ShadowMapRenderPass2::start(RenderCallbacks *)
 {
-    const QVariant modelAsQVariant = _inputs[kGeometry].value;
-    GPUModel *model = modelOf(modelAsQVariant);
-    if (!model && modelAsQVariant.metaType() != QMetaType::fromType<GPUModel *>()) {
-        const char *type = modelAsQVariant.isValid() ? modelAsQVariant.typeName() : "";
-        // The conditions are part of the messages.
-        // clang-format off
-        KVO_ASSERT(false == modelAsQVariant.isNull(), "Input Geometry is NULL"); // NOLINT
-        KVO_ASSERT(true == modelAsQVariant.canConvert<GPUModel*>(), // NOLINT
-                   "Input Geometry is not a 'GPUModel*', type is '%s'", type);
-        // clang-format on
-    }
+    GPUModel *model = castersIn(_inputs[kGeometry].value);
     const QSize mapSize = qvariant_cast<QSize>(_inputs[kMapSize].value);
     const QVariantList instanceData = qvariant_cast<QVariantList>(_inputs[kInstanceData].value);
     const QVariant &dirtyValue = _inputs[kDirty].value;

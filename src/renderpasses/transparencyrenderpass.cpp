@@ -28,28 +28,6 @@ constexpr TargetFormat kWeightTarget{GL_R32F, GL_BGRA, GL_FLOAT, GL_NEAREST};
 constexpr TargetFormat kDepthTarget{GL_DEPTH_COMPONENT32F, GL_DEPTH_COMPONENT, GL_FLOAT, GL_NEAREST};
 constexpr TargetFormat kWhite{GL_RGBA, GL_BGRA, GL_UNSIGNED_BYTE, GL_NEAREST};
 
-const QString kVertexShader = QStringLiteral(R"(#version 150
-#instancedata "InstanceInfo"
-
-uniform mat4 u_CameraMatrix;
-uniform mat4 u_ProjectionMatrix;
-
-in vec3 va_Vertex;
-in vec3 va_Normal;
-in vec2 va_TexCoord;
-
-out vec3 vo_Normal;
-out vec2 vo_TexCoord;
-
-void main()
-{
-  gl_Position = u_ProjectionMatrix * u_CameraMatrix * getModelMatrix() * vec4(va_Vertex, 1.0);
-  mat4 NormalMatrix = transpose(inverse(u_CameraMatrix * getModelMatrix()));
-  vo_Normal = (NormalMatrix * vec4(va_Normal,1.0)).xyz;
-  vo_TexCoord = va_TexCoord;
-}
-)");
-
 const QString kFragmentShaderHead = QStringLiteral(R"(#version 150
 #instancedata "OBJMaterial"
 #include "TextureManager.glslh"
@@ -115,19 +93,20 @@ void main()
 
 const ProgramRecipe &opaqueProgram()
 {
-    static const ProgramRecipe recipe{
-        QStringLiteral("TransparencyRenderPass opaque"),
-        {QStringLiteral("out_FragColor")},
-        modelProgramSources(kVertexShader, kFragmentShaderHead + kDirectionalLight + kSurfaceColor + kOpaqueMain)};
+    static const ProgramRecipe recipe{QStringLiteral("TransparencyRenderPass opaque"),
+                                      {QStringLiteral("out_FragColor")},
+                                      modelProgramSources(kLitModelVertexShader, kFragmentShaderHead + kDirectionalLight
+                                                                                     + kSurfaceColor + kOpaqueMain)};
     return recipe;
 }
 
 const ProgramRecipe &accumulationProgram()
 {
-    static const ProgramRecipe recipe{QStringLiteral("TransparencyRenderPass accumulation"),
-                                      {QStringLiteral("out_FragColor[0]"), QStringLiteral("out_FragColor[1]")},
-                                      modelProgramSources(kVertexShader, kFragmentShaderHead + kDirectionalLight
-                                                                             + kSurfaceColor + kAccumulationMain)};
+    static const ProgramRecipe recipe{
+        QStringLiteral("TransparencyRenderPass accumulation"),
+        {QStringLiteral("out_FragColor[0]"), QStringLiteral("out_FragColor[1]")},
+        modelProgramSources(kLitModelVertexShader,
+                            kFragmentShaderHead + kDirectionalLight + kSurfaceColor + kAccumulationMain)};
     return recipe;
 }
 

@@ -122,6 +122,7 @@ Texture *bufferView(const QSharedPointer<BufferObject> &buffer, unsigned int for
 
 VisibilityDeferredRenderPass::VisibilityDeferredRenderPass()
 {
+    setTextureForm(TextureForm::Object);
     addInput(QStringLiteral("Kvo_QRect_Viewport"), QVariant(), kViewport);
     addInput(QStringLiteral("Kvo_QMatrix4x4_ProjectionMatrix"), QVariant(), kProjectionMatrix);
     addInput(QStringLiteral("Kvo_QMatrix4x4_CameraMatrix"), QVariant(), kCameraMatrix);

@@ -25,6 +25,9 @@ View::View(const ModelData &model) : _data(model)
 
 View::~View()
 {
+    // The context outlives this part of the widget.
+    if (context())
+        context()->disconnect(this);
     makeCurrent();
     release();
     doneCurrent();
