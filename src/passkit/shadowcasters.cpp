@@ -152,13 +152,13 @@ void clearToNoDepth()
     glClearColor(kNoDepth, kNoDepth, kNoDepth, 1.0f);
 }
 
-GPUModel *castersIn(const QVariant &value, const std::source_location &place)
+GPUModel *castersIn(const QVariant &value, const char *file, int line)
 {
     GPUModel *model = modelOf(value);
     if (model || value.metaType() == QMetaType::fromType<GPUModel *>())
         return model;
-    const auto report = [&place](const char *condition, const QString &message) {
-        reportFailedAssertion(place.file_name(), int(place.line()), condition, message);
+    const auto report = [&](const char *condition, const QString &message) {
+        reportFailedAssertion(file, line, condition, message);
     };
     if (value.isNull())
         report("false == modelAsQVariant.isNull()", QStringLiteral("Input Geometry is NULL"));

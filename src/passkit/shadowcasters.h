@@ -8,7 +8,6 @@
 #include <QVector3D>
 
 #include <optional>
-#include <source_location>
 
 namespace Brevane::Kvo {
 
@@ -68,8 +67,8 @@ void wrapToEdge();
 /// Sets the clear colour that marks a texel without a caster.
 void clearToNoDepth();
 
-/// The model in a slot. A value of another kind is reported as a failed assertion of the caller's; null is
-/// what is left.
-GPUModel *castersIn(const QVariant &value, const std::source_location &place = std::source_location::current());
+/// The model in a slot. A value of another kind is reported as a failed assertion at a place in the
+/// source; null is what is left.
+GPUModel *castersIn(const QVariant &value, const char *file, int line);
 
 } // namespace Brevane::Kvo

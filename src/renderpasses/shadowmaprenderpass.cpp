@@ -341,7 +341,7 @@ void ShadowMapRenderPass::setInstanceDataPlanName(const QString &name)
 
 void ShadowMapRenderPass::start(RenderCallbacks *)
 {
-    GPUModel *model = castersIn(_inputs[kGeometry].value);
+    GPUModel *model = castersIn(_inputs[kGeometry].value, __FILE__, __LINE__);
     const QSize mapSize = qvariant_cast<QSize>(_inputs[kMapSize].value);
     const QVariantList instanceData = qvariant_cast<QVariantList>(_inputs[kInstanceData].value);
     const std::optional<QMatrix4x4> camera = matrixIn(_inputs[kCameraMatrix].value);

@@ -366,7 +366,7 @@ void ShadowMapRenderPass2::setInstanceDataPlanName(const QString &name)
 
 void ShadowMapRenderPass2::start(RenderCallbacks *)
 {
-    GPUModel *model = castersIn(_inputs[kGeometry].value);
+    GPUModel *model = castersIn(_inputs[kGeometry].value, __FILE__, __LINE__);
     const QSize mapSize = qvariant_cast<QSize>(_inputs[kMapSize].value);
     const QVariantList instanceData = qvariant_cast<QVariantList>(_inputs[kInstanceData].value);
     const QVariant &dirtyValue = _inputs[kDirty].value;
