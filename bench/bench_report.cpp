@@ -1,0 +1,178 @@
+// One table of all passes out of the JSON files that the benchmarks write: time of start over bare GL at
+// 1280 x 720, what it costs over bare GL where next to nothing is drawn, GL calls, and what a steady frame
+// allocates. Text to stdout, JSON and a plot to files.
+//
+//   bench_report OUT.json OUT.svg BENCHMARK.json…
+
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QMap>
+#include <QString>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+namespace {
+
+constexpr double kGoalRatio = 1.05;
+
+struct Row
+{
+    double ratio = 0; ///< At 1280 x 720.
+    double milliseconds = 0;
+    double overhead = 0; ///< Microseconds over bare GL at the smallest size.
+    int calls = 0;
+    int bareCalls = 0;
+    int objects = 0;
+    int textures = 0;
+    int heap = 0;
+    bool isLarge = false;
+    bool isSmall = false;
+};
+
+bool read(const QString &path, QMap<QString, Row> *rows)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        std::fprintf(stderr, "bench_report: cannot read %s\n", qPrintable(path));
+        return false;
+    }
+    const QJsonArray benchmarks =
+        QJsonDocument::fromJson(file.readAll()).object().value(QLatin1String("benchmarks")).toArray();
+    for (const QJsonValue &value : benchmarks) {
+        const QJsonObject b = value.toObject();
+        // "Pass/1280x720/iterations:120/manual_time"
+        const QString name = b.value(QLatin1String("name")).toString();
+        const QString pass = name.section(QLatin1Char('/'), 0, 0);
+        const QStringList size = name.section(QLatin1Char('/'), 1, 1).split(QLatin1Char('x'));
+        const auto number = [&b](const char *key) { return b.value(QLatin1String(key)).toDouble(); };
+        if (size.size() != 2 || !b.contains(QLatin1String("ratio")) || !b.contains(QLatin1String("gl_calls")))
+            continue;
+        Row &row = (*rows)[pass];
+        row.calls = int(number("gl_calls"));
+        row.bareCalls = int(number("bare_calls"));
+        row.objects = int(number("gl_objects"));
+        row.textures = int(number("texture_allocations"));
+        row.heap = int(number("heap_allocations"));
+        if (size[0].toInt() > 100) {
+            row.isLarge = true;
+            row.ratio = number("ratio");
+            row.milliseconds = number("kvo_us") / 1e3;
+        } else {
+            row.isSmall = true;
+            row.overhead = number("kvo_us") - number("bare_us");
+        }
+    }
+    return true;
+}
+
+void print(const QMap<QString, Row> &rows)
+{
+    std::printf("%-48s %8s %8s %10s %6s %6s %8s %9s %5s\n", "pass", "ms", "ratio", "us over", "calls", "bare",
+                "objects", "tex alloc", "heap");
+    int within = 0;
+    int large = 0;
+    for (auto row = rows.cbegin(); row != rows.cend(); ++row) {
+        const QString ratio = row->isLarge ? QString::number(row->ratio, 'f', 3) : QStringLiteral("-");
+        const QString time = row->isLarge ? QString::number(row->milliseconds, 'f', 2) : QStringLiteral("-");
+        const QString overhead = row->isSmall ? QString::number(row->overhead, 'f', 1) : QStringLiteral("-");
+        std::printf("%-48s %8s %8s %10s %6d %6d %8d %9d %5d\n", qPrintable(row.key()), qPrintable(time),
+                    qPrintable(ratio), qPrintable(overhead), row->calls, row->bareCalls, row->objects, row->textures,
+                    row->heap);
+        large += row->isLarge;
+        within += row->isLarge && row->ratio <= kGoalRatio;
+    }
+    std::printf("%d rows, %d of %d within %.2f x of bare GL\n", int(rows.size()), within, large, kGoalRatio);
+}
+
+bool write(const QString &path, const QByteArray &data)
+{
+    QFile file(path);
+    if (file.open(QIODevice::WriteOnly) && file.write(data) == data.size())
+        return true;
+    std::fprintf(stderr, "bench_report: cannot write %s\n", qPrintable(path));
+    return false;
+}
+
+QByteArray json(const QMap<QString, Row> &rows)
+{
+    QJsonArray passes;
+    for (auto row = rows.cbegin(); row != rows.cend(); ++row) {
+        QJsonObject pass{{QStringLiteral("pass"), row.key()},
+                         {QStringLiteral("gl_calls"), row->calls},
+                         {QStringLiteral("bare_calls"), row->bareCalls},
+                         {QStringLiteral("gl_objects"), row->objects},
+                         {QStringLiteral("texture_allocations"), row->textures},
+                         {QStringLiteral("heap_allocations"), row->heap}};
+        if (row->isLarge) {
+            pass.insert(QStringLiteral("ratio"), row->ratio);
+            pass.insert(QStringLiteral("milliseconds"), row->milliseconds);
+        }
+        if (row->isSmall)
+            pass.insert(QStringLiteral("overhead_us"), row->overhead);
+        passes.append(pass);
+    }
+    return QJsonDocument(passes).toJson();
+}
+
+// A bar per pass from 0.9 to 1.1, and the goal.
+QByteArray plot(const QMap<QString, Row> &rows)
+{
+    constexpr int kLeft = 320;
+    constexpr int kWide = 420;
+    constexpr int kLine = 18;
+    const auto x = [](double ratio) { return kLeft + kWide * (std::clamp(ratio, 0.9, 1.1) - 0.9) / 0.2; };
+    QString bars;
+    int y = 30;
+    for (auto row = rows.cbegin(); row != rows.cend(); ++row) {
+        if (!row->isLarge)
+            continue;
+        bars += QStringLiteral("<text x='%1' y='%2' text-anchor='end'>%3</text>"
+                               "<rect x='%4' y='%5' width='%6' height='12' fill='%7'/>"
+                               "<text x='%8' y='%2'>%9</text>\n")
+                    .arg(kLeft - 8)
+                    .arg(y + 10)
+                    .arg(row.key().toHtmlEscaped())
+                    .arg(kLeft)
+                    .arg(y)
+                    .arg(x(row->ratio) - kLeft)
+                    .arg(row->ratio <= kGoalRatio ? QStringLiteral("#2b6cb0") : QStringLiteral("#c05621"))
+                    .arg(x(row->ratio) + 6)
+                    .arg(QString::number(row->ratio, 'f', 3));
+        y += kLine;
+    }
+    QString svg = QStringLiteral("<svg xmlns='http://www.w3.org/2000/svg' width='%1' height='%2' "
+                                 "font-family='sans-serif' font-size='12'>"
+                                 "<rect width='100%' height='100%' fill='white'/>\n")
+                      .arg(kLeft + kWide + 70)
+                      .arg(y + 20);
+    for (double ratio : {0.9, 1.0, kGoalRatio, 1.1})
+        svg += QStringLiteral("<line x1='%1' x2='%1' y1='24' y2='%2' stroke='%3'/><text x='%1' y='16' "
+                              "text-anchor='middle'>%4</text>\n")
+                   .arg(x(ratio))
+                   .arg(y)
+                   .arg(ratio == kGoalRatio ? QStringLiteral("#c05621") : QStringLiteral("#ccc"))
+                   .arg(ratio);
+    return (svg + bars + QStringLiteral("</svg>\n")).toUtf8();
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    if (argc < 4) {
+        std::fprintf(stderr, "usage: bench_report OUT.json OUT.svg BENCHMARK.json...\n");
+        return 2;
+    }
+    QMap<QString, Row> rows;
+    bool ok = true;
+    for (int i = 3; i < argc; ++i)
+        ok = read(QString::fromLocal8Bit(argv[i]), &rows) && ok;
+    print(rows);
+    ok = write(QString::fromLocal8Bit(argv[1]), json(rows)) && ok;
+    ok = write(QString::fromLocal8Bit(argv[2]), plot(rows)) && ok;
+    return ok ? 0 : 1;
+}
