@@ -168,7 +168,7 @@ void run()
 {
     std::vector<Subject> subjects;
     Filters large(1280, 720);
-    Filters small(16, 16);
+    Filters small(1, 1);
     large.addTo(subjects);
     small.addTo(subjects);
     registerAll(subjects);

@@ -95,7 +95,7 @@ void run()
         model.upload(Test::quadGridScene(32, 32));
         Chain large(&model, 1280, 720);
         // So small that next to nothing is drawn: what is left is the cost of the calls.
-        Chain small(&model, 16, 16);
+        Chain small(&model, 1, 1);
         large.addTo(subjects);
         small.addTo(subjects);
         registerAll(subjects);
