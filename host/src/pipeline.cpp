@@ -25,7 +25,7 @@ namespace Brevane::Kvo {
 
 namespace {
 
-enum HostValueIndex { kViewport, kCamera, kProjection, kNear, kFar, kModel, kScreen, kLights, kFrame };
+enum HostValueIndex { kViewport, kCamera, kProjection, kNear, kFar, kModel, kOpaque, kScreen, kLights, kFrame };
 
 // The type of a host value is given as slots give theirs.
 struct HostValueType
@@ -41,6 +41,7 @@ constexpr HostValueType kHostValues[] = {
     {"near", "Kvo_float_Near"},
     {"far", "Kvo_float_Far"},
     {"model", "Kvo_KvoGPUModel*_Model"},
+    {"opaque", "Kvo_KvoGPUModel*_Opaque"},
     {"screen", "Kvo_KvoFramebuffer*_Screen"},
     {"lights", "Kvo_QList_Lights"},
     {"frame", "Kvo_int_Frame"},
@@ -66,6 +67,7 @@ struct Source
 struct Node
 {
     QString name;
+    QString className; // empty: not known
     QByteArray label;
     std::unique_ptr<RenderPass> pass;
     std::vector<Source> inputs;
@@ -525,7 +527,7 @@ bool Pipeline::add(const QString &name, const QString &className, QString *error
     if (!pass)
         return fail(error, QStringLiteral("there is no pass class '%1'%2")
                                .arg(className, nearestNameHint(className, passFactory().classNames())));
-    d->append(name, std::move(pass));
+    d->append(name, std::move(pass))->className = className;
     return true;
 }
 
@@ -593,6 +595,7 @@ bool Pipeline::replace(const QString &name, std::unique_ptr<RenderPass> pass, QS
         source->output = output;
 
     d->destroyPass(node);
+    node->className.clear();
     node->pass = std::move(pass);
     node->errorCode = node->pass->errorCode();
     node->timer.setHistory(d->history);
@@ -645,6 +648,12 @@ RenderPass *Pipeline::pass(const QString &name) const
     return node ? node->pass.get() : nullptr;
 }
 
+QString Pipeline::className(const QString &name) const
+{
+    const Node *node = d->find(name);
+    return node ? node->className : QString();
+}
+
 QStringList Pipeline::passNames() const
 {
     QStringList names;
@@ -653,7 +662,7 @@ QStringList Pipeline::passNames() const
     return names;
 }
 
-QStringList Pipeline::order(QString *error)
+QStringList Pipeline::order(QString *error) const
 {
     QStringList names;
     for (const Node *node : d->sorted(error))
@@ -769,6 +778,38 @@ QString Pipeline::source(const QString &pass, const QString &slot) const
     return source ? d->sourceName(*source) : QString();
 }
 
+QVector<PassInput> Pipeline::inputs(const QString &pass) const
+{
+    QVector<PassInput> result;
+    const Node *node = d->find(pass);
+    if (!node)
+        return result;
+    for (int i = 0; i < node->pass->numInputs(); ++i) {
+        // A pass may have grown slots since it was added.
+        const Source source = i < int(node->inputs.size()) ? node->inputs[size_t(i)] : Source();
+        PassInput input;
+        input.slot = node->pass->inputName(i);
+        switch (source.kind) {
+        case Source::Kind::Default: input.value = node->pass->defaultValue(i); break;
+        case Source::Kind::Value:
+            input.kind = PassInput::Kind::Value;
+            input.value = source.value;
+            break;
+        case Source::Kind::Host:
+            input.kind = PassInput::Kind::Host;
+            input.source = d->sourceName(source);
+            break;
+        case Source::Kind::Link:
+            input.kind = PassInput::Kind::Link;
+            input.source = source.from->pass->outputName(source.output);
+            input.sourcePass = source.from->name;
+            break;
+        }
+        result << input;
+    }
+    return result;
+}
+
 bool Pipeline::uses(const QString &hostValue) const
 {
     for (const auto &node : d->nodes)
@@ -831,9 +872,10 @@ void Pipeline::setCamera(const QMatrix4x4 &camera, const QMatrix4x4 &projection,
     d->hostValues[kFar].value = farPlane;
 }
 
-void Pipeline::setModel(GPUModel *model)
+void Pipeline::setModel(GPUModel *model, GPUModel *opaque)
 {
     d->hostValues[kModel].value = QVariant::fromValue(model);
+    d->hostValues[kOpaque].value = QVariant::fromValue(opaque ? opaque : model);
 }
 
 void Pipeline::setScreen(FramebufferObject *screen)

@@ -373,6 +373,15 @@ bool setOpacity(ModelData *data, const QString &material, float opacity, QString
     return found;
 }
 
+ModelData opaquePartOf(const ModelData &data)
+{
+    ModelData part = data;
+    part.items.removeIf([&](const ModelItem &item) {
+        return item.material >= 0 && item.material < data.materials.size() && data.materials[item.material].D < 1.0f;
+    });
+    return part;
+}
+
 void scaleModel(ModelData *data, float factor)
 {
     for (ModelMesh &mesh : data->meshes)

@@ -1,25 +1,19 @@
 #include "support/gltest.h"
 #include "support/messages.h"
 #include "support/passes.h"
-#include "support/scenes.h"
+#include "support/stage.h"
 
 #include <gl/texture.h>
 #include <gl/texturemanager.h>
-#include <host/camera.h>
 #include <host/pipeline.h>
-#include <host/pipelinefile.h>
 #include <host/sceneimport.h>
-#include <host/screentarget.h>
-#include <model/gpumodel.h>
 
 #include <QFileInfo>
-#include <QMatrix4x4>
 #include <QRect>
 #include <QSet>
 
 #include <cmath>
 #include <cstdlib>
-#include <memory>
 
 // The pipeline files of the tree, each as a whole.
 
@@ -37,58 +31,13 @@ QString s(const char *text)
     return QString::fromLatin1(text);
 }
 
-// Cubes of three colours behind one another.
-ModelData cubesScene()
-{
-    ModelData data = cubeScene({0.9f, 0.8f, 0.7f});
-    data.materials.append(material({0.9f, 0.3f, 0.1f}, {1, 1, 1}, 20));
-    data.materials.append(material({0.2f, 0.5f, 0.9f}));
-    for (int i = 0; i < 2; ++i) {
-        ModelItem item = data.items.first();
-        item.material = i + 1;
-        item.transform.translate(i == 0 ? -2.5f : 2.5f, 0, i == 0 ? 2.0f : -4.0f);
-        item.transform.rotate(30, 1, 1, 0);
-        data.items.append(item);
-    }
-    return data;
-}
-
-// A pipeline with all that a host gives it.
-class Stage
+// A small picture of the cubes, unless told otherwise.
+class SmallStage : public Stage
 {
 public:
-    explicit Stage(const QString &name, const ModelData &data = cubesScene(), const QSize &size = kSize)
-    {
-        QStringList errors;
-        EXPECT_TRUE(loadPipeline(s(KVO_SOURCE_DIR "/pipelines/") + name + s(".json"), &pipeline, &errors))
-            << qPrintable(errors.join(QLatin1Char('\n')));
-        EXPECT_TRUE(screen.resize(size));
-        EXPECT_TRUE(model.upload(data));
-        const float aspect = float(size.width()) / float(size.height());
-        Camera camera;
-        camera.fit(model.sceneBounds(), -30, 20, aspect);
-        pipeline.setViewport(QRect(QPoint(0, 0), size));
-        pipeline.setCamera(camera.cameraMatrix(), camera.projectionMatrix(aspect), camera.nearPlane, camera.farPlane);
-        pipeline.setModel(&model);
-        pipeline.setScreen(screen.framebuffer());
-    }
-    void render()
-    {
-        QString error;
-        screen.clear();
-        EXPECT_TRUE(pipeline.render(nullptr, &error)) << qPrintable(error);
-    }
-    QImage picture(int frames)
-    {
-        for (int i = 0; i < frames; ++i)
-            render();
-        return screen.image();
-    }
-
-    // In this order, so that what refers to the others goes first.
-    ScreenTarget screen;
-    GPUModel model;
-    Pipeline pipeline;
+    explicit SmallStage(const QString &name, const ModelData &data = threeCubes(), const QSize &size = kSize)
+        : Stage(name, data, size)
+    {}
 };
 
 class PipelineOfTheTree : public GLTest, public ::testing::WithParamInterface<QString>
@@ -96,14 +45,6 @@ class PipelineOfTheTree : public GLTest, public ::testing::WithParamInterface<QS
 
 class PipelinePictures : public GLTest
 {};
-
-QStringList pipelineNames()
-{
-    QStringList names;
-    for (const PipelineFileInfo &info : listPipelines({s(KVO_SOURCE_DIR "/pipelines")}))
-        names << info.name;
-    return names;
-}
 
 int colorsOf(const QImage &image)
 {
@@ -158,7 +99,7 @@ Image<float> reduced(const Image<float> &image, int factor)
 TEST_P(PipelineOfTheTree, DrawsAPictureWithoutAFault)
 {
     const MessageCapture messages;
-    Stage stage(GetParam());
+    SmallStage stage(GetParam());
     EXPECT_EQ(stage.pipeline.warnings(), QStringList());
     for (int frame = 0; frame < kWarmUp; ++frame) {
         stage.render();
@@ -171,7 +112,7 @@ TEST_P(PipelineOfTheTree, DrawsAPictureWithoutAFault)
 
 TEST_P(PipelineOfTheTree, ShowsTheModel)
 {
-    Stage stage(GetParam());
+    SmallStage stage(GetParam());
     if (!stage.pipeline.uses(s("model")))
         return;
     const QImage with = stage.picture(kWarmUp);
@@ -187,7 +128,7 @@ TEST_P(PipelineOfTheTree, ShowsTheModel)
 
 TEST_P(PipelineOfTheTree, ASteadyFrameMakesNoGLObjectAndTakesNoMoreOfThePool)
 {
-    Stage stage(GetParam());
+    SmallStage stage(GetParam());
     for (int frame = 0; frame < kWarmUp; ++frame)
         stage.render();
     const int inUse = TextureManager::Instance().statistics().inUse;
@@ -203,23 +144,20 @@ TEST_P(PipelineOfTheTree, ASteadyFrameMakesNoGLObjectAndTakesNoMoreOfThePool)
 
 TEST_P(PipelineOfTheTree, FollowsANewSize)
 {
-    Stage stage(GetParam());
+    SmallStage stage(GetParam());
     stage.render();
-    ASSERT_TRUE(stage.screen.resize(QSize(40, 56)));
-    stage.pipeline.setViewport(QRect(0, 0, 40, 56));
+    stage.resize(QSize(40, 56));
     const QImage resized = stage.picture(2);
     EXPECT_EQ(resized.size(), QSize(40, 56));
     EXPECT_EQ(stage.pipeline.faults(), QStringList());
     EXPECT_GE(colorsOf(resized), kFewestColors);
 }
 
-INSTANTIATE_TEST_SUITE_P(Files, PipelineOfTheTree, ::testing::ValuesIn(pipelineNames()), [](const auto &file) {
-    return file.param.split(QLatin1Char('-')).join(QLatin1Char('_')).toStdString();
-});
+INSTANTIATE_TEST_SUITE_P(Files, PipelineOfTheTree, ::testing::ValuesIn(pipelineNames()), pipelineTestName);
 
 TEST_F(PipelinePictures, TheAntialiasingSheetShowsFourWaysOfOneFrame)
 {
-    Stage stage(s("antialiasing"));
+    SmallStage stage(s("antialiasing"));
     const QImage sheet = stage.picture(10);
     const int column = kSize.width() / 4;
     QVector<int> colors;
@@ -236,7 +174,7 @@ TEST_F(PipelinePictures, TheAntialiasingSheetShowsFourWaysOfOneFrame)
 
 TEST_F(PipelinePictures, TheSheetOfBlendModesShowsTheTwoImagesAndAllModes)
 {
-    Stage stage(s("blend-modes"), cubesScene(), QSize(280, 200));
+    SmallStage stage(s("blend-modes"), threeCubes(), QSize(280, 200));
     const QImage sheet = stage.picture(1);
     const auto cell = [&](int index) { return sheet.copy(index % 7 * 40 + 2, index / 7 * 50 + 6, 36, 36); };
     EXPECT_EQ(colorsOf(cell(2)), 1) << "clear";
@@ -264,7 +202,7 @@ TEST_F(PipelinePictures, TemporalAntialiasingOfARealModelConvergesToTheSupersamp
     const QSize size(160, 90);
     Image<float> expected;
     {
-        Stage stage(s("taa"), engine, size * kFactor);
+        SmallStage stage(s("taa"), engine, size * kFactor);
         stage.pipeline.setPassObserver([&](const QString &pass, RenderPass *) {
             if (pass == s("Scene"))
                 expected =
@@ -275,7 +213,7 @@ TEST_F(PipelinePictures, TemporalAntialiasingOfARealModelConvergesToTheSupersamp
     }
     // Mode 3 jitters on where mode 1, that of the file, ends after 30 frames.
     std::srand(1);
-    Stage stage(s("taa"), engine, size);
+    SmallStage stage(s("taa"), engine, size);
     ASSERT_TRUE(stage.pipeline.setValue(s("Jitter"), s("JitterMode"), 3));
     Image<float> mean;
     stage.pipeline.setPassObserver([&](const QString &pass, RenderPass *) {
@@ -293,4 +231,127 @@ TEST_F(PipelinePictures, TemporalAntialiasingOfARealModelConvergesToTheSupersamp
     EXPECT_LT(errors[7], 0.65 * errors[1]);
     EXPECT_LT(errors[29], 0.65 * errors[7]);
     EXPECT_LT(errors[63], 0.85 * errors[29]);
+}
+
+TEST_F(PipelinePictures, TheRoadOfOneFrameRunsFromJitterToScreen)
+{
+    SmallStage stage(s("frame"));
+    QStringList road;
+    stage.pipeline.setPassObserver([&](const QString &pass, RenderPass *) { road << stage.pipeline.className(pass); });
+    stage.render();
+    road.removeAll(s("CubemapLoaderRenderPass"));
+    EXPECT_EQ(road, QStringList({s("CameraJitterPass"), s("ShadowMapRenderPass2"), s("ModelRenderPass"),
+                                 s("ModelDeferredPass"), s("SkyboxRenderPass"), s("SMAARenderPass"),
+                                 s("TextureToScreenRenderPass")}))
+        << qPrintable(road.join(QLatin1Char(' ')));
+}
+
+namespace {
+
+// What goes into and comes out of the pass of the viewport that puts transparent surfaces over the rest.
+struct Veil
+{
+    explicit Veil(const ModelData &data)
+    {
+        SmallStage stage(s("viewport"), data);
+        stage.look(0, 0);
+        stage.pipeline.setPassObserver([&](const QString &pass, RenderPass *) {
+            const auto frame = [&] {
+                return readTexture<float>(textureFromVariant(stage.pipeline.output(pass, s("Frame"))));
+            };
+            if (pass == s("Layers"))
+                layers = frame();
+            else if (pass == s("Environment"))
+                picture = frame();
+            else if (pass == s("Veiled"))
+                veiled = frame();
+        });
+        stage.render();
+    }
+
+    Image<float> layers;
+    Image<float> picture;
+    Image<float> veiled;
+};
+
+// Values are below 2 and stored as half floats: 11 bits.
+constexpr double kHalfFloatStep = 2.0 / 2048;
+
+} // namespace
+
+TEST_F(PipelinePictures, TheViewportPutsNothingOverAnOpaqueModel)
+{
+    const Veil veil(threeCubes());
+    for (qsizetype i = 0; i < veil.veiled.pixels.size(); ++i)
+        for (size_t c = 0; c < 3; ++c)
+            ASSERT_NEAR(veil.veiled.pixels[i][c], veil.picture.pixels[i][c], kHalfFloatStep) << i;
+}
+
+// A pane before a wall and the sky: what comes through is the picture behind, and the pane adds its own light,
+// which the weighted average does not make less with its opacity.
+TEST_F(PipelinePictures, TheViewportShowsTheLitSceneThroughGlass)
+{
+    constexpr float kOpacity = 0.4f;
+    ModelData data = quadScene({0.6f, 0.5f, 0.4f});
+    data.materials.append(material({0.1f, 0.2f, 0.3f}, {0, 0, 0}, 1, kOpacity));
+    ModelItem pane = data.items.first();
+    pane.material = 1;
+    pane.transform.translate(0.8f, 0, 0.5f); // the wall ends under it
+    data.items.append(pane);
+    const Veil veil(data);
+    int covered = 0;
+    int behindSky = 0;
+    for (int y = 1; y < kSize.height() - 1; ++y)
+        for (int x = 1; x < kSize.width() - 1; ++x) {
+            const auto &layers = veil.layers.at(x, y), &picture = veil.picture.at(x, y), &veiled = veil.veiled.at(x, y);
+            // 2 r - r * r, with r = 0.6
+            if (std::abs(layers[3] - 0.84f) > 1e-4f)
+                continue;
+            ++covered;
+            // On the sky the average lies on black, so that the layers are the pane's own light.
+            if (layers[0] < 0.3f * 0.6f) {
+                ++behindSky;
+                for (size_t c = 0; c < 3; ++c)
+                    EXPECT_NEAR(veiled[c], layers[c] + 0.6f * picture[c], kHalfFloatStep) << x << " " << y;
+            }
+            for (size_t c = 0; c < 3; ++c)
+                EXPECT_GT(veiled[c], 0.6f * picture[c]) << "the pane adds light";
+        }
+    EXPECT_GT(covered, 100);
+    EXPECT_GT(behindSky, 30);
+    EXPECT_LT(behindSky, covered);
+}
+
+TEST_F(PipelinePictures, TheViewportShowsWiresOnDemand)
+{
+    SmallStage stage(s("viewport"));
+    const QImage plain = stage.picture(1);
+    ASSERT_TRUE(stage.pipeline.setValueText(s("Wires"), s("WireColor"), s("[1, 0, 0, 1]")));
+    const QImage wired = stage.picture(1);
+    int redder = 0;
+    for (int y = 0; y < plain.height(); ++y)
+        for (int x = 0; x < plain.width(); ++x)
+            redder += qRed(wired.pixel(x, y)) > qRed(plain.pixel(x, y)) + 40;
+    EXPECT_GT(redder, 50);
+    ASSERT_TRUE(stage.pipeline.setValueText(s("Wires"), s("WireColor"), s("[0, 0, 0, 0]")));
+    EXPECT_EQ(stage.picture(1), plain);
+}
+
+TEST_F(PipelinePictures, TheViewportsShadowsOnlyDarken)
+{
+    ModelData data = threeCubes();
+    addFloor(&data);
+    SmallStage stage(s("viewport"), data, QSize(160, 120));
+    const QImage picture = stage.picture(1);
+    ASSERT_TRUE(stage.pipeline.setValue(s("Shadows"), s("Geometry"), QVariant()));
+    const MessageCapture messages; // of the missing casters
+    const QImage withoutShadows = stage.picture(1);
+    int darker = 0, brighter = 0;
+    for (int y = 0; y < picture.height(); ++y)
+        for (int x = 0; x < picture.width(); ++x) {
+            darker += qGreen(picture.pixel(x, y)) < qGreen(withoutShadows.pixel(x, y)) - 20;
+            brighter += qGreen(picture.pixel(x, y)) > qGreen(withoutShadows.pixel(x, y)) + 20;
+        }
+    EXPECT_GT(darker, 50);
+    EXPECT_EQ(brighter, 0);
 }

@@ -2,6 +2,7 @@
 #include <host/passfactory.h>
 #include <host/pipeline.h>
 #include <host/slotname.h>
+#include <model/gpumodel.h>
 
 #include <QHash>
 #include <QRect>
@@ -186,6 +187,20 @@ TEST_F(PipelineTest, BindsHostValuesByNameAndType)
     EXPECT_EQ(error, s("there is no host value 'viewprt'; did you mean 'viewport'?"));
     EXPECT_FALSE(pipeline.bind(s("A"), s("Frame"), s("camera"), &error));
     EXPECT_EQ(error, s("cannot bind host value 'camera' (QMatrix4x4) to 'A.Kvo_KvoTexture*_Frame' (KvoTexture*)"));
+}
+
+TEST_F(PipelineTest, AllOfAModelCountsAsOpaqueUnlessToldOtherwise)
+{
+    GPUModel model, part;
+    const auto value = [&](const char *name) { return qvariant_cast<GPUModel *>(pipeline.hostValue(s(name))); };
+    pipeline.setModel(&model);
+    EXPECT_EQ(value("model"), &model);
+    EXPECT_EQ(value("opaque"), &model);
+    pipeline.setModel(&model, &part);
+    EXPECT_EQ(value("model"), &model);
+    EXPECT_EQ(value("opaque"), &part);
+    pipeline.setModel(nullptr);
+    EXPECT_EQ(value("opaque"), nullptr);
 }
 
 TEST_F(PipelineTest, BindsPartsOfRectanglesOnly)

@@ -419,3 +419,31 @@ TEST_F(SceneImport, ScalingMovesEveryVertexAndKeepsNormals)
     }
     EXPECT_EQ(longestSideOf(ModelData()), 0);
 }
+
+TEST_F(SceneImport, TheOpaquePartLeavesOutItemsThatLetLightThrough)
+{
+    ModelData data = importText("triangle.obj", kTriangle);
+    ASSERT_TRUE(report.ok()) << qPrintable(report.error);
+    const int solid = data.items[0].material;
+    data.materials[solid].D = 1;
+    ModelMaterial glass = data.materials[solid];
+    glass.D = 0.99f;
+    data.materials.append(glass);
+    ModelItem item = data.items[0];
+    item.material = int(data.materials.size()) - 1;
+    item.flags = 5;
+    data.items.prepend(item);
+    ModelItem stray = item;
+    stray.material = 99; // the upload drops it, and says so
+    data.items.append(stray);
+
+    const ModelData part = opaquePartOf(data);
+    ASSERT_EQ(part.items.size(), data.items.size() - 1);
+    for (qsizetype i = 0; i < part.items.size(); ++i) {
+        EXPECT_EQ(part.items[i].material, data.items[i + 1].material);
+        EXPECT_EQ(part.items[i].flags, data.items[i + 1].flags);
+    }
+    EXPECT_EQ(part.meshes.size(), data.meshes.size());
+    EXPECT_EQ(part.materials.size(), data.materials.size());
+    EXPECT_TRUE(opaquePartOf(ModelData()).items.isEmpty());
+}

@@ -36,6 +36,18 @@ struct PassTiming
     double gpuMedian = 0.0;
 };
 
+/// How an input of a pass gets its value.
+struct PassInput
+{
+    enum class Kind { Default, Value, Host, Link };
+
+    QString slot; ///< Its full name.
+    Kind kind = Kind::Default;
+    QVariant value; ///< The default, or the value that was given.
+    QString source; ///< "@name" of a host value, the slot's full name for a link.
+    QString sourcePass; ///< For a link.
+};
+
 /// A chain of passes: owns them, wires them, puts them in order and drives them frame by frame.
 ///
 /// An input of a pass has its default, a value, a host value or a link to an output; the last one given
@@ -48,6 +60,7 @@ struct PassTiming
 /// | projection   | QMatrix4x4         | setCamera: camera to clip space           |
 /// | near, far    | float              | setCamera: distances of the clip planes   |
 /// | model        | GPUModel*          | setModel                                  |
+/// | opaque       | GPUModel*          | setModel: the model's opaque items        |
 /// | screen       | FramebufferObject* | setScreen: where the picture goes         |
 /// | lights       | list               | setHostValue: see lightsToVariant         |
 /// | frame        | int                | the pipeline: number of the frame, from 0 |
@@ -94,10 +107,12 @@ public:
     bool rename(const QString &name, const QString &newName, QString *error = nullptr);
     /// Null when there is none of that name.
     RenderPass *pass(const QString &name) const;
+    /// The class by whose name the pass was added; empty for one that was added as an object.
+    QString className(const QString &name) const;
     /// In the order of adding.
     QStringList passNames() const;
     /// In the order of running; empty with an error when links form a cycle, which is named.
-    QStringList order(QString *error = nullptr);
+    QStringList order(QString *error = nullptr) const;
 
     // Inputs
 
@@ -119,6 +134,8 @@ public:
                    QString *error = nullptr) const;
     /// "Pass.Slot" that feeds an input, "@name" for a host value, otherwise empty.
     QString source(const QString &pass, const QString &slot) const;
+    /// All inputs of a pass, in the order of its slots; none for unknown names.
+    QVector<PassInput> inputs(const QString &pass) const;
     /// Whether any input is bound to that host value.
     bool uses(const QString &hostValue) const;
     /// What is likely a mistake though it runs: passes without a viewport.
@@ -137,7 +154,9 @@ public:
 
     void setViewport(const QRect &viewport);
     void setCamera(const QMatrix4x4 &camera, const QMatrix4x4 &projection, float nearPlane, float farPlane);
-    void setModel(GPUModel *model);
+    /// \a opaque is what opaquePartOf gives of the model, for pipelines that draw opaque surfaces first and
+    /// transparent ones over them; null: all of the model counts as opaque.
+    void setModel(GPUModel *model, GPUModel *opaque = nullptr);
     void setScreen(FramebufferObject *screen);
     bool setHostValue(const QString &name, const QVariant &value, QString *error = nullptr);
     QVariant hostValue(const QString &name) const;

@@ -51,6 +51,9 @@ KVO_HOST_EXPORT ModelData importScene(const QString &path, const ImportOptions &
 /// the nearest right name, when there is no such material.
 KVO_HOST_EXPORT bool setOpacity(ModelData *data, const QString &material, float opacity, QString *error = nullptr);
 
+/// A model without the items whose material lets light through. Everything else stays, indices included.
+KVO_HOST_EXPORT ModelData opaquePartOf(const ModelData &data);
+
 /// Makes a model larger or smaller around the origin, for passes that count in units of the scene. Its
 /// meshes change, so normals keep their length.
 KVO_HOST_EXPORT void scaleModel(ModelData *data, float factor);

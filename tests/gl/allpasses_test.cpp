@@ -1,0 +1,835 @@
+#include "support/draw.h"
+#include "support/gltest.h"
+#include "support/messages.h"
+#include "support/passes.h"
+#include "support/passtable.h"
+#include "support/scenes.h"
+
+#include <core/renderpasshelper.h>
+#include <gl/shaderprogram.h>
+#include <gl/texturemanager.h>
+#include <host/lights.h>
+#include <host/passfactory.h>
+#include <host/slotname.h>
+#include <model/gpumodel.h>
+#include <renderpasses/backgroundimagerenderpass.h>
+#include <renderpasses/blendrenderpass.h>
+#include <renderpasses/blurandcombinerenderpass.h>
+#include <renderpasses/blurbaserenderpass.h>
+#include <renderpasses/camerajitterpass.h>
+#include <renderpasses/cameraspacezbufferrenderpass.h>
+#include <renderpasses/cubemaploaderrenderpass.h>
+#include <renderpasses/deferredrenderpass.h>
+#include <renderpasses/depthoffieldrenderpass.h>
+#include <renderpasses/fastapproximateantialiasingrenderpass.h>
+#include <renderpasses/forwardrenderpass.h>
+#include <renderpasses/gaussianblurrenderpass.h>
+#include <renderpasses/gbufferrenderpass.h>
+#include <renderpasses/gradientrenderpass.h>
+#include <renderpasses/luminanceaveragerenderpass.h>
+#include <renderpasses/modeldeferredpass.h>
+#include <renderpasses/modelrenderpass.h>
+#include <renderpasses/primitivebuilderrenderpass.h>
+#include <renderpasses/scalableambientobscurancerenderpass.h>
+#include <renderpasses/shaderrenderpass.h>
+#include <renderpasses/shadowmaprenderpass.h>
+#include <renderpasses/shadowmaprenderpass2.h>
+#include <renderpasses/skyboxrenderpass.h>
+#include <renderpasses/smaarenderpass.h>
+#include <renderpasses/stencilblurandblendrenderpass.h>
+#include <renderpasses/temporalaarenderpass.h>
+#include <renderpasses/textureloaderrenderpass.h>
+#include <renderpasses/texturetoscreenrenderpass.h>
+#include <renderpasses/transparencyrenderpass.h>
+#include <renderpasses/visibilitybufferrenderpass.h>
+#include <renderpasses/visibilitydeferredrenderpass.h>
+#include <renderpasses/visibilitysortrenderpass.h>
+#include <renderpasses/wireframerenderpass.h>
+
+#include <QDir>
+#include <QSet>
+
+#include <epoxy/gl.h>
+
+#include <memory>
+#include <ostream>
+#include <type_traits>
+
+// What holds for every pass class of the library, one by one, against one table.
+
+using namespace Brevane::Kvo;
+using namespace Brevane::Kvo::Test;
+
+namespace {
+
+#define KVO_EVERY_PASS(X)                                                                                              \
+    X(GradientRenderPass)                                                                                              \
+    X(ModelRenderPass)                                                                                                 \
+    X(GBufferRenderPass)                                                                                               \
+    X(ModelDeferredPass)                                                                                               \
+    X(ForwardRenderPass)                                                                                               \
+    X(PrimitiveBuilderRenderPass)                                                                                      \
+    X(DeferredRenderPass)                                                                                              \
+    X(CameraSpaceZBufferRenderPass)                                                                                    \
+    X(ScalableAmbientObscuranceRenderPass)                                                                             \
+    X(LuminanceAverageRenderPass)                                                                                      \
+    X(VisibilityBufferRenderPass)                                                                                      \
+    X(VisibilitySortRenderPass)                                                                                        \
+    X(VisibilityDeferredRenderPass)                                                                                    \
+    X(TransparencyRenderPass)                                                                                          \
+    X(ShadowMapRenderPass)                                                                                             \
+    X(ShadowMapRenderPass2)                                                                                            \
+    X(CameraJitterPass)                                                                                                \
+    X(TemporalAARenderPass)                                                                                            \
+    X(FastApproximateAntiAliasingRenderPass)                                                                           \
+    X(SMAARenderPass)                                                                                                  \
+    X(BlurBaseRenderPass)                                                                                              \
+    X(GaussianBlurRenderPass)                                                                                          \
+    X(BlurAndCombineRenderPass)                                                                                        \
+    X(StencilBlurAndBlendRenderPass)                                                                                   \
+    X(DepthOfFieldRenderPass)                                                                                          \
+    X(BlendRenderPass)                                                                                                 \
+    X(WireframeRenderPass)                                                                                             \
+    X(TextureToScreenRenderPass)                                                                                       \
+    X(SkyboxRenderPass)                                                                                                \
+    X(BackgroundImageRenderPass)                                                                                       \
+    X(TextureLoaderRenderPass)                                                                                         \
+    X(CubemapLoaderRenderPass)                                                                                         \
+    X(ShaderRenderPass)
+
+constexpr int kPassClasses = 33;
+constexpr int kWidth = 16;
+constexpr int kHeight = 12;
+const QRect kViewport(0, 0, kWidth, kHeight);
+
+// Shows what a pass keeps of a value.
+template <typename Pass>
+class Probe : public Pass
+{
+public:
+    const QVariant &kept(int index) const { return this->_inputs.at(index).value; }
+};
+
+// All that takes the type of a pass.
+struct PassCase
+{
+    const char *className;
+    bool isBlur;
+    std::unique_ptr<RenderPassHelper> (*make)();
+    std::unique_ptr<RenderPassHelper> (*copy)(const RenderPassHelper &pass);
+    void (*assign)(RenderPassHelper &to, const RenderPassHelper &from);
+    std::unique_ptr<RenderPassHelper> (*makeProbe)();
+    QVariant (*kept)(const RenderPassHelper &probe, int index);
+};
+
+void PrintTo(const PassCase &pass, std::ostream *stream)
+{
+    *stream << pass.className;
+}
+
+template <typename Pass>
+PassCase passCase(const char *className)
+{
+    static_assert(std::is_base_of_v<RenderPassHelper, Pass> && std::has_virtual_destructor_v<Pass>);
+    return {className,
+            std::is_base_of_v<BlurBaseRenderPass, Pass>,
+            []() -> std::unique_ptr<RenderPassHelper> { return std::make_unique<Pass>(); },
+            [](const RenderPassHelper &pass) -> std::unique_ptr<RenderPassHelper> {
+                return std::make_unique<Pass>(static_cast<const Pass &>(pass));
+            },
+            [](RenderPassHelper &to, const RenderPassHelper &from) {
+                static_cast<Pass &>(to) = static_cast<const Pass &>(from);
+            },
+            []() -> std::unique_ptr<RenderPassHelper> { return std::make_unique<Probe<Pass>>(); },
+            [](const RenderPassHelper &probe, int index) -> QVariant {
+                return static_cast<const Probe<Pass> &>(probe).kept(index);
+            }};
+}
+
+std::vector<PassCase> passCases()
+{
+#define KVO_CASE(name) passCase<name>(#name),
+    return {KVO_EVERY_PASS(KVO_CASE)};
+#undef KVO_CASE
+}
+
+const PassRow &rowOf(const char *name)
+{
+    for (const PassRow &row : passTable())
+        if (qstrcmp(row.className, name) == 0)
+            return row;
+    ADD_FAILURE() << name << " has no row";
+    return passTable().front();
+}
+
+QString text(const char *latin1)
+{
+    return QString::fromLatin1(latin1);
+}
+
+QMetaType typeOfWord(const QString &word)
+{
+    const std::pair<const char *, QMetaType> words[] = {
+        {"KvoTexture*", QMetaType::fromType<Texture *>()},
+        {"KvoGPUModel*", QMetaType::fromType<GPUModel *>()},
+        {"KvoDrawBuffers*", QMetaType::fromType<DrawBuffers *>()},
+        {"KvoFramebuffer*", QMetaType::fromType<FramebufferObject *>()},
+        {"QRect", QMetaType(QMetaType::QRect)},
+        {"QMatrix4x4", QMetaType(QMetaType::QMatrix4x4)},
+        {"QColor", QMetaType(QMetaType::QColor)},
+        {"QVector2D", QMetaType(QMetaType::QVector2D)},
+        {"QVector3D", QMetaType(QMetaType::QVector3D)},
+        {"QSize", QMetaType(QMetaType::QSize)},
+        {"QString", QMetaType(QMetaType::QString)},
+        {"string", QMetaType(QMetaType::QString)},
+        {"QList", QMetaType(QMetaType::QVariantList)},
+        {"QVariant", QMetaType(QMetaType::QVariant)},
+        {"float", QMetaType(QMetaType::Float)},
+        {"Float", QMetaType(QMetaType::Float)},
+        {"int", QMetaType(QMetaType::Int)},
+        {"bool", QMetaType(QMetaType::Bool)},
+        {"Bool", QMetaType(QMetaType::Bool)},
+    };
+    for (const auto &[name, type] : words)
+        if (word == QLatin1StringView(name))
+            return type;
+    return {};
+}
+
+QObject *objectIn(const QVariant &value)
+{
+    return value.metaType() == QMetaType(QMetaType::QObjectStar) ? qvariant_cast<QObject *>(value) : nullptr;
+}
+
+// What kind of thing an output holds; a texture without a GL object says so.
+QString kindOf(const QVariant &value)
+{
+    if (!value.isValid())
+        return text("nothing");
+    if (const Texture *texture = textureFromVariant(value)) {
+        if (texture->textureID() == 0)
+            return text("bare texture");
+        return value.metaType() == QMetaType(QMetaType::QObjectStar) ? text("texture") : text("typed texture");
+    }
+    if (value.metaType() == QMetaType(QMetaType::QObjectStar))
+        return objectIn(value) ? text("object") : text("null");
+    if (value.metaType() == QMetaType::fromType<Texture *>())
+        return text("null");
+    return QString::fromLatin1(value.metaType().name());
+}
+
+QStringList kindsOf(const RenderPass &pass)
+{
+    QStringList kinds;
+    for (int i = 0; i < pass.numOutputs(); ++i)
+        kinds << kindOf(pass.output(i));
+    return kinds;
+}
+
+void expectUnconnected(const RenderPass &pass, const PassRow &row, int frame)
+{
+    if (row.startsLate && frame == 0) {
+        EXPECT_EQ(kindOf(pass.output(0)), text("nothing"));
+        return;
+    }
+    ASSERT_EQ(pass.numOutputs(), int(row.outputs.size()));
+    for (int i = 0; i < pass.numOutputs(); ++i) {
+        const OutputRow &output = row.outputs[size_t(i)];
+        const QString kind = kindOf(pass.output(i));
+        const auto is = [&](const char *name) { return kind == QLatin1StringView(name); };
+        const bool fits = output.unconnected == Unconnected::Invalid        ? is("nothing")
+                          : output.unconnected == Unconnected::NoTexture    ? is("nothing") || is("null")
+                          : output.unconnected == Unconnected::Texture      ? is("texture")
+                          : output.unconnected == Unconnected::BareTexture  ? is("bare texture")
+                          : output.unconnected == Unconnected::TypedTexture ? is("typed texture")
+                          : output.unconnected == Unconnected::Object       ? is("object")
+                          : output.unconnected == Unconnected::Null         ? is("null")
+                                                                            : is(output.type.name());
+        EXPECT_TRUE(fits) << output.name << " holds " << qPrintable(kind);
+    }
+}
+
+struct WrongValue
+{
+    const char *name;
+    QVariant value;
+};
+
+// Values that fit every slot of the library, and some that fit none.
+class Values
+{
+public:
+    Values()
+    {
+        EXPECT_TRUE(model.upload(cubeScene()));
+        builder.addCube(1, {});
+        runFrame(builder);
+        cubemap.setTarget(GL_TEXTURE_CUBE_MAP);
+        EXPECT_TRUE(cubemap.bind());
+        const quint32 texel = 0xff336699;
+        for (GLenum face = 0; face < 6; ++face)
+            glTexImage2D(GL_TEXTURE_CUBE_MAP_POSITIVE_X + face, 0, GL_RGBA8, 1, 1, 0, GL_BGRA, GL_UNSIGNED_BYTE,
+                         &texel);
+        glTexParameteri(GL_TEXTURE_CUBE_MAP, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+        cubemap.unbind();
+    }
+
+    // An output of a pass that records fragments.
+    QVariant recorded(int output)
+    {
+        if (!record) {
+            record = std::make_unique<VisibilityBufferRenderPass>();
+            record->setInput(0, kViewport);
+            record->setInput(1, perspective());
+            record->setInput(2, cameraAt(4));
+            record->setInput(3, QVariant::fromValue(&model));
+            runFrame(*record);
+        }
+        return record->output(output);
+    }
+
+    QVariant right(const InputRow &row)
+    {
+        const SlotName name = SlotName::parse(text(row.name));
+        const QString &last = name.name;
+        if (row.type == QMetaType::fromType<Texture *>()) {
+            Texture *texture = color.get();
+            if (last == text("HeadPointers"))
+                return recorded(0);
+            if (last == text("NodeBuffer"))
+                return recorded(1);
+            if (last == text("Depth") || last == text("Stencil"))
+                texture = target.depthStencil();
+            else if (last == text("Cubemap"))
+                texture = &cubemap;
+            else if (last == text("TextureOut") || last == text("Frame"))
+                texture = target.color();
+            return textureToVariant(texture);
+        }
+        if (row.type == QMetaType::fromType<GPUModel *>())
+            return QVariant::fromValue(&model);
+        if (row.type == QMetaType::fromType<DrawBuffers *>())
+            return builder.output(0);
+        if (row.type == QMetaType::fromType<FramebufferObject *>())
+            return framebufferToVariant(screen.framebuffer());
+        if (last == text("NodeBufferWidth"))
+            return recorded(2);
+        if (last == text("ProjectionMatrix"))
+            return perspective();
+        if (last == text("CameraMatrix"))
+            return cameraAt(4);
+        if (last == text("Lights"))
+            return lightsToVariant({ShadowMapLight::directional({1, -2, -1})});
+        if (last == text("MapSize"))
+            return QSize(kWidth, kHeight);
+        if (last == text("SceneBoundsMax"))
+            return QVector3D(1, 1, 1);
+        if (last == text("SceneBoundsMin"))
+            return QVector3D(-1, -1, -1);
+        if (last == text("Rects"))
+            return kViewport;
+        if (row.defaultValue.isValid())
+            return row.defaultValue;
+        if (last == text("Dirty"))
+            return true;
+        switch (row.type.id()) {
+        case QMetaType::QRect: return kViewport;
+        case QMetaType::Float: return 2.0f;
+        case QMetaType::Int: return 1;
+        case QMetaType::Bool: return false;
+        case QMetaType::QColor: return QColor(Qt::red);
+        case QMetaType::QVector2D: return QVector2D(0.5f, 0.5f);
+        case QMetaType::QVariantList: return QVariantList();
+        case QMetaType::QString: return text(KVO_SOURCE_DIR "/pipelines/images/matcap.png");
+        default: break;
+        }
+        ADD_FAILURE() << "no value for " << row.name;
+        return {};
+    }
+
+    std::vector<WrongValue> wrong()
+    {
+        return {{"text", text("x")},
+                {"number", 3},
+                {"foreign object", QVariant::fromValue<QObject *>(&foreign)},
+                {"null texture", QVariant::fromValue<Texture *>(nullptr)}};
+    }
+
+    std::unique_ptr<Texture> color = makeSolidTexture(kWidth, kHeight, {0.2f, 0.4f, 0.6f, 1.0f});
+    Target target{GL_RGBA8, kWidth, kHeight, true};
+    Target screen{GL_RGBA8, kWidth, kHeight};
+    Texture cubemap;
+    GPUModel model;
+    std::unique_ptr<VisibilityBufferRenderPass> record;
+    PrimitiveBuilderRenderPass builder;
+    QObject foreign;
+};
+
+class EveryPass : public GLTest, public ::testing::WithParamInterface<PassCase>
+{
+protected:
+    void SetUp() override
+    {
+        GLTest::SetUp();
+        ShaderProgram::setFailureHandler([this](const ShaderFailure &failure) { failed << failure.label; });
+    }
+
+    void TearDown() override
+    {
+        values.reset();
+        GLTest::TearDown();
+        ShaderProgram::setFailureHandler({});
+        failed.removeDuplicates();
+        if (row.startsLate)
+            failed.removeOne(text("ShadowMapRenderPass2"));
+        EXPECT_EQ(failed, QStringList()) << "programs that did not build";
+        for (const QString &message : messages->texts(QtCriticalMsg))
+            EXPECT_TRUE(row.assertsModel
+                        && (isAboutTheModel(message) || message.contains(text("is not a ShadowMapLight"))))
+                << qPrintable(message);
+        messages.reset();
+    }
+
+    static bool isAboutTheModel(const QString &message)
+    {
+        return message.contains(text("] [ !! ] Assertion '")) && message.contains(text("failed: Input Geometry is "));
+    }
+
+    bool is(const char *name) const { return qstrcmp(row.className, name) == 0; }
+
+    // The one pass that would draw to the window: tests without a window give it a target.
+    void giveTarget(RenderPass &pass)
+    {
+        if (is("TextureToScreenRenderPass"))
+            pass.setInput(kFramebufferOut, framebufferToVariant(given().screen.framebuffer()));
+    }
+    bool isTarget(int index) const { return is("TextureToScreenRenderPass") && index == kFramebufferOut; }
+
+    void giveAll(RenderPass &pass)
+    {
+        for (int i = 0; i < pass.numInputs(); ++i)
+            pass.setInput(i, given().right(row.inputs[size_t(i)]));
+    }
+
+    bool hasViewport() const
+    {
+        return !row.inputs.empty() && qstrcmp(row.inputs.front().name, "Kvo_QRect_Viewport") == 0;
+    }
+
+    Values &given()
+    {
+        if (!values)
+            values = std::make_unique<Values>();
+        return *values;
+    }
+
+    void expectNothingBare(const QStringList &kinds) const
+    {
+        // a loader that has had no path yet hands out a texture without content
+        EXPECT_TRUE(is("TextureLoaderRenderPass") || !kinds.contains(text("bare texture")))
+            << qPrintable(kinds.join(text(", ")));
+    }
+
+    // A map size that is none goes to GL as it stands, which refuses it; nothing else may fail there.
+    bool goesToGLAsItStands(const InputRow &input, const QVariant &value) const
+    {
+        return input.type == QMetaType(QMetaType::QSize) && !value.canConvert<QSize>();
+    }
+
+    // The lifecycle of a host, from setup to the frame.
+    static void begin(RenderPass &pass)
+    {
+        pass.setup(nullptr);
+        runFrame(pass);
+    }
+    static void end(RenderPass &pass)
+    {
+        pass.teardown(nullptr);
+        pass.teardownContextData(nullptr);
+    }
+
+    static constexpr int kFramebufferOut = 7;
+    const PassRow &row = rowOf(GetParam().className);
+    std::unique_ptr<Values> values;
+    QStringList failed;
+    std::unique_ptr<MessageCapture> messages = std::make_unique<MessageCapture>();
+};
+
+INSTANTIATE_TEST_SUITE_P(Passes, EveryPass, ::testing::ValuesIn(passCases()),
+                         [](const auto &pass) { return std::string(pass.param.className); });
+
+class AllPasses : public GLTest
+{};
+
+} // namespace
+
+TEST_F(AllPasses, ThereAreThirtyThreeAndEachHasOneRowAndOneHeader)
+{
+    QSet<QString> rows;
+    for (const PassRow &row : passTable())
+        rows.insert(text(row.className));
+    EXPECT_EQ(int(passTable().size()), kPassClasses);
+    EXPECT_EQ(rows.size(), kPassClasses);
+
+    QSet<QString> headers;
+    for (const QString &file : QDir(text(KVO_SOURCE_DIR "/include/renderpasses")).entryList({text("*.h")}))
+        headers.insert(file);
+    EXPECT_TRUE(headers.remove(text("export.h")));
+    EXPECT_EQ(headers.size(), kPassClasses);
+    for (const QString &name : rows)
+        EXPECT_TRUE(headers.contains(name.toLower() + text(".h"))) << qPrintable(name);
+
+    QSet<QString> tested;
+    for (const PassCase &pass : passCases())
+        tested.insert(text(pass.className));
+    EXPECT_EQ(tested, rows);
+}
+
+TEST_F(AllPasses, PipelineFilesKnowAllButTheBaseOfTheBlurs)
+{
+    for (const PassRow &row : passTable()) {
+        const QString name = text(row.className);
+        EXPECT_EQ(passFactory().knows(name), name != text("BlurBaseRenderPass")) << row.className;
+    }
+}
+
+TEST_F(AllPasses, ThreeBlursShareABaseAndNoOtherPassHasOne)
+{
+    int blurs = 0;
+    for (const PassCase &pass : passCases())
+        blurs += pass.isBlur ? 1 : 0;
+    EXPECT_EQ(blurs, 4) << "the base itself and three";
+    EXPECT_TRUE((std::is_base_of_v<BlurBaseRenderPass, GaussianBlurRenderPass>));
+    EXPECT_TRUE((std::is_base_of_v<BlurBaseRenderPass, BlurAndCombineRenderPass>));
+    EXPECT_TRUE((std::is_base_of_v<BlurBaseRenderPass, StencilBlurAndBlendRenderPass>));
+}
+
+TEST_F(AllPasses, FourHaveConstructorsWithArguments)
+{
+    EXPECT_TRUE((std::is_constructible_v<BlurBaseRenderPass, float>));
+    EXPECT_TRUE((std::is_constructible_v<GaussianBlurRenderPass, float>));
+    EXPECT_TRUE((std::is_constructible_v<BlendRenderPass, BlendRenderPass::BlendMode>));
+    EXPECT_TRUE((std::is_constructible_v<VisibilityBufferRenderPass, unsigned long long, unsigned long long>));
+}
+
+TEST_F(AllPasses, PointersCrossSlotsUnderTheirRegisteredNames)
+{
+    const QVariant pointers[] = {QVariant::fromValue<Texture *>(nullptr), QVariant::fromValue<GPUModel *>(nullptr),
+                                 QVariant::fromValue<DrawBuffers *>(nullptr)};
+    const char *const names[] = {"Brevane::Kvo::Texture*", "Brevane::Kvo::GPUModel*", "Brevane::Kvo::DrawBuffers*"};
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(QMetaType::fromName(names[i]), pointers[i].metaType()) << names[i];
+}
+
+TEST_F(AllPasses, TheProgrammablePassTakesAWrongValueInSlotsOfEveryKind)
+{
+    const char *const inputs[] = {"Kvo_KvoTexture*_Input",
+                                  "Kvo_KvoTexture*_Other",
+                                  "Kvo_KvoDrawBuffers*_Geometry",
+                                  "Kvo_QMatrix4x4_Matrix",
+                                  "Kvo_QColor_Color",
+                                  "Kvo_float_Number",
+                                  "Kvo_int_Count",
+                                  "Kvo_bool_Flag",
+                                  "Kvo_QVector2D_Point",
+                                  "Kvo_QVariant_WhoKnowsWhat"};
+    Values values;
+    for (const WrongValue &wrong : values.wrong()) {
+        ShaderRenderPass pass;
+        for (const char *input : inputs)
+            pass.addInput(text(input));
+        pass.addOutput(text("Kvo_KvoTexture*_Frame"));
+        pass.setFragmentShaderSource(text(R"(#version 150
+uniform sampler2D u_Input;
+uniform sampler2D u_Other;
+uniform mat4 Kvo_QMatrix4x4_Matrix;
+uniform vec4 Kvo_QColor_Color;
+uniform float Kvo_float_Number;
+uniform int Kvo_int_Count;
+uniform bool Kvo_bool_Flag;
+uniform vec2 Kvo_QVector2D_Point;
+out vec4 o_Frame;
+void main()
+{
+  o_Frame = Kvo_QMatrix4x4_Matrix * texture(u_Input, Kvo_QVector2D_Point) + texture(u_Other, Kvo_QVector2D_Point)
+            + Kvo_QColor_Color * Kvo_float_Number * float(Kvo_int_Count) * float(Kvo_bool_Flag);
+}
+)"));
+        for (int i = 0; i < pass.numInputs(); ++i) {
+            pass.setInput(i, wrong.value);
+            runFrame(pass);
+            EXPECT_EQ(kindsOf(pass), QStringList(text("typed texture"))) << wrong.name << " in " << i;
+        }
+    }
+}
+
+TEST_P(EveryPass, HasASlotTableOfItsOwn)
+{
+    const auto made = GetParam().make();
+    const RenderPassHelper &pass = *made;
+    std::vector<SlotRow> inputs;
+    for (const InputRow &input : row.inputs)
+        inputs.push_back({input.name, input.defaultValue});
+    std::vector<const char *> outputs;
+    for (const OutputRow &output : row.outputs)
+        outputs.push_back(output.name);
+    expectSlots(pass, inputs, outputs);
+    for (int i = 0; i < pass.numInputs(); ++i)
+        EXPECT_EQ(pass.findInput(pass.inputName(i)), i) << qPrintable(pass.inputName(i));
+    for (int i = 0; i < pass.numOutputs(); ++i)
+        EXPECT_EQ(pass.findOutput(pass.outputName(i)), i) << qPrintable(pass.outputName(i));
+}
+
+TEST_P(EveryPass, NamesItsSlotsByTheTypesOfTheirValues)
+{
+    const auto check = [this](const char *name, QMetaType type) {
+        const SlotName slot = SlotName::parse(text(name));
+        if (slot.type.isEmpty()) {
+            // the two names without a prefix
+            EXPECT_TRUE(is("BlendRenderPass")) << name;
+        } else {
+            EXPECT_EQ(typeOfWord(slot.type), type) << name;
+        }
+    };
+    for (const InputRow &input : row.inputs) {
+        check(input.name, input.type);
+        if (input.defaultValue.isValid()) {
+            EXPECT_EQ(input.defaultValue.metaType(), input.type) << input.name;
+        }
+    }
+    for (const OutputRow &output : row.outputs)
+        check(output.name, output.type);
+}
+
+TEST_P(EveryPass, KeepsValuesInTheFormThatItReads)
+{
+    const auto made = GetParam().makeProbe();
+    RenderPassHelper &pass = *made;
+    const auto kept = [&](int index) { return GetParam().kept(pass, index); };
+    const QMetaType objectForm(QMetaType::QObjectStar);
+    const QMetaType typedForm = QMetaType::fromType<Texture *>();
+    for (int i = 0; i < pass.numInputs(); ++i) {
+        const InputRow &input = row.inputs[size_t(i)];
+        EXPECT_EQ(kept(i), input.defaultValue) << input.name << " starts as its default";
+        const QVariant value = given().right(input);
+        pass.setInput(i, value);
+        if (!textureFromVariant(value)) {
+            EXPECT_EQ(kept(i), value) << input.name;
+            continue;
+        }
+        Texture *texture = textureFromVariant(value);
+        for (const QVariant &form : {textureToVariant(texture), QVariant::fromValue(texture)}) {
+            pass.setInput(i, form);
+            EXPECT_EQ(textureFromVariant(kept(i)), texture) << input.name;
+            if (row.reads == Reads::Typed) {
+                EXPECT_EQ(kept(i).metaType(), typedForm) << input.name;
+            }
+            if (row.reads == Reads::Object) {
+                EXPECT_EQ(kept(i).metaType(), objectForm) << input.name;
+            }
+        }
+        // an empty pointer is connected
+        pass.setInput(i, QVariant::fromValue<Texture *>(nullptr));
+        EXPECT_TRUE(kept(i).isValid()) << input.name;
+    }
+}
+
+TEST_P(EveryPass, LivesWithoutAContextUntilItStarts)
+{
+    const auto live = [this] {
+        const GlCalls calls;
+        {
+            const auto made = GetParam().make(), copied = GetParam().copy(*made), assigned = GetParam().make();
+            RenderPassHelper &one = *made, &two = *copied, &three = *assigned;
+            GetParam().assign(three, two);
+            const QVariant value = 42;
+            for (int i = 0; i < one.numInputs(); ++i) {
+                two.setInput(i, value);
+                two.setDefaultValue(i, value);
+                EXPECT_EQ(one.defaultValue(i), row.inputs[size_t(i)].defaultValue) << "a copy is independent";
+                EXPECT_EQ(three.defaultValue(i), row.inputs[size_t(i)].defaultValue);
+                EXPECT_EQ(two.defaultValue(i), value);
+            }
+            const auto late = GetParam().copy(two);
+            const RenderPassHelper &four = *late;
+            GetParam().assign(three, two);
+            for (int i = 0; i < one.numInputs(); ++i) {
+                EXPECT_EQ(four.inputName(i), one.inputName(i));
+                EXPECT_EQ(four.defaultValue(i), value) << "a copy has what its source has";
+                EXPECT_EQ(three.defaultValue(i), value);
+            }
+            for (int i = 0; i < one.numOutputs(); ++i) {
+                two.setNumOutputUsers(i, 2);
+                EXPECT_EQ(three.outputName(i), one.outputName(i));
+            }
+            two.resetNumOutputUsers();
+            two.setErrorCode(7);
+            EXPECT_EQ(one.errorCode(), 0u);
+        }
+        // the pass that needs one asks what it offers, and makes nothing either
+        EXPECT_TRUE(row.needsContext || calls.all().empty()) << qPrintable(calls.toString());
+        EXPECT_EQ(calls.created() + calls.draws(), 0) << qPrintable(calls.toString());
+    };
+    if (!row.needsContext)
+        GLContext::doneCurrent();
+    live();
+    ASSERT_TRUE(context().makeCurrent());
+}
+
+TEST_P(EveryPass, EndsWithoutHavingStarted)
+{
+    const auto pass = GetParam().make();
+    pass->teardown(nullptr);
+    pass->teardownContextData(nullptr);
+}
+
+TEST_P(EveryPass, RunsWithNothingConnected)
+{
+    const auto made = GetParam().make();
+    RenderPassHelper &pass = *made;
+    giveTarget(pass);
+    if (hasViewport())
+        pass.setInput(0, kViewport);
+    begin(pass);
+    for (int frame = 0; frame < 3; ++frame) {
+        expectUnconnected(pass, row, frame);
+        runFrame(pass);
+    }
+    EXPECT_EQ(pass.errorCode(), 0u);
+    end(pass);
+}
+
+TEST_P(EveryPass, RunsWithoutEvenAViewport)
+{
+    const auto made = GetParam().make();
+    RenderPassHelper &pass = *made;
+    giveTarget(pass);
+    begin(pass);
+    runFrame(pass);
+    expectUnconnected(pass, row, 1);
+    EXPECT_EQ(pass.errorCode(), 0u);
+    end(pass);
+}
+
+TEST_P(EveryPass, RunsWithEverythingConnectedAgainAndAgain)
+{
+    const auto made = GetParam().make();
+    RenderPassHelper &pass = *made;
+    giveAll(pass);
+    begin(pass);
+    const QStringList kinds = kindsOf(pass);
+    const bool mayBeNull = is("PrimitiveBuilderRenderPass"); // nothing was added
+    EXPECT_TRUE(mayBeNull || !kinds.contains(text("null"))) << qPrintable(kinds.join(text(", ")));
+    for (int i = 0; i < 2; ++i) {
+        end(pass);
+        begin(pass);
+        EXPECT_EQ(kindsOf(pass), kinds);
+    }
+    end(pass);
+}
+
+TEST_P(EveryPass, TakesEmptyViewportsAndComesBack)
+{
+    if (!hasViewport())
+        return;
+    const QRect empty[] = {QRect(),
+                           QRect(0, 0, 0, 0),
+                           QRect(3, 4, 0, kHeight),
+                           QRect(3, 4, kWidth, 0),
+                           QRect(0, 0, -3, -2),
+                           QRect(QPoint(9, 9), QPoint(2, 3)),
+                           QRect(0, 0, -kWidth, kHeight)};
+    for (const bool connected : {false, true}) {
+        const auto made = GetParam().make();
+        RenderPassHelper &pass = *made;
+        giveTarget(pass);
+        if (connected)
+            giveAll(pass);
+        pass.setInput(0, kViewport);
+        begin(pass);
+        const QStringList kinds = kindsOf(pass);
+        for (const QRect &viewport : empty) {
+            pass.setInput(0, viewport);
+            runFrame(pass);
+            EXPECT_EQ(kindsOf(pass), kinds)
+                << viewport.x() << " " << viewport.y() << " " << viewport.width() << " " << viewport.height();
+            EXPECT_EQ(pass.errorCode(), 0u);
+        }
+        pass.setInput(0, kViewport);
+        runFrame(pass);
+        EXPECT_EQ(kindsOf(pass), kinds) << "after empty viewports";
+        end(pass);
+    }
+}
+
+TEST_P(EveryPass, StartsOnAnEmptyViewport)
+{
+    if (!hasViewport())
+        return;
+    const auto made = GetParam().make();
+    RenderPassHelper &pass = *made;
+    giveAll(pass);
+    for (const QRect &viewport : {QRect(), QRect(0, 0, -3, -2)}) {
+        pass.setInput(0, viewport);
+        begin(pass);
+        expectNothingBare(kindsOf(pass));
+        EXPECT_EQ(pass.errorCode(), 0u);
+        end(pass);
+    }
+}
+
+TEST_P(EveryPass, TakesAWrongValueInEveryInputAtOnce)
+{
+    for (const WrongValue &wrong : given().wrong()) {
+        const ::testing::ScopedTrace trace(__FILE__, __LINE__, wrong.name);
+        const auto made = GetParam().make();
+        RenderPassHelper &pass = *made;
+        for (const bool withViewport : {false, true}) {
+            for (int i = 0; i < pass.numInputs(); ++i)
+                if (!goesToGLAsItStands(row.inputs[size_t(i)], wrong.value))
+                    pass.setInput(i, wrong.value);
+            giveTarget(pass);
+            if (withViewport && hasViewport())
+                pass.setInput(0, kViewport);
+            begin(pass);
+            const QStringList kinds = kindsOf(pass);
+            expectNothingBare(kinds);
+            EXPECT_EQ(pass.errorCode(), 0u);
+            // one pass hands on what it is given, no other hands out a stranger
+            const bool handsOn = is("VisibilitySortRenderPass");
+            for (int i = 0; i < pass.numOutputs(); ++i)
+                EXPECT_TRUE(handsOn || objectIn(pass.output(i)) != &given().foreign) << i;
+            end(pass);
+        }
+    }
+}
+
+TEST_P(EveryPass, TakesAWrongValueInOneInputWhileTheOthersAreRight)
+{
+    for (const WrongValue &wrong : given().wrong()) {
+        const auto made = GetParam().make();
+        RenderPassHelper &pass = *made;
+        giveAll(pass);
+        begin(pass);
+        for (int i = 0; i < pass.numInputs(); ++i) {
+            const InputRow &input = row.inputs[size_t(i)];
+            if (isTarget(i) || wrong.value.metaType() == input.type)
+                continue;
+            const ::testing::ScopedTrace trace(__FILE__, __LINE__, std::string(wrong.name) + " in " + input.name);
+            pass.setInput(i, wrong.value);
+            if (goesToGLAsItStands(input, wrong.value)) {
+                const ExpectedGLErrors errors;
+                runFrame(pass);
+                EXPECT_GT(errors.count(), 0);
+            } else {
+                runFrame(pass);
+            }
+            expectNothingBare(kindsOf(pass));
+            EXPECT_EQ(pass.errorCode(), 0u);
+            pass.setInput(i, given().right(input));
+        }
+        runFrame(pass);
+        EXPECT_EQ(pass.errorCode(), 0u);
+        end(pass);
+    }
+}
