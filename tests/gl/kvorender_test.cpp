@@ -1,83 +1,22 @@
-#include <QCoreApplication>
+#include "support/kvorender.h"
+
 #include <QDir>
 #include <QFile>
 #include <QImage>
-#include <QProcess>
 #include <QRegularExpression>
-#include <QTemporaryDir>
-
-#include <gtest/gtest.h>
 
 // The program as a whole, as people start it: exit codes, messages, files.
 
-namespace {
+using namespace Brevane::Kvo::Test;
 
-constexpr int kTimeout = 120000; // ms; far more than the longest of these takes.
+namespace {
 
 const QString kModels = QStringLiteral("/usr/share/assimp/models/");
 const QString kEngine = kModels + QStringLiteral("glTF2/2CylinderEngine-glTF-Binary/2CylinderEngine.glb");
 const QString kBox = kModels + QStringLiteral("glTF2/BoxTextured-glTF-Binary/BoxTextured.glb");
 
-struct Outcome
-{
-    int exitCode = -1; ///< -1: it did not end by itself.
-    QString out;
-    QString err;
-};
-
-class KvoRender : public ::testing::Test
-{
-protected:
-    Outcome run(const QStringList &arguments)
-    {
-        QProcess process;
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        for (const char *name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
-            environment.remove(QLatin1StringView(name));
-        process.setProcessEnvironment(environment);
-        process.setWorkingDirectory(folder.path());
-        process.start(QCoreApplication::applicationDirPath() + QStringLiteral("/kvorender"), arguments);
-        process.closeWriteChannel();
-        Outcome outcome;
-        if (process.waitForFinished(kTimeout) && process.exitStatus() == QProcess::NormalExit)
-            outcome.exitCode = process.exitCode();
-        outcome.out = QString::fromUtf8(process.readAllStandardOutput());
-        outcome.err = QString::fromUtf8(process.readAllStandardError());
-        return outcome;
-    }
-    // Runs, and expects success without OpenGL errors.
-    Outcome succeed(QStringList arguments)
-    {
-        const Outcome outcome = run(arguments << QStringLiteral("--gl-debug"));
-        EXPECT_EQ(outcome.exitCode, 0) << qPrintable(outcome.err);
-        return outcome;
-    }
-    // Runs, and expects an exit code and, as the last line on stderr, a message with this text.
-    void expectFailure(const QStringList &arguments, int exitCode, const char *message)
-    {
-        const Outcome outcome = run(arguments);
-        EXPECT_EQ(outcome.exitCode, exitCode) << qPrintable(arguments.join(QLatin1Char(' '))) << "\n"
-                                              << qPrintable(outcome.err);
-        const QString last = outcome.err.trimmed().section(QLatin1Char('\n'), -1);
-        EXPECT_TRUE(last.startsWith(QStringLiteral("kvorender: ")) && last.contains(QString::fromUtf8(message)))
-            << "expected: " << message << "\nfound: " << qPrintable(outcome.err);
-        EXPECT_FALSE(QFile::exists(path("out.png"))) << qPrintable(arguments.join(QLatin1Char(' ')));
-    }
-    QString path(const char *name) const { return folder.filePath(QLatin1StringView(name)); }
-    void write(const char *name, const QByteArray &data)
-    {
-        QFile file(path(name));
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(data);
-    }
-
-    const QTemporaryDir folder;
-};
-
-QStringList words(const char *text)
-{
-    return QString::fromUtf8(text).split(QLatin1Char(' '), Qt::SkipEmptyParts);
-}
+class KvoRender : public KvoRenderTest
+{};
 
 // Share of pixels that are not transparent.
 double coverage(const QImage &image)

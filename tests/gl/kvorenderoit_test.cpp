@@ -1,43 +1,21 @@
-#include <QCoreApplication>
+#include "support/kvorender.h"
+
 #include <QDir>
 #include <QFile>
 #include <QImage>
-#include <QProcess>
 #include <QRegularExpression>
-#include <QTemporaryDir>
-
-#include <gtest/gtest.h>
 
 // What kvorender tells of transparent frames: fragment lists, their lengths, and how two ways compare.
 
+using namespace Brevane::Kvo::Test;
+
 namespace {
 
-constexpr int kTimeout = 120000; // ms
 const QString kBox = QStringLiteral("/usr/share/assimp/models/glTF2/BoxTextured-glTF-Binary/BoxTextured.glb");
 
-struct Outcome
-{
-    int exitCode = -1;
-    QString out;
-    QString err;
-};
-
-class KvoRenderOit : public ::testing::Test
+class KvoRenderOit : public KvoRenderTest
 {
 protected:
-    Outcome run(const QStringList &arguments)
-    {
-        QProcess process;
-        process.setWorkingDirectory(folder.path());
-        process.start(QCoreApplication::applicationDirPath() + QStringLiteral("/kvorender"), arguments);
-        process.closeWriteChannel();
-        Outcome outcome;
-        if (process.waitForFinished(kTimeout) && process.exitStatus() == QProcess::NormalExit)
-            outcome.exitCode = process.exitCode();
-        outcome.out = QString::fromUtf8(process.readAllStandardOutput());
-        outcome.err = QString::fromUtf8(process.readAllStandardError());
-        return outcome;
-    }
     QStringList on(const char *pipeline) const
     {
         return {kBox,
@@ -54,8 +32,6 @@ protected:
     {
         return !qEnvironmentVariable("MESA_EXTENSION_OVERRIDE").contains(QLatin1String("image_load_store"));
     }
-
-    const QTemporaryDir folder;
 };
 
 } // namespace

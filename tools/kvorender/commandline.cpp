@@ -12,6 +12,8 @@ namespace {
 
 constexpr int kLargestSide = 65536;
 constexpr int kMostFrames = 1000000;
+constexpr QSize kGallerySize(640, 360);
+constexpr int kGalleryFrames = 5;
 
 const char kHelp[] = R"(Usage: kvorender [MODEL] [options]
 
@@ -50,6 +52,8 @@ What to write
       --oit-lengths FILE   a picture of how long the fragment lists are
       --print PASS.SLOT    the value of an output after the last frame, to stdout; may be repeated
       --timings            milliseconds per pass on GPU and CPU, to stdout
+      --gallery FOLDER     every pipeline on every model as a page, FOLDER/index.html, with pictures, graphs,
+                           slots and times per pass; see below
 
 Information
       --list               pipelines, host values, and all passes with their slots
@@ -72,6 +76,13 @@ Lights
   with settings behind them: color=#ffe0c0 intensity=0.5 distance=40, as in
   directional:0.3,-1,0.2,3:color=#ffe0c0:distance=40
 
+The gallery
+  takes any number of models, without one those samples of the system that are there, and -p, any number
+  of times, for some of the pipelines only. Where no --opacity, --scale or --floor is given, pipelines
+  for transparency show the model at an opacity of 0.35, those with ambient obscurance at a size that
+  suits it, those with shadows on a floor. Defaults are --size 640x360 and --frames 5. What fails is told
+  in the page, the rest is there, and the exit code is 1.
+
 Exit codes
   0 success, 1 failure (file, driver, pipeline), 2 wrong command line
 
@@ -80,6 +91,7 @@ Examples
   kvorender engine.glb -p deferred-model -s 1920x1080 -c yaw=45:pitch=10:zoom=1.2 -o engine.png
   kvorender engine.glb -p deferred-model --dump Model.Normal=normal.png --dump Model.Depth=depth.exr
   kvorender engine.glb -n 100 --timings
+  kvorender --gallery out/gallery
   kvorender -p gradient --set 'Gradient.ColorTop=#204060' -o backdrop.png
 )";
 
@@ -150,7 +162,7 @@ bool readPixel(const QString &text, const QSize &size, QPoint *pixel, QString *e
 bool readScale(const QString &text, float *scale, QString *error)
 {
     if (text == QLatin1StringView("fit")) {
-        *scale = CommandLine::kScaleToFit;
+        *scale = SceneSettings::kScaleToFit;
         return true;
     }
     bool ok = false;
@@ -203,6 +215,7 @@ bool CommandLine::read(const QStringList &arguments, int *exitCode)
     add({QStringLiteral("scale")}, "factor");
     add({QStringLiteral("print")}, "output");
     add({QStringLiteral("timings")});
+    add({QStringLiteral("gallery")}, "folder");
     add({QStringLiteral("list")});
     add({QStringLiteral("gl-info")});
     add({QStringLiteral("gl-debug")});
@@ -238,7 +251,20 @@ bool CommandLine::read(const QStringList &arguments, int *exitCode)
     output = parser.value(QStringLiteral("output"));
 
     const QStringList files = parser.positionalArguments();
-    if (files.size() > 1)
+    gallery = parser.value(QStringLiteral("gallery"));
+    if (parser.isSet(QStringLiteral("gallery"))) {
+        if (gallery.isEmpty())
+            return mistake(QStringLiteral("--gallery takes a folder"));
+        // What speaks of the passes of one pipeline, or of one picture.
+        for (const char *option : {"output", "set", "path", "dump", "compare", "inspect-oit", "oit-lengths", "print",
+                                   "timings", "list", "gl-info"})
+            if (parser.isSet(QLatin1StringView(option)))
+                return mistake(QStringLiteral("--gallery and --%1 do not go together").arg(QLatin1StringView(option)));
+        size = kGallerySize;
+        frames = kGalleryFrames;
+        galleryModels = files;
+        galleryPipelines = parser.values(QStringLiteral("pipeline"));
+    } else if (files.size() > 1)
         return mistake(QStringLiteral("one model at a time, not '%1' and '%2'").arg(files[0], files[1]));
     model = files.value(0);
     if (parser.isSet(QStringLiteral("size")) && !readSize(parser.value(QStringLiteral("size")), &size, &error))
@@ -251,7 +277,8 @@ bool CommandLine::read(const QStringList &arguments, int *exitCode)
             return mistake(QStringLiteral("--background takes \"#rrggbb\" or a colour name, not '%1'")
                                .arg(parser.value(QStringLiteral("background"))));
     }
-    if (parser.isSet(QStringLiteral("scale")) && !readScale(parser.value(QStringLiteral("scale")), &scale, &error))
+    if (parser.isSet(QStringLiteral("scale"))
+        && !readScale(parser.value(QStringLiteral("scale")), &scene.scale, &error))
         return mistake(error);
     for (const QString &text : parser.values(QStringLiteral("print"))) {
         const QStringList parts = text.split(QLatin1Char('.'));
@@ -259,7 +286,7 @@ bool CommandLine::read(const QStringList &arguments, int *exitCode)
             return mistake(QStringLiteral("--print takes PASS.SLOT, not '%1'").arg(text));
         prints.append({QStringLiteral("--print %1").arg(text), parts[0], parts[1], QString()});
     }
-    floor = parser.isSet(QStringLiteral("floor"));
+    scene.floor = parser.isSet(QStringLiteral("floor"));
     for (const QString &text : parser.values(QStringLiteral("light"))) {
         if (!Brevane::Kvo::parseLight(text, &lights.emplaceBack(), &error))
             return mistake(QStringLiteral("--light %1: %2").arg(text, error));
@@ -279,7 +306,7 @@ bool CommandLine::read(const QStringList &arguments, int *exitCode)
         paths << qMakePair(text.left(equals), text.mid(equals + 1));
     }
     for (const QString &text : parser.values(QStringLiteral("opacity"))) {
-        if (!readOpacity(text, &opacities.emplaceBack(), &error))
+        if (!readOpacity(text, &scene.opacities.emplaceBack(), &error))
             return mistake(error);
     }
     for (const QString &text : parser.values(QStringLiteral("compare"))) {
@@ -293,10 +320,11 @@ bool CommandLine::read(const QStringList &arguments, int *exitCode)
     listLengths = parser.value(QStringLiteral("oit-lengths"));
     if (parser.isSet(QStringLiteral("output")) && output.isEmpty())
         return mistake(QStringLiteral("--output takes a file name"));
-    if (!list && !glInfo && output.isEmpty() && dumps.isEmpty() && !timings && comparisons.isEmpty()
-        && inspected.isEmpty() && listLengths.isEmpty() && prints.isEmpty())
+    sceneIsGiven = scene != SceneSettings();
+    if (gallery.isEmpty() && !list && !glInfo && output.isEmpty() && dumps.isEmpty() && !timings
+        && comparisons.isEmpty() && inspected.isEmpty() && listLengths.isEmpty() && prints.isEmpty())
         return mistake(QStringLiteral("nothing to do: give --output FILE, --dump, --compare, --inspect-oit, "
-                                      "--oit-lengths, --print, --timings, --list or --gl-info"));
+                                      "--oit-lengths, --print, --timings, --gallery, --list or --gl-info"));
     if (pipeline.isEmpty())
         pipeline = model.isEmpty() ? QStringLiteral("gradient") : QStringLiteral("forward");
     return true;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "host/lights.h"
+#include "scene.h"
 
 #include <QColor>
 #include <QPoint>
@@ -46,14 +47,15 @@ struct CommandLine
     QVector<SlotArgument> values;
     QVector<SlotArgument> dumps;
     QVector<Brevane::Kvo::ShadowMapLight> lights;
-    bool floor = false;
+    SceneSettings scene;
+    bool sceneIsGiven = false; ///< Whether any of its settings is.
     QVector<QPair<QString, QString>> paths;
-    QVector<QPair<QString, float>> opacities; ///< Material and opacity; an empty name means all.
     QVector<QPoint> inspected; ///< Pixels of the picture, counted from its upper left corner.
+    QString gallery; ///< The folder; empty: none wanted.
+    QStringList galleryModels; ///< Empty: the system's samples.
+    QStringList galleryPipelines; ///< Empty: all there are.
     QString listLengths; ///< File for the picture of how long the fragment lists are.
     QVector<Comparison> comparisons;
-    static constexpr float kScaleToFit = 0.0f;
-    float scale = 1.0f; ///< Of the model; kScaleToFit: to a size of its own.
     QVector<SlotArgument> prints; ///< Outputs whose value is wanted; the text is not used.
     bool timings = false;
     bool quiet = false;

@@ -1,4 +1,5 @@
 #include "commandline.h"
+#include "gallery.h"
 #include "host/headlesscontext.h"
 #include "host/pipelinefile.h"
 #include "renderer.h"
@@ -49,5 +50,5 @@ int main(int argc, char *argv[])
         return exitCode;
     if (commandLine.list || commandLine.glInfo)
         return inform(commandLine);
-    return Renderer(commandLine).run();
+    return commandLine.gallery.isEmpty() ? Renderer(commandLine).run() : Gallery(commandLine).run();
 }

@@ -1,6 +1,5 @@
 #include "renderer.h"
 
-#include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "host/fragmentlists.h"
 #include "host/imagecomparison.h"
@@ -10,14 +9,12 @@
 #include "host/sceneimport.h"
 #include "host/slotname.h"
 #include "report.h"
+#include "scene.h"
 #include "shadows/shadowmaprenderdata.h"
 
-#include <epoxy/gl.h>
-
+#include <QElapsedTimer>
 #include <QFileInfo>
-#include <QPainter>
 
-#include <algorithm>
 #include <cstdio>
 
 using namespace Brevane::Kvo;
@@ -26,19 +23,6 @@ namespace {
 
 constexpr qint64 kProgressInterval = 1000; // ms
 constexpr int kMostWarnings = 10;
-constexpr float kFittingSide = 2.0f; // units
-constexpr float kLeastSide = 1e-30f;
-
-int failedShaders = 0;
-int glErrors = 0;
-
-void GLAPIENTRY onGlMessage(GLenum, GLenum type, GLuint, GLenum, GLsizei, const GLchar *text, const void *)
-{
-    if (type != GL_DEBUG_TYPE_ERROR)
-        return;
-    ++glErrors;
-    complain(QStringLiteral("OpenGL error: %1").arg(QString::fromUtf8(text).trimmed()));
-}
 
 void printWarnings(const QStringList &warnings)
 {
@@ -50,13 +34,6 @@ void printWarnings(const QStringList &warnings)
 
 } // namespace
 
-Renderer::Renderer(const CommandLine &commandLine) : _commandLine(commandLine) {}
-
-Renderer::~Renderer()
-{
-    ShaderProgram::setFailureHandler({});
-}
-
 int Renderer::run()
 {
     // What can fail early and cheaply does; but some passes look at the context when they are made.
@@ -64,10 +41,8 @@ int Renderer::run()
                             &Renderer::loadModel, &Renderer::prepare, &Renderer::renderFrames, &Renderer::writePicture})
         if (!(this->*step)())
             return _exitCode;
-    if (failedShaders > 0)
-        fail(QStringLiteral("%1 shader program(s) failed").arg(failedShaders));
-    if (glErrors > 0)
-        fail(QStringLiteral("%1 OpenGL error(s)").arg(glErrors));
+    if (const qsizetype failures = _session.takeFailures().size(); failures > 0)
+        fail(QStringLiteral("%1 failed shader program(s) or OpenGL error(s)").arg(failures));
     return _exitCode;
 }
 
@@ -156,20 +131,8 @@ bool Renderer::checkOutputs()
 bool Renderer::openContext()
 {
     QString error;
-    HeadlessContext::Options options;
-    options.debug = _commandLine.debug;
-    _context = HeadlessContext::create(options, &error);
-    if (!_context)
+    if (!_session.open(_commandLine.debug, &error))
         return fail(error);
-    if (_commandLine.debug && (epoxy_gl_version() >= 43 || epoxy_has_gl_extension("GL_KHR_debug"))) {
-        glEnable(GL_DEBUG_OUTPUT);
-        glEnable(GL_DEBUG_OUTPUT_SYNCHRONOUS);
-        glDebugMessageCallback(&onGlMessage, nullptr);
-    }
-    ShaderProgram::setFailureHandler([](const ShaderFailure &failure) {
-        ++failedShaders;
-        complain(QStringLiteral("shader program '%1' failed:\n%2").arg(failure.label, failure.log));
-    });
     return _screen.resize(_commandLine.size, &error) || fail(error);
 }
 
@@ -186,17 +149,9 @@ bool Renderer::loadModel()
         printWarnings(report.warnings);
         return fail(report.error);
     }
-    if (_commandLine.scale == CommandLine::kScaleToFit)
-        scaleModel(&data, kFittingSide / std::max(longestSideOf(data), kLeastSide));
-    else if (_commandLine.scale != 1.0f)
-        scaleModel(&data, _commandLine.scale);
-    if (_commandLine.floor)
-        addFloor(&data);
     QString error;
-    for (const auto &[material, opacity] : _commandLine.opacities) {
-        if (!setOpacity(&data, material, opacity, &error))
-            return fail(QStringLiteral("--opacity: %1").arg(error), kUsage);
-    }
+    if (!applySettings(&data, _commandLine.scene, &error))
+        return fail(QStringLiteral("--opacity: %1").arg(error), kUsage);
     QStringList warnings;
     const bool uploaded = _model.upload(data, &warnings);
     printWarnings(report.warnings + warnings);
@@ -209,7 +164,11 @@ bool Renderer::loadModel()
                  .arg(data.materials.size())
                  .arg(report.images)
                  .arg(double(timer.elapsed()) / 1000.0, 0, 'f', 2));
-    _pipeline.setModel(&_model);
+    // The same materials and meshes once more: what was wrong with them was said above.
+    const bool hasOpaquePart = _pipeline.uses(QStringLiteral("opaque"));
+    if (hasOpaquePart && !_opaqueModel.upload(opaquePartOf(data)))
+        return fail(QStringLiteral("cannot put the opaque part of model '%1' on the GPU").arg(_commandLine.model));
+    _pipeline.setModel(&_model, hasOpaquePart ? &_opaqueModel : nullptr);
     if (!_listPass.isEmpty())
         _modelData = data;
     return true;
@@ -217,15 +176,9 @@ bool Renderer::loadModel()
 
 bool Renderer::prepare()
 {
-    const QSize size = _commandLine.size;
-    const float aspect = float(size.width()) / float(size.height());
-    Camera camera;
     QString error;
-    if (!Camera::parse(_commandLine.camera, _model.sceneBounds(), aspect, &camera, &error))
+    if (!aim(&_pipeline, _screen, _model.sceneBounds(), _commandLine.camera, &error))
         return fail(error, kUsage);
-    _pipeline.setCamera(camera.cameraMatrix(), camera.projectionMatrix(aspect), camera.nearPlane, camera.farPlane);
-    _pipeline.setViewport(QRect(QPoint(0, 0), size));
-    _pipeline.setScreen(_screen.framebuffer());
     _pipeline.setTimingEnabled(_commandLine.timings);
     return true;
 }
@@ -316,34 +269,33 @@ void Renderer::compare(const QString &pass)
     }
 }
 
+void Renderer::observe()
+{
+    _compared.resize(_commandLine.comparisons.size());
+    _pipeline.setPassObserver([this](const QString &pass, RenderPass *) {
+        dump(pass);
+        inspectLists(pass);
+        compare(pass);
+    });
+}
+
 bool Renderer::renderFrames()
 {
     QElapsedTimer total, sinceProgress;
     total.start();
     sinceProgress.start();
     const int frames = _commandLine.frames;
-    for (int frame = 0; frame < frames; ++frame) {
-        if (frame == frames - 1) {
-            _compared.resize(_commandLine.comparisons.size());
-            _pipeline.setPassObserver([this](const QString &pass, RenderPass *) {
-                dump(pass);
-                inspectLists(pass);
-                compare(pass);
-            });
-        }
-        _screen.clear();
-        QString error;
-        if (!_pipeline.render(nullptr, &error))
-            return fail(error);
-        // The first frame makes everything; the times of the others are those that count.
-        if (frame == 0 && frames > 1)
-            _pipeline.setTimingHistory(frames);
-        if (sinceProgress.elapsed() >= kProgressInterval && frame < frames - 1) {
-            progress(QStringLiteral("frame %1 of %2").arg(frame + 1).arg(frames));
-            sinceProgress.restart();
-        }
-    }
-    glFinish();
+    const auto before = [&](int frame) {
+        if (frame == frames - 1)
+            observe();
+        if (sinceProgress.elapsed() < kProgressInterval || frame == 0)
+            return;
+        progress(QStringLiteral("frame %1 of %2").arg(frame).arg(frames));
+        sinceProgress.restart();
+    };
+    QString error;
+    if (!::renderFrames(&_pipeline, &_screen, frames, before, &error))
+        return fail(error);
     progress(QStringLiteral("%1 frame(s) of %2x%3 in %4 s")
                  .arg(frames)
                  .arg(_commandLine.size.width())
@@ -361,15 +313,9 @@ bool Renderer::writePicture()
     if (_commandLine.output.isEmpty())
         return true;
     QString error;
-    QImage image = _screen.image(&error);
+    const QImage image = pictureOf(_screen, _commandLine.background, &error);
     if (image.isNull())
-        return fail(QStringLiteral("cannot read the picture back: %1").arg(error));
-    if (_commandLine.background.isValid()) {
-        QImage canvas(image.size(), QImage::Format_RGB32);
-        canvas.fill(_commandLine.background);
-        QPainter(&canvas).drawImage(0, 0, image);
-        image = canvas;
-    }
+        return fail(error);
     if (!writeImage(image, _commandLine.output, &error))
         return fail(error);
     progress(QStringLiteral("wrote %1").arg(_commandLine.output));

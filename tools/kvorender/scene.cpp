@@ -1,0 +1,73 @@
+#include "scene.h"
+
+#include "host/camera.h"
+
+#include <epoxy/gl.h>
+
+#include <QPainter>
+
+#include <algorithm>
+
+using namespace Brevane::Kvo;
+
+namespace {
+
+constexpr float kLeastSide = 1e-30f;
+
+} // namespace
+
+bool applySettings(ModelData *data, const SceneSettings &settings, QString *error)
+{
+    if (settings.scale == SceneSettings::kScaleToFit)
+        scaleModel(data, kFittingSide / std::max(longestSideOf(*data), kLeastSide));
+    else if (settings.scale != 1.0f)
+        scaleModel(data, settings.scale);
+    if (settings.floor)
+        addFloor(data);
+    return std::all_of(settings.opacities.begin(), settings.opacities.end(),
+                       [&](const auto &one) { return setOpacity(data, one.first, one.second, error); });
+}
+
+bool aim(Pipeline *pipeline, const ScreenTarget &screen, const GPUModel::BoundingBox &bounds, const QString &settings,
+         QString *error)
+{
+    const QSize size = screen.size();
+    const float aspect = float(size.width()) / float(size.height());
+    Camera camera;
+    if (!Camera::parse(settings, bounds, aspect, &camera, error))
+        return false;
+    pipeline->setCamera(camera.cameraMatrix(), camera.projectionMatrix(aspect), camera.nearPlane, camera.farPlane);
+    pipeline->setViewport(QRect(QPoint(0, 0), size));
+    pipeline->setScreen(screen.framebuffer());
+    return true;
+}
+
+bool renderFrames(Pipeline *pipeline, ScreenTarget *screen, int frames, const std::function<void(int)> &before,
+                  QString *error)
+{
+    for (int frame = 0; frame < frames; ++frame) {
+        before(frame);
+        screen->clear();
+        if (!pipeline->render(nullptr, error))
+            return false;
+        if (frame == 0 && frames > 1)
+            pipeline->setTimingHistory(frames);
+    }
+    glFinish();
+    return true;
+}
+
+QImage pictureOf(const ScreenTarget &screen, const QColor &background, QString *error)
+{
+    QImage image = screen.image(error);
+    if (image.isNull()) {
+        *error = QStringLiteral("cannot read the picture back: %1").arg(*error);
+        return image;
+    }
+    if (!background.isValid())
+        return image;
+    QImage canvas(image.size(), QImage::Format_RGB32);
+    canvas.fill(background);
+    QPainter(&canvas).drawImage(0, 0, image);
+    return canvas;
+}
