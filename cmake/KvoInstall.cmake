@@ -14,10 +14,14 @@ file(RELATIVE_PATH bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_
 file(RELATIVE_PATH KVO_PC_TO_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 string(REGEX REPLACE "/$" "" KVO_PC_TO_PREFIX ${KVO_PC_TO_PREFIX})
 
-if(TARGET kvorender)
-  set_target_properties(kvorender PROPERTIES INSTALL_RPATH "\$ORIGIN/${bin_to_lib}")
-  install(TARGETS kvorender RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-endif()
+# kvoview is not part of every build, nor of what a demo builds.
+foreach(tool kvorender kvoview)
+  if(NOT TARGET ${tool})
+    continue()
+  endif()
+  set_target_properties(${tool} PROPERTIES INSTALL_RPATH "\$ORIGIN/${bin_to_lib}")
+  install(TARGETS ${tool} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} OPTIONAL)
+endforeach()
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Kvo)
 install(EXPORT KvoTargets NAMESPACE Kvo:: DESTINATION ${package_dir})
