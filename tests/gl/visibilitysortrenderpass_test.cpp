@@ -3,6 +3,7 @@
 #include "support/gltest.h"
 #include "support/listreadback.h"
 #include "support/passes.h"
+#include "support/shaderedit.h"
 
 #include <gl/glinfo.h>
 #include <gl/shaderprogram.h>
@@ -325,6 +326,24 @@ TEST_F(VisibilitySort, SortedReversedAndEqualListsAreNoTrap)
         perPixel[2].push_back({i, i, 0.5f});
         perPixel[3].push_back({i, i, float(i % 2)});
     }
+    sort(perPixel, 2, 2);
+}
+
+TEST_F(VisibilitySort, TheLargerPartWaitsSoThatTheStackStaysAsDeepAsTheLogarithm)
+{
+    KVO_REQUIRE_IMAGE_STORES();
+    // Parts get half as long from level to level: 50 fragments never come beyond level 6.
+    const QList<QPair<QByteArray, QByteArray>> marks{
+        {"      ++i;\n", "      ++i;\n      if(i > 6) fragments[l].m_primitiveID = 0xFFFFFFFFu;\n"}};
+    const ShaderEdit edit(marks);
+    std::mt19937 random(6);
+    std::vector<std::vector<Payload>> perPixel(4);
+    for (quint32 i = 0; i < 50; ++i) {
+        perPixel[0].push_back({i, i, float(i) / 64});
+        perPixel[1].push_back({i, i, float(50 - i) / 64});
+        perPixel[2].push_back({i, i, 0.5f});
+    }
+    perPixel[3] = randomList(random, 50, 1 << 20);
     sort(perPixel, 2, 2);
 }
 
