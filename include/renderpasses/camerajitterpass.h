@@ -4,8 +4,11 @@
 #include "renderpasses/export.h"
 
 #include <QMatrix4x4>
+#include <QVariant>
 #include <QVector2D>
 #include <QVector>
+
+#include <array>
 
 namespace Brevane::Kvo {
 
@@ -46,6 +49,9 @@ private:
     int _framesLeft = 30;
     int _jitterIndex = -1;
     QVector<QVector2D> _jitterTable;
+    /// In turn, so that one is free to be written to while consumers of the output share the other.
+    std::array<QVariant, 2> _projections;
+    std::size_t _nextProjection = 0;
 };
 
 } // namespace Brevane::Kvo

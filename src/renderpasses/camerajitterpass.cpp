@@ -20,6 +20,15 @@ double randomOffset()
     return double(float(std::rand() % 32768)) / 32767.0 - 0.5;
 }
 
+// Into the memory that the variant has, unless something shares it.
+void assign(QVariant &variant, const QMatrix4x4 &matrix)
+{
+    if (variant.metaType() == QMetaType::fromType<QMatrix4x4>())
+        *static_cast<QMatrix4x4 *>(variant.data()) = matrix;
+    else
+        variant = matrix;
+}
+
 } // namespace
 
 CameraJitterPass::CameraJitterPass() : _jitterTable{QVector2D(0.25f, -0.25f), QVector2D(-0.25f, 0.25f)}
@@ -73,7 +82,10 @@ void CameraJitterPass::start(RenderCallbacks *)
     // In front of the projection, so that after the perspective divide every point moves alike.
     QMatrix4x4 shift;
     shift.translate(float(x * 2.0 / extent.width), float(y * 2.0 / extent.height), 0.0f);
-    _outputs[kProjectionOut].value = shift * projection;
+    QVariant &jittered = _projections[_nextProjection];
+    _nextProjection = 1 - _nextProjection;
+    assign(jittered, shift * projection);
+    _outputs[kProjectionOut].value = jittered;
     _outputs[kJitterIndex].value = _jitterIndex;
 }
 

@@ -1,3 +1,4 @@
+#include "support/allocations.h"
 #include "support/passes.h"
 
 #include <renderpasses/camerajitterpass.h>
@@ -221,4 +222,37 @@ TEST_F(Jitter, ACopyGoesOnByItself)
     copy.start(nullptr);
     EXPECT_EQ(copy.output(1).toInt(), 1);
     EXPECT_EQ(index(), 0);
+}
+
+TEST_F(Jitter, SteadyFrameTakesNothingFromTheHeap)
+{
+    // A host hands the projection on in every frame, so a consumer shares the last one.
+    QVariant consumer;
+    if (!allocationsAreCounted())
+        GTEST_SKIP() << "allocations are not counted in this build";
+    const auto frame = [&] {
+        runFrame(pass);
+        consumer = pass.output(0);
+    };
+    for (int i = 0; i < 3; ++i)
+        frame();
+    const AllocationCounter allocations;
+    frame();
+    frame();
+    EXPECT_EQ(allocations.count(), 0);
+}
+
+TEST_F(Jitter, WhatAConsumerHoldsStaysAsItWas)
+{
+    QList<QVariant> held;
+    QList<QMatrix4x4> values;
+    for (int i = 0; i < 5; ++i) {
+        projection.translate(0.1f, 0, 0);
+        pass.setInput(kProjection, projection);
+        pass.start(nullptr);
+        held.append(pass.output(0));
+        values.append(qvariant_cast<QMatrix4x4>(held.last()));
+    }
+    for (int i = 0; i < 5; ++i)
+        EXPECT_EQ(qvariant_cast<QMatrix4x4>(held[i]), values[i]) << i;
 }
