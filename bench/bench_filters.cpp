@@ -8,10 +8,12 @@
 
 #include "support/antialiasingscenes.h"
 #include "support/draw.h"
+#include "support/scenes.h"
 
 #include <gl/texture.h>
 #include <renderpasses/blendrenderpass.h>
 #include <renderpasses/blurandcombinerenderpass.h>
+#include <renderpasses/camerajitterpass.h>
 #include <renderpasses/depthoffieldrenderpass.h>
 #include <renderpasses/fastapproximateantialiasingrenderpass.h>
 #include <renderpasses/gaussianblurrenderpass.h>
@@ -76,6 +78,9 @@ public:
         smaa.setInput(2, 0);
         smaaT2x.setInput(2, 1);
         smaaT2x.setInput(5, textureToVariant(depth.get()));
+        jitter.setInput(0, QRect(0, 0, width, height));
+        jitter.setInput(1, Test::perspective(1.5f));
+        jitter.setInput(2, Test::cameraAt(2));
     }
     ~Filters()
     {
@@ -101,6 +106,7 @@ public:
         add("TemporalAARenderPass", mean);
         add("SMAARenderPass 1x", smaa);
         add("SMAARenderPass T2x", smaaT2x);
+        add("CameraJitterPass", jitter);
     }
 
     std::unique_ptr<Texture> image;
@@ -115,6 +121,7 @@ public:
     TemporalAARenderPass mean;
     SMAARenderPass smaa;
     SMAARenderPass smaaT2x;
+    CameraJitterPass jitter;
 
 private:
     int _width;

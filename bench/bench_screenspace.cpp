@@ -94,12 +94,13 @@ public:
         const auto add = [&](const char *name, RenderPass &pass) {
             subjects.push_back({name + size, &pass, _width, _height});
         };
+        add("PrimitiveBuilderRenderPass", builder);
         add("GBufferRenderPass", gbuffer);
         add("DeferredRenderPass", shading);
         add("CameraSpaceZBufferRenderPass", unproject);
-        add("ScalableAmbientObscurance, depth", fromDepth);
-        add("ScalableAmbientObscurance, positions", fromPositions);
-        add("ScalableAmbientObscurance, positions / 2", divided);
+        add("ScalableAmbientObscuranceRenderPass depth", fromDepth);
+        add("ScalableAmbientObscuranceRenderPass positions", fromPositions);
+        add("ScalableAmbientObscuranceRenderPass positions / 2", divided);
         add("LuminanceAverageRenderPass", luminance);
     }
 

@@ -196,11 +196,12 @@ int main(int argc, char **argv)
             viewportLayer = layeredPass(Path::ViewportLayer, context);
 
         std::vector<Subject> subjects;
-        subjects.push_back({"ShadowMapRenderPass", &plain, kSide, kSide});
-        subjects.push_back({"ShadowMapRenderPass2, batch", batch.get(), kSide, kSide});
-        subjects.push_back({"ShadowMapRenderPass2, per layer", perLayer.get(), kSide, kSide});
+        const std::string size = QString::asprintf("/%dx%d", kSide, kSide).toStdString();
+        subjects.push_back({"ShadowMapRenderPass" + size, &plain, kSide, kSide});
+        subjects.push_back({"ShadowMapRenderPass2 batch" + size, batch.get(), kSide, kSide});
+        subjects.push_back({"ShadowMapRenderPass2 per layer" + size, perLayer.get(), kSide, kSide});
         if (viewportLayer)
-            subjects.push_back({"ShadowMapRenderPass2, viewport layer", viewportLayer.get(), kSide, kSide});
+            subjects.push_back({"ShadowMapRenderPass2 viewport layer" + size, viewportLayer.get(), kSide, kSide});
         for (std::size_t i = 1; i < subjects.size(); ++i)
             connect(static_cast<ShadowMapRenderPass2 &>(*subjects[i].pass), model);
         registerAll(subjects);

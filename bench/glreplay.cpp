@@ -15,15 +15,20 @@ namespace Brevane::Kvo::Bench {
 
 namespace {
 
-// The calls that passes make in a steady frame, without queries.
+// The calls that passes make in a steady frame.
 // clang-format off
 #define KVO_REPLAYED(X)                                                                                                \
-    X(ActiveTexture) X(BindBuffer) X(BindBufferBase) X(BindBufferRange) X(BindFramebuffer) X(BindImageTexture) X(BindTexture) X(BindVertexArray) X(BlendColor)                  \
-    X(BlendEquation) X(BlendFunc) X(BlendFuncSeparate) X(BlitFramebuffer) X(BufferSubData) X(Clear) X(ClearBufferfi) X(ClearBufferfv) X(ClearBufferuiv) X(ClearColor) X(ClearStencil) X(ColorMask)               \
-    X(DepthMask) X(Disable) X(DrawArrays) X(DrawBuffer) X(DrawBuffers) X(DrawElements) X(Enable)                       \
-    X(FramebufferTexture) X(FramebufferTexture2D) X(FramebufferTextureLayer) X(FrontFace) X(GenerateMipmap) X(MemoryBarrier) X(MultiDrawElementsIndirect)          \
-    X(ReadBuffer) X(ReadPixels) X(Scissor) X(StencilFunc) X(StencilMask) X(StencilOp) X(Uniform1f) X(Uniform1fv) X(Uniform1i) X(Uniform1ui) X(Uniform2fv)        \
-    X(Uniform3fv) X(Uniform4fv) X(UniformMatrix4fv) X(UseProgram) X(VertexAttribI1ui) X(Viewport)
+    X(ActiveTexture) X(BindBuffer) X(BindBufferBase) X(BindBufferRange) X(BindFramebuffer) X(BindImageTexture)         \
+    X(BindTexture) X(BindVertexArray) X(BlendColor) X(BlendEquation) X(BlendFunc) X(BlendFuncSeparate)                 \
+    X(BlitFramebuffer) X(BufferSubData) X(CheckFramebufferStatus) X(Clear) X(ClearBufferfi) X(ClearBufferfv)           \
+    X(ClearBufferuiv) X(ClearColor) X(ClearStencil) X(ColorMask) X(DepthFunc) X(DepthMask) X(DepthRange)               \
+    X(Disable) X(DrawArrays) X(DrawBuffer) X(DrawBuffers) X(DrawElements) X(Enable) X(FramebufferTexture)              \
+    X(FramebufferTexture2D) X(FramebufferTextureLayer) X(FrontFace) X(GenerateMipmap) X(GetBooleanv)                   \
+    X(GetFloatv) X(GetIntegeri_v) X(GetInteger64i_v) X(GetIntegerv) X(GetTexLevelParameteriv)                          \
+    X(GetTexParameteriv) X(IsEnabled) X(IsEnabledi) X(MemoryBarrier) X(MultiDrawElementsIndirect) X(ReadBuffer)        \
+    X(ReadPixels) X(Scissor) X(StencilFunc) X(StencilMask) X(StencilOp) X(TexParameteri) X(Uniform1f)                  \
+    X(Uniform1fv) X(Uniform1i) X(Uniform1ui) X(Uniform2fv) X(Uniform3fv) X(Uniform4fv) X(UniformMatrix4fv)             \
+    X(UseProgram) X(VertexAttribI1ui) X(Viewport)
 // clang-format on
 
 enum Function : int {
@@ -39,12 +44,13 @@ constexpr const char *kNames[] = {
 #undef X
 };
 
-int functionOf(const char *name)
+int knownFunction(const char *name)
 {
     for (int i = 0; i < Count; ++i)
         if (std::strcmp(kNames[i], name) == 0)
             return i;
-    return -1;
+    std::fprintf(stderr, "%s is not known to the replay\n", name);
+    std::abort();
 }
 
 // Queries, and filters and wraps, which a program of its own would set when it makes its textures.
@@ -66,7 +72,27 @@ void *pointer(double address)
 
 } // namespace
 
-GLReplay::GLReplay(const Test::GlCalls &recorded)
+GLReplay::Call GLReplay::ready(const Test::GlCall &call, int function)
+{
+    Call made{function, call.args, {}, {}};
+    for (double value : call.data) {
+        made.floats.push_back(float(value));
+        made.names.push_back(unsigned(value));
+    }
+    return made;
+}
+
+GLReplay::GLReplay(const Test::GlCalls &recorded, Calls which)
+{
+    if (which == Calls::Needed) {
+        _reduce(recorded);
+        return;
+    }
+    for (const Test::GlCall &call : recorded.all())
+        _calls.push_back(ready(call, knownFunction(call.name)));
+}
+
+void GLReplay::_reduce(const Test::GlCalls &recorded)
 {
     std::map<BindingPoint, double> wanted;
     std::map<BindingPoint, double> present;
@@ -105,9 +131,8 @@ GLReplay::GLReplay(const Test::GlCalls &recorded)
     for (const Test::GlCall &call : recorded.all()) {
         if (isLeftOut(call.name))
             continue;
-        const int function = functionOf(call.name);
+        const int function = knownFunction(call.name);
         switch (function) {
-        case -1: std::fprintf(stderr, "%s is not known to the replay\n", call.name); std::abort();
         case ActiveTexture: wantedUnit = call.args[0]; continue;
         case BindTexture: wanted[{BindTexture, wantedUnit * 65536 + call.args[0]}] = call.args[1]; continue;
         case BindFramebuffer:
@@ -161,17 +186,17 @@ GLReplay::GLReplay(const Test::GlCalls &recorded)
             break;
         default: break;
         }
-        Call made{function, call.args, {}, {}};
-        for (double value : call.data) {
-            made.floats.push_back(float(value));
-            made.names.push_back(unsigned(value));
-        }
-        _calls.push_back(std::move(made));
+        _calls.push_back(ready(call, function));
     }
 }
 
 void GLReplay::run() const
 {
+    // What queries answer; nobody reads it.
+    GLint integers[16];
+    GLint64 longs[4];
+    GLfloat floats[16];
+    GLboolean booleans[16];
     for (const Call &c : _calls) {
         const auto &a = c.args;
         const auto u = [&a](size_t i) { return GLuint(a[i]); };
@@ -198,6 +223,7 @@ void GLReplay::run() const
             break;
         }
         case BlitFramebuffer: glBlitFramebuffer(i(0), i(1), i(2), i(3), i(4), i(5), i(6), i(7), u(8), u(9)); break;
+        case CheckFramebufferStatus: glCheckFramebufferStatus(u(0)); break;
         case Clear: glClear(u(0)); break;
         case ClearBufferfi: glClearBufferfi(u(0), i(1), f(2), i(3)); break;
         case ClearBufferfv: glClearBufferfv(u(0), i(1), c.floats.data()); break;
@@ -209,6 +235,8 @@ void GLReplay::run() const
         case ClearColor: glClearColor(f(0), f(1), f(2), f(3)); break;
         case ClearStencil: glClearStencil(i(0)); break;
         case ColorMask: glColorMask(a[0] != 0, a[1] != 0, a[2] != 0, a[3] != 0); break;
+        case DepthFunc: glDepthFunc(u(0)); break;
+        case DepthRange: glDepthRange(a[0], a[1]); break;
         case DepthMask: glDepthMask(a[0] != 0); break;
         case Disable: glDisable(u(0)); break;
         case DrawArrays: glDrawArrays(u(0), i(1), i(2)); break;
@@ -221,6 +249,15 @@ void GLReplay::run() const
         case FramebufferTextureLayer: glFramebufferTextureLayer(u(0), u(1), u(2), i(3), i(4)); break;
         case FrontFace: glFrontFace(u(0)); break;
         case GenerateMipmap: glGenerateMipmap(u(0)); break;
+        case GetBooleanv: glGetBooleanv(u(0), booleans); break;
+        case GetFloatv: glGetFloatv(u(0), floats); break;
+        case GetIntegeri_v: glGetIntegeri_v(u(0), u(1), integers); break;
+        case GetInteger64i_v: glGetInteger64i_v(u(0), u(1), longs); break;
+        case GetIntegerv: glGetIntegerv(u(0), integers); break;
+        case GetTexLevelParameteriv: glGetTexLevelParameteriv(u(0), i(1), u(2), integers); break;
+        case GetTexParameteriv: glGetTexParameteriv(u(0), u(1), integers); break;
+        case IsEnabled: glIsEnabled(u(0)); break;
+        case IsEnabledi: glIsEnabledi(u(0), u(1)); break;
         case MemoryBarrier: glMemoryBarrier(u(0)); break;
         case MultiDrawElementsIndirect: glMultiDrawElementsIndirect(u(0), u(1), pointer(a[2]), i(3), i(4)); break;
         case ReadBuffer: glReadBuffer(u(0)); break;
@@ -235,6 +272,7 @@ void GLReplay::run() const
         case StencilFunc: glStencilFunc(u(0), i(1), u(2)); break;
         case StencilMask: glStencilMask(u(0)); break;
         case StencilOp: glStencilOp(u(0), u(1), u(2)); break;
+        case TexParameteri: glTexParameteri(u(0), u(1), i(2)); break;
         case Uniform1f: glUniform1f(i(0), f(1)); break;
         case Uniform1fv: glUniform1fv(i(0), i(1), c.floats.data()); break;
         case Uniform1i: glUniform1i(i(0), i(1)); break;
@@ -282,7 +320,34 @@ EntryPoints &bareEntryPoints()
     return points;
 }
 
+template <typename Result, typename... Args>
+Result doNothing(Args...)
+{
+    return Result();
+}
+
+template <typename Result, typename... Args>
+constexpr auto idle(Result (*)(Args...))
+{
+    return &doNothing<Result, Args...>;
+}
+
 } // namespace
+
+NoGLScope::NoGLScope()
+{
+    bareEntryPoints();
+    setEntryPoints({
+#define X(name) idle(epoxy_gl##name),
+        KVO_GL_FUNCTIONS(X)
+#undef X
+    });
+}
+
+NoGLScope::~NoGLScope()
+{
+    setEntryPoints(bareEntryPoints());
+}
 
 RecorderScope::RecorderScope()
 {

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <ctime>
 #include <vector>
 
 namespace Brevane::Kvo::Bench {
@@ -13,6 +14,8 @@ namespace Brevane::Kvo::Bench {
 /// Pairs that are measured after a few that only warm up.
 constexpr int kPairs = 120;
 constexpr int kWarmUp = 10;
+/// Rounds where a frame takes microseconds.
+constexpr int kRounds = 500;
 
 inline double median(std::vector<double> values)
 {
@@ -30,6 +33,23 @@ double secondsOf(Function &&function)
     function();
     glFinish();
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+/// Microseconds of this thread until it has told GL what to do.
+template <typename Function>
+double issuingMicroseconds(Function &&function)
+{
+    const auto now = [] {
+        timespec t{};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+        return double(t.tv_sec) * 1e6 + double(t.tv_nsec) * 1e-3;
+    };
+    glFinish();
+    const double start = now();
+    function();
+    const double end = now();
+    glFinish();
+    return end - start;
 }
 
 /// Runs two ways of doing one thing in turn, each first every other time, so that whatever else the
