@@ -1,5 +1,6 @@
 #include "gl/contextstate.h"
 
+#include "gl/contextscope.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/texturemanager.h"
 
@@ -52,15 +53,27 @@ struct LastLookUp
 {
     NativeContext native;
     ContextState *state = nullptr;
+    bool holds = false; ///< For the rest of the outermost scope.
 };
 
-thread_local LastLookUp lastLookUp;
+// One variable, since finding a thread's costs more than reading it.
+struct ThreadState
+{
+    LastLookUp lastLookUp;
+    int openScopes = 0;
+};
+
+ThreadState &threadState()
+{
+    thread_local ThreadState state;
+    return state;
+}
 
 // The next look-up has to be a full one: that is where pending deletions are carried out.
 void deleteLater(NameStore &names, NameKind kind, unsigned int name)
 {
     names.destroyLater(kind, name);
-    lastLookUp = {};
+    threadState().lastLookUp = {};
 }
 
 /// Binds a buffer for its scope; the copy targets are their own query.
@@ -93,6 +106,26 @@ void deleteName(NameKind kind, unsigned int name)
 }
 
 } // namespace
+
+ContextScope::ContextScope()
+{
+    ThreadState &thread = threadState();
+    if (thread.openScopes++ == 0)
+        thread.lastLookUp.holds = false;
+}
+
+ContextScope::~ContextScope()
+{
+    --threadState().openScopes;
+}
+
+ContextScopePause::ContextScopePause() : _scopes(std::exchange(threadState().openScopes, 0)) {}
+
+ContextScopePause::~ContextScopePause()
+{
+    threadState().openScopes = _scopes;
+    threadState().lastLookUp.holds = false;
+}
 
 unsigned int NameStore::create(NameKind kind)
 {
@@ -223,11 +256,16 @@ ContextState::~ContextState() = default;
 
 ContextState *ContextState::current()
 {
-    const NativeContext native = NativeContext::current();
-    if (native == lastLookUp.native)
+    auto &[lastLookUp, openScopes] = threadState();
+    if (openScopes > 0 && lastLookUp.holds)
         return lastLookUp.state;
+    const NativeContext native = NativeContext::current();
+    if (native == lastLookUp.native) {
+        lastLookUp.holds = true;
+        return lastLookUp.state;
+    }
 
-    lastLookUp = {native, nullptr};
+    lastLookUp = {native, nullptr, true};
     if (!native.handle)
         return nullptr;
 
@@ -236,7 +274,7 @@ ContextState *ContextState::current()
     if (found != contexts.end() && !found->second->group->isVisible()) {
         // The host destroyed that context without telling, and another one got its handle.
         found->second->release(false);
-        lastLookUp.native = native;
+        lastLookUp = {native, nullptr, true};
         found = contexts.end();
     }
     if (found == contexts.end()) {
@@ -276,7 +314,7 @@ QSharedPointer<ContextState> ContextState::currentVerified()
     QSharedPointer<ContextState> state = currentShared();
     if (state && !state->group->isVisible()) {
         // As in current, which does not look when the handle is the one of its last call.
-        lastLookUp = {};
+        threadState().lastLookUp = {};
         state = currentShared();
     }
     return state;
@@ -305,7 +343,7 @@ void ContextState::release(bool contextIsAlive)
     if (lastOfGroup)
         group->release();
     device->_state = nullptr;
-    lastLookUp = {};
+    threadState().lastLookUp = {};
     // Last: this may destroy the state itself, and with it its share group.
     registry().erase(_native.handle);
 }
@@ -410,16 +448,17 @@ bool ObjectName::isUsableIn(const ContextState &state) const
 
 PerContextNames::Entry *PerContextNames::current()
 {
-    const QSharedPointer<ContextState> state = ContextState::currentShared();
+    const ContextState *state = ContextState::current();
     if (!state)
         return nullptr;
     for (Entry &entry : _entries) {
-        if (entry.context == state)
+        if (entry.state == state && !entry.context.isNull())
             return &entry;
     }
     std::erase_if(_entries, [](const Entry &entry) { return entry.context.isNull(); });
     Entry entry;
-    entry.context = state;
+    entry.context = ContextState::currentShared();
+    entry.state = state;
     if (!entry.name.create(_kind))
         return nullptr;
     _entries.push_back(std::move(entry));
@@ -430,7 +469,7 @@ unsigned int PerContextNames::currentId() const
 {
     const ContextState *state = ContextState::current();
     for (const Entry &entry : _entries) {
-        if (state && entry.name.isUsableIn(*state))
+        if (state && entry.state == state && !entry.context.isNull())
             return entry.name.id();
     }
     return 0;

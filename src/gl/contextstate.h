@@ -118,6 +118,19 @@ private:
     int _unitCount = 0;
 };
 
+/// Undoes the ContextScopes around it for its scope, where code of the host's runs.
+class ContextScopePause
+{
+public:
+    ContextScopePause();
+    ~ContextScopePause();
+    ContextScopePause(const ContextScopePause &) = delete;
+    ContextScopePause &operator=(const ContextScopePause &) = delete;
+
+private:
+    int _scopes;
+};
+
 /// A GL name that knows where it lives. It deletes itself there, at once or, when another context is
 /// current, as soon as its own is again; it reads 0 once its context is gone.
 class ObjectName
@@ -152,6 +165,7 @@ public:
     struct Entry
     {
         QWeakPointer<ContextState> context;
+        const ContextState *state = nullptr; ///< That context, to compare with.
         ObjectName name;
         quint64 revision = 0;
     };

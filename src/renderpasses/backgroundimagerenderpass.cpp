@@ -1,5 +1,6 @@
 #include "renderpasses/backgroundimagerenderpass.h"
 
+#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -135,6 +136,7 @@ void BackgroundImageRenderPass::teardown(RenderCallbacks *) {}
 
 void BackgroundImageRenderPass::start(RenderCallbacks *callbacks)
 {
+    const ContextScope scope;
     const Extent extent = extentOf(_inputs[kViewport].value);
     const float fade1 = _inputs[kFadeRatio].value.toFloat();
     const float fade2 = _inputs[kFadeRatio2].value.toFloat();

@@ -1,5 +1,6 @@
 #include "renderpasses/blendrenderpass.h"
 
+#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -260,6 +261,7 @@ BlendRenderPass::~BlendRenderPass()
 
 void BlendRenderPass::start(RenderCallbacks *)
 {
+    const ContextScope scope;
     // By name: hosts derive from this pass and add slots of their own.
     const QVariant viewportValue = _inputs[findInput(viewportName())].value;
     const QVariant frameAValue = _inputs[findInput(frameAName())].value;

@@ -1,5 +1,6 @@
 #include "renderpasses/blurandcombinerenderpass.h"
 
+#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -112,6 +113,7 @@ BlurAndCombineRenderPass::~BlurAndCombineRenderPass()
 
 void BlurAndCombineRenderPass::start(RenderCallbacks *callbacks)
 {
+    const ContextScope scope;
     const auto radius = qvariant_cast<float>(_inputs[kBlurRadius].value);
     _glowThreshold = qvariant_cast<float>(_inputs[kGlowThreshold].value);
     _glowAmount = qvariant_cast<float>(_inputs[kGlowAmount].value);

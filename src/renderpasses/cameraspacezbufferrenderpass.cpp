@@ -1,5 +1,6 @@
 #include "renderpasses/cameraspacezbufferrenderpass.h"
 
+#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -79,6 +80,7 @@ CameraSpaceZBufferRenderPass::~CameraSpaceZBufferRenderPass()
 
 void CameraSpaceZBufferRenderPass::start(RenderCallbacks *)
 {
+    const ContextScope scope;
     const Extent extent = extentOf(_inputs[kViewport].value);
     const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
     Texture *depth = typedTexture(_inputs[kDepth].value);

@@ -1,5 +1,6 @@
 #include "renderpasses/deferredrenderpass.h"
 
+#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -97,6 +98,7 @@ DeferredRenderPass::~DeferredRenderPass()
 
 void DeferredRenderPass::start(RenderCallbacks *)
 {
+    const ContextScope scope;
     const Extent extent = extentOf(_inputs[kViewport].value);
     const auto camera = qvariant_cast<QMatrix4x4>(_inputs[kCameraMatrix].value);
     const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);

@@ -1,5 +1,6 @@
 #include "renderpasses/depthoffieldrenderpass.h"
 
+#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -274,6 +275,7 @@ DepthOfFieldRenderPass::~DepthOfFieldRenderPass()
 
 void DepthOfFieldRenderPass::start(RenderCallbacks *)
 {
+    const ContextScope scope;
     const Extent extent = extentOf(_inputs[kViewport].value);
     Texture *frame = objectTexture(_inputs[kFrame].value);
     if (!frame) {

@@ -1,5 +1,6 @@
 #include "renderpasses/fastapproximateantialiasingrenderpass.h"
 
+#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -92,6 +93,7 @@ FastApproximateAntiAliasingRenderPass::~FastApproximateAntiAliasingRenderPass()
 
 void FastApproximateAntiAliasingRenderPass::start(RenderCallbacks *)
 {
+    const ContextScope scope;
     const Extent extent = extentOf(_inputs[kViewport].value);
     const float subPixel = validOr(_inputs[kSubPixelQuality].value, 0.75f);
     const float rcpFrame = validOr(_inputs[kRcpFrameQuality].value, 1.0f);

@@ -1,5 +1,6 @@
 #include "renderpasses/forwardrenderpass.h"
 
+#include "gl/contextscope.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
 #include "gl/shaderprogram.h"
@@ -83,6 +84,7 @@ ForwardRenderPass::~ForwardRenderPass()
 
 void ForwardRenderPass::start(RenderCallbacks *)
 {
+    const ContextScope scope;
     const Extent extent = extentOf(_inputs[kViewport].value);
     const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
     const auto camera = qvariant_cast<QMatrix4x4>(_inputs[kCameraMatrix].value);

@@ -1,5 +1,6 @@
 #include "renderpasses/gaussianblurrenderpass.h"
 
+#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -41,6 +42,7 @@ GaussianBlurRenderPass::~GaussianBlurRenderPass() = default;
 
 void GaussianBlurRenderPass::start(RenderCallbacks *)
 {
+    const ContextScope scope;
     const auto radius = qvariant_cast<float>(_inputs[kBlurRadius].value);
     auto divider = qvariant_cast<float>(_inputs[kResolutionDivider].value);
     if (double(divider) < 0.01)

@@ -1,5 +1,6 @@
 #include "renderpasses/gbufferrenderpass.h"
 
+#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -97,6 +98,7 @@ GBufferRenderPass::~GBufferRenderPass()
 
 void GBufferRenderPass::start(RenderCallbacks *)
 {
+    const ContextScope scope;
     const Extent extent = extentOf(_inputs[kViewport].value);
     glViewport(0, 0, extent.width, extent.height);
     const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);

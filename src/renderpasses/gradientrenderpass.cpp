@@ -1,5 +1,6 @@
 #include "renderpasses/gradientrenderpass.h"
 
+#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -91,6 +92,7 @@ GradientRenderPass::~GradientRenderPass()
 
 void GradientRenderPass::start(RenderCallbacks *)
 {
+    const ContextScope scope;
     const Extent extent = extentOf(_inputs[kViewport].value);
     if (made(_fbo, "GradientRenderPass") || extent != Extent{_width, _height}) {
         _width = extent.width;

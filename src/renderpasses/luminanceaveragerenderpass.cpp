@@ -1,5 +1,6 @@
 #include "renderpasses/luminanceaveragerenderpass.h"
 
+#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -126,6 +127,7 @@ LuminanceAverageRenderPass::~LuminanceAverageRenderPass()
 
 void LuminanceAverageRenderPass::start(RenderCallbacks *)
 {
+    const ContextScope scope;
     const int viewportSlot = findInput(viewportName());
     const int textureSlot = findInput(textureName());
     const int frameSlot = findOutput(frameName());

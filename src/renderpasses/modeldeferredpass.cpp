@@ -1,5 +1,6 @@
 #include "renderpasses/modeldeferredpass.h"
 
+#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -85,6 +86,7 @@ ModelDeferredPass::~ModelDeferredPass()
 // The light is fixed to the camera, so the matrices of inputs 1 and 2 do not enter.
 void ModelDeferredPass::start(RenderCallbacks *)
 {
+    const ContextScope scope;
     const Extent extent = extentOf(_inputs[kViewport].value);
     const auto textureOr = [this](Input input) {
         Texture *texture = objectTexture(_inputs[input].value);

@@ -1,6 +1,7 @@
 #include "renderpasses/scalableambientobscurancerenderpass.h"
 
 #include "core/log.h"
+#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/glinfo.h"
@@ -272,6 +273,7 @@ ScalableAmbientObscuranceRenderPass::~ScalableAmbientObscuranceRenderPass()
 
 void ScalableAmbientObscuranceRenderPass::start(RenderCallbacks *)
 {
+    const ContextScope scope;
     const Extent viewport = extentOf(_inputs[kViewport].value);
     float divider = _inputs[kResolutionDivider].value.toFloat();
     if (divider == 0.0f)

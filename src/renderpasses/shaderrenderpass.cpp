@@ -1,5 +1,6 @@
 #include "renderpasses/shaderrenderpass.h"
 
+#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -207,6 +208,7 @@ void ShaderRenderPass::_buildProgram()
 
 void ShaderRenderPass::start(RenderCallbacks *)
 {
+    const ContextScope scope;
     bool clear = _clear;
     Extent extent;
     if (const int viewport = findInput(viewportName()); viewport >= 0)

@@ -2,6 +2,7 @@
 
 #include "core/log.h"
 #include "gl/bufferobject.h"
+#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/glslmacroprocessor.h"
@@ -341,6 +342,7 @@ void ShadowMapRenderPass::setInstanceDataPlanName(const QString &name)
 
 void ShadowMapRenderPass::start(RenderCallbacks *)
 {
+    const ContextScope scope;
     GPUModel *model = castersIn(_inputs[kGeometry].value, __FILE__, __LINE__);
     const QSize mapSize = qvariant_cast<QSize>(_inputs[kMapSize].value);
     const QVariantList instanceData = qvariant_cast<QVariantList>(_inputs[kInstanceData].value);

@@ -1,6 +1,7 @@
 #include "renderpasses/shadowmaprenderpass2.h"
 
 #include "core/log.h"
+#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/glinfo.h"
@@ -366,6 +367,7 @@ void ShadowMapRenderPass2::setInstanceDataPlanName(const QString &name)
 
 void ShadowMapRenderPass2::start(RenderCallbacks *)
 {
+    const ContextScope scope;
     GPUModel *model = castersIn(_inputs[kGeometry].value, __FILE__, __LINE__);
     const QSize mapSize = qvariant_cast<QSize>(_inputs[kMapSize].value);
     const QVariantList instanceData = qvariant_cast<QVariantList>(_inputs[kInstanceData].value);

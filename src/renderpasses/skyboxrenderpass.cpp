@@ -1,5 +1,6 @@
 #include "renderpasses/skyboxrenderpass.h"
 
+#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -192,6 +193,7 @@ void SkyboxRenderPass::setup(RenderCallbacks *)
 
 void SkyboxRenderPass::start(RenderCallbacks *callbacks)
 {
+    const ContextScope scope;
     const Extent extent = extentOf(_inputs[kViewport].value);
     if (!_fbo || extent != Extent{_width, _height}) {
         teardown(callbacks);

@@ -1,5 +1,6 @@
 #include "renderpasses/smaarenderpass.h"
 
+#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/glslmacroprocessor.h"
@@ -377,6 +378,7 @@ void SMAARenderPass::teardown(RenderCallbacks *)
 
 void SMAARenderPass::start(RenderCallbacks *callbacks)
 {
+    const ContextScope scope;
     const Extent extent = extentOf(_inputs[kViewport].value);
     auto mode = qvariant_cast<int>(_inputs[kMode].value);
     const bool predication = hasValue(_inputs[kPredicate].value);

@@ -1,5 +1,6 @@
 #include "renderpasses/stencilblurandblendrenderpass.h"
 
+#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -80,6 +81,7 @@ StencilBlurAndBlendRenderPass::~StencilBlurAndBlendRenderPass()
 
 void StencilBlurAndBlendRenderPass::start(RenderCallbacks *callbacks)
 {
+    const ContextScope scope;
     const auto radius = qvariant_cast<float>(_inputs[kBlurRadius].value);
     RenderPassHelper::start(callbacks);
 

@@ -1,5 +1,6 @@
 #include "renderpasses/temporalaarenderpass.h"
 
+#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -74,6 +75,7 @@ TemporalAARenderPass::~TemporalAARenderPass()
 
 void TemporalAARenderPass::start(RenderCallbacks *)
 {
+    const ContextScope scope;
     const Extent viewport = extentOf(_inputs[kViewport].value);
     Texture *frame = typedTexture(_inputs[kFrame].value);
     const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);

@@ -1,5 +1,6 @@
 #include "renderpasses/texturetoscreenrenderpass.h"
 
+#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -148,6 +149,7 @@ TextureToScreenRenderPass::~TextureToScreenRenderPass()
 
 void TextureToScreenRenderPass::start(RenderCallbacks *)
 {
+    const ContextScope scope;
     const QRect viewport = qvariant_cast<QRect>(_inputs[kViewport].value);
     const Rectangles destinations = rectanglesOf(_inputs[kViewportOut].value, viewport);
     const Rectangles sources = rectanglesOf(_inputs[kRects].value, viewport);

@@ -1,5 +1,6 @@
 #include "renderpasses/transparencyrenderpass.h"
 
+#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -169,6 +170,7 @@ TransparencyRenderPass::~TransparencyRenderPass()
 
 void TransparencyRenderPass::start(RenderCallbacks *)
 {
+    const ContextScope scope;
     if (!_opaqueProgram && !OpenGLDeviceContext::current())
         return;
     const Extent extent = extentOf(_inputs[kViewport].value);

@@ -2,6 +2,7 @@
 
 #include "core/log.h"
 #include "gl/bufferobject.h"
+#include "gl/contextscope.h"
 #include "gl/framebufferobject.h"
 #include "gl/glinfo.h"
 #include "gl/guards.h"
@@ -177,6 +178,7 @@ void VisibilityBufferRenderPass::chooseMode()
 
 void VisibilityBufferRenderPass::start(RenderCallbacks *)
 {
+    const ContextScope scope;
     // The mode stays what it was found to be, so it is not asked of no context.
     if (!_modeChosen && !OpenGLDeviceContext::current())
         return;

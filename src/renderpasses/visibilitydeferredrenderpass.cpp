@@ -1,6 +1,7 @@
 #include "renderpasses/visibilitydeferredrenderpass.h"
 
 #include "gl/bufferobject.h"
+#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/glinfo.h"
@@ -149,6 +150,7 @@ VisibilityDeferredRenderPass::~VisibilityDeferredRenderPass()
 
 void VisibilityDeferredRenderPass::start(RenderCallbacks *)
 {
+    const ContextScope scope;
     if (!_shaderProgram && !OpenGLDeviceContext::current())
         return;
     const Extent extent = extentOf(_inputs[kViewport].value);

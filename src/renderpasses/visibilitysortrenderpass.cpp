@@ -1,5 +1,6 @@
 #include "renderpasses/visibilitysortrenderpass.h"
 
+#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -216,6 +217,7 @@ VisibilitySortRenderPass::~VisibilitySortRenderPass()
 
 void VisibilitySortRenderPass::start(RenderCallbacks *)
 {
+    const ContextScope scope;
     if (!_modeChosen) {
         _modeChosen = true;
         _gl4Mode = canBuildFragmentLists();

@@ -1,5 +1,6 @@
 #include "renderpasses/wireframerenderpass.h"
 
+#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -120,6 +121,7 @@ WireframeRenderPass::~WireframeRenderPass()
 
 void WireframeRenderPass::start(RenderCallbacks *)
 {
+    const ContextScope scope;
     const int viewportSlot = findInput(viewportName());
     const int idSlot = findInput(idName());
     const int frameSlot = findOutput(frameName());

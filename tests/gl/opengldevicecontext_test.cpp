@@ -3,11 +3,13 @@
 #include "support/messages.h"
 
 #include <gl/bufferobject.h>
+#include <gl/contextscope.h>
 #include <gl/drawbuffers.h>
 #include <gl/framebufferobject.h>
 #include <gl/glinfo.h>
 #include <gl/guards.h>
 #include <gl/opengldevicecontext.h>
+#include <gl/shaderprogram.h>
 #include <gl/texturemanager.h>
 #include <gl/vertexarrayobject.h>
 
@@ -474,6 +476,95 @@ TEST_F(OpenGLDeviceContextTest, AskingForTheContextInASteadyStateAllocatesNothin
         ASSERT_TRUE(device()->screenQuad());
     EXPECT_EQ(calls.created(), 0);
     EXPECT_EQ(calls.textureAllocations() + calls.bufferAllocations(), 0) << qPrintable(calls.toString());
+}
+
+TEST_F(OpenGLDeviceContextTest, AfterAScopeAnotherContextIsNoticed)
+{
+    GLContext other;
+    QSharedPointer<OpenGLDeviceContext> first;
+    {
+        const ContextScope scope;
+        {
+            const ContextScope inner;
+            first = device();
+        }
+        EXPECT_EQ(device(), first);
+        drawSomething();
+    }
+    ASSERT_TRUE(other.makeCurrent());
+    {
+        const ContextScope scope;
+        EXPECT_NE(device(), first);
+        drawSomething();
+    }
+    OpenGLDeviceContext::releaseCurrent();
+    ASSERT_TRUE(context().makeCurrent());
+    EXPECT_EQ(device(), first);
+}
+
+TEST_F(OpenGLDeviceContextTest, WithoutAContextAScopeChangesNothing)
+{
+    GLContext::doneCurrent();
+    {
+        const ContextScope scope;
+        EXPECT_TRUE(device().isNull());
+        EXPECT_TRUE(device().isNull());
+    }
+    ASSERT_TRUE(context().makeCurrent());
+    EXPECT_TRUE(device());
+}
+
+TEST_F(OpenGLDeviceContextTest, AContextThatIsReleasedInAScopeIsMadeAnewThere)
+{
+    GLContext other;
+    ASSERT_TRUE(other.makeCurrent());
+    const ContextScope scope;
+    drawSomething();
+    OpenGLDeviceContext::releaseCurrent();
+    drawSomething();
+    OpenGLDeviceContext::releaseCurrent();
+}
+
+TEST_F(OpenGLDeviceContextTest, ObjectsOfAnotherContextThatAreDeletedInAScopeAreFreedInTheirs)
+{
+    auto texture = makeTexture(GL_RGBA8, 2, 2);
+    const GLuint name = texture->textureID();
+    GLContext other;
+    ASSERT_TRUE(other.makeCurrent());
+    {
+        const ContextScope scope;
+        ASSERT_TRUE(device());
+        texture.reset();
+        drawSomething();
+    }
+    OpenGLDeviceContext::releaseCurrent();
+    ASSERT_TRUE(context().makeCurrent());
+    const ContextScope scope;
+    ASSERT_TRUE(device());
+    EXPECT_FALSE(glIsTexture(name));
+}
+
+TEST_F(OpenGLDeviceContextTest, TheHandlerOfShaderFailuresMayUseAnotherContextInTheMiddleOfAScope)
+{
+    GLContext other;
+    const auto mine = device();
+    bool called = false;
+    ShaderProgram::setFailureHandler([&](const ShaderFailure &) {
+        ASSERT_TRUE(other.makeCurrent());
+        EXPECT_NE(device(), mine);
+        drawSomething();
+        OpenGLDeviceContext::releaseCurrent();
+        ASSERT_TRUE(context().makeCurrent());
+        called = true;
+    });
+    const ContextScope scope;
+    ShaderProgram broken;
+    broken.addShader(GL_FRAGMENT_SHADER, QStringLiteral("#version 150\nnot GLSL\n"), QString());
+    EXPECT_FALSE(broken.compile());
+    ShaderProgram::setFailureHandler({});
+    EXPECT_TRUE(called);
+    EXPECT_EQ(device(), mine);
+    drawSomething();
 }
 
 } // namespace Brevane::Kvo
