@@ -8,6 +8,7 @@
 #include <QVariant>
 #include <QVector>
 
+#include <concepts>
 #include <functional>
 #include <memory>
 
@@ -91,6 +92,9 @@ public:
     /// value is converted to what the program declares (a double for a float, an int for a bool …).
     /// A name that the program lacks is ignored. False when nothing was set.
     bool setUniform(const QString &name, const QVariant &value);
+    /// The same for a number, without the cost of a variant.
+    bool setUniform(const QString &name, std::integral auto value) { return _setNumber(name, double(value)); }
+    bool setUniform(const QString &name, std::floating_point auto value) { return _setNumber(name, double(value)); }
     /// The same for a matrix, without the cost of a variant.
     bool setUniform(const QString &name, const QMatrix4x4 &value);
     /// Sets a float array, from its first element on.
@@ -115,6 +119,9 @@ public:
     static void setFailureHandler(std::function<void(const ShaderFailure &)> handler);
 
 private:
+    bool _setNumber(const QString &name, double value);
+    bool _setValues(const QString &name, const double *values, int count);
+
     friend class VertexArrayObject;
     Q_DISABLE_COPY(ShaderProgram)
 

@@ -6,6 +6,7 @@
 #include <QObject>
 
 #include <algorithm>
+#include <cstring>
 
 namespace Brevane::Kvo {
 
@@ -54,7 +55,11 @@ bool inRange(const char *operation, int index, qsizetype size)
 
 int indexOf(const QVector<PassSlot> &slots_, const QString &name)
 {
-    const auto found = std::find_if(slots_.cbegin(), slots_.cend(), [&](const PassSlot &s) { return s.name == name; });
+    // Passes may look slots up in every frame; this is a multiple faster than QString's ==.
+    const auto bytes = std::size_t(name.size()) * sizeof(QChar);
+    const auto found = std::find_if(slots_.cbegin(), slots_.cend(), [&](const PassSlot &s) {
+        return s.name.size() == name.size() && std::memcmp(s.name.constData(), name.constData(), bytes) == 0;
+    });
     return found == slots_.cend() ? -1 : int(found - slots_.cbegin());
 }
 

@@ -20,6 +20,7 @@
 #include <epoxy/gl.h>
 
 #include <algorithm>
+#include <cstring>
 
 namespace Brevane::Kvo {
 
@@ -374,8 +375,61 @@ void ShaderProgramPrivate::deleteShaders()
 
 void ShaderProgramPrivate::fail(bool whileLinking)
 {
-    if (const auto &handler = failureHandler(); handler && !mayFail)
+    if (const auto &handler = failureHandler(); handler && !mayFail) {
+        const ContextScopePause hostCode;
         handler({label, log, whileLinking});
+    }
+}
+
+namespace {
+
+bool isSameText(const QString &a, const QString &b)
+{
+    return a.size() == b.size()
+           && std::memcmp(a.constData(), b.constData(), std::size_t(a.size()) * sizeof(QChar)) == 0;
+}
+
+} // namespace
+
+void UniformTable::insert(const QString &name, const Uniform &uniform)
+{
+    _entries.push_back({name, uniform});
+    _rebuild();
+}
+
+const UniformTable::Uniform *UniformTable::find(const QString &name) const
+{
+    if (_slots.empty() || name.isEmpty())
+        return nullptr;
+    for (std::size_t slot = _firstSlot(name); _slots[slot] >= 0; slot = (slot + 1) & (_slots.size() - 1)) {
+        const Entry &entry = _entries[std::size_t(_slots[slot])];
+        if (isSameText(entry.name, name))
+            return &entry.uniform;
+    }
+    return nullptr;
+}
+
+std::size_t UniformTable::_firstSlot(const QString &name) const
+{
+    const QChar *text = name.constData();
+    const auto size = std::size_t(name.size());
+    const std::size_t sum =
+        size + 7u * text[size - 1].unicode() + 31u * text[size / 2].unicode() + 101u * text[size / 3].unicode();
+    return sum & (_slots.size() - 1);
+}
+
+void UniformTable::_rebuild()
+{
+    std::size_t size = 16;
+    while (size < 2 * _entries.size())
+        size *= 2;
+    _slots.assign(size, -1);
+    for (std::size_t i = 0; i < _entries.size(); ++i) {
+        std::size_t slot = _firstSlot(_entries[i].name);
+        while (_slots[slot] >= 0)
+            slot = (slot + 1) & (size - 1);
+        _slots[slot] = int(i);
+    }
 }
 
 void LinkedProgram::readInterface()
@@ -411,10 +465,7 @@ void LinkedProgram::readInterface()
 
 const LinkedProgram::Uniform *ShaderProgramPrivate::findUniform(const QString &uniformName) const
 {
-    if (!program)
-        return nullptr;
-    const auto found = program->uniforms.constFind(uniformName);
-    return found == program->uniforms.cend() ? nullptr : &*found;
+    return program ? program->uniforms.find(uniformName) : nullptr;
 }
 
 bool ShaderProgramPrivate::isCurrent(const ShaderProgram *q) const
@@ -636,6 +687,17 @@ bool ShaderProgram::setUniform(const QString &name, const QVariant &value)
 {
     if (value.metaType().id() == QMetaType::QMatrix4x4)
         return setUniform(name, *static_cast<const QMatrix4x4 *>(value.constData()));
+    const Values values = valuesOf(value);
+    return values.count > 0 && _setValues(name, values.v.data(), values.count);
+}
+
+bool ShaderProgram::_setNumber(const QString &name, double value)
+{
+    return _setValues(name, &value, 1);
+}
+
+bool ShaderProgram::_setValues(const QString &name, const double *values, int count)
+{
     int location = -1;
     GLenum type = 0;
     if (const LinkedProgram::Uniform *uniform = d->findUniform(name)) {
@@ -650,8 +712,9 @@ bool ShaderProgram::setUniform(const QString &name, const QVariant &value)
     }
     if (location < 0 || !d->isCurrent(this))
         return false;
-    const Values values = valuesOf(value);
-    return values.count > 0 && setFromValues(location, type, values);
+    Values all{{}, count};
+    std::copy_n(values, count, all.v.begin());
+    return setFromValues(location, type, all);
 }
 
 bool ShaderProgram::setUniform(const QString &name, const QMatrix4x4 &value)

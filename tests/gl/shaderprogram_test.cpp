@@ -105,6 +105,24 @@ TEST_P(ShaderProgramUniformTest, ReachesTheShader)
     EXPECT_EQ(color, c.expected);
 }
 
+TEST_P(ShaderProgramUniformTest, ANumberReachesItWithoutAVariantToo)
+{
+    const UniformCase &c = GetParam();
+    Expression expression(qPrintable(QStringLiteral("uniform %1 u_Value;").arg(QLatin1String(c.type))), c.expression);
+    const QString name = QStringLiteral("u_Value");
+    const Color color = expression([&](ShaderProgram *p) {
+        switch (c.value.metaType().id()) {
+        case QMetaType::Bool: EXPECT_TRUE(p->setUniform(name, c.value.toBool())); break;
+        case QMetaType::Int: EXPECT_TRUE(p->setUniform(name, c.value.toInt())); break;
+        case QMetaType::UInt: EXPECT_TRUE(p->setUniform(name, c.value.toUInt())); break;
+        case QMetaType::Float: EXPECT_TRUE(p->setUniform(name, c.value.toFloat())); break;
+        case QMetaType::Double: EXPECT_TRUE(p->setUniform(name, c.value.toDouble())); break;
+        default: EXPECT_TRUE(p->setUniform(name, c.value)); break;
+        }
+    });
+    EXPECT_EQ(color, c.expected);
+}
+
 INSTANTIATE_TEST_SUITE_P(
     EveryVariantType, ShaderProgramUniformTest,
     ::testing::Values(UniformCase{"Int", "int", "float(u_Value)", -7, {-7, -7, -7, -7}},
@@ -248,6 +266,32 @@ TEST_F(ShaderProgramTest, HasUniformTellsActiveOnes)
     EXPECT_FALSE(program->hasUniform(QStringLiteral("U_USED")));
     EXPECT_GE(program->attributeLocation(QStringLiteral("va_Vertex")), 0);
     EXPECT_EQ(program->attributeLocation(QStringLiteral("va_Nothing")), -1);
+}
+
+TEST_F(ShaderProgramTest, ManyUniformsWithNamesAlikeAreToldApart)
+{
+    // Of one length, and alike at the ends and in the middle.
+    constexpr int kCount = 60;
+    const auto name = [](int i) { return QStringLiteral("u_%1Value%2u").arg(i % 8).arg(i / 8); };
+    QString declarations;
+    QString sum = QStringLiteral("0.0");
+    for (int i = 0; i < kCount; ++i) {
+        declarations += QStringLiteral("uniform float %1;\n").arg(name(i));
+        sum += QStringLiteral(" + %1").arg(name(i));
+    }
+    Expression expression(qPrintable(declarations), qPrintable(sum));
+    const AutoBinder guard(expression.program.get());
+    for (int i = 0; i < kCount; ++i)
+        EXPECT_TRUE(expression.program->setUniform(name(i), float(i)));
+    for (int i = 0; i < kCount; ++i) {
+        float value = -1;
+        glGetUniformfv(expression.program->programID(),
+                       glGetUniformLocation(expression.program->programID(), qPrintable(name(i))), &value);
+        EXPECT_EQ(value, float(i)) << i;
+    }
+    EXPECT_FALSE(expression.program->hasUniform(name(kCount + 4)));
+    EXPECT_FALSE(expression.program->hasUniform(QString()));
+    EXPECT_FALSE(expression.program->hasUniform(QStringLiteral("u_0Value0")));
 }
 
 TEST_F(ShaderProgramTest, LocationsAreLookedUpOncePerProgramNotPerCall)
