@@ -1,6 +1,6 @@
 // One table of all passes out of the JSON files that the benchmarks write: time of start over bare GL at
-// 1280 x 720, the CPU time of the issuing thread where next to nothing is drawn and how much of it is over
-// bare GL, GL calls, and what a steady frame allocates. Text to stdout, JSON and a plot to files.
+// 1280 x 720, the CPU time of the issuing thread where next to nothing is drawn, how much of it is the pass's
+// own and how much is over bare GL, GL calls, and what a steady frame allocates. Text to stdout, JSON and a plot to files.
 //
 //   bench_report OUT.json OUT.svg BENCHMARK.json…
 
@@ -25,7 +25,7 @@ struct Row
     double ratio = 0; ///< At 1280 x 720.
     double milliseconds = 0;
     double issuing = 0; ///< Microseconds of CPU at 1 x 1.
-    double overSame = 0; ///< Of these over the same GL calls.
+    double own = 0; ///< What the pass takes of these without GL.
     double overNeeded = 0; ///< Of these over the GL calls that the picture needs.
     int draws = 0;
     int calls = 0;
@@ -69,7 +69,7 @@ bool read(const QString &path, QMap<QString, Row> *rows)
         } else {
             row.isSmall = true;
             row.issuing = number("cpu_us");
-            row.overSame = number("over_same_us");
+            row.own = number("own_us");
             row.overNeeded = number("over_needed_us");
         }
     }
@@ -81,8 +81,8 @@ void print(const QMap<QString, Row> &rows)
     const auto text = [](bool isKnown, double value, int digits) {
         return isKnown ? QByteArray::number(value, 'f', digits) : QByteArray("-");
     };
-    std::printf("%-48s %8s %7s %8s %7s %7s %6s %6s %8s %9s %5s\n", "pass", "ms", "ratio", "us at 1", "> same", "> need",
-                "calls", "needed", "objects", "tex alloc", "heap");
+    std::printf("%-48s %8s %7s %8s %7s %7s %6s %6s %8s %9s %5s\n", "pass", "ms", "ratio", "us at 1", "own us", "> bare",
+                "calls", "bare", "objects", "tex alloc", "heap");
     int large = 0;
     int fast = 0;
     int single = 0;
@@ -90,17 +90,17 @@ void print(const QMap<QString, Row> &rows)
     for (auto row = rows.cbegin(); row != rows.cend(); ++row) {
         std::printf("%-48s %8s %7s %8s %7s %7s %6d %6d %8d %9d %5d\n", qPrintable(row.key()),
                     text(row->isLarge, row->milliseconds, 2).constData(), text(row->isLarge, row->ratio, 3).constData(),
-                    text(row->isSmall, row->issuing, 1).constData(), text(row->isSmall, row->overSame, 2).constData(),
+                    text(row->isSmall, row->issuing, 1).constData(), text(row->isSmall, row->own, 2).constData(),
                     text(row->isSmall, row->overNeeded, 2).constData(), row->calls, row->bareCalls, row->objects,
                     row->textures, row->heap);
         large += row->isLarge;
         fast += row->isLarge && row->ratio <= kGoalRatio;
         const bool drawsOnce = row->isSmall && row->draws == 1;
         single += drawsOnce;
-        light += drawsOnce && row->overSame <= kGoalOverhead;
+        light += drawsOnce && row->own <= kGoalOverhead;
     }
-    std::printf("%d rows; %d of %d within %.2f x of the calls that the picture needs;\n"
-                "%d of %d that draw once within %.0f us of CPU over the same calls\n",
+    std::printf("%d rows; %d of %d within %.2f x of bare GL;\n"
+                "%d of %d that draw once within %.0f us of CPU of their own\n",
                 int(rows.size()), fast, large, kGoalRatio, light, single, kGoalOverhead);
 }
 
@@ -119,7 +119,7 @@ QByteArray json(const QMap<QString, Row> &rows)
     for (auto row = rows.cbegin(); row != rows.cend(); ++row) {
         QJsonObject pass{{QStringLiteral("pass"), row.key()},
                          {QStringLiteral("gl_calls"), row->calls},
-                         {QStringLiteral("needed_calls"), row->bareCalls},
+                         {QStringLiteral("bare_calls"), row->bareCalls},
                          {QStringLiteral("draws"), row->draws},
                          {QStringLiteral("gl_objects"), row->objects},
                          {QStringLiteral("texture_allocations"), row->textures},
@@ -130,7 +130,7 @@ QByteArray json(const QMap<QString, Row> &rows)
         }
         if (row->isSmall) {
             pass.insert(QStringLiteral("cpu_us"), row->issuing);
-            pass.insert(QStringLiteral("over_same_us"), row->overSame);
+            pass.insert(QStringLiteral("own_us"), row->own);
             pass.insert(QStringLiteral("over_needed_us"), row->overNeeded);
         }
         passes.append(pass);

@@ -2,13 +2,17 @@
 
 #include "support/glfunctions.h"
 
+#include <epoxy/egl.h>
 #include <epoxy/gl.h>
 
+#include <bit>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <iterator>
 #include <map>
+#include <type_traits>
 #include <utility>
 
 namespace Brevane::Kvo::Bench {
@@ -82,17 +86,7 @@ GLReplay::Call GLReplay::ready(const Test::GlCall &call, int function)
     return made;
 }
 
-GLReplay::GLReplay(const Test::GlCalls &recorded, Calls which)
-{
-    if (which == Calls::Needed) {
-        _reduce(recorded);
-        return;
-    }
-    for (const Test::GlCall &call : recorded.all())
-        _calls.push_back(ready(call, knownFunction(call.name)));
-}
-
-void GLReplay::_reduce(const Test::GlCalls &recorded)
+GLReplay::GLReplay(const Test::GlCalls &recorded)
 {
     std::map<BindingPoint, double> wanted;
     std::map<BindingPoint, double> present;
@@ -192,11 +186,6 @@ void GLReplay::_reduce(const Test::GlCalls &recorded)
 
 void GLReplay::run() const
 {
-    // What queries answer; nobody reads it.
-    GLint integers[16];
-    GLint64 longs[4];
-    GLfloat floats[16];
-    GLboolean booleans[16];
     for (const Call &c : _calls) {
         const auto &a = c.args;
         const auto u = [&a](size_t i) { return GLuint(a[i]); };
@@ -223,7 +212,6 @@ void GLReplay::run() const
             break;
         }
         case BlitFramebuffer: glBlitFramebuffer(i(0), i(1), i(2), i(3), i(4), i(5), i(6), i(7), u(8), u(9)); break;
-        case CheckFramebufferStatus: glCheckFramebufferStatus(u(0)); break;
         case Clear: glClear(u(0)); break;
         case ClearBufferfi: glClearBufferfi(u(0), i(1), f(2), i(3)); break;
         case ClearBufferfv: glClearBufferfv(u(0), i(1), c.floats.data()); break;
@@ -249,15 +237,6 @@ void GLReplay::run() const
         case FramebufferTextureLayer: glFramebufferTextureLayer(u(0), u(1), u(2), i(3), i(4)); break;
         case FrontFace: glFrontFace(u(0)); break;
         case GenerateMipmap: glGenerateMipmap(u(0)); break;
-        case GetBooleanv: glGetBooleanv(u(0), booleans); break;
-        case GetFloatv: glGetFloatv(u(0), floats); break;
-        case GetIntegeri_v: glGetIntegeri_v(u(0), u(1), integers); break;
-        case GetInteger64i_v: glGetInteger64i_v(u(0), u(1), longs); break;
-        case GetIntegerv: glGetIntegerv(u(0), integers); break;
-        case GetTexLevelParameteriv: glGetTexLevelParameteriv(u(0), i(1), u(2), integers); break;
-        case GetTexParameteriv: glGetTexParameteriv(u(0), u(1), integers); break;
-        case IsEnabled: glIsEnabled(u(0)); break;
-        case IsEnabledi: glIsEnabledi(u(0), u(1)); break;
         case MemoryBarrier: glMemoryBarrier(u(0)); break;
         case MultiDrawElementsIndirect: glMultiDrawElementsIndirect(u(0), u(1), pointer(a[2]), i(3), i(4)); break;
         case ReadBuffer: glReadBuffer(u(0)); break;
@@ -272,7 +251,6 @@ void GLReplay::run() const
         case StencilFunc: glStencilFunc(u(0), i(1), u(2)); break;
         case StencilMask: glStencilMask(u(0)); break;
         case StencilOp: glStencilOp(u(0), u(1), u(2)); break;
-        case TexParameteri: glTexParameteri(u(0), u(1), i(2)); break;
         case Uniform1f: glUniform1f(i(0), f(1)); break;
         case Uniform1fv: glUniform1fv(i(0), i(1), c.floats.data()); break;
         case Uniform1i: glUniform1i(i(0), i(1)); break;
@@ -314,9 +292,14 @@ void setEntryPoints(const EntryPoints &points)
 #undef X
 }
 
-EntryPoints &bareEntryPoints()
+// epoxy's pointers begin at functions that look the driver's up and overwrite them; these are the driver's.
+const EntryPoints &bareEntryPoints()
 {
-    static EntryPoints points = currentEntryPoints();
+    static const EntryPoints points = {
+#define X(name) reinterpret_cast<decltype(epoxy_gl##name)>(eglGetProcAddress("gl" #name)),
+        KVO_GL_FUNCTIONS(X)
+#undef X
+    };
     return points;
 }
 
@@ -332,19 +315,149 @@ constexpr auto idle(Result (*)(Args...))
     return &doNothing<Result, Args...>;
 }
 
-} // namespace
+GLAnswers *answersInUse = nullptr;
 
-NoGLScope::NoGLScope()
+int valuesOf(GLenum query)
 {
-    bareEntryPoints();
-    setEntryPoints({
-#define X(name) idle(epoxy_gl##name),
-        KVO_GL_FUNCTIONS(X)
-#undef X
-    });
+    switch (query) {
+    case GL_VIEWPORT:
+    case GL_SCISSOR_BOX:
+    case GL_COLOR_CLEAR_VALUE:
+    case GL_BLEND_COLOR:
+    case GL_COLOR_WRITEMASK: return 4;
+    case GL_DEPTH_RANGE: return 2;
+    default: return 1;
+    }
 }
 
-NoGLScope::~NoGLScope()
+// One number for all parameters, which is enough to notice another question.
+unsigned mixed(std::initializer_list<unsigned> parameters)
+{
+    unsigned sum = 0;
+    for (unsigned parameter : parameters)
+        sum = sum * 31 + parameter;
+    return sum;
+}
+
+template <typename Value>
+void learn(int function, unsigned parameters, int count, const Value *values)
+{
+    GLAnswers::Answer answer{function, parameters, count, {}};
+    for (int i = 0; i < count; ++i) {
+        if constexpr (std::is_floating_point_v<Value>)
+            answer.values[i] = std::bit_cast<int>(float(values[i]));
+        else
+            answer.values[i] = values[i];
+    }
+    answersInUse->keep(answer);
+}
+
+template <typename Value>
+void giveAnswer(int function, unsigned parameters, Value *values)
+{
+    const GLAnswers::Answer &answer = answersInUse->next(function, parameters);
+    for (int i = 0; i < answer.count; ++i) {
+        if constexpr (std::is_floating_point_v<Value>)
+            values[i] = std::bit_cast<float>(int(answer.values[i]));
+        else
+            values[i] = Value(answer.values[i]);
+    }
+}
+
+// The queries that passes make in a steady frame: name, parameters with types, their names, type of the
+// values, how many there are.
+#define KVO_QUERIES(X)                                                                                                 \
+    X(GetBooleanv, (GLenum q, GLboolean * v), (q), (q, v), valuesOf(q))                                                \
+    X(GetFloatv, (GLenum q, GLfloat * v), (q), (q, v), valuesOf(q))                                                    \
+    X(GetIntegerv, (GLenum q, GLint * v), (q), (q, v), valuesOf(q))                                                    \
+    X(GetIntegeri_v, (GLenum q, GLuint i, GLint * v), (q, i), (q, i, v), 1)                                            \
+    X(GetInteger64i_v, (GLenum q, GLuint i, GLint64 * v), (q, i), (q, i, v), 1)                                        \
+    X(GetTexParameteriv, (GLenum t, GLenum q, GLint * v), (t, q), (t, q, v), 1)                                        \
+    X(GetTexLevelParameteriv, (GLenum t, GLint l, GLenum q, GLint * v), (t, GLuint(l), q), (t, l, q, v), 1)
+
+#define KVO_UNPACK(...) __VA_ARGS__
+#define X(name, parameters, key, arguments, count)                                                                     \
+    void learn##name parameters                                                                                        \
+    {                                                                                                                  \
+        bareEntryPoints().name arguments;                                                                              \
+        learn(int(name), mixed({KVO_UNPACK key}), count, v);                                                           \
+    }                                                                                                                  \
+    void answer##name parameters                                                                                       \
+    {                                                                                                                  \
+        giveAnswer(int(name), mixed({KVO_UNPACK key}), v);                                                             \
+    }
+KVO_QUERIES(X)
+#undef X
+
+GLboolean learnIsEnabled(GLenum capability)
+{
+    const GLboolean value = bareEntryPoints().IsEnabled(capability);
+    learn(int(IsEnabled), capability, 1, &value);
+    return value;
+}
+
+GLboolean answerIsEnabled(GLenum capability)
+{
+    return GLboolean(answersInUse->next(int(IsEnabled), capability).values[0]);
+}
+
+GLenum learnCheckFramebufferStatus(GLenum target)
+{
+    const GLenum value = bareEntryPoints().CheckFramebufferStatus(target);
+    learn(int(CheckFramebufferStatus), target, 1, &value);
+    return value;
+}
+
+GLenum answerCheckFramebufferStatus(GLenum target)
+{
+    return GLenum(answersInUse->next(int(CheckFramebufferStatus), target).values[0]);
+}
+
+} // namespace
+
+const GLAnswers::Answer &GLAnswers::next(int function, unsigned query)
+{
+    if (_at >= _answers.size() || _answers[_at].function != function || _answers[_at].query != query) {
+        std::fprintf(stderr, "without GL a frame asks %s, which it did not before\n", kNames[function]);
+        std::abort();
+    }
+    return _answers[_at++];
+}
+
+void GLAnswers::_checkEnd() const
+{
+    if (_at != _answers.size()) {
+        std::fprintf(stderr, "without GL a frame asks %zu times, not %zu\n", _at, _answers.size());
+        std::abort();
+    }
+}
+
+GLAnswers::Scope::Scope(GLAnswers *answers, Mode mode)
+{
+    EntryPoints points = bareEntryPoints();
+    answersInUse = answers;
+    if (mode == Mode::Learn) {
+#define X(name, parameters, key, arguments, count) points.name = &learn##name;
+        KVO_QUERIES(X)
+#undef X
+        points.IsEnabled = &learnIsEnabled;
+        points.CheckFramebufferStatus = &learnCheckFramebufferStatus;
+    } else {
+        points = {
+#define X(name) idle(epoxy_gl##name),
+            KVO_GL_FUNCTIONS(X)
+#undef X
+        };
+#define X(name, parameters, key, arguments, count) points.name = &answer##name;
+        KVO_QUERIES(X)
+#undef X
+        points.IsEnabled = &answerIsEnabled;
+        points.CheckFramebufferStatus = &answerCheckFramebufferStatus;
+    }
+    setEntryPoints(points);
+}
+
+GLAnswers::Scope::~Scope()
 {
     setEntryPoints(bareEntryPoints());
 }

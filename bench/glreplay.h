@@ -6,18 +6,15 @@
 
 namespace Brevane::Kvo::Bench {
 
-/// The GL calls of a recorded frame, ready to run again: the floors that a pass is measured against.
+/// The GL calls of a recorded frame, reduced to what the picture needs and ready to run again: the floor
+/// that a pass is measured against.
+///
+/// Left out are queries, sampling parameters, bindings that are overwritten or undone before anything uses
+/// them, and bindings of what is bound already.
 class GLReplay
 {
 public:
-    enum class Calls {
-        All, ///< Every call as it was made.
-        /// What the picture needs: without queries, sampling parameters, bindings that are overwritten or
-        /// undone before anything uses them, and bindings of what is bound already.
-        Needed
-    };
-
-    GLReplay(const Test::GlCalls &recorded, Calls which);
+    explicit GLReplay(const Test::GlCalls &recorded);
 
     void run() const;
     int callCount() const { return int(_calls.size()); }
@@ -31,19 +28,58 @@ private:
         std::vector<unsigned> names;
     };
     static Call ready(const Test::GlCall &call, int function);
-    void _reduce(const Test::GlCalls &recorded);
-
     std::vector<Call> _calls;
 };
 
-/// In its scope GL calls do nothing: what a replay still takes then is its own work.
-class NoGLScope
+/// What GL answered to the queries of a frame. With it the frame runs without GL: calls do nothing, and
+/// queries get the same answers. What it still takes then is the CPU time of the pass's own code.
+class GLAnswers
 {
 public:
-    NoGLScope();
-    ~NoGLScope();
-    NoGLScope(const NoGLScope &) = delete;
-    NoGLScope &operator=(const NoGLScope &) = delete;
+    /// Runs a steady frame and keeps what it asks.
+    template <typename Frame>
+    explicit GLAnswers(Frame &&frame)
+    {
+        const Scope learning(this, Mode::Learn);
+        frame();
+    }
+
+    /// The frame must ask what it asked before; a program that does not ends with a message.
+    template <typename Frame>
+    void runWithoutGL(int times, Frame &&frame)
+    {
+        const Scope silence(this, Mode::Answer);
+        for (int i = 0; i < times; ++i) {
+            _at = 0;
+            frame();
+            _checkEnd();
+        }
+    }
+
+    struct Answer
+    {
+        int function;
+        unsigned query;
+        int count;
+        long long values[4];
+    };
+    void keep(const Answer &answer) { _answers.push_back(answer); }
+    const Answer &next(int function, unsigned query);
+
+private:
+    enum class Mode { Learn, Answer };
+    class Scope
+    {
+    public:
+        Scope(GLAnswers *answers, Mode mode);
+        ~Scope();
+        Scope(const Scope &) = delete;
+        Scope &operator=(const Scope &) = delete;
+    };
+    void _checkEnd() const;
+
+    std::vector<Answer> _answers;
+    std::size_t _at = 0;
 };
 
 /// Takes the call recorder's wrappers out again, so that they cost nothing while times are measured.

@@ -15,7 +15,7 @@ namespace Brevane::Kvo::Bench {
 constexpr int kPairs = 120;
 constexpr int kWarmUp = 10;
 /// Rounds where a frame takes microseconds.
-constexpr int kRounds = 500;
+constexpr int kRounds = 200;
 
 inline double median(std::vector<double> values)
 {
@@ -35,21 +35,34 @@ double secondsOf(Function &&function)
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-/// Microseconds of this thread until it has told GL what to do.
+/// Frames in a row whose time is taken together.
+constexpr int kBurst = 16;
+
+/// CPU time of this thread.
 template <typename Function>
-double issuingMicroseconds(Function &&function)
+double microseconds(Function &&function)
 {
     const auto now = [] {
         timespec t{};
         clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
         return double(t.tv_sec) * 1e6 + double(t.tv_nsec) * 1e-3;
     };
-    glFinish();
     const double start = now();
     function();
-    const double end = now();
+    return now() - start;
+}
+
+/// CPU time of this thread until it has told GL what to do, the mean of a burst.
+template <typename Function>
+double issuingMicroseconds(Function &&function)
+{
     glFinish();
-    return end - start;
+    const double time = microseconds([&] {
+        for (int i = 0; i < kBurst; ++i)
+            function();
+    });
+    glFinish();
+    return time / kBurst;
 }
 
 /// Runs two ways of doing one thing in turn, each first every other time, so that whatever else the

@@ -21,8 +21,7 @@ struct Subject
     RenderPass *pass;
     int width;
     int height;
-    std::unique_ptr<GLReplay> bare = nullptr; ///< What the picture needs.
-    std::unique_ptr<GLReplay> same = nullptr; ///< The same calls.
+    std::unique_ptr<GLReplay> bare = nullptr;
     int calls = 0;
     int draws = 0;
     int objects = 0;
@@ -32,7 +31,7 @@ struct Subject
     double ours = 0;
     double floor = 0;
     double issuing = 0;
-    double overSame = 0;
+    double own = 0;
     double overNeeded = 0;
 };
 
@@ -67,49 +66,32 @@ inline void record(Subject &subject)
     subject.objects = calls.created();
     subject.textureAllocations = calls.textureAllocations();
     subject.draws = calls.draws();
-    subject.bare = std::make_unique<GLReplay>(calls, GLReplay::Calls::Needed);
-    subject.same = std::make_unique<GLReplay>(calls, GLReplay::Calls::All);
+    subject.bare = std::make_unique<GLReplay>(calls);
 }
 
-/// Where next to nothing is drawn, what counts is the time of the thread that issues the calls: of the
-/// pass, of the same calls in bare GL, and of those that the picture needs. A replay's own work is taken
-/// off its time.
-inline void compareIssuing(benchmark::State &state, Subject &subject)
+/// Where next to nothing is drawn, what counts is the CPU time of the thread that issues the calls: all of
+/// it, the pass's own code without GL, and what is over the calls that the picture needs in bare GL.
+inline void measureIssuing(benchmark::State &state, Subject &subject)
 {
-    constexpr size_t kWays = 3;
-    const auto run = [&](size_t way) {
-        switch (way) {
-        case 0: frame(*subject.pass); break;
-        case 1: subject.same->run(); break;
-        default: subject.bare->run(); break;
-        }
-    };
+    RenderPass &pass = *subject.pass;
+    GLAnswers answers([&] { frame(pass); });
+    std::vector<double> all;
     std::vector<double> own;
-    std::vector<double> over[kWays];
-    std::vector<double> replayWork[kWays];
-    std::vector<double> clock;
+    std::vector<double> over;
     for (auto iteration : state) {
         (void)iteration;
-        double times[kWays];
-        for (size_t i = 0; i < kWays; ++i) {
-            const size_t way = (own.size() + i) % kWays;
-            times[way] = issuingMicroseconds([&] { run(way); });
-        }
-        clock.push_back(issuingMicroseconds([] {}));
-        own.push_back(times[0]);
-        for (size_t way = 1; way < kWays; ++way) {
-            over[way].push_back(times[0] - times[way]);
-            const NoGLScope noGL;
-            replayWork[way].push_back(issuingMicroseconds([&] { run(way); }));
-        }
-        state.SetIterationTime(times[0] * 1e-6);
+        const double ours = issuingMicroseconds([&] { frame(pass); });
+        const double bare = issuingMicroseconds([&] { subject.bare->run(); });
+        all.push_back(ours);
+        over.push_back(ours - bare);
+        own.push_back(microseconds([&] { answers.runWithoutGL(kBurst, [&] { frame(pass); }); }) / kBurst);
+        state.SetIterationTime(ours * 1e-6);
     }
-    const double clockTime = median(clock);
-    subject.issuing = median(own) - clockTime;
-    subject.overSame = median(over[1]) + median(replayWork[1]) - clockTime;
-    subject.overNeeded = median(over[2]) + median(replayWork[2]) - clockTime;
+    subject.issuing = median(all);
+    subject.own = median(own);
+    subject.overNeeded = median(over);
     state.counters["cpu_us"] = subject.issuing;
-    state.counters["over_same_us"] = subject.overSame;
+    state.counters["own_us"] = subject.own;
     state.counters["over_needed_us"] = subject.overNeeded;
 }
 
@@ -126,7 +108,7 @@ inline void compare(benchmark::State &state, Subject &subject)
 {
     glViewport(0, 0, subject.width, subject.height);
     if (isSmall(subject))
-        compareIssuing(state, subject);
+        measureIssuing(state, subject);
     else
         compareTimes(state, subject);
     state.counters["gl_calls"] = subject.calls;
@@ -162,12 +144,11 @@ inline void printTable(const std::vector<Subject> &subjects)
             std::printf("%-46s %10.1f %10.1f %7.3f %9d %10d %8d %9d %6lld\n", s.name.c_str(), s.ours, s.floor, s.ratio,
                         s.calls, s.bare->callCount(), s.objects, s.textureAllocations, s.heapAllocations);
     }
-    std::printf("\n%-46s %10s %14s %16s %6s\n", "microseconds of the issuing thread", "kvo", "over the same",
-                "over the needed", "draws");
+    std::printf("\n%-46s %10s %14s %16s %6s\n", "microseconds of the issuing thread", "kvo", "own code", "over bare GL",
+                "draws");
     for (const Subject &s : subjects) {
         if (isSmall(s))
-            std::printf("%-46s %10.1f %14.2f %16.2f %6d\n", s.name.c_str(), s.issuing, s.overSame, s.overNeeded,
-                        s.draws);
+            std::printf("%-46s %10.1f %14.2f %16.2f %6d\n", s.name.c_str(), s.issuing, s.own, s.overNeeded, s.draws);
     }
 }
 
