@@ -221,6 +221,9 @@ TEST_F(BackgroundImage, AFloorOfMinusOneSelectsNoFloor)
                          double(one.at(0, 0)[2] + two.at(0, 0)[2]), double(one.at(0, 0)[3] + two.at(0, 0)[3])},
                         kTolerance))
         << "id 0 is background, not floor";
+    const Ratios frameOnFloor{1, 1, 1, -1};
+    set(frameOnFloor);
+    EXPECT_TRUE(sameImage(drawn(), expected(frameOnFloor), within(kTolerance)));
 }
 
 TEST_F(BackgroundImage, AFloorRatioOfOneShowsTheFrameAndOfZeroTheBackground)

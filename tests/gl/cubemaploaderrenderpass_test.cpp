@@ -175,6 +175,18 @@ TEST_F(CubemapLoader, SixEmptyPathsInTheFirstFrameGiveSixTransparentTexels)
     EXPECT_TRUE(isObject(owned->output(0)));
 }
 
+TEST_F(CubemapLoader, EachPathAloneMakesAnotherSet)
+{
+    QStringList paths = writeSet("a", 4);
+    const QStringList others = writeSet("b", 4, 7);
+    start(paths);
+    for (int i = 0; i < kFaces; ++i) {
+        paths[i] = others[i];
+        EXPECT_TRUE(sameImage(face(start(paths), i), texelsOf(facePattern(4, i, 7), false), within(kExact)))
+            << "face " << i;
+    }
+}
+
 TEST_F(CubemapLoader, AMissingFileCostsItsFaceWithoutAWord)
 {
     QStringList paths = writeSet("a", 4);
