@@ -478,6 +478,32 @@ TEST_F(OpenGLDeviceContextTest, AskingForTheContextInASteadyStateAllocatesNothin
     EXPECT_EQ(calls.textureAllocations() + calls.bufferAllocations(), 0) << qPrintable(calls.toString());
 }
 
+TEST_F(OpenGLDeviceContextTest, ObjectDeletedWithoutAContextIsFreedWhenItsOwnComesBack)
+{
+    auto texture = makeTexture(GL_RGBA8, 2, 2);
+    const GLuint name = texture->textureID();
+    GLContext::doneCurrent();
+    texture.reset();
+    ASSERT_TRUE(context().makeCurrent());
+    EXPECT_TRUE(glIsTexture(name));
+    ASSERT_TRUE(device());
+    EXPECT_FALSE(glIsTexture(name));
+}
+
+TEST_F(OpenGLDeviceContextTest, AFramebufferIsMadeAnewInEachOfManyContexts)
+{
+    FramebufferObject framebuffer;
+    for (int i = 0; i < 8; ++i) {
+        GLContext passing;
+        ASSERT_TRUE(passing.makeCurrent());
+        ASSERT_TRUE(framebuffer.bind());
+        EXPECT_TRUE(glIsFramebuffer(framebuffer.getFBO())) << i;
+        framebuffer.unbind();
+        OpenGLDeviceContext::releaseCurrent();
+    }
+    ASSERT_TRUE(context().makeCurrent());
+}
+
 TEST_F(OpenGLDeviceContextTest, AfterAScopeAnotherContextIsNoticed)
 {
     GLContext other;
@@ -549,22 +575,29 @@ TEST_F(OpenGLDeviceContextTest, TheHandlerOfShaderFailuresMayUseAnotherContextIn
     GLContext other;
     const auto mine = device();
     bool called = false;
+    std::unique_ptr<Texture> texture;
     ShaderProgram::setFailureHandler([&](const ShaderFailure &) {
         ASSERT_TRUE(other.makeCurrent());
-        EXPECT_NE(device(), mine);
+        texture = makeTexture(GL_RGBA8, 2, 2);
         drawSomething();
-        OpenGLDeviceContext::releaseCurrent();
         ASSERT_TRUE(context().makeCurrent());
         called = true;
     });
-    const ContextScope scope;
-    ShaderProgram broken;
-    broken.addShader(GL_FRAGMENT_SHADER, QStringLiteral("#version 150\nnot GLSL\n"), QString());
-    EXPECT_FALSE(broken.compile());
+    {
+        const ContextScope scope;
+        ShaderProgram broken;
+        broken.addShader(GL_FRAGMENT_SHADER, QStringLiteral("#version 150\nnot GLSL\n"), QString());
+        EXPECT_FALSE(broken.compile());
+        drawSomething();
+        EXPECT_EQ(device(), mine);
+    }
     ShaderProgram::setFailureHandler({});
-    EXPECT_TRUE(called);
-    EXPECT_EQ(device(), mine);
-    drawSomething();
+    ASSERT_TRUE(called);
+    ASSERT_TRUE(other.makeCurrent());
+    EXPECT_TRUE(glIsTexture(texture->textureID()));
+    OpenGLDeviceContext::releaseCurrent();
+    EXPECT_EQ(texture->textureID(), 0u) << "it was the other context's";
+    ASSERT_TRUE(context().makeCurrent());
 }
 
 } // namespace Brevane::Kvo
