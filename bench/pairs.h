@@ -35,7 +35,7 @@ double secondsOf(Function &&function)
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-/// Frames in a row whose time is taken together.
+/// Short frames in a row whose time is taken together.
 constexpr int kBurst = 16;
 
 /// CPU time of this thread.
@@ -52,17 +52,17 @@ double microseconds(Function &&function)
     return now() - start;
 }
 
-/// CPU time of this thread until it has told GL what to do, the mean of a burst.
+/// CPU time of this thread until it has told GL what to do, the mean of so many runs in a row.
 template <typename Function>
-double issuingMicroseconds(Function &&function)
+double issuingMicroseconds(int times, Function &&function)
 {
     glFinish();
     const double time = microseconds([&] {
-        for (int i = 0; i < kBurst; ++i)
+        for (int i = 0; i < times; ++i)
             function();
     });
     glFinish();
-    return time / kBurst;
+    return time / times;
 }
 
 /// Runs two ways of doing one thing in turn, each first every other time, so that whatever else the
