@@ -94,14 +94,16 @@ void run()
         GPUModel model;
         model.upload(Test::quadGridScene(32, 32));
         Chain large(&model, 1280, 720);
-        // So small that next to nothing is drawn: what is left is the cost of the calls.
-        Chain small(&model, 1, 1);
+        // A pixel and a quad: next to nothing is drawn, and what is left is the cost of the calls.
+        GPUModel quad;
+        quad.upload(Test::quadGridScene(1, 1));
+        Chain small(&quad, 1, 1);
         large.addTo(subjects);
         small.addTo(subjects);
         registerAll(subjects);
         benchmark::RunSpecifiedBenchmarks();
 
-        std::printf("\nper steady frame, 1024 items where a model is drawn; ");
+        std::printf("\nper steady frame, 1024 items where a model is drawn, one for a single pixel; ");
         printTable(subjects);
     }
 }

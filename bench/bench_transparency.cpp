@@ -287,8 +287,10 @@ void run(const QString &modelPath, const char *plotPath)
     {
         std::vector<Subject> subjects;
         Passes large(&model, view, 1280, 720);
-        // So small that next to nothing is drawn: what is left is the cost of the calls, and the clear.
-        Passes small(&model, view, 1, 1);
+        // A pixel and a quad: next to nothing is drawn, and what is left is the cost of the calls, and the clear.
+        GPUModel quad;
+        quad.upload(Test::quadGridScene(1, 1));
+        Passes small(&quad, view, 1, 1);
         large.addTo(subjects);
         small.addTo(subjects);
         registerAll(subjects);
