@@ -47,7 +47,7 @@ bool read(const QString &path, QMap<QString, Row> *rows)
     }
     const QJsonArray benchmarks =
         QJsonDocument::fromJson(file.readAll()).object().value(QLatin1String("benchmarks")).toArray();
-    for (const QJsonValue &value : benchmarks) {
+    for (const auto &value : benchmarks) {
         const QJsonObject b = value.toObject();
         // "Pass/1280x720/iterations:120/manual_time"
         const QString name = b.value(QLatin1String("name")).toString();

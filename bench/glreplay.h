@@ -2,6 +2,7 @@
 
 #include "support/glcalls.h"
 
+#include <functional>
 #include <vector>
 
 namespace Brevane::Kvo::Bench {
@@ -37,8 +38,7 @@ class GLAnswers
 {
 public:
     /// Runs a steady frame and keeps what it asks.
-    template <typename Frame>
-    explicit GLAnswers(Frame &&frame)
+    explicit GLAnswers(const std::function<void()> &frame)
     {
         const Scope learning(this, Mode::Learn);
         frame();
