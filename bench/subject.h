@@ -32,7 +32,7 @@ struct Subject
     double floor = 0;
     double issuing = 0;
     double own = 0;
-    double overNeeded = 0;
+    double overBare = 0;
 };
 
 /// One pixel, so that next to nothing is drawn.
@@ -91,10 +91,10 @@ inline void measureIssuing(benchmark::State &state, Subject &subject)
     }
     subject.issuing = median(all);
     subject.own = median(own);
-    subject.overNeeded = median(over);
+    subject.overBare = median(over);
     state.counters["cpu_us"] = subject.issuing;
     state.counters["own_us"] = subject.own;
-    state.counters["over_needed_us"] = subject.overNeeded;
+    state.counters["over_bare_us"] = subject.overBare;
 }
 
 inline void compareTimes(benchmark::State &state, Subject &subject)
@@ -150,7 +150,7 @@ inline void printTable(const std::vector<Subject> &subjects)
                 "draws");
     for (const Subject &s : subjects) {
         if (isSmall(s))
-            std::printf("%-46s %10.1f %14.2f %16.2f %6d\n", s.name.c_str(), s.issuing, s.own, s.overNeeded, s.draws);
+            std::printf("%-46s %10.1f %14.2f %16.2f %6d\n", s.name.c_str(), s.issuing, s.own, s.overBare, s.draws);
     }
 }
 
