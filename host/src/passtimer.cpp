@@ -97,8 +97,13 @@ void PassTimer::release()
     for (Pair &pair : _pairs) {
         if (pair.queries[0])
             glDeleteQueries(2, pair.queries);
-        pair = Pair();
     }
+    forget();
+}
+
+void PassTimer::forget()
+{
+    _pairs.fill(Pair());
 }
 
 PassTiming PassTimer::result(const QString &pass) const

@@ -37,8 +37,10 @@ public:
     /// Takes in what the GPU has finished; all of it when told to wait.
     void collect(bool wait);
     void setHistory(int frames);
-    /// Deletes the queries of the current context.
+    /// Deletes the queries, whose context is current.
     void release();
+    /// Lets go of queries whose context is not current or gone.
+    void forget();
     PassTiming result(const QString &pass) const;
 
 private:

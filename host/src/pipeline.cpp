@@ -2,6 +2,7 @@
 
 #include "framestate.h"
 #include "gl/framebufferobject.h"
+#include "gl/givenup.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/texture.h"
 #include "gl/texturemanager.h"
@@ -172,6 +173,15 @@ bool contextIsCurrent()
     return !OpenGLDeviceContext::current().isNull();
 }
 
+bool names(const QVariant &value, const Texture *texture)
+{
+    if (value.metaType() == QMetaType(QMetaType::QVariantList)) {
+        const QVariantList list = value.toList();
+        return std::any_of(list.begin(), list.end(), [texture](const QVariant &v) { return names(v, texture); });
+    }
+    return textureFromVariant(value) == texture;
+}
+
 } // namespace
 
 class PipelinePrivate
@@ -194,6 +204,11 @@ public:
     Node *append(const QString &name, std::unique_ptr<RenderPass> pass);
     void set(Node *node, int input, const Source &source);
     void destroyPass(Node *node);
+    void releaseTimer(Node *node);
+    /// Whether an input, an output or a host value still names a texture.
+    bool isNamed(const Texture *texture) const;
+    /// Frees what passes have given up and nothing names.
+    void freeGivenUp();
     QString sourceName(const Source &source) const;
     const QVariant &hostValueOf(const Source &source) const;
 
@@ -222,6 +237,8 @@ public:
     qint64 poolBytes = -1;
     bool timing = false;
     int history = 120;
+    QVector<QPointer<QObject>> givenUp; ///< By the passes of this pipeline.
+    QWeakPointer<OpenGLDeviceContext> timerContext; ///< Where the queries are.
     bool contextKnown = false;
     bool hasDebugGroups = false;
     bool hasTimestamps = false;
@@ -321,13 +338,51 @@ void PipelinePrivate::set(Node *node, int input, const Source &source)
 
 void PipelinePrivate::destroyPass(Node *node)
 {
+    const GivenUpCollector collector(givenUp);
     if (node->isSetUp && contextIsCurrent()) {
         node->pass->teardown(nullptr);
         node->pass->teardownContextData(nullptr);
-        node->timer.release();
     }
+    releaseTimer(node);
     node->isSetUp = false;
     node->pass.reset();
+}
+
+// Queries belong to one context, and their names mean others in another one.
+void PipelinePrivate::releaseTimer(Node *node)
+{
+    const QSharedPointer<OpenGLDeviceContext> context = timerContext.toStrongRef();
+    if (context && OpenGLDeviceContext::current() == context)
+        node->timer.release();
+    else
+        node->timer.forget();
+}
+
+bool PipelinePrivate::isNamed(const Texture *texture) const
+{
+    for (const auto &node : nodes) {
+        for (int i = 0; i < node->pass->numOutputs(); ++i) {
+            if (names(node->pass->output(i), texture))
+                return true;
+        }
+        for (const Source &source : node->inputs) {
+            if (names(source.value, texture))
+                return true;
+        }
+    }
+    return std::any_of(hostValues.begin(), hostValues.end(),
+                       [texture](const HostValue &host) { return names(host.value, texture); });
+}
+
+void PipelinePrivate::freeGivenUp()
+{
+    for (const QPointer<QObject> &object : std::exchange(givenUp, {})) {
+        const auto *texture = qobject_cast<const Texture *>(object.data());
+        if (texture && isNamed(texture))
+            givenUp.append(object);
+        else
+            delete object.data();
+    }
 }
 
 QString PipelinePrivate::sourceName(const Source &source) const
@@ -440,8 +495,12 @@ bool PipelinePrivate::prepare(QString *error)
 
 void PipelinePrivate::learnContext()
 {
-    if (contextKnown)
+    const QSharedPointer<OpenGLDeviceContext> context = OpenGLDeviceContext::current();
+    if (contextKnown && timerContext == context)
         return;
+    for (const auto &node : nodes)
+        node->timer.forget();
+    timerContext = context;
     const int version = epoxy_gl_version();
     hasDebugGroups = version >= 43 || epoxy_has_gl_extension("GL_KHR_debug");
     hasTimestamps = version >= 33 || epoxy_has_gl_extension("GL_ARB_timer_query");
@@ -507,6 +566,11 @@ Pipeline::~Pipeline()
     const bool anySetUp = std::any_of(d->nodes.begin(), d->nodes.end(), [](const auto &node) { return node->isSetUp; });
     if (anySetUp && contextIsCurrent())
         teardown();
+    {
+        const GivenUpCollector collector(d->givenUp);
+        d->nodes.clear();
+    }
+    d->freeGivenUp();
 }
 
 bool Pipeline::add(const QString &name, std::unique_ptr<RenderPass> pass, QString *error)
@@ -928,6 +992,8 @@ bool Pipeline::render(RenderCallbacks *callbacks, QString *error)
 {
     if (!setup(callbacks, error))
         return false;
+    if (!d->givenUp.isEmpty())
+        d->freeGivenUp();
     const FrameState state;
     d->faults.clear();
     d->ledger.beginFrame();
@@ -944,7 +1010,10 @@ bool Pipeline::render(RenderCallbacks *callbacks, QString *error)
         d->ledger.beforeStart(step.inputPorts);
         if (d->timing)
             node.timer.begin(d->hasTimestamps);
-        node.pass->start(callbacks);
+        {
+            const GivenUpCollector collector(d->givenUp);
+            node.pass->start(callbacks);
+        }
         if (d->timing)
             node.timer.end();
         d->checkReferences(step);
@@ -976,7 +1045,7 @@ void Pipeline::teardownContextData(RenderCallbacks *callbacks)
 {
     for (auto node = d->nodes.rbegin(); node != d->nodes.rend(); ++node) {
         (*node)->pass->teardownContextData(callbacks);
-        (*node)->timer.release();
+        d->releaseTimer(node->get());
     }
     d->contextKnown = false;
 }

@@ -39,10 +39,12 @@ public:
     QString inputName(int index) const override;
     QString outputName(int index) const override;
     /// Stores a value. A texture is first brought into the form that this pass reads, so that any
-    /// output can be wired to any input; everything else is stored as it came.
+    /// output can be wired to any input; everything else is stored as it came. Values only borrow: an
+    /// object that is destroyed later reads as nothing when the pass starts.
     void setInput(int index, const QVariant &value) override;
     QVariant defaultValue(int index) const override;
     void setDefaultValue(int index, const QVariant &value) override;
+    /// As the pass left it. An object that has been destroyed since reads as a null pointer.
     QVariant output(int index) const override;
     void setNumOutputUsers(int index, int count) override;
     void resetNumOutputUsers() override;

@@ -23,6 +23,10 @@ public:
     bool bind() override;
     bool unbind() override;
 
+    /// False where the GL buffer belongs to another share group than the current one, or went with its own;
+    /// true before the first bind. False without a context.
+    bool isUsable() const;
+
     /// GL_ARRAY_BUFFER (the default), GL_ELEMENT_ARRAY_BUFFER, GL_PIXEL_UNPACK_BUFFER …
     void setTarget(unsigned int target);
     unsigned int target() const;

@@ -14,6 +14,8 @@ class KVO_GL_EXPORT ContextScope
 public:
     ContextScope();
     ~ContextScope();
+    /// Whether a usable context is current.
+    explicit operator bool() const;
     ContextScope(const ContextScope &) = delete;
     ContextScope &operator=(const ContextScope &) = delete;
 };

@@ -41,6 +41,9 @@ public:
     explicit DrawBuffers(QObject *parent = nullptr);
     ~DrawBuffers() override;
 
+    /// Whether its buffers can be used in the current context, or have nothing in them yet.
+    bool isUsable() const;
+
     /// Binds the vertex array.
     bool bind() override;
     bool unbind() override;

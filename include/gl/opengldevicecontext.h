@@ -57,11 +57,15 @@ public:
     virtual QSharedPointer<VertexArrayObject> createVertexArrayObject();
 
     /// Takes over an object (Texture, FramebufferObject, ShaderProgram, DrawBuffers) that its owner
-    /// lets go of without deleting it. It is freed when this context is released, not before: somebody
-    /// may still use it. Null, and an object given up twice, are ignored.
+    /// lets go of without deleting it: somebody may still use it. The share group keeps it until
+    /// freeGivenUp, or its own end. Null, and an object given up twice, are ignored.
     void giveUp(QObject *object);
-    /// Objects given up and not freed yet.
+    /// Objects of the share group that were given up and not freed yet.
     int givenUpCount() const;
+    /// Frees them and gives their number. For hosts without a Pipeline: passes that do not delete their
+    /// targets with themselves (ModelRenderPass, GBufferRenderPass, ForwardRenderPass) give them up, and only
+    /// the host knows when nothing reads them any more.
+    int freeGivenUp();
     /// Live GL objects, those given up included.
     GLObjectCounts liveObjects() const;
 

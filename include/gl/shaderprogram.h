@@ -122,6 +122,7 @@ private:
     bool _setNumber(const QString &name, double value);
     bool _setValues(const QString &name, const double *values, int count);
 
+    friend class ShaderProgramPrivate;
     friend class VertexArrayObject;
     Q_DISABLE_COPY(ShaderProgram)
 

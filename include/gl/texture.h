@@ -21,7 +21,8 @@ class ObjectName;
 /// unit what it held before and makes the unit active that was active before.
 ///
 /// Destroying the wrapper deletes the GL texture. This is safe with no context or another context
-/// current: the deletion then waits for a context that can do it.
+/// current: the deletion then waits for a context that can do it. A wrapper whose GL texture went with its
+/// share group stays harmless, and empty.
 class KVO_GL_EXPORT Texture : public QObject, public Bindable
 {
     Q_OBJECT
@@ -40,6 +41,9 @@ public:
 
     /// The unit that the bound texture sits on: the value a sampler uniform needs. -1 when unbound.
     int unit() const;
+    /// False where the GL texture belongs to another share group than the current one, or went with its
+    /// own; true before the first bind. False without a context.
+    bool isUsable() const;
     /// The GL name; 0 before the first bind, and again after the context has been released.
     unsigned int textureID() const;
 
@@ -53,6 +57,9 @@ public:
 
 private:
     Q_DISABLE_COPY(Texture)
+    friend class TextureManager;
+
+    void freeStorage();
 
     std::unique_ptr<ObjectName> _name;
     unsigned int _target = 0;

@@ -3,6 +3,7 @@
 #include "gl/export.h"
 
 #include <QStringList>
+#include <QVector>
 #include <QtGlobal>
 
 #include <memory>
@@ -99,7 +100,9 @@ public:
     void advanceFrame();
     /// Frees pool textures without references that nobody took for more than \a maxIdleFrames frames,
     /// then the longest idle ones until the pool takes at most \a maxBytes (negative: no limit).
-    /// Textures with references are never freed. Gives the number freed.
+    /// Textures with references are never freed. The wrapper of one that was freed stays valid memory, empty,
+    /// until the pool uses it for another texture: outputs that nobody reads may still name it. Gives the
+    /// number freed.
     int trim(int maxIdleFrames, qint64 maxBytes = -1);
     /// State of the pool in the current share group.
     TexturePoolStatistics statistics() const;
@@ -123,7 +126,7 @@ public:
     /// one too large for the driver is reduced, with a message. 0, which reads white, for a null image.
     /// The handle carries one reference.
     int addManagedTexture(const QImage &image, const QString &label = QString());
-    /// Drops a handle; its room is used again.
+    /// Drops a handle of the current share group; its room is used again.
     void removeManagedTexture(int handle);
     /// Live handles in the current share group.
     int managedTextureCount() const;
@@ -134,8 +137,10 @@ public:
 private:
     friend class ShareGroup;
     friend class ContextState;
+    friend class GPUModelPrivate;
     TextureManager();
     void dropShareGroup(quint64 id);
+    void removeManagedTextures(quint64 shareGroup, const QVector<int> &handles);
     Q_DISABLE_COPY(TextureManager)
 
     std::unique_ptr<TextureManagerPrivate> d;

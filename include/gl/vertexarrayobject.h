@@ -22,8 +22,11 @@ public:
     VertexArrayObject();
     ~VertexArrayObject() override;
 
+    /// False, too, when a buffer belongs to another share group than the current one.
     bool bind() override;
     bool unbind() override;
+    /// Whether its buffers can be used in the current context, or have nothing in them yet.
+    bool isUsable() const;
 
     /// Registers a buffer under an attribute name: \a components values of \a type per vertex
     /// (GL_FLOAT, or GL_UNSIGNED_INT for an integer attribute), tightly packed, from \a offset bytes on.

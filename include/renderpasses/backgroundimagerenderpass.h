@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/renderpasshelper.h"
+#include "gl/held.h"
 #include "renderpasses/export.h"
 
 #include <QSharedPointer>
@@ -59,11 +60,11 @@ public:
     void teardown(RenderCallbacks *callbacks) override;
 
 private:
-    FramebufferObject *_fbo = nullptr;
-    ShaderProgram *_program = nullptr;
+    Held<FramebufferObject> _fbo;
+    Held<ShaderProgram> _program;
     QSharedPointer<DrawBuffers> _quad;
-    Texture *_fadeTexture1 = nullptr;
-    Texture *_fadeTexture2 = nullptr;
+    Held<Texture> _fadeTexture1;
+    Held<Texture> _fadeTexture2;
     int _width = 0;
     int _height = 0;
 };

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/renderpasshelper.h"
+#include "gl/held.h"
 #include "renderpasses/export.h"
 
 #include <QSharedPointer>
@@ -72,10 +73,10 @@ public:
     void start(RenderCallbacks *callbacks) override;
 
 private:
-    FramebufferObject *_fbo = nullptr;
-    ShaderProgram *_program = nullptr;
+    Held<FramebufferObject> _fbo;
+    Held<ShaderProgram> _program;
     QSharedPointer<DrawBuffers> _quad;
-    Texture *_fallbackTexture = nullptr;
+    Held<Texture> _fallbackTexture;
     int _blendMode;
 };
 

@@ -41,8 +41,8 @@ private:
     void drawWithBlurOnlyShader(Texture *input, Texture *output);
     void drawWithBlurAndAddShader(Texture *original, Texture *blurred, Texture *output);
 
-    ShaderProgram *_blurAndAddProgram = nullptr;
-    ShaderProgram *_thresholdProgram = nullptr;
+    Held<ShaderProgram> _blurAndAddProgram;
+    Held<ShaderProgram> _thresholdProgram;
     float _glowAmount = 0.0f;
     float _glowThreshold = 0.0f;
     float _viewportWidth = 0.0f;

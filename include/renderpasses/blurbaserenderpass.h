@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/renderpasshelper.h"
+#include "gl/held.h"
 #include "renderpasses/export.h"
 
 #include <QSharedPointer>
@@ -42,8 +43,8 @@ protected:
     /// A program of the base vertex shader and this fragment text. The caller owns it.
     ShaderProgram *makeShaderProgram(const QString &fragmentShader) const;
 
-    FramebufferObject *_fbo = nullptr;
-    ShaderProgram *_blurProgram = nullptr;
+    Held<FramebufferObject> _fbo;
+    Held<ShaderProgram> _blurProgram;
     QSharedPointer<DrawBuffers> _quad;
     float _blurRadius = 0.0f;
     float _stencilMask;

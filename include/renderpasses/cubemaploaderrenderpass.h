@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/renderpasshelper.h"
+#include "gl/held.h"
 #include "renderpasses/export.h"
 
 #include <QHash>
@@ -55,14 +56,14 @@ private:
     QString _key() const;
     Texture *_load() const;
 
-    Texture *_cubemap = nullptr;
+    Held<Texture> _cubemap;
     QString _pathPosX;
     QString _pathPosY;
     QString _pathPosZ;
     QString _pathNegX;
     QString _pathNegY;
     QString _pathNegZ;
-    QHash<QString, Texture *> _cache;
+    QHash<QString, Held<Texture>> _cache;
 };
 
 } // namespace Brevane::Kvo

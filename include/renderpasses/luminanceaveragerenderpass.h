@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/renderpasshelper.h"
+#include "gl/held.h"
 #include "renderpasses/export.h"
 
 #include <QSharedPointer>
@@ -53,11 +54,11 @@ public:
 private:
     void reduce(Texture *texture, float width, float height);
 
-    ShaderProgram *_shaderProgram = nullptr;
+    Held<ShaderProgram> _shaderProgram;
     QSharedPointer<DrawBuffers> _screenQuad;
-    Texture *_fallbackTexture = nullptr;
-    FramebufferObject *_reductionFbo = nullptr;
-    FramebufferObject *_averageFbo = nullptr;
+    Held<Texture> _fallbackTexture;
+    Held<FramebufferObject> _reductionFbo;
+    Held<FramebufferObject> _averageFbo;
     int _reducedWidth = 0;
     int _reducedHeight = 0;
     int _averageWidth = 0;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/renderpasshelper.h"
+#include "gl/held.h"
 #include "renderpasses/export.h"
 
 #include <QSharedPointer>
@@ -44,10 +45,10 @@ public:
     void start(RenderCallbacks *callbacks) override;
 
 private:
-    FramebufferObject *_fbo = nullptr;
-    ShaderProgram *_shaderProgram = nullptr;
+    Held<FramebufferObject> _fbo;
+    Held<ShaderProgram> _shaderProgram;
     QSharedPointer<DrawBuffers> _quad;
-    Texture *_defaultTexture = nullptr;
+    Held<Texture> _defaultTexture;
     int _width = 0;
     int _height = 0;
 };

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/renderpasshelper.h"
+#include "gl/held.h"
 #include "renderpasses/export.h"
 
 #include <QList>
@@ -55,8 +56,8 @@ private:
         unsigned int internalFormat;
     };
 
-    FramebufferObject *_fbo = nullptr;
-    ShaderProgram *_shaderProgram = nullptr;
+    Held<FramebufferObject> _fbo;
+    Held<ShaderProgram> _shaderProgram;
     QList<Target> _targets;
     int _width = 0;
     int _height = 0;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/renderpasshelper.h"
+#include "gl/held.h"
 #include "renderpasses/export.h"
 
 #include <QList>
@@ -59,7 +60,7 @@ private:
 
     DrawBuffers *build() const;
 
-    DrawBuffers *_drawBuffers = nullptr;
+    Held<DrawBuffers> _drawBuffers;
     QList<Primitive> _primitives;
     bool _dirty = false;
     bool _useIndirectDrawCommands = true;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/renderpasshelper.h"
+#include "gl/held.h"
 #include "renderpasses/export.h"
 
 #include <QSharedPointer>
@@ -82,9 +83,9 @@ private:
     ShaderProgram *build(bool multisampled, bool positions, bool normals) const;
     void draw(Texture *depth, Texture *position, Texture *normal);
 
-    FramebufferObject *_fbo = nullptr;
-    ShaderProgram *_shaderProgramSS = nullptr;
-    ShaderProgram *_shaderProgramMS = nullptr;
+    Held<FramebufferObject> _fbo;
+    Held<ShaderProgram> _shaderProgramSS;
+    Held<ShaderProgram> _shaderProgramMS;
     QSharedPointer<DrawBuffers> _screenQuad;
     int _width = 0;
     int _height = 0;

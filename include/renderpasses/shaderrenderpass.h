@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/renderpasshelper.h"
+#include "gl/held.h"
 #include "renderpasses/export.h"
 
 #include <QByteArray>
@@ -94,10 +95,10 @@ public:
     virtual void setUniforms();
 
 protected:
-    FramebufferObject *_fbo = nullptr;
-    ShaderProgram *_program = nullptr;
+    Held<FramebufferObject> _fbo;
+    Held<ShaderProgram> _program;
     QSharedPointer<DrawBuffers> _quad;
-    Texture *_defaultTexture = nullptr; ///< For samplers that are not connected; not owned.
+    Held<Texture> _defaultTexture; ///< For samplers that are not connected; not owned.
     QString _vertexShaderSource;
     QString _fragmentShaderSource;
     QString _geometryShaderSource;

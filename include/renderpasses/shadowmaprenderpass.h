@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/renderpasshelper.h"
+#include "gl/held.h"
 #include "renderpasses/export.h"
 #include "shadows/shadowmapmanager.h"
 
@@ -80,15 +81,15 @@ private:
     bool _drawMaps(GPUModel *model, const QVariantList &instanceData);
     Texture *_gaussBlurShadowMapArray(const QSize &size, FilterType type, int passes);
 
-    FramebufferObject *_fbo = nullptr;
-    Texture *_depthTexture = nullptr;
-    Texture *_shadowMapArray = nullptr;
-    ShaderProgram *_depthProgram = nullptr;
+    Held<FramebufferObject> _fbo;
+    Held<Texture> _depthTexture;
+    Held<Texture> _shadowMapArray;
+    Held<ShaderProgram> _depthProgram;
     int _layerCount = 0;
     QSize _mapSize{0, 0};
-    Texture *_blurArray = nullptr;
-    QMap<int, ShaderProgram *> _blurPrograms;
-    DrawBuffers *_blurQuad = nullptr;
+    Held<Texture> _blurArray;
+    QMap<int, Held<ShaderProgram>> _blurPrograms;
+    Held<DrawBuffers> _blurQuad;
     QString _instanceDataPlanName = QStringLiteral("TarnInstance");
     ShadowMapManager::RenderData _renderData;
     GLSLMacroProcessor *_macroProcessor;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/renderpasshelper.h"
+#include "gl/held.h"
 #include "renderpasses/export.h"
 #include "shadows/shadowmapmanager.h"
 
@@ -100,18 +101,18 @@ private:
     bool _drawCasters(GPUModel *model, const QVariantList &instanceData);
     void _blurShadowMapArray(const QSize &size, FilterType type);
 
-    FramebufferObject *_fbo = nullptr;
-    FramebufferObject *_filterFbo = nullptr;
-    Texture *_depthArray = nullptr;
-    Texture *_shadowMapArray = nullptr;
-    ShaderProgram *_depthProgram = nullptr;
+    Held<FramebufferObject> _fbo;
+    Held<FramebufferObject> _filterFbo;
+    Held<Texture> _depthArray;
+    Held<Texture> _shadowMapArray;
+    Held<ShaderProgram> _depthProgram;
     int _batchSize = 1;
     bool _useViewportLayer = false;
     bool _layeredTargets = false;
     int _layerCount = 0;
     QSize _mapSize{0, 0};
-    QMap<int, ShaderProgram *> _blurPrograms;
-    DrawBuffers *_pointQuad = nullptr;
+    QMap<int, Held<ShaderProgram>> _blurPrograms;
+    Held<DrawBuffers> _pointQuad;
     QString _instanceDataPlanName = QStringLiteral("TarnInstance");
     ShadowMapManager::RenderData _renderData;
     GLSLMacroProcessor *_macroProcessor;

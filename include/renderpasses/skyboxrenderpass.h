@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/renderpasshelper.h"
+#include "gl/held.h"
 #include "renderpasses/export.h"
 
 #include <QSharedPointer>
@@ -58,10 +59,10 @@ public:
     void teardown(RenderCallbacks *callbacks) override;
 
 private:
-    FramebufferObject *_fbo = nullptr;
-    ShaderProgram *_cubeProgram = nullptr;
-    ShaderProgram *_latLongProgram = nullptr;
-    ShaderProgram *_backgroundProgram = nullptr;
+    Held<FramebufferObject> _fbo;
+    Held<ShaderProgram> _cubeProgram;
+    Held<ShaderProgram> _latLongProgram;
+    Held<ShaderProgram> _backgroundProgram;
     QSharedPointer<DrawBuffers> _quad;
     int _width = 0;
     int _height = 0;

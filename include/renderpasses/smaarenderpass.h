@@ -1,6 +1,8 @@
 #pragma once
 
 #include "core/renderpasshelper.h"
+#include "gl/held.h"
+#include "gl/pooledtexture.h"
 #include "renderpasses/export.h"
 
 #include <QMatrix4x4>
@@ -71,21 +73,21 @@ private:
     bool _supportTransparency = false;
     bool _predication = false;
     QVector4D _smaaMetrics;
-    FramebufferObject *_edgeFbo = nullptr;
-    FramebufferObject *_weightFbo = nullptr;
-    FramebufferObject *_blendFbo = nullptr;
-    FramebufferObject *_resolveFbo = nullptr;
-    FramebufferObject *_velocityFbo = nullptr;
-    Texture *_areaTexture = nullptr;
-    Texture *_searchTexture = nullptr;
-    ShaderProgram *_edgeProgram = nullptr;
-    ShaderProgram *_weightProgram = nullptr;
-    ShaderProgram *_blendProgram = nullptr;
-    ShaderProgram *_resolveProgram = nullptr;
-    ShaderProgram *_velocityProgram = nullptr;
+    Held<FramebufferObject> _edgeFbo;
+    Held<FramebufferObject> _weightFbo;
+    Held<FramebufferObject> _blendFbo;
+    Held<FramebufferObject> _resolveFbo;
+    Held<FramebufferObject> _velocityFbo;
+    Held<Texture> _areaTexture;
+    Held<Texture> _searchTexture;
+    Held<ShaderProgram> _edgeProgram;
+    Held<ShaderProgram> _weightProgram;
+    Held<ShaderProgram> _blendProgram;
+    Held<ShaderProgram> _resolveProgram;
+    Held<ShaderProgram> _velocityProgram;
     QSharedPointer<DrawBuffers> _quad;
-    QVector<Texture *> _colorHistory;
-    QVector<Texture *> _packedVelocityHistory;
+    QVector<PooledTexture> _colorHistory;
+    QVector<PooledTexture> _packedVelocityHistory;
     int _historyIndex = 0;
     QMatrix4x4 _previousViewProjection;
 };

@@ -39,7 +39,7 @@ private:
     void drawWithBlurOnlyShader(const bool &rebuilt, Texture *input, Texture *output);
     void drawWithBlurAndAddShader(const bool &rebuilt, Texture *original, Texture *blurred, Texture *output);
 
-    ShaderProgram *_blurAndAddProgram = nullptr;
+    Held<ShaderProgram> _blurAndAddProgram;
     float _viewportWidth = 0.0f;
     float _viewportHeight = 0.0f;
 };

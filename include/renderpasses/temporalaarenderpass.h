@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/renderpasshelper.h"
+#include "gl/held.h"
 #include "renderpasses/export.h"
 
 #include <QMatrix4x4>
@@ -47,9 +48,9 @@ public:
 private:
     void releaseAccumulation();
 
-    FramebufferObject *_fbo = nullptr;
+    Held<FramebufferObject> _fbo;
     QSharedPointer<DrawBuffers> _quad;
-    ShaderProgram *_program = nullptr;
+    Held<ShaderProgram> _program;
     QMatrix4x4 _lastProjection;
     QMatrix4x4 _lastCamera;
     int _lastWidth = 0;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/renderpasshelper.h"
+#include "gl/held.h"
 #include "renderpasses/export.h"
 
 #include <QString>
@@ -42,7 +43,7 @@ public:
 private:
     void _upload();
 
-    Texture *_texture = nullptr;
+    Held<Texture> _texture;
     QString _path;
 };
 

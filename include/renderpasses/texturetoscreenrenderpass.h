@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/renderpasshelper.h"
+#include "gl/held.h"
 #include "renderpasses/export.h"
 
 #include <QSharedPointer>
@@ -49,11 +50,11 @@ public:
     void teardownContextData(RenderCallbacks *callbacks) override;
 
 private:
-    ShaderProgram *_shaderProgram = nullptr;
+    Held<ShaderProgram> _shaderProgram;
     QSharedPointer<DrawBuffers> _quad;
-    Texture *_defaultTexture = nullptr;
-    FramebufferObject *_readFbo = nullptr;
-    FramebufferObject *_drawFbo = nullptr;
+    Held<Texture> _defaultTexture;
+    Held<FramebufferObject> _readFbo;
+    Held<FramebufferObject> _drawFbo;
     bool _superSampling = false;
 };
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/renderpasshelper.h"
+#include "gl/held.h"
 #include "renderpasses/export.h"
 
 #include <QList>
@@ -52,13 +53,13 @@ public:
     void start(RenderCallbacks *callbacks) override;
 
 private:
-    FramebufferObject *_opaqueFbo = nullptr;
-    FramebufferObject *_accumulationFbo = nullptr;
-    ShaderProgram *_opaqueProgram = nullptr;
-    ShaderProgram *_accumulationProgram = nullptr;
-    ShaderProgram *_compositeProgram = nullptr;
+    Held<FramebufferObject> _opaqueFbo;
+    Held<FramebufferObject> _accumulationFbo;
+    Held<ShaderProgram> _opaqueProgram;
+    Held<ShaderProgram> _accumulationProgram;
+    Held<ShaderProgram> _compositeProgram;
     QSharedPointer<DrawBuffers> _screenQuad;
-    Texture *_whiteTexture = nullptr;
+    Held<Texture> _whiteTexture;
     QList<QVariant> _emptyList;
     int _width = -1;
     int _height = -1;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/renderpasshelper.h"
+#include "gl/held.h"
 #include "renderpasses/export.h"
 
 #include <QList>
@@ -64,13 +65,13 @@ private:
     void clearLists();
 
     bool _modeChosen = false;
-    FramebufferObject *_fbo = nullptr;
-    ShaderProgram *_shaderProgram = nullptr;
+    Held<FramebufferObject> _fbo;
+    Held<ShaderProgram> _shaderProgram;
     QSharedPointer<BufferObject> _headCounter;
     Texture *_headPointerTexture = nullptr;
-    FramebufferObject *_headPointerFbo = nullptr;
+    Held<FramebufferObject> _headPointerFbo;
     Texture *_nodeBufferTexture = nullptr;
-    FramebufferObject *_nodeBufferFbo = nullptr;
+    Held<FramebufferObject> _nodeBufferFbo;
     QList<QPair<QString, unsigned int>> _outputFormats;
     int _width = -1;
     int _height = -1;

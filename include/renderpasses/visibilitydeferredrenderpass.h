@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/renderpasshelper.h"
+#include "gl/held.h"
 #include "renderpasses/export.h"
 
 #include <QList>
@@ -61,12 +62,12 @@ private:
     void shade(GPUModel &model, DrawBuffers &geometry, const QSharedPointer<UniformBufferObject> &commands,
                Texture *headPointers, Texture *nodeBuffer);
 
-    FramebufferObject *_fbo = nullptr;
-    ShaderProgram *_shaderProgram = nullptr;
+    Held<FramebufferObject> _fbo;
+    Held<ShaderProgram> _shaderProgram;
     QSharedPointer<DrawBuffers> _screenQuad;
-    Texture *_fallbackTexture = nullptr;
-    QList<Texture *> _bufferTextures;
-    GLSLMacroProcessor *_macroProcessor = nullptr; ///< Of _shaderProgram.
+    Held<Texture> _fallbackTexture;
+    QList<Held<Texture>> _bufferTextures;
+    std::shared_ptr<GLSLMacroProcessor> _macroProcessor; ///< Of _shaderProgram.
     int _width = 0;
     int _height = 0;
 };

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/renderpasshelper.h"
+#include "gl/held.h"
 #include "renderpasses/export.h"
 
 #include <QSharedPointer>
@@ -49,9 +50,9 @@ public:
 
 private:
     bool _modeChosen = false;
-    ShaderProgram *_shaderProgram = nullptr;
+    Held<ShaderProgram> _shaderProgram;
     QSharedPointer<DrawBuffers> _screenQuad;
-    FramebufferObject *_fbo = nullptr;
+    Held<FramebufferObject> _fbo;
     bool _gl4Mode = false;
 };
 

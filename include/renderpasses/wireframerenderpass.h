@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/renderpasshelper.h"
+#include "gl/held.h"
 #include "renderpasses/export.h"
 
 #include <QSharedPointer>
@@ -39,8 +40,8 @@ public:
     void start(RenderCallbacks *callbacks) override;
 
 private:
-    FramebufferObject *_fbo = nullptr;
-    ShaderProgram *_program = nullptr;
+    Held<FramebufferObject> _fbo;
+    Held<ShaderProgram> _program;
     QSharedPointer<DrawBuffers> _quad;
 };
 

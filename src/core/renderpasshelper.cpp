@@ -1,5 +1,6 @@
 #include "core/renderpasshelper.h"
 
+#include "core/liveobjects.h"
 #include "core/log.h"
 
 #include <QMetaType>
@@ -12,8 +13,6 @@ namespace Brevane::Kvo {
 
 namespace {
 
-constexpr char kTextureClass[] = "Brevane::Kvo::Texture";
-
 // Known by name, because this library does not see the class. The metatype exists as soon as a
 // texture does.
 QMetaType typedTextureMetaType()
@@ -24,21 +23,36 @@ QMetaType typedTextureMetaType()
     return type;
 }
 
-bool holdsTexture(const QVariant &value)
+// The address in a value that is a pointer to an object or to a texture; null in all others.
+const void *addressIn(const QVariant &value)
 {
-    if (value.metaType() == QMetaType(QMetaType::QObjectStar)) {
-        const QObject *object = *static_cast<QObject *const *>(value.constData());
-        return object && object->inherits(kTextureClass);
-    }
-    return value.isValid() && value.metaType() == typedTextureMetaType();
+    const bool isPointer = value.metaType() == QMetaType(QMetaType::QObjectStar)
+                           || (value.isValid() && value.metaType() == typedTextureMetaType());
+    return isPointer ? *static_cast<const void *const *>(value.constData()) : nullptr;
+}
+
+QVariant nullLike(const QVariant &value)
+{
+    const void *null = nullptr;
+    return QVariant(value.metaType(), static_cast<const void *>(&null));
+}
+
+// What a slot of objects of ours hands out: an object that is gone since reads as null. Only the pointers
+// are compared, since nothing may be asked of an object that is gone.
+bool isGone(const PassSlot &slot)
+{
+    const void *address = addressIn(slot.value);
+    return address && slot.name.startsWith(QLatin1StringView("Kvo_Kvo")) && liveKindOf(address) == LiveKind::None;
 }
 
 QVariant inForm(const QVariant &value, TextureForm form)
 {
-    if (form == TextureForm::AsGiven || !holdsTexture(value))
+    if (form == TextureForm::AsGiven)
         return value;
     const QMetaType wanted = form == TextureForm::Typed ? typedTextureMetaType() : QMetaType(QMetaType::QObjectStar);
-    if (value.metaType() == wanted)
+    const void *address = addressIn(value);
+    const bool isNullTexture = !address && value.isValid() && value.metaType() == typedTextureMetaType();
+    if (value.metaType() == wanted || !(isNullTexture || liveKindOf(address) == LiveKind::Texture))
         return value;
     QVariant converted = value;
     converted.convert(wanted);
@@ -122,7 +136,10 @@ void RenderPassHelper::setDefaultValue(int index, const QVariant &value)
 
 QVariant RenderPassHelper::output(int index) const
 {
-    return inRange("output", index, _outputs.size()) ? _outputs.at(index).value : QVariant();
+    if (!inRange("output", index, _outputs.size()))
+        return QVariant();
+    const PassSlot &slot = _outputs.at(index);
+    return isGone(slot) ? nullLike(slot.value) : slot.value;
 }
 
 void RenderPassHelper::setNumOutputUsers(int index, int count)

@@ -46,7 +46,7 @@ BufferObject::~BufferObject()
 bool BufferObject::bind()
 {
     const ContextState *state = ContextState::current();
-    if (!state || !(_name->id() ? _name->isUsableIn(*state) : _name->create(NameKind::Buffer)))
+    if (!state || !(_name->wasCreated() ? _name->isUsableIn(*state) : _name->create(NameKind::Buffer)))
         return false;
     _previous.append(boundNow(_target));
     if (_indexed) {
@@ -71,6 +71,12 @@ bool BufferObject::unbind()
         glBindBufferBase(_target, _index, _previous.takeLast());
     glBindBuffer(_target, _previous.takeLast());
     return true;
+}
+
+bool BufferObject::isUsable() const
+{
+    const ContextState *state = ContextState::current();
+    return state && (!_name->wasCreated() || _name->isUsableIn(*state));
 }
 
 void BufferObject::setTarget(unsigned int target)

@@ -1,10 +1,11 @@
 #include "gl/contextstate.h"
 
 #include "gl/contextscope.h"
+#include "gl/held.h"
+#include "gl/loadedlibrary.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/texturemanager.h"
 
-#include <dlfcn.h>
 #include <epoxy/gl.h>
 
 #include <algorithm>
@@ -12,25 +13,15 @@
 
 namespace Brevane::Kvo {
 
+quint64 currentShareGroup()
+{
+    const ContextState *state = ContextState::current();
+    return state ? state->group->id() : 0;
+}
+
 namespace {
 
 using GetCurrentContext = void *(*)();
-
-// The window system interfaces are asked only when the process has loaded them: linking one would
-// force it on hosts that use the other.
-GetCurrentContext loadedFunction(std::initializer_list<const char *> libraries, const char *function)
-{
-    for (const char *library : libraries) {
-        void *handle = dlopen(library, RTLD_LAZY | RTLD_NOLOAD);
-        if (!handle)
-            continue;
-        void *symbol = dlsym(handle, function);
-        dlclose(handle);
-        if (symbol)
-            return reinterpret_cast<GetCurrentContext>(symbol);
-    }
-    return nullptr;
-}
 
 using Registry = std::map<void *, QSharedPointer<ContextState>>;
 
@@ -119,6 +110,11 @@ ContextScope::~ContextScope()
     --threadState().openScopes;
 }
 
+ContextScope::operator bool() const
+{
+    return ContextState::current() != nullptr;
+}
+
 ContextScopePause::ContextScopePause() : _scopes(std::exchange(threadState().openScopes, 0)) {}
 
 ContextScopePause::~ContextScopePause()
@@ -199,6 +195,40 @@ bool ShareGroup::isVisible() const
     return sizeFits && content[0] == _id && content[1] == quint64(reinterpret_cast<quintptr>(this));
 }
 
+QSharedPointer<ShareGroup> ShareGroup::find(quint64 id)
+{
+    for (const QWeakPointer<ShareGroup> &weak : shareGroups()) {
+        if (const QSharedPointer<ShareGroup> group = weak.toStrongRef(); group && group->id() == id)
+            return group;
+    }
+    return nullptr;
+}
+
+void ShareGroup::giveUp(QObject *object)
+{
+    // Those that somebody deleted since only take room.
+    if (_givenUp.size() >= 64 && _givenUp.size() == _givenUp.capacity())
+        _givenUp.removeIf([](const QPointer<QObject> &known) { return known.isNull(); });
+    if (object && !_givenUp.contains(object))
+        _givenUp.append(object);
+}
+
+int ShareGroup::givenUpCount() const
+{
+    return int(std::count_if(_givenUp.cbegin(), _givenUp.cend(),
+                             [](const QPointer<QObject> &object) { return !object.isNull(); }));
+}
+
+int ShareGroup::freeGivenUp()
+{
+    int freed = 0;
+    for (const QPointer<QObject> &object : std::exchange(_givenUp, {})) {
+        freed += object ? 1 : 0;
+        delete object.data();
+    }
+    return freed;
+}
+
 void ShareGroup::release()
 {
     TextureManager::Instance().dropShareGroup(_id);
@@ -218,11 +248,11 @@ NativeContext NativeContext::current()
     static GetCurrentContext egl = nullptr;
     static GetCurrentContext glx = nullptr;
     if (!egl)
-        egl = loadedFunction({"libEGL.so.1"}, "eglGetCurrentContext");
+        egl = loadedFunction<GetCurrentContext>({"libEGL.so.1"}, "eglGetCurrentContext");
     if (void *context = egl ? egl() : nullptr)
         return {context};
     if (!glx)
-        glx = loadedFunction({"libGLX.so.0", "libGL.so.1"}, "glXGetCurrentContext");
+        glx = loadedFunction<GetCurrentContext>({"libGLX.so.0", "libGL.so.1"}, "glXGetCurrentContext");
     return {glx ? glx() : nullptr};
 }
 
@@ -303,6 +333,14 @@ ContextState *ContextState::currentIfKnown()
     return found == registry().end() ? nullptr : found->second.data();
 }
 
+std::vector<ContextState *> ContextState::all()
+{
+    std::vector<ContextState *> states;
+    for (const auto &[handle, state] : registry())
+        states.push_back(state.data());
+    return states;
+}
+
 QSharedPointer<ContextState> ContextState::currentShared()
 {
     ContextState *state = current();
@@ -337,8 +375,8 @@ void ContextState::release(bool contextIsAlive)
             group->abandon();
     }
     device->_quad.reset();
-    for (const QPointer<QObject> &object : std::exchange(givenUp, {}))
-        delete object.data();
+    if (lastOfGroup)
+        group->freeGivenUp();
     names.destroyAll();
     if (lastOfGroup)
         group->release();

@@ -53,6 +53,9 @@ class ShareGroup
 public:
     ShareGroup();
 
+    /// Null for one that is gone.
+    static QSharedPointer<ShareGroup> find(quint64 id);
+
     quint64 id() const { return _id; }
     /// Whether the current context sees this group's objects.
     bool isVisible() const;
@@ -64,9 +67,15 @@ public:
     /// Programs that may be shared, by their texts.
     QHash<QByteArray, QWeakPointer<LinkedProgram>> programs;
 
+    /// Keeps an object that its owner let go of, until freeGivenUp or the end of the group.
+    void giveUp(QObject *object);
+    int givenUpCount() const;
+    int freeGivenUp();
+
 private:
     quint64 _id;
     unsigned int _sentinel = 0;
+    QVector<QPointer<QObject>> _givenUp;
 };
 
 /// A native context of whichever window system interface made it.
@@ -88,6 +97,8 @@ public:
     /// Null, too, for a context that the library has not used yet, or not since its release.
     static ContextState *currentIfKnown();
     static QSharedPointer<ContextState> currentShared();
+    /// Of all contexts that the library knows.
+    static std::vector<ContextState *> all();
     /// The same, but makes sure that the handle was not reused for another context meanwhile.
     static QSharedPointer<ContextState> currentVerified();
     static void releaseCurrent();
@@ -103,7 +114,6 @@ public:
     QSharedPointer<ShareGroup> group;
     NameStore names;
     QSharedPointer<OpenGLDeviceContext> device;
-    QVector<QPointer<QObject>> givenUp;
     ShaderProgram *boundProgram = nullptr;
     int version = 0;
 
@@ -145,6 +155,8 @@ public:
     bool create(NameKind kind);
     void reset();
     unsigned int id() const;
+    /// Whether there ever was a name, also when it went with its contexts.
+    bool wasCreated() const { return _id != 0; }
     /// Whether the current context can use the name.
     bool isUsableIn(const ContextState &state) const;
 

@@ -1,5 +1,6 @@
 #include "gl/drawbuffers.h"
 
+#include "core/liveobjects.h"
 #include "gl/bufferobject.h"
 #include "gl/contextstate.h"
 #include "gl/glslmacroprocessor.h"
@@ -54,9 +55,18 @@ DrawBuffers::DrawBuffers(QObject *parent) : QObject(parent), d(std::make_unique<
 {
     static const int registered = qRegisterMetaType<DrawBuffers *>();
     Q_UNUSED(registered)
+    enterLiveObject(static_cast<QObject *>(this), LiveKind::DrawBuffers);
 }
 
-DrawBuffers::~DrawBuffers() = default;
+DrawBuffers::~DrawBuffers()
+{
+    leaveLiveObject(static_cast<QObject *>(this));
+}
+
+bool DrawBuffers::isUsable() const
+{
+    return d->vao && d->vao->isUsable() && (!d->indices || d->indices->isUsable());
+}
 
 bool DrawBuffers::bind()
 {

@@ -1,5 +1,6 @@
 #include "gl/framebufferobject.h"
 
+#include "core/liveobjects.h"
 #include "gl/contextstate.h"
 #include "gl/texture.h"
 
@@ -32,6 +33,12 @@ struct Bindings
     GLint read = 0;
 };
 
+// Names of another share group's textures mean something else in this context, or nothing.
+bool isUsableHere(const Texture *texture)
+{
+    return texture && texture->textureID() && texture->isUsable();
+}
+
 bool isColor(GLenum point)
 {
     return point >= GL_COLOR_ATTACHMENT0 && point <= GL_COLOR_ATTACHMENT31;
@@ -39,7 +46,7 @@ bool isColor(GLenum point)
 
 void applyToBound(const Attachment &a)
 {
-    const GLuint name = a.texture ? a.texture->textureID() : 0;
+    const GLuint name = isUsableHere(a.texture) ? a.texture->textureID() : 0;
     if (a.layers == Layers::One)
         glFramebufferTextureLayer(GL_FRAMEBUFFER, a.point, name, a.level, a.layer);
     else if (a.layers == Layers::Flat && name)
@@ -76,10 +83,14 @@ public:
     QString label;
 };
 
-FramebufferObject::FramebufferObject(QObject *parent) : QObject(parent), d(std::make_unique<FramebufferPrivate>()) {}
+FramebufferObject::FramebufferObject(QObject *parent) : QObject(parent), d(std::make_unique<FramebufferPrivate>())
+{
+    enterLiveObject(static_cast<QObject *>(this), LiveKind::Framebuffer);
+}
 
 FramebufferObject::~FramebufferObject()
 {
+    leaveLiveObject(static_cast<QObject *>(this));
     while (!d->previous.isEmpty())
         FramebufferObject::unbind();
 }
@@ -136,7 +147,7 @@ namespace {
 
 bool attachTo(FramebufferObject *fbo, FramebufferPrivate *d, const Attachment &attachment)
 {
-    if (d->external || !attachment.texture || !attachment.texture->textureID())
+    if (d->external || !isUsableHere(attachment.texture))
         return false;
     const bool mustBind = !d->isBoundForDrawing();
     if (mustBind && !fbo->bind())

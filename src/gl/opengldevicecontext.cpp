@@ -72,16 +72,18 @@ QSharedPointer<VertexArrayObject> OpenGLDeviceContext::createVertexArrayObject()
 
 void OpenGLDeviceContext::giveUp(QObject *object)
 {
-    if (_state && object && !_state->givenUp.contains(object))
-        _state->givenUp.append(object);
+    if (_state)
+        _state->group->giveUp(object);
 }
 
 int OpenGLDeviceContext::givenUpCount() const
 {
-    if (!_state)
-        return 0;
-    return int(std::count_if(_state->givenUp.cbegin(), _state->givenUp.cend(),
-                             [](const QPointer<QObject> &object) { return !object.isNull(); }));
+    return _state ? _state->group->givenUpCount() : 0;
+}
+
+int OpenGLDeviceContext::freeGivenUp()
+{
+    return _state ? _state->group->freeGivenUp() : 0;
 }
 
 GLObjectCounts OpenGLDeviceContext::liveObjects() const

@@ -2,6 +2,7 @@
 // which must not meet epoxy's.
 
 #include "gl/contextstate.h"
+#include "gl/nativebinding.h"
 
 #include <QOffscreenSurface>
 #include <QOpenGLContext>
@@ -16,6 +17,10 @@ void ContextState::watchQtContext()
     QObject::connect(
         context, &QOpenGLContext::aboutToBeDestroyed, context,
         [context, handle = _native.handle] {
+            // Whatever is current when a context is destroyed stays current, unless it is that one.
+            const NativeBinding native;
+            QOpenGLContext *const before = QOpenGLContext::currentContext();
+            QSurface *const surfaceBefore = before ? before->surface() : nullptr;
             QOffscreenSurface surface(context->screen());
             surface.setFormat(context->format());
             surface.create();
@@ -24,6 +29,10 @@ void ContextState::watchQtContext()
             if (NativeContext::current().handle == handle)
                 releaseCurrent();
             context->doneCurrent();
+            if (before && before != context)
+                before->makeCurrent(surfaceBefore);
+            else if (!before)
+                native.restore();
         },
         Qt::DirectConnection);
 }

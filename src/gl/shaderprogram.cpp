@@ -485,9 +485,39 @@ ShaderProgram::ShaderProgram(QObject *parent) : QObject(parent), d(std::make_uni
 
 ShaderProgram::~ShaderProgram()
 {
-    while (!d->previous.isEmpty())
-        ShaderProgram::unbind();
+    ShaderProgramPrivate::forget(this);
     d->deleteShaders();
+}
+
+// Where it is bound, what was there before it comes back. Where others were bound after it, they find what
+// was there before it when they are unbound.
+void ShaderProgramPrivate::forget(const ShaderProgram *program)
+{
+    ShaderProgramPrivate *const gone = program->d.get();
+    if (gone->previous.isEmpty())
+        return;
+    const Previous before = gone->previous.first();
+    const ContextState *const current = ContextState::currentIfKnown();
+    for (ContextState *state : ContextState::all()) {
+        if (state->boundProgram == program) {
+            state->boundProgram = before.program;
+            if (state == current)
+                glUseProgram(before.name);
+        }
+        // Each program that is bound knows those before it.
+        QVarLengthArray<ShaderProgram *, 8> known;
+        if (state->boundProgram)
+            known.append(state->boundProgram);
+        for (qsizetype i = 0; i < known.size(); ++i) {
+            for (Previous &entry : known[i]->d->previous) {
+                if (entry.program == program)
+                    entry = before;
+                if (entry.program && !known.contains(entry.program))
+                    known.append(entry.program);
+            }
+        }
+    }
+    gone->previous.clear();
 }
 
 bool ShaderProgram::bind()

@@ -83,6 +83,8 @@ public:
         unsigned int name;
         ShaderProgram *program;
     };
+    /// Takes a program that goes out of what will be bound again in any context.
+    static void forget(const ShaderProgram *program);
 
     const GLSLMacroProcessor &processorInUse() const;
     /// How fragment and geometry stages learn the index of a draw; see InstanceData.glslh.

@@ -1,5 +1,6 @@
 #include "gl/texture.h"
 
+#include "core/liveobjects.h"
 #include "gl/contextstate.h"
 
 #include <QVariant>
@@ -40,10 +41,12 @@ Texture::Texture(QObject *parent) : QObject(parent), _name(std::make_unique<Obje
     // RenderPassHelper knows the metatype by name only.
     static const int registered = qRegisterMetaType<Texture *>();
     Q_UNUSED(registered)
+    enterLiveObject(static_cast<QObject *>(this), LiveKind::Texture);
 }
 
 Texture::~Texture()
 {
+    leaveLiveObject(static_cast<QObject *>(this));
     while (!_previousUnits.isEmpty())
         Texture::unbind();
 }
@@ -68,7 +71,7 @@ bool Texture::bind()
         glActiveTexture(GL_TEXTURE0 + unsigned(_unit));
         return true;
     }
-    const bool isNew = !_name->id();
+    const bool isNew = !_name->wasCreated();
     if (isNew ? !_name->create(NameKind::Texture) : !_name->isUsableIn(*state))
         return false;
     const int unit = state->takeUnit();
@@ -111,6 +114,18 @@ bool Texture::unbind()
     return true;
 }
 
+bool Texture::isUsable() const
+{
+    const ContextState *state = ContextState::current();
+    return state && (!_name->wasCreated() || _name->isUsableIn(*state));
+}
+
+// The wrapper is as good as new afterwards.
+void Texture::freeStorage()
+{
+    *_name = ObjectName();
+}
+
 int Texture::unit() const
 {
     return _unit;
@@ -151,9 +166,12 @@ QVariant textureToVariant(Texture *texture)
 
 Texture *textureFromVariant(const QVariant &value)
 {
+    QObject *object = nullptr;
     if (value.metaType() == QMetaType::fromType<Texture *>())
-        return *static_cast<Texture *const *>(value.constData());
-    return qobject_cast<Texture *>(qvariant_cast<QObject *>(value));
+        object = *static_cast<Texture *const *>(value.constData());
+    else if (value.metaType() == QMetaType(QMetaType::QObjectStar))
+        object = *static_cast<QObject *const *>(value.constData());
+    return liveKindOf(object) == LiveKind::Texture ? static_cast<Texture *>(object) : nullptr;
 }
 
 } // namespace Brevane::Kvo

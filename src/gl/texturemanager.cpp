@@ -69,6 +69,9 @@ struct PoolEntry
 struct GroupTextures
 {
     std::vector<std::unique_ptr<PoolEntry>> pool;
+    /// Wrappers that trim took the storage of. Outputs of passes may still name them, as they name textures
+    /// that the pool reuses, and like those they are used again.
+    std::vector<std::unique_ptr<Texture>> spare;
     QHash<QRgb, Texture *> solid;
     QHash<QString, Texture *> files;
     std::vector<std::unique_ptr<Texture>> owned;
@@ -191,8 +194,13 @@ Texture *TextureManager::tempTexture(TextureFormat format, int width, int height
     const bool isNew = !chosen;
     if (isNew) {
         auto entry = std::make_unique<PoolEntry>();
-        entry->texture = std::make_unique<Texture>();
-        entry->texture->setTarget(GL_TEXTURE_2D);
+        if (group->spare.empty()) {
+            entry->texture = std::make_unique<Texture>();
+            entry->texture->setTarget(GL_TEXTURE_2D);
+        } else {
+            entry->texture = std::move(group->spare.back());
+            group->spare.pop_back();
+        }
         entry->texture->setLabel(QStringLiteral("pool format %1, %2x%3, number %4")
                                      .arg(int(format))
                                      .arg(width)
@@ -265,19 +273,23 @@ int TextureManager::trim(int maxIdleFrames, qint64 maxBytes)
     if (!group)
         return 0;
     int freed = 0;
+    // One that somebody has bound right now waits for the next time.
+    const auto isFree = [](const PoolEntry &entry) { return entry.refs == 0 && entry.texture->unit() < 0; };
     const auto free = [&](auto at) {
         group->counts.bytes -= (*at)->bytes;
         ++freed;
+        (*at)->texture->freeStorage();
+        group->spare.push_back(std::move((*at)->texture));
         return group->pool.erase(at);
     };
     for (auto at = group->pool.begin(); at != group->pool.end();) {
-        const bool isOld = (*at)->refs == 0 && d->frame - (*at)->lastFrame > maxIdleFrames;
+        const bool isOld = isFree(**at) && d->frame - (*at)->lastFrame > maxIdleFrames;
         at = isOld ? free(at) : at + 1;
     }
     while (maxBytes >= 0 && group->counts.bytes > maxBytes) {
         auto oldest = group->pool.end();
         for (auto at = group->pool.begin(); at != group->pool.end(); ++at) {
-            if ((*at)->refs == 0 && (oldest == group->pool.end() || (*at)->releasedAt < (*oldest)->releasedAt))
+            if (isFree(**at) && (oldest == group->pool.end() || (*at)->releasedAt < (*oldest)->releasedAt))
                 oldest = at;
         }
         if (oldest == group->pool.end())
@@ -414,6 +426,16 @@ void TextureManager::removeManagedTexture(int handle)
     GroupTextures *group = d->current();
     if (group && group->managed)
         group->managed->remove(handle);
+}
+
+// Handles are numbers of their share group, and mean other images in another one.
+void TextureManager::removeManagedTextures(quint64 shareGroup, const QVector<int> &handles)
+{
+    const auto group = d->groups.find(shareGroup);
+    if (group == d->groups.end() || !group->second.managed)
+        return;
+    for (const int handle : handles)
+        group->second.managed->remove(handle);
 }
 
 int TextureManager::managedTextureCount() const

@@ -96,9 +96,15 @@ VertexArrayObject::~VertexArrayObject()
         VertexArrayObject::unbind();
 }
 
+bool VertexArrayObject::isUsable() const
+{
+    return std::all_of(d->attributes.cbegin(), d->attributes.cend(),
+                       [](const Attribute &a) { return a.buffer->isUsable(); });
+}
+
 bool VertexArrayObject::bind()
 {
-    PerContextNames::Entry *entry = d->names.current();
+    PerContextNames::Entry *entry = isUsable() ? d->names.current() : nullptr;
     if (!entry)
         return false;
     GLint before = 0;

@@ -1,5 +1,6 @@
 #include "model/gpumodel.h"
 
+#include "core/liveobjects.h"
 #include "gl/attributelocations.h"
 #include "gl/bufferobject.h"
 #include "gl/contextstate.h"
@@ -220,11 +221,7 @@ public:
     }
     ~GPUModelPrivate() { removeMaps(); }
 
-    void removeMaps()
-    {
-        for (int handle : std::exchange(maps, {}))
-            TextureManager::Instance().removeManagedTexture(handle);
-    }
+    void removeMaps() { TextureManager::Instance().removeManagedTextures(shareGroup, std::exchange(maps, {})); }
 
     // Of the three texels of a material the second ends with its opacity.
     bool hasOpacity(std::size_t item, GPUModel::Opacity opacity) const
@@ -276,6 +273,7 @@ public:
     std::vector<DrawElementsIndirectCommand> commands;
     std::vector<Selection> selections;
     QVector<int> maps;
+    quint64 shareGroup = 0; ///< Where all of this lives.
     Box bounds;
     qint64 triangles = 0;
     int materialRevision = 0;
@@ -292,7 +290,9 @@ bool GPUModelPrivate::draw(ShaderProgram *program, TextureManager *manager, Sele
     static const QString drawID = QStringLiteral("u_DrawID");
     if (chosen.items.empty())
         return true;
-    if (!program || !program->isLinked() || !ContextState::current())
+    // Names of another share group would mean something else here.
+    if (!program || !program->isLinked() || !ContextState::current()
+        || ContextState::current()->group->id() != shareGroup)
         return false;
     const AutoBinder bound(ContextState::current()->boundProgram == program ? nullptr : program);
     objectData->bind(program, manager);
@@ -358,9 +358,13 @@ GPUModel::GPUModel() : d(std::make_unique<GPUModelPrivate>())
 {
     static const int registered = qRegisterMetaType<GPUModel *>();
     Q_UNUSED(registered)
+    enterLiveObject(this, LiveKind::Model);
 }
 
-GPUModel::~GPUModel() = default;
+GPUModel::~GPUModel()
+{
+    leaveLiveObject(this);
+}
 
 bool GPUModel::upload(const ModelData &data, QStringList *warnings)
 {
@@ -375,6 +379,7 @@ bool GPUModel::upload(const ModelData &data, QStringList *warnings)
     const DrawRoad road = d->road;
     d = std::make_unique<GPUModelPrivate>();
     d->road = road;
+    d->shareGroup = ContextState::current()->group->id();
 
     GeometryArrays arrays;
     std::vector<PlacedMesh> meshes;

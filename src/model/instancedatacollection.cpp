@@ -1,5 +1,6 @@
 #include "model/instancedatacollection.h"
 
+#include "core/liveobjects.h"
 #include "gl/bufferobject.h"
 #include "gl/contextstate.h"
 #include "gl/guards.h"
@@ -19,9 +20,13 @@ InstanceDataCollection::InstanceDataCollection(const InstanceDataPlan *plan, QOb
     _buffer->setTarget(GL_TEXTURE_BUFFER);
     _texture->setTarget(GL_TEXTURE_BUFFER);
     _texture->setLabel(QStringLiteral("instance data %1").arg(plan->name()));
+    enterLiveObject(static_cast<QObject *>(this), LiveKind::InstanceData);
 }
 
-InstanceDataCollection::~InstanceDataCollection() = default;
+InstanceDataCollection::~InstanceDataCollection()
+{
+    leaveLiveObject(static_cast<QObject *>(this));
+}
 
 const InstanceDataPlan *InstanceDataCollection::plan() const
 {

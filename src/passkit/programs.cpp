@@ -75,7 +75,7 @@ ShaderProgram *buildProgram(const ProgramRecipe &recipe, GLSLMacroProcessor *pro
     return program;
 }
 
-bool buildOnce(ShaderProgram *&program, const ProgramRecipe &recipe)
+bool buildOnce(Held<ShaderProgram> &program, const ProgramRecipe &recipe)
 {
     if (program) {
         program->refresh();
@@ -87,8 +87,9 @@ bool buildOnce(ShaderProgram *&program, const ProgramRecipe &recipe)
 
 bool fetchOnce(QSharedPointer<DrawBuffers> &quad, Quad which)
 {
-    if (quad)
+    if (quad && quad->isUsable())
         return true;
+    quad.reset();
     const QSharedPointer<OpenGLDeviceContext> context = OpenGLDeviceContext::current();
     if (!context)
         return false;
@@ -98,7 +99,7 @@ bool fetchOnce(QSharedPointer<DrawBuffers> &quad, Quad which)
 
 bool fetchOnce(QSharedPointer<DrawBuffers> &quad, Quad which, const ShaderProgram *program)
 {
-    if (quad)
+    if (quad && quad->isUsable())
         return true;
     if (!fetchOnce(quad, which))
         return false;

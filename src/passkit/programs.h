@@ -1,5 +1,7 @@
 #pragma once
 
+#include "gl/held.h"
+
 #include <QSharedPointer>
 #include <QString>
 #include <QStringList>
@@ -44,16 +46,15 @@ std::vector<ShaderSource> modelProgramSources(const QString &vertexShader, const
 ShaderProgram *buildProgram(const ProgramRecipe &recipe, GLSLMacroProcessor *processor = nullptr);
 
 /// Builds the program if there is none yet; says whether it just did.
-bool buildOnce(ShaderProgram *&program, const ProgramRecipe &recipe);
+bool buildOnce(Held<ShaderProgram> &program, const ProgramRecipe &recipe);
 
 enum class Quad { Screen, Gradient };
 
-/// Takes the quad from the current device context if there is none yet, for passes that point the
-/// attributes of several programs at it. False without a context.
+/// Takes the quad from the current device context if there is none yet, or one of another share group, for
+/// passes that point the attributes of several programs at it. False without a context.
 bool fetchOnce(QSharedPointer<DrawBuffers> &quad, Quad which);
 
-/// Takes the quad from the current device context if there is none yet, and points the attributes of
-/// the program at it. False without a context.
+/// The same, and points the attributes of the program at it.
 bool fetchOnce(QSharedPointer<DrawBuffers> &quad, Quad which, const ShaderProgram *program);
 
 /// GLSL of `vec4 exactTexture(sampler2D s, vec2 coord)`: texture(), but at the centre of a texel that

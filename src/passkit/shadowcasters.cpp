@@ -1,5 +1,6 @@
 #include "passkit/shadowcasters.h"
 
+#include "core/liveobjects.h"
 #include "core/log.h"
 #include "gl/guards.h"
 #include "gl/texture.h"
@@ -18,7 +19,11 @@ namespace {
 
 InstanceDataCollection *instanceDataIn(const QVariant &value)
 {
-    return qobject_cast<InstanceDataCollection *>(qvariant_cast<QObject *>(value));
+    // Any pointer to a QObject, which may be gone.
+    QObject *object = value.metaType().flags() & QMetaType::PointerToQObject
+                          ? *static_cast<QObject *const *>(value.constData())
+                          : nullptr;
+    return liveKindOf(object) == LiveKind::InstanceData ? static_cast<InstanceDataCollection *>(object) : nullptr;
 }
 
 Texture *makeArray(const char *label, GLint filter, GLenum internalFormat, GLenum format, const QSize &size, int layers)

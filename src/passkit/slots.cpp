@@ -1,5 +1,6 @@
 #include "passkit/slots.h"
 
+#include "core/liveobjects.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/texture.h"
@@ -8,6 +9,19 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+// An object of ours if it is still alive: a slot borrows what it names.
+template <typename T>
+T *ifAlive(QObject *object, LiveKind kind)
+{
+    return liveKindOf(object) == kind ? static_cast<T *>(object) : nullptr;
+}
+
+template <typename T>
+T *typedPointer(const QVariant &value)
+{
+    return value.metaType() == QMetaType::fromType<T *>() ? *static_cast<T *const *>(value.constData()) : nullptr;
+}
 
 QObject *objectIn(const QVariant &value)
 {
@@ -27,13 +41,12 @@ bool hasValue(const QVariant &value)
 
 Texture *typedTexture(const QVariant &value)
 {
-    return value.metaType() == QMetaType::fromType<Texture *>() ? *static_cast<Texture *const *>(value.constData())
-                                                                : nullptr;
+    return ifAlive<Texture>(typedPointer<Texture>(value), LiveKind::Texture);
 }
 
 Texture *objectTexture(const QVariant &value)
 {
-    return qobject_cast<Texture *>(objectIn(value));
+    return ifAlive<Texture>(objectIn(value), LiveKind::Texture);
 }
 
 Texture *anyTexture(const QVariant &value)
@@ -43,20 +56,19 @@ Texture *anyTexture(const QVariant &value)
 
 GPUModel *modelOf(const QVariant &value)
 {
-    return value.metaType() == QMetaType::fromType<GPUModel *>() ? *static_cast<GPUModel *const *>(value.constData())
-                                                                 : nullptr;
+    GPUModel *model = typedPointer<GPUModel>(value);
+    return liveKindOf(model) == LiveKind::Model ? model : nullptr;
 }
 
 DrawBuffers *anyDrawBuffers(const QVariant &value)
 {
-    if (value.metaType() == QMetaType::fromType<DrawBuffers *>())
-        return *static_cast<DrawBuffers *const *>(value.constData());
-    return qobject_cast<DrawBuffers *>(objectIn(value));
+    DrawBuffers *typed = typedPointer<DrawBuffers>(value);
+    return ifAlive<DrawBuffers>(typed ? typed : objectIn(value), LiveKind::DrawBuffers);
 }
 
 FramebufferObject *framebufferOf(const QVariant &value)
 {
-    return qobject_cast<FramebufferObject *>(objectIn(value));
+    return ifAlive<FramebufferObject>(objectIn(value), LiveKind::Framebuffer);
 }
 
 QVariant objectForm(Texture *texture)

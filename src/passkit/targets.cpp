@@ -1,9 +1,9 @@
 #include "passkit/targets.h"
 
 #include "gl/framebufferobject.h"
+#include "gl/givenup.h"
 #include "gl/glinfo.h"
 #include "gl/guards.h"
-#include "gl/opengldevicecontext.h"
 #include "gl/texture.h"
 
 #include <epoxy/gl.h>
@@ -23,13 +23,24 @@ NoUnpackBuffer::~NoUnpackBuffer()
         glBindBuffer(GL_PIXEL_UNPACK_BUFFER, GLuint(_before));
 }
 
-bool made(FramebufferObject *&framebuffer, const char *label)
+bool made(Held<FramebufferObject> &framebuffer, const char *label)
 {
     if (framebuffer)
         return false;
     framebuffer = new FramebufferObject(nullptr);
     framebuffer->setLabel(QLatin1String(label));
     return true;
+}
+
+bool needsTargets(Held<FramebufferObject> &framebuffer, const char *label, const Extent &extent, int &width,
+                  int &height)
+{
+    const bool resized = extent != Extent{width, height};
+    width = extent.width;
+    height = extent.height;
+    if (resized && framebuffer.isShared())
+        framebuffer = nullptr;
+    return made(framebuffer, label) || resized;
 }
 
 Texture *makeTexture(const TargetFormat &format, const Extent &extent, const void *pixels)
@@ -51,6 +62,7 @@ void replaceTarget(FramebufferObject *framebuffer, unsigned int attachment, cons
     if (framebuffer->hasAttachment(attachment))
         delete framebuffer->detach(attachment);
     Texture *texture = makeTexture(format, extent);
+    texture->setParent(framebuffer);
     if (!framebuffer->attach(texture, attachment, 0))
         delete texture;
 }
@@ -72,18 +84,12 @@ unsigned int depthAttachmentOf(Texture *depth)
                                                                           : GL_DEPTH_STENCIL_ATTACHMENT;
 }
 
-void dropTarget(FramebufferObject *framebuffer, unsigned int attachment)
+void giveUpTargets(const Held<FramebufferObject> &framebuffer)
 {
-    if (framebuffer && framebuffer->hasAttachment(attachment))
-        delete framebuffer->attachment(attachment);
-}
-
-void giveUp(QObject *object)
-{
-    if (!object)
+    if (!framebuffer.any() || framebuffer.isShared())
         return;
-    if (const QSharedPointer<OpenGLDeviceContext> context = OpenGLDeviceContext::current())
-        context->giveUp(object);
+    for (Texture *target : framebuffer.any()->findChildren<Texture *>(Qt::FindDirectChildrenOnly))
+        giveUp(target, framebuffer.shareGroup());
 }
 
 } // namespace Brevane::Kvo

@@ -1,8 +1,7 @@
 #pragma once
 
+#include "gl/held.h"
 #include "passkit/extent.h"
-
-class QObject;
 
 namespace Brevane::Kvo {
 
@@ -33,10 +32,15 @@ private:
 };
 
 /// Makes the framebuffer if there is none; says whether it just did.
-bool made(FramebufferObject *&framebuffer, const char *label);
+bool made(Held<FramebufferObject> &framebuffer, const char *label);
+
+/// Whether targets of this size are still to be made, which is the size of them from then on: the framebuffer
+/// was just made, or had targets of another size. One that a copy of the pass draws into is left to the copy.
+bool needsTargets(Held<FramebufferObject> &framebuffer, const char *label, const Extent &extent, int &width,
+                  int &height);
 
 /// Replaces the texture of a target that a pass owns: the old one is detached and deleted, a new one of
-/// that size allocated and attached. The framebuffer must be bound.
+/// that size allocated and attached. The framebuffer must be bound; the texture goes with it.
 void replaceTarget(FramebufferObject *framebuffer, unsigned int attachment, const TargetFormat &format,
                    const Extent &extent);
 
@@ -52,11 +56,8 @@ Texture *makeBlackTexture();
 /// when it has depth but no stencil.
 unsigned int depthAttachmentOf(Texture *depth);
 
-/// Deletes the texture of an owned target; for destructors.
-void dropTarget(FramebufferObject *framebuffer, unsigned int attachment);
-
-/// Hands an object that a pass lets go of without deleting it to the device context, which frees it at
-/// its end. Null is ignored.
-void giveUp(QObject *object);
+/// Lets the targets of a framebuffer outlive it, for destructors of passes whose targets somebody may still
+/// read: see OpenGLDeviceContext::giveUp. Not while a copy of the pass has the framebuffer.
+void giveUpTargets(const Held<FramebufferObject> &framebuffer);
 
 } // namespace Brevane::Kvo

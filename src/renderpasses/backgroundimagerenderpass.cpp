@@ -82,12 +82,12 @@ const ProgramRecipe &fadeProgram()
 }
 
 // Null until the file can be read.
-void loadOnce(Texture *&image, const QVariant &path)
+void loadOnce(Held<Texture> &image, const QVariant &path)
 {
     if (image)
         return;
     if (const QString file = path.toString(); !file.isEmpty())
-        image = TextureManager::Instance().textureFromFile(file, {0, 1.0f, false});
+        image.borrowHere(TextureManager::Instance().textureFromFile(file, {0, 1.0f, false}));
 }
 
 // What is sampled where an image is missing.
@@ -117,16 +117,13 @@ BackgroundImageRenderPass::BackgroundImageRenderPass()
 BackgroundImageRenderPass::BackgroundImageRenderPass(const BackgroundImageRenderPass &other) = default;
 BackgroundImageRenderPass &BackgroundImageRenderPass::operator=(const BackgroundImageRenderPass &other) = default;
 
-BackgroundImageRenderPass::~BackgroundImageRenderPass()
-{
-    delete _fbo;
-    delete _program;
-}
+BackgroundImageRenderPass::~BackgroundImageRenderPass() = default;
 
 void BackgroundImageRenderPass::setup(RenderCallbacks *)
 {
-    giveUp(_fbo);
-    _fbo = nullptr;
+    if (!ContextScope())
+        return;
+    _fbo.giveUp();
     made(_fbo, "BackgroundImageRenderPass");
     buildOnce(_program, fadeProgram());
     fetchOnce(_quad, Quad::Screen, _program);
@@ -137,6 +134,8 @@ void BackgroundImageRenderPass::teardown(RenderCallbacks *) {}
 void BackgroundImageRenderPass::start(RenderCallbacks *callbacks)
 {
     const ContextScope scope;
+    if (!scope)
+        return;
     const Extent extent = extentOf(_inputs[kViewport].value);
     const float fade1 = _inputs[kFadeRatio].value.toFloat();
     const float fade2 = _inputs[kFadeRatio2].value.toFloat();

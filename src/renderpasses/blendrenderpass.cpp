@@ -253,15 +253,13 @@ BlendRenderPass::BlendRenderPass(BlendMode mode) : _blendMode(mode)
 BlendRenderPass::BlendRenderPass(const BlendRenderPass &other) = default;
 BlendRenderPass &BlendRenderPass::operator=(const BlendRenderPass &other) = default;
 
-BlendRenderPass::~BlendRenderPass()
-{
-    delete _fbo;
-    delete _program;
-}
+BlendRenderPass::~BlendRenderPass() = default;
 
 void BlendRenderPass::start(RenderCallbacks *)
 {
     const ContextScope scope;
+    if (!scope)
+        return;
     // By name: hosts derive from this pass and add slots of their own.
     const QVariant viewportValue = _inputs[findInput(viewportName())].value;
     const QVariant frameAValue = _inputs[findInput(frameAName())].value;
@@ -278,9 +276,10 @@ void BlendRenderPass::start(RenderCallbacks *)
     Texture *frameA = anyTexture(frameAValue);
     Texture *frameB = anyTexture(frameBValue);
     if (!frameA || !frameB) {
-        _fallbackTexture = TextureManager::Instance().solidTexture(QColor(Qt::transparent));
-        frameA = frameA ? frameA : _fallbackTexture;
-        frameB = frameB ? frameB : _fallbackTexture;
+        if (!_fallbackTexture)
+            _fallbackTexture.borrowHere(TextureManager::Instance().solidTexture(QColor(Qt::transparent)));
+        frameA = frameA ? frameA : _fallbackTexture.get();
+        frameB = frameB ? frameB : _fallbackTexture.get();
     }
 
     made(_fbo, "BlendRenderPass");

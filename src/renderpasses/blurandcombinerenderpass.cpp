@@ -105,15 +105,13 @@ BlurAndCombineRenderPass::BlurAndCombineRenderPass() : BlurBaseRenderPass(1.0f)
 BlurAndCombineRenderPass::BlurAndCombineRenderPass(const BlurAndCombineRenderPass &other) = default;
 BlurAndCombineRenderPass &BlurAndCombineRenderPass::operator=(const BlurAndCombineRenderPass &other) = default;
 
-BlurAndCombineRenderPass::~BlurAndCombineRenderPass()
-{
-    delete _blurAndAddProgram;
-    delete _thresholdProgram;
-}
+BlurAndCombineRenderPass::~BlurAndCombineRenderPass() = default;
 
 void BlurAndCombineRenderPass::start(RenderCallbacks *callbacks)
 {
     const ContextScope scope;
+    if (!scope)
+        return;
     const auto radius = qvariant_cast<float>(_inputs[kBlurRadius].value);
     _glowThreshold = qvariant_cast<float>(_inputs[kGlowThreshold].value);
     _glowAmount = qvariant_cast<float>(_inputs[kGlowAmount].value);
@@ -130,8 +128,8 @@ void BlurAndCombineRenderPass::start(RenderCallbacks *callbacks)
     if (!_blurProgram || !_blurAndAddProgram || _blurRadius != radius) {
         _blurRadius = radius;
         calculateBlurWeights();
-        giveUp(_blurProgram);
-        giveUp(_blurAndAddProgram);
+        _blurProgram.giveUp();
+        _blurAndAddProgram.giveUp();
         _blurProgram = makeShaderProgram(kBlurOnlyHead + kBlur + kBlurOnlyMain);
         _blurAndAddProgram = makeShaderProgram(kBlurAndAddHead + kBlur + kBlurAndAddMain);
     }

@@ -65,11 +65,7 @@ BlurBaseRenderPass::BlurBaseRenderPass(float stencilMask)
 BlurBaseRenderPass::BlurBaseRenderPass(const BlurBaseRenderPass &other) = default;
 BlurBaseRenderPass &BlurBaseRenderPass::operator=(const BlurBaseRenderPass &other) = default;
 
-BlurBaseRenderPass::~BlurBaseRenderPass()
-{
-    delete _fbo;
-    delete _blurProgram;
-}
+BlurBaseRenderPass::~BlurBaseRenderPass() = default;
 
 // Where the arithmetic is float and where double is part of the kernel: its digits are compared.
 void BlurBaseRenderPass::calculateBlurWeights()

@@ -72,15 +72,13 @@ CameraSpaceZBufferRenderPass::CameraSpaceZBufferRenderPass(const CameraSpaceZBuf
 CameraSpaceZBufferRenderPass &CameraSpaceZBufferRenderPass::operator=(const CameraSpaceZBufferRenderPass &other) =
     default;
 
-CameraSpaceZBufferRenderPass::~CameraSpaceZBufferRenderPass()
-{
-    delete _fbo;
-    delete _shaderProgram;
-}
+CameraSpaceZBufferRenderPass::~CameraSpaceZBufferRenderPass() = default;
 
 void CameraSpaceZBufferRenderPass::start(RenderCallbacks *)
 {
     const ContextScope scope;
+    if (!scope)
+        return;
     const Extent extent = extentOf(_inputs[kViewport].value);
     const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
     Texture *depth = typedTexture(_inputs[kDepth].value);

@@ -1,6 +1,7 @@
 #include "renderpasses/cubemaploaderrenderpass.h"
 
 #include "gl/bufferobject.h"
+#include "gl/contextscope.h"
 #include "gl/guards.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/texture.h"
@@ -64,18 +65,13 @@ CubemapLoaderRenderPass::CubemapLoaderRenderPass()
 CubemapLoaderRenderPass::CubemapLoaderRenderPass(const CubemapLoaderRenderPass &other) = default;
 CubemapLoaderRenderPass &CubemapLoaderRenderPass::operator=(const CubemapLoaderRenderPass &other) = default;
 
-CubemapLoaderRenderPass::~CubemapLoaderRenderPass()
-{
-    // A map that came back from the cache is both current and cached.
-    for (const Texture *cached : std::as_const(_cache)) {
-        if (cached != _cubemap)
-            delete cached;
-    }
-    delete _cubemap;
-}
+CubemapLoaderRenderPass::~CubemapLoaderRenderPass() = default;
 
 void CubemapLoaderRenderPass::start(RenderCallbacks *)
 {
+    const ContextScope scope;
+    if (!scope)
+        return;
     const QString posX = _inputs[kPathPosX].value.toString();
     const QString negX = _inputs[kPathNegX].value.toString();
     const QString posY = _inputs[kPathPosY].value.toString();
@@ -96,7 +92,7 @@ void CubemapLoaderRenderPass::start(RenderCallbacks *)
         _pathNegY = negY;
         _pathPosZ = posZ;
         _pathNegZ = negZ;
-        if (Texture *cached = _cache.value(_key())) {
+        if (const Held<Texture> cached = _cache.value(_key())) {
             _cubemap = cached;
             _outputs[kCubemap].value = objectForm(_cubemap);
             return;

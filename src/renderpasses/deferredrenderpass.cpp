@@ -88,17 +88,13 @@ DeferredRenderPass::DeferredRenderPass()
 DeferredRenderPass::DeferredRenderPass(const DeferredRenderPass &other) = default;
 DeferredRenderPass &DeferredRenderPass::operator=(const DeferredRenderPass &other) = default;
 
-DeferredRenderPass::~DeferredRenderPass()
-{
-    dropTarget(_fbo, GL_COLOR_ATTACHMENT0);
-    delete _fbo;
-    delete _shaderProgram;
-    delete _fallbackTexture;
-}
+DeferredRenderPass::~DeferredRenderPass() = default;
 
 void DeferredRenderPass::start(RenderCallbacks *)
 {
     const ContextScope scope;
+    if (!scope)
+        return;
     const Extent extent = extentOf(_inputs[kViewport].value);
     const auto camera = qvariant_cast<QMatrix4x4>(_inputs[kCameraMatrix].value);
     const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
@@ -120,9 +116,7 @@ void DeferredRenderPass::start(RenderCallbacks *)
     if (!normal)
         normal = TextureManager::Instance().solidTexture(QColor(Qt::transparent));
 
-    if (made(_fbo, "DeferredRenderPass") || extent != Extent{_width, _height}) {
-        _width = extent.width;
-        _height = extent.height;
+    if (needsTargets(_fbo, "DeferredRenderPass", extent, _width, _height)) {
         AutoBinder fbo(_fbo);
         replaceTarget(_fbo, GL_COLOR_ATTACHMENT0, kTarget, extent);
     }

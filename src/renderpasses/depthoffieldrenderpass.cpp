@@ -265,17 +265,13 @@ DepthOfFieldRenderPass::DepthOfFieldRenderPass()
 DepthOfFieldRenderPass::DepthOfFieldRenderPass(const DepthOfFieldRenderPass &other) = default;
 DepthOfFieldRenderPass &DepthOfFieldRenderPass::operator=(const DepthOfFieldRenderPass &other) = default;
 
-DepthOfFieldRenderPass::~DepthOfFieldRenderPass()
-{
-    if (_fbo)
-        giveUp(_fbo->attachment(GL_COLOR_ATTACHMENT0));
-    delete _fbo;
-    delete _program;
-}
+DepthOfFieldRenderPass::~DepthOfFieldRenderPass() = default;
 
 void DepthOfFieldRenderPass::start(RenderCallbacks *)
 {
     const ContextScope scope;
+    if (!scope)
+        return;
     const Extent extent = extentOf(_inputs[kViewport].value);
     Texture *frame = objectTexture(_inputs[kFrame].value);
     if (!frame) {
@@ -291,9 +287,7 @@ void DepthOfFieldRenderPass::start(RenderCallbacks *)
     const bool autoFocus = _inputs[kAutoFocus].value.toBool();
     const auto focus = qvariant_cast<QVector2D>(_inputs[kFocus].value);
 
-    if (made(_fbo, "DepthOfFieldRenderPass") || extent != Extent{_width, _height}) {
-        _width = extent.width;
-        _height = extent.height;
+    if (needsTargets(_fbo, "DepthOfFieldRenderPass", extent, _width, _height)) {
         AutoBinder fbo(_fbo);
         replaceTarget(_fbo, GL_COLOR_ATTACHMENT0, kTarget, extent);
     }

@@ -85,15 +85,13 @@ FastApproximateAntiAliasingRenderPass::FastApproximateAntiAliasingRenderPass(
 FastApproximateAntiAliasingRenderPass &FastApproximateAntiAliasingRenderPass::operator=(
     const FastApproximateAntiAliasingRenderPass &other) = default;
 
-FastApproximateAntiAliasingRenderPass::~FastApproximateAntiAliasingRenderPass()
-{
-    delete _fbo;
-    delete _program;
-}
+FastApproximateAntiAliasingRenderPass::~FastApproximateAntiAliasingRenderPass() = default;
 
 void FastApproximateAntiAliasingRenderPass::start(RenderCallbacks *)
 {
     const ContextScope scope;
+    if (!scope)
+        return;
     const Extent extent = extentOf(_inputs[kViewport].value);
     const float subPixel = validOr(_inputs[kSubPixelQuality].value, 0.75f);
     const float rcpFrame = validOr(_inputs[kRcpFrameQuality].value, 1.0f);

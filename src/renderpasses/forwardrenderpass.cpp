@@ -71,28 +71,25 @@ ForwardRenderPass::ForwardRenderPass()
 ForwardRenderPass::ForwardRenderPass(const ForwardRenderPass &other) = default;
 ForwardRenderPass &ForwardRenderPass::operator=(const ForwardRenderPass &other) = default;
 
-// Nothing is freed here, so that a copy of the pass may go on using it all.
+// Nothing is deleted with the pass: whoever still reads the targets finds them alive.
 ForwardRenderPass::~ForwardRenderPass()
 {
-    if (_fbo) {
-        for (unsigned int attachment : {GL_COLOR_ATTACHMENT0, GL_COLOR_ATTACHMENT1, GL_DEPTH_ATTACHMENT})
-            giveUp(_fbo->attachment(attachment));
-    }
-    giveUp(_fbo);
-    giveUp(_shaderProgram);
+    giveUpTargets(_fbo);
+    _fbo.giveUp();
+    _shaderProgram.giveUp();
 }
 
 void ForwardRenderPass::start(RenderCallbacks *)
 {
     const ContextScope scope;
+    if (!scope)
+        return;
     const Extent extent = extentOf(_inputs[kViewport].value);
     const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
     const auto camera = qvariant_cast<QMatrix4x4>(_inputs[kCameraMatrix].value);
     GPUModel *model = modelOf(_inputs[kGeometry].value);
 
-    if (made(_fbo, "ForwardRenderPass") || extent != Extent{_width, _height}) {
-        _width = extent.width;
-        _height = extent.height;
+    if (needsTargets(_fbo, "ForwardRenderPass", extent, _width, _height)) {
         AutoBinder fbo(_fbo);
         replaceTarget(_fbo, GL_COLOR_ATTACHMENT0, kColorTarget, extent);
         replaceTarget(_fbo, GL_COLOR_ATTACHMENT1, kColorTarget, extent);
@@ -119,9 +116,7 @@ void ForwardRenderPass::start(RenderCallbacks *)
 
 void ForwardRenderPass::setShaderProgram(ShaderProgram *program)
 {
-    if (program != _shaderProgram)
-        giveUp(_shaderProgram);
-    _shaderProgram = program;
+    _shaderProgram.borrow(program);
 }
 
 } // namespace Brevane::Kvo

@@ -43,6 +43,8 @@ GaussianBlurRenderPass::~GaussianBlurRenderPass() = default;
 void GaussianBlurRenderPass::start(RenderCallbacks *)
 {
     const ContextScope scope;
+    if (!scope)
+        return;
     const auto radius = qvariant_cast<float>(_inputs[kBlurRadius].value);
     auto divider = qvariant_cast<float>(_inputs[kResolutionDivider].value);
     if (double(divider) < 0.01)
@@ -51,7 +53,7 @@ void GaussianBlurRenderPass::start(RenderCallbacks *)
     if (radius != _blurRadius || !_blurProgram) {
         _blurRadius = radius;
         calculateBlurWeights();
-        giveUp(_blurProgram);
+        _blurProgram.giveUp();
         _blurProgram = makeShaderProgram(getBaseFragmentShaderSource());
     }
     Texture *input = typedTexture(_inputs[kInput].value);

@@ -87,18 +87,14 @@ GBufferRenderPass &GBufferRenderPass::operator=(const GBufferRenderPass &other) 
 // The targets are not deleted with the pass: whoever still reads them finds them alive.
 GBufferRenderPass::~GBufferRenderPass()
 {
-    if (_fbo) {
-        for (int i = 0; i < _targets.size(); ++i)
-            giveUp(_fbo->attachment(GL_COLOR_ATTACHMENT0 + unsigned(i)));
-        giveUp(_fbo->attachment(GL_DEPTH_ATTACHMENT));
-    }
-    delete _fbo;
-    delete _shaderProgram;
+    giveUpTargets(_fbo);
 }
 
 void GBufferRenderPass::start(RenderCallbacks *)
 {
     const ContextScope scope;
+    if (!scope)
+        return;
     const Extent extent = extentOf(_inputs[kViewport].value);
     glViewport(0, 0, extent.width, extent.height);
     const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
@@ -110,9 +106,7 @@ void GBufferRenderPass::start(RenderCallbacks *)
     const QVariant *const pieces = isList ? list.constData() : &geometry;
     const qsizetype count = isList ? list.size() : 1;
 
-    if (made(_fbo, "GBufferRenderPass") || extent != Extent{_width, _height}) {
-        _width = extent.width;
-        _height = extent.height;
+    if (needsTargets(_fbo, "GBufferRenderPass", extent, _width, _height)) {
         AutoBinder fbo(_fbo);
         unsigned int attachment = GL_COLOR_ATTACHMENT0;
         for (const Target &target : std::as_const(_targets))
@@ -156,9 +150,7 @@ void GBufferRenderPass::start(RenderCallbacks *)
 
 void GBufferRenderPass::setShaderProgram(ShaderProgram *program)
 {
-    if (program != _shaderProgram)
-        giveUp(_shaderProgram);
-    _shaderProgram = program;
+    _shaderProgram.adopt(program);
 }
 
 } // namespace Brevane::Kvo

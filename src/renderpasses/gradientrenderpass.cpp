@@ -83,20 +83,15 @@ GradientRenderPass::GradientRenderPass()
 GradientRenderPass::GradientRenderPass(const GradientRenderPass &other) = default;
 GradientRenderPass &GradientRenderPass::operator=(const GradientRenderPass &other) = default;
 
-GradientRenderPass::~GradientRenderPass()
-{
-    dropTarget(_fbo, GL_COLOR_ATTACHMENT0);
-    delete _fbo;
-    delete _shaderProgram;
-}
+GradientRenderPass::~GradientRenderPass() = default;
 
 void GradientRenderPass::start(RenderCallbacks *)
 {
     const ContextScope scope;
+    if (!scope)
+        return;
     const Extent extent = extentOf(_inputs[kViewport].value);
-    if (made(_fbo, "GradientRenderPass") || extent != Extent{_width, _height}) {
-        _width = extent.width;
-        _height = extent.height;
+    if (needsTargets(_fbo, "GradientRenderPass", extent, _width, _height)) {
         AutoBinder fbo(_fbo);
         replaceTarget(_fbo, GL_COLOR_ATTACHMENT0, kTarget, extent);
     }

@@ -115,19 +115,13 @@ LuminanceAverageRenderPass::LuminanceAverageRenderPass()
 LuminanceAverageRenderPass::LuminanceAverageRenderPass(const LuminanceAverageRenderPass &other) = default;
 LuminanceAverageRenderPass &LuminanceAverageRenderPass::operator=(const LuminanceAverageRenderPass &other) = default;
 
-LuminanceAverageRenderPass::~LuminanceAverageRenderPass()
-{
-    dropTarget(_reductionFbo, GL_COLOR_ATTACHMENT0);
-    dropTarget(_averageFbo, GL_COLOR_ATTACHMENT0);
-    delete _shaderProgram;
-    delete _fallbackTexture;
-    delete _reductionFbo;
-    delete _averageFbo;
-}
+LuminanceAverageRenderPass::~LuminanceAverageRenderPass() = default;
 
 void LuminanceAverageRenderPass::start(RenderCallbacks *)
 {
     const ContextScope scope;
+    if (!scope)
+        return;
     const int viewportSlot = findInput(viewportName());
     const int textureSlot = findInput(textureName());
     const int frameSlot = findOutput(frameName());
@@ -143,13 +137,11 @@ void LuminanceAverageRenderPass::start(RenderCallbacks *)
         texture = _fallbackTexture;
     }
 
-    made(_reductionFbo, "LuminanceAverageRenderPass reduction");
     // Not below one texel: the shader divides by it.
     const int reducedWidth = std::max(1, extent.width / kReduction);
     const int reducedHeight = std::max(1, extent.height / kReduction);
-    if (reducedWidth != _reducedWidth || reducedHeight != _reducedHeight) {
-        _reducedWidth = reducedWidth;
-        _reducedHeight = reducedHeight;
+    if (needsTargets(_reductionFbo, "LuminanceAverageRenderPass reduction", {reducedWidth, reducedHeight},
+                     _reducedWidth, _reducedHeight)) {
         AutoBinder fbo(_reductionFbo);
         replaceTarget(_reductionFbo, GL_COLOR_ATTACHMENT0, kTarget, {reducedWidth, reducedHeight});
         AutoBinder reduced(_reductionFbo->attachment(GL_COLOR_ATTACHMENT0));

@@ -75,30 +75,24 @@ ModelDeferredPass::ModelDeferredPass()
 ModelDeferredPass::ModelDeferredPass(const ModelDeferredPass &other) = default;
 ModelDeferredPass &ModelDeferredPass::operator=(const ModelDeferredPass &other) = default;
 
-ModelDeferredPass::~ModelDeferredPass()
-{
-    dropTarget(_fbo, GL_COLOR_ATTACHMENT0);
-    delete _fbo;
-    delete _shaderProgram;
-    delete _defaultTexture;
-}
+ModelDeferredPass::~ModelDeferredPass() = default;
 
 // The light is fixed to the camera, so the matrices of inputs 1 and 2 do not enter.
 void ModelDeferredPass::start(RenderCallbacks *)
 {
     const ContextScope scope;
+    if (!scope)
+        return;
     const Extent extent = extentOf(_inputs[kViewport].value);
     const auto textureOr = [this](Input input) {
         Texture *texture = objectTexture(_inputs[input].value);
-        return texture ? texture : _defaultTexture;
+        return texture ? texture : _defaultTexture.get();
     };
     Texture *diffuse = textureOr(kDiffuse);
     Texture *specular = textureOr(kSpecular);
     Texture *normal = textureOr(kNormal);
 
-    if (made(_fbo, "ModelDeferredPass") || extent != Extent{_width, _height}) {
-        _width = extent.width;
-        _height = extent.height;
+    if (needsTargets(_fbo, "ModelDeferredPass", extent, _width, _height)) {
         AutoBinder fbo(_fbo);
         replaceTarget(_fbo, GL_COLOR_ATTACHMENT0, kTarget, extent);
     }

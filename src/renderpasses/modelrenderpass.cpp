@@ -99,26 +99,20 @@ ModelRenderPass &ModelRenderPass::operator=(const ModelRenderPass &other) = defa
 // The targets are not deleted with the pass: whoever still reads them finds them alive.
 ModelRenderPass::~ModelRenderPass()
 {
-    if (_fbo) {
-        for (int i = 0; i < _targets.size(); ++i)
-            giveUp(_fbo->attachment(GL_COLOR_ATTACHMENT0 + unsigned(i)));
-        giveUp(_fbo->attachment(GL_DEPTH_ATTACHMENT));
-    }
-    delete _fbo;
-    delete _shaderProgram;
+    giveUpTargets(_fbo);
 }
 
 void ModelRenderPass::start(RenderCallbacks *)
 {
     const ContextScope scope;
+    if (!scope)
+        return;
     const Extent extent = extentOf(_inputs[kViewport].value);
     const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
     const auto camera = qvariant_cast<QMatrix4x4>(_inputs[kCameraMatrix].value);
     GPUModel *model = modelOf(_inputs[kGeometry].value);
 
-    if (made(_fbo, "ModelRenderPass") || extent != Extent{_width, _height}) {
-        _width = extent.width;
-        _height = extent.height;
+    if (needsTargets(_fbo, "ModelRenderPass", extent, _width, _height)) {
         AutoBinder fbo(_fbo);
         unsigned int attachment = GL_COLOR_ATTACHMENT0;
         for (const Target &target : std::as_const(_targets))
@@ -159,9 +153,7 @@ void ModelRenderPass::start(RenderCallbacks *)
 
 void ModelRenderPass::setShaderProgram(ShaderProgram *program)
 {
-    if (program != _shaderProgram)
-        giveUp(_shaderProgram);
-    _shaderProgram = program;
+    _shaderProgram.adopt(program);
 }
 
 void ModelRenderPass::setDiscardOnDiffuseAlpha(bool discard)

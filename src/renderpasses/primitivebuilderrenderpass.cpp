@@ -1,6 +1,7 @@
 #include "renderpasses/primitivebuilderrenderpass.h"
 
 #include "gl/bufferobject.h"
+#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/guards.h"
 #include "gl/opengldevicecontext.h"
@@ -97,21 +98,20 @@ PrimitiveBuilderRenderPass::PrimitiveBuilderRenderPass()
 PrimitiveBuilderRenderPass::PrimitiveBuilderRenderPass(const PrimitiveBuilderRenderPass &other) = default;
 PrimitiveBuilderRenderPass &PrimitiveBuilderRenderPass::operator=(const PrimitiveBuilderRenderPass &other) = default;
 
-PrimitiveBuilderRenderPass::~PrimitiveBuilderRenderPass()
-{
-    delete _drawBuffers;
-}
+PrimitiveBuilderRenderPass::~PrimitiveBuilderRenderPass() = default;
 
 void PrimitiveBuilderRenderPass::start(RenderCallbacks *)
 {
     const int geometry = findOutput(geometryName());
-    if (_dirty) {
+    // What cannot be built without a context is built when there is one; what another share group has is
+    // built anew.
+    const ContextScope scope;
+    if (scope && (_dirty || (!_drawBuffers && _drawBuffers.any()))) {
         _dirty = false;
-        delete _drawBuffers;
         _drawBuffers = build();
     }
     if (geometry >= 0)
-        _outputs[geometry].value = QVariant::fromValue<QObject *>(_drawBuffers);
+        _outputs[geometry].value = QVariant::fromValue<QObject *>(_drawBuffers.get());
 }
 
 DrawBuffers *PrimitiveBuilderRenderPass::build() const

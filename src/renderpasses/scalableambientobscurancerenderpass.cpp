@@ -264,16 +264,13 @@ ScalableAmbientObscuranceRenderPass::ScalableAmbientObscuranceRenderPass(
 ScalableAmbientObscuranceRenderPass &ScalableAmbientObscuranceRenderPass::operator=(
     const ScalableAmbientObscuranceRenderPass &other) = default;
 
-ScalableAmbientObscuranceRenderPass::~ScalableAmbientObscuranceRenderPass()
-{
-    delete _fbo;
-    delete _shaderProgramSS;
-    delete _shaderProgramMS;
-}
+ScalableAmbientObscuranceRenderPass::~ScalableAmbientObscuranceRenderPass() = default;
 
 void ScalableAmbientObscuranceRenderPass::start(RenderCallbacks *)
 {
     const ContextScope scope;
+    if (!scope)
+        return;
     const Extent viewport = extentOf(_inputs[kViewport].value);
     float divider = _inputs[kResolutionDivider].value.toFloat();
     if (divider == 0.0f)

@@ -118,11 +118,7 @@ ShaderRenderPass::ShaderRenderPass()
 ShaderRenderPass::ShaderRenderPass(const ShaderRenderPass &other) = default;
 ShaderRenderPass &ShaderRenderPass::operator=(const ShaderRenderPass &other) = default;
 
-ShaderRenderPass::~ShaderRenderPass()
-{
-    delete _fbo;
-    delete _program;
-}
+ShaderRenderPass::~ShaderRenderPass() = default;
 
 void ShaderRenderPass::setVertexShaderSource(const QString &source)
 {
@@ -209,6 +205,8 @@ void ShaderRenderPass::_buildProgram()
 void ShaderRenderPass::start(RenderCallbacks *)
 {
     const ContextScope scope;
+    if (!scope)
+        return;
     bool clear = _clear;
     Extent extent;
     if (const int viewport = findInput(viewportName()); viewport >= 0)
@@ -221,7 +219,7 @@ void ShaderRenderPass::start(RenderCallbacks *)
         textures[i] = anyTexture(_inputs[i].value);
         if (!textures[i]) {
             if (!_defaultTexture)
-                _defaultTexture = TextureManager::Instance().solidTexture(QColor(Qt::transparent));
+                _defaultTexture.borrowHere(TextureManager::Instance().solidTexture(QColor(Qt::transparent)));
             textures[i] = _defaultTexture;
         } else if (extent.width == 0) {
             extent = sizeOf(textures[i]);

@@ -325,13 +325,6 @@ ShadowMapRenderPass &ShadowMapRenderPass::operator=(const ShadowMapRenderPass &o
 
 ShadowMapRenderPass::~ShadowMapRenderPass()
 {
-    delete _fbo;
-    delete _blurQuad;
-    delete _depthTexture;
-    delete _shadowMapArray;
-    delete _blurArray;
-    delete _depthProgram;
-    qDeleteAll(_blurPrograms);
     delete _macroProcessor;
 }
 
@@ -343,6 +336,8 @@ void ShadowMapRenderPass::setInstanceDataPlanName(const QString &name)
 void ShadowMapRenderPass::start(RenderCallbacks *)
 {
     const ContextScope scope;
+    if (!scope)
+        return;
     GPUModel *model = castersIn(_inputs[kGeometry].value, __FILE__, __LINE__);
     const QSize mapSize = qvariant_cast<QSize>(_inputs[kMapSize].value);
     const QVariantList instanceData = qvariant_cast<QVariantList>(_inputs[kInstanceData].value);
@@ -357,13 +352,10 @@ void ShadowMapRenderPass::start(RenderCallbacks *)
 
     const bool sizeChanged = mapSize != _mapSize;
     if (_shadowMapArray && (sizeChanged || _renderData.layerCount != _layerCount)) {
-        delete _shadowMapArray;
         _shadowMapArray = nullptr;
-        delete _blurArray;
         _blurArray = nullptr;
     }
     if (sizeChanged) {
-        delete _depthTexture;
         _depthTexture = nullptr;
     }
     _layerCount = _renderData.layerCount;
@@ -470,7 +462,7 @@ Texture *ShadowMapRenderPass::_gaussBlurShadowMapArray(const QSize &size, Filter
         AutoBinder bound(_blurArray);
         wrapToEdge();
     }
-    ShaderProgram *program = _blurPrograms.value(type);
+    Held<ShaderProgram> program = _blurPrograms.value(type);
     if (!program) {
         program = buildProgram({QStringLiteral("ShadowMapRenderPass filter %1").arg(int(type)),
                                 {QStringLiteral("out_FragColor")},
@@ -532,9 +524,7 @@ Texture *ShadowMapRenderPass::_gaussBlurShadowMapArray(const QSize &size, Filter
 
 void ShadowMapRenderPass::teardownContextData(RenderCallbacks *)
 {
-    delete _fbo;
     _fbo = nullptr;
-    delete _blurQuad;
     _blurQuad = nullptr;
 }
 

@@ -269,15 +269,12 @@ const QString &conversionText(ShadowMapRenderPass2::FilterType type)
 }
 
 // Frees a framebuffer that holds textures which live on.
-void drop(FramebufferObject *&framebuffer)
+void drop(Held<FramebufferObject> &framebuffer)
 {
-    if (!framebuffer)
-        return;
-    {
+    if (framebuffer && !framebuffer.isShared()) {
         AutoBinder bound(framebuffer);
         framebuffer->detachAll();
     }
-    delete framebuffer;
     framebuffer = nullptr;
 }
 
@@ -353,10 +350,6 @@ ShadowMapRenderPass2 &ShadowMapRenderPass2::operator=(const ShadowMapRenderPass2
 ShadowMapRenderPass2::~ShadowMapRenderPass2()
 {
     ShadowMapRenderPass2::teardownContextData(nullptr);
-    delete _depthArray;
-    delete _shadowMapArray;
-    delete _depthProgram;
-    qDeleteAll(_blurPrograms);
     delete _macroProcessor;
 }
 
@@ -368,6 +361,8 @@ void ShadowMapRenderPass2::setInstanceDataPlanName(const QString &name)
 void ShadowMapRenderPass2::start(RenderCallbacks *)
 {
     const ContextScope scope;
+    if (!scope)
+        return;
     GPUModel *model = castersIn(_inputs[kGeometry].value, __FILE__, __LINE__);
     const QSize mapSize = qvariant_cast<QSize>(_inputs[kMapSize].value);
     const QVariantList instanceData = qvariant_cast<QVariantList>(_inputs[kInstanceData].value);
@@ -386,16 +381,19 @@ void ShadowMapRenderPass2::start(RenderCallbacks *)
                                         pointerTo(bounds));
         render = true;
     }
+    const bool changed = _renderData.layerCount != _layerCount || mapSize != _mapSize;
+    for (Held<FramebufferObject> *framebuffer : {&_fbo, &_filterFbo}) {
+        if (changed && framebuffer->isShared())
+            *framebuffer = nullptr;
+    }
     render = made(_fbo, "ShadowMapRenderPass2 casters") || render;
     render = made(_filterFbo, "ShadowMapRenderPass2 filter") || render;
-    if (_renderData.layerCount != _layerCount || mapSize != _mapSize) {
-        for (FramebufferObject *framebuffer : {_fbo, _filterFbo}) {
+    if (changed) {
+        for (FramebufferObject *framebuffer : {_fbo.get(), _filterFbo.get()}) {
             AutoBinder bound(framebuffer);
             framebuffer->detachAll();
         }
-        delete _shadowMapArray;
         _shadowMapArray = nullptr;
-        delete _depthArray;
         _depthArray = nullptr;
         render = true;
     }
@@ -575,7 +573,7 @@ bool ShadowMapRenderPass2::_drawCasters(GPUModel *model, const QVariantList &ins
 // The size is that of the arrays, whose strips cover all of their texels anyway.
 void ShadowMapRenderPass2::_blurShadowMapArray(const QSize &, FilterType type)
 {
-    ShaderProgram *program = _blurPrograms.value(type);
+    Held<ShaderProgram> program = _blurPrograms.value(type);
     if (!program) {
         program = buildProgram({QStringLiteral("ShadowMapRenderPass2 filter %1").arg(int(type)),
                                 {QStringLiteral("out_FragColor")},
@@ -619,7 +617,6 @@ void ShadowMapRenderPass2::teardownContextData(RenderCallbacks *)
 {
     drop(_fbo);
     drop(_filterFbo);
-    delete _pointQuad;
     _pointQuad = nullptr;
 }
 

@@ -174,16 +174,12 @@ SkyboxRenderPass::SkyboxRenderPass()
 SkyboxRenderPass::SkyboxRenderPass(const SkyboxRenderPass &other) = default;
 SkyboxRenderPass &SkyboxRenderPass::operator=(const SkyboxRenderPass &other) = default;
 
-SkyboxRenderPass::~SkyboxRenderPass()
-{
-    delete _fbo;
-    delete _cubeProgram;
-    delete _latLongProgram;
-    delete _backgroundProgram;
-}
+SkyboxRenderPass::~SkyboxRenderPass() = default;
 
 void SkyboxRenderPass::setup(RenderCallbacks *)
 {
+    if (!ContextScope())
+        return;
     made(_fbo, "SkyboxRenderPass");
     buildOnce(_cubeProgram, cubeProgram());
     buildOnce(_latLongProgram, latLongProgram());
@@ -194,6 +190,8 @@ void SkyboxRenderPass::setup(RenderCallbacks *)
 void SkyboxRenderPass::start(RenderCallbacks *callbacks)
 {
     const ContextScope scope;
+    if (!scope)
+        return;
     const Extent extent = extentOf(_inputs[kViewport].value);
     if (!_fbo || extent != Extent{_width, _height}) {
         teardown(callbacks);
@@ -291,13 +289,10 @@ void SkyboxRenderPass::teardown(RenderCallbacks *)
                     release(_fbo->detach(point));
             }
         }
-        delete _fbo;
         _fbo = nullptr;
     }
-    for (ShaderProgram **program : {&_cubeProgram, &_latLongProgram, &_backgroundProgram}) {
-        delete *program;
+    for (Held<ShaderProgram> *program : {&_cubeProgram, &_latLongProgram, &_backgroundProgram})
         *program = nullptr;
-    }
     _quad.reset();
 }
 

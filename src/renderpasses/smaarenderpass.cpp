@@ -301,29 +301,30 @@ SMAARenderPass &SMAARenderPass::operator=(const SMAARenderPass &other) = default
 // A host that ends a pass calls teardown before; what is left then, or without it, is given up.
 SMAARenderPass::~SMAARenderPass()
 {
-    for (Texture *image : std::as_const(_colorHistory))
-        release(image);
-    for (Texture *image : std::as_const(_packedVelocityHistory))
-        release(image);
-    for (QObject *object : std::initializer_list<QObject *>{_edgeFbo, _weightFbo, _blendFbo, _resolveFbo, _velocityFbo,
-                                                            _areaTexture, _searchTexture, _edgeProgram, _weightProgram,
-                                                            _blendProgram, _resolveProgram, _velocityProgram})
-        giveUp(object);
+    for (Held<FramebufferObject> *framebuffer : {&_edgeFbo, &_weightFbo, &_blendFbo, &_resolveFbo, &_velocityFbo})
+        framebuffer->giveUp();
+    for (Held<Texture> *table : {&_areaTexture, &_searchTexture})
+        table->giveUp();
+    for (Held<ShaderProgram> *program :
+         {&_edgeProgram, &_weightProgram, &_blendProgram, &_resolveProgram, &_velocityProgram})
+        program->giveUp();
 }
 
 void SMAARenderPass::setup(RenderCallbacks *)
 {
+    if (!ContextScope())
+        return;
     if (_mode == kTemporal) {
         for (int i = 0; i < kHistoryLength; ++i)
-            _colorHistory.append(takeImage(int(TextureFormat::Result)));
+            _colorHistory.append(PooledTexture(takeImage(int(TextureFormat::Result))));
         for (int i = 0; i < kHistoryLength && _supportTransparency; ++i)
-            _packedVelocityHistory.append(takeImage(int(TextureFormat::VelocityPacked)));
+            _packedVelocityHistory.append(PooledTexture(takeImage(int(TextureFormat::VelocityPacked))));
     }
     // teardown leaves these four in place, and they are replaced here.
-    giveUp(std::exchange(_resolveFbo, nullptr));
-    giveUp(std::exchange(_velocityFbo, nullptr));
-    giveUp(std::exchange(_resolveProgram, nullptr));
-    giveUp(std::exchange(_velocityProgram, nullptr));
+    _resolveFbo.giveUp();
+    _velocityFbo.giveUp();
+    _resolveProgram.giveUp();
+    _velocityProgram.giveUp();
 
     made(_edgeFbo, "SMAA edges");
     made(_weightFbo, "SMAA weights");
@@ -362,23 +363,21 @@ void SMAARenderPass::setup(RenderCallbacks *)
 
 void SMAARenderPass::teardown(RenderCallbacks *)
 {
-    for (Texture *image : std::exchange(_colorHistory, {}))
-        release(image);
-    for (Texture *image : std::exchange(_packedVelocityHistory, {}))
-        release(image);
-    delete std::exchange(_edgeFbo, nullptr);
-    delete std::exchange(_weightFbo, nullptr);
-    delete std::exchange(_blendFbo, nullptr);
-    delete std::exchange(_areaTexture, nullptr);
-    delete std::exchange(_searchTexture, nullptr);
-    delete std::exchange(_edgeProgram, nullptr);
-    delete std::exchange(_weightProgram, nullptr);
-    delete std::exchange(_blendProgram, nullptr);
+    _colorHistory.clear();
+    _packedVelocityHistory.clear();
+    for (Held<FramebufferObject> *framebuffer : {&_edgeFbo, &_weightFbo, &_blendFbo})
+        *framebuffer = nullptr;
+    for (Held<Texture> *table : {&_areaTexture, &_searchTexture})
+        *table = nullptr;
+    for (Held<ShaderProgram> *program : {&_edgeProgram, &_weightProgram, &_blendProgram})
+        *program = nullptr;
 }
 
 void SMAARenderPass::start(RenderCallbacks *callbacks)
 {
     const ContextScope scope;
+    if (!scope)
+        return;
     const Extent extent = extentOf(_inputs[kViewport].value);
     auto mode = qvariant_cast<int>(_inputs[kMode].value);
     const bool predication = hasValue(_inputs[kPredicate].value);
@@ -432,7 +431,7 @@ void SMAARenderPass::start(RenderCallbacks *callbacks)
     if (_mode == kTemporal) {
         _historyIndex = (_historyIndex + 1) % int(_colorHistory.size());
         current = _colorHistory[_historyIndex];
-        packed = _supportTransparency ? _packedVelocityHistory[_historyIndex] : nullptr;
+        packed = _supportTransparency ? static_cast<Texture *>(_packedVelocityHistory[_historyIndex]) : nullptr;
         velocity = velocityVectors(depth, projection, camera);
     } else {
         current = takeImage(int(TextureFormat::Result));
@@ -448,7 +447,7 @@ void SMAARenderPass::start(RenderCallbacks *callbacks)
     if (_mode == kTemporal) {
         const int length = int(_colorHistory.size());
         const int p = (_historyIndex - 1 + length) % length;
-        Texture *previousPacked = _supportTransparency ? _packedVelocityHistory[p] : nullptr;
+        Texture *previousPacked = _supportTransparency ? static_cast<Texture *>(_packedVelocityHistory[p]) : nullptr;
         result = temporalResolve(current, _colorHistory[p], velocity, packed, previousPacked);
         release(velocity);
     }

@@ -74,14 +74,13 @@ StencilBlurAndBlendRenderPass::StencilBlurAndBlendRenderPass(const StencilBlurAn
 StencilBlurAndBlendRenderPass &StencilBlurAndBlendRenderPass::operator=(const StencilBlurAndBlendRenderPass &other) =
     default;
 
-StencilBlurAndBlendRenderPass::~StencilBlurAndBlendRenderPass()
-{
-    delete _blurAndAddProgram;
-}
+StencilBlurAndBlendRenderPass::~StencilBlurAndBlendRenderPass() = default;
 
 void StencilBlurAndBlendRenderPass::start(RenderCallbacks *callbacks)
 {
     const ContextScope scope;
+    if (!scope)
+        return;
     const auto radius = qvariant_cast<float>(_inputs[kBlurRadius].value);
     RenderPassHelper::start(callbacks);
 
@@ -97,8 +96,8 @@ void StencilBlurAndBlendRenderPass::start(RenderCallbacks *callbacks)
     if (!_blurProgram || !_blurAndAddProgram || rebuilt) {
         _blurRadius = radius;
         calculateBlurWeights();
-        giveUp(_blurProgram);
-        giveUp(_blurAndAddProgram);
+        _blurProgram.giveUp();
+        _blurAndAddProgram.giveUp();
         _blurProgram = makeShaderProgram(getBaseFragmentShaderSource());
         _blurAndAddProgram = makeShaderProgram(kBlurAndAddHead + kExactTexture + kBlurAndAddMain);
     }

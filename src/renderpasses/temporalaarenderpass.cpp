@@ -65,17 +65,14 @@ TemporalAARenderPass &TemporalAARenderPass::operator=(const TemporalAARenderPass
 
 TemporalAARenderPass::~TemporalAARenderPass()
 {
-    if (_fbo) {
-        AutoBinder fbo(_fbo);
-        releaseAccumulation();
-    }
-    delete _fbo;
-    delete _program;
+    releaseAccumulation();
 }
 
 void TemporalAARenderPass::start(RenderCallbacks *)
 {
     const ContextScope scope;
+    if (!scope)
+        return;
     const Extent viewport = extentOf(_inputs[kViewport].value);
     Texture *frame = typedTexture(_inputs[kFrame].value);
     const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
@@ -95,7 +92,8 @@ void TemporalAARenderPass::start(RenderCallbacks *)
     // A scale that is no positive number leaves no size to divide by.
     const float divisor = scale > 0.0f ? scale : 1.0f;
     const Extent extent{int(float(viewport.width) / divisor), int(float(viewport.height) / divisor)};
-    const bool sizeChanged = extent != Extent{_lastWidth, _lastHeight};
+    // Like another size, another share group leaves nothing to accumulate in.
+    const bool sizeChanged = extent != Extent{_lastWidth, _lastHeight} || !_fbo;
     const bool restart = projection != _lastProjection || camera != _lastCamera || sizeChanged;
     if (restart) {
         _lastProjection = projection;
@@ -103,9 +101,10 @@ void TemporalAARenderPass::start(RenderCallbacks *)
         _lastWidth = extent.width;
         _lastHeight = extent.height;
     }
-    if (made(_fbo, "TemporalAARenderPass") || sizeChanged) {
-        AutoBinder fbo(_fbo);
+    if (sizeChanged) {
         releaseAccumulation();
+        made(_fbo, "TemporalAARenderPass");
+        AutoBinder fbo(_fbo);
         Texture *accumulation = tempTexture(TextureFormat::Result, extent);
         _fbo->attach(accumulation, GL_COLOR_ATTACHMENT0, 0);
         // One reference more than the pool's own for as long as the texture outlives frames.
@@ -155,11 +154,19 @@ void TemporalAARenderPass::start(RenderCallbacks *)
     release(frame);
 }
 
-// Both references of the pass.
+// Both references of the pass, unless a copy goes on with the accumulation.
 void TemporalAARenderPass::releaseAccumulation()
 {
-    if (_fbo->hasAttachment(GL_COLOR_ATTACHMENT0))
-        TextureManager::Instance().releaseTempTextureRef(_fbo->detach(GL_COLOR_ATTACHMENT0), 2);
+    FramebufferObject *framebuffer = _fbo.any();
+    if (_fbo.isShared() || !framebuffer) {
+        _fbo = nullptr;
+        return;
+    }
+    AutoBinder fbo(_fbo);
+    Texture *accumulation = framebuffer->attachment(GL_COLOR_ATTACHMENT0);
+    if (_fbo)
+        _fbo->detach(GL_COLOR_ATTACHMENT0);
+    TextureManager::Instance().releaseTempTextureRef(accumulation, 2);
 }
 
 } // namespace Brevane::Kvo

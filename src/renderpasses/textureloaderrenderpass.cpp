@@ -1,5 +1,6 @@
 #include "renderpasses/textureloaderrenderpass.h"
 
+#include "gl/contextscope.h"
 #include "gl/guards.h"
 #include "gl/texture.h"
 #include "gl/unpackstate.h"
@@ -26,14 +27,15 @@ TextureLoaderRenderPass::TextureLoaderRenderPass()
 TextureLoaderRenderPass::TextureLoaderRenderPass(const TextureLoaderRenderPass &other) = default;
 TextureLoaderRenderPass &TextureLoaderRenderPass::operator=(const TextureLoaderRenderPass &other) = default;
 
-TextureLoaderRenderPass::~TextureLoaderRenderPass()
-{
-    delete _texture;
-}
+TextureLoaderRenderPass::~TextureLoaderRenderPass() = default;
 
 void TextureLoaderRenderPass::start(RenderCallbacks *)
 {
+    const ContextScope scope;
+    if (!scope)
+        return;
     if (!_texture) {
+        _path.clear();
         _texture = new Texture(nullptr);
         _texture->setTarget(GL_TEXTURE_2D);
         _texture->setLabel(QStringLiteral("TextureLoaderRenderPass"));

@@ -140,16 +140,13 @@ TextureToScreenRenderPass::TextureToScreenRenderPass()
 TextureToScreenRenderPass::TextureToScreenRenderPass(const TextureToScreenRenderPass &other) = default;
 TextureToScreenRenderPass &TextureToScreenRenderPass::operator=(const TextureToScreenRenderPass &other) = default;
 
-TextureToScreenRenderPass::~TextureToScreenRenderPass()
-{
-    delete _shaderProgram;
-    delete _readFbo;
-    delete _drawFbo;
-}
+TextureToScreenRenderPass::~TextureToScreenRenderPass() = default;
 
 void TextureToScreenRenderPass::start(RenderCallbacks *)
 {
     const ContextScope scope;
+    if (!scope)
+        return;
     const QRect viewport = qvariant_cast<QRect>(_inputs[kViewport].value);
     const Rectangles destinations = rectanglesOf(_inputs[kViewportOut].value, viewport);
     const Rectangles sources = rectanglesOf(_inputs[kRects].value, viewport);
@@ -163,14 +160,16 @@ void TextureToScreenRenderPass::start(RenderCallbacks *)
         const bool superSampling = qvariant_cast<bool>(enable);
         if (superSampling != _superSampling) {
             _superSampling = superSampling;
-            delete _shaderProgram;
             _shaderProgram = nullptr;
         }
     }
     TextureManager &manager = TextureManager::Instance();
     if (_superSampling) {
-        if (!texture)
-            texture = _defaultTexture = manager.solidTexture(QColor(Qt::transparent));
+        if (!texture) {
+            if (!_defaultTexture)
+                _defaultTexture.borrowHere(manager.solidTexture(QColor(Qt::transparent)));
+            texture = _defaultTexture;
+        }
         const bool isNew = buildOnce(_shaderProgram, superSamplingProgram());
         if (fetchOnce(_quad, Quad::Gradient, _shaderProgram) && isNew) {
             AutoBinder arrays(_quad->VAO());
@@ -236,9 +235,7 @@ void TextureToScreenRenderPass::start(RenderCallbacks *)
 
 void TextureToScreenRenderPass::teardownContextData(RenderCallbacks *)
 {
-    delete _readFbo;
     _readFbo = nullptr;
-    delete _drawFbo;
     _drawFbo = nullptr;
     _quad.reset();
 }

@@ -153,36 +153,28 @@ TransparencyRenderPass::TransparencyRenderPass()
 TransparencyRenderPass::TransparencyRenderPass(const TransparencyRenderPass &other) = default;
 TransparencyRenderPass &TransparencyRenderPass::operator=(const TransparencyRenderPass &other) = default;
 
-// The programs of the opaque part and of the composition are left to the device context.
+// The programs of the opaque part and of the composition are given up.
 TransparencyRenderPass::~TransparencyRenderPass()
 {
-    dropTarget(_opaqueFbo, GL_COLOR_ATTACHMENT0);
-    dropTarget(_opaqueFbo, GL_DEPTH_ATTACHMENT);
-    dropTarget(_accumulationFbo, GL_COLOR_ATTACHMENT0);
-    dropTarget(_accumulationFbo, GL_COLOR_ATTACHMENT1);
-    delete _opaqueFbo;
-    delete _accumulationFbo;
-    delete _accumulationProgram;
-    delete _whiteTexture;
-    giveUp(_opaqueProgram);
-    giveUp(_compositeProgram);
+    _opaqueProgram.giveUp();
+    _compositeProgram.giveUp();
 }
 
 void TransparencyRenderPass::start(RenderCallbacks *)
 {
     const ContextScope scope;
-    if (!_opaqueProgram && !OpenGLDeviceContext::current())
+    if (!scope)
         return;
     const Extent extent = extentOf(_inputs[kViewport].value);
     const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
     const auto camera = qvariant_cast<QMatrix4x4>(_inputs[kCameraMatrix].value);
     GPUModel *model = modelOf(_inputs[kGeometry].value);
 
-    made(_opaqueFbo, "TransparencyRenderPass opaque");
-    made(_accumulationFbo, "TransparencyRenderPass accumulation");
-    if (extent != Extent{_width, _height}) {
-        _width = extent.width;
-        _height = extent.height;
+    // The two have their depth in common, so they are remade together.
+    if (needsTargets(_opaqueFbo, "TransparencyRenderPass opaque", extent, _width, _height)) {
+        if (_accumulationFbo.isShared())
+            _accumulationFbo = nullptr;
+        made(_accumulationFbo, "TransparencyRenderPass accumulation");
         {
             AutoBinder fbo(_opaqueFbo);
             replaceTarget(_opaqueFbo, GL_COLOR_ATTACHMENT0, kColorTarget, extent);

@@ -149,17 +149,7 @@ VisibilityBufferRenderPass::VisibilityBufferRenderPass(unsigned long long drawFl
 VisibilityBufferRenderPass::VisibilityBufferRenderPass(const VisibilityBufferRenderPass &other) = default;
 VisibilityBufferRenderPass &VisibilityBufferRenderPass::operator=(const VisibilityBufferRenderPass &other) = default;
 
-VisibilityBufferRenderPass::~VisibilityBufferRenderPass()
-{
-    for (unsigned int attachment : {GL_COLOR_ATTACHMENT0, GL_COLOR_ATTACHMENT1, GL_DEPTH_ATTACHMENT})
-        dropTarget(_fbo, attachment);
-    delete _fbo;
-    delete _shaderProgram;
-    delete _headPointerTexture;
-    delete _headPointerFbo;
-    delete _nodeBufferTexture;
-    delete _nodeBufferFbo;
-}
+VisibilityBufferRenderPass::~VisibilityBufferRenderPass() = default;
 
 void VisibilityBufferRenderPass::chooseMode()
 {
@@ -179,8 +169,7 @@ void VisibilityBufferRenderPass::chooseMode()
 void VisibilityBufferRenderPass::start(RenderCallbacks *)
 {
     const ContextScope scope;
-    // The mode stays what it was found to be, so it is not asked of no context.
-    if (!_modeChosen && !OpenGLDeviceContext::current())
+    if (!scope)
         return;
     chooseMode();
 
@@ -190,10 +179,11 @@ void VisibilityBufferRenderPass::start(RenderCallbacks *)
     GPUModel *model = modelOf(_inputs[kGeometry].value);
     const int nodeBufferWidth = _gl4Mode ? kNodeBufferSide : extent.width;
 
-    if (_gl4Mode) {
-        made(_headPointerFbo, "VisibilityBufferRenderPass head pointers");
-        made(_nodeBufferFbo, "VisibilityBufferRenderPass nodes");
-    }
+    // In either mode the framebuffer whose targets follow the viewport says whether they are still right.
+    const bool replaces =
+        _gl4Mode ? needsTargets(_headPointerFbo, "VisibilityBufferRenderPass head pointers", extent, _width, _height)
+                 : needsTargets(_fbo, "VisibilityBufferRenderPass", extent, _width, _height);
+    const bool needsNodes = _gl4Mode && made(_nodeBufferFbo, "VisibilityBufferRenderPass nodes");
     made(_fbo, "VisibilityBufferRenderPass");
 
     // Nothing is written to this target: it gives the framebuffer its size. Without a depth target no
@@ -202,12 +192,9 @@ void VisibilityBufferRenderPass::start(RenderCallbacks *)
         AutoBinder fbo(_fbo);
         _fbo->attach(tempTexture(TextureFormat::Frame, extent), GL_COLOR_ATTACHMENT0, 0);
     }
-    if (extent != Extent{_width, _height}) {
-        _width = extent.width;
-        _height = extent.height;
+    if (replaces)
         replaceTargets();
-    }
-    if (_gl4Mode && !_nodeBufferTexture) {
+    if (needsNodes) {
         AutoBinder fbo(_nodeBufferFbo);
         replaceTarget(_nodeBufferFbo, GL_COLOR_ATTACHMENT0, integerTarget(GL_RGBA32UI),
                       {kNodeBufferSide, kNodeBufferSide});
@@ -215,7 +202,7 @@ void VisibilityBufferRenderPass::start(RenderCallbacks *)
     }
     if (!_shaderProgram)
         _shaderProgram = buildProgram(recordingProgram(_outputFormats, _gl4Mode));
-    if (!_headCounter) {
+    if (!_headCounter || !_headCounter->isUsable()) {
         _headCounter = OpenGLDeviceContext::current()->createBufferObject();
         // The binding point does not exist in every context of the other mode.
         if (hasGLExtension("ARB_shader_atomic_counters"))

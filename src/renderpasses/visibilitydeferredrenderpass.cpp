@@ -138,25 +138,17 @@ VisibilityDeferredRenderPass::VisibilityDeferredRenderPass(const VisibilityDefer
 VisibilityDeferredRenderPass &VisibilityDeferredRenderPass::operator=(const VisibilityDeferredRenderPass &other) =
     default;
 
-VisibilityDeferredRenderPass::~VisibilityDeferredRenderPass()
-{
-    dropTarget(_fbo, GL_COLOR_ATTACHMENT0);
-    delete _fbo;
-    delete _shaderProgram;
-    delete _macroProcessor;
-    delete _fallbackTexture;
-    qDeleteAll(_bufferTextures);
-}
+VisibilityDeferredRenderPass::~VisibilityDeferredRenderPass() = default;
 
 void VisibilityDeferredRenderPass::start(RenderCallbacks *)
 {
     const ContextScope scope;
-    if (!_shaderProgram && !OpenGLDeviceContext::current())
+    if (!scope)
         return;
     const Extent extent = extentOf(_inputs[kViewport].value);
     const auto textureOr = [this](Input input) {
         Texture *texture = objectTexture(_inputs[input].value);
-        return texture ? texture : _fallbackTexture;
+        return texture ? texture : _fallbackTexture.get();
     };
     Texture *headPointers = textureOr(kHeadPointers);
     Texture *nodeBuffer = textureOr(kNodeBuffer);
@@ -164,20 +156,21 @@ void VisibilityDeferredRenderPass::start(RenderCallbacks *)
     GPUModel *model = modelOf(_inputs[kGeometry].value);
     DrawBuffers *geometry = model ? model->drawBuffers(0) : nullptr;
 
+    // Views of another share group read as null.
+    if (!_bufferTextures.isEmpty() && !_bufferTextures[kVertices])
+        _bufferTextures.clear();
     if (_bufferTextures.isEmpty() && geometry)
         makeBufferTextures(*geometry);
-    if (made(_fbo, "VisibilityDeferredRenderPass") || extent != Extent{_width, _height}) {
-        _width = extent.width;
-        _height = extent.height;
+    if (needsTargets(_fbo, "VisibilityDeferredRenderPass", extent, _width, _height)) {
         AutoBinder fbo(_fbo);
         replaceTarget(_fbo, GL_COLOR_ATTACHMENT0, kTarget, extent);
     }
     if (!_shaderProgram) {
-        _macroProcessor = new GLSLMacroProcessor;
-        DrawBuffers::setup(_macroProcessor);
+        _macroProcessor = std::make_shared<GLSLMacroProcessor>();
+        DrawBuffers::setup(_macroProcessor.get());
         if (!hasThreeComponentViews())
             _macroProcessor->addDefine(QStringLiteral("KVO_SCALAR_BUFFERS"), QStringLiteral("1"));
-        _shaderProgram = buildProgram(shadingProgram(), _macroProcessor);
+        _shaderProgram = buildProgram(shadingProgram(), _macroProcessor.get());
     }
     _shaderProgram->refresh();
     fetchOnce(_screenQuad, Quad::Screen, _shaderProgram);
@@ -214,7 +207,7 @@ void VisibilityDeferredRenderPass::shade(GPUModel &model, DrawBuffers &geometry,
     AutoBinder vertices(_bufferTextures[kVertices]);
     AutoBinder texCoords(_bufferTextures[kTexCoords]);
     AutoBinder normals(_bufferTextures[kNormals]);
-    AutoBinder indices(indexed ? _bufferTextures[kIndices] : nullptr);
+    AutoBinder indices(indexed ? _bufferTextures[kIndices].get() : nullptr);
 
     const auto setUniform = [this](const QString &name, const auto &value) {
         if (_shaderProgram->hasUniform(name))
@@ -259,11 +252,15 @@ void VisibilityDeferredRenderPass::makeBufferTextures(DrawBuffers &geometry)
     if (!vertices || !texCoords || !normals)
         return;
     const unsigned int threeComponents = hasThreeComponentViews() ? GL_RGB32F : GL_R32F;
-    _bufferTextures.append(bufferView(vertices, threeComponents));
-    _bufferTextures.append(bufferView(texCoords, GL_RG32F));
-    _bufferTextures.append(bufferView(normals, threeComponents));
+    const auto append = [this](const QSharedPointer<BufferObject> &buffer, unsigned int format) {
+        _bufferTextures.append(Held<Texture>());
+        _bufferTextures.last() = bufferView(buffer, format);
+    };
+    append(vertices, threeComponents);
+    append(texCoords, GL_RG32F);
+    append(normals, threeComponents);
     if (const auto indices = geometry.indexBO())
-        _bufferTextures.append(bufferView(indices, GL_R32I));
+        append(indices, GL_R32I);
     const int limit = DrawBuffers::maxShaderReadableCommands();
     if (geometry.drawElementsIndirectCommandCount() > limit)
         qWarning("VisibilityDeferredRenderPass: the model has %d draws and the shader reads %d; fragments of the "

@@ -209,23 +209,20 @@ VisibilitySortRenderPass::VisibilitySortRenderPass()
 VisibilitySortRenderPass::VisibilitySortRenderPass(const VisibilitySortRenderPass &other) = default;
 VisibilitySortRenderPass &VisibilitySortRenderPass::operator=(const VisibilitySortRenderPass &other) = default;
 
-VisibilitySortRenderPass::~VisibilitySortRenderPass()
-{
-    delete _shaderProgram;
-    delete _fbo;
-}
+VisibilitySortRenderPass::~VisibilitySortRenderPass() = default;
 
 void VisibilitySortRenderPass::start(RenderCallbacks *)
 {
     const ContextScope scope;
-    if (!_modeChosen) {
+    // The mode stays what it was found to be, so it is not asked of no context.
+    if (!_modeChosen && scope) {
         _modeChosen = true;
         _gl4Mode = canBuildFragmentLists();
     }
     _outputs[kSortedHeadPointers].value = _inputs[kHeadPointers].value;
     _outputs[kSortedNodeBuffer].value = _inputs[kNodeBuffer].value;
     _outputs[kSortedNodeBufferWidth].value = _inputs[kNodeBufferWidth].value;
-    if (!_gl4Mode)
+    if (!_gl4Mode || !scope)
         return;
 
     const Extent extent = extentOf(_inputs[kViewport].value);
@@ -269,7 +266,7 @@ void VisibilitySortRenderPass::start(RenderCallbacks *)
 
 void VisibilitySortRenderPass::setShaderProgram(ShaderProgram *program)
 {
-    _shaderProgram = program;
+    _shaderProgram.adopt(program);
 }
 
 } // namespace Brevane::Kvo

@@ -113,15 +113,13 @@ WireframeRenderPass::WireframeRenderPass()
 WireframeRenderPass::WireframeRenderPass(const WireframeRenderPass &other) = default;
 WireframeRenderPass &WireframeRenderPass::operator=(const WireframeRenderPass &other) = default;
 
-WireframeRenderPass::~WireframeRenderPass()
-{
-    delete _fbo;
-    delete _program;
-}
+WireframeRenderPass::~WireframeRenderPass() = default;
 
 void WireframeRenderPass::start(RenderCallbacks *)
 {
     const ContextScope scope;
+    if (!scope)
+        return;
     const int viewportSlot = findInput(viewportName());
     const int idSlot = findInput(idName());
     const int frameSlot = findOutput(frameName());

@@ -1,14 +1,18 @@
 #include "shadows/shadowmaprenderdata.h"
 
+#include "core/liveobjects.h"
 #include "gl/texture.h"
 
 #include <QVariant>
 
 namespace Brevane::Kvo {
 
-ShadowMapRenderData::ShadowMapRenderData(QObject *parent) : QObject(parent) {}
+ShadowMapRenderData::ShadowMapRenderData(QObject *parent) : QObject(parent)
+{
+    enterLiveObject(static_cast<QObject *>(this), LiveKind::Record);
+}
 
-ShadowMapRenderData::ShadowMapRenderData(const ShadowMapRenderData &other) : QObject(nullptr)
+ShadowMapRenderData::ShadowMapRenderData(const ShadowMapRenderData &other) : ShadowMapRenderData(nullptr)
 {
     *this = other;
 }
@@ -24,7 +28,10 @@ ShadowMapRenderData &ShadowMapRenderData::operator=(const ShadowMapRenderData &o
     return *this;
 }
 
-ShadowMapRenderData::~ShadowMapRenderData() = default;
+ShadowMapRenderData::~ShadowMapRenderData()
+{
+    leaveLiveObject(static_cast<QObject *>(this));
+}
 
 void ShadowMapRenderData::setProjectionTexture(Texture *texture)
 {
@@ -39,7 +46,11 @@ Texture *ShadowMapRenderData::projectionTexture() const
 
 ShadowMapRenderData *ShadowMapRenderData::fromVariant(const QVariant &value)
 {
-    return qobject_cast<ShadowMapRenderData *>(qvariant_cast<QObject *>(value));
+    QObject *object = nullptr;
+    if (value.metaType() == QMetaType(QMetaType::QObjectStar)
+        || value.metaType() == QMetaType::fromType<ShadowMapRenderData *>())
+        object = *static_cast<QObject *const *>(value.constData());
+    return liveKindOf(object) == LiveKind::Record ? static_cast<ShadowMapRenderData *>(object) : nullptr;
 }
 
 } // namespace Brevane::Kvo

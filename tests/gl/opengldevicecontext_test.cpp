@@ -245,7 +245,7 @@ TEST_F(OpenGLDeviceContextTest, ObjectsThatOutliveTheirContextLoseTheirNamesAndS
     EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
 }
 
-TEST_F(OpenGLDeviceContextTest, TextureOfAContextThatIsGoneCanBeMadeAgain)
+TEST_F(OpenGLDeviceContextTest, TextureOfAContextThatIsGoneStaysEmpty)
 {
     Texture texture;
     texture.setTarget(GL_TEXTURE_2D);
@@ -258,9 +258,12 @@ TEST_F(OpenGLDeviceContextTest, TextureOfAContextThatIsGoneCanBeMadeAgain)
         OpenGLDeviceContext::releaseCurrent();
     }
     ASSERT_TRUE(context().makeCurrent());
-    EXPECT_TRUE(texture.bind());
-    EXPECT_TRUE(glIsTexture(texture.textureID()));
-    texture.unbind();
+    const GlCalls calls;
+    EXPECT_FALSE(texture.isUsable());
+    EXPECT_FALSE(texture.bind());
+    EXPECT_EQ(texture.textureID(), 0u);
+    EXPECT_EQ(texture.unit(), -1);
+    EXPECT_EQ(calls.created(), 0) << qPrintable(calls.toString());
 }
 
 TEST_F(OpenGLDeviceContextTest, ObjectDeletedWhileAnotherContextIsCurrentIsFreedInItsOwn)
