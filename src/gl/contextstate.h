@@ -106,6 +106,7 @@ public:
     QVector<QPointer<QObject>> givenUp;
     ShaderProgram *boundProgram = nullptr;
     int version = 0;
+    bool hasSamplerObjects = false;
 
 private:
     explicit ContextState(NativeContext native);
