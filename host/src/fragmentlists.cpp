@@ -2,6 +2,7 @@
 
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
+#include "gl/pixelstore.h"
 #include "gl/texture.h"
 #include "host/imageoutput.h"
 
@@ -32,7 +33,7 @@ QVector<quint32> readRows(Texture *nodeBuffer, int width, int rows)
     AutoBinder bound(&framebuffer);
     framebuffer.attach(nodeBuffer, GL_COLOR_ATTACHMENT0, 0);
     glReadBuffer(GL_COLOR_ATTACHMENT0);
-    glPixelStorei(GL_PACK_ALIGNMENT, 4);
+    const DefaultPixelStore pixelStore;
     GLint format = GL_RGBA32UI;
     {
         AutoBinder texture(nodeBuffer);

@@ -3,6 +3,7 @@
 #include "gl/glinfo.h"
 #include "gl/guards.h"
 #include "gl/opengldevicecontext.h"
+#include "gl/pixelstore.h"
 #include "gl/texture.h"
 
 #include <epoxy/gl.h>
@@ -20,40 +21,6 @@ bool fail(QString *error, const QString &message)
         *error = message;
     return false;
 }
-
-// Makes read-back write tightly packed rows to memory, whatever a host has set.
-class PackState
-{
-public:
-    PackState()
-    {
-        glGetIntegerv(GL_PIXEL_PACK_BUFFER_BINDING, &_buffer);
-        for (Parameter &p : _parameters)
-            glGetIntegerv(p.name, &p.before);
-        glBindBuffer(GL_PIXEL_PACK_BUFFER, 0);
-        for (const Parameter &p : _parameters)
-            glPixelStorei(p.name, p.wanted);
-    }
-    ~PackState()
-    {
-        for (const Parameter &p : _parameters)
-            glPixelStorei(p.name, p.before);
-        glBindBuffer(GL_PIXEL_PACK_BUFFER, GLuint(_buffer));
-    }
-    PackState(const PackState &) = delete;
-    PackState &operator=(const PackState &) = delete;
-
-private:
-    struct Parameter
-    {
-        GLenum name;
-        GLint wanted;
-        GLint before;
-    };
-    GLint _buffer = 0;
-    Parameter _parameters[6] = {{GL_PACK_ALIGNMENT, 1, 0},   {GL_PACK_ROW_LENGTH, 0, 0},   {GL_PACK_SKIP_ROWS, 0, 0},
-                                {GL_PACK_SKIP_PIXELS, 0, 0}, {GL_PACK_IMAGE_HEIGHT, 0, 0}, {GL_PACK_SKIP_IMAGES, 0, 0}};
-};
 
 struct Format
 {
@@ -131,7 +98,7 @@ bool readTexture(Texture *texture, TexturePixels *pixels, QString *error)
         pixels->values.resize(count);
         data = reinterpret_cast<std::byte *>(pixels->values.data());
     }
-    const PackState pack;
+    const DefaultPixelStore pixelStore;
     if (isCube)
         for (int face = 0; face < 6; ++face)
             glGetTexImage(GL_TEXTURE_CUBE_MAP_POSITIVE_X + face, 0, format.format, format.type,

@@ -3,6 +3,7 @@
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
 #include "gl/opengldevicecontext.h"
+#include "gl/pixelstore.h"
 #include "gl/texture.h"
 #include "host/imageoutput.h"
 
@@ -17,6 +18,7 @@ void allocate(Texture *texture, GLenum internalFormat, GLenum format, GLenum typ
     const AutoBinder binder(texture);
     glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
     glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
+    const DefaultPixelStore pixelStore;
     glTexImage2D(GL_TEXTURE_2D, 0, GLint(internalFormat), size.width(), size.height(), 0, format, type, nullptr);
 }
 

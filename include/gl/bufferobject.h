@@ -13,7 +13,7 @@ namespace Brevane::Kvo {
 class ObjectName;
 
 /// A GL buffer. OpenGLDeviceContext::createBufferObject hands it out. unbind restores what the target
-/// held before.
+/// held before; what an indexed binding point held, with its range.
 class KVO_GL_EXPORT BufferObject : public Bindable
 {
 public:
@@ -61,7 +61,14 @@ private:
     qint64 _rangeOffset = 0;
     qint64 _rangeSize = 0;
     qint64 _size = 0;
-    QVector<unsigned int> _previous;
+    struct Binding
+    {
+        unsigned int name = 0;
+        unsigned int indexedName = 0;
+        qint64 offset = 0;
+        qint64 size = 0; ///< 0: the whole buffer, whatever its size.
+    };
+    QVector<Binding> _previous;
 };
 
 /// A buffer that a program reads as a uniform block: bind puts it at its binding point, where every

@@ -18,7 +18,8 @@ class ObjectName;
 ///
 /// bind puts the texture on a texture unit of its own and makes that unit active, so that several
 /// textures can be bound at a time; a texture that is bound twice keeps its unit. unbind gives the
-/// unit what it held before and makes the unit active that was active before.
+/// unit what it held before and makes the unit active that was active before. A sampler object that
+/// a host has bound to the unit is off for as long: the texture's own filters and wraps count.
 ///
 /// Destroying the wrapper deletes the GL texture. This is safe with no context or another context
 /// current: the deletion then waits for a context that can do it. A wrapper whose GL texture went with its
@@ -64,6 +65,7 @@ private:
     std::unique_ptr<ObjectName> _name;
     unsigned int _target = 0;
     unsigned int _previousTexture = 0;
+    unsigned int _previousSampler = 0;
     QVarLengthArray<unsigned int, 2> _previousUnits; // one per bind
     int _unit = -1;
     bool _readOnly = false;

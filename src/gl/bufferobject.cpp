@@ -33,6 +33,37 @@ GLuint boundNow(GLenum target)
     return GLuint(name);
 }
 
+struct RangeQueries
+{
+    GLenum start;
+    GLenum size;
+};
+
+RangeQueries rangeOf(GLenum target)
+{
+    switch (target) {
+    case GL_ATOMIC_COUNTER_BUFFER: return {GL_ATOMIC_COUNTER_BUFFER_START, GL_ATOMIC_COUNTER_BUFFER_SIZE};
+    case GL_SHADER_STORAGE_BUFFER: return {GL_SHADER_STORAGE_BUFFER_START, GL_SHADER_STORAGE_BUFFER_SIZE};
+    case GL_TRANSFORM_FEEDBACK_BUFFER: return {GL_TRANSFORM_FEEDBACK_BUFFER_START, GL_TRANSFORM_FEEDBACK_BUFFER_SIZE};
+    default: return {GL_UNIFORM_BUFFER_START, GL_UNIFORM_BUFFER_SIZE};
+    }
+}
+
+// What an indexed binding point holds. A size of 0 stands for a buffer bound as a whole.
+void readIndexed(GLenum target, GLuint index, GLuint *name, qint64 *offset, qint64 *size)
+{
+    GLint bound = 0;
+    glGetIntegeri_v(bindingOf(target), index, &bound);
+    *name = GLuint(bound);
+    if (!bound)
+        return;
+    GLint64 start = 0, length = 0;
+    glGetInteger64i_v(rangeOf(target).start, index, &start);
+    glGetInteger64i_v(rangeOf(target).size, index, &length);
+    *offset = start;
+    *size = length;
+}
+
 } // namespace
 
 BufferObject::BufferObject() : _name(std::make_unique<ObjectName>()), _target(GL_ARRAY_BUFFER) {}
@@ -48,11 +79,12 @@ bool BufferObject::bind()
     const ContextState *state = ContextState::current();
     if (!state || !(_name->wasCreated() ? _name->isUsableIn(*state) : _name->create(NameKind::Buffer)))
         return false;
-    _previous.append(boundNow(_target));
+    Binding before;
+    before.name = boundNow(_target);
+    if (_indexed)
+        readIndexed(_target, _index, &before.indexedName, &before.offset, &before.size);
+    _previous.append(before);
     if (_indexed) {
-        GLint atIndex = 0;
-        glGetIntegeri_v(bindingOf(_target), _index, &atIndex);
-        _previous.append(GLuint(atIndex));
         if (_rangeSize > 0)
             glBindBufferRange(_target, _index, _name->id(), GLintptr(_rangeOffset), GLsizeiptr(_rangeSize));
         else
@@ -67,9 +99,12 @@ bool BufferObject::unbind()
 {
     if (_previous.isEmpty())
         return false;
-    if (_indexed)
-        glBindBufferBase(_target, _index, _previous.takeLast());
-    glBindBuffer(_target, _previous.takeLast());
+    const Binding before = _previous.takeLast();
+    if (_indexed && before.indexedName && before.size > 0)
+        glBindBufferRange(_target, _index, before.indexedName, GLintptr(before.offset), GLsizeiptr(before.size));
+    else if (_indexed)
+        glBindBufferBase(_target, _index, before.indexedName);
+    glBindBuffer(_target, before.name);
     return true;
 }
 

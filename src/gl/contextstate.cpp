@@ -268,6 +268,7 @@ ContextState::ContextState(NativeContext native) : version(epoxy_gl_version()), 
         QByteArray name(reinterpret_cast<const char *>(glGetStringi(GL_EXTENSIONS, GLuint(i))));
         _extensions.insert(name.startsWith("GL_") ? name.mid(3) : name);
     }
+    hasSamplerObjects = version >= 33 || hasExtension("ARB_sampler_objects");
 
     auto &groups = shareGroups();
     std::erase_if(groups, [](const QWeakPointer<ShareGroup> &g) { return g.isNull(); });

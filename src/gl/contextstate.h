@@ -116,6 +116,7 @@ public:
     QSharedPointer<OpenGLDeviceContext> device;
     ShaderProgram *boundProgram = nullptr;
     int version = 0;
+    bool hasSamplerObjects = false;
 
 private:
     explicit ContextState(NativeContext native);

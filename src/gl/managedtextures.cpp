@@ -4,9 +4,9 @@
 #include "gl/contextstate.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
+#include "gl/pixelstore.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
-#include "gl/unpackstate.h"
 
 #include <QImage>
 
@@ -49,6 +49,7 @@ void allocatePages(int size, int layers)
     glTexParameteri(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
     glTexParameteri(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
     glTexParameteri(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+    const DefaultPixelStore pixelStore;
     glTexImage3D(GL_TEXTURE_2D_ARRAY, 0, GL_RGBA8, size, size, layers, 0, GL_RGBA, GL_UNSIGNED_BYTE, nullptr);
 }
 
@@ -145,7 +146,7 @@ int ManagedTextures::add(const QImage &image, const QString &label)
     Texture source;
     source.setTarget(GL_TEXTURE_2D);
     {
-        const DefaultUnpackState unpack;
+        const DefaultPixelStore pixelStore;
         AutoBinder bound(&source);
         glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, size.width(), size.height(), 0, GL_RGBA, GL_UNSIGNED_BYTE,
                      pixels.constBits());

@@ -87,6 +87,9 @@ bool Texture::bind()
     glActiveTexture(GL_TEXTURE0 + unsigned(unit));
     _previousTexture = boundNow(bindingOf(_target));
     glBindTexture(_target, _name->id());
+    _previousSampler = state->hasSamplerObjects ? boundNow(GL_SAMPLER_BINDING) : 0;
+    if (_previousSampler)
+        glBindSampler(unsigned(unit), 0);
     if (isNew)
         state->labelObject(GL_TEXTURE, _name->id(), label());
     return true;
@@ -109,6 +112,8 @@ bool Texture::unbind()
     }
     glActiveTexture(GL_TEXTURE0 + unsigned(unit));
     glBindTexture(_target, _previousTexture);
+    if (_previousSampler)
+        glBindSampler(unsigned(unit), _previousSampler);
     glActiveTexture(previousUnit);
     state->giveBackUnit(unit);
     return true;

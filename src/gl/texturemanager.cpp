@@ -5,8 +5,8 @@
 #include "gl/guards.h"
 #include "gl/imagefile.h"
 #include "gl/managedtextures.h"
+#include "gl/pixelstore.h"
 #include "gl/texture.h"
-#include "gl/unpackstate.h"
 
 #include <QColor>
 #include <QHash>
@@ -221,7 +221,7 @@ Texture *TextureManager::tempTexture(TextureFormat format, int width, int height
     AutoBinder bound(chosen->texture.get());
     setSampling(hasLinearFilter(internalFormat) ? GL_LINEAR : GL_NEAREST, GL_CLAMP_TO_EDGE);
     if (isNew || (width == 1 && height == 1 && !isBoundTextureOf(internalFormat))) {
-        const DefaultUnpackState unpack;
+        const DefaultPixelStore pixelStore;
         glTexImage2D(GL_TEXTURE_2D, 0, GLint(internalFormat), width, height, 0,
                      formatFromInternalFormat(internalFormat), typeFromInternalFormat(internalFormat), nullptr);
     }
@@ -357,7 +357,7 @@ Texture *TextureManager::textureFromFile(const QString &path, const TextureOptio
     texture->setTarget(GL_TEXTURE_2D);
     texture->setLabel(path);
     texture->setReadOnly();
-    const DefaultUnpackState unpack;
+    const DefaultPixelStore pixelStore;
     AutoBinder bound(texture.get());
     setSampling(GL_LINEAR, GL_CLAMP_TO_EDGE);
     glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, image.width(), image.height(), 0, GL_RGBA, GL_UNSIGNED_BYTE,
@@ -384,7 +384,7 @@ Texture *TextureManager::solidTexture(const QColor &color)
     texture->setTarget(GL_TEXTURE_2D);
     texture->setLabel(QStringLiteral("solid %1").arg(color.name(QColor::HexArgb)));
     texture->setReadOnly();
-    const DefaultUnpackState unpack;
+    const DefaultPixelStore pixelStore;
     AutoBinder bound(texture.get());
     setSampling(GL_NEAREST, GL_CLAMP_TO_EDGE);
     const std::array<uchar, 4> texel{uchar(qRed(key)), uchar(qGreen(key)), uchar(qBlue(key)), uchar(qAlpha(key))};

@@ -297,8 +297,11 @@ bool GPUModelPrivate::draw(ShaderProgram *program, TextureManager *manager, Sele
     const AutoBinder bound(ContextState::current()->boundProgram == program ? nullptr : program);
     objectData->bind(program, manager);
     materialData->bind(program, nullptr);
-    if (winding == ClockwiseWinding)
+    GLint frontFace = GL_CCW;
+    if (winding == ClockwiseWinding) {
+        glGetIntegerv(GL_FRONT_FACE, &frontFace);
         glFrontFace(GL_CW);
+    }
 
     // The index of a draw reaches a uniform only between draws.
     const bool indirect = road != GPUModel::DrawRoad::Loop && !program->hasUniform(drawID) && canDrawIndirect();
@@ -313,7 +316,7 @@ bool GPUModelPrivate::draw(ShaderProgram *program, TextureManager *manager, Sele
     }
 
     if (winding == ClockwiseWinding)
-        glFrontFace(GL_CCW);
+        glFrontFace(GLenum(frontFace));
     materialData->unbind(program, nullptr);
     objectData->unbind(program, manager);
     return true;
@@ -343,6 +346,10 @@ void GPUModelPrivate::drawOneByOne(ShaderProgram *program, const Selection &chos
     static const QString drawID = QStringLiteral("u_DrawID");
     const int indexLocation = program->attributeLocation(drawIndexAttribute());
     const int idLocation = program->getUniformLocation(drawID);
+    // The value of an attribute without an array is the context's, not the vertex array's.
+    GLuint indexBefore[4] = {};
+    if (indexLocation >= 0)
+        glGetVertexAttribIuiv(GLuint(indexLocation), GL_CURRENT_VERTEX_ATTRIB, indexBefore);
     for (int item : chosen.items) {
         const DrawElementsIndirectCommand &command = commands[std::size_t(item)];
         if (indexLocation >= 0)
@@ -352,6 +359,8 @@ void GPUModelPrivate::drawOneByOne(ShaderProgram *program, const Selection &chos
         glDrawElements(GL_TRIANGLES, GLsizei(command.count), GL_UNSIGNED_INT,
                        reinterpret_cast<const void *>(quintptr(command.firstIndex) * sizeof(GLuint)));
     }
+    if (indexLocation >= 0)
+        glVertexAttribI4uiv(GLuint(indexLocation), indexBefore);
 }
 
 GPUModel::GPUModel() : d(std::make_unique<GPUModelPrivate>())

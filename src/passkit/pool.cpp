@@ -4,6 +4,7 @@
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
+#include "gl/pixelstore.h"
 #include "gl/texture.h"
 #include "gl/vertexarrayobject.h"
 #include "passkit/slots.h"
@@ -22,6 +23,7 @@ Texture *blackTempTexture(unsigned int format)
     Texture *texture = tempTexture(TextureFormat::Frame, {1, 1});
     AutoBinder bound(texture);
     constexpr unsigned char kZero[4] = {};
+    const DefaultPixelStore pixelStore;
     glTexImage2D(GL_TEXTURE_2D, 0, GLint(format), 1, 1, 0, format, GL_UNSIGNED_BYTE, kZero);
     return texture;
 }

@@ -3,13 +3,13 @@
 #include "core/liveobjects.h"
 #include "core/log.h"
 #include "gl/guards.h"
+#include "gl/pixelstore.h"
 #include "gl/texture.h"
 #include "model/gpumodel.h"
 #include "model/instancedatacollection.h"
 #include "model/instancedataplan.h"
 #include "model/instancedataregistry.h"
 #include "passkit/slots.h"
-#include "passkit/targets.h"
 
 #include <epoxy/gl.h>
 
@@ -34,7 +34,7 @@ Texture *makeArray(const char *label, GLint filter, GLenum internalFormat, GLenu
     AutoBinder bound(texture);
     glTexParameteri(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_MAG_FILTER, filter);
     glTexParameteri(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_MIN_FILTER, filter);
-    const NoUnpackBuffer noBuffer;
+    const DefaultPixelStore pixelStore;
     glTexImage3D(GL_TEXTURE_2D_ARRAY, 0, GLint(internalFormat), size.width(), size.height(), layers, 0, format,
                  GL_FLOAT, nullptr);
     return texture;

@@ -4,24 +4,12 @@
 #include "gl/givenup.h"
 #include "gl/glinfo.h"
 #include "gl/guards.h"
+#include "gl/pixelstore.h"
 #include "gl/texture.h"
 
 #include <epoxy/gl.h>
 
 namespace Brevane::Kvo {
-
-NoUnpackBuffer::NoUnpackBuffer()
-{
-    glGetIntegerv(GL_PIXEL_UNPACK_BUFFER_BINDING, &_before);
-    if (_before)
-        glBindBuffer(GL_PIXEL_UNPACK_BUFFER, 0);
-}
-
-NoUnpackBuffer::~NoUnpackBuffer()
-{
-    if (_before)
-        glBindBuffer(GL_PIXEL_UNPACK_BUFFER, GLuint(_before));
-}
 
 bool made(Held<FramebufferObject> &framebuffer, const char *label)
 {
@@ -50,7 +38,7 @@ Texture *makeTexture(const TargetFormat &format, const Extent &extent, const voi
     AutoBinder bound(texture);
     glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, format.filter);
     glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, format.filter);
-    const NoUnpackBuffer noBuffer;
+    const DefaultPixelStore pixelStore;
     glTexImage2D(GL_TEXTURE_2D, 0, GLint(format.internalFormat), extent.width, extent.height, 0, format.format,
                  format.type, pixels);
     return texture;

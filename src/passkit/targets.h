@@ -17,20 +17,6 @@ struct TargetFormat
     int filter; ///< For magnification and minification.
 };
 
-/// Takes a pixel buffer of the host off for the scope: with one bound, the address of pixels, null too,
-/// would mean a place in it.
-class NoUnpackBuffer
-{
-public:
-    NoUnpackBuffer();
-    ~NoUnpackBuffer();
-    NoUnpackBuffer(const NoUnpackBuffer &) = delete;
-    NoUnpackBuffer &operator=(const NoUnpackBuffer &) = delete;
-
-private:
-    int _before = 0;
-};
-
 /// Makes the framebuffer if there is none; says whether it just did.
 bool made(Held<FramebufferObject> &framebuffer, const char *label);
 

@@ -4,8 +4,8 @@
 #include "gl/contextscope.h"
 #include "gl/guards.h"
 #include "gl/opengldevicecontext.h"
+#include "gl/pixelstore.h"
 #include "gl/texture.h"
-#include "gl/unpackstate.h"
 #include "passkit/images.h"
 #include "passkit/slots.h"
 
@@ -127,7 +127,7 @@ Texture *CubemapLoaderRenderPass::_load() const
         {GL_TEXTURE_CUBE_MAP_POSITIVE_Z, _pathPosZ}, {GL_TEXTURE_CUBE_MAP_NEGATIVE_Z, _pathNegZ}};
     GLint largest = 0;
     glGetIntegerv(GL_MAX_CUBE_MAP_TEXTURE_SIZE, &largest);
-    const DefaultUnpackState unpack;
+    const DefaultPixelStore pixelStore;
     QHash<QString, QImage> images; // a file that several faces show is read once
     for (auto face = faces.cbegin(); face != faces.cend(); ++face) {
         auto image = images.find(face.value());

@@ -4,6 +4,7 @@
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
+#include "gl/pixelstore.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "passkit/glstate.h"
@@ -89,15 +90,9 @@ const QString &luminanceName()
 
 float readLuminance()
 {
-    // With a pixel buffer of the host bound, an address would mean a place in it.
-    GLint buffer = 0;
-    glGetIntegerv(GL_PIXEL_PACK_BUFFER_BINDING, &buffer);
-    if (buffer)
-        glBindBuffer(GL_PIXEL_PACK_BUFFER, 0);
+    const DefaultPixelStore pixelStore;
     float pixel[4] = {};
     glReadPixels(0, 0, 1, 1, GL_RGBA, GL_FLOAT, pixel);
-    if (buffer)
-        glBindBuffer(GL_PIXEL_PACK_BUFFER, GLuint(buffer));
     return float(0.7152 * double(pixel[1]) + 0.2126 * double(pixel[0]) + 0.0722 * double(pixel[2]));
 }
 

@@ -287,9 +287,10 @@ void ShaderRenderPass::start(RenderCallbacks *)
             _quad->draw();
         }
 
-        for (int i : std::as_const(_textureInputs)) {
-            if (textures[i])
-                textures[i]->unbind();
+        // The last one first: each makes the unit active that was active at its bind.
+        for (auto i = _textureInputs.crbegin(); i != _textureInputs.crend(); ++i) {
+            if (textures[*i])
+                textures[*i]->unbind();
         }
         if (_blend != BlendNone)
             glDisable(GL_BLEND);

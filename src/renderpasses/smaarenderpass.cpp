@@ -5,6 +5,7 @@
 #include "gl/framebufferobject.h"
 #include "gl/glslmacroprocessor.h"
 #include "gl/guards.h"
+#include "gl/pixelstore.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "passkit/glstate.h"
@@ -256,11 +257,8 @@ Texture *lookUpTable(const char *label, int width, int height, GLenum internalFo
     table->setLabel(QLatin1String(label));
     setLinearClamped(table);
     AutoBinder bound(table);
-    GLint before = 4;
-    glGetIntegerv(GL_UNPACK_ALIGNMENT, &before);
-    glPixelStorei(GL_UNPACK_ALIGNMENT, alignment);
+    const DefaultPixelStore pixelStore(alignment);
     glTexImage2D(GL_TEXTURE_2D, 0, GLint(internalFormat), width, height, 0, format, GL_UNSIGNED_BYTE, bytes);
-    glPixelStorei(GL_UNPACK_ALIGNMENT, before);
     return table;
 }
 

@@ -2,8 +2,8 @@
 
 #include "gl/contextscope.h"
 #include "gl/guards.h"
+#include "gl/pixelstore.h"
 #include "gl/texture.h"
-#include "gl/unpackstate.h"
 #include "passkit/images.h"
 #include "passkit/slots.h"
 
@@ -59,7 +59,7 @@ void TextureLoaderRenderPass::_upload()
     if (image.isNull())
         image = bgraTexel(qRgba(255, 255, 255, 255));
 
-    const DefaultUnpackState unpack;
+    const DefaultPixelStore pixelStore;
     glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA, image.width(), image.height(), 0, GL_BGRA, GL_UNSIGNED_BYTE,
                  image.constBits());
     glGenerateMipmap(GL_TEXTURE_2D);

@@ -11,6 +11,7 @@
 #include "gl/texture.h"
 #include "model/gpumodel.h"
 #include "passkit/fragmentlists.h"
+#include "passkit/glstate.h"
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
@@ -19,6 +20,8 @@
 #include <QMatrix4x4>
 
 #include <epoxy/gl.h>
+
+#include <optional>
 
 namespace Brevane::Kvo {
 
@@ -218,12 +221,13 @@ void VisibilityBufferRenderPass::start(RenderCallbacks *)
             if (model && _shaderProgram->isLinked()) {
                 glEnable(GL_DEPTH_TEST);
                 AutoBinder program(_shaderProgram);
+                std::optional<AutoBinder> counter;
+                std::optional<ImageBinding> heads;
+                std::optional<ImageBinding> nodes;
                 if (_gl4Mode) {
-                    glBindBufferRange(GL_ATOMIC_COUNTER_BUFFER, 0, _headCounter->getBO(), 0, sizeof(GLuint));
-                    glBindImageTexture(kHeadPointerUnit, _headPointerTexture->textureID(), 0, GL_FALSE, 0,
-                                       GL_WRITE_ONLY, GL_R32UI);
-                    glBindImageTexture(kNodeBufferUnit, _nodeBufferTexture->textureID(), 0, GL_FALSE, 0, GL_READ_WRITE,
-                                       GL_RGBA32UI);
+                    counter.emplace(_headCounter);
+                    heads.emplace(kHeadPointerUnit, _headPointerTexture->textureID(), GL_WRITE_ONLY, GL_R32UI);
+                    nodes.emplace(kNodeBufferUnit, _nodeBufferTexture->textureID(), GL_READ_WRITE, GL_RGBA32UI);
                 }
                 _shaderProgram->setUniform(QStringLiteral("u_ProjectionMatrix"), projection);
                 _shaderProgram->setUniform(QStringLiteral("u_CameraMatrix"), camera);
@@ -234,11 +238,8 @@ void VisibilityBufferRenderPass::start(RenderCallbacks *)
                     _shaderProgram->setUniform(QStringLiteral("u_NodeBufferImage"), kNodeBufferUnit);
                 }
                 model->draw(_shaderProgram, _drawFlagsValue, _drawFlagsMask, CounterClockwiseWinding, false);
-                if (_gl4Mode) {
-                    glBindImageTexture(kHeadPointerUnit, 0, 0, GL_FALSE, 0, GL_READ_WRITE, GL_R32UI);
-                    glBindImageTexture(kNodeBufferUnit, 0, 0, GL_FALSE, 0, GL_READ_WRITE, GL_RGBA32UI);
+                if (_gl4Mode)
                     glMemoryBarrier(GL_TEXTURE_FETCH_BARRIER_BIT);
-                }
             }
         }
 

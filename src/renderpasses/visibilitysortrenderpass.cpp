@@ -7,6 +7,7 @@
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "passkit/fragmentlists.h"
+#include "passkit/glstate.h"
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
@@ -247,7 +248,7 @@ void VisibilitySortRenderPass::start(RenderCallbacks *)
     AutoBinder fbo(_fbo);
     if (program.isBound() && _screenQuad) {
         AutoBinder boundHeadPointers(headPointers);
-        glBindImageTexture(kNodeBufferUnit, nodeBuffer->textureID(), 0, GL_FALSE, 0, GL_READ_WRITE, GL_RGBA32UI);
+        const ImageBinding nodes(kNodeBufferUnit, nodeBuffer->textureID(), GL_READ_WRITE, GL_RGBA32UI);
         if (_shaderProgram->hasUniform(QStringLiteral("u_NodeBufferImageWidth")))
             _shaderProgram->setUniform(QStringLiteral("u_NodeBufferImageWidth"), nodeBufferWidth);
         if (_shaderProgram->hasUniform(QStringLiteral("u_SamplerHeadPointer")))
@@ -258,7 +259,6 @@ void VisibilitySortRenderPass::start(RenderCallbacks *)
             AutoBinder quad(_screenQuad);
             _screenQuad->draw();
         }
-        glBindImageTexture(kNodeBufferUnit, 0, 0, GL_FALSE, 0, GL_READ_WRITE, GL_RGBA32UI);
         glMemoryBarrier(GL_TEXTURE_FETCH_BARRIER_BIT);
     }
     release(_fbo->detach(GL_COLOR_ATTACHMENT0));
