@@ -7,6 +7,7 @@
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "passkit/glstate.h"
+#include "passkit/limits.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
 #include "passkit/targets.h"
@@ -93,7 +94,7 @@ GradientRenderPass::~GradientRenderPass()
 void GradientRenderPass::start(RenderCallbacks *)
 {
     const ContextScope scope;
-    const Extent extent = extentOf(_inputs[kViewport].value);
+    const Extent extent = extentOf(*this, kViewport);
     if (made(_fbo, "GradientRenderPass") || extent != Extent{_width, _height}) {
         _width = extent.width;
         _height = extent.height;

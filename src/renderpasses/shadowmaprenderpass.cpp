@@ -13,6 +13,7 @@
 #include "gl/vertexarrayobject.h"
 #include "model/gpumodel.h"
 #include "passkit/extent.h"
+#include "passkit/limits.h"
 #include "passkit/programs.h"
 #include "passkit/shadowcasters.h"
 #include "passkit/slots.h"
@@ -344,7 +345,7 @@ void ShadowMapRenderPass::start(RenderCallbacks *)
 {
     const ContextScope scope;
     GPUModel *model = castersIn(_inputs[kGeometry].value, __FILE__, __LINE__);
-    const QSize mapSize = qvariant_cast<QSize>(_inputs[kMapSize].value);
+    const QSize mapSize = mapSizeOf(*this, kMapSize);
     const QVariantList instanceData = qvariant_cast<QVariantList>(_inputs[kInstanceData].value);
     const std::optional<QMatrix4x4> camera = matrixIn(_inputs[kCameraMatrix].value);
     const std::optional<QMatrix4x4> projection = matrixIn(_inputs[kProjectionMatrix].value);
@@ -392,7 +393,7 @@ void ShadowMapRenderPass::start(RenderCallbacks *)
         checkPlan(_instanceDataPlanName, _depthProgram);
     }
 
-    const bool drawn = hasNoCasters(model) ? _clearMaps() : _drawMaps(model, instanceData);
+    const bool drawn = !_mapSize.isEmpty() && (hasNoCasters(model) ? _clearMaps() : _drawMaps(model, instanceData));
     Texture *result = _shadowMapArray;
     if (drawn)
         result = _gaussBlurShadowMapArray(_mapSize, FilterType(qvariant_cast<int>(_inputs[kFilterType].value)), 1);
