@@ -56,6 +56,14 @@ public:
     /// Index of the output of that name, or -1.
     int findOutput(const QString &name) const;
 
+    /// The value in an input, as it is stored; invalid for an index out of range.
+    QVariant inputValue(int index) const;
+    /// Says in a warning what becomes of a value that is out of range: "CLASS: INPUT WHAT". Once, and
+    /// again only after acceptInput: what is out of range mostly stays so for many frames.
+    void reportInput(int index, const QString &what);
+    /// The value in an input is in range.
+    void acceptInput(int index);
+
 protected:
     /// Appends an input whose value starts as \a defaultValue and gives its index. Slots are numbered
     /// in the order of declaration; \a index restates that number and is checked when not -1.
@@ -75,6 +83,7 @@ private:
     {
         QVariant defaultValue;
         bool wasSet = false;
+        bool isReported = false;
     };
 
     QVector<InputState> _inputStates;

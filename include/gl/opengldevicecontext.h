@@ -27,6 +27,17 @@ struct GLObjectCounts
     int total() const { return textures + buffers + programs + framebuffers + vertexArrays; }
 };
 
+/// What a driver refuses to go beyond.
+struct GLLimits
+{
+    int targetWidth = 0; ///< Of a texture and a viewport, in pixels.
+    int targetHeight = 0;
+    int arrayLayers = 0; ///< Of an array texture.
+    int vertexUniforms = 0; ///< Components of all uniforms of a stage.
+    int geometryUniforms = 0;
+    int fragmentUniforms = 0;
+};
+
 /// What the library keeps for one GL context. It works for EGL, GLX and Qt contexts alike, for several
 /// in one process, sharing objects or not.
 ///
@@ -71,6 +82,8 @@ public:
 
     /// GL version as 10 * major + minor.
     int version() const;
+    /// Asked of the driver once, when this context is current; all 0 once the context is released.
+    GLLimits limits() const;
     /// "vendor, renderer, version", for messages.
     QString description() const;
     /// Number that tells share groups apart; contexts that share objects have the same.

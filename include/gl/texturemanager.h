@@ -86,7 +86,8 @@ public:
     /// A GL_TEXTURE_2D of the pool, with one reference for the caller and undefined content. Whatever
     /// its last user set, it comes with linear filters (nearest for depth and integer formats) and
     /// wrap clamped to the edge. The last argument is a tag for statistics, -1 for none. Null without
-    /// a usable context. Width and height may be 0.
+    /// a usable context. Width and height may be 0, and count as 0 when negative. Where the driver has no
+    /// room for the size, the texture has a single texel, with one message per size.
     Texture *tempTexture(TextureFormat format, int width, int height, int tag = -1);
     /// Adds \a count references.
     void addTempTextureRef(Texture *texture, int count);

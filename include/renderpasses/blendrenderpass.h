@@ -36,7 +36,7 @@ class Texture;
 class KVO_RENDERPASSES_EXPORT BlendRenderPass : public RenderPassHelper
 {
 public:
-    enum BlendMode {
+    enum BlendMode : int {
         blendClear,
         blendSrc,
         blendDst,

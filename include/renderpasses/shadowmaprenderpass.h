@@ -55,7 +55,7 @@ class KVO_RENDERPASSES_EXPORT ShadowMapRenderPass : public RenderPassHelper
 {
 public:
     /// How the maps are filtered. Other values act as GaussianFilter.
-    enum FilterType {
+    enum FilterType : int {
         NoFilter = 0, ///< The moments as they were drawn.
         GaussianFilter = 1, ///< 7 by 7 Gaussian; texels without casters are blended in as they are.
         EdgeAwareGaussianFilter = 2, ///< The same without such texels, which are extrapolated from neighbours.

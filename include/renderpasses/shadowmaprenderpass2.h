@@ -76,7 +76,7 @@ class KVO_RENDERPASSES_EXPORT ShadowMapRenderPass2 : public RenderPassHelper
 {
 public:
     /// How the maps are filtered. Other values act as GradientFilter.
-    enum FilterType {
+    enum FilterType : int {
         NoFilter = 0,
         GradientFilter = 3,
     };

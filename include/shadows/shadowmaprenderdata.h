@@ -44,6 +44,9 @@ public:
     ~ShadowMapRenderData() override;
 
     int layerCount = 0; ///< Slices of the array that the lights need.
+    /// Most slices that processLights gives out, where the owner has room for less than array textures have;
+    /// 0: as many as those.
+    int mostLayers = 0;
     QVector<Transform> transforms; ///< One per layer.
     /// One per light of the list. No layers: the light is off, or cannot be used.
     QVector<ProjectorInfo> projectors;

@@ -8,6 +8,13 @@
 
 #include <algorithm>
 #include <cstring>
+#include <typeinfo>
+#include <utility>
+
+#if defined(__GNUC__)
+#include <cstdlib>
+#include <cxxabi.h>
+#endif
 
 namespace Brevane::Kvo {
 
@@ -75,6 +82,22 @@ int indexOf(const QVector<PassSlot> &slots_, const QString &name)
         return s.name.size() == name.size() && std::memcmp(s.name.constData(), name.constData(), bytes) == 0;
     });
     return found == slots_.cend() ? -1 : int(found - slots_.cbegin());
+}
+
+// Without namespaces and template arguments.
+QString classNameOf(const std::type_info &type)
+{
+    QString name = QString::fromLatin1(type.name());
+#if defined(__GNUC__)
+    if (char *readable = abi::__cxa_demangle(type.name(), nullptr, nullptr, nullptr)) {
+        name = QString::fromLatin1(readable);
+        std::free(readable);
+    }
+#endif
+    if (const qsizetype arguments = name.indexOf(u'<'); arguments > 0)
+        name.truncate(arguments);
+    const qsizetype scope = std::max(name.lastIndexOf(u':'), name.lastIndexOf(u' '));
+    return name.mid(scope + 1);
 }
 
 } // namespace
@@ -171,6 +194,25 @@ int RenderPassHelper::findInput(const QString &name) const
 int RenderPassHelper::findOutput(const QString &name) const
 {
     return indexOf(_outputs, name);
+}
+
+QVariant RenderPassHelper::inputValue(int index) const
+{
+    return inRange("inputValue", index, _inputs.size()) ? _inputs.at(index).value : QVariant();
+}
+
+void RenderPassHelper::reportInput(int index, const QString &what)
+{
+    if (!inRange("reportInput", index, _inputStates.size()) || std::exchange(_inputStates[index].isReported, true))
+        return;
+    qWarning("%s: %s %s", qPrintable(classNameOf(typeid(*this))), qPrintable(_inputs.at(index).name), qPrintable(what));
+}
+
+void RenderPassHelper::acceptInput(int index)
+{
+    // Read first: to write would copy what copies of the pass share.
+    if (inRange("acceptInput", index, _inputStates.size()) && _inputStates.at(index).isReported)
+        _inputStates[index].isReported = false;
 }
 
 int RenderPassHelper::addInput(const QString &name, const QVariant &defaultValue, int index)

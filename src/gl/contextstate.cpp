@@ -411,6 +411,27 @@ bool ContextState::hasExtension(const char *name) const
     return _extensions.contains(QByteArray::fromRawData(name, qsizetype(qstrlen(name))));
 }
 
+const GLLimits &ContextState::limits()
+{
+    if (!_limits) {
+        const auto limit = [](GLenum name) {
+            GLint value = 0;
+            glGetIntegerv(name, &value);
+            return value;
+        };
+        GLint viewport[2] = {};
+        glGetIntegerv(GL_MAX_VIEWPORT_DIMS, viewport);
+        const GLint side = limit(GL_MAX_TEXTURE_SIZE);
+        _limits = GLLimits{std::min(side, viewport[0]),
+                           std::min(side, viewport[1]),
+                           limit(GL_MAX_ARRAY_TEXTURE_LAYERS),
+                           limit(GL_MAX_VERTEX_UNIFORM_COMPONENTS),
+                           limit(GL_MAX_GEOMETRY_UNIFORM_COMPONENTS),
+                           limit(GL_MAX_FRAGMENT_UNIFORM_COMPONENTS)};
+    }
+    return *_limits;
+}
+
 void ContextState::labelObject(unsigned int identifier, unsigned int name, const QString &label) const
 {
     if (name && !label.isEmpty() && (version >= 43 || hasExtension("KHR_debug"))) {

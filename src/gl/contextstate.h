@@ -1,5 +1,7 @@
 #pragma once
 
+#include "gl/opengldevicecontext.h"
+
 #include <QByteArray>
 #include <QHash>
 #include <QObject>
@@ -109,6 +111,7 @@ public:
     int unitCount() const { return _unitCount; }
 
     bool hasExtension(const char *name) const;
+    const GLLimits &limits();
     void labelObject(unsigned int identifier, unsigned int name, const QString &label) const;
 
     QSharedPointer<ShareGroup> group;
@@ -127,6 +130,7 @@ private:
     QSet<QByteArray> _extensions;
     quint64 _usedUnits = 0;
     int _unitCount = 0;
+    std::optional<GLLimits> _limits;
 };
 
 /// Undoes the ContextScopes around it for its scope, where code of the host's runs.

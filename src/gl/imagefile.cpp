@@ -1,8 +1,11 @@
 #include "gl/imagefile.h"
 
 #include <QFile>
+#include <QFileInfo>
 #include <QImageReader>
 #include <QtEndian>
+
+#include <algorithm>
 
 namespace Brevane::Kvo {
 
@@ -18,20 +21,44 @@ qint64 decodedBytes(const QImageReader &reader)
     return qint64(size.width()) * size.height() * depth / 8;
 }
 
+// Of the data of a JPEG file, the last marker of a kind; -1 without one. Read from the end in blocks.
+qint64 lastMarker(QFile &file, char kind)
+{
+    constexpr qint64 kBlock = 1 << 16;
+    const char marker[] = {'\xff', kind};
+    for (qint64 end = file.size(); end > 1;) {
+        const qint64 begin = std::max<qint64>(0, end - kBlock);
+        if (!file.seek(begin))
+            return -1;
+        const QByteArray block = file.read(end - begin);
+        if (const qsizetype at = block.lastIndexOf(QByteArrayView(marker, 2)); at >= 0)
+            return begin + at;
+        end = begin > 0 ? begin + 1 : 0; // a marker may lie across
+    }
+    return -1;
+}
+
 // Whether the end of the file is missing, in the formats of which Qt then makes up the rest of the image.
 bool isCutOff(const QString &path, const QByteArray &format)
 {
     QFile file(path);
     if (format == "jpeg" && file.open(QIODevice::ReadOnly)) {
         // Behind the last start of a scan an end of image can only be that.
-        const QByteArray bytes = file.readAll();
-        return bytes.lastIndexOf("\xff\xd9") < bytes.lastIndexOf("\xff\xda");
+        return lastMarker(file, '\xd9') < lastMarker(file, '\xda');
     }
     if (format == "bmp" && file.open(QIODevice::ReadOnly)) {
         const QByteArray header = file.read(6);
         return header.size() < 6 || qFromLittleEndian<quint32>(header.constData() + 2) > file.size();
     }
     return false;
+}
+
+// The most bytes that a file of an image takes: more than any format makes of it, and room for what cameras
+// write behind it. What is longer would only be searched for its end.
+qint64 mostFileBytes(qint64 decoded)
+{
+    constexpr qint64 kRoom = qint64(64) << 20;
+    return kRoom + 8 * decoded;
 }
 
 } // namespace
@@ -41,7 +68,20 @@ QImage readImageFile(const QString &path, ImageTurn turn, QString *error)
     QImageReader reader(path);
     reader.setAutoTransform(turn == ImageTurn::AsMetadataSays);
     const int megabytes = QImageReader::allocationLimit();
-    if (const qint64 bytes = decodedBytes(reader); megabytes > 0 && bytes > qint64(megabytes) << 20) {
+    const qint64 fileBytes = QFileInfo(path).size();
+    const auto isTooLong = [&](qint64 decoded) {
+        if (fileBytes <= mostFileBytes(decoded))
+            return false;
+        *error = QStringLiteral("the file has %1 bytes, and an image that could be in it %2 at most")
+                     .arg(fileBytes)
+                     .arg(mostFileBytes(decoded));
+        return true;
+    };
+    // Before anything is read, as some formats are read whole to know their size.
+    if (megabytes > 0 && isTooLong(qint64(megabytes) << 20))
+        return QImage();
+    const qint64 bytes = decodedBytes(reader);
+    if (megabytes > 0 && bytes > qint64(megabytes) << 20) {
         const QSize size = reader.size();
         *error = QStringLiteral("%1x%2 pixels take more than the %3 megabytes that QImageReader allows")
                      .arg(size.width())
@@ -49,6 +89,8 @@ QImage readImageFile(const QString &path, ImageTurn turn, QString *error)
                      .arg(megabytes);
         return QImage();
     }
+    if (bytes > 0 && isTooLong(bytes))
+        return QImage();
     if (isCutOff(path, reader.format())) {
         *error = QStringLiteral("the end of the file is missing");
         return QImage();

@@ -105,6 +105,11 @@ int OpenGLDeviceContext::version() const
     return _state ? _state->version : 0;
 }
 
+GLLimits OpenGLDeviceContext::limits() const
+{
+    return _state ? _state->limits() : GLLimits();
+}
+
 QString OpenGLDeviceContext::description() const
 {
     if (!_state || ContextState::current() != _state)

@@ -6,6 +6,7 @@
 #include "gl/imagefile.h"
 #include "gl/managedtextures.h"
 #include "gl/pixelstore.h"
+#include "gl/storage.h"
 #include "gl/texture.h"
 
 #include <QColor>
@@ -50,6 +51,14 @@ bool isBoundTextureOf(GLenum internalFormat)
     GLint actual = 0;
     glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_INTERNAL_FORMAT, &actual);
     return GLenum(actual) == internalFormat;
+}
+
+// Of the bound texture. False where the driver has no room.
+bool allocate(GLenum internalFormat, int width, int height)
+{
+    const DefaultPixelStore pixelStore;
+    return allocateImage(internalFormat, {width, height}, formatFromInternalFormat(internalFormat),
+                         typeFromInternalFormat(internalFormat));
 }
 
 struct PoolEntry
@@ -182,6 +191,7 @@ Texture *TextureManager::tempTexture(TextureFormat format, int width, int height
         return nullptr;
     width = std::max(width, 0);
     height = std::max(height, 0);
+    const GLenum internalFormat = internalFormatOf(format);
 
     PoolEntry *chosen = nullptr;
     for (const auto &entry : group->pool) {
@@ -190,9 +200,13 @@ Texture *TextureManager::tempTexture(TextureFormat format, int width, int height
         if (fits && (!chosen || entry->releasedAt > chosen->releasedAt))
             chosen = entry.get();
     }
-    const GLenum internalFormat = internalFormatOf(format);
-    const bool isNew = !chosen;
-    if (isNew) {
+    if (chosen) {
+        AutoBinder bound(chosen->texture.get());
+        setSampling(hasLinearFilter(internalFormat) ? GL_LINEAR : GL_NEAREST, GL_CLAMP_TO_EDGE);
+        if (width == 1 && height == 1 && !isBoundTextureOf(internalFormat))
+            allocate(internalFormat, 1, 1);
+        ++group->counts.hits;
+    } else {
         auto entry = std::make_unique<PoolEntry>();
         if (group->spare.empty()) {
             entry->texture = std::make_unique<Texture>();
@@ -210,20 +224,20 @@ Texture *TextureManager::tempTexture(TextureFormat format, int width, int height
         entry->width = width;
         entry->height = height;
         entry->bytes = qint64(width) * height * bytesPerTexel(internalFormat);
+        bool hasStorage = false;
+        {
+            AutoBinder bound(entry->texture.get());
+            setSampling(hasLinearFilter(internalFormat) ? GL_LINEAR : GL_NEAREST, GL_CLAMP_TO_EDGE);
+            hasStorage = allocate(internalFormat, width, height);
+        }
+        // Asked again the next time: there may be room then.
+        if (!hasStorage && (width > 1 || height > 1))
+            return tempTexture(format, 1, 1, tag);
         group->pool.push_back(std::move(entry));
         chosen = group->pool.back().get();
         ++group->counts.misses;
         group->counts.bytes += chosen->bytes;
         group->counts.peakBytes = std::max(group->counts.peakBytes, group->counts.bytes);
-    } else {
-        ++group->counts.hits;
-    }
-    AutoBinder bound(chosen->texture.get());
-    setSampling(hasLinearFilter(internalFormat) ? GL_LINEAR : GL_NEAREST, GL_CLAMP_TO_EDGE);
-    if (isNew || (width == 1 && height == 1 && !isBoundTextureOf(internalFormat))) {
-        const DefaultPixelStore pixelStore;
-        glTexImage2D(GL_TEXTURE_2D, 0, GLint(internalFormat), width, height, 0,
-                     formatFromInternalFormat(internalFormat), typeFromInternalFormat(internalFormat), nullptr);
     }
     chosen->refs = 1;
     chosen->lastFrame = d->frame;

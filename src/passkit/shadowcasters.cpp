@@ -4,6 +4,7 @@
 #include "core/log.h"
 #include "gl/guards.h"
 #include "gl/pixelstore.h"
+#include "gl/storage.h"
 #include "gl/texture.h"
 #include "model/gpumodel.h"
 #include "model/instancedatacollection.h"
@@ -35,8 +36,7 @@ Texture *makeArray(const char *label, GLint filter, GLenum internalFormat, GLenu
     glTexParameteri(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_MAG_FILTER, filter);
     glTexParameteri(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_MIN_FILTER, filter);
     const DefaultPixelStore pixelStore;
-    glTexImage3D(GL_TEXTURE_2D_ARRAY, 0, GLint(internalFormat), size.width(), size.height(), layers, 0, format,
-                 GL_FLOAT, nullptr);
+    allocateImage(internalFormat, {size.width(), size.height(), layers}, format, GL_FLOAT);
     return texture;
 }
 

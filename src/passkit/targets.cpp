@@ -5,6 +5,7 @@
 #include "gl/glinfo.h"
 #include "gl/guards.h"
 #include "gl/pixelstore.h"
+#include "gl/storage.h"
 #include "gl/texture.h"
 
 #include <epoxy/gl.h>
@@ -39,8 +40,7 @@ Texture *makeTexture(const TargetFormat &format, const Extent &extent, const voi
     glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, format.filter);
     glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, format.filter);
     const DefaultPixelStore pixelStore;
-    glTexImage2D(GL_TEXTURE_2D, 0, GLint(format.internalFormat), extent.width, extent.height, 0, format.format,
-                 format.type, pixels);
+    allocateImage(format.internalFormat, {extent.width, extent.height}, format.format, format.type, pixels);
     return texture;
 }
 

@@ -30,8 +30,8 @@ bool needsTargets(Held<FramebufferObject> &framebuffer, const char *label, const
 void replaceTarget(FramebufferObject *framebuffer, unsigned int attachment, const TargetFormat &format,
                    const Extent &extent);
 
-/// A new texture of size \a extent not attached to anything.
-/// \a pixels may be null.
+/// A new texture of size \a extent not attached to anything. \a pixels may be null. Where the driver has no
+/// room for it, it is a single texel, with a message.
 Texture *makeTexture(const TargetFormat &format, const Extent &extent, const void *pixels = nullptr);
 
 /// A texture of one black texel with nothing in alpha and nearest filters, owned by the caller: what

@@ -7,6 +7,7 @@
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "passkit/glstate.h"
+#include "passkit/limits.h"
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
@@ -136,7 +137,7 @@ void BackgroundImageRenderPass::start(RenderCallbacks *callbacks)
     const ContextScope scope;
     if (!scope)
         return;
-    const Extent extent = extentOf(_inputs[kViewport].value);
+    const Extent extent = extentOf(*this, kViewport);
     const float fade1 = _inputs[kFadeRatio].value.toFloat();
     const float fade2 = _inputs[kFadeRatio2].value.toFloat();
     const float fadeFloor = _inputs[kFadeRatioFloor].value.toFloat();

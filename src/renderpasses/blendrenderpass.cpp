@@ -7,6 +7,7 @@
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "passkit/glstate.h"
+#include "passkit/limits.h"
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
@@ -261,7 +262,8 @@ void BlendRenderPass::start(RenderCallbacks *)
     if (!scope)
         return;
     // By name: hosts derive from this pass and add slots of their own.
-    const QVariant viewportValue = _inputs[findInput(viewportName())].value;
+    const int viewportSlot = findInput(viewportName());
+    const QVariant viewportValue = _inputs[viewportSlot].value;
     const QVariant frameAValue = _inputs[findInput(frameAName())].value;
     const QVariant frameBValue = _inputs[findInput(frameBName())].value;
     const QVariant modeValue = _inputs[findInput(blendModeName())].value;
@@ -269,7 +271,7 @@ void BlendRenderPass::start(RenderCallbacks *)
     const int output = findOutput(Kvo::outputName());
 
     const QRect viewport = qvariant_cast<QRect>(viewportValue);
-    const Extent extent = extentOf(viewportValue);
+    const Extent extent = extentOf(*this, viewportSlot);
     const float brightness = hasValue(brightnessValue) ? brightnessValue.toFloat() : 1.0f;
     if (hasValue(modeValue))
         _blendMode = modeValue.toInt();

@@ -6,6 +6,7 @@
 #include "gl/guards.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
+#include "passkit/limits.h"
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
@@ -112,7 +113,7 @@ void BlurAndCombineRenderPass::start(RenderCallbacks *callbacks)
     const ContextScope scope;
     if (!scope)
         return;
-    const auto radius = qvariant_cast<float>(_inputs[kBlurRadius].value);
+    const float radius = blurRadiusOf(*this, kBlurRadius);
     _glowThreshold = qvariant_cast<float>(_inputs[kGlowThreshold].value);
     _glowAmount = qvariant_cast<float>(_inputs[kGlowAmount].value);
     RenderPassHelper::start(callbacks);
@@ -133,7 +134,7 @@ void BlurAndCombineRenderPass::start(RenderCallbacks *callbacks)
         _blurProgram = makeShaderProgram(kBlurOnlyHead + kBlur + kBlurOnlyMain);
         _blurAndAddProgram = makeShaderProgram(kBlurAndAddHead + kBlur + kBlurAndAddMain);
     }
-    const Extent extent = extentOf(_inputs[kViewport].value);
+    const Extent extent = extentOf(*this, kViewport);
     _viewportWidth = float(extent.width);
     _viewportHeight = float(extent.height);
 

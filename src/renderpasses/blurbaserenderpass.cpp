@@ -4,6 +4,7 @@
 #include "gl/framebufferobject.h"
 #include "gl/glslmacroprocessor.h"
 #include "gl/shaderprogram.h"
+#include "passkit/limits.h"
 #include "passkit/programs.h"
 
 #include <epoxy/gl.h>
@@ -71,6 +72,13 @@ BlurBaseRenderPass::~BlurBaseRenderPass() = default;
 void BlurBaseRenderPass::calculateBlurWeights()
 {
     constexpr double kTwoPi = 6.283185307179586;
+    // The radii of our own slots are; a host that derives from this pass reads its own.
+    if (const float largest = largestBlurRadius(); !(_blurRadius <= largest)) {
+        const float used = std::isnan(_blurRadius) ? 0.0f : largest;
+        qWarning("BlurBaseRenderPass: there is no kernel for a radius of %g; that for %g is used", double(_blurRadius),
+                 double(used));
+        _blurRadius = used;
+    }
     const float sigma = _blurRadius + 0.0001f;
     const float limit = _blurRadius * 2.0f;
 

@@ -1,6 +1,6 @@
 #include "renderpasses/camerajitterpass.h"
 
-#include "passkit/extent.h"
+#include "passkit/limits.h"
 
 #include <cstdlib>
 
@@ -48,7 +48,7 @@ CameraJitterPass::~CameraJitterPass() = default;
 
 void CameraJitterPass::start(RenderCallbacks *)
 {
-    const Extent extent = extentOf(_inputs[kViewport].value);
+    const Extent extent = extentOf(*this, kViewport);
     const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
     const auto camera = qvariant_cast<QMatrix4x4>(_inputs[kCameraMatrix].value);
     const auto dirty = qvariant_cast<bool>(_inputs[kDirty].value);

@@ -6,6 +6,7 @@
 #include "gl/guards.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
+#include "passkit/limits.h"
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
@@ -79,7 +80,7 @@ void CameraSpaceZBufferRenderPass::start(RenderCallbacks *)
     const ContextScope scope;
     if (!scope)
         return;
-    const Extent extent = extentOf(_inputs[kViewport].value);
+    const Extent extent = extentOf(*this, kViewport);
     const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
     Texture *depth = typedTexture(_inputs[kDepth].value);
 

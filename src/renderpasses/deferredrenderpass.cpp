@@ -7,6 +7,7 @@
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "gl/texturemanager.h"
+#include "passkit/limits.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
 #include "passkit/targets.h"
@@ -95,7 +96,7 @@ void DeferredRenderPass::start(RenderCallbacks *)
     const ContextScope scope;
     if (!scope)
         return;
-    const Extent extent = extentOf(_inputs[kViewport].value);
+    const Extent extent = extentOf(*this, kViewport);
     const auto camera = qvariant_cast<QMatrix4x4>(_inputs[kCameraMatrix].value);
     const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
     const QMatrix4x4 projectionInverseTransposed = projection.inverted().transposed();

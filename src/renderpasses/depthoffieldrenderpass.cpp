@@ -6,6 +6,7 @@
 #include "gl/guards.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
+#include "passkit/limits.h"
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
@@ -272,7 +273,7 @@ void DepthOfFieldRenderPass::start(RenderCallbacks *)
     const ContextScope scope;
     if (!scope)
         return;
-    const Extent extent = extentOf(_inputs[kViewport].value);
+    const Extent extent = extentOf(*this, kViewport);
     Texture *frame = objectTexture(_inputs[kFrame].value);
     if (!frame) {
         _outputs[kFrameOut].value = QVariant();

@@ -6,6 +6,7 @@
 #include "gl/guards.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
+#include "passkit/limits.h"
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
@@ -92,7 +93,7 @@ void FastApproximateAntiAliasingRenderPass::start(RenderCallbacks *)
     const ContextScope scope;
     if (!scope)
         return;
-    const Extent extent = extentOf(_inputs[kViewport].value);
+    const Extent extent = extentOf(*this, kViewport);
     const float subPixel = validOr(_inputs[kSubPixelQuality].value, 0.75f);
     const float rcpFrame = validOr(_inputs[kRcpFrameQuality].value, 1.0f);
     const float threshold = validOr(_inputs[kEdgeThresholdQuality].value, 0.166f);

@@ -6,6 +6,7 @@
 #include "gl/guards.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
+#include "passkit/limits.h"
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
@@ -45,7 +46,7 @@ void GaussianBlurRenderPass::start(RenderCallbacks *)
     const ContextScope scope;
     if (!scope)
         return;
-    const auto radius = qvariant_cast<float>(_inputs[kBlurRadius].value);
+    const float radius = blurRadiusOf(*this, kBlurRadius);
     auto divider = qvariant_cast<float>(_inputs[kResolutionDivider].value);
     if (double(divider) < 0.01)
         divider = 0.01f;
@@ -65,9 +66,9 @@ void GaussianBlurRenderPass::start(RenderCallbacks *)
         return;
     }
 
-    const Extent viewport = extentOf(_inputs[kViewport].value);
-    const Extent extent{int(float(viewport.width) / divider), int(float(viewport.height) / divider)};
-    const int material = qvariant_cast<int>(_inputs[kStencilMaterial].value);
+    const Extent viewport = extentOf(*this, kViewport);
+    const Extent extent = dividedExtent(*this, kResolutionDivider, viewport, divider);
+    const int material = stencilMaterialOf(*this, kStencilMaterial);
     const bool restricted = stencil && material >= 0;
     // The framebuffer always has a depth-stencil attachment. A stencil that is wired but not used keeps
     // its reference: the variable no longer names it.

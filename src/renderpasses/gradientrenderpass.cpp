@@ -7,6 +7,7 @@
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "passkit/glstate.h"
+#include "passkit/limits.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
 #include "passkit/targets.h"
@@ -90,7 +91,7 @@ void GradientRenderPass::start(RenderCallbacks *)
     const ContextScope scope;
     if (!scope)
         return;
-    const Extent extent = extentOf(_inputs[kViewport].value);
+    const Extent extent = extentOf(*this, kViewport);
     if (needsTargets(_fbo, "GradientRenderPass", extent, _width, _height)) {
         AutoBinder fbo(_fbo);
         replaceTarget(_fbo, GL_COLOR_ATTACHMENT0, kTarget, extent);

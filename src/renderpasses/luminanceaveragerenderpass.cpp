@@ -8,6 +8,7 @@
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "passkit/glstate.h"
+#include "passkit/limits.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
 #include "passkit/targets.h"
@@ -124,7 +125,7 @@ void LuminanceAverageRenderPass::start(RenderCallbacks *)
     if (viewportSlot < 0 || textureSlot < 0 || frameSlot < 0 || luminanceSlot < 0)
         return;
     const QRect viewport = qvariant_cast<QRect>(_inputs[viewportSlot].value);
-    const Extent extent = extentOf(_inputs[viewportSlot].value);
+    const Extent extent = extentOf(*this, viewportSlot);
     Texture *texture = objectTexture(_inputs[textureSlot].value);
     if (!texture) {
         if (!_fallbackTexture)

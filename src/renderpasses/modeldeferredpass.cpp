@@ -7,6 +7,7 @@
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "passkit/lighting.h"
+#include "passkit/limits.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
 #include "passkit/targets.h"
@@ -83,7 +84,7 @@ void ModelDeferredPass::start(RenderCallbacks *)
     const ContextScope scope;
     if (!scope)
         return;
-    const Extent extent = extentOf(_inputs[kViewport].value);
+    const Extent extent = extentOf(*this, kViewport);
     const auto textureOr = [this](Input input) {
         Texture *texture = objectTexture(_inputs[input].value);
         return texture ? texture : _defaultTexture.get();

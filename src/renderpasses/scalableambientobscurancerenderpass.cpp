@@ -10,6 +10,7 @@
 #include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
+#include "passkit/limits.h"
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
@@ -216,14 +217,7 @@ void main()
 )");
 
 constexpr int kGLSL400 = 40; // the OpenGL version that brought it
-
-// Sizes that no driver has textures for, and what is not a number, become 0.
-int divided(int side, float divider)
-{
-    constexpr float kLargest = 1 << 20;
-    const float size = float(side) / divider;
-    return size >= 0.0f && size < kLargest ? int(size) : 0;
-}
+constexpr int kMostLogOffset = 1000; // more than any float has an exponent
 
 // The attachment for a depth texture; it must be bound.
 unsigned int attachmentOf(const Texture *depth)
@@ -271,11 +265,11 @@ void ScalableAmbientObscuranceRenderPass::start(RenderCallbacks *)
     const ContextScope scope;
     if (!scope)
         return;
-    const Extent viewport = extentOf(_inputs[kViewport].value);
+    const Extent viewport = extentOf(*this, kViewport);
     float divider = _inputs[kResolutionDivider].value.toFloat();
     if (divider == 0.0f)
         divider = 1.0f;
-    const Extent extent{divided(viewport.width, divider), divided(viewport.height, divider)};
+    const Extent extent = dividedExtent(*this, kResolutionDivider, viewport, divider);
     Texture *depth = anyTexture(_inputs[kDepth].value);
     Texture *position = anyTexture(_inputs[kPosition].value);
     Texture *normal = anyTexture(_inputs[kNormal].value);
@@ -313,9 +307,10 @@ void ScalableAmbientObscuranceRenderPass::draw(Texture *depth, Texture *position
     const float radius = _inputs[kRadius].value.toFloat();
     const float bias = _inputs[kBias].value.toFloat();
     const float intensity = _inputs[kIntensity].value.toFloat();
-    const float numSamples = std::trunc(_inputs[kNumSamples].value.toFloat());
-    const int logMaxOffset = _inputs[kNumLogMaxOffset].value.toInt();
-    const float numSpiralTurns = std::trunc(_inputs[kNumSpiralTurns].value.toFloat());
+    const float numSamples = std::trunc(numberOf(*this, kNumSamples, -kMostObscuranceTaps, kMostObscuranceTaps, 11.0f));
+    const int logMaxOffset = integerOf(*this, kNumLogMaxOffset, -kMostLogOffset, kMostLogOffset, 3);
+    const float numSpiralTurns =
+        std::trunc(numberOf(*this, kNumSpiralTurns, -kMostSpiralTurns, kMostSpiralTurns, 3.0f));
 
     AutoBinder boundDepth(depth);
     const bool multisampled = depth->target() == GL_TEXTURE_2D_MULTISAMPLE;

@@ -7,6 +7,7 @@
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "gl/vertexarrayobject.h"
+#include "passkit/limits.h"
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
@@ -210,7 +211,7 @@ void ShaderRenderPass::start(RenderCallbacks *)
     bool clear = _clear;
     Extent extent;
     if (const int viewport = findInput(viewportName()); viewport >= 0)
-        extent = extentOf(_inputs[viewport].value);
+        extent = extentOf(*this, viewport);
     if (numInputs() != _uniformNames.size())
         _readSlotNames();
 

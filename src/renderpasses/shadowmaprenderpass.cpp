@@ -13,6 +13,7 @@
 #include "gl/vertexarrayobject.h"
 #include "model/gpumodel.h"
 #include "passkit/extent.h"
+#include "passkit/limits.h"
 #include "passkit/programs.h"
 #include "passkit/shadowcasters.h"
 #include "passkit/slots.h"
@@ -339,7 +340,7 @@ void ShadowMapRenderPass::start(RenderCallbacks *)
     if (!scope)
         return;
     GPUModel *model = castersIn(_inputs[kGeometry].value, __FILE__, __LINE__);
-    const QSize mapSize = qvariant_cast<QSize>(_inputs[kMapSize].value);
+    const QSize mapSize = mapSizeOf(*this, kMapSize);
     const QVariantList instanceData = qvariant_cast<QVariantList>(_inputs[kInstanceData].value);
     const std::optional<QMatrix4x4> camera = matrixIn(_inputs[kCameraMatrix].value);
     const std::optional<QMatrix4x4> projection = matrixIn(_inputs[kProjectionMatrix].value);
@@ -384,7 +385,7 @@ void ShadowMapRenderPass::start(RenderCallbacks *)
         checkPlan(_instanceDataPlanName, _depthProgram);
     }
 
-    const bool drawn = hasNoCasters(model) ? _clearMaps() : _drawMaps(model, instanceData);
+    const bool drawn = !_mapSize.isEmpty() && (hasNoCasters(model) ? _clearMaps() : _drawMaps(model, instanceData));
     Texture *result = _shadowMapArray;
     if (drawn)
         result = _gaussBlurShadowMapArray(_mapSize, FilterType(qvariant_cast<int>(_inputs[kFilterType].value)), 1);

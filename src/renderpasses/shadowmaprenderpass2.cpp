@@ -13,6 +13,7 @@
 #include "gl/vertexarrayobject.h"
 #include "model/gpumodel.h"
 #include "passkit/glstate.h"
+#include "passkit/limits.h"
 #include "passkit/programs.h"
 #include "passkit/shadowcasters.h"
 #include "passkit/slots.h"
@@ -364,7 +365,7 @@ void ShadowMapRenderPass2::start(RenderCallbacks *)
     if (!scope)
         return;
     GPUModel *model = castersIn(_inputs[kGeometry].value, __FILE__, __LINE__);
-    const QSize mapSize = qvariant_cast<QSize>(_inputs[kMapSize].value);
+    const QSize mapSize = mapSizeOf(*this, kMapSize);
     const QVariantList instanceData = qvariant_cast<QVariantList>(_inputs[kInstanceData].value);
     const QVariant &dirtyValue = _inputs[kDirty].value;
     const bool dirty = !hasValue(dirtyValue) || qvariant_cast<bool>(dirtyValue);
@@ -376,6 +377,8 @@ void ShadowMapRenderPass2::start(RenderCallbacks *)
 
     bool render = false;
     if (dirty) {
+        // The program has the matrices of all layers at once.
+        _renderData.mostLayers = largestMatrixArray();
         // Casters may have moved while no light did, so the maps are drawn whatever this says.
         ShadowMapManager::processLights(_inputs[kLights].value, _renderData, pointerTo(projection), pointerTo(camera),
                                         pointerTo(bounds));
@@ -435,7 +438,7 @@ void ShadowMapRenderPass2::start(RenderCallbacks *)
         render = true;
     }
 
-    if (render && _layerCount != 0) {
+    if (render && _layerCount != 0 && !_mapSize.isEmpty()) {
         GLint viewport[4] = {};
         glGetIntegerv(GL_VIEWPORT, viewport);
         glViewport(0, 0, _mapSize.width(), _mapSize.height());

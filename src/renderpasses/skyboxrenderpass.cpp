@@ -6,6 +6,7 @@
 #include "gl/guards.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
+#include "passkit/limits.h"
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
@@ -192,7 +193,7 @@ void SkyboxRenderPass::start(RenderCallbacks *callbacks)
     const ContextScope scope;
     if (!scope)
         return;
-    const Extent extent = extentOf(_inputs[kViewport].value);
+    const Extent extent = extentOf(*this, kViewport);
     if (!_fbo || extent != Extent{_width, _height}) {
         teardown(callbacks);
         _width = extent.width;

@@ -9,6 +9,7 @@
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "passkit/glstate.h"
+#include "passkit/limits.h"
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
@@ -376,7 +377,7 @@ void SMAARenderPass::start(RenderCallbacks *callbacks)
     const ContextScope scope;
     if (!scope)
         return;
-    const Extent extent = extentOf(_inputs[kViewport].value);
+    const Extent extent = extentOf(*this, kViewport);
     auto mode = qvariant_cast<int>(_inputs[kMode].value);
     const bool predication = hasValue(_inputs[kPredicate].value);
     Texture *frame = objectTexture(_inputs[kFrame].value);

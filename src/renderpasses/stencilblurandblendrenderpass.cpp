@@ -6,6 +6,7 @@
 #include "gl/guards.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
+#include "passkit/limits.h"
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
@@ -81,7 +82,7 @@ void StencilBlurAndBlendRenderPass::start(RenderCallbacks *callbacks)
     const ContextScope scope;
     if (!scope)
         return;
-    const auto radius = qvariant_cast<float>(_inputs[kBlurRadius].value);
+    const float radius = blurRadiusOf(*this, kBlurRadius);
     RenderPassHelper::start(callbacks);
 
     Texture *normalFrame = typedTexture(_inputs[kNormalFrame].value);
@@ -101,7 +102,7 @@ void StencilBlurAndBlendRenderPass::start(RenderCallbacks *callbacks)
         _blurProgram = makeShaderProgram(getBaseFragmentShaderSource());
         _blurAndAddProgram = makeShaderProgram(kBlurAndAddHead + kExactTexture + kBlurAndAddMain);
     }
-    const Extent extent = extentOf(_inputs[kViewport].value);
+    const Extent extent = extentOf(*this, kViewport);
     _viewportWidth = float(extent.width);
     _viewportHeight = float(extent.height);
 

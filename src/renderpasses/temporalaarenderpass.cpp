@@ -6,6 +6,7 @@
 #include "gl/guards.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
+#include "passkit/limits.h"
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
@@ -73,7 +74,7 @@ void TemporalAARenderPass::start(RenderCallbacks *)
     const ContextScope scope;
     if (!scope)
         return;
-    const Extent viewport = extentOf(_inputs[kViewport].value);
+    const Extent viewport = extentOf(*this, kViewport);
     Texture *frame = typedTexture(_inputs[kFrame].value);
     const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
     const auto camera = qvariant_cast<QMatrix4x4>(_inputs[kCameraMatrix].value);
@@ -89,9 +90,9 @@ void TemporalAARenderPass::start(RenderCallbacks *)
         return;
     }
 
-    // A scale that is no positive number leaves no size to divide by.
-    const float divisor = scale > 0.0f ? scale : 1.0f;
-    const Extent extent{int(float(viewport.width) / divisor), int(float(viewport.height) / divisor)};
+    // A scale of 0 or less leaves no size to divide by.
+    const float divisor = scale <= 0.0f ? 1.0f : scale;
+    const Extent extent = dividedExtent(*this, kViewportScale, viewport, divisor);
     // Like another size, another share group leaves nothing to accumulate in.
     const bool sizeChanged = extent != Extent{_lastWidth, _lastHeight} || !_fbo;
     const bool restart = projection != _lastProjection || camera != _lastCamera || sizeChanged;

@@ -9,6 +9,7 @@
 #include "gl/texturemanager.h"
 #include "gl/vertexarrayobject.h"
 #include "passkit/glstate.h"
+#include "passkit/limits.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
 #include "passkit/targets.h"
@@ -77,8 +78,9 @@ const ProgramRecipe &superSamplingProgram()
 
 using Rectangles = QVarLengthArray<QRect, 8>;
 
-Rectangles rectanglesOf(const QVariant &value, const QRect &viewport)
+Rectangles rectanglesOf(RenderPassHelper &pass, int slot, const QRect &viewport)
 {
+    const QVariant value = pass.inputValue(slot);
     Rectangles rectangles;
     if (hasValue(value)) {
         if (value.canConvert<QRect>()) {
@@ -89,6 +91,7 @@ Rectangles rectanglesOf(const QVariant &value, const QRect &viewport)
                 rectangles.append(qvariant_cast<QRect>(element));
         }
     }
+    boundCorners(pass, slot, {rectangles.data(), std::size_t(rectangles.size())});
     if (rectangles.isEmpty())
         rectangles.append(viewport);
     return rectangles;
@@ -147,9 +150,10 @@ void TextureToScreenRenderPass::start(RenderCallbacks *)
     const ContextScope scope;
     if (!scope)
         return;
-    const QRect viewport = qvariant_cast<QRect>(_inputs[kViewport].value);
-    const Rectangles destinations = rectanglesOf(_inputs[kViewportOut].value, viewport);
-    const Rectangles sources = rectanglesOf(_inputs[kRects].value, viewport);
+    QRect viewport = qvariant_cast<QRect>(_inputs[kViewport].value);
+    boundCorners(*this, kViewport, {&viewport, 1});
+    const Rectangles destinations = rectanglesOf(*this, kViewportOut, viewport);
+    const Rectangles sources = rectanglesOf(*this, kRects, viewport);
     const qsizetype pairs = qMin(sources.size(), destinations.size());
     Texture *texture = objectTexture(_inputs[kTexture].value);
     Texture *textureOut = objectTexture(_inputs[kTextureOut].value);

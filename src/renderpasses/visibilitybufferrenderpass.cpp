@@ -12,6 +12,7 @@
 #include "model/gpumodel.h"
 #include "passkit/fragmentlists.h"
 #include "passkit/glstate.h"
+#include "passkit/limits.h"
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
@@ -176,7 +177,7 @@ void VisibilityBufferRenderPass::start(RenderCallbacks *)
         return;
     chooseMode();
 
-    const Extent extent = extentOf(_inputs[kViewport].value);
+    const Extent extent = extentOf(*this, kViewport);
     const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
     const auto camera = qvariant_cast<QMatrix4x4>(_inputs[kCameraMatrix].value);
     GPUModel *model = modelOf(_inputs[kGeometry].value);

@@ -15,6 +15,7 @@
 #include "model/gpumodel.h"
 #include "model/instancedatacollection.h"
 #include "passkit/lighting.h"
+#include "passkit/limits.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
 #include "passkit/targets.h"
@@ -39,6 +40,8 @@ const QString kFragmentShaderHead = QStringLiteral(R"(#version 150
 #instancedata "InstanceInfo"
 #instancedata "OBJMaterial"
 
+#define MOST_FRAGMENTS 65536
+
 uniform mat4 u_CameraMatrix;
 uniform mat4 u_NormalMatrix;
 
@@ -62,7 +65,8 @@ void main()
   if(!doesVisibilityBufferHaveFragment(pointer))
     discard;
 
-  while(doesVisibilityBufferHaveFragment(pointer))
+  // A list that leads back into itself, as one read at a wrong width may, ends somewhere too.
+  for(int fragments = 0; fragments < MOST_FRAGMENTS && doesVisibilityBufferHaveFragment(pointer); ++fragments)
   {
     vec4 Position;
     float Depth;
@@ -145,14 +149,14 @@ void VisibilityDeferredRenderPass::start(RenderCallbacks *)
     const ContextScope scope;
     if (!scope)
         return;
-    const Extent extent = extentOf(_inputs[kViewport].value);
+    const Extent extent = extentOf(*this, kViewport);
     const auto textureOr = [this](Input input) {
         Texture *texture = objectTexture(_inputs[input].value);
         return texture ? texture : _fallbackTexture.get();
     };
     Texture *headPointers = textureOr(kHeadPointers);
     Texture *nodeBuffer = textureOr(kNodeBuffer);
-    const int nodeBufferWidth = _inputs[kNodeBufferWidth].value.toInt();
+    const int nodeBufferWidth = nodeBufferWidthOf(*this, kNodeBufferWidth);
     GPUModel *model = modelOf(_inputs[kGeometry].value);
     DrawBuffers *geometry = model ? model->drawBuffers(0) : nullptr;
 
@@ -194,7 +198,7 @@ void VisibilityDeferredRenderPass::shade(GPUModel &model, DrawBuffers &geometry,
 {
     const auto camera = qvariant_cast<QMatrix4x4>(_inputs[kCameraMatrix].value);
     const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
-    const int nodeBufferWidth = _inputs[kNodeBufferWidth].value.toInt();
+    const int nodeBufferWidth = nodeBufferWidthOf(*this, kNodeBufferWidth);
     // Views made of an indexed model have the indices as their last entry.
     const bool indexed = geometry.indexBO() && _bufferTextures.size() > kIndices;
 

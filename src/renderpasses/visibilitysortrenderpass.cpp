@@ -8,6 +8,7 @@
 #include "gl/texture.h"
 #include "passkit/fragmentlists.h"
 #include "passkit/glstate.h"
+#include "passkit/limits.h"
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
@@ -226,10 +227,10 @@ void VisibilitySortRenderPass::start(RenderCallbacks *)
     if (!_gl4Mode || !scope)
         return;
 
-    const Extent extent = extentOf(_inputs[kViewport].value);
+    const Extent extent = extentOf(*this, kViewport);
     Texture *headPointers = objectTexture(_inputs[kHeadPointers].value);
     Texture *nodeBuffer = objectTexture(_inputs[kNodeBuffer].value);
-    const int nodeBufferWidth = _inputs[kNodeBufferWidth].value.toInt();
+    const int nodeBufferWidth = nodeBufferWidthOf(*this, kNodeBufferWidth);
     if (!headPointers || !nodeBuffer || nodeBufferWidth == 0 || extent.isEmpty())
         return;
 

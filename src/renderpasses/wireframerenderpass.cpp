@@ -6,6 +6,7 @@
 #include "gl/guards.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
+#include "passkit/limits.h"
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
@@ -131,7 +132,7 @@ void WireframeRenderPass::start(RenderCallbacks *)
         wireColor = qvariant_cast<QColor>(_inputs[colorSlot].value);
 
     const QRect viewport = qvariant_cast<QRect>(_inputs[viewportSlot].value);
-    const Extent extent = extentOf(_inputs[viewportSlot].value);
+    const Extent extent = extentOf(*this, viewportSlot);
     Texture *id = objectTexture(_inputs[idSlot].value);
     if (!id) {
         _outputs[frameSlot].value = QVariant();

@@ -208,7 +208,12 @@ bool ShadowMapManager::processLights(QVariant lights, // NOLINT(performance-unne
                        QStringLiteral("Shadows: the camera and its projection show no finite part of the world; "
                                       "directional lights cover the scene"));
 
-    const int limit = layerLimit();
+    int limit = layerLimit();
+    const char *limiting = "this context's textures have";
+    if (data.mostLayers > 0 && data.mostLayers < limit) {
+        limit = data.mostLayers;
+        limiting = "the uniforms of its programs have room for";
+    }
     LayerWriter writer(data);
     const QVariantList list = listOf(lights);
     for (qsizetype i = 0; i < list.size(); ++i) {
@@ -233,11 +238,12 @@ bool ShadowMapManager::processLights(QVariant lights, // NOLINT(performance-unne
         if (first + layers > limit) {
             complaints.add(QtCriticalMsg,
                            QStringLiteral("Shadows: light %1 (%2) casts no shadow: with its %3 layers there would be "
-                                          "%4, and this context's textures have %5 at most")
+                                          "%4, and %5 %6 at most")
                                .arg(i)
                                .arg(QLatin1StringView(typeName(light->type)))
                                .arg(layers)
                                .arg(first + layers)
+                               .arg(QLatin1StringView(limiting))
                                .arg(limit));
             writer.add(*light, {0, first});
             continue;

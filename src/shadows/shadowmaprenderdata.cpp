@@ -20,6 +20,7 @@ ShadowMapRenderData::ShadowMapRenderData(const ShadowMapRenderData &other) : Sha
 ShadowMapRenderData &ShadowMapRenderData::operator=(const ShadowMapRenderData &other)
 {
     layerCount = other.layerCount;
+    mostLayers = other.mostLayers;
     transforms = other.transforms;
     projectors = other.projectors;
     lights = other.lights;

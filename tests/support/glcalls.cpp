@@ -333,9 +333,15 @@ int GlCalls::countAny(std::initializer_list<const char *> names) const
 
 int GlCalls::textureAllocations() const
 {
+    // A proxy only asks.
+    int proxies = 0;
+    for (const auto &[name, target] :
+         {std::pair("glTexImage2D", GL_PROXY_TEXTURE_2D), std::pair("glTexImage3D", GL_PROXY_TEXTURE_2D_ARRAY)})
+        proxies += count(name, {double(target)});
     return countAny({"glTexImage1D", "glTexImage2D", "glTexImage2DMultisample", "glTexImage3D",
                      "glTexImage3DMultisample", "glTexStorage2D", "glTexStorage3D", "glCopyTexImage2D",
-                     "glCompressedTexImage2D"});
+                     "glCompressedTexImage2D"})
+           - proxies;
 }
 
 int GlCalls::bufferAllocations() const

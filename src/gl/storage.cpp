@@ -1,0 +1,83 @@
+#include "gl/storage.h"
+
+#include "gl/glinfo.h"
+
+#include <QSet>
+#include <QString>
+
+#include <epoxy/gl.h>
+
+#include <algorithm>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+// What every driver of OpenGL 3.2 has, so that it need not be asked.
+constexpr int kAlwaysPossible = 1024;
+constexpr int kAlwaysPossibleLayers = 256;
+// From here on there may be no memory, although the size is one that the driver has. An error of the host's
+// stays where the host looks for it when an image is smaller.
+constexpr double kLarge = 64.0 * 1024 * 1024;
+
+void specify(GLenum target2D, GLenum targetArray, GLint internalFormat, const ImageSize &size, GLenum format,
+             GLenum type, const void *pixels)
+{
+    if (size.layers < 0)
+        glTexImage2D(target2D, 0, internalFormat, size.width, size.height, 0, format, type, pixels);
+    else
+        glTexImage3D(targetArray, 0, internalFormat, size.width, size.height, size.layers, 0, format, type, pixels);
+}
+
+bool driverSaysYes(GLint internalFormat, const ImageSize &size, GLenum format, GLenum type)
+{
+    specify(GL_PROXY_TEXTURE_2D, GL_PROXY_TEXTURE_2D_ARRAY, internalFormat, size, format, type, nullptr);
+    GLint width = 0;
+    glGetTexLevelParameteriv(size.layers < 0 ? GL_PROXY_TEXTURE_2D : GL_PROXY_TEXTURE_2D_ARRAY, 0, GL_TEXTURE_WIDTH,
+                             &width);
+    return width == size.width;
+}
+
+// Passes ask again in every frame, since there may be room some time.
+void complainOnce(GLenum internalFormat, const ImageSize &size)
+{
+    static QSet<QString> known;
+    QString text = QStringLiteral("A texture of %1x%2").arg(size.width).arg(size.height);
+    if (size.layers >= 0)
+        text += QStringLiteral(" with %1 layers").arg(size.layers);
+    text += QStringLiteral(" in GL format 0x%1 is more than the driver has room for; a single texel stands in")
+                .arg(internalFormat, 4, 16, QLatin1Char('0'));
+    if (known.contains(text))
+        return;
+    known.insert(text);
+    qWarning("%s", qPrintable(text));
+}
+
+bool tryImage(GLint internalFormat, const ImageSize &size, GLenum format, GLenum type, const void *pixels)
+{
+    const double bytes = double(size.width) * size.height * std::max(size.layers, 1)
+                         * std::max(1, bytesPerTexel(GLenum(internalFormat)));
+    const bool isLarge = bytes >= kLarge;
+    const bool isPossible = !isLarge && size.width <= kAlwaysPossible && size.height <= kAlwaysPossible
+                            && size.layers <= kAlwaysPossibleLayers;
+    if (!isPossible && !driverSaysYes(internalFormat, size, format, type))
+        return false;
+    specify(GL_TEXTURE_2D, GL_TEXTURE_2D_ARRAY, internalFormat, size, format, type, pixels);
+    return !isLarge || glGetError() != GL_OUT_OF_MEMORY;
+}
+
+} // namespace
+
+bool allocateImage(unsigned int internalFormat, const ImageSize &size, unsigned int format, unsigned int type,
+                   const void *pixels)
+{
+    if (tryImage(GLint(internalFormat), size, format, type, pixels))
+        return true;
+    complainOnce(internalFormat, size);
+    // As many layers as were asked for: each of them is drawn into.
+    const ImageSize texel{1, 1, size.layers};
+    specify(GL_TEXTURE_2D, GL_TEXTURE_2D_ARRAY, GLint(internalFormat), texel, format, type, nullptr);
+    return false;
+}
+
+} // namespace Brevane::Kvo
