@@ -1,50 +1,23 @@
-#include "support/draw.h"
 #include "support/gltest.h"
 #include "support/messages.h"
+#include "support/passcases.h"
 #include "support/passes.h"
 #include "support/passtable.h"
-#include "support/scenes.h"
+#include "support/passvalues.h"
 
 #include <core/renderpasshelper.h>
 #include <gl/shaderprogram.h>
 #include <gl/texturemanager.h>
-#include <host/lights.h>
 #include <host/passfactory.h>
 #include <host/slotname.h>
 #include <model/gpumodel.h>
-#include <renderpasses/backgroundimagerenderpass.h>
 #include <renderpasses/blendrenderpass.h>
 #include <renderpasses/blurandcombinerenderpass.h>
 #include <renderpasses/blurbaserenderpass.h>
-#include <renderpasses/camerajitterpass.h>
-#include <renderpasses/cameraspacezbufferrenderpass.h>
-#include <renderpasses/cubemaploaderrenderpass.h>
-#include <renderpasses/deferredrenderpass.h>
-#include <renderpasses/depthoffieldrenderpass.h>
-#include <renderpasses/fastapproximateantialiasingrenderpass.h>
-#include <renderpasses/forwardrenderpass.h>
 #include <renderpasses/gaussianblurrenderpass.h>
-#include <renderpasses/gbufferrenderpass.h>
-#include <renderpasses/gradientrenderpass.h>
-#include <renderpasses/luminanceaveragerenderpass.h>
-#include <renderpasses/modeldeferredpass.h>
-#include <renderpasses/modelrenderpass.h>
-#include <renderpasses/primitivebuilderrenderpass.h>
-#include <renderpasses/scalableambientobscurancerenderpass.h>
 #include <renderpasses/shaderrenderpass.h>
-#include <renderpasses/shadowmaprenderpass.h>
-#include <renderpasses/shadowmaprenderpass2.h>
-#include <renderpasses/skyboxrenderpass.h>
-#include <renderpasses/smaarenderpass.h>
 #include <renderpasses/stencilblurandblendrenderpass.h>
-#include <renderpasses/temporalaarenderpass.h>
-#include <renderpasses/textureloaderrenderpass.h>
-#include <renderpasses/texturetoscreenrenderpass.h>
-#include <renderpasses/transparencyrenderpass.h>
 #include <renderpasses/visibilitybufferrenderpass.h>
-#include <renderpasses/visibilitydeferredrenderpass.h>
-#include <renderpasses/visibilitysortrenderpass.h>
-#include <renderpasses/wireframerenderpass.h>
 
 #include <QDir>
 #include <QSet>
@@ -61,111 +34,6 @@ using namespace Brevane::Kvo;
 using namespace Brevane::Kvo::Test;
 
 namespace {
-
-#define KVO_EVERY_PASS(X)                                                                                              \
-    X(GradientRenderPass)                                                                                              \
-    X(ModelRenderPass)                                                                                                 \
-    X(GBufferRenderPass)                                                                                               \
-    X(ModelDeferredPass)                                                                                               \
-    X(ForwardRenderPass)                                                                                               \
-    X(PrimitiveBuilderRenderPass)                                                                                      \
-    X(DeferredRenderPass)                                                                                              \
-    X(CameraSpaceZBufferRenderPass)                                                                                    \
-    X(ScalableAmbientObscuranceRenderPass)                                                                             \
-    X(LuminanceAverageRenderPass)                                                                                      \
-    X(VisibilityBufferRenderPass)                                                                                      \
-    X(VisibilitySortRenderPass)                                                                                        \
-    X(VisibilityDeferredRenderPass)                                                                                    \
-    X(TransparencyRenderPass)                                                                                          \
-    X(ShadowMapRenderPass)                                                                                             \
-    X(ShadowMapRenderPass2)                                                                                            \
-    X(CameraJitterPass)                                                                                                \
-    X(TemporalAARenderPass)                                                                                            \
-    X(FastApproximateAntiAliasingRenderPass)                                                                           \
-    X(SMAARenderPass)                                                                                                  \
-    X(BlurBaseRenderPass)                                                                                              \
-    X(GaussianBlurRenderPass)                                                                                          \
-    X(BlurAndCombineRenderPass)                                                                                        \
-    X(StencilBlurAndBlendRenderPass)                                                                                   \
-    X(DepthOfFieldRenderPass)                                                                                          \
-    X(BlendRenderPass)                                                                                                 \
-    X(WireframeRenderPass)                                                                                             \
-    X(TextureToScreenRenderPass)                                                                                       \
-    X(SkyboxRenderPass)                                                                                                \
-    X(BackgroundImageRenderPass)                                                                                       \
-    X(TextureLoaderRenderPass)                                                                                         \
-    X(CubemapLoaderRenderPass)                                                                                         \
-    X(ShaderRenderPass)
-
-constexpr int kPassClasses = 33;
-constexpr int kWidth = 16;
-constexpr int kHeight = 12;
-const QRect kViewport(0, 0, kWidth, kHeight);
-
-// Shows what a pass keeps of a value.
-template <typename Pass>
-class Probe : public Pass
-{
-public:
-    const QVariant &kept(int index) const { return this->_inputs.at(index).value; }
-};
-
-// All that takes the type of a pass.
-struct PassCase
-{
-    const char *className;
-    bool isBlur;
-    std::unique_ptr<RenderPassHelper> (*make)();
-    std::unique_ptr<RenderPassHelper> (*copy)(const RenderPassHelper &pass);
-    void (*assign)(RenderPassHelper &to, const RenderPassHelper &from);
-    std::unique_ptr<RenderPassHelper> (*makeProbe)();
-    QVariant (*kept)(const RenderPassHelper &probe, int index);
-};
-
-void PrintTo(const PassCase &pass, std::ostream *stream)
-{
-    *stream << pass.className;
-}
-
-template <typename Pass>
-PassCase passCase(const char *className)
-{
-    static_assert(std::is_base_of_v<RenderPassHelper, Pass> && std::has_virtual_destructor_v<Pass>);
-    return {className,
-            std::is_base_of_v<BlurBaseRenderPass, Pass>,
-            []() -> std::unique_ptr<RenderPassHelper> { return std::make_unique<Pass>(); },
-            [](const RenderPassHelper &pass) -> std::unique_ptr<RenderPassHelper> {
-                return std::make_unique<Pass>(static_cast<const Pass &>(pass));
-            },
-            [](RenderPassHelper &to, const RenderPassHelper &from) {
-                static_cast<Pass &>(to) = static_cast<const Pass &>(from);
-            },
-            []() -> std::unique_ptr<RenderPassHelper> { return std::make_unique<Probe<Pass>>(); },
-            [](const RenderPassHelper &probe, int index) -> QVariant {
-                return static_cast<const Probe<Pass> &>(probe).kept(index);
-            }};
-}
-
-std::vector<PassCase> passCases()
-{
-#define KVO_CASE(name) passCase<name>(#name),
-    return {KVO_EVERY_PASS(KVO_CASE)};
-#undef KVO_CASE
-}
-
-const PassRow &rowOf(const char *name)
-{
-    for (const PassRow &row : passTable())
-        if (qstrcmp(row.className, name) == 0)
-            return row;
-    ADD_FAILURE() << name << " has no row";
-    return passTable().front();
-}
-
-QString text(const char *latin1)
-{
-    return QString::fromLatin1(latin1);
-}
 
 QMetaType typeOfWord(const QString &word)
 {
@@ -248,122 +116,6 @@ void expectUnconnected(const RenderPass &pass, const PassRow &row, int frame)
         EXPECT_TRUE(fits) << output.name << " holds " << qPrintable(kind);
     }
 }
-
-struct WrongValue
-{
-    const char *name;
-    QVariant value;
-};
-
-// Values that fit every slot of the library, and some that fit none.
-class Values
-{
-public:
-    Values()
-    {
-        EXPECT_TRUE(model.upload(cubeScene()));
-        builder.addCube(1, {});
-        runFrame(builder);
-        cubemap.setTarget(GL_TEXTURE_CUBE_MAP);
-        EXPECT_TRUE(cubemap.bind());
-        const quint32 texel = 0xff336699;
-        for (GLenum face = 0; face < 6; ++face)
-            glTexImage2D(GL_TEXTURE_CUBE_MAP_POSITIVE_X + face, 0, GL_RGBA8, 1, 1, 0, GL_BGRA, GL_UNSIGNED_BYTE,
-                         &texel);
-        glTexParameteri(GL_TEXTURE_CUBE_MAP, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
-        cubemap.unbind();
-    }
-
-    // An output of a pass that records fragments.
-    QVariant recorded(int output)
-    {
-        if (!record) {
-            record = std::make_unique<VisibilityBufferRenderPass>();
-            record->setInput(0, kViewport);
-            record->setInput(1, perspective());
-            record->setInput(2, cameraAt(4));
-            record->setInput(3, QVariant::fromValue(&model));
-            runFrame(*record);
-        }
-        return record->output(output);
-    }
-
-    QVariant right(const InputRow &row)
-    {
-        const SlotName name = SlotName::parse(text(row.name));
-        const QString &last = name.name;
-        if (row.type == QMetaType::fromType<Texture *>()) {
-            Texture *texture = color.get();
-            if (last == text("HeadPointers"))
-                return recorded(0);
-            if (last == text("NodeBuffer"))
-                return recorded(1);
-            if (last == text("Depth") || last == text("Stencil"))
-                texture = target.depthStencil();
-            else if (last == text("Cubemap"))
-                texture = &cubemap;
-            else if (last == text("TextureOut") || last == text("Frame"))
-                texture = target.color();
-            return textureToVariant(texture);
-        }
-        if (row.type == QMetaType::fromType<GPUModel *>())
-            return QVariant::fromValue(&model);
-        if (row.type == QMetaType::fromType<DrawBuffers *>())
-            return builder.output(0);
-        if (row.type == QMetaType::fromType<FramebufferObject *>())
-            return framebufferToVariant(screen.framebuffer());
-        if (last == text("NodeBufferWidth"))
-            return recorded(2);
-        if (last == text("ProjectionMatrix"))
-            return perspective();
-        if (last == text("CameraMatrix"))
-            return cameraAt(4);
-        if (last == text("Lights"))
-            return lightsToVariant({ShadowMapLight::directional({1, -2, -1})});
-        if (last == text("MapSize"))
-            return QSize(kWidth, kHeight);
-        if (last == text("SceneBoundsMax"))
-            return QVector3D(1, 1, 1);
-        if (last == text("SceneBoundsMin"))
-            return QVector3D(-1, -1, -1);
-        if (last == text("Rects"))
-            return kViewport;
-        if (row.defaultValue.isValid())
-            return row.defaultValue;
-        if (last == text("Dirty"))
-            return true;
-        switch (row.type.id()) {
-        case QMetaType::QRect: return kViewport;
-        case QMetaType::Float: return 2.0f;
-        case QMetaType::Int: return 1;
-        case QMetaType::Bool: return false;
-        case QMetaType::QColor: return QColor(Qt::red);
-        case QMetaType::QVector2D: return QVector2D(0.5f, 0.5f);
-        case QMetaType::QVariantList: return QVariantList();
-        case QMetaType::QString: return text(KVO_SOURCE_DIR "/pipelines/images/matcap.png");
-        default: break;
-        }
-        ADD_FAILURE() << "no value for " << row.name;
-        return {};
-    }
-
-    std::vector<WrongValue> wrong()
-    {
-        return {{"text", text("x")},
-                {"number", 3},
-                {"foreign object", QVariant::fromValue<QObject *>(&foreign)},
-                {"null texture", QVariant::fromValue<Texture *>(nullptr)}};
-    }
-
-    std::unique_ptr<Texture> color = makeSolidTexture(kWidth, kHeight, {0.2f, 0.4f, 0.6f, 1.0f});
-    Target target{GL_RGBA8, kWidth, kHeight, true};
-    Target screen{GL_RGBA8, kWidth, kHeight};
-    Texture cubemap;
-    GPUModel model;
-    std::unique_ptr<VisibilityBufferRenderPass> record;
-    PrimitiveBuilderRenderPass builder;
-    QObject foreign;
-};
 
 class EveryPass : public GLTest, public ::testing::WithParamInterface<PassCase>
 {
