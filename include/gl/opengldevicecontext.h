@@ -60,6 +60,8 @@ public:
     /// lets go of without deleting it. It is freed when this context is released, not before: somebody
     /// may still use it. Null, and an object given up twice, are ignored.
     void giveUp(QObject *object);
+    /// Frees what was given up and gives the number freed.
+    int freeGivenUp();
     /// Objects given up and not freed yet.
     int givenUpCount() const;
     /// Live GL objects, those given up included.

@@ -76,6 +76,15 @@ void OpenGLDeviceContext::giveUp(QObject *object)
         _state->givenUp.append(object);
 }
 
+int OpenGLDeviceContext::freeGivenUp()
+{
+    const int count = givenUpCount();
+    if (_state)
+        for (const QPointer<QObject> &object : std::exchange(_state->givenUp, {}))
+            delete object.data();
+    return count;
+}
+
 int OpenGLDeviceContext::givenUpCount() const
 {
     if (!_state)
