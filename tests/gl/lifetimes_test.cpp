@@ -36,6 +36,7 @@
 #include <QColor>
 #include <QImage>
 #include <QPointer>
+#include <QTemporaryDir>
 
 #include <epoxy/gl.h>
 #include <malloc.h>
@@ -74,7 +75,7 @@ qint64 residentBytes()
 }
 
 /// Live objects of the current context and its group, as one text to compare and to read.
-QString objectsOf(const OpenGLDeviceContext &device)
+std::string objectsOf(const OpenGLDeviceContext &device)
 {
     const GLObjectCounts counts = device.liveObjects();
     return QStringLiteral("textures %1, buffers %2, programs %3, framebuffers %4, vertex arrays %5, given up %6")
@@ -83,11 +84,12 @@ QString objectsOf(const OpenGLDeviceContext &device)
         .arg(counts.programs)
         .arg(counts.framebuffers)
         .arg(counts.vertexArrays)
-        .arg(device.givenUpCount());
+        .arg(device.givenUpCount())
+        .toStdString();
 }
 
 /// The same after what passes let go of and what the pool keeps was freed.
-QString settledObjects()
+std::string settledObjects()
 {
     const auto device = OpenGLDeviceContext::current();
     device->freeGivenUp();
@@ -315,7 +317,33 @@ protected:
     {
         const std::vector<InputRow> all = inputs();
         for (int i = 0; i < pass.numInputs(); ++i)
-            pass.setInput(i, home.values().right(all[size_t(i)]));
+            pass.setInput(i, right(all[size_t(i)], home));
+    }
+
+    /// Contexts come and go here by the hundred, so images are small; and frames are all alike, so the camera
+    /// does not jitter.
+    QVariant right(const InputRow &input, Home &home) const
+    {
+        if (input.type == QMetaType(QMetaType::QString))
+            return smallImage();
+        if (qstrcmp(input.name, "Kvo_int_JitterMode") == 0)
+            return 0;
+        return home.values().right(input);
+    }
+
+    static QString smallImage()
+    {
+        static const QString path = [] {
+            static QTemporaryDir folder;
+            QImage image(8, 8, QImage::Format_RGBA8888);
+            for (int y = 0; y < 8; ++y)
+                for (int x = 0; x < 8; ++x)
+                    image.setPixelColor(x, y, QColor(32 * x, 32 * y, 255 - 32 * x, 255));
+            const QString name = folder.filePath(text("small.png"));
+            EXPECT_TRUE(image.save(name));
+            return name;
+        }();
+        return path;
     }
 
     std::unique_ptr<RenderPassHelper> make(Home &home) const
@@ -384,7 +412,7 @@ protected:
     const PassRow &row = rowOf(GetParam().className);
     std::unique_ptr<Home> main;
     Picture want;
-    QString before;
+    std::string before;
     int unknownDeletions = 0;
 };
 
@@ -477,7 +505,7 @@ TEST_P(EveryPassLives, AssigningAPassToItselfChangesNothing)
 {
     const auto pass = make(*main);
     EXPECT_EQ(frame(*pass, *main), want);
-    const QString objects = objectsOf(*OpenGLDeviceContext::current());
+    const std::string objects = objectsOf(*OpenGLDeviceContext::current());
     GetParam().assign(*pass, *pass);
     EXPECT_EQ(objectsOf(*OpenGLDeviceContext::current()), objects);
     EXPECT_EQ(frame(*pass, *main), want);
@@ -530,7 +558,7 @@ TEST_P(EveryPassLives, DrawsInTwoShareGroupsInTurn)
     Home stranger;
     ASSERT_TRUE(stranger.enter());
     live(stranger);
-    const QString strangerBefore = settledObjects();
+    const std::string strangerBefore = settledObjects();
     {
         const auto pass = bare();
         for (int i = 0; i < 2; ++i) {
@@ -553,7 +581,7 @@ TEST_P(EveryPassLives, CopiesDrawInDifferentShareGroups)
     Home stranger;
     ASSERT_TRUE(stranger.enter());
     live(stranger);
-    const QString strangerBefore = settledObjects();
+    const std::string strangerBefore = settledObjects();
     ASSERT_TRUE(main->enter());
     auto one = make(*main);
     EXPECT_EQ(frame(*one, *main), want);
@@ -590,20 +618,15 @@ TEST_P(EveryPassLives, EndsWithAForeignContextCurrent)
     live(stranger);
     auto resident = make(stranger);
     const Picture shown = frame(*resident, stranger);
-    const QString strangerBefore = settledObjects();
+    const std::string strangerBefore = settledObjects();
     ASSERT_TRUE(main->enter());
     auto pass = make(*main);
     EXPECT_EQ(frame(*pass, *main), want);
     ASSERT_TRUE(stranger.enter());
-    {
-        const GlCalls calls;
-        end(*pass);
-        pass.reset();
-        EXPECT_EQ(calls.count("glDeleteTextures") + calls.count("glDeleteBuffers") + calls.count("glDeleteProgram")
-                      + calls.count("glDeleteFramebuffers") + calls.count("glDeleteVertexArrays"),
-                  0)
-            << "their names mean other objects here";
-    }
+    const int alive = GlCalls::live();
+    end(*pass);
+    pass.reset();
+    EXPECT_EQ(GlCalls::live(), alive) << "names of the other context mean other objects here";
     EXPECT_EQ(frame(*resident, stranger), shown);
     EXPECT_EQ(settledObjects(), strangerBefore);
     resident.reset();
@@ -654,13 +677,19 @@ TEST_P(EveryPassLives, ContextsAreReleasedInEveryOrder)
 TEST_P(EveryPassLives, AFirstStartWithoutAContextDecidesNothing)
 {
     auto pass = bare(); // one class asks for a context already when it is made
+    const std::vector<InputRow> all = inputs();
+    for (int i = 0; i < pass->numInputs(); ++i) {
+        const QMetaType::TypeFlags flags = all[size_t(i)].type.flags();
+        if (!(flags & (QMetaType::IsPointer | QMetaType::PointerToQObject)))
+            pass->setInput(i, right(all[size_t(i)], *main));
+    }
     GLContext::doneCurrent();
-    for (int i = 0; i < pass->numInputs(); ++i)
-        if (!inputs()[size_t(i)].type.flags().testFlag(QMetaType::IsPointer))
-            pass->setInput(i, inputs()[size_t(i)].defaultValue);
-    pass->setup(nullptr);
-    runFrame(*pass);
-    end(*pass);
+    {
+        const MessageCapture messages; // there is nothing to draw, which some report
+        pass->setup(nullptr);
+        runFrame(*pass);
+        end(*pass);
+    }
     ASSERT_TRUE(main->enter());
     connect(*pass, *main);
     pass->setup(nullptr);
@@ -673,7 +702,10 @@ TEST_P(EveryPassLives, AStartWithoutAContextBetweenFramesLosesNothing)
     auto pass = make(*main);
     EXPECT_EQ(frame(*pass, *main), want);
     GLContext::doneCurrent();
-    runFrame(*pass);
+    {
+        const MessageCapture messages; // nothing can be asked about the depth
+        runFrame(*pass);
+    }
     ASSERT_TRUE(main->enter());
     EXPECT_EQ(frame(*pass, *main), want);
 }
@@ -907,7 +939,7 @@ TEST_P(EveryPassLives, SlotsThatNameWhatIsGoneReadAsEmpty)
                 EXPECT_TRUE(isEmpty) << (pass == late.get() ? "connected afterwards: " : "connected before: ")
                                      << ::testing::PrintToString(shown)
                                      << "\nnot connected: " << ::testing::PrintToString(wantEmpty);
-                pass->setInput(int(i), main->values().right(all[i]));
+                pass->setInput(int(i), right(all[i], *main));
                 EXPECT_EQ(frame(*pass, *main), want);
             }
         });
@@ -922,7 +954,7 @@ TEST_P(EveryPassLives, AThousandLivesLeaveNothing)
     // Programs of the same texts are shared by the passes that live: this one saves the others the compiler.
     const auto keeper = make(*main);
     frame(*keeper, *main);
-    QString objects;
+    std::string objects;
     qint64 bytes = 0;
     for (int i = 0; i < kLives; ++i) {
         if (i == 10) {
@@ -945,13 +977,13 @@ TEST_P(EveryPassLives, TenThousandSizesLeaveNothing)
     if (!hasViewport())
         return;
     const auto pass = make(*main);
-    QString objects;
+    std::string objects;
     qint64 bytes = 0;
     constexpr int kSizes = 10000;
     for (int i = 0; i <= kSizes; ++i) {
         if (i % 1000 == 10) {
             // the pool keeps a texture of every size until it is trimmed
-            const QString now = settledObjects();
+            const std::string now = settledObjects();
             if (i == 10) {
                 objects = now;
                 bytes = residentBytes();
