@@ -1,51 +1,23 @@
-#include "support/draw.h"
 #include "support/gltest.h"
 #include "support/messages.h"
+#include "support/passcases.h"
 #include "support/passes.h"
 #include "support/passtable.h"
 #include "support/passvalues.h"
-#include "support/scenes.h"
 
 #include <core/renderpasshelper.h>
 #include <gl/shaderprogram.h>
 #include <gl/texturemanager.h>
-#include <host/lights.h>
 #include <host/passfactory.h>
 #include <host/slotname.h>
 #include <model/gpumodel.h>
-#include <renderpasses/backgroundimagerenderpass.h>
 #include <renderpasses/blendrenderpass.h>
 #include <renderpasses/blurandcombinerenderpass.h>
 #include <renderpasses/blurbaserenderpass.h>
-#include <renderpasses/camerajitterpass.h>
-#include <renderpasses/cameraspacezbufferrenderpass.h>
-#include <renderpasses/cubemaploaderrenderpass.h>
-#include <renderpasses/deferredrenderpass.h>
-#include <renderpasses/depthoffieldrenderpass.h>
-#include <renderpasses/fastapproximateantialiasingrenderpass.h>
-#include <renderpasses/forwardrenderpass.h>
 #include <renderpasses/gaussianblurrenderpass.h>
-#include <renderpasses/gbufferrenderpass.h>
-#include <renderpasses/gradientrenderpass.h>
-#include <renderpasses/luminanceaveragerenderpass.h>
-#include <renderpasses/modeldeferredpass.h>
-#include <renderpasses/modelrenderpass.h>
-#include <renderpasses/primitivebuilderrenderpass.h>
-#include <renderpasses/scalableambientobscurancerenderpass.h>
 #include <renderpasses/shaderrenderpass.h>
-#include <renderpasses/shadowmaprenderpass.h>
-#include <renderpasses/shadowmaprenderpass2.h>
-#include <renderpasses/skyboxrenderpass.h>
-#include <renderpasses/smaarenderpass.h>
 #include <renderpasses/stencilblurandblendrenderpass.h>
-#include <renderpasses/temporalaarenderpass.h>
-#include <renderpasses/textureloaderrenderpass.h>
-#include <renderpasses/texturetoscreenrenderpass.h>
-#include <renderpasses/transparencyrenderpass.h>
 #include <renderpasses/visibilitybufferrenderpass.h>
-#include <renderpasses/visibilitydeferredrenderpass.h>
-#include <renderpasses/visibilitysortrenderpass.h>
-#include <renderpasses/wireframerenderpass.h>
 
 #include <QDir>
 #include <QSet>
@@ -62,103 +34,6 @@ using namespace Brevane::Kvo;
 using namespace Brevane::Kvo::Test;
 
 namespace {
-
-#define KVO_EVERY_PASS(X)                                                                                              \
-    X(GradientRenderPass)                                                                                              \
-    X(ModelRenderPass)                                                                                                 \
-    X(GBufferRenderPass)                                                                                               \
-    X(ModelDeferredPass)                                                                                               \
-    X(ForwardRenderPass)                                                                                               \
-    X(PrimitiveBuilderRenderPass)                                                                                      \
-    X(DeferredRenderPass)                                                                                              \
-    X(CameraSpaceZBufferRenderPass)                                                                                    \
-    X(ScalableAmbientObscuranceRenderPass)                                                                             \
-    X(LuminanceAverageRenderPass)                                                                                      \
-    X(VisibilityBufferRenderPass)                                                                                      \
-    X(VisibilitySortRenderPass)                                                                                        \
-    X(VisibilityDeferredRenderPass)                                                                                    \
-    X(TransparencyRenderPass)                                                                                          \
-    X(ShadowMapRenderPass)                                                                                             \
-    X(ShadowMapRenderPass2)                                                                                            \
-    X(CameraJitterPass)                                                                                                \
-    X(TemporalAARenderPass)                                                                                            \
-    X(FastApproximateAntiAliasingRenderPass)                                                                           \
-    X(SMAARenderPass)                                                                                                  \
-    X(BlurBaseRenderPass)                                                                                              \
-    X(GaussianBlurRenderPass)                                                                                          \
-    X(BlurAndCombineRenderPass)                                                                                        \
-    X(StencilBlurAndBlendRenderPass)                                                                                   \
-    X(DepthOfFieldRenderPass)                                                                                          \
-    X(BlendRenderPass)                                                                                                 \
-    X(WireframeRenderPass)                                                                                             \
-    X(TextureToScreenRenderPass)                                                                                       \
-    X(SkyboxRenderPass)                                                                                                \
-    X(BackgroundImageRenderPass)                                                                                       \
-    X(TextureLoaderRenderPass)                                                                                         \
-    X(CubemapLoaderRenderPass)                                                                                         \
-    X(ShaderRenderPass)
-
-constexpr int kPassClasses = 33;
-
-// Shows what a pass keeps of a value.
-template <typename Pass>
-class Probe : public Pass
-{
-public:
-    const QVariant &kept(int index) const { return this->_inputs.at(index).value; }
-};
-
-// All that takes the type of a pass.
-struct PassCase
-{
-    const char *className;
-    bool isBlur;
-    std::unique_ptr<RenderPassHelper> (*make)();
-    std::unique_ptr<RenderPassHelper> (*copy)(const RenderPassHelper &pass);
-    void (*assign)(RenderPassHelper &to, const RenderPassHelper &from);
-    std::unique_ptr<RenderPassHelper> (*makeProbe)();
-    QVariant (*kept)(const RenderPassHelper &probe, int index);
-};
-
-void PrintTo(const PassCase &pass, std::ostream *stream)
-{
-    *stream << pass.className;
-}
-
-template <typename Pass>
-PassCase passCase(const char *className)
-{
-    static_assert(std::is_base_of_v<RenderPassHelper, Pass> && std::has_virtual_destructor_v<Pass>);
-    return {className,
-            std::is_base_of_v<BlurBaseRenderPass, Pass>,
-            []() -> std::unique_ptr<RenderPassHelper> { return std::make_unique<Pass>(); },
-            [](const RenderPassHelper &pass) -> std::unique_ptr<RenderPassHelper> {
-                return std::make_unique<Pass>(static_cast<const Pass &>(pass));
-            },
-            [](RenderPassHelper &to, const RenderPassHelper &from) {
-                static_cast<Pass &>(to) = static_cast<const Pass &>(from);
-            },
-            []() -> std::unique_ptr<RenderPassHelper> { return std::make_unique<Probe<Pass>>(); },
-            [](const RenderPassHelper &probe, int index) -> QVariant {
-                return static_cast<const Probe<Pass> &>(probe).kept(index);
-            }};
-}
-
-std::vector<PassCase> passCases()
-{
-#define KVO_CASE(name) passCase<name>(#name),
-    return {KVO_EVERY_PASS(KVO_CASE)};
-#undef KVO_CASE
-}
-
-const PassRow &rowOf(const char *name)
-{
-    for (const PassRow &row : passTable())
-        if (qstrcmp(row.className, name) == 0)
-            return row;
-    ADD_FAILURE() << name << " has no row";
-    return passTable().front();
-}
 
 QMetaType typeOfWord(const QString &word)
 {

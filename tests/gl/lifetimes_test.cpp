@@ -1,0 +1,1004 @@
+// Who owns what, and for how long: every pass class through what a host does with passes, contexts and the
+// objects that it wires together.
+
+#include "support/draw.h"
+#include "support/gltest.h"
+#include "support/messages.h"
+#include "support/passcases.h"
+#include "support/passes.h"
+#include "support/passvalues.h"
+#include "support/scenes.h"
+
+#include <core/renderpasshelper.h>
+#include <gl/bufferobject.h>
+#include <gl/drawbuffers.h>
+#include <gl/framebufferobject.h>
+#include <gl/guards.h>
+#include <gl/opengldevicecontext.h>
+#include <gl/shaderprogram.h>
+#include <gl/texturemanager.h>
+#include <host/slotname.h>
+#include <model/gpumodel.h>
+#include <renderpasses/blendrenderpass.h>
+#include <renderpasses/depthoffieldrenderpass.h>
+#include <renderpasses/forwardrenderpass.h>
+#include <renderpasses/gaussianblurrenderpass.h>
+#include <renderpasses/gbufferrenderpass.h>
+#include <renderpasses/gradientrenderpass.h>
+#include <renderpasses/modelrenderpass.h>
+#include <renderpasses/primitivebuilderrenderpass.h>
+#include <renderpasses/shaderrenderpass.h>
+#include <renderpasses/texturetoscreenrenderpass.h>
+#include <renderpasses/visibilitydeferredrenderpass.h>
+#include <renderpasses/visibilitysortrenderpass.h>
+#include <shadows/shadowmaprenderdata.h>
+
+#include <QColor>
+#include <QImage>
+#include <QPointer>
+#include <QTemporaryDir>
+
+#include <epoxy/gl.h>
+#include <malloc.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Brevane::Kvo {
+
+using namespace Test;
+
+namespace {
+
+#ifdef __SANITIZE_ADDRESS__
+// A sanitizer keeps freed memory back, on purpose; what it finds instead is better than a size.
+constexpr bool kMemoryCanBeMeasured = false;
+#else
+constexpr bool kMemoryCanBeMeasured = true;
+#endif
+
+qint64 residentBytes()
+{
+    malloc_trim(0);
+    long total = 0;
+    long resident = 0;
+    if (std::FILE *file = std::fopen("/proc/self/statm", "r")) {
+        EXPECT_EQ(std::fscanf(file, "%ld %ld", &total, &resident), 2);
+        std::fclose(file);
+    }
+    return qint64(resident) * sysconf(_SC_PAGESIZE);
+}
+
+/// Live objects of the current context and its group, as one text to compare and to read.
+std::string objectsOf(const OpenGLDeviceContext &device)
+{
+    const GLObjectCounts counts = device.liveObjects();
+    return QStringLiteral("textures %1, buffers %2, programs %3, framebuffers %4, vertex arrays %5, given up %6")
+        .arg(counts.textures)
+        .arg(counts.buffers)
+        .arg(counts.programs)
+        .arg(counts.framebuffers)
+        .arg(counts.vertexArrays)
+        .arg(device.givenUpCount())
+        .toStdString();
+}
+
+/// The same after what passes let go of and what the pool keeps was freed.
+std::string settledObjects()
+{
+    const auto device = OpenGLDeviceContext::current();
+    device->freeGivenUp();
+    TextureManager::Instance().trim(-1);
+    return objectsOf(*device);
+}
+
+/// A context of a host, and the values that it gives to passes there. Contexts that share objects share
+/// values.
+class Home
+{
+public:
+    /// The context of the binary.
+    explicit Home(GLContext &context) : _context(&context), _values(std::make_shared<std::unique_ptr<Values>>()) {}
+    Home() : Home(GLContext::Options(), nullptr) {}
+    /// A context that shares the objects of another one.
+    explicit Home(const Home &other) : Home(sharing(*other._context), &other) {}
+    Home &operator=(const Home &) = delete;
+    ~Home()
+    {
+        if (_own)
+            release();
+        else if (_values.use_count() == 1 && _context->makeCurrent())
+            _values->reset();
+    }
+
+    /// Makes the context current, with GL's default state and the viewport that passes want.
+    bool enter()
+    {
+        if (!_context->makeCurrent())
+            return false;
+        resetGLState();
+        glViewport(0, 0, kWidth, kHeight);
+        return true;
+    }
+
+    bool isAlive() const { return _context != nullptr; }
+
+    /// As a host does it before it destroys the context. Values go with the last context of the group.
+    void release()
+    {
+        if (!_own)
+            return;
+        EXPECT_TRUE(enter());
+        if (_values.use_count() == 1)
+            _values->reset();
+        const auto device = OpenGLDeviceContext::current();
+        OpenGLDeviceContext::releaseCurrent();
+        EXPECT_EQ(device->liveObjects().total(), 0);
+        _own.reset();
+        _context = nullptr;
+        _values.reset();
+    }
+
+    /// The library has forgotten the context, which lives on: all values were of what it forgot.
+    void renew()
+    {
+        _values->reset();
+        EXPECT_TRUE(enter());
+    }
+
+    Values &values()
+    {
+        if (!*_values)
+            *_values = std::make_unique<Values>();
+        return **_values;
+    }
+
+private:
+    Home(const GLContext::Options &options, const Home *other)
+        : _own(std::make_unique<GLContext>(options)), _context(_own.get()),
+          _values(other ? other->_values : std::make_shared<std::unique_ptr<Values>>())
+    {
+        EXPECT_TRUE(_own->isValid()) << qPrintable(_own->error());
+    }
+
+    static GLContext::Options sharing(const GLContext &context)
+    {
+        GLContext::Options options;
+        options.share = &context;
+        return options;
+    }
+
+    std::unique_ptr<GLContext> _own;
+    GLContext *_context;
+    std::shared_ptr<std::unique_ptr<Values>> _values;
+};
+
+/// Every texel of a texture, as bytes.
+QByteArray texelsOf(const Texture *texture)
+{
+    if (texture->textureID() == 0 || texture->target() == GL_TEXTURE_BUFFER)
+        return {};
+    const GLenum target = texture->target();
+    GLint depth = 0;
+    GLint type = 0;
+    GLint layers = 1;
+    GLint width = 0;
+    {
+        const GlCalls::Pause pause;
+        const GLenum image = target == GL_TEXTURE_CUBE_MAP ? GLenum(GL_TEXTURE_CUBE_MAP_POSITIVE_X) : target;
+        glBindTexture(target, texture->textureID());
+        glGetTexLevelParameteriv(image, 0, GL_TEXTURE_WIDTH, &width);
+        glGetTexLevelParameteriv(image, 0, GL_TEXTURE_DEPTH_SIZE, &depth);
+        glGetTexLevelParameteriv(image, 0, GL_TEXTURE_RED_TYPE, &type);
+        if (target == GL_TEXTURE_2D_ARRAY)
+            glGetTexLevelParameteriv(image, 0, GL_TEXTURE_DEPTH, &layers);
+        else if (target == GL_TEXTURE_CUBE_MAP)
+            layers = 6;
+        glBindTexture(target, 0);
+    }
+    QByteArray bytes;
+    const auto add = [&bytes](const auto &image) {
+        bytes.append(reinterpret_cast<const char *>(image.pixels.constData()),
+                     image.pixels.size() * qsizetype(sizeof(image.pixels[0])));
+    };
+    for (int layer = 0; width > 0 && layer < layers; ++layer) {
+        if (depth > 0)
+            add(readDepth(texture, 0, layer));
+        else if (type == GL_UNSIGNED_INT)
+            add(readTexture<quint32>(texture, 0, layer));
+        else if (type == GL_INT)
+            add(readTexture<qint32>(texture, 0, layer));
+        else
+            add(readTexture<float>(texture, 0, layer));
+    }
+    return bytes;
+}
+
+/// What a frame of a pass shows: a line for each output, with every texel in it.
+struct Picture
+{
+    QStringList names;
+    QList<QByteArray> content;
+
+    void add(const QString &name, const QByteArray &bytes)
+    {
+        names.append(name);
+        content.append(bytes);
+    }
+    bool operator==(const Picture &) const = default;
+};
+
+void PrintTo(const Picture &picture, std::ostream *stream)
+{
+    for (qsizetype i = 0; i < picture.names.size(); ++i)
+        *stream << qPrintable(picture.names[i]) << ": " << picture.content[i].size() << " bytes, checksum "
+                << qChecksum(picture.content[i]) << "; ";
+}
+
+/// What a pass draws from a value that can only be seen through it.
+template <typename Consumer>
+void addSeenThrough(Picture &picture, Values &values, std::initializer_list<std::pair<int, QVariant>> inputs)
+{
+    Consumer consumer;
+    const PassRow &row =
+        rowOf(std::is_same_v<Consumer, GBufferRenderPass> ? "GBufferRenderPass" : "VisibilityDeferredRenderPass");
+    for (int i = 0; i < consumer.numInputs(); ++i)
+        consumer.setInput(i, values.right(row.inputs[size_t(i)]));
+    for (const auto &[index, value] : inputs)
+        consumer.setInput(index, value);
+    resetGLState();
+    glViewport(0, 0, kWidth, kHeight);
+    runFrame(consumer);
+    picture.add(QStringLiteral("seen"), texelsOf(textureFromVariant(consumer.output(0))));
+}
+
+class EveryPassLives : public GLTest, public ::testing::WithParamInterface<PassCase>
+{
+protected:
+    void SetUp() override
+    {
+        GLTest::SetUp();
+        main = std::make_unique<Home>(context());
+        ASSERT_TRUE(main->enter());
+        // what is made on demand and stays is there afterwards
+        live(*main);
+        want = frame(*make(*main), *main);
+        before = settledObjects();
+        unknownDeletions = GlCalls::unknownDeletions();
+    }
+
+    void TearDown() override
+    {
+        ASSERT_TRUE(main->enter());
+        EXPECT_EQ(settledObjects(), before);
+        EXPECT_EQ(GlCalls::unknownDeletions(), unknownDeletions) << "names were deleted that nobody had generated";
+        main.reset();
+        GLTest::TearDown();
+    }
+
+    bool is(const char *name) const { return qstrcmp(row.className, name) == 0; }
+    bool hasViewport() const
+    {
+        return !row.inputs.empty() && qstrcmp(row.inputs.front().name, "Kvo_QRect_Viewport") == 0;
+    }
+
+    /// Inputs of the pass and, of the one that has hardly any, one that a host adds.
+    std::vector<InputRow> inputs() const
+    {
+        std::vector<InputRow> all = row.inputs;
+        if (is("ShaderRenderPass"))
+            all.push_back({"Kvo_KvoTexture*_Input", QMetaType::fromType<Texture *>()});
+        return all;
+    }
+
+    /// A pass as a host has it before anything is connected.
+    std::unique_ptr<RenderPassHelper> bare() const
+    {
+        auto pass = GetParam().make();
+        if (auto *shader = dynamic_cast<ShaderRenderPass *>(pass.get())) {
+            shader->addInput(text("Kvo_KvoTexture*_Input"));
+            shader->addOutput(text("Kvo_KvoTexture*_Frame"));
+            shader->setFragmentShaderSource(text("#version 150\nuniform sampler2D u_Input;\nin vec2 vo_TexCoord;\n"
+                                                 "out vec4 o_Frame;\nvoid main() { o_Frame = texture(u_Input, "
+                                                 "vo_TexCoord) * vo_TexCoord.x; }\n"));
+        }
+        if (auto *builder = dynamic_cast<PrimitiveBuilderRenderPass *>(pass.get()))
+            builder->addCube(1, {});
+        return pass;
+    }
+
+    /// Connects everything to what lives in the group of a context, which is current.
+    void connect(RenderPassHelper &pass, Home &home) const
+    {
+        const std::vector<InputRow> all = inputs();
+        for (int i = 0; i < pass.numInputs(); ++i)
+            pass.setInput(i, right(all[size_t(i)], home));
+    }
+
+    /// Contexts come and go here by the hundred, so images are small; and frames are all alike, so the camera
+    /// does not jitter.
+    QVariant right(const InputRow &input, Home &home) const
+    {
+        if (input.type == QMetaType(QMetaType::QString))
+            return smallImage();
+        if (qstrcmp(input.name, "Kvo_int_JitterMode") == 0)
+            return 0;
+        return home.values().right(input);
+    }
+
+    static QString smallImage()
+    {
+        static const QString path = [] {
+            static QTemporaryDir folder;
+            QImage image(8, 8, QImage::Format_RGBA8888);
+            for (int y = 0; y < 8; ++y)
+                for (int x = 0; x < 8; ++x)
+                    image.setPixelColor(x, y, QColor(32 * x, 32 * y, 255 - 32 * x, 255));
+            const QString name = folder.filePath(text("small.png"));
+            EXPECT_TRUE(image.save(name));
+            return name;
+        }();
+        return path;
+    }
+
+    std::unique_ptr<RenderPassHelper> make(Home &home) const
+    {
+        auto pass = bare();
+        connect(*pass, home);
+        pass->setup(nullptr);
+        return pass;
+    }
+
+    static void end(RenderPassHelper &pass)
+    {
+        pass.teardown(nullptr);
+        pass.teardownContextData(nullptr);
+    }
+
+    /// All of a life.
+    void live(Home &home) const
+    {
+        const auto pass = make(home);
+        frame(*pass, home);
+        end(*pass);
+    }
+
+    /// A frame of a pass in the current context, and what it shows.
+    Picture frame(RenderPassHelper &pass, Home &home) const
+    {
+        resetGLState();
+        glViewport(0, 0, kWidth, kHeight);
+        if (is("TextureToScreenRenderPass"))
+            home.values().screen.clear({0, 0, 0, 0});
+        runFrame(pass);
+        return pictureOf(pass, home);
+    }
+
+    Picture pictureOf(RenderPassHelper &pass, Home &home) const
+    {
+        Picture picture;
+        if (is("TextureToScreenRenderPass"))
+            picture.add(text("screen"), texelsOf(home.values().screen.color()));
+        if (is("VisibilityBufferRenderPass") || is("VisibilitySortRenderPass")) {
+            // the order in which fragments find their place is the driver's
+            addSeenThrough<VisibilityDeferredRenderPass>(
+                picture, home.values(), {{3, pass.output(0)}, {4, pass.output(1)}, {5, pass.output(2)}});
+            return picture;
+        }
+        for (int i = 0; i < pass.numOutputs(); ++i) {
+            const QVariant value = pass.output(i);
+            const QString name = pass.outputName(i);
+            if (const Texture *texture = textureFromVariant(value))
+                picture.add(name, texelsOf(texture));
+            else if (const ShadowMapRenderData *shadows = ShadowMapRenderData::fromVariant(value))
+                picture.add(name, shadows->projectionTexture() ? texelsOf(shadows->projectionTexture()) : QByteArray());
+            else if (value.metaType() == QMetaType(QMetaType::QMatrix4x4))
+                picture.add(name,
+                            QByteArray(reinterpret_cast<const char *>(qvariant_cast<QMatrix4x4>(value).constData()),
+                                       16 * sizeof(float)));
+            else if (is("PrimitiveBuilderRenderPass"))
+                addSeenThrough<GBufferRenderPass>(picture, home.values(), {{3, value}});
+            else
+                picture.add(name, value.toString().toUtf8());
+        }
+        return picture;
+    }
+
+    const PassRow &row = rowOf(GetParam().className);
+    std::unique_ptr<Home> main;
+    Picture want;
+    std::string before;
+    int unknownDeletions = 0;
+};
+
+INSTANTIATE_TEST_SUITE_P(Passes, EveryPassLives, ::testing::ValuesIn(passCases()),
+                         [](const auto &pass) { return std::string(pass.param.className); });
+
+} // namespace
+
+// Copies
+
+TEST_P(EveryPassLives, ShowsSomethingAndTheSameAgain)
+{
+    const auto pass = make(*main);
+    EXPECT_EQ(frame(*pass, *main), want);
+    EXPECT_EQ(frame(*pass, *main), want);
+    int bytes = 0;
+    for (const QByteArray &content : want.content)
+        bytes += int(content.size());
+    EXPECT_TRUE(bytes > 0 || is("BlurBaseRenderPass")) << "there is nothing to compare";
+}
+
+TEST_P(EveryPassLives, ACopyOutlivesItsSource)
+{
+    auto source = make(*main);
+    EXPECT_EQ(frame(*source, *main), want);
+    auto copy = GetParam().copy(*source);
+    EXPECT_EQ(frame(*copy, *main), want);
+    EXPECT_EQ(frame(*source, *main), want);
+    source.reset();
+    EXPECT_EQ(frame(*copy, *main), want);
+}
+
+TEST_P(EveryPassLives, ASourceOutlivesItsCopy)
+{
+    auto source = make(*main);
+    EXPECT_EQ(frame(*source, *main), want);
+    auto copy = GetParam().copy(*source);
+    EXPECT_EQ(frame(*copy, *main), want);
+    copy.reset();
+    EXPECT_EQ(frame(*source, *main), want);
+}
+
+TEST_P(EveryPassLives, TearingACopyDownLeavesItsSource)
+{
+    auto source = make(*main);
+    EXPECT_EQ(frame(*source, *main), want);
+    auto copy = GetParam().copy(*source);
+    end(*copy);
+    EXPECT_EQ(frame(*source, *main), want);
+    copy->setup(nullptr);
+    EXPECT_EQ(frame(*copy, *main), want);
+    end(*source);
+    EXPECT_EQ(frame(*copy, *main), want);
+    end(*copy);
+    source.reset();
+    copy.reset();
+}
+
+TEST_P(EveryPassLives, AChainOfCopiesFreesItsObjectsOnce)
+{
+    std::vector<std::unique_ptr<RenderPassHelper>> passes;
+    passes.push_back(make(*main));
+    EXPECT_EQ(frame(*passes.back(), *main), want);
+    for (int i = 0; i < 4; ++i)
+        passes.push_back(GetParam().copy(*passes.back()));
+    for (const int i : {2, 0, 4, 1}) {
+        passes[size_t(i)].reset();
+        EXPECT_EQ(frame(*passes[3], *main), want);
+    }
+}
+
+TEST_P(EveryPassLives, AssigningOverAUsedPassFreesWhatItHad)
+{
+    auto one = make(*main);
+    auto other = make(*main);
+    EXPECT_EQ(frame(*one, *main), want);
+    EXPECT_EQ(frame(*other, *main), want);
+    GetParam().assign(*other, *one);
+    EXPECT_EQ(frame(*other, *main), want);
+    EXPECT_EQ(frame(*one, *main), want);
+    one.reset();
+    EXPECT_EQ(frame(*other, *main), want);
+    GetParam().assign(*other, *bare());
+    connect(*other, *main);
+    other->setup(nullptr);
+    EXPECT_EQ(frame(*other, *main), want);
+}
+
+TEST_P(EveryPassLives, AssigningAPassToItselfChangesNothing)
+{
+    const auto pass = make(*main);
+    EXPECT_EQ(frame(*pass, *main), want);
+    const std::string objects = objectsOf(*OpenGLDeviceContext::current());
+    GetParam().assign(*pass, *pass);
+    EXPECT_EQ(objectsOf(*OpenGLDeviceContext::current()), objects);
+    EXPECT_EQ(frame(*pass, *main), want);
+}
+
+TEST_P(EveryPassLives, CopiesOfDifferentSizesDrawRight)
+{
+    if (!hasViewport())
+        return;
+    const QRect larger(0, 0, kWidth + 5, kHeight + 3);
+    Picture wantLarger;
+    {
+        const auto pass = make(*main);
+        pass->setInput(0, larger);
+        wantLarger = frame(*pass, *main);
+    }
+    auto one = make(*main);
+    EXPECT_EQ(frame(*one, *main), want);
+    auto other = GetParam().copy(*one);
+    other->setInput(0, larger);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(frame(*other, *main), wantLarger) << i;
+        EXPECT_EQ(frame(*one, *main), want) << i;
+    }
+    one.reset();
+    EXPECT_EQ(frame(*other, *main), wantLarger);
+}
+
+// Contexts
+
+TEST_P(EveryPassLives, DrawsInTwoSharingContextsInTurn)
+{
+    Home second(*main);
+    auto pass = make(*main);
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_TRUE(main->enter());
+        EXPECT_EQ(frame(*pass, *main), want) << i;
+        glFinish();
+        ASSERT_TRUE(second.enter());
+        EXPECT_EQ(frame(*pass, second), want) << i;
+        glFinish();
+    }
+    pass.reset();
+    ASSERT_TRUE(main->enter());
+    EXPECT_EQ(settledObjects(), before);
+}
+
+TEST_P(EveryPassLives, DrawsInTwoShareGroupsInTurn)
+{
+    Home stranger;
+    ASSERT_TRUE(stranger.enter());
+    live(stranger);
+    const std::string strangerBefore = settledObjects();
+    {
+        const auto pass = bare();
+        for (int i = 0; i < 2; ++i) {
+            for (Home *home : {main.get(), &stranger}) {
+                ASSERT_TRUE(home->enter());
+                connect(*pass, *home);
+                if (i == 0)
+                    pass->setup(nullptr);
+                EXPECT_EQ(frame(*pass, *home), want) << i << (home == main.get() ? " here" : " there");
+            }
+        }
+    }
+    EXPECT_EQ(settledObjects(), strangerBefore);
+    ASSERT_TRUE(main->enter());
+    EXPECT_EQ(settledObjects(), before);
+}
+
+TEST_P(EveryPassLives, CopiesDrawInDifferentShareGroups)
+{
+    Home stranger;
+    ASSERT_TRUE(stranger.enter());
+    live(stranger);
+    const std::string strangerBefore = settledObjects();
+    ASSERT_TRUE(main->enter());
+    auto one = make(*main);
+    EXPECT_EQ(frame(*one, *main), want);
+    auto other = GetParam().copy(*one);
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_TRUE(stranger.enter());
+        connect(*other, stranger);
+        if (i == 0)
+            other->setup(nullptr);
+        EXPECT_EQ(frame(*other, stranger), want) << i;
+        ASSERT_TRUE(main->enter());
+        EXPECT_EQ(frame(*one, *main), want) << i;
+    }
+    other.reset();
+    ASSERT_TRUE(stranger.enter());
+    EXPECT_EQ(settledObjects(), strangerBefore);
+    one.reset();
+}
+
+TEST_P(EveryPassLives, EndsWithNoContextCurrent)
+{
+    auto pass = make(*main);
+    EXPECT_EQ(frame(*pass, *main), want);
+    GLContext::doneCurrent();
+    pass->teardown(nullptr);
+    pass.reset();
+    ASSERT_TRUE(main->enter());
+}
+
+TEST_P(EveryPassLives, EndsWithAForeignContextCurrent)
+{
+    Home stranger;
+    ASSERT_TRUE(stranger.enter());
+    live(stranger);
+    auto resident = make(stranger);
+    const Picture shown = frame(*resident, stranger);
+    const std::string strangerBefore = settledObjects();
+    ASSERT_TRUE(main->enter());
+    auto pass = make(*main);
+    EXPECT_EQ(frame(*pass, *main), want);
+    ASSERT_TRUE(stranger.enter());
+    const int alive = GlCalls::live();
+    end(*pass);
+    pass.reset();
+    EXPECT_EQ(GlCalls::live(), alive) << "names of the other context mean other objects here";
+    EXPECT_EQ(frame(*resident, stranger), shown);
+    EXPECT_EQ(settledObjects(), strangerBefore);
+    resident.reset();
+    ASSERT_TRUE(main->enter());
+}
+
+TEST_P(EveryPassLives, ContextsAreReleasedInEveryOrder)
+{
+    std::array<int, 3> order{0, 1, 2}; // two that share, and one of its own
+    int orders = 0;
+    do {
+        for (const size_t ends : {size_t(1), size_t(3)}) { // after so many releases the pass ends
+            const ::testing::ScopedTrace trace(__FILE__, __LINE__,
+                                               "order " + std::to_string(order[0]) + std::to_string(order[1])
+                                                   + std::to_string(order[2]) + ", the pass ends after "
+                                                   + std::to_string(ends));
+            std::array<std::unique_ptr<Home>, 3> homes;
+            homes[0] = std::make_unique<Home>();
+            homes[1] = std::make_unique<Home>(*homes[0]);
+            homes[2] = std::make_unique<Home>();
+            auto pass = bare();
+            const auto draw = [&](Home &home) {
+                ASSERT_TRUE(home.enter());
+                connect(*pass, home);
+                EXPECT_EQ(frame(*pass, home), want);
+            };
+            for (const auto &home : homes) {
+                ASSERT_TRUE(home->enter());
+                pass->setup(nullptr);
+                draw(*home);
+            }
+            for (size_t i = 0; i < homes.size(); ++i) {
+                homes[size_t(order[i])]->release();
+                if (i + 1 == ends)
+                    pass.reset();
+                for (const auto &home : homes)
+                    if (pass && home->isAlive())
+                        draw(*home);
+            }
+            pass.reset();
+        }
+        ++orders;
+    } while (std::next_permutation(order.begin(), order.end()));
+    EXPECT_EQ(orders, 6);
+    ASSERT_TRUE(main->enter());
+}
+
+TEST_P(EveryPassLives, AFirstStartWithoutAContextDecidesNothing)
+{
+    auto pass = bare(); // one class asks for a context already when it is made
+    const std::vector<InputRow> all = inputs();
+    for (int i = 0; i < pass->numInputs(); ++i) {
+        const QMetaType::TypeFlags flags = all[size_t(i)].type.flags();
+        if (!(flags & (QMetaType::IsPointer | QMetaType::PointerToQObject)))
+            pass->setInput(i, right(all[size_t(i)], *main));
+    }
+    GLContext::doneCurrent();
+    {
+        const MessageCapture messages; // there is nothing to draw, which some report
+        pass->setup(nullptr);
+        runFrame(*pass);
+        end(*pass);
+    }
+    ASSERT_TRUE(main->enter());
+    connect(*pass, *main);
+    pass->setup(nullptr);
+    EXPECT_EQ(frame(*pass, *main), want);
+    EXPECT_EQ(frame(*pass, *main), want);
+}
+
+TEST_P(EveryPassLives, AStartWithoutAContextBetweenFramesLosesNothing)
+{
+    auto pass = make(*main);
+    EXPECT_EQ(frame(*pass, *main), want);
+    GLContext::doneCurrent();
+    {
+        const MessageCapture messages; // nothing can be asked about the depth
+        runFrame(*pass);
+    }
+    ASSERT_TRUE(main->enter());
+    EXPECT_EQ(frame(*pass, *main), want);
+}
+
+TEST_P(EveryPassLives, DrawsAfterItsContextWasReleased)
+{
+    auto pass = bare();
+    {
+        Home other;
+        ASSERT_TRUE(other.enter());
+        connect(*pass, other);
+        pass->setup(nullptr);
+        EXPECT_EQ(frame(*pass, other), want);
+    }
+    ASSERT_TRUE(main->enter());
+    connect(*pass, *main);
+    pass->setup(nullptr);
+    EXPECT_EQ(frame(*pass, *main), want);
+}
+
+TEST_P(EveryPassLives, DrawsOnInAContextThatWasReleased)
+{
+    Home other;
+    ASSERT_TRUE(other.enter());
+    auto pass = make(other);
+    EXPECT_EQ(frame(*pass, other), want);
+    auto copy = GetParam().copy(*pass);
+    OpenGLDeviceContext::releaseCurrent();
+    other.renew();
+    for (RenderPassHelper *one : {pass.get(), copy.get()}) {
+        connect(*one, other);
+        EXPECT_EQ(frame(*one, other), want);
+    }
+    pass.reset();
+    EXPECT_EQ(frame(*copy, other), want);
+    copy.reset();
+}
+
+// What slots name
+
+namespace {
+
+/// One pass for each way to read a texture, and all other pointers.
+class Consumers
+{
+public:
+    explicit Consumers(Home &home)
+    {
+        for (const PassCase &pass : passCases())
+            for (const char *name : {"TextureToScreenRenderPass", "GaussianBlurRenderPass", "BlendRenderPass",
+                                     "GBufferRenderPass", "VisibilityDeferredRenderPass", "SMAARenderPass"})
+                if (qstrcmp(pass.className, name) == 0)
+                    add(pass, home);
+    }
+
+    /// Starts each of them once for each slot that a value fits, with it in there.
+    void take(const QVariant &value, Home &home)
+    {
+        for (auto &[pass, row] : _passes) {
+            for (int i = 0; i < pass->numInputs(); ++i) {
+                const InputRow &input = row->inputs[size_t(i)];
+                if (input.type != QMetaType::fromType<Texture *>()
+                    && input.type != QMetaType::fromType<DrawBuffers *>())
+                    continue;
+                if (qstrcmp(input.name, "Kvo_KvoTexture*_TextureOut") == 0)
+                    continue; // to be drawn to, of which the host has to keep it
+                resetGLState();
+                glViewport(0, 0, kWidth, kHeight);
+                pass->setInput(i, value);
+                runFrame(*pass);
+                pass->setInput(i, home.values().right(input));
+            }
+        }
+    }
+
+private:
+    void add(const PassCase &pass, Home &home)
+    {
+        _passes.emplace_back(pass.make(), &rowOf(pass.className));
+        for (int i = 0; i < _passes.back().first->numInputs(); ++i)
+            _passes.back().first->setInput(i, home.values().right(_passes.back().second->inputs[size_t(i)]));
+        _passes.back().first->setup(nullptr);
+    }
+
+    std::vector<std::pair<std::unique_ptr<RenderPassHelper>, const PassRow *>> _passes;
+};
+
+std::vector<QVariant> outputsOf(const RenderPassHelper &pass)
+{
+    std::vector<QVariant> values;
+    for (int i = 0; i < pass.numOutputs(); ++i)
+        values.push_back(pass.output(i));
+    return values;
+}
+
+} // namespace
+
+TEST_P(EveryPassLives, OutputsOfADestroyedPassReadAsEmpty)
+{
+    {
+        Consumers consumers(*main);
+        auto pass = make(*main);
+        frame(*pass, *main);
+        const std::vector<QVariant> values = outputsOf(*pass);
+        pass.reset();
+        settledObjects();
+        for (const QVariant &value : values)
+            consumers.take(value, *main);
+    }
+}
+
+TEST_P(EveryPassLives, OutputsThatAreWiredAlreadyReadAsEmptyOnceTheirPassIsGone)
+{
+    GaussianBlurRenderPass blur;
+    BlendRenderPass blend;
+    TextureToScreenRenderPass screen;
+    GBufferRenderPass geometry;
+    const std::vector<std::pair<RenderPassHelper *, int>> slots_{{&blur, 1}, {&blend, 1}, {&screen, 1}, {&geometry, 3}};
+    for (const auto &[consumer, slot] : slots_)
+        consumer->setInput(0, kViewport);
+    screen.setInput(7, framebufferToVariant(main->values().screen.framebuffer()));
+    blur.setInput(2, 2.0f);
+    for (int output = 0; output < bare()->numOutputs(); ++output) {
+        auto pass = make(*main);
+        frame(*pass, *main);
+        for (const auto &[consumer, slot] : slots_)
+            consumer->setInput(slot, pass->output(output));
+        pass.reset();
+        settledObjects();
+        for (const auto &[consumer, slot] : slots_) {
+            runFrame(*consumer);
+            const QVariant result = consumer->numOutputs() > 0 ? consumer->output(0) : QVariant();
+            if (const Texture *texture = textureFromVariant(result)) {
+                EXPECT_NE(texture->textureID(), 0u);
+            }
+        }
+    }
+}
+
+TEST_P(EveryPassLives, OutputsOfAReleasedContextReadAsEmptyInAnother)
+{
+    Consumers consumers(*main);
+    auto pass = bare();
+    std::vector<QVariant> values;
+    {
+        Home other;
+        ASSERT_TRUE(other.enter());
+        connect(*pass, other);
+        pass->setup(nullptr);
+        frame(*pass, other);
+        values = outputsOf(*pass);
+    }
+    ASSERT_TRUE(main->enter());
+    const std::vector<QVariant> now = outputsOf(*pass);
+    for (size_t i = 0; i < now.size(); ++i) {
+        if (const Texture *texture = textureFromVariant(now[i])) {
+            EXPECT_EQ(texture->textureID(), 0u) << i;
+        }
+        consumers.take(now[i], *main);
+        consumers.take(values[i], *main);
+    }
+}
+
+TEST_P(EveryPassLives, OutputsFromATrimmedPoolReadAsEmpty)
+{
+    Consumers consumers(*main);
+    auto pass = make(*main);
+    frame(*pass, *main);
+    const std::vector<QVariant> values = outputsOf(*pass);
+    TextureManager::Instance().trim(-1);
+    const std::vector<QVariant> now = outputsOf(*pass);
+    for (size_t i = 0; i < now.size(); ++i) {
+        if (const Texture *texture = textureFromVariant(now[i])) {
+            EXPECT_TRUE(is("TextureLoaderRenderPass") || texture->textureID() != 0) << i;
+        }
+        consumers.take(now[i], *main);
+        consumers.take(values[i], *main);
+    }
+    EXPECT_EQ(frame(*pass, *main), want);
+}
+
+TEST_P(EveryPassLives, SlotsThatNameWhatIsGoneReadAsEmpty)
+{
+    const std::vector<InputRow> all = inputs();
+    for (size_t i = 0; i < all.size(); ++i) {
+        const ::testing::ScopedTrace trace(__FILE__, __LINE__, all[i].name);
+        const bool isScreen = qstrcmp(all[i].name, "Kvo_KvoFramebuffer*_FramebufferOut") == 0;
+        const bool isDrawnTo = qstrcmp(all[i].name, "Kvo_KvoTexture*_TextureOut") == 0;
+        QMetaType type = all[i].type;
+        const auto withObject = [&](auto &&use) {
+            if (type == QMetaType::fromType<Texture *>()) {
+                auto texture = makeSolidTexture(kWidth, kHeight, {0.9f, 0.1f, 0.1f, 1});
+                use(textureToVariant(texture.get()), texture);
+            } else if (type == QMetaType::fromType<GPUModel *>()) {
+                auto model = std::make_unique<GPUModel>();
+                EXPECT_TRUE(model->upload(quadScene()));
+                use(QVariant::fromValue(model.get()), model);
+            } else if (type == QMetaType::fromType<DrawBuffers *>()) {
+                auto builder = std::make_unique<PrimitiveBuilderRenderPass>();
+                builder->addQuad(1, {});
+                runFrame(*builder);
+                use(builder->output(0), builder);
+            }
+        };
+        if (isScreen || isDrawnTo)
+            continue; // without it the pass would draw to the window, and there is none
+        withObject([&](const QVariant &value, auto &object) {
+            const MessageCapture messages; // shadow passes report a missing model
+            Picture wantEmpty;
+            Picture wantNull;
+            {
+                const auto empty = make(*main);
+                empty->setInput(int(i), QVariant());
+                wantEmpty = frame(*empty, *main);
+                const auto null = make(*main);
+                null->setInput(int(i), value.metaType() == QMetaType(QMetaType::QObjectStar)
+                                           ? QVariant::fromValue<QObject *>(nullptr)
+                                           : QVariant(value.metaType(), nullptr));
+                wantNull = frame(*null, *main);
+            }
+            auto wired = make(*main);
+            wired->setInput(int(i), value);
+            frame(*wired, *main);
+            auto late = make(*main);
+            object.reset();
+            settledObjects();
+            late->setInput(int(i), value);
+            for (RenderPassHelper *pass : {wired.get(), late.get()}) {
+                const Picture shown = frame(*pass, *main);
+                const bool isEmpty = shown == wantEmpty || shown == wantNull;
+                EXPECT_TRUE(isEmpty) << (pass == late.get() ? "connected afterwards: " : "connected before: ")
+                                     << ::testing::PrintToString(shown)
+                                     << "\nnot connected: " << ::testing::PrintToString(wantEmpty);
+                pass->setInput(int(i), right(all[i], *main));
+                EXPECT_EQ(frame(*pass, *main), want);
+            }
+        });
+    }
+}
+
+// Many lives
+
+TEST_P(EveryPassLives, AThousandLivesLeaveNothing)
+{
+    constexpr int kLives = 1000;
+    // Programs of the same texts are shared by the passes that live: this one saves the others the compiler.
+    const auto keeper = make(*main);
+    frame(*keeper, *main);
+    std::string objects;
+    qint64 bytes = 0;
+    for (int i = 0; i < kLives; ++i) {
+        if (i == 10) {
+            objects = settledObjects();
+            bytes = residentBytes();
+        }
+        const auto pass = make(*main);
+        runFrame(*pass);
+        end(*pass);
+    }
+    EXPECT_EQ(settledObjects(), objects);
+    if (kMemoryCanBeMeasured) {
+        // Heap and driver settle in pages of their own; a leak of 600 bytes a life would show.
+        EXPECT_LT(residentBytes() - bytes, 600 * 1024) << "after " << kLives << " lives";
+    }
+}
+
+TEST_P(EveryPassLives, TenThousandSizesLeaveNothing)
+{
+    if (!hasViewport())
+        return;
+    const auto pass = make(*main);
+    std::string objects;
+    qint64 bytes = 0;
+    constexpr int kSizes = 10000;
+    for (int i = 0; i <= kSizes; ++i) {
+        if (i % 1000 == 10) {
+            // the pool keeps a texture of every size until it is trimmed
+            const std::string now = settledObjects();
+            if (i == 10) {
+                objects = now;
+                bytes = residentBytes();
+            }
+        }
+        pass->setInput(0, QRect(0, 0, 4 + i % 7, 4 + i % 5));
+        runFrame(*pass);
+    }
+    pass->setInput(0, QRect(0, 0, 4 + 9 % 7, 4 + 9 % 5)); // as it was at the start of the count
+    runFrame(*pass);
+    EXPECT_EQ(settledObjects(), objects);
+    if (kMemoryCanBeMeasured) {
+        // A leak of 100 bytes for each change would show.
+        EXPECT_LT(residentBytes() - bytes, 1024 * 1024) << "after " << kSizes << " sizes";
+    }
+}
+
+} // namespace Brevane::Kvo
