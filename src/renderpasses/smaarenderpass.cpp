@@ -313,6 +313,8 @@ void SMAARenderPass::setup(RenderCallbacks *)
 {
     if (!ContextScope())
         return;
+    _colorHistory.clear();
+    _packedVelocityHistory.clear();
     if (_mode == kTemporal) {
         for (int i = 0; i < kHistoryLength; ++i)
             _colorHistory.append(PooledTexture(takeImage(int(TextureFormat::Result))));
