@@ -10,6 +10,7 @@
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QColor>
@@ -20,6 +21,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("BlendRenderPass");
 
 const QString kVersion = QStringLiteral("#version 150\n");
 
@@ -284,6 +287,7 @@ void BlendRenderPass::start(RenderCallbacks *)
     }
 
     made(_fbo, "BlendRenderPass");
+    const NeutralState neutral(kState);
     AutoBinder fbo(_fbo);
     Texture *target = tempTexture(TextureFormat::Frame, extent);
     _fbo->attach(target, GL_COLOR_ATTACHMENT0, 0);

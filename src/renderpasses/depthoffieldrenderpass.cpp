@@ -9,6 +9,7 @@
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QColor>
@@ -19,6 +20,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("DepthOfFieldRenderPass");
 
 enum Input { kViewport, kFrame, kDepth, kFocalDepth, kFocalLength, kFStop, kAutoFocus, kFocus };
 enum Output { kFrameOut };
@@ -301,6 +304,7 @@ void DepthOfFieldRenderPass::start(RenderCallbacks *)
     fetchOnce(_quad, Quad::Screen, _program);
 
     if (!extent.isEmpty() && depth && _quad) {
+        const NeutralState neutral(kState);
         AutoBinder fbo(_fbo);
         _fbo->setDrawBuffers();
         glDisable(GL_DEPTH_TEST);

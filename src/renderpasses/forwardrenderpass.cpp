@@ -9,6 +9,7 @@
 #include "passkit/lighting.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QMatrix4x4>
@@ -18,6 +19,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("ForwardRenderPass");
 
 enum Input { kViewport, kProjectionMatrix, kCameraMatrix, kGeometry };
 enum Output { kFrame, kId };
@@ -101,6 +104,7 @@ void ForwardRenderPass::start(RenderCallbacks *)
     buildOnce(_shaderProgram, forwardProgram());
 
     if (!extent.isEmpty()) {
+        const NeutralState neutral(kState);
         AutoBinder fbo(_fbo);
         _fbo->setDrawBuffers();
         glClearColor(0.0f, 0.0f, 0.0f, 0.0f);

@@ -9,6 +9,7 @@
 #include "passkit/glstate.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QColor>
@@ -18,6 +19,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("GradientRenderPass");
 
 enum Input { kViewport, kColorTop, kColorBottom };
 enum Output { kFrame };
@@ -106,6 +109,7 @@ void GradientRenderPass::start(RenderCallbacks *)
     const QVariant top = _inputs[kColorTop].value;
     const QVariant bottom = _inputs[kColorBottom].value;
     if (hasValue(top) && !extent.isEmpty()) {
+        NeutralState neutral(kState);
         AutoBinder fbo(_fbo);
         _fbo->setDrawBuffers();
         glViewport(0, 0, extent.width, extent.height);

@@ -10,6 +10,7 @@
 #include "passkit/glstate.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QRect>
@@ -22,6 +23,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("LuminanceAverageRenderPass");
 
 constexpr TargetFormat kTarget{GL_RGBA32F, GL_BGRA, GL_FLOAT, GL_NEAREST};
 constexpr int kReduction = 8;
@@ -138,6 +141,7 @@ void LuminanceAverageRenderPass::start(RenderCallbacks *)
         texture = _fallbackTexture;
     }
 
+    const NeutralState neutral(kState);
     made(_reductionFbo, "LuminanceAverageRenderPass reduction");
     // Not below one texel: the shader divides by it.
     const int reducedWidth = std::max(1, extent.width / kReduction);
@@ -158,8 +162,6 @@ void LuminanceAverageRenderPass::start(RenderCallbacks *)
         replaceTarget(_averageFbo, GL_COLOR_ATTACHMENT0, kTarget, {_averageWidth, _averageHeight});
         // What is read before anything was drawn: the second step may miss the texel.
         _averageFbo->setDrawBuffers();
-        openColorMask();
-        AutoDisabler scissor(GL_SCISSOR_TEST);
         constexpr float kNothing[4] = {};
         glClearBufferfv(GL_COLOR, 0, kNothing);
     }

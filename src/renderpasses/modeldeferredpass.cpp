@@ -9,6 +9,7 @@
 #include "passkit/lighting.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <epoxy/gl.h>
@@ -16,6 +17,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("ModelDeferredPass");
 
 enum Input { kViewport, kProjectionMatrix, kCameraMatrix, kDiffuse, kSpecular, kNormal, kDepth };
 enum Output { kFrame };
@@ -106,6 +109,7 @@ void ModelDeferredPass::start(RenderCallbacks *)
     fetchOnce(_quad, Quad::Screen, _shaderProgram);
 
     if (!extent.isEmpty()) {
+        const NeutralState neutral(kState);
         AutoBinder fbo(_fbo);
         _fbo->setDrawBuffers();
         glDisable(GL_DEPTH_TEST);

@@ -13,6 +13,7 @@
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QMatrix4x4>
@@ -26,6 +27,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("ScalableAmbientObscuranceRenderPass");
 
 enum Input {
     kViewport,
@@ -320,6 +323,7 @@ void ScalableAmbientObscuranceRenderPass::draw(Texture *depth, Texture *position
     const int logMaxOffset = _inputs[kNumLogMaxOffset].value.toInt();
     const float numSpiralTurns = std::trunc(_inputs[kNumSpiralTurns].value.toFloat());
 
+    const NeutralState neutral(kState);
     AutoBinder boundDepth(depth);
     const bool multisampled = depth->target() == GL_TEXTURE_2D_MULTISAMPLE;
     ShaderProgram *const program = multisampled ? _shaderProgramMS : _shaderProgramSS;

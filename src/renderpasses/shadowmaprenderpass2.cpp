@@ -13,9 +13,11 @@
 #include "gl/vertexarrayobject.h"
 #include "model/gpumodel.h"
 #include "passkit/glstate.h"
+#include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/shadowcasters.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QByteArray>
@@ -28,6 +30,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("ShadowMapRenderPass2");
 
 enum Input {
     kGeometry,
@@ -438,9 +442,8 @@ void ShadowMapRenderPass2::start(RenderCallbacks *)
     }
 
     if (render && _layerCount != 0) {
-        GLint viewport[4] = {};
-        glGetIntegerv(GL_VIEWPORT, viewport);
-        glViewport(0, 0, _mapSize.width(), _mapSize.height());
+        NeutralState neutral(kState);
+        TargetViewport targetViewport({_mapSize.width(), _mapSize.height()});
         bool drawn = false;
         {
             AutoBinder fbo(_fbo);
@@ -450,9 +453,11 @@ void ShadowMapRenderPass2::start(RenderCallbacks *)
             else
                 drawn = _drawCasters(model, instanceData);
         }
-        if (drawn)
+        if (drawn) {
+            neutral.leave({StatePiece::Blending, StatePiece::FaceCulling, StatePiece::DepthClamp, StatePiece::DepthMask,
+                           StatePiece::ColorMask});
             _blurShadowMapArray(_mapSize, FilterType(qvariant_cast<int>(_inputs[kFilterType].value)));
-        glViewport(viewport[0], viewport[1], std::max(viewport[2], 0), std::max(viewport[3], 0));
+        }
     }
     _renderData.setProjectionTexture(_shadowMapArray);
     _outputs[0].value = QVariant::fromValue(static_cast<QObject *>(&_renderData));

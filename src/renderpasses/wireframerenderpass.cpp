@@ -9,6 +9,7 @@
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QColor>
@@ -19,6 +20,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("WireframeRenderPass");
 
 // Perspective cameras put noise into the blue channel, so it is compared with a threshold.
 const QString kFragmentShader = QStringLiteral(R"(#version 150
@@ -141,6 +144,7 @@ void WireframeRenderPass::start(RenderCallbacks *)
     }
 
     made(_fbo, "WireframeRenderPass");
+    const NeutralState neutral(kState);
     AutoBinder fbo(_fbo);
     Texture *target = tempTexture(TextureFormat::Result, extent);
     _fbo->attach(target, GL_COLOR_ATTACHMENT0, 0);
