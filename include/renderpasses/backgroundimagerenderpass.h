@@ -42,8 +42,10 @@ class Texture;
 /// after that has no effect. One that cannot be loaded counts as transparent black and is tried again in
 /// the next frame. Frame, depth and normal image are given back to the pool.
 ///
-/// Leaves changed: viewport, depth test off, depth mask off, stencil test off, stencil function (equal, 0,
-/// 0xff), all stencil operations keep, stencil mask 0. Needs OpenGL 3.2.
+/// Leaves changed: depth test (off), depth mask (closed), stencil test (off), viewport (the size of the
+/// target), stencil function (equal to 0), stencil operation (keep), stencil mask (closed).
+///
+/// Needs OpenGL 3.2.
 class KVO_RENDERPASSES_EXPORT BackgroundImageRenderPass : public RenderPassHelper
 {
 public:

@@ -32,7 +32,10 @@ class Texture;
 /// not with its alpha. SoftLight, ColorDodge and ColorBurn divide by the destination's alpha: pixels
 /// that frame B does not cover are undefined there. Inputs are given back to the pool.
 ///
-/// Leaves changed: viewport, depth test and blending off. Needs OpenGL 3.2.
+/// Leaves changed: depth test (off), blending (off), viewport (the rectangle of the input). Of the host's
+/// state count: clear colour.
+///
+/// Needs OpenGL 3.2.
 class KVO_RENDERPASSES_EXPORT BlendRenderPass : public RenderPassHelper
 {
 public:

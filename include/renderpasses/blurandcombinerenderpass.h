@@ -24,8 +24,9 @@ class Texture;
 /// Both blur stages apply the amount, so the glow scales with its square: 0.5 adds a quarter of the
 /// blurred image. Luminance has the weights 0.2125, 0.7154, 0.0721. Inputs are given back to the pool.
 ///
-/// Leaves changed: depth test off, depth mask 0; the filters of both inputs linear and their wrap
-/// clamped. Needs OpenGL 3.2.
+/// Leaves changed: depth test (off), depth mask (closed). Of the host's state count: clear colour.
+///
+/// The filters of both inputs stay linear, and their wrap clamped. Needs OpenGL 3.2.
 class KVO_RENDERPASSES_EXPORT BlurAndCombineRenderPass : public BlurBaseRenderPass
 {
 public:

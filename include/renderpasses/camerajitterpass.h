@@ -31,6 +31,8 @@ namespace Brevane::Kvo {
 /// The positions of mode 2 are (0.25, -0.25) and (-0.25, 0.25) pixels. Random offsets lie within half a
 /// pixel and come from rand(): a host that seeds it gets the same frames again. The viewport must not be
 /// empty.
+///
+/// Leaves no state of GL changed.
 class KVO_RENDERPASSES_EXPORT CameraJitterPass : public RenderPassHelper
 {
 public:

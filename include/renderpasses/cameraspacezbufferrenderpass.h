@@ -29,7 +29,8 @@ class ShaderProgram;
 /// units of the scene, with z negative in front of the camera. The output carries the references of its
 /// users; with none the pool may reuse it at once. The depth texture is given back to the pool.
 ///
-/// Leaves changed: viewport, stencil test off, depth mask closed. Blending is left as the host has it.
+/// Leaves changed: stencil test (off), depth mask (closed), viewport (the size of the target).
+///
 /// Needs OpenGL 3.2.
 class KVO_RENDERPASSES_EXPORT CameraSpaceZBufferRenderPass : public RenderPassHelper
 {

@@ -40,7 +40,9 @@ class Texture;
 /// dropped before the end of the pass.
 ///
 /// Loading happens inside start, on the GL thread, through pixel buffers. The pass owns all its textures.
-/// State of GL is left as found. Needs OpenGL 3.2.
+/// Needs OpenGL 3.2.
+///
+/// Leaves no state of GL changed.
 class KVO_RENDERPASSES_EXPORT CubemapLoaderRenderPass : public RenderPassHelper
 {
 public:

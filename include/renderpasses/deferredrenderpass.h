@@ -42,7 +42,9 @@ class Texture;
 /// A size change replaces the texture. The pass sets neither the GL viewport nor the clear colour.
 /// Texture inputs are not given back to the pool.
 ///
-/// Leaves changed: depth test off. Needs OpenGL 3.2.
+/// Leaves changed: depth test (off). Of the host's state count: viewport, clear colour.
+///
+/// Needs OpenGL 3.2.
 class KVO_RENDERPASSES_EXPORT DeferredRenderPass : public RenderPassHelper
 {
 public:

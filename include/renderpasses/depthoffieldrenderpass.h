@@ -34,7 +34,10 @@ class ShaderProgram;
 /// is undefined. A missing depth texture reads as the far plane. Nothing is given back to the pool, and
 /// the output is overwritten in the next frame. The image's filters are put back.
 ///
-/// Leaves changed: viewport, depth test off. Needs OpenGL 3.2.
+/// Leaves changed: depth test (off), viewport (the size of the target). Of the host's state count: clear
+/// colour.
+///
+/// Needs OpenGL 3.2.
 class KVO_RENDERPASSES_EXPORT DepthOfFieldRenderPass : public RenderPassHelper
 {
 public:

@@ -27,8 +27,10 @@ class ShaderProgram;
 /// |---|--------------------------|--------------------------------------------------------------|
 /// | 0 | Kvo_KvoTexture*_Frame    | pool format 3; alpha is the larger of the source's and the luma |
 ///
-/// The image's filters are put back; the image is given back to the pool. Leaves changed: viewport,
-/// depth test off. Needs OpenGL 3.2.
+/// The image's filters are put back; the image is given back to the pool. Needs OpenGL 3.2.
+///
+/// Leaves changed: depth test (off), viewport (the size of the target). Of the host's state count: clear
+/// colour.
 class KVO_RENDERPASSES_EXPORT FastApproximateAntiAliasingRenderPass : public RenderPassHelper
 {
 public:

@@ -26,7 +26,9 @@ class ShaderProgram;
 /// Normals are interpolated and not made unit length again. The pass does not set the GL viewport. Its
 /// GL objects are not freed with the pass (copies share them): the device context frees them.
 ///
-/// Leaves changed: clear colour; the depth test is put back. Needs OpenGL 3.2.
+/// Leaves changed: clear colour (transparent black). Of the host's state count: viewport.
+///
+/// Needs OpenGL 3.2.
 class KVO_RENDERPASSES_EXPORT ForwardRenderPass : public RenderPassHelper
 {
 public:

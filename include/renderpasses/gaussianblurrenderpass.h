@@ -23,8 +23,11 @@ namespace Brevane::Kvo {
 /// Where the stencil does not hold the material the result is opaque black. Inputs are given back to
 /// the pool, except a stencil texture that is wired with a negative material: its reference stays.
 ///
-/// Leaves changed: depth test off, depth mask 0, clear colour (0, 0, 0, 1); with a stencil also stencil
-/// test off and stencil mask 0; the input's filter linear and its wrap clamped. Needs OpenGL 3.2.
+/// Leaves changed: depth test (off), depth mask (closed), clear colour (opaque black); with a stencil:
+/// stencil test (off), stencil function (equal to the material's number), stencil operation (keep), stencil
+/// mask (closed). Of the host's state count: clear colour.
+///
+/// The input's filter stays linear, and its wrap clamped. Needs OpenGL 3.2.
 class KVO_RENDERPASSES_EXPORT GaussianBlurRenderPass : public BlurBaseRenderPass
 {
 public:

@@ -35,7 +35,9 @@ class ShaderProgram;
 ///
 /// The targets belong to the pass until it is destroyed; the device context frees them.
 ///
-/// Leaves changed: viewport; with anything connected, or a list that is not empty, the depth test on.
+/// Leaves changed: viewport (the size of the target); with geometry: depth test (on). Of the host's state
+/// count: clear colour.
+///
 /// Needs OpenGL 3.2.
 class KVO_RENDERPASSES_EXPORT GBufferRenderPass : public RenderPassHelper
 {

@@ -29,8 +29,11 @@ class ShaderProgram;
 /// gradient keeps the alphas of its colours. A size change replaces the texture. Error code -1 records
 /// a failed draw.
 ///
-/// Leaves changed: viewport; depth test, stencil test, blending and face culling off; colour mask open;
-/// on the solid path also the scissor test off and the clear colour. Needs OpenGL 3.2.
+/// Leaves changed: depth test (off), stencil test (off), blending (off), face culling (off), colour mask
+/// (open), viewport (the size of the target); with a solid colour: scissor test (off), clear colour (the
+/// solid colour). Of the host's state count: with a gradient: scissor test, scissor box.
+///
+/// Needs OpenGL 3.2.
 class KVO_RENDERPASSES_EXPORT GradientRenderPass : public RenderPassHelper
 {
 public:

@@ -39,8 +39,10 @@ class Texture;
 ///
 /// start waits for the GPU: the number is of this frame.
 ///
-/// Leaves changed: viewport; depth test, stencil test, blending and face culling off; colour mask open.
 /// Texture inputs are not given back to the pool. Needs OpenGL 3.2.
+///
+/// Leaves changed: depth test (off), stencil test (off), blending (off), face culling (off), colour mask
+/// (open), viewport (one pixel at the corner of the input's rectangle).
 class KVO_RENDERPASSES_EXPORT LuminanceAverageRenderPass : public RenderPassHelper
 {
 public:

@@ -33,7 +33,9 @@ class Texture;
 /// All three textures should be connected; with one missing the frame is cleared and left so. Texture
 /// inputs are not given back to the pool. The pass does not set the GL viewport or the clear colour.
 ///
-/// Leaves changed: depth test off. Needs OpenGL 3.2.
+/// Leaves changed: depth test (off). Of the host's state count: viewport, clear colour.
+///
+/// Needs OpenGL 3.2.
 class KVO_RENDERPASSES_EXPORT ModelDeferredPass : public RenderPassHelper
 {
 public:

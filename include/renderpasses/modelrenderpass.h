@@ -31,7 +31,10 @@ class ShaderProgram;
 /// The pass does not set the GL viewport: the host does, to the size of input 0. The targets belong to
 /// the pass until it is destroyed; the device context frees them.
 ///
-/// Leaves changed: clear colour; with a model the depth test on. Needs OpenGL 3.2.
+/// Leaves changed: clear colour (transparent black); with a model: depth test (on). Of the host's state
+/// count: viewport.
+///
+/// Needs OpenGL 3.2.
 class KVO_RENDERPASSES_EXPORT ModelRenderPass : public RenderPassHelper
 {
 public:

@@ -29,7 +29,9 @@ class DrawBuffers;
 /// The geometry belongs to the pass. A start after a change of the primitives replaces it, and a pointer
 /// that somebody kept from before is dangling then.
 ///
-/// Leaves no GL state changed. Needs OpenGL 3.2.
+/// Leaves no state of GL changed.
+///
+/// Needs OpenGL 3.2.
 class KVO_RENDERPASSES_EXPORT PrimitiveBuilderRenderPass : public RenderPassHelper
 {
 public:

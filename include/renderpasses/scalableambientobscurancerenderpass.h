@@ -57,8 +57,8 @@ class Texture;
 /// the log at every start. With 0 taps the sum is empty. The output carries the references of its users;
 /// depth, positions and normals are given back to the pool.
 ///
-/// Leaves changed: viewport; clear colour transparent black; depth mask closed; stencil test off, stencil
-/// function, operation and mask. The depth test is put back.
+/// Leaves changed: stencil test (off), depth mask (closed), clear colour (transparent black), viewport (the
+/// size of the target), stencil function (equal to 1), stencil operation (keep), stencil mask (closed).
 class KVO_RENDERPASSES_EXPORT ScalableAmbientObscuranceRenderPass : public RenderPassHelper
 {
 public:

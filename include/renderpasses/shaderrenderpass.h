@@ -47,9 +47,11 @@ class Texture;
 /// Outputs are in typed form and carry the references of their users. Every texture input is given back
 /// to the pool. Connected textures keep what a draw sets on them: linear filters, wrap clamped to the edge.
 ///
-/// Leaves changed: viewport, depth test off, blending off, the blend function with a blend mode other
-/// than BlendNone. Clears with the clear colour of the moment. Needs OpenGL 3.2; tessellation stages need
+/// Clears with the clear colour of the moment. Needs OpenGL 3.2; tessellation stages need
 /// GL_ARB_tessellation_shader, and geometry of GL_PATCHES: anything else is not drawn with them.
+///
+/// Leaves changed: depth test (off), blending (off), viewport (the size of the target); with a blend mode:
+/// blend function (that of the mode). Of the host's state count: clear colour, patches.
 class KVO_RENDERPASSES_EXPORT ShaderRenderPass : public RenderPassHelper
 {
 public:

@@ -69,9 +69,10 @@ class Texture;
 /// build is logged through qDebug, in its first frame only, and then used as it is: without the program for
 /// casters that frame has no output.
 ///
-/// Leaves changed in a frame that draws: clear colour; blending, face culling and depth clamp off; depth mask
-/// on; colour mask open. The viewport is put back. Without anything to draw only the clear colour. Needs
-/// OpenGL 3.2.
+/// Leaves changed: clear colour (the mark of an empty texel); with casters: blending (off), face culling
+/// (off), depth clamp (off), depth mask (open), colour mask (open).
+///
+/// Needs OpenGL 3.2.
 class KVO_RENDERPASSES_EXPORT ShadowMapRenderPass2 : public RenderPassHelper
 {
 public:

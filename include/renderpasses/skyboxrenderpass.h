@@ -42,9 +42,10 @@ class ShaderProgram;
 /// pool. Environments keep the sampling that a draw sets: the background a linear minification filter,
 /// the latitude-longitude map also its wrap (repeat across, clamped at the poles).
 ///
-/// Draws with GL's viewport as it is. Leaves changed: depth test off where a source is connected; stencil
-/// test off, stencil function (equal, 0, 0xff), all stencil operations keep, stencil mask 0. Needs
-/// OpenGL 3.2.
+/// Leaves changed: stencil test (off), stencil function (equal to 0), stencil operation (keep), stencil mask
+/// (closed); with a source: depth test (off). Of the host's state count: viewport.
+///
+/// Needs OpenGL 3.2.
 class KVO_RENDERPASSES_EXPORT SkyboxRenderPass : public RenderPassHelper
 {
 public:

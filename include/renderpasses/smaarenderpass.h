@@ -42,8 +42,11 @@ class Texture;
 /// velocities. Everything is rebuilt when size, mode, transparency or the presence of a predicate change;
 /// what a rebuild lets go without deleting goes to the device context. Inputs are given back to the pool.
 ///
-/// Leaves changed: viewport; depth test, blending and stencil test off; stencil mask 0; stencil function
-/// and operation; clear colour and clear stencil; filters of frame and depth linear. Needs OpenGL 3.2.
+/// Leaves changed: depth test (off), blending (off), stencil test (off), clear colour (transparent black),
+/// clear stencil (0), stencil operation (keep, keep, replace), stencil function (equal to 1), stencil mask
+/// (closed), viewport (the size of the target).
+///
+/// The filters of frame and depth stay linear. Needs OpenGL 3.2.
 class KVO_RENDERPASSES_EXPORT SMAARenderPass : public RenderPassHelper
 {
 public:

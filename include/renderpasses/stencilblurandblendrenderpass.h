@@ -23,8 +23,9 @@ class Texture;
 /// A covered texel at the edge of the mask still takes what lies outside into its sum. Alpha adds like
 /// the colours, and nothing is clamped. Inputs are given back to the pool.
 ///
-/// Leaves changed: depth test off, depth mask 0; the filter of the blurred input linear and its wrap
-/// clamped. Needs OpenGL 3.2.
+/// Leaves changed: depth test (off), depth mask (closed). Of the host's state count: clear colour.
+///
+/// The filter of the blurred input stays linear, and its wrap clamped. Needs OpenGL 3.2.
 class KVO_RENDERPASSES_EXPORT StencilBlurAndBlendRenderPass : public BlurBaseRenderPass
 {
 public:

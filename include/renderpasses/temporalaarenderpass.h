@@ -33,8 +33,12 @@ class ShaderProgram;
 /// The frame after a restart replaces the restart frame, which is often the least settled, and the mean
 /// begins there. The mean is made by blending with a constant. The frame is given back to the pool.
 ///
-/// Leaves changed, unless passing through: viewport, depth test off, depth mask open, blending off,
-/// blend function, equation and colour, clear colour after a restart. Needs OpenGL 3.2.
+/// Leaves changed: viewport (the size of the target); with a frame: depth test (off), depth mask (open),
+/// blending (off); after a change: clear colour (transparent black); in a still view: blend function (source
+/// by 1 - constant, target by constant), blend equation (add), blend colour (the weight of the frames so
+/// far).
+///
+/// Needs OpenGL 3.2.
 class KVO_RENDERPASSES_EXPORT TemporalAARenderPass : public RenderPassHelper
 {
 public:

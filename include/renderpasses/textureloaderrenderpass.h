@@ -28,7 +28,9 @@ class Texture;
 /// content.
 ///
 /// Loading happens inside start, on the GL thread. The pass owns the texture, which the library never
-/// writes to. State of GL is left as found. Needs OpenGL 3.2.
+/// writes to. Needs OpenGL 3.2.
+///
+/// Leaves no state of GL changed.
 class KVO_RENDERPASSES_EXPORT TextureLoaderRenderPass : public RenderPassHelper
 {
 public:

@@ -34,9 +34,12 @@ class Texture;
 /// reads blocks from the position in the target, not in the rectangle. With no texture the blit path
 /// clears the target, and the averaging path draws transparent black.
 ///
-/// The texture is given back to the pool. Leaves changed: framebuffer bindings 0; on the averaging path
-/// viewport, scissor box, colour mask open, and depth test, blending, stencil test and scissor test off.
-/// Needs OpenGL 3.2.
+/// The texture is given back to the pool. Needs OpenGL 3.2.
+///
+/// Leaves changed: draw framebuffer (0); when averaging: depth test (off), blending (off), stencil test
+/// (off), scissor test (off), colour mask (open), scissor box (the last rectangle), viewport (the last
+/// rectangle); when copying: read framebuffer (0). Of the host's state count: without a texture: clear
+/// colour.
 class KVO_RENDERPASSES_EXPORT TextureToScreenRenderPass : public RenderPassHelper
 {
 public:

@@ -40,8 +40,10 @@ class Texture;
 ///
 /// Opaque fragments are kept out of the sums by the depth test alone, so the depth function has to be
 /// strict (GL_LESS). The frame is cleared to the clear colour that is current. Does not set the GL
-/// viewport. Leaves changed: clear colour (0, 0, 0, 0); with a model, blend function (source by 1 -
-/// alpha, target by alpha) and depth writes on. Needs OpenGL 3.2.
+/// viewport. Needs OpenGL 3.2.
+///
+/// Leaves changed: clear colour (transparent black); with a model: depth mask (open), blend function (source
+/// by 1 - alpha, target by alpha). Of the host's state count: viewport, clear colour, depth function.
 class KVO_RENDERPASSES_EXPORT TransparencyRenderPass : public RenderPassHelper
 {
 public:

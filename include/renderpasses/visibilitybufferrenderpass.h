@@ -45,8 +45,11 @@ class Texture;
 /// the extensions the nearest fragment is kept (by the current depth function), as a list of one node
 /// with draw 0, in a node buffer of the size of the viewport.
 ///
-/// Runs under the GL viewport, depth function, culling and blending that the host has set. Leaves
-/// changed: clear colour; the depth test is on when there was a model. Needs OpenGL 3.2.
+/// Leaves changed: clear colour (transparent black); with a model: depth test (on). Of the host's state
+/// count: viewport, depth function, face culling, culled face, front face, blending, blend function, blend
+/// equation, blend colour.
+///
+/// Needs OpenGL 3.2.
 class KVO_RENDERPASSES_EXPORT VisibilityBufferRenderPass : public RenderPassHelper
 {
 public:

@@ -46,7 +46,9 @@ class UniformBufferObject;
 /// (3276 with the usual 64 KiB); for a model with more, that is reported once, and fragments of the
 /// draws beyond are shaded with normal and texture coordinate 0.
 ///
-/// Runs under the host's GL viewport; the depth test is put back. Needs OpenGL 3.2.
+/// Leaves no state of GL changed. Of the host's state count: viewport, clear colour.
+///
+/// Needs OpenGL 3.2.
 class KVO_RENDERPASSES_EXPORT VisibilityDeferredRenderPass : public RenderPassHelper
 {
 public:

@@ -30,8 +30,9 @@ class ShaderProgram;
 /// follows as it was. Fragments of equal depth come in the order that the steps of the sort give.
 ///
 /// Without ARB_shader_atomic_counters, ARB_shader_image_load_store and ARB_shading_language_420pack the
-/// lists have one node: no GL call is made. Runs under the host's GL viewport. Leaves changed: the depth
-/// test is on. Needs OpenGL 3.2.
+/// lists have one node: no GL call is made. Needs OpenGL 3.2.
+///
+/// Leaves changed: depth test (on). Of the host's state count: viewport.
 class KVO_RENDERPASSES_EXPORT VisibilitySortRenderPass : public RenderPassHelper
 {
 public:

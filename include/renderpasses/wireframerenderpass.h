@@ -28,7 +28,10 @@ class ShaderProgram;
 ///
 /// At the border neighbours are read as the id texture's wrap says. The input is given back to the pool.
 ///
-/// Leaves changed: viewport, depth test off. Needs OpenGL 3.2.
+/// Leaves changed: depth test (off), viewport (the rectangle of the input). Of the host's state count: clear
+/// colour.
+///
+/// Needs OpenGL 3.2.
 class KVO_RENDERPASSES_EXPORT WireframeRenderPass : public RenderPassHelper
 {
 public:

@@ -120,6 +120,7 @@ public:
     ShaderProgram *boundProgram = nullptr;
     int version = 0;
     bool hasSamplerObjects = false;
+    quint64 stateValues = 0; ///< The values of host state that there are; 0: not asked yet.
 
 private:
     explicit ContextState(NativeContext native);

@@ -4,6 +4,7 @@
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
+#include "gl/hoststate.h"
 #include "gl/pixelstore.h"
 #include "gl/texture.h"
 #include "gl/vertexarrayobject.h"
@@ -91,13 +92,13 @@ bool beginStage(FramebufferObject *framebuffer, Texture *output, const Extent &e
 
 TargetViewport::TargetViewport(const Extent &extent)
 {
-    glGetIntegerv(GL_VIEWPORT, _before);
-    glViewport(0, 0, extent.width, extent.height);
+    glGetFloatv(GL_VIEWPORT, _before);
+    setFirstViewport({0.0f, 0.0f, float(extent.width), float(extent.height)});
 }
 
 TargetViewport::~TargetViewport()
 {
-    glViewport(_before[0], _before[1], _before[2], _before[3]);
+    setFirstViewport(_before);
 }
 
 } // namespace Brevane::Kvo

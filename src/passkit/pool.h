@@ -56,7 +56,8 @@ void enableArrays(DrawBuffers &quad, const ShaderProgram *program);
 /// and nothing left attached, for an empty target.
 bool beginStage(FramebufferObject *framebuffer, Texture *output, const Extent &extent);
 
-/// Sets the GL viewport to a target of another size than the host's for the scope.
+/// Sets the GL viewport to a target of another size than the host's for the scope; where a context has
+/// several viewports, the first.
 class TargetViewport
 {
 public:
@@ -66,7 +67,7 @@ public:
     TargetViewport &operator=(const TargetViewport &) = delete;
 
 private:
-    int _before[4] = {};
+    float _before[4] = {};
 };
 
 } // namespace Brevane::Kvo

@@ -11,6 +11,7 @@
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QColor>
@@ -20,6 +21,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("BackgroundImageRenderPass");
 
 enum Input {
     kViewport,
@@ -168,6 +171,7 @@ void BackgroundImageRenderPass::start(RenderCallbacks *callbacks)
     }
 
     {
+        const NeutralState neutral(kState);
         AutoBinder fbo(_fbo);
         _fbo->setDrawBuffers();
         glViewport(0, 0, extent.width, extent.height);

@@ -11,6 +11,7 @@
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QColor>
@@ -21,6 +22,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("BlendRenderPass");
 
 const QString kVersion = QStringLiteral("#version 150\n");
 
@@ -285,6 +288,7 @@ void BlendRenderPass::start(RenderCallbacks *)
     }
 
     made(_fbo, "BlendRenderPass");
+    const NeutralState neutral(kState);
     AutoBinder fbo(_fbo);
     Texture *target = tempTexture(TextureFormat::Frame, extent);
     _fbo->attach(target, GL_COLOR_ATTACHMENT0, 0);

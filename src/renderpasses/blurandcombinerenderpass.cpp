@@ -10,6 +10,7 @@
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QVector2D>
@@ -19,6 +20,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("BlurAndCombineRenderPass");
 
 enum Input { kViewport, kNormalFrame, kBlurRadius, kGlowThreshold, kGlowAmount, kBlurFrame };
 enum Output { kOutput };
@@ -150,6 +153,7 @@ void BlurAndCombineRenderPass::start(RenderCallbacks *callbacks)
         _thresholdProgram = makeShaderProgram(kThresholdShader);
     fetchOnce(_quad, Quad::Screen);
 
+    const NeutralState neutral(kState);
     AutoBinder fbo(_fbo);
     TargetViewport targetViewport(extent);
     Texture *source = blurFrame;

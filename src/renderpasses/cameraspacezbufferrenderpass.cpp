@@ -10,6 +10,7 @@
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QColor>
@@ -20,6 +21,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("CameraSpaceZBufferRenderPass");
 
 enum Input { kViewport, kDepth, kProjectionMatrix };
 enum Output { kFrame };
@@ -98,6 +101,7 @@ void CameraSpaceZBufferRenderPass::start(RenderCallbacks *)
     // No depth reads as the far plane, the white texel of the manager.
     Texture *sampled = depth ? depth : TextureManager::Instance().solidTexture(QColor(Qt::white));
     if (!extent.isEmpty() && sampled && _screenQuad) {
+        const NeutralState neutral(kState);
         AutoBinder fbo(_fbo);
         _fbo->setDrawBuffers();
         glViewport(0, 0, _width, _height);

@@ -10,6 +10,7 @@
 #include "passkit/limits.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QColor>
@@ -20,6 +21,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("DeferredRenderPass");
 
 enum Input { kViewport, kProjectionMatrix, kCameraMatrix, kNormal, kTexCoord, kDepth };
 enum Output { kFrame };
@@ -125,6 +128,7 @@ void DeferredRenderPass::start(RenderCallbacks *)
     fetchOnce(_screenQuad, Quad::Screen, _shaderProgram);
 
     if (!extent.isEmpty() && normal && _screenQuad) {
+        const NeutralState neutral(kState);
         AutoBinder fbo(_fbo);
         _fbo->setDrawBuffers();
         glDisable(GL_DEPTH_TEST);

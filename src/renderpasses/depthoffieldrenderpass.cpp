@@ -10,6 +10,7 @@
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QColor>
@@ -20,6 +21,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("DepthOfFieldRenderPass");
 
 enum Input { kViewport, kFrame, kDepth, kFocalDepth, kFocalLength, kFStop, kAutoFocus, kFocus };
 enum Output { kFrameOut };
@@ -296,6 +299,7 @@ void DepthOfFieldRenderPass::start(RenderCallbacks *)
     fetchOnce(_quad, Quad::Screen, _program);
 
     if (!extent.isEmpty() && depth && _quad) {
+        const NeutralState neutral(kState);
         AutoBinder fbo(_fbo);
         _fbo->setDrawBuffers();
         glDisable(GL_DEPTH_TEST);

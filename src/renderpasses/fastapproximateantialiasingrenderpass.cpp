@@ -10,6 +10,7 @@
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <epoxy/gl.h>
@@ -17,6 +18,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("FastApproximateAntiAliasingRenderPass");
 
 enum Input { kViewport, kFrame, kSubPixelQuality, kRcpFrameQuality, kEdgeThresholdQuality, kEdgeThresholdMinQuality };
 enum Output { kFrameOut };
@@ -109,6 +112,7 @@ void FastApproximateAntiAliasingRenderPass::start(RenderCallbacks *)
     buildOnce(_program, fxaaProgram());
     fetchOnce(_quad, Quad::Screen, _program);
 
+    const NeutralState neutral(kState);
     AutoBinder fbo(_fbo);
     Texture *target = tempTexture(TextureFormat::Result, extent);
     _fbo->attach(target, GL_COLOR_ATTACHMENT0, 0);

@@ -10,6 +10,7 @@
 #include "passkit/limits.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QMatrix4x4>
@@ -19,6 +20,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("ForwardRenderPass");
 
 enum Input { kViewport, kProjectionMatrix, kCameraMatrix, kGeometry };
 enum Output { kFrame, kId };
@@ -99,6 +102,7 @@ void ForwardRenderPass::start(RenderCallbacks *)
     buildOnce(_shaderProgram, forwardProgram());
 
     if (!extent.isEmpty()) {
+        const NeutralState neutral(kState);
         AutoBinder fbo(_fbo);
         _fbo->setDrawBuffers();
         glClearColor(0.0f, 0.0f, 0.0f, 0.0f);

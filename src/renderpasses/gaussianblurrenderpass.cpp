@@ -10,6 +10,7 @@
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QVector2D>
@@ -19,6 +20,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("GaussianBlurRenderPass");
 
 enum Input { kViewport, kInput, kBlurRadius, kResolutionDivider, kStencil, kStencilMaterial };
 enum Output { kOutput };
@@ -80,7 +83,9 @@ void GaussianBlurRenderPass::start(RenderCallbacks *)
 
     made(_fbo, "GaussianBlurRenderPass");
     fetchOnce(_quad, Quad::Screen);
+    NeutralState neutral(kState);
     if (restricted) {
+        neutral.leave({StatePiece::StencilTest});
         glEnable(GL_STENCIL_TEST);
         glStencilFunc(GL_EQUAL, material + 1, 0xff);
         glStencilOp(GL_KEEP, GL_KEEP, GL_KEEP);

@@ -10,6 +10,7 @@
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QMatrix4x4>
@@ -19,6 +20,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("GBufferRenderPass");
 
 enum Input { kViewport, kProjectionMatrix, kCameraMatrix, kGeometry };
 enum Output { kNormal, kTexCoord, kDepth, kId };
@@ -124,11 +127,13 @@ void GBufferRenderPass::start(RenderCallbacks *)
     }
 
     if (!extent.isEmpty()) {
+        NeutralState neutral(kState);
         AutoBinder fbo(_fbo);
         _fbo->setDrawBuffers();
         glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
         if (count > 0) {
             glEnable(GL_DEPTH_TEST);
+            neutral.leave({StatePiece::DepthTest});
             AutoBinder program(_shaderProgram);
             _shaderProgram->setUniform(QStringLiteral("u_ProjectionMatrix"), projection);
             _shaderProgram->setUniform(QStringLiteral("u_CameraMatrix"), camera);

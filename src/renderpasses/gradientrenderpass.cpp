@@ -10,6 +10,7 @@
 #include "passkit/limits.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QColor>
@@ -19,6 +20,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("GradientRenderPass");
 
 enum Input { kViewport, kColorTop, kColorBottom };
 enum Output { kFrame };
@@ -102,6 +105,7 @@ void GradientRenderPass::start(RenderCallbacks *)
     const QVariant top = _inputs[kColorTop].value;
     const QVariant bottom = _inputs[kColorBottom].value;
     if (hasValue(top) && !extent.isEmpty()) {
+        NeutralState neutral(kState);
         AutoBinder fbo(_fbo);
         _fbo->setDrawBuffers();
         glViewport(0, 0, extent.width, extent.height);

@@ -11,6 +11,7 @@
 #include "passkit/limits.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QRect>
@@ -23,6 +24,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("LuminanceAverageRenderPass");
 
 constexpr TargetFormat kTarget{GL_RGBA32F, GL_BGRA, GL_FLOAT, GL_NEAREST};
 constexpr int kReduction = 8;
@@ -133,6 +136,7 @@ void LuminanceAverageRenderPass::start(RenderCallbacks *)
         texture = _fallbackTexture;
     }
 
+    const NeutralState neutral(kState);
     // Not below one texel: the shader divides by it.
     const int reducedWidth = std::max(1, extent.width / kReduction);
     const int reducedHeight = std::max(1, extent.height / kReduction);
@@ -151,8 +155,6 @@ void LuminanceAverageRenderPass::start(RenderCallbacks *)
         replaceTarget(_averageFbo, GL_COLOR_ATTACHMENT0, kTarget, {_averageWidth, _averageHeight});
         // What is read before anything was drawn: the second step may miss the texel.
         _averageFbo->setDrawBuffers();
-        openColorMask();
-        AutoDisabler scissor(GL_SCISSOR_TEST);
         constexpr float kNothing[4] = {};
         glClearBufferfv(GL_COLOR, 0, kNothing);
     }

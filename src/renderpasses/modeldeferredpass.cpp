@@ -10,6 +10,7 @@
 #include "passkit/limits.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <epoxy/gl.h>
@@ -17,6 +18,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("ModelDeferredPass");
 
 enum Input { kViewport, kProjectionMatrix, kCameraMatrix, kDiffuse, kSpecular, kNormal, kDepth };
 enum Output { kFrame };
@@ -101,6 +104,7 @@ void ModelDeferredPass::start(RenderCallbacks *)
     fetchOnce(_quad, Quad::Screen, _shaderProgram);
 
     if (!extent.isEmpty()) {
+        const NeutralState neutral(kState);
         AutoBinder fbo(_fbo);
         _fbo->setDrawBuffers();
         glDisable(GL_DEPTH_TEST);

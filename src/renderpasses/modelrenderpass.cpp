@@ -9,6 +9,7 @@
 #include "passkit/limits.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QMatrix4x4>
@@ -18,6 +19,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("ModelRenderPass");
 
 enum Input { kViewport, kProjectionMatrix, kCameraMatrix, kGeometry };
 enum Output { kDiffuse, kSpecular, kNormal, kDepth, kId };
@@ -132,12 +135,14 @@ void ModelRenderPass::start(RenderCallbacks *)
     }
 
     if (!extent.isEmpty()) {
+        NeutralState neutral(kState);
         AutoBinder fbo(_fbo);
         _fbo->setDrawBuffers();
         glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
         glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
         if (model) {
             glEnable(GL_DEPTH_TEST);
+            neutral.leave({StatePiece::DepthTest});
             AutoBinder program(_shaderProgram);
             _shaderProgram->setUniform(QStringLiteral("u_ProjectionMatrix"), projection);
             _shaderProgram->setUniform(QStringLiteral("u_CameraMatrix"), camera);

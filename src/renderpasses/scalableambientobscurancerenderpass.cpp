@@ -14,6 +14,7 @@
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QMatrix4x4>
@@ -27,6 +28,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("ScalableAmbientObscuranceRenderPass");
 
 enum Input {
     kViewport,
@@ -312,6 +315,7 @@ void ScalableAmbientObscuranceRenderPass::draw(Texture *depth, Texture *position
     const float numSpiralTurns =
         std::trunc(numberOf(*this, kNumSpiralTurns, -kMostSpiralTurns, kMostSpiralTurns, 3.0f));
 
+    const NeutralState neutral(kState);
     AutoBinder boundDepth(depth);
     const bool multisampled = depth->target() == GL_TEXTURE_2D_MULTISAMPLE;
     ShaderProgram *const program = multisampled ? _shaderProgramMS : _shaderProgramSS;

@@ -11,6 +11,7 @@
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QColor>
@@ -23,6 +24,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("ShaderRenderPass");
 
 const QString kFragmentShader = QStringLiteral(R"(#version 150
 
@@ -236,6 +239,7 @@ void ShaderRenderPass::start(RenderCallbacks *)
         clear = true;
     }
 
+    const NeutralState neutral(kState);
     AutoBinder fbo(_fbo);
     const int targets = drawableTargets(int(_textureOutputs.size()));
     for (int t = 0; t < targets; ++t)

@@ -17,6 +17,7 @@
 #include "passkit/programs.h"
 #include "passkit/shadowcasters.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <epoxy/gl.h>
@@ -28,6 +29,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("ShadowMapRenderPass");
 
 enum Input {
     kGeometry,
@@ -385,8 +388,11 @@ void ShadowMapRenderPass::start(RenderCallbacks *)
         checkPlan(_instanceDataPlanName, _depthProgram);
     }
 
+    NeutralState neutral(kState);
     const bool drawn = !_mapSize.isEmpty() && (hasNoCasters(model) ? _clearMaps() : _drawMaps(model, instanceData));
     Texture *result = _shadowMapArray;
+    if (!hasNoCasters(model))
+        neutral.leave({StatePiece::Blending, StatePiece::FaceCulling, StatePiece::DepthClamp, StatePiece::DepthMask});
     if (drawn)
         result = _gaussBlurShadowMapArray(_mapSize, FilterType(qvariant_cast<int>(_inputs[kFilterType].value)), 1);
     _renderData.setProjectionTexture(result);

@@ -14,9 +14,11 @@
 #include "model/gpumodel.h"
 #include "passkit/glstate.h"
 #include "passkit/limits.h"
+#include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/shadowcasters.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QByteArray>
@@ -29,6 +31,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("ShadowMapRenderPass2");
 
 enum Input {
     kGeometry,
@@ -439,9 +443,8 @@ void ShadowMapRenderPass2::start(RenderCallbacks *)
     }
 
     if (render && _layerCount != 0 && !_mapSize.isEmpty()) {
-        GLint viewport[4] = {};
-        glGetIntegerv(GL_VIEWPORT, viewport);
-        glViewport(0, 0, _mapSize.width(), _mapSize.height());
+        NeutralState neutral(kState);
+        TargetViewport targetViewport({_mapSize.width(), _mapSize.height()});
         bool drawn = false;
         {
             AutoBinder fbo(_fbo);
@@ -451,9 +454,11 @@ void ShadowMapRenderPass2::start(RenderCallbacks *)
             else
                 drawn = _drawCasters(model, instanceData);
         }
-        if (drawn)
+        if (drawn) {
+            neutral.leave({StatePiece::Blending, StatePiece::FaceCulling, StatePiece::DepthClamp, StatePiece::DepthMask,
+                           StatePiece::ColorMask});
             _blurShadowMapArray(_mapSize, FilterType(qvariant_cast<int>(_inputs[kFilterType].value)));
-        glViewport(viewport[0], viewport[1], std::max(viewport[2], 0), std::max(viewport[3], 0));
+        }
     }
     _renderData.setProjectionTexture(_shadowMapArray);
     _outputs[0].value = QVariant::fromValue(static_cast<QObject *>(&_renderData));

@@ -10,6 +10,7 @@
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QMatrix4x4>
@@ -21,6 +22,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("SkyboxRenderPass");
 
 enum Input { kViewport, kProjectionMatrix, kCameraMatrix, kCubemap, kLatLongMap, kBackground, kFrame, kDepth };
 enum Output { kFrameOut };
@@ -127,33 +130,27 @@ const ProgramRecipe &backgroundProgram()
 }
 
 // For a depth target without a stencil: lets the quad, put at the far end of the depth range, pass only
-// where nothing is nearer. GL's depth state is as before afterwards.
+// where nothing is nearer. GL's depth state is the default before and after.
 class FarPlaneTest
 {
 public:
     FarPlaneTest() : _test(GL_DEPTH_TEST)
     {
-        glGetFloatv(GL_DEPTH_RANGE, _range);
-        glGetIntegerv(GL_DEPTH_FUNC, &_function);
-        glGetBooleanv(GL_DEPTH_WRITEMASK, &_mask);
         glDepthRange(1.0, 1.0);
         glDepthFunc(GL_LEQUAL);
         glDepthMask(GL_FALSE);
     }
     ~FarPlaneTest()
     {
-        glDepthRange(double(_range[0]), double(_range[1]));
-        glDepthFunc(GLenum(_function));
-        glDepthMask(_mask);
+        glDepthRange(0.0, 1.0);
+        glDepthFunc(GL_LESS);
+        glDepthMask(GL_TRUE);
     }
     FarPlaneTest(const FarPlaneTest &) = delete;
     FarPlaneTest &operator=(const FarPlaneTest &) = delete;
 
 private:
     AutoEnabler _test;
-    GLfloat _range[2] = {};
-    GLint _function = GL_LESS;
-    GLboolean _mask = GL_TRUE;
 };
 
 } // namespace
@@ -216,6 +213,7 @@ void SkyboxRenderPass::start(RenderCallbacks *callbacks)
         depth = tempTexture(TextureFormat::DepthStencil, extent);
     const GLenum depthPoint = ownsDepth ? GL_DEPTH_STENCIL_ATTACHMENT : depthAttachmentOf(depth);
 
+    NeutralState neutral(kState);
     AutoBinder fbo(_fbo);
     const bool hasTarget = _fbo->attach(frame, GL_COLOR_ATTACHMENT0, 0);
     _fbo->attach(depth, depthPoint, 0);
@@ -230,6 +228,7 @@ void SkyboxRenderPass::start(RenderCallbacks *callbacks)
             glStencilMask(0xff); // the mask that this pass leaves would hold off the clear
             glClearBufferfi(GL_DEPTH_STENCIL, 0, 1.0f, 0);
         }
+        neutral.leave({StatePiece::DepthTest});
         glDisable(GL_DEPTH_TEST);
     }
     glEnable(GL_STENCIL_TEST);

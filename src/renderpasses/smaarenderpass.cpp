@@ -13,6 +13,7 @@
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 #include "smaatables/smaatables.h"
 
@@ -21,6 +22,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("SMAARenderPass");
 
 enum Input {
     kViewport,
@@ -414,6 +417,7 @@ void SMAARenderPass::start(RenderCallbacks *callbacks)
     if (_historyIndex == 0)
         _previousViewProjection = viewProjection;
 
+    const NeutralState neutral(kState);
     disable({GL_DEPTH_TEST, GL_BLEND});
     glViewport(0, 0, _width, _height);
     _smaaMetrics = metricsOf(_width, _height);

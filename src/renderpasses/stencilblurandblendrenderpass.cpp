@@ -10,6 +10,7 @@
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QVector2D>
@@ -19,6 +20,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("StencilBlurAndBlendRenderPass");
 
 enum Input { kViewport, kNormalFrame, kBlurRadius, kBlurFrame };
 enum Output { kOutput };
@@ -113,6 +116,7 @@ void StencilBlurAndBlendRenderPass::start(RenderCallbacks *callbacks)
     made(_fbo, "StencilBlurAndBlendRenderPass");
     fetchOnce(_quad, Quad::Screen);
 
+    const NeutralState neutral(kState);
     AutoBinder fbo(_fbo);
     TargetViewport targetViewport(extent);
     Texture *intermediate = tempTexture(TextureFormat::Frame, extent);

@@ -10,6 +10,7 @@
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <epoxy/gl.h>
@@ -17,6 +18,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("TemporalAARenderPass");
 
 enum Input { kViewport, kFrame, kProjectionMatrix, kCameraMatrix, kDirty, kViewportScale, kViewportScaleEnable };
 enum Output { kFrameOut };
@@ -115,6 +118,7 @@ void TemporalAARenderPass::start(RenderCallbacks *)
     buildOnce(_program, copyProgram());
     fetchOnce(_quad, Quad::Screen, _program);
 
+    NeutralState neutral(kState);
     AutoBinder fbo(_fbo);
     glViewport(0, 0, extent.width, extent.height);
     if (extent.isEmpty() || !_quad) {
@@ -123,6 +127,7 @@ void TemporalAARenderPass::start(RenderCallbacks *)
         glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
         glClear(GL_COLOR_BUFFER_BIT);
     } else {
+        neutral.leave({StatePiece::DepthTest, StatePiece::DepthMask, StatePiece::Blending});
         glDisable(GL_DEPTH_TEST);
         glDepthMask(GL_FALSE);
         if (restart) {

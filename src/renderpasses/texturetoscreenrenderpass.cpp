@@ -12,6 +12,7 @@
 #include "passkit/limits.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QColor>
@@ -24,6 +25,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("TextureToScreenRenderPass");
 
 enum Input {
     kViewport,
@@ -180,6 +183,7 @@ void TextureToScreenRenderPass::start(RenderCallbacks *)
             _quad->VAO()->enableShaderProgramArrays(_shaderProgram);
         }
     }
+    NeutralState neutral(kState);
     made(_drawFbo, "TextureToScreenRenderPass target");
 
     if (textureOut) {
@@ -208,6 +212,8 @@ void TextureToScreenRenderPass::start(RenderCallbacks *)
         glFramebufferTexture(GL_READ_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, 0, 0);
         glBindFramebuffer(GL_READ_FRAMEBUFFER, 0);
     } else if (texture && _quad) {
+        neutral.leave({StatePiece::DepthTest, StatePiece::Blending, StatePiece::StencilTest, StatePiece::ScissorTest,
+                       StatePiece::ColorMask});
         disable({GL_DEPTH_TEST, GL_BLEND, GL_STENCIL_TEST});
         openColorMask();
         glEnable(GL_SCISSOR_TEST);

@@ -12,6 +12,7 @@
 #include "passkit/limits.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QMatrix4x4>
@@ -21,6 +22,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("TransparencyRenderPass");
 
 enum Input { kViewport, kProjectionMatrix, kCameraMatrix, kGeometry, kTexture };
 enum Output { kFrame, kDepth };
@@ -122,7 +125,8 @@ const ProgramRecipe &compositeProgram()
 }
 
 // Opaque fragments are not kept out of the sums by a test of alpha, but by the depth that they themselves
-// have left: under a strict function none of them comes through.
+// have left: under a strict function none of them comes through. That it is there is for the guard of the
+// pass to see to, which opens the depth mask and what else could keep it from being written.
 GPUModel::Opacity opacityToAccumulate()
 {
     GLint function = GL_LESS;
@@ -197,6 +201,7 @@ void TransparencyRenderPass::start(RenderCallbacks *)
     fetchOnce(_screenQuad, Quad::Screen, _compositeProgram);
 
     if (!extent.isEmpty()) {
+        NeutralState neutral(kState);
         {
             AutoBinder fbo(_opaqueFbo);
             _opaqueFbo->setDrawBuffers();
@@ -225,6 +230,7 @@ void TransparencyRenderPass::start(RenderCallbacks *)
                 setMatrices(_accumulationProgram, projection, camera);
                 model->draw(_accumulationProgram, 0, 0, CounterClockwiseWinding, false, opacityToAccumulate());
                 glDepthMask(GL_TRUE);
+                neutral.leave({StatePiece::DepthMask, StatePiece::BlendFunction});
             }
         }
         if (model && _screenQuad) {

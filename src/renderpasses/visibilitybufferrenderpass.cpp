@@ -16,6 +16,7 @@
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QMatrix4x4>
@@ -27,6 +28,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("VisibilityBufferRenderPass");
 
 enum Input { kViewport, kProjectionMatrix, kCameraMatrix, kGeometry };
 enum Output { kHeadPointers, kNodeBuffer, kNodeBufferWidth, kDepth };
@@ -218,9 +221,11 @@ void VisibilityBufferRenderPass::start(RenderCallbacks *)
     {
         AutoBinder fbo(_fbo);
         if (!extent.isEmpty()) {
+            NeutralState neutral(kState);
             clearLists();
             if (model && _shaderProgram->isLinked()) {
                 glEnable(GL_DEPTH_TEST);
+                neutral.leave({StatePiece::DepthTest});
                 AutoBinder program(_shaderProgram);
                 std::optional<AutoBinder> counter;
                 std::optional<ImageBinding> heads;
@@ -239,6 +244,8 @@ void VisibilityBufferRenderPass::start(RenderCallbacks *)
                     _shaderProgram->setUniform(QStringLiteral("u_NodeBufferImage"), kNodeBufferUnit);
                 }
                 model->draw(_shaderProgram, _drawFlagsValue, _drawFlagsMask, CounterClockwiseWinding, false);
+                heads.reset();
+                nodes.reset();
                 if (_gl4Mode)
                     glMemoryBarrier(GL_TEXTURE_FETCH_BARRIER_BIT);
             }

@@ -18,6 +18,7 @@
 #include "passkit/limits.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QMatrix4x4>
@@ -27,6 +28,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("VisibilityDeferredRenderPass");
 
 enum Input { kViewport, kProjectionMatrix, kCameraMatrix, kHeadPointers, kNodeBuffer, kNodeBufferWidth, kGeometry };
 enum Output { kFrame };
@@ -180,6 +183,7 @@ void VisibilityDeferredRenderPass::start(RenderCallbacks *)
     fetchOnce(_screenQuad, Quad::Screen, _shaderProgram);
 
     if (!extent.isEmpty()) {
+        const NeutralState neutral(kState);
         AutoBinder fbo(_fbo);
         _fbo->setDrawBuffers();
         glClear(GL_COLOR_BUFFER_BIT);

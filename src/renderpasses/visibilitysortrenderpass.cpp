@@ -12,6 +12,7 @@
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <epoxy/gl.h>
@@ -19,6 +20,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("VisibilitySortRenderPass");
 
 enum Input { kViewport, kHeadPointers, kNodeBuffer, kNodeBufferWidth };
 enum Output { kSortedHeadPointers, kSortedNodeBuffer, kSortedNodeBufferWidth };
@@ -243,20 +246,21 @@ void VisibilitySortRenderPass::start(RenderCallbacks *)
     }
     buildOnce(_shaderProgram, sortProgram());
     fetchOnce(_screenQuad, Quad::Screen, _shaderProgram);
+    const NeutralState neutral(kState);
     glEnable(GL_DEPTH_TEST);
 
     AutoBinder program(_shaderProgram);
     AutoBinder fbo(_fbo);
     if (program.isBound() && _screenQuad) {
         AutoBinder boundHeadPointers(headPointers);
-        const ImageBinding nodes(kNodeBufferUnit, nodeBuffer->textureID(), GL_READ_WRITE, GL_RGBA32UI);
-        if (_shaderProgram->hasUniform(QStringLiteral("u_NodeBufferImageWidth")))
-            _shaderProgram->setUniform(QStringLiteral("u_NodeBufferImageWidth"), nodeBufferWidth);
-        if (_shaderProgram->hasUniform(QStringLiteral("u_SamplerHeadPointer")))
-            _shaderProgram->setUniform(QStringLiteral("u_SamplerHeadPointer"), headPointers->unit());
-        if (_shaderProgram->hasUniform(QStringLiteral("u_NodeBufferImage")))
-            _shaderProgram->setUniform(QStringLiteral("u_NodeBufferImage"), kNodeBufferUnit);
         {
+            const ImageBinding nodes(kNodeBufferUnit, nodeBuffer->textureID(), GL_READ_WRITE, GL_RGBA32UI);
+            if (_shaderProgram->hasUniform(QStringLiteral("u_NodeBufferImageWidth")))
+                _shaderProgram->setUniform(QStringLiteral("u_NodeBufferImageWidth"), nodeBufferWidth);
+            if (_shaderProgram->hasUniform(QStringLiteral("u_SamplerHeadPointer")))
+                _shaderProgram->setUniform(QStringLiteral("u_SamplerHeadPointer"), headPointers->unit());
+            if (_shaderProgram->hasUniform(QStringLiteral("u_NodeBufferImage")))
+                _shaderProgram->setUniform(QStringLiteral("u_NodeBufferImage"), kNodeBufferUnit);
             AutoBinder quad(_screenQuad);
             _screenQuad->draw();
         }

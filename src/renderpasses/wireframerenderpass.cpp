@@ -10,6 +10,7 @@
 #include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
+#include "passkit/statetable.h"
 #include "passkit/targets.h"
 
 #include <QColor>
@@ -20,6 +21,8 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+const StateRow &kState = stateRow("WireframeRenderPass");
 
 // Perspective cameras put noise into the blue channel, so it is compared with a threshold.
 const QString kFragmentShader = QStringLiteral(R"(#version 150
@@ -140,6 +143,7 @@ void WireframeRenderPass::start(RenderCallbacks *)
     }
 
     made(_fbo, "WireframeRenderPass");
+    const NeutralState neutral(kState);
     AutoBinder fbo(_fbo);
     Texture *target = tempTexture(TextureFormat::Result, extent);
     _fbo->attach(target, GL_COLOR_ATTACHMENT0, 0);

@@ -1,0 +1,198 @@
+#pragma once
+
+#include "gl/export.h"
+
+#include <array>
+#include <bitset>
+#include <initializer_list>
+#include <vector>
+
+namespace Brevane::Kvo {
+
+class ContextState;
+
+/// The pieces of GL state that a host may have set when a pass starts.
+enum class StatePiece {
+    DepthTest,
+    DepthMask,
+    DepthFunction,
+    DepthRange,
+    DepthClamp,
+    ClearDepth,
+    ScissorTest,
+    ScissorBox,
+    StencilTest,
+    StencilFunction,
+    StencilOperation,
+    StencilMask,
+    ClearStencil,
+    Blending,
+    BlendFunction,
+    BlendEquation,
+    BlendColor,
+    ColorMask,
+    ClearColor,
+    FaceCulling,
+    CulledFace,
+    FrontFace,
+    PolygonMode,
+    PolygonOffset,
+    LogicOperation,
+    PrimitiveRestart,
+    FixedIndexRestart,
+    RasterizerDiscard,
+    ClipDistances,
+    Multisampling,
+    SampleMask,
+    AlphaToCoverage,
+    AlphaToOne,
+    SampleCoverage,
+    SampleShading,
+    SrgbFramebuffer,
+    Dithering,
+    ProvokingVertex,
+    SeamlessCubeMaps,
+    PolygonSmoothing,
+    LineDrawing,
+    PointSizeOfProgram,
+    PointDrawing,
+    ClipControl,
+    Viewport,
+    FurtherViewports,
+    PatchParameters,
+    AttributeValues,
+    TransformFeedback,
+    // From here on not values of the context but what is bound to it, and what moves pixels.
+    PixelUnpacking,
+    PixelPacking,
+    PixelBuffers,
+    Samplers,
+    ActiveUnit,
+    Textures,
+    VertexArray,
+    Buffers,
+    UniformRanges,
+    AtomicCounterRanges,
+    StorageRanges,
+    Images,
+    Program,
+    ProgramPipeline,
+    DrawFramebuffer,
+    ReadFramebuffer,
+    Query,
+    ConditionalRendering,
+    Count
+};
+
+constexpr std::size_t kStatePieces = std::size_t(StatePiece::Count);
+constexpr std::size_t kStateValues = std::size_t(StatePiece::PixelUnpacking);
+static_assert(kStateValues < 64);
+using StatePieces = std::bitset<kStatePieces>;
+
+/// How documents and messages call a piece.
+KVO_GL_EXPORT const char *nameOf(StatePiece piece);
+/// What a clean context has.
+KVO_GL_EXPORT const char *defaultOf(StatePiece piece);
+/// Whether the current context has the piece at all.
+KVO_GL_EXPORT bool hasStatePiece(StatePiece piece);
+/// The numbers of a piece that is a value of the context, in GL's order.
+KVO_GL_EXPORT std::vector<double> valueOf(StatePiece piece);
+
+/// Sets the viewport that passes draw with and leaves the further ones, where a context has several.
+KVO_GL_EXPORT void setFirstViewport(const float (&rectangle)[4]);
+
+/// What a pass does with one piece of state other than to be untouched by it and to leave it as it was.
+struct StateException
+{
+    enum Use {
+        HostCounts, ///< The host's value enters the picture.
+        Left, ///< The pass changes it, and it stays so.
+    };
+
+    Use use;
+    StatePiece piece;
+    const char *when; ///< On which road of the pass; null: whenever it draws.
+    const char *text; ///< HostCounts: why, one sentence. Left: the value, in words.
+    std::vector<double> value = {}; ///< Left: the value in numbers, where it does not depend on inputs.
+};
+
+/// A pass's line of the table.
+struct KVO_GL_EXPORT StateRow
+{
+    StateRow(const char *className, std::vector<StateException> exceptions,
+             std::initializer_list<StatePiece> more = {});
+
+    const char *className;
+    std::vector<StateException> exceptions;
+    StatePieces guarded; ///< What the pass's guard brings to its default.
+    StatePieces stays; ///< Of these, what the pass leaves changed on each of its roads.
+    StatePieces left; ///< All that the pass may leave changed.
+};
+
+/// Brings the pieces of state that could spoil a pass's picture to GL's default for its scope, and puts
+/// back, as they were, those that the pass does not leave changed. Passes open one in start, before the
+/// first call that depends on state. A pass that changes a piece which its row does not list as left puts
+/// it back itself: to the default, where the guard finds it.
+class KVO_GL_EXPORT NeutralState
+{
+public:
+    explicit NeutralState(const StateRow &row);
+    ~NeutralState();
+    NeutralState(const NeutralState &) = delete;
+    NeutralState &operator=(const NeutralState &) = delete;
+
+    /// Says that these pieces, left changed on some roads of the pass only, now are.
+    void leave(std::initializer_list<StatePiece> pieces);
+
+private:
+    friend class DefaultState;
+
+    const StateRow &_row;
+    int _saved = 0;
+    bool _feedbackPaused = false;
+    StatePieces _stays;
+    std::array<unsigned char, kStateValues> _pieces;
+    std::array<double, 256> _values;
+};
+
+/// All of a context's values at GL's default, and all as before at the end of the scope; with them the
+/// program, the vertex array, the framebuffers, the active unit and the array buffer.
+class KVO_GL_EXPORT DefaultState
+{
+public:
+    DefaultState();
+    ~DefaultState();
+    DefaultState(const DefaultState &) = delete;
+    DefaultState &operator=(const DefaultState &) = delete;
+
+    /// Brings back to the default what a pass may have left changed.
+    void resetAfter(const StateRow &row);
+    /// The same after code that may have changed anything.
+    void resetAll();
+
+    /// As long as one exists, all values are known to be at their defaults: the guards of passes ask
+    /// nothing.
+    class KVO_GL_EXPORT Known
+    {
+    public:
+        explicit Known(bool known);
+        ~Known();
+        Known(const Known &) = delete;
+        Known &operator=(const Known &) = delete;
+
+    private:
+        const ContextState *_before;
+    };
+
+private:
+    struct Saved
+    {
+        std::size_t piece;
+        std::array<double, 64> values;
+    };
+    std::vector<Saved> _saved;
+    std::array<int, 6> _bindings{};
+    bool _feedbackPaused = false;
+};
+
+} // namespace Brevane::Kvo
