@@ -33,7 +33,7 @@ public:
     /// The GL name; 0 before the first bind.
     unsigned int getBO() const;
 
-    /// Replaces the content with \a count floats. The buffer should be bound.
+    /// Replaces the content with \a count floats. What else is bound stays bound.
     bool upload(const float *data, int count, unsigned int usage);
     /// Replaces the content with \a count unsigned integers.
     bool uploadGLuintData(const unsigned int *data, int count, unsigned int usage);
@@ -63,6 +63,10 @@ private:
     qint64 _size = 0;
     struct Binding
     {
+        unsigned int target = 0; ///< Where the object was bound, with what comes back there.
+        bool isIndexed = false;
+        unsigned int index = 0;
+        quint64 context = 0;
         unsigned int name = 0;
         unsigned int indexedName = 0;
         qint64 offset = 0;

@@ -36,7 +36,8 @@ public:
     void setTarget(unsigned int target);
     unsigned int target() const;
 
-    /// False when there is no usable context, no target, or no texture unit left (reported once).
+    /// False when there is no usable context, no target, no texture unit left (reported once), or the texture
+    /// is bound in another context.
     bool bind() override;
     bool unbind() override;
 
@@ -58,6 +59,7 @@ public:
 
 private:
     Q_DISABLE_COPY(Texture)
+    friend class StorageBinder;
     friend class TextureManager;
 
     void freeStorage();
@@ -68,6 +70,7 @@ private:
     unsigned int _previousSampler = 0;
     QVarLengthArray<unsigned int, 2> _previousUnits; // one per bind
     int _unit = -1;
+    quint64 _boundIn = 0; // the number of a context
     bool _readOnly = false;
 };
 

@@ -80,6 +80,10 @@ bool BufferObject::bind()
     if (!state || !(_name->wasCreated() ? _name->isUsableIn(*state) : _name->create(NameKind::Buffer)))
         return false;
     Binding before;
+    before.target = _target;
+    before.isIndexed = _indexed;
+    before.index = _index;
+    before.context = state->id;
     before.name = boundNow(_target);
     if (_indexed)
         readIndexed(_target, _index, &before.indexedName, &before.offset, &before.size);
@@ -99,12 +103,17 @@ bool BufferObject::unbind()
 {
     if (_previous.isEmpty())
         return false;
+    // The target may be another one since then; and from the destructor, so may the context.
     const Binding before = _previous.takeLast();
-    if (_indexed && before.indexedName && before.size > 0)
-        glBindBufferRange(_target, _index, before.indexedName, GLintptr(before.offset), GLsizeiptr(before.size));
-    else if (_indexed)
-        glBindBufferBase(_target, _index, before.indexedName);
-    glBindBuffer(_target, before.name);
+    const ContextState *state = ContextState::current();
+    if (!state || state->id != before.context)
+        return false;
+    if (before.isIndexed && before.indexedName && before.size > 0)
+        glBindBufferRange(before.target, before.index, before.indexedName, GLintptr(before.offset),
+                          GLsizeiptr(before.size));
+    else if (before.isIndexed)
+        glBindBufferBase(before.target, before.index, before.indexedName);
+    glBindBuffer(before.target, before.name);
     return true;
 }
 
@@ -143,7 +152,8 @@ bool BufferObject::uploadBytes(const void *data, qint64 bytes, unsigned int usag
 {
     if (bytes < 0)
         return false;
-    const bool mustBind = _previous.isEmpty();
+    // Bound is not enough: another buffer may have been bound to the target since.
+    const bool mustBind = _previous.isEmpty() || !getBO() || boundNow(_target) != getBO();
     if (mustBind && !bind())
         return false;
     glBufferData(_target, GLsizeiptr(bytes), data, usage);
@@ -160,12 +170,12 @@ qint64 BufferObject::size() const
 
 void *BufferObject::map(unsigned int access)
 {
-    return _previous.isEmpty() ? nullptr : glMapBuffer(_target, access);
+    return _previous.isEmpty() || boundNow(_target) != getBO() ? nullptr : glMapBuffer(_target, access);
 }
 
 void BufferObject::unmap()
 {
-    if (!_previous.isEmpty())
+    if (!_previous.isEmpty() && boundNow(_target) == getBO())
         glUnmapBuffer(_target);
 }
 

@@ -9,6 +9,7 @@
 #include <epoxy/gl.h>
 
 #include <algorithm>
+#include <bit>
 #include <map>
 
 namespace Brevane::Kvo {
@@ -84,6 +85,12 @@ private:
     GLenum _target;
     GLint _previous = 0;
 };
+
+quint64 nextContextId()
+{
+    static quint64 counter = 0;
+    return ++counter;
+}
 
 void deleteName(NameKind kind, unsigned int name)
 {
@@ -256,7 +263,7 @@ NativeContext NativeContext::current()
     return {glx ? glx() : nullptr};
 }
 
-ContextState::ContextState(NativeContext native) : version(epoxy_gl_version()), _native(native)
+ContextState::ContextState(NativeContext native) : id(nextContextId()), version(epoxy_gl_version()), _native(native)
 {
     GLint units = 0;
     glGetIntegerv(GL_MAX_TEXTURE_IMAGE_UNITS, &units);
@@ -334,6 +341,18 @@ ContextState *ContextState::currentIfKnown()
     return found == registry().end() ? nullptr : found->second.data();
 }
 
+ContextState *ContextState::find(quint64 id)
+{
+    // Nearly always the one that is current.
+    if (ContextState *last = threadState().lastLookUp.state; last && last->id == id)
+        return last;
+    for (const auto &[handle, state] : registry()) {
+        if (state->id == id)
+            return state.data();
+    }
+    return nullptr;
+}
+
 std::vector<ContextState *> ContextState::all()
 {
     std::vector<ContextState *> states;
@@ -397,6 +416,11 @@ int ContextState::takeUnit()
         }
     }
     return -1;
+}
+
+bool ContextState::hasFreeUnit() const
+{
+    return std::popcount(_usedUnits) < _unitCount;
 }
 
 void ContextState::giveBackUnit(int unit)

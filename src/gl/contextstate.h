@@ -101,6 +101,8 @@ public:
     static QSharedPointer<ContextState> currentShared();
     /// Of all contexts that the library knows.
     static std::vector<ContextState *> all();
+    /// By its number; null when it is gone.
+    static ContextState *find(quint64 id);
     /// The same, but makes sure that the handle was not reused for another context meanwhile.
     static QSharedPointer<ContextState> currentVerified();
     static void releaseCurrent();
@@ -108,12 +110,14 @@ public:
     /// The lowest free texture unit, or -1.
     int takeUnit();
     void giveBackUnit(int unit);
+    bool hasFreeUnit() const;
     int unitCount() const { return _unitCount; }
 
     bool hasExtension(const char *name) const;
     const GLLimits &limits();
     void labelObject(unsigned int identifier, unsigned int name, const QString &label) const;
 
+    const quint64 id;
     QSharedPointer<ShareGroup> group;
     NameStore names;
     QSharedPointer<OpenGLDeviceContext> device;

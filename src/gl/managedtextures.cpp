@@ -6,6 +6,7 @@
 #include "gl/guards.h"
 #include "gl/pixelstore.h"
 #include "gl/shaderprogram.h"
+#include "gl/storage.h"
 #include "gl/texture.h"
 
 #include <QImage>
@@ -147,13 +148,13 @@ int ManagedTextures::add(const QImage &image, const QString &label)
     source.setTarget(GL_TEXTURE_2D);
     {
         const DefaultPixelStore pixelStore;
-        AutoBinder bound(&source);
+        StorageBinder bound(&source);
         glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, size.width(), size.height(), 0, GL_RGBA, GL_UNSIGNED_BYTE,
                      pixels.constBits());
         glGenerateMipmap(GL_TEXTURE_2D);
         FramebufferObject reader;
         AutoBinder boundReader(&reader);
-        AutoBinder boundPages(pageClass.array.get());
+        StorageBinder boundPages(pageClass.array.get());
         for (int i = 0; i < levels; ++i) {
             const Level &level = map.levels[std::size_t(i)];
             reader.attach(&source, GL_COLOR_ATTACHMENT0, i);
@@ -251,7 +252,7 @@ bool ManagedTextures::ensureLayers(PageClass &pageClass, int layers)
     const int wanted =
         pageClass.size > 4 * kPageSizes[0] ? layers : std::min(most, std::max(layers, 2 * pageClass.layers));
     auto grown = arrayTexture(QStringLiteral("managed textures %1").arg(pageClass.size));
-    AutoBinder bound(grown.get());
+    StorageBinder bound(grown.get());
     if (!bound.isBound())
         return false;
     allocatePages(pageClass.size, wanted);
@@ -284,14 +285,14 @@ void ManagedTextures::bind(ShaderProgram *program)
         _tableTexture->setTarget(GL_TEXTURE_BUFFER);
         _tableTexture->setLabel(QStringLiteral("managed texture table"));
         _emptyPages = arrayTexture(QStringLiteral("no managed textures"));
-        AutoBinder bound(_emptyPages.get());
+        StorageBinder bound(_emptyPages.get());
         allocatePages(1, 1);
     }
     if (std::exchange(_tableChanged, false)) {
         if (_table.isEmpty())
             _table.resize(kFloatsPerTexel);
         _tableBuffer->upload(_table.constData(), int(_table.size()), GL_STATIC_DRAW);
-        AutoBinder bound(_tableTexture.get());
+        StorageBinder bound(_tableTexture.get());
         glTexBuffer(GL_TEXTURE_BUFFER, GL_RGBA32F, _tableBuffer->getBO());
     }
     _tableTexture->bind();

@@ -278,8 +278,11 @@ bool setFromValues(int location, GLenum type, const Values &values)
     case GL_FLOAT_MAT3:
     case GL_FLOAT_MAT4: return false;
     case GL_BOOL: glUniform1i(location, values.v[0] != 0.0); return true;
+    case GL_INT: glUniform1i(location, GLint(values.v[0])); return true;
     default:
-        // GL_INT, samplers and images.
+        // Samplers and images. A texture that found no unit has -1.
+        if (values.v[0] < 0.0)
+            return false;
         glUniform1i(location, GLint(values.v[0]));
         return true;
     }

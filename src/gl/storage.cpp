@@ -1,6 +1,8 @@
 #include "gl/storage.h"
 
+#include "gl/contextstate.h"
 #include "gl/glinfo.h"
+#include "gl/texture.h"
 
 #include <QSet>
 #include <QString>
@@ -67,6 +69,35 @@ bool tryImage(GLint internalFormat, const ImageSize &size, GLenum format, GLenum
 }
 
 } // namespace
+
+StorageBinder::StorageBinder(Texture *texture) : _texture(texture)
+{
+    ContextState *state = ContextState::current();
+    if (!texture || !state)
+        return;
+    if (texture->unit() >= 0 || state->hasFreeUnit()) {
+        _bound = texture->bind();
+        return;
+    }
+    const bool isUsable = texture->_target
+                          && (texture->_name->wasCreated() ? texture->_name->isUsableIn(*state)
+                                                           : texture->_name->create(NameKind::Texture));
+    if (!isUsable)
+        return;
+    GLint before = 0;
+    glGetIntegerv(textureBindingOf(texture->_target), &before);
+    _previous = GLuint(before);
+    glBindTexture(texture->_target, texture->_name->id());
+    _bound = _onActiveUnit = true;
+}
+
+StorageBinder::~StorageBinder()
+{
+    if (_onActiveUnit)
+        glBindTexture(_texture->_target, _previous);
+    else if (_bound)
+        _texture->unbind();
+}
 
 bool allocateImage(unsigned int internalFormat, const ImageSize &size, unsigned int format, unsigned int type,
                    const void *pixels)

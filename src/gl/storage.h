@@ -4,6 +4,31 @@
 
 namespace Brevane::Kvo {
 
+class Texture;
+
+/// What to ask GL for the texture that is bound to a target of the active unit.
+unsigned int textureBindingOf(unsigned int target);
+
+/// Binds a texture for its storage and sampling to be set: as AutoBinder does, and where all units are taken
+/// on the active one, which has its texture again at the end of the scope. Null does nothing.
+class KVO_GL_EXPORT StorageBinder
+{
+public:
+    explicit StorageBinder(Texture *texture);
+    ~StorageBinder();
+    StorageBinder(const StorageBinder &) = delete;
+    StorageBinder &operator=(const StorageBinder &) = delete;
+
+    /// False where the texture cannot be used: whatever is bound then is another one.
+    bool isBound() const { return _bound; }
+
+private:
+    Texture *_texture;
+    bool _bound = false;
+    bool _onActiveUnit = false;
+    unsigned int _previous = 0;
+};
+
 /// What an image takes: a 2D one, or an array where it has layers.
 struct ImageSize
 {

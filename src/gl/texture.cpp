@@ -2,6 +2,7 @@
 
 #include "core/liveobjects.h"
 #include "gl/contextstate.h"
+#include "gl/storage.h"
 
 #include <QVariant>
 
@@ -9,9 +10,7 @@
 
 namespace Brevane::Kvo {
 
-namespace {
-
-GLenum bindingOf(GLenum target)
+unsigned int textureBindingOf(unsigned int target)
 {
     switch (target) {
     case GL_TEXTURE_1D: return GL_TEXTURE_BINDING_1D;
@@ -26,6 +25,8 @@ GLenum bindingOf(GLenum target)
     default: return GL_TEXTURE_BINDING_2D;
     }
 }
+
+namespace {
 
 unsigned int boundNow(GLenum query)
 {
@@ -67,6 +68,8 @@ bool Texture::bind()
     if (!state || !_target)
         return false;
     if (!_previousUnits.isEmpty()) {
+        if (_boundIn != state->id)
+            return false;
         _previousUnits.append(boundNow(GL_ACTIVE_TEXTURE));
         glActiveTexture(GL_TEXTURE0 + unsigned(_unit));
         return true;
@@ -83,9 +86,10 @@ bool Texture::bind()
         return false;
     }
     _unit = unit;
+    _boundIn = state->id;
     _previousUnits.append(boundNow(GL_ACTIVE_TEXTURE));
     glActiveTexture(GL_TEXTURE0 + unsigned(unit));
-    _previousTexture = boundNow(bindingOf(_target));
+    _previousTexture = boundNow(textureBindingOf(_target));
     glBindTexture(_target, _name->id());
     _previousSampler = state->hasSamplerObjects ? boundNow(GL_SAMPLER_BINDING) : 0;
     if (_previousSampler)
@@ -95,6 +99,7 @@ bool Texture::bind()
     return true;
 }
 
+// Also from the destructor, and then any context may be current.
 bool Texture::unbind()
 {
     if (_previousUnits.isEmpty())
@@ -103,19 +108,19 @@ bool Texture::unbind()
     _previousUnits.removeLast();
     const bool isLast = _previousUnits.isEmpty();
     const int unit = isLast ? std::exchange(_unit, -1) : _unit;
-    ContextState *state = ContextState::current();
-    if (!state)
+    ContextState *const current = ContextState::current();
+    ContextState *const state = ContextState::find(_boundIn);
+    if (isLast && state)
+        state->giveBackUnit(unit);
+    if (!state || state != current)
         return false;
-    if (!isLast) {
-        glActiveTexture(previousUnit);
-        return true;
+    if (isLast) {
+        glActiveTexture(GL_TEXTURE0 + unsigned(unit));
+        glBindTexture(_target, _previousTexture);
+        if (_previousSampler)
+            glBindSampler(unsigned(unit), _previousSampler);
     }
-    glActiveTexture(GL_TEXTURE0 + unsigned(unit));
-    glBindTexture(_target, _previousTexture);
-    if (_previousSampler)
-        glBindSampler(unsigned(unit), _previousSampler);
     glActiveTexture(previousUnit);
-    state->giveBackUnit(unit);
     return true;
 }
 

@@ -201,7 +201,7 @@ Texture *TextureManager::tempTexture(TextureFormat format, int width, int height
             chosen = entry.get();
     }
     if (chosen) {
-        AutoBinder bound(chosen->texture.get());
+        StorageBinder bound(chosen->texture.get());
         setSampling(hasLinearFilter(internalFormat) ? GL_LINEAR : GL_NEAREST, GL_CLAMP_TO_EDGE);
         if (width == 1 && height == 1 && !isBoundTextureOf(internalFormat))
             allocate(internalFormat, 1, 1);
@@ -226,7 +226,7 @@ Texture *TextureManager::tempTexture(TextureFormat format, int width, int height
         entry->bytes = qint64(width) * height * bytesPerTexel(internalFormat);
         bool hasStorage = false;
         {
-            AutoBinder bound(entry->texture.get());
+            StorageBinder bound(entry->texture.get());
             setSampling(hasLinearFilter(internalFormat) ? GL_LINEAR : GL_NEAREST, GL_CLAMP_TO_EDGE);
             hasStorage = allocate(internalFormat, width, height);
         }
@@ -372,7 +372,7 @@ Texture *TextureManager::textureFromFile(const QString &path, const TextureOptio
     texture->setLabel(path);
     texture->setReadOnly();
     const DefaultPixelStore pixelStore;
-    AutoBinder bound(texture.get());
+    StorageBinder bound(texture.get());
     setSampling(GL_LINEAR, GL_CLAMP_TO_EDGE);
     glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, image.width(), image.height(), 0, GL_RGBA, GL_UNSIGNED_BYTE,
                  image.constBits());
@@ -399,7 +399,7 @@ Texture *TextureManager::solidTexture(const QColor &color)
     texture->setLabel(QStringLiteral("solid %1").arg(color.name(QColor::HexArgb)));
     texture->setReadOnly();
     const DefaultPixelStore pixelStore;
-    AutoBinder bound(texture.get());
+    StorageBinder bound(texture.get());
     setSampling(GL_NEAREST, GL_CLAMP_TO_EDGE);
     const std::array<uchar, 4> texel{uchar(qRed(key)), uchar(qGreen(key)), uchar(qBlue(key)), uchar(qAlpha(key))};
     glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, 1, 1, 0, GL_RGBA, GL_UNSIGNED_BYTE, texel.data());

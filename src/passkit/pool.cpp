@@ -6,6 +6,7 @@
 #include "gl/guards.h"
 #include "gl/hoststate.h"
 #include "gl/pixelstore.h"
+#include "gl/storage.h"
 #include "gl/texture.h"
 #include "gl/vertexarrayobject.h"
 #include "passkit/slots.h"
@@ -22,7 +23,7 @@ Texture *tempTexture(TextureFormat format, const Extent &extent)
 Texture *blackTempTexture(unsigned int format)
 {
     Texture *texture = tempTexture(TextureFormat::Frame, {1, 1});
-    AutoBinder bound(texture);
+    StorageBinder bound(texture);
     constexpr unsigned char kZero[4] = {};
     const DefaultPixelStore pixelStore;
     glTexImage2D(GL_TEXTURE_2D, 0, GLint(format), 1, 1, 0, format, GL_UNSIGNED_BYTE, kZero);
@@ -42,7 +43,7 @@ void release(Texture *texture)
 
 void setLinear(Texture *texture)
 {
-    AutoBinder bound(texture);
+    StorageBinder bound(texture);
     if (!bound.isBound())
         return;
     glTexParameteri(texture->target(), GL_TEXTURE_MAG_FILTER, GL_LINEAR);
@@ -51,7 +52,7 @@ void setLinear(Texture *texture)
 
 void setLinearClamped(Texture *texture)
 {
-    AutoBinder bound(texture);
+    StorageBinder bound(texture);
     if (!bound.isBound())
         return;
     setLinear(texture);

@@ -32,7 +32,7 @@ Texture *makeArray(const char *label, GLint filter, GLenum internalFormat, GLenu
     auto *texture = new Texture(nullptr);
     texture->setLabel(QLatin1String(label));
     texture->setTarget(GL_TEXTURE_2D_ARRAY);
-    AutoBinder bound(texture);
+    StorageBinder bound(texture);
     glTexParameteri(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_MAG_FILTER, filter);
     glTexParameteri(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_MIN_FILTER, filter);
     const DefaultPixelStore pixelStore;

@@ -5,6 +5,7 @@
 #include "gl/guards.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/pixelstore.h"
+#include "gl/storage.h"
 #include "gl/texture.h"
 #include "passkit/images.h"
 #include "passkit/slots.h"
@@ -112,7 +113,7 @@ Texture *CubemapLoaderRenderPass::_load() const
     auto *texture = new Texture(nullptr);
     texture->setTarget(GL_TEXTURE_CUBE_MAP);
     texture->setLabel(QStringLiteral("CubemapLoaderRenderPass"));
-    AutoBinder bound(texture);
+    StorageBinder bound(texture);
     if (!bound.isBound())
         return texture;
     glTexParameteri(GL_TEXTURE_CUBE_MAP, GL_TEXTURE_MIN_FILTER, GL_LINEAR);

@@ -7,6 +7,7 @@
 #include "gl/guards.h"
 #include "gl/pixelstore.h"
 #include "gl/shaderprogram.h"
+#include "gl/storage.h"
 #include "gl/texture.h"
 #include "passkit/glstate.h"
 #include "passkit/limits.h"
@@ -260,7 +261,7 @@ Texture *lookUpTable(const char *label, int width, int height, GLenum internalFo
     table->setTarget(GL_TEXTURE_2D);
     table->setLabel(QLatin1String(label));
     setLinearClamped(table);
-    AutoBinder bound(table);
+    StorageBinder bound(table);
     const DefaultPixelStore pixelStore(alignment);
     glTexImage2D(GL_TEXTURE_2D, 0, GLint(internalFormat), width, height, 0, format, GL_UNSIGNED_BYTE, bytes);
     return table;

@@ -3,6 +3,7 @@
 #include "gl/contextscope.h"
 #include "gl/guards.h"
 #include "gl/pixelstore.h"
+#include "gl/storage.h"
 #include "gl/texture.h"
 #include "passkit/images.h"
 #include "passkit/slots.h"
@@ -50,7 +51,7 @@ void TextureLoaderRenderPass::start(RenderCallbacks *)
 
 void TextureLoaderRenderPass::_upload()
 {
-    AutoBinder bound(_texture);
+    StorageBinder bound(_texture);
     if (!bound.isBound())
         return;
     GLint largest = 0;
