@@ -283,11 +283,6 @@ protected:
     }
 
     bool is(const char *name) const { return qstrcmp(row.className, name) == 0; }
-    bool hasViewport() const
-    {
-        return !row.inputs.empty() && qstrcmp(row.inputs.front().name, "Kvo_QRect_Viewport") == 0;
-    }
-
     /// Inputs of the pass and, of the one that has hardly any, one that a host adds.
     std::vector<InputRow> inputs() const
     {
@@ -417,8 +412,65 @@ protected:
     int unknownDeletions = 0;
 };
 
-INSTANTIATE_TEST_SUITE_P(Passes, EveryPassLives, ::testing::ValuesIn(passCases()),
-                         [](const auto &pass) { return std::string(pass.param.className); });
+/// Those with a size, with a blur radius, with outputs, with slots for what can go.
+class EverySizeLives : public EveryPassLives
+{};
+class EveryBlurLives : public EveryPassLives
+{};
+class EveryOutputLives : public EveryPassLives
+{};
+class EverySlotLives : public EveryPassLives
+{};
+
+/// What a slot names may go while the slot names it. A target for drawing has to stay: without one a pass draws
+/// to the window.
+bool namesWhatMayGo(const InputRow &input)
+{
+    return (input.type == QMetaType::fromType<Texture *>() && qstrcmp(input.name, "Kvo_KvoTexture*_TextureOut") != 0)
+           || input.type == QMetaType::fromType<GPUModel *>() || input.type == QMetaType::fromType<DrawBuffers *>();
+}
+
+template <typename Filter>
+std::vector<PassCase> passesWith(Filter &&filter)
+{
+    std::vector<PassCase> some;
+    for (const PassCase &pass : passCases())
+        if (filter(rowOf(pass.className)))
+            some.push_back(pass);
+    return some;
+}
+
+std::vector<PassCase> passesWithInput(const char *name)
+{
+    return passesWith([name](const PassRow &row) {
+        return std::any_of(row.inputs.cbegin(), row.inputs.cend(),
+                           [name](const InputRow &input) { return qstrcmp(input.name, name) == 0; });
+    });
+}
+
+std::vector<PassCase> passesWithOutputs()
+{
+    return passesWith(
+        [](const PassRow &row) { return !row.outputs.empty() || qstrcmp(row.className, "ShaderRenderPass") == 0; });
+}
+
+std::vector<PassCase> passesThatReadWhatMayGo()
+{
+    return passesWith([](const PassRow &row) {
+        return std::any_of(row.inputs.cbegin(), row.inputs.cend(), namesWhatMayGo)
+               || qstrcmp(row.className, "ShaderRenderPass") == 0;
+    });
+}
+
+const auto kClassName = [](const auto &pass) { return std::string(pass.param.className); };
+
+INSTANTIATE_TEST_SUITE_P(Passes, EveryPassLives, ::testing::ValuesIn(passCases()), kClassName);
+INSTANTIATE_TEST_SUITE_P(Passes, EverySizeLives, ::testing::ValuesIn(passesWithInput("Kvo_QRect_Viewport")),
+                         kClassName);
+INSTANTIATE_TEST_SUITE_P(Passes, EveryBlurLives, ::testing::ValuesIn(passesWithInput("Kvo_float_BlurRadius")),
+                         kClassName);
+INSTANTIATE_TEST_SUITE_P(Passes, EveryOutputLives, ::testing::ValuesIn(passesWithOutputs()), kClassName);
+INSTANTIATE_TEST_SUITE_P(Passes, EverySlotLives, ::testing::ValuesIn(passesThatReadWhatMayGo()), kClassName);
 
 } // namespace
 
@@ -512,10 +564,8 @@ TEST_P(EveryPassLives, AssigningAPassToItselfChangesNothing)
     EXPECT_EQ(frame(*pass, *main), want);
 }
 
-TEST_P(EveryPassLives, CopiesOfDifferentSizesDrawRight)
+TEST_P(EverySizeLives, CopiesOfDifferentSizesDrawRight)
 {
-    if (!hasViewport())
-        return;
     const QRect larger(0, 0, kWidth + 5, kHeight + 3);
     Picture wantLarger;
     {
@@ -839,7 +889,7 @@ std::vector<QVariant> outputsOf(const RenderPassHelper &pass)
 
 } // namespace
 
-TEST_P(EveryPassLives, OutputsOfADestroyedPassReadAsEmpty)
+TEST_P(EveryOutputLives, OutputsOfADestroyedPassReadAsEmpty)
 {
     Consumers::warmUp(*main);
     before = settledObjects();
@@ -853,7 +903,7 @@ TEST_P(EveryPassLives, OutputsOfADestroyedPassReadAsEmpty)
         consumers.take(value, *main);
 }
 
-TEST_P(EveryPassLives, OutputsThatAreWiredAlreadyReadAsEmptyOnceTheirPassIsGone)
+TEST_P(EveryOutputLives, OutputsThatAreWiredAlreadyReadAsEmptyOnceTheirPassIsGone)
 {
     Consumers::warmUp(*main);
     before = settledObjects();
@@ -868,7 +918,7 @@ TEST_P(EveryPassLives, OutputsThatAreWiredAlreadyReadAsEmptyOnceTheirPassIsGone)
     }
 }
 
-TEST_P(EveryPassLives, OutputsOfAReleasedContextReadAsEmptyInAnother)
+TEST_P(EveryOutputLives, OutputsOfAReleasedContextReadAsEmptyInAnother)
 {
     Consumers::warmUp(*main);
     before = settledObjects();
@@ -894,7 +944,7 @@ TEST_P(EveryPassLives, OutputsOfAReleasedContextReadAsEmptyInAnother)
     }
 }
 
-TEST_P(EveryPassLives, OutputsFromATrimmedPoolReadAsEmpty)
+TEST_P(EveryOutputLives, OutputsFromATrimmedPoolReadAsEmpty)
 {
     Consumers::warmUp(*main);
     before = settledObjects();
@@ -914,14 +964,12 @@ TEST_P(EveryPassLives, OutputsFromATrimmedPoolReadAsEmpty)
     EXPECT_EQ(frame(*pass, *main), want);
 }
 
-TEST_P(EveryPassLives, SlotsThatNameWhatIsGoneReadAsEmpty)
+TEST_P(EverySlotLives, SlotsThatNameWhatIsGoneReadAsEmpty)
 {
     const std::vector<InputRow> all = inputs();
     for (size_t i = 0; i < all.size(); ++i) {
         const ::testing::ScopedTrace trace(__FILE__, __LINE__, all[i].name);
-        const bool isScreen = qstrcmp(all[i].name, "Kvo_KvoFramebuffer*_FramebufferOut") == 0;
-        const bool isDrawnTo = qstrcmp(all[i].name, "Kvo_KvoTexture*_TextureOut") == 0;
-        QMetaType type = all[i].type;
+        const QMetaType type = all[i].type;
         const auto withObject = [&](auto &&use) {
             if (type == QMetaType::fromType<Texture *>()) {
                 auto texture = makeSolidTexture(kWidth, kHeight, {0.9f, 0.1f, 0.1f, 1});
@@ -937,8 +985,8 @@ TEST_P(EveryPassLives, SlotsThatNameWhatIsGoneReadAsEmpty)
                 use(builder->output(0), builder);
             }
         };
-        if (isScreen || isDrawnTo)
-            continue; // without it the pass would draw to the window, and there is none
+        if (!namesWhatMayGo(all[i]))
+            continue;
         withObject([&](const QVariant &value, auto &object) {
             const MessageCapture messages; // shadow passes report a missing model
             Picture wantEmpty;
@@ -975,57 +1023,119 @@ TEST_P(EveryPassLives, SlotsThatNameWhatIsGoneReadAsEmpty)
 
 // Many lives
 
-TEST_P(EveryPassLives, AThousandLivesLeaveNothing)
+namespace {
+
+/// Memory that a stretch of work has taken and not given back.
+class MemoryGrowth
 {
-    constexpr int kLives = 1000;
-    // Programs of the same texts are shared by the passes that live: this one saves the others the compiler.
-    const auto keeper = make(*main);
-    frame(*keeper, *main);
-    std::string objects;
-    qint64 bytes = 0;
-    for (int i = 0; i < kLives; ++i) {
-        if (i == 10) {
-            objects = settledObjects();
-            bytes = residentBytes();
-        }
-        const auto pass = make(*main);
-        runFrame(*pass);
-        end(*pass);
+public:
+    MemoryGrowth() { restart(); }
+    void restart()
+    {
+        glFinish(); // what was deleted is freed when the driver is through with it
+        _heap = heapBytes();
+        _resident = residentBytes();
     }
-    EXPECT_EQ(settledObjects(), objects);
+    qint64 heap() const { return heapBytes() - _heap; }
+    qint64 resident() const { return residentBytes() - _resident; }
+
+private:
+    static qint64 heapBytes()
+    {
+        const struct mallinfo2 info = mallinfo2();
+        return qint64(info.uordblks + info.hblkhd);
+    }
+
+    qint64 _heap = 0;
+    qint64 _resident = 0;
+};
+
+/// Runs a step so many times, in four parts: what the library leaves behind shows in each of them, what the driver
+/// takes once (batches, upload buffers: 1 to 4 MB) does not.
+template <typename Step>
+void expectNoGrowth(int times, Step &&step)
+{
+    std::string objects;
+    std::vector<qint64> heap;
+    std::vector<qint64> resident;
+    const int part = times / 4;
+    for (int begin = 0; begin < times; begin += part) {
+        if (begin == 0)
+            objects = settledObjects();
+        const MemoryGrowth growth;
+        for (int i = begin; i < begin + part; ++i) {
+            step(i);
+            if (i % 100 == 99)
+                settledObjects(); // as a host does it once in a while
+        }
+        EXPECT_EQ(settledObjects(), objects);
+        glFinish();
+        heap.push_back(growth.heap());
+        resident.push_back(growth.resident());
+    }
     if (kMemoryCanBeMeasured) {
-        // Heap and driver settle in pages of their own; a leak of 600 bytes a life would show.
-        EXPECT_LT(residentBytes() - bytes, 600 * 1024) << "after " << kLives << " lives";
+        // 32 bytes a time would show; drivers were seen to vary by 9 KB. Pages come in larger lots.
+        EXPECT_LT(*std::min_element(heap.cbegin(), heap.cend()), std::max(10 * 1024, 32 * part)) << part;
+        EXPECT_LT(*std::min_element(resident.cbegin(), resident.cend()), 1024 * 1024) << part;
     }
 }
 
-TEST_P(EveryPassLives, TenThousandSizesLeaveNothing)
+} // namespace
+
+TEST_P(EveryPassLives, AThousandLivesLeaveNothing)
 {
-    if (!hasViewport())
-        return;
-    const auto pass = make(*main);
-    std::string objects;
-    qint64 bytes = 0;
-    constexpr int kSizes = 10000;
-    for (int i = 0; i <= kSizes; ++i) {
-        if (i % 1000 == 10) {
-            // the pool keeps a texture of every size until it is trimmed
-            const std::string now = settledObjects();
-            if (i == 10) {
-                objects = now;
-                bytes = residentBytes();
-            }
-        }
-        pass->setInput(0, QRect(0, 0, 4 + i % 7, 4 + i % 5));
+    // Programs of the same texts are shared by the passes that live: this one saves the others the compiler.
+    const auto keeper = make(*main);
+    frame(*keeper, *main);
+    const auto life = [this](int) {
+        const auto pass = make(*main);
+        resetGLState();
         runFrame(*pass);
+        end(*pass);
+    };
+    // Each life of this one clears 256 MB where it has fragment lists, which takes half a second.
+    const bool isSlow = is("VisibilityBufferRenderPass");
+    for (int i = 0; i < 10; ++i)
+        life(i);
+    expectNoGrowth(isSlow ? 12 : 1000, life);
+}
+
+TEST_P(EverySizeLives, TenThousandSizesLeaveNothing)
+{
+    const auto pass = make(*main);
+    const auto resize = [&](int i) {
+        pass->setInput(0, QRect(0, 0, 4 + i % 3, 4 + i % 4));
+        resetGLState();
+        runFrame(*pass);
+    };
+    // Ten milliseconds a frame (the recorder clears its lists, the antialiasing draws its tables anew) are too long
+    // for so many.
+    const int times = is("VisibilityBufferRenderPass") ? 48
+                      : is("SMAARenderPass")           ? 600
+                      : is("SkyboxRenderPass")         ? 2400
+                                                       : 10008;
+    for (int i = 0; i < 12; ++i)
+        resize(i);
+    expectNoGrowth(times, resize);
+}
+
+TEST_P(EveryBlurLives, TenThousandRadiiLeaveNothing)
+{
+    const auto pass = make(*main);
+    const int slot = pass->findInput(text("Kvo_float_BlurRadius"));
+    ASSERT_GE(slot, 0);
+    const auto setRadius = [slot](RenderPassHelper &blur, int i) {
+        blur.setInput(slot, 2.0f + 0.25f * float(i % 10));
+        resetGLState();
+        runFrame(blur);
+    };
+    std::vector<std::unique_ptr<RenderPassHelper>> keepers; // of the programs, for one radius each
+    for (int i = 0; i < 10; ++i) {
+        keepers.push_back(make(*main));
+        setRadius(*keepers.back(), i);
+        setRadius(*pass, i);
     }
-    pass->setInput(0, QRect(0, 0, 4 + 9 % 7, 4 + 9 % 5)); // as it was at the start of the count
-    runFrame(*pass);
-    EXPECT_EQ(settledObjects(), objects);
-    if (kMemoryCanBeMeasured) {
-        // A leak of 100 bytes for each change would show.
-        EXPECT_LT(residentBytes() - bytes, 1024 * 1024) << "after " << kSizes << " sizes";
-    }
+    expectNoGrowth(10000, [&](int i) { setRadius(*pass, i); });
 }
 
 } // namespace Brevane::Kvo
