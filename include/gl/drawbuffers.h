@@ -66,7 +66,7 @@ public:
     QSharedPointer<UniformBufferObject> getDrawElementsIndirectCommandsUniformBufferObject();
 
     /// Draws with the program that is bound; this object must be bound. False, with nothing drawn,
-    /// when there is no vertex array or no usable program.
+    /// when there is no vertex array that the current context can use, or no usable program.
     bool draw();
     /// The same with a named program, bound for the draw when it is not.
     bool draw(ShaderProgram *program);

@@ -31,6 +31,9 @@ class KVO_GL_EXPORT Texture : public QObject, public Bindable
 public:
     explicit Texture(QObject *parent = nullptr);
     ~Texture() override;
+    static void *operator new(std::size_t size);
+    static void *operator new(std::size_t, void *where) noexcept { return where; }
+    static void operator delete(void *memory);
 
     /// GL_TEXTURE_2D, GL_TEXTURE_2D_ARRAY, GL_TEXTURE_CUBE_MAP, GL_TEXTURE_BUFFER …; call once, first.
     void setTarget(unsigned int target);
@@ -63,6 +66,7 @@ private:
     friend class TextureManager;
 
     void freeStorage();
+    void reuse();
 
     std::unique_ptr<ObjectName> _name;
     unsigned int _target = 0;

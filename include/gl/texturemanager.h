@@ -101,9 +101,9 @@ public:
     void advanceFrame();
     /// Frees pool textures without references that nobody took for more than \a maxIdleFrames frames,
     /// then the longest idle ones until the pool takes at most \a maxBytes (negative: no limit).
-    /// Textures with references are never freed. The wrapper of one that was freed stays valid memory, empty,
-    /// until the pool uses it for another texture: outputs that nobody reads may still name it. Gives the
-    /// number freed.
+    /// Textures with references are never freed. The wrapper of one that was freed stays valid memory, without
+    /// a GL texture, until the pool uses it for another one; slots that still name it read as empty until then.
+    /// Gives the number freed.
     int trim(int maxIdleFrames, qint64 maxBytes = -1);
     /// State of the pool in the current share group.
     TexturePoolStatistics statistics() const;

@@ -159,6 +159,8 @@ bool DrawBuffers::draw()
     const bool isBound =
         d->vao->vertexArrayID() != 0 && GLuint(boundNow(GL_VERTEX_ARRAY_BINDING)) == d->vao->vertexArrayID();
     AutoBinder self(isBound ? nullptr : this);
+    if (!isBound && !self.isBound())
+        return false;
     if (d->indices)
         glDrawElements(d->primitiveType, d->indexCount, d->indexType, nullptr);
     else

@@ -79,15 +79,17 @@ StorageBinder::StorageBinder(Texture *texture) : _texture(texture)
         _bound = texture->bind();
         return;
     }
-    const bool isUsable = texture->_target
-                          && (texture->_name->wasCreated() ? texture->_name->isUsableIn(*state)
-                                                           : texture->_name->create(NameKind::Texture));
+    const bool isNew = !texture->_name->wasCreated();
+    const bool isUsable =
+        texture->_target && (!isNew ? texture->_name->isUsableIn(*state) : texture->_name->create(NameKind::Texture));
     if (!isUsable)
         return;
     GLint before = 0;
     glGetIntegerv(textureBindingOf(texture->_target), &before);
     _previous = GLuint(before);
     glBindTexture(texture->_target, texture->_name->id());
+    if (isNew)
+        state->labelObject(GL_TEXTURE, texture->_name->id(), texture->label());
     _bound = _onActiveUnit = true;
 }
 

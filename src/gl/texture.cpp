@@ -8,6 +8,10 @@
 
 #include <epoxy/gl.h>
 
+#include <array>
+#include <new>
+#include <utility>
+
 namespace Brevane::Kvo {
 
 unsigned int textureBindingOf(unsigned int target)
@@ -130,10 +134,36 @@ bool Texture::isUsable() const
     return state && (!_name->wasCreated() || _name->isUsableIn(*state));
 }
 
-// The wrapper is as good as new afterwards.
+// The wrapper is as good as new afterwards, and reads as gone from slots until it is used again.
 void Texture::freeStorage()
 {
     *_name = ObjectName();
+    leaveLiveObject(static_cast<QObject *>(this));
+}
+
+void Texture::reuse()
+{
+    enterLiveObject(static_cast<QObject *>(this), LiveKind::Texture);
+}
+
+// Slots that still name a texture which is gone know its address only, and must not take the next texture
+// for it. So an address rests until many others have been used.
+void *Texture::operator new(std::size_t size)
+{
+    return ::operator new(size);
+}
+
+void Texture::operator delete(void *memory)
+{
+#if defined(__SANITIZE_ADDRESS__)
+    ::operator delete(memory); // the sanitizer lets addresses rest too, and knows who uses them meanwhile
+#else
+    constexpr std::size_t kResting = 256;
+    static auto *resting = new std::array<void *, kResting>{};
+    static std::size_t next = 0;
+    ::operator delete(std::exchange((*resting)[next], memory));
+    next = (next + 1) % kResting;
+#endif
 }
 
 int Texture::unit() const

@@ -214,6 +214,7 @@ Texture *TextureManager::tempTexture(TextureFormat format, int width, int height
         } else {
             entry->texture = std::move(group->spare.back());
             group->spare.pop_back();
+            entry->texture->reuse();
         }
         entry->texture->setLabel(QStringLiteral("pool format %1, %2x%3, number %4")
                                      .arg(int(format))

@@ -1,5 +1,6 @@
 #include "passkit/targets.h"
 
+#include "core/renderpasshelper.h"
 #include "gl/framebufferobject.h"
 #include "gl/givenup.h"
 #include "gl/glinfo.h"
@@ -61,15 +62,18 @@ Texture *makeBlackTexture()
     return makeTexture({GL_RGBA, GL_BGRA, GL_UNSIGNED_BYTE, GL_NEAREST}, {1, 1}, &kZero);
 }
 
-unsigned int depthAttachmentOf(Texture *depth)
+unsigned int depthAttachmentOf(RenderPassHelper &pass, int slot, Texture *depth)
 {
     AutoBinder bound(depth);
     if (!bound.isBound() || depth->target() != GL_TEXTURE_2D)
         return GL_DEPTH_STENCIL_ATTACHMENT;
     GLint format = 0;
     glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_INTERNAL_FORMAT, &format);
-    return formatFromInternalFormat(GLenum(format)) == GL_DEPTH_COMPONENT ? GL_DEPTH_ATTACHMENT
-                                                                          : GL_DEPTH_STENCIL_ATTACHMENT;
+    switch (formatFromInternalFormat(GLenum(format))) {
+    case GL_DEPTH_COMPONENT: pass.acceptInput(slot); return GL_DEPTH_ATTACHMENT;
+    case GL_DEPTH_STENCIL: pass.acceptInput(slot); return GL_DEPTH_STENCIL_ATTACHMENT;
+    default: pass.reportInput(slot, QStringLiteral("has no depth; it is left out")); return GL_NONE;
+    }
 }
 
 void giveUpTargets(const Held<FramebufferObject> &framebuffer)

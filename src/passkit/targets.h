@@ -6,6 +6,7 @@
 namespace Brevane::Kvo {
 
 class FramebufferObject;
+class RenderPassHelper;
 class Texture;
 
 /// How the texture of an owned target is allocated.
@@ -39,8 +40,9 @@ Texture *makeTexture(const TargetFormat &format, const Extent &extent, const voi
 Texture *makeBlackTexture();
 
 /// Where a depth texture of the host's is attached: GL_DEPTH_STENCIL_ATTACHMENT, or GL_DEPTH_ATTACHMENT
-/// when it has depth but no stencil.
-unsigned int depthAttachmentOf(Texture *depth);
+/// when it has depth but no stencil. GL_NONE for a texture without depth, which is said once with the names
+/// of pass and slot.
+unsigned int depthAttachmentOf(RenderPassHelper &pass, int slot, Texture *depth);
 
 /// Lets the targets of a framebuffer outlive it, for destructors of passes whose targets somebody may still
 /// read: see OpenGLDeviceContext::giveUp. Not while a copy of the pass has the framebuffer.

@@ -159,7 +159,11 @@ void BackgroundImageRenderPass::start(RenderCallbacks *callbacks)
     }
 
     Texture *result = tempTexture(TextureFormat::Frame, extent);
-    const GLenum depthPoint = depth ? depthAttachmentOf(depth) : GL_DEPTH_STENCIL_ATTACHMENT;
+    GLenum depthPoint = GL_DEPTH_STENCIL_ATTACHMENT;
+    if (depth && (depthPoint = depthAttachmentOf(*this, kDepth, depth)) == GL_NONE) {
+        release(std::exchange(depth, nullptr));
+        depthPoint = GL_DEPTH_STENCIL_ATTACHMENT;
+    }
     if (!depth)
         depth = tempTexture(TextureFormat::DepthStencil, extent);
     if (!normal)

@@ -206,12 +206,16 @@ void SkyboxRenderPass::start(RenderCallbacks *callbacks)
     Texture *depth = typedTexture(_inputs[kDepth].value);
 
     const bool ownsFrame = !frame;
+    GLenum depthPoint = GL_DEPTH_STENCIL_ATTACHMENT;
+    if (depth && (depthPoint = depthAttachmentOf(*this, kDepth, depth)) == GL_NONE) {
+        release(std::exchange(depth, nullptr));
+        depthPoint = GL_DEPTH_STENCIL_ATTACHMENT;
+    }
     const bool ownsDepth = !depth;
     if (ownsFrame)
         frame = tempTexture(TextureFormat::Frame, extent);
     if (ownsDepth)
         depth = tempTexture(TextureFormat::DepthStencil, extent);
-    const GLenum depthPoint = ownsDepth ? GL_DEPTH_STENCIL_ATTACHMENT : depthAttachmentOf(depth);
 
     NeutralState neutral(kState);
     AutoBinder fbo(_fbo);

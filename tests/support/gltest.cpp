@@ -60,6 +60,7 @@ void GLTest::SetUp()
     // these are made on demand and stay, so they are no test's leak
     device->screenQuad()->bind();
     device->screenQuad()->unbind();
+    device->freeGivenUp();
     _before = liveObjects();
 }
 
