@@ -1,7 +1,8 @@
 #include "host/pipeline.h"
 
-#include "framestate.h"
+#include "debuggroup.h"
 #include "gl/framebufferobject.h"
+#include "gl/hoststate.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/texture.h"
 #include "gl/texturemanager.h"
@@ -9,6 +10,7 @@
 #include "host/slotname.h"
 #include "host/slotvalue.h"
 #include "model/gpumodel.h"
+#include "passrows.h"
 #include "passtimer.h"
 #include "rectangleparts.h"
 #include "referenceledger.h"
@@ -73,7 +75,7 @@ struct Node
     std::vector<Source> inputs;
     bool isSetUp = false;
     unsigned int errorCode = 0;
-    QColor clearColor; // invalid: what is current
+    QColor clearColor; // invalid: transparent black
     PassTimer timer;
 };
 
@@ -88,6 +90,7 @@ struct Step
     };
 
     Node *node = nullptr;
+    const StateRow *row = nullptr; ///< What the pass leaves changed; null: not known.
     int viewportInput = -1;
     std::vector<Link> links;
     std::vector<int> hosts; ///< Inputs that are bound to a host value.
@@ -398,6 +401,7 @@ Step PipelinePrivate::makeStep(Node *node) const
     Step step;
     step.node = node;
     RenderPass &pass = *node->pass;
+    step.row = stateRowOf(pass);
     step.viewportInput = int(slotNames(pass, true).indexOf(kViewportSlot));
     for (int i = 0; i < int(node->inputs.size()); ++i) {
         const Source &source = node->inputs[i];
@@ -928,7 +932,7 @@ bool Pipeline::render(RenderCallbacks *callbacks, QString *error)
 {
     if (!setup(callbacks, error))
         return false;
-    const FrameState state;
+    DefaultState state;
     d->faults.clear();
     d->ledger.beginFrame();
     d->hostValues[kFrame].value = d->frame;
@@ -944,12 +948,22 @@ bool Pipeline::render(RenderCallbacks *callbacks, QString *error)
         d->ledger.beforeStart(step.inputPorts);
         if (d->timing)
             node.timer.begin(d->hasTimestamps);
-        node.pass->start(callbacks);
+        {
+            const DefaultState::Known known(step.row != nullptr);
+            node.pass->start(callbacks);
+        }
         if (d->timing)
             node.timer.end();
         d->checkReferences(step);
         if (d->observer)
             d->observer(node.name, node.pass.get());
+        // The next one, and the host, find nothing of this one.
+        if (step.row && !d->observer)
+            state.resetAfter(*step.row);
+        else
+            state.resetAll();
+        if (node.clearColor.isValid())
+            glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
     }
     for (const Step &step : d->steps)
         step.node->pass->endFrame(callbacks);

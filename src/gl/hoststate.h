@@ -129,6 +129,21 @@ struct KVO_GL_EXPORT StateRow
     StatePieces left; ///< All that the pass may leave changed.
 };
 
+/// Values as they were, those that were not at their defaults.
+class StateValues
+{
+public:
+    /// Reads these pieces, sets them to their defaults, and keeps what was not there yet.
+    void takeOver(const StatePieces &pieces);
+    /// Sets what was kept, but for these.
+    void putBack(const StatePieces &butNot = {}) const;
+
+private:
+    int _count = 0;
+    std::array<unsigned char, kStateValues> _pieces;
+    std::array<double, 384> _numbers;
+};
+
 /// Brings the pieces of state that could spoil a pass's picture to GL's default for its scope, and puts
 /// back, as they were, those that the pass does not leave changed. Passes open one in start, before the
 /// first call that depends on state. A pass that changes a piece which its row does not list as left puts
@@ -145,14 +160,10 @@ public:
     void leave(std::initializer_list<StatePiece> pieces);
 
 private:
-    friend class DefaultState;
-
     const StateRow &_row;
-    int _saved = 0;
-    bool _feedbackPaused = false;
     StatePieces _stays;
-    std::array<unsigned char, kStateValues> _pieces;
-    std::array<double, 256> _values;
+    bool _feedbackPaused = false;
+    StateValues _before;
 };
 
 /// All of a context's values at GL's default, and all as before at the end of the scope; with them the
@@ -185,14 +196,9 @@ public:
     };
 
 private:
-    struct Saved
-    {
-        std::size_t piece;
-        std::array<double, 64> values;
-    };
-    std::vector<Saved> _saved;
     std::array<int, 6> _bindings{};
     bool _feedbackPaused = false;
+    StateValues _before;
 };
 
 } // namespace Brevane::Kvo
