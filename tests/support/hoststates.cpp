@@ -379,8 +379,12 @@ class ProgramPipeline : public Number<GL_PROGRAM_PIPELINE_BINDING>
 public:
     ProgramPipeline()
     {
-        const char *text = kFragmentText;
-        _program = glCreateShaderProgramv(GL_FRAGMENT_SHADER, 1, &text);
+        const GLuint shader = compiled(GL_FRAGMENT_SHADER, kFragmentText);
+        _program = glCreateProgram();
+        glProgramParameteri(_program, GL_PROGRAM_SEPARABLE, GL_TRUE);
+        glAttachShader(_program, shader);
+        glLinkProgram(_program);
+        glDeleteShader(shader);
         glGenProgramPipelines(1, &_name);
         glUseProgramStages(_name, GL_FRAGMENT_SHADER_BIT, _program);
         glBindProgramPipeline(_name);
