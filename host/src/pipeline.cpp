@@ -932,7 +932,7 @@ bool Pipeline::render(RenderCallbacks *callbacks, QString *error)
 {
     if (!setup(callbacks, error))
         return false;
-    DefaultState state;
+    const DefaultState state;
     d->faults.clear();
     d->ledger.beginFrame();
     d->hostValues[kFrame].value = d->frame;
@@ -959,9 +959,9 @@ bool Pipeline::render(RenderCallbacks *callbacks, QString *error)
             d->observer(node.name, node.pass.get());
         // The next one, and the host, find nothing of this one.
         if (step.row && !d->observer)
-            state.resetAfter(*step.row);
+            DefaultState::resetAfter(*step.row);
         else
-            state.resetAll();
+            DefaultState::resetAll();
         if (node.clearColor.isValid())
             glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
     }

@@ -657,6 +657,9 @@ StateRow::StateRow(const char *name, std::vector<StateException> list, std::init
         const auto piece = std::size_t(exception.piece);
         if (exception.use == StateException::Left) {
             left.set(piece);
+            const std::vector<double> &value = exception.value;
+            if (piece < kStateValues && hasDefault(piece) && (value.empty() || !isDefault(infoOf(piece), value.data())))
+                toReset.set(piece);
             stays.set(piece, stays.test(piece) || !exception.when);
         } else {
             guarded.reset(piece);
@@ -751,7 +754,7 @@ DefaultState::~DefaultState()
 void DefaultState::resetAfter(const StateRow &row)
 {
     for (std::size_t i = 0; i < kStateValues; ++i) {
-        if (row.left.test(i) && hasDefault(i))
+        if (row.toReset.test(i))
             infoOf(i).write(infoOf(i).defaults.data());
     }
 }

@@ -127,6 +127,7 @@ struct KVO_GL_EXPORT StateRow
     StatePieces guarded; ///< What the pass's guard brings to its default.
     StatePieces stays; ///< Of these, what the pass leaves changed on each of its roads.
     StatePieces left; ///< All that the pass may leave changed.
+    StatePieces toReset; ///< Of these, what it may leave at something else than the default.
 };
 
 /// Values as they were, those that were not at their defaults.
@@ -177,9 +178,9 @@ public:
     DefaultState &operator=(const DefaultState &) = delete;
 
     /// Brings back to the default what a pass may have left changed.
-    void resetAfter(const StateRow &row);
+    static void resetAfter(const StateRow &row);
     /// The same after code that may have changed anything.
-    void resetAll();
+    static void resetAll();
 
     /// As long as one exists, all values are known to be at their defaults: the guards of passes ask
     /// nothing.
