@@ -1,6 +1,8 @@
 #include "host/passfactory.h"
 
 #include "host/shadowlightingpass.h"
+#include "passkit/statetable.h"
+#include "passrows.h"
 #include "renderpasses/backgroundimagerenderpass.h"
 #include "renderpasses/blendrenderpass.h"
 #include "renderpasses/blurandcombinerenderpass.h"
@@ -34,6 +36,8 @@
 #include "renderpasses/visibilitysortrenderpass.h"
 #include "renderpasses/wireframerenderpass.h"
 
+#include <typeinfo>
+
 namespace Brevane::Kvo {
 
 namespace {
@@ -48,43 +52,56 @@ struct Entry
 {
     const char *className;
     PassFactory::Maker maker;
+    bool (*isExactly)(const RenderPass &pass);
 };
+
+template <typename Pass>
+bool isExactly(const RenderPass &pass)
+{
+    return typeid(pass) == typeid(Pass);
+}
+
+template <typename Pass>
+constexpr Entry entry(const char *className)
+{
+    return {className, makePass<Pass>, isExactly<Pass>};
+}
 
 // A new pass takes an include above and a line here.
 constexpr Entry kPasses[] = {
-    {"BackgroundImageRenderPass", makePass<BackgroundImageRenderPass>},
-    {"BlendRenderPass", makePass<BlendRenderPass>},
-    {"BlurAndCombineRenderPass", makePass<BlurAndCombineRenderPass>},
-    {"CameraJitterPass", makePass<CameraJitterPass>},
-    {"CameraSpaceZBufferRenderPass", makePass<CameraSpaceZBufferRenderPass>},
-    {"DeferredRenderPass", makePass<DeferredRenderPass>},
-    {"CubemapLoaderRenderPass", makePass<CubemapLoaderRenderPass>},
-    {"DepthOfFieldRenderPass", makePass<DepthOfFieldRenderPass>},
-    {"FastApproximateAntiAliasingRenderPass", makePass<FastApproximateAntiAliasingRenderPass>},
-    {"ForwardRenderPass", makePass<ForwardRenderPass>},
-    {"GBufferRenderPass", makePass<GBufferRenderPass>},
-    {"GaussianBlurRenderPass", makePass<GaussianBlurRenderPass>},
-    {"GradientRenderPass", makePass<GradientRenderPass>},
-    {"LuminanceAverageRenderPass", makePass<LuminanceAverageRenderPass>},
-    {"ModelDeferredPass", makePass<ModelDeferredPass>},
-    {"ModelRenderPass", makePass<ModelRenderPass>},
-    {"PrimitiveBuilderRenderPass", makePass<PrimitiveBuilderRenderPass>},
-    {"ScalableAmbientObscuranceRenderPass", makePass<ScalableAmbientObscuranceRenderPass>},
-    {"SMAARenderPass", makePass<SMAARenderPass>},
-    {"ShaderRenderPass", makePass<ShaderRenderPass>},
-    {"ShadowLightingPass", makePass<ShadowLightingPass>},
-    {"ShadowMapRenderPass", makePass<ShadowMapRenderPass>},
-    {"ShadowMapRenderPass2", makePass<ShadowMapRenderPass2>},
-    {"SkyboxRenderPass", makePass<SkyboxRenderPass>},
-    {"StencilBlurAndBlendRenderPass", makePass<StencilBlurAndBlendRenderPass>},
-    {"TemporalAARenderPass", makePass<TemporalAARenderPass>},
-    {"TextureLoaderRenderPass", makePass<TextureLoaderRenderPass>},
-    {"TextureToScreenRenderPass", makePass<TextureToScreenRenderPass>},
-    {"TransparencyRenderPass", makePass<TransparencyRenderPass>},
-    {"VisibilityBufferRenderPass", makePass<VisibilityBufferRenderPass>},
-    {"VisibilityDeferredRenderPass", makePass<VisibilityDeferredRenderPass>},
-    {"VisibilitySortRenderPass", makePass<VisibilitySortRenderPass>},
-    {"WireframeRenderPass", makePass<WireframeRenderPass>},
+    entry<BackgroundImageRenderPass>("BackgroundImageRenderPass"),
+    entry<BlendRenderPass>("BlendRenderPass"),
+    entry<BlurAndCombineRenderPass>("BlurAndCombineRenderPass"),
+    entry<CameraJitterPass>("CameraJitterPass"),
+    entry<CameraSpaceZBufferRenderPass>("CameraSpaceZBufferRenderPass"),
+    entry<DeferredRenderPass>("DeferredRenderPass"),
+    entry<CubemapLoaderRenderPass>("CubemapLoaderRenderPass"),
+    entry<DepthOfFieldRenderPass>("DepthOfFieldRenderPass"),
+    entry<FastApproximateAntiAliasingRenderPass>("FastApproximateAntiAliasingRenderPass"),
+    entry<ForwardRenderPass>("ForwardRenderPass"),
+    entry<GBufferRenderPass>("GBufferRenderPass"),
+    entry<GaussianBlurRenderPass>("GaussianBlurRenderPass"),
+    entry<GradientRenderPass>("GradientRenderPass"),
+    entry<LuminanceAverageRenderPass>("LuminanceAverageRenderPass"),
+    entry<ModelDeferredPass>("ModelDeferredPass"),
+    entry<ModelRenderPass>("ModelRenderPass"),
+    entry<PrimitiveBuilderRenderPass>("PrimitiveBuilderRenderPass"),
+    entry<ScalableAmbientObscuranceRenderPass>("ScalableAmbientObscuranceRenderPass"),
+    entry<SMAARenderPass>("SMAARenderPass"),
+    entry<ShaderRenderPass>("ShaderRenderPass"),
+    entry<ShadowLightingPass>("ShadowLightingPass"),
+    entry<ShadowMapRenderPass>("ShadowMapRenderPass"),
+    entry<ShadowMapRenderPass2>("ShadowMapRenderPass2"),
+    entry<SkyboxRenderPass>("SkyboxRenderPass"),
+    entry<StencilBlurAndBlendRenderPass>("StencilBlurAndBlendRenderPass"),
+    entry<TemporalAARenderPass>("TemporalAARenderPass"),
+    entry<TextureLoaderRenderPass>("TextureLoaderRenderPass"),
+    entry<TextureToScreenRenderPass>("TextureToScreenRenderPass"),
+    entry<TransparencyRenderPass>("TransparencyRenderPass"),
+    entry<VisibilityBufferRenderPass>("VisibilityBufferRenderPass"),
+    entry<VisibilityDeferredRenderPass>("VisibilityDeferredRenderPass"),
+    entry<VisibilitySortRenderPass>("VisibilitySortRenderPass"),
+    entry<WireframeRenderPass>("WireframeRenderPass"),
 };
 
 // Adds a slot, by its name, to a pass whose slots the host names.
@@ -140,6 +157,15 @@ void PassFactory::addOperations()
     add("ShaderRenderPass", passOperation<&ShaderRenderPass::setBlend>(QStringLiteral("setBlend")));
     add("ShaderRenderPass", slotOperation<true>());
     add("ShaderRenderPass", slotOperation<false>());
+}
+
+const StateRow *stateRowOf(const RenderPass &pass)
+{
+    for (const Entry &entry : kPasses) {
+        if (entry.isExactly(pass))
+            return findStateRow(entry.className);
+    }
+    return nullptr;
 }
 
 PassFactory &passFactory()

@@ -1,8 +1,9 @@
 #include "host/pipeline.h"
 
-#include "framestate.h"
+#include "debuggroup.h"
 #include "gl/framebufferobject.h"
 #include "gl/givenup.h"
+#include "gl/hoststate.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/texture.h"
 #include "gl/texturemanager.h"
@@ -10,6 +11,7 @@
 #include "host/slotname.h"
 #include "host/slotvalue.h"
 #include "model/gpumodel.h"
+#include "passrows.h"
 #include "passtimer.h"
 #include "rectangleparts.h"
 #include "referenceledger.h"
@@ -74,7 +76,7 @@ struct Node
     std::vector<Source> inputs;
     bool isSetUp = false;
     unsigned int errorCode = 0;
-    QColor clearColor; // invalid: what is current
+    QColor clearColor; // invalid: transparent black
     PassTimer timer;
 };
 
@@ -89,6 +91,7 @@ struct Step
     };
 
     Node *node = nullptr;
+    const StateRow *row = nullptr; ///< What the pass leaves changed; null: not known.
     int viewportInput = -1;
     std::vector<Link> links;
     std::vector<int> hosts; ///< Inputs that are bound to a host value.
@@ -453,6 +456,7 @@ Step PipelinePrivate::makeStep(Node *node) const
     Step step;
     step.node = node;
     RenderPass &pass = *node->pass;
+    step.row = stateRowOf(pass);
     step.viewportInput = int(slotNames(pass, true).indexOf(kViewportSlot));
     for (int i = 0; i < int(node->inputs.size()); ++i) {
         const Source &source = node->inputs[i];
@@ -994,7 +998,7 @@ bool Pipeline::render(RenderCallbacks *callbacks, QString *error)
         return false;
     if (!d->givenUp.isEmpty())
         d->freeGivenUp();
-    const FrameState state;
+    const DefaultState state;
     d->faults.clear();
     d->ledger.beginFrame();
     d->hostValues[kFrame].value = d->frame;
@@ -1012,6 +1016,7 @@ bool Pipeline::render(RenderCallbacks *callbacks, QString *error)
             node.timer.begin(d->hasTimestamps);
         {
             const GivenUpCollector collector(d->givenUp);
+            const DefaultState::Known known(step.row != nullptr);
             node.pass->start(callbacks);
         }
         if (d->timing)
@@ -1019,6 +1024,13 @@ bool Pipeline::render(RenderCallbacks *callbacks, QString *error)
         d->checkReferences(step);
         if (d->observer)
             d->observer(node.name, node.pass.get());
+        // The next one, and the host, find nothing of this one.
+        if (step.row && !d->observer)
+            DefaultState::resetAfter(*step.row);
+        else
+            DefaultState::resetAll();
+        if (node.clearColor.isValid())
+            glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
     }
     for (const Step &step : d->steps)
         step.node->pass->endFrame(callbacks);

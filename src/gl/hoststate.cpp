@@ -657,10 +657,42 @@ StateRow::StateRow(const char *name, std::vector<StateException> list, std::init
         const auto piece = std::size_t(exception.piece);
         if (exception.use == StateException::Left) {
             left.set(piece);
+            const std::vector<double> &value = exception.value;
+            if (piece < kStateValues && hasDefault(piece) && (value.empty() || !isDefault(infoOf(piece), value.data())))
+                toReset.set(piece);
             stays.set(piece, stays.test(piece) || !exception.when);
         } else {
             guarded.reset(piece);
         }
+    }
+}
+
+void StateValues::takeOver(const StatePieces &pieces)
+{
+    double *numbers = _numbers.data();
+    for (std::size_t i = 0; i < kStateValues; ++i) {
+        const PieceInfo &info = infoOf(i);
+        if (!pieces.test(i) || info.count == 0)
+            continue;
+        info.read(numbers);
+        if (hasDefault(i)) {
+            if (isDefault(info, numbers))
+                continue;
+            info.write(info.defaults.data());
+        }
+        _pieces[std::size_t(_count++)] = static_cast<unsigned char>(i);
+        numbers += info.count;
+    }
+}
+
+void StateValues::putBack(const StatePieces &butNot) const
+{
+    const double *numbers = _numbers.data();
+    for (int k = 0; k < _count; ++k) {
+        const std::size_t piece = _pieces[std::size_t(k)];
+        if (!butNot.test(piece))
+            infoOf(piece).write(numbers);
+        numbers += infoOf(piece).count;
     }
 }
 
@@ -670,32 +702,14 @@ NeutralState::NeutralState(const StateRow &row) : _row(row), _stays(row.stays)
     if (!state || state == knownToBeDefault)
         return;
     const StatePieces here = valuesOf(*state) & row.guarded;
-    auto *values = _values.data();
-    for (std::size_t i = 0; i < kStateValues; ++i) {
-        if (!here.test(i) || !hasDefault(i))
-            continue;
-        const PieceInfo &info = infoOf(i);
-        info.read(values);
-        if (isDefault(info, values))
-            continue;
-        info.write(info.defaults.data());
-        _pieces[std::size_t(_saved++)] = static_cast<unsigned char>(i);
-        values += info.count;
-    }
+    _before.takeOver(here);
     if (here.test(std::size_t(StatePiece::TransformFeedback)))
         _feedbackPaused = pauseFeedback();
 }
 
 NeutralState::~NeutralState()
 {
-    const auto *values = _values.data();
-    for (int s = 0; s < _saved; ++s) {
-        const auto piece = std::size_t(_pieces[std::size_t(s)]);
-        const PieceInfo &info = infoOf(piece);
-        if (!_stays.test(piece))
-            info.write(values);
-        values += info.count;
-    }
+    _before.putBack(_stays);
     if (_feedbackPaused)
         glResumeTransformFeedback();
 }
@@ -716,29 +730,17 @@ DefaultState::DefaultState()
     glGetIntegerv(GL_VERTEX_ARRAY_BINDING, &_bindings[3]);
     glGetIntegerv(GL_ACTIVE_TEXTURE, &_bindings[4]);
     glGetIntegerv(GL_ARRAY_BUFFER_BINDING, &_bindings[5]);
-    ContextState *state = ContextState::current();
-    const StatePieces here = state ? valuesOf(*state) : StatePieces();
-    Saved saved;
-    for (saved.piece = 0; saved.piece < kStateValues; ++saved.piece) {
-        if (!here.test(saved.piece))
-            continue;
-        const PieceInfo &info = infoOf(saved.piece);
-        info.read(saved.values.data());
-        if (hasDefault(saved.piece)) {
-            if (isDefault(info, saved.values.data()))
-                continue;
-            info.write(info.defaults.data());
-        }
-        _saved.push_back(saved);
+    if (ContextState *state = ContextState::current()) {
+        const StatePieces here = valuesOf(*state);
+        _before.takeOver(here);
+        if (here.test(std::size_t(StatePiece::TransformFeedback)))
+            _feedbackPaused = pauseFeedback();
     }
-    if (here.test(std::size_t(StatePiece::TransformFeedback)))
-        _feedbackPaused = pauseFeedback();
 }
 
 DefaultState::~DefaultState()
 {
-    for (const Saved &saved : _saved)
-        infoOf(saved.piece).write(saved.values.data());
+    _before.putBack();
     glBindFramebuffer(GL_DRAW_FRAMEBUFFER, GLuint(_bindings[0]));
     glBindFramebuffer(GL_READ_FRAMEBUFFER, GLuint(_bindings[1]));
     glUseProgram(GLuint(_bindings[2]));
@@ -752,7 +754,7 @@ DefaultState::~DefaultState()
 void DefaultState::resetAfter(const StateRow &row)
 {
     for (std::size_t i = 0; i < kStateValues; ++i) {
-        if (row.left.test(i) && hasDefault(i))
+        if (row.toReset.test(i))
             infoOf(i).write(infoOf(i).defaults.data());
     }
 }

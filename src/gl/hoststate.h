@@ -127,6 +127,22 @@ struct KVO_GL_EXPORT StateRow
     StatePieces guarded; ///< What the pass's guard brings to its default.
     StatePieces stays; ///< Of these, what the pass leaves changed on each of its roads.
     StatePieces left; ///< All that the pass may leave changed.
+    StatePieces toReset; ///< Of these, what it may leave at something else than the default.
+};
+
+/// Values as they were, those that were not at their defaults.
+class StateValues
+{
+public:
+    /// Reads these pieces, sets them to their defaults, and keeps what was not there yet.
+    void takeOver(const StatePieces &pieces);
+    /// Sets what was kept, but for these.
+    void putBack(const StatePieces &butNot = {}) const;
+
+private:
+    int _count = 0;
+    std::array<unsigned char, kStateValues> _pieces;
+    std::array<double, 384> _numbers;
 };
 
 /// Brings the pieces of state that could spoil a pass's picture to GL's default for its scope, and puts
@@ -145,14 +161,10 @@ public:
     void leave(std::initializer_list<StatePiece> pieces);
 
 private:
-    friend class DefaultState;
-
     const StateRow &_row;
-    int _saved = 0;
-    bool _feedbackPaused = false;
     StatePieces _stays;
-    std::array<unsigned char, kStateValues> _pieces;
-    std::array<double, 256> _values;
+    bool _feedbackPaused = false;
+    StateValues _before;
 };
 
 /// All of a context's values at GL's default, and all as before at the end of the scope; with them the
@@ -166,9 +178,9 @@ public:
     DefaultState &operator=(const DefaultState &) = delete;
 
     /// Brings back to the default what a pass may have left changed.
-    void resetAfter(const StateRow &row);
+    static void resetAfter(const StateRow &row);
     /// The same after code that may have changed anything.
-    void resetAll();
+    static void resetAll();
 
     /// As long as one exists, all values are known to be at their defaults: the guards of passes ask
     /// nothing.
@@ -185,14 +197,9 @@ public:
     };
 
 private:
-    struct Saved
-    {
-        std::size_t piece;
-        std::array<double, 64> values;
-    };
-    std::vector<Saved> _saved;
     std::array<int, 6> _bindings{};
     bool _feedbackPaused = false;
+    StateValues _before;
 };
 
 } // namespace Brevane::Kvo

@@ -311,6 +311,7 @@ TEST_F(ModelPass, WithoutAModelTheTargetsAreClearedOnEveryStart)
     model.upload(cubesScene());
     runFrame(pass);
     pass.setInput(kGeometry, QVariant::fromValue(static_cast<GPUModel *>(nullptr)));
+    glDisable(GL_DEPTH_TEST); // which the frame with a model has left on
     for (int i = 0; i < 2; ++i) {
         GlCalls calls;
         runFrame(pass);

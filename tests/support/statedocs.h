@@ -49,19 +49,19 @@ inline QString statePromise(const StateRow &row)
     return text;
 }
 
-/// The same as comment lines of a header, of up to 110 columns.
-inline QString promiseComment(const StateRow &row)
+/// The same as lines of up to 110 columns, each with a beginning.
+inline QString promiseLines(const StateRow &row, const QString &beginning)
 {
-    QString comment;
-    QString line = QStringLiteral("///");
+    QString lines;
+    QString line = beginning;
     for (const QString &word : statePromise(row).split(u' ')) {
         if (line.size() + 1 + word.size() > 110) {
-            comment += line + u'\n';
-            line = QStringLiteral("///");
+            lines += line + u'\n';
+            line = beginning;
         }
-        line += u' ' + word;
+        line += (line.isEmpty() ? QString() : QStringLiteral(" ")) + word;
     }
-    return comment + line + u'\n';
+    return lines + line + u'\n';
 }
 
 inline QString hostStatePage()

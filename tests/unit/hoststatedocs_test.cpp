@@ -33,14 +33,32 @@ bool isWriting()
 
 const QString kDirectory = QStringLiteral(KVO_SOURCE_DIR);
 
-// Where a header speaks of state: its lines from "Leaves changed" or the like to the next empty comment
-// line or to the end of the comment.
-void findPromise(const QString &header, qsizetype *from, qsizetype *to)
+// Where a text speaks of state: its lines from "Leaves" on as long as they begin alike.
+void findPromise(const QString &text, const QString &beginning, qsizetype *from, qsizetype *to)
 {
-    *from = header.indexOf(QStringLiteral("\n/// Leaves ")) + 1;
+    const QString start = beginning.isEmpty() ? QString() : beginning + u' ';
+    *from = text.indexOf(u'\n' + start + QStringLiteral("Leaves ")) + 1;
     *to = *from;
-    while (*from > 0 && QStringView(header).mid(*to).startsWith(u"/// "))
-        *to = header.indexOf(u'\n', *to) + 1;
+    const auto goesOn = [&] {
+        const QStringView rest = QStringView(text).mid(*to);
+        return !rest.isEmpty() && rest.startsWith(start) && !rest.startsWith(u'\n');
+    };
+    while (*from > 0 && *to > 0 && goesOn())
+        *to = text.indexOf(u'\n', *to) + 1;
+}
+
+void expectPromise(const QString &path, const StateRow &row, const QString &beginning)
+{
+    QString text = fileText(path);
+    qsizetype from = 0, to = 0;
+    findPromise(text, beginning, &from, &to);
+    ASSERT_GT(from, 0) << qPrintable(path) << " says nothing about state in a paragraph of its own";
+    if (isWriting()) {
+        text.replace(from, to - from, promiseLines(row, beginning));
+        writeText(path, text);
+        findPromise(text, beginning, &from, &to);
+    }
+    EXPECT_EQ(text.mid(from, to - from).toStdString(), promiseLines(row, beginning).toStdString()) << row.className;
 }
 
 } // namespace
@@ -54,22 +72,13 @@ TEST(HostStateDocs, ThePageIsMadeOfTheTable)
         << "stale: write it with KVO_WRITE_DOCS=1 build/dev/bin/test_unit_hoststatedocs";
 }
 
-TEST(HostStateDocs, EveryHeaderSaysWhatTheTableSays)
+TEST(HostStateDocs, EveryHeaderAndEveryPageOfAPassSaysWhatTheTableSays)
 {
     EXPECT_EQ(stateTable().size(), 33u);
     for (const StateRow &row : stateTable()) {
-        const QString path = kDirectory + QStringLiteral("/include/renderpasses/")
-                             + QString::fromLatin1(row.className).toLower() + QStringLiteral(".h");
-        QString header = fileText(path);
-        qsizetype from = 0, to = 0;
-        findPromise(header, &from, &to);
-        ASSERT_GT(from, 0) << row.className << " says nothing about state in a paragraph of its own";
-        if (isWriting()) {
-            header.replace(from, to - from, promiseComment(row));
-            writeText(path, header);
-            findPromise(header, &from, &to);
-        }
-        EXPECT_EQ(header.mid(from, to - from).toStdString(), promiseComment(row).toStdString()) << row.className;
+        const QString name = QString::fromLatin1(row.className).toLower();
+        expectPromise(kDirectory + QStringLiteral("/include/renderpasses/%1.h").arg(name), row, QStringLiteral("///"));
+        expectPromise(kDirectory + QStringLiteral("/docs/passes/%1.md").arg(name), row, QString());
     }
 }
 

@@ -73,9 +73,11 @@ struct PassInput
 /// Slots are named in full ("Kvo_KvoTexture*_Frame") or by their last part ("Frame").
 ///
 /// render puts the passes in an order that their links allow, gives every pass its inputs right before
-/// it starts, and sets GL's viewport to the size in the pass's viewport slot. Each frame begins with
-/// GL's default state, and leaves viewport and framebuffer bindings as it found them. Links and users
-/// of outputs are worked out anew only after a change; a frame in between allocates nothing.
+/// it starts, and sets GL's viewport to the size in the pass's viewport slot. Each pass begins with GL's
+/// default state, whatever the host or the passes before it have set, and after the frame the host finds
+/// its state as it was. A pass or an observer of the host's own may change any value of the context, and
+/// has to put back what it binds. Links and users of outputs are worked out anew only after a change; a
+/// frame in between allocates nothing.
 ///
 /// Operations that can fail return false and put the reason, with the names concerned and the nearest
 /// right name, in *error where given; the pipeline is then as it was.
@@ -97,7 +99,7 @@ public:
     bool insert(const QString &name, std::unique_ptr<RenderPass> pass, const QString &to, const QString &toSlot,
                 const QString &inputSlot, const QString &outputSlot, QString *error = nullptr);
     /// Sets GL's clear colour to this right before the pass starts, for passes that clear to what is
-    /// current. An invalid colour takes the setting back.
+    /// current. An invalid colour takes the setting back, to GL's default of transparent black.
     bool setClearColor(const QString &pass, const QColor &color, QString *error = nullptr);
     /// Puts another pass in the place of one, with all links and values. Fails when the new pass lacks a
     /// slot that is in use.
