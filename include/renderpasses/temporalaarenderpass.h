@@ -32,6 +32,10 @@ class ShaderProgram;
 /// The frame after a restart replaces the restart frame, which is often the least settled, and the mean
 /// begins there. The mean is made by blending with a constant. The frame is given back to the pool.
 ///
+/// Out of range: a scale of 0 or less acts as 1. One that is not a number does so too, and one whose mean would
+/// have a side beyond the driver's limit gives the largest there is, of 4 million texels at most; both are said
+/// once, with a warning that names pass and slot.
+///
 /// Leaves changed, unless passing through: viewport, depth test off, depth mask open, blending off,
 /// blend function, equation and colour, clear colour after a restart. Needs OpenGL 3.2.
 class KVO_RENDERPASSES_EXPORT TemporalAARenderPass : public RenderPassHelper

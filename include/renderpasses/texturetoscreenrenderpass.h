@@ -33,6 +33,9 @@ class Texture;
 /// reads blocks from the position in the target, not in the rectangle. With no texture the blit path
 /// clears the target, and the averaging path draws transparent black.
 ///
+/// Out of range: corners of rectangles beyond 8388608 either way are moved there, which is said once, with a
+/// warning that names pass and slot.
+///
 /// The texture is given back to the pool. Leaves changed: framebuffer bindings 0; on the averaging path
 /// viewport, scissor box, colour mask open, and depth test, blending, stencil test and scissor test off.
 /// Needs OpenGL 3.2.

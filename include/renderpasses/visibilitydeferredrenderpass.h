@@ -45,6 +45,10 @@ class UniformBufferObject;
 /// (3276 with the usual 64 KiB); for a model with more, that is reported once, and fragments of the
 /// draws beyond are shaded with normal and texture coordinate 0.
 ///
+/// Out of range: a width of the node buffer beyond 65536 acts as 65536, and a negative one as 0, with a warning
+/// that names pass and slot. A list ends behind 65536 fragments, so that one that leads back into itself,
+/// as one read at a wrong width may, does so too.
+///
 /// Runs under the host's GL viewport; the depth test is put back. Needs OpenGL 3.2.
 class KVO_RENDERPASSES_EXPORT VisibilityDeferredRenderPass : public RenderPassHelper
 {

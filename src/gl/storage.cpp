@@ -1,5 +1,6 @@
 #include "gl/storage.h"
 
+#include "gl/contextstate.h"
 #include "gl/glinfo.h"
 
 #include <QSet>
@@ -29,8 +30,12 @@ void specify(GLenum target2D, GLenum targetArray, GLint internalFormat, const Im
         glTexImage3D(targetArray, 0, internalFormat, size.width, size.height, size.layers, 0, format, type, pixels);
 }
 
+// A size beyond the limits is not even asked for: there are drivers that write beyond a table of theirs.
 bool driverSaysYes(GLint internalFormat, const ImageSize &size, GLenum format, GLenum type)
 {
+    const GLLimits limits = currentLimits();
+    if (size.width > limits.textureSide || size.height > limits.textureSide || size.layers > limits.arrayLayers)
+        return false;
     specify(GL_PROXY_TEXTURE_2D, GL_PROXY_TEXTURE_2D_ARRAY, internalFormat, size, format, type, nullptr);
     GLint width = 0;
     glGetTexLevelParameteriv(size.layers < 0 ? GL_PROXY_TEXTURE_2D : GL_PROXY_TEXTURE_2D_ARRAY, 0, GL_TEXTURE_WIDTH,
@@ -67,6 +72,12 @@ bool tryImage(GLint internalFormat, const ImageSize &size, GLenum format, GLenum
 }
 
 } // namespace
+
+GLLimits currentLimits()
+{
+    ContextState *state = ContextState::current();
+    return state ? state->limits() : GLLimits();
+}
 
 bool allocateImage(unsigned int internalFormat, const ImageSize &size, unsigned int format, unsigned int type,
                    const void *pixels)

@@ -1,8 +1,12 @@
 #pragma once
 
 #include "gl/export.h"
+#include "gl/opengldevicecontext.h"
 
 namespace Brevane::Kvo {
+
+/// The limits of the current context, all 0 without one. Asks GL nothing, unlike OpenGLDeviceContext::current.
+KVO_GL_EXPORT GLLimits currentLimits();
 
 /// What an image takes: a 2D one, or an array where it has layers.
 struct ImageSize
