@@ -10,6 +10,7 @@
 #include <gl/texturemanager.h>
 #include <host/imageoutput.h>
 #include <host/passfactory.h>
+#include <host/pipeline.h>
 #include <renderpasses/blurandcombinerenderpass.h>
 #include <renderpasses/camerajitterpass.h>
 #include <renderpasses/gaussianblurrenderpass.h>
@@ -569,6 +570,43 @@ TEST_F(NumbersTest, AViewportBeyondTheDriverIsCutToItsLimitAndThatIsSaidOnce)
         EXPECT_EQ(gradientOf(pass, QRect(0, 0, 2000000000, 4)), QSize(limits.targetWidth, 4));
         EXPECT_EQ(messages.texts(), QStringList({said, said})) << "again, since it was in range between";
     });
+}
+
+TEST_F(NumbersTest, LimitsAreThoseOfTheDriverAndNoneOnceTheContextIsReleased)
+{
+    QSharedPointer<OpenGLDeviceContext> device;
+    inAContextOfItsOwn(context(), [&device] {
+        device = OpenGLDeviceContext::current();
+        GLint side = 0, layers = 0, components = 0;
+        glGetIntegerv(GL_MAX_TEXTURE_SIZE, &side);
+        glGetIntegerv(GL_MAX_ARRAY_TEXTURE_LAYERS, &layers);
+        glGetIntegerv(GL_MAX_FRAGMENT_UNIFORM_COMPONENTS, &components);
+        EXPECT_EQ(device->limits().textureSide, side);
+        EXPECT_LE(device->limits().targetWidth, side);
+        EXPECT_EQ(device->limits().arrayLayers, layers);
+        EXPECT_EQ(device->limits().fragmentUniforms, components);
+        const GlCalls calls;
+        EXPECT_EQ(device->limits().textureSide, side);
+        EXPECT_TRUE(calls.all().empty()) << "asked once";
+    });
+    EXPECT_EQ(device->limits().textureSide, 0);
+}
+
+TEST_F(NumbersTest, PartsOfAViewportThatIsNoneAreRectanglesToo)
+{
+    const MessageCapture messages;
+    QString error;
+    Pipeline pipeline;
+    ASSERT_TRUE(pipeline.add(text("A"), std::make_unique<GradientRenderPass>(), &error)) << qPrintable(error);
+    ASSERT_TRUE(pipeline.bind(text("A"), text("Viewport"), text("viewport[-1000, 0.5, 1000, 1000]"), &error))
+        << qPrintable(error);
+    for (const QRect &viewport : {corners(kMin, kMin, kMax, kMax), corners(kMax - 9, kMax - 9, kMax, kMax),
+                                  corners(kMin, kMin, kMin + 9, kMin + 9)}) {
+        pipeline.setViewport(viewport);
+        EXPECT_TRUE(pipeline.render(nullptr, &error)) << qPrintable(error);
+        const auto *texture = textureFromVariant(pipeline.output(text("A"), text("Frame")));
+        EXPECT_LE(stateOf(texture).width, 10000);
+    }
 }
 
 TEST_F(NumbersTest, ATargetThatIsCutHasFourMillionTexelsAtMost)
