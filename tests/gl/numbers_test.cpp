@@ -722,7 +722,7 @@ TEST_F(NumbersTest, AnErrorOfTheHostsStaysInTheFlagWhileTargetsAreMade)
 
 TEST_P(EveryNumber, SurvivesADriverWithoutRoom)
 {
-    inAContextOfItsOwn(context(), [this] {
+    inAContextOfItsOwn(context(), [] {
         MessageCapture messages;
         {
             Values given;
@@ -843,7 +843,7 @@ TEST_P(BlurRadius, ThatIsNotANumberIsNone)
 
 TEST_P(BlurRadius, HasFewerTapsWhereUniformsAreFew)
 {
-    inAContextOfItsOwn(context(), [this] {
+    inAContextOfItsOwn(context(), [] {
         const GlCalls::ForcedInteger components(GL_MAX_FRAGMENT_UNIFORM_COMPONENTS, 1024);
         const MessageCapture messages;
         const std::unique_ptr<RenderPass> poor = passFactory().make(text(GetParam().className));
@@ -976,6 +976,7 @@ protected:
         values = std::make_unique<Values>();
         pass = std::make_unique<ScalableAmbientObscuranceRenderPass>();
         std::vector<float> depths;
+        depths.reserve(size_t(kWidth) * kHeight);
         for (int i = 0; i < kWidth * kHeight; ++i)
             depths.push_back(0.5f + 0.02f * float(i * 7 % 5));
         depth = makeTexture(GL_DEPTH_COMPONENT32F, kWidth, kHeight, depths.data());
