@@ -13,6 +13,8 @@ namespace {
 
 // Keeps products with any picture size far from what an int holds.
 constexpr double kLargestFraction = 1000.0;
+// A viewport that is none may be so large that they are not; half of what an int holds, for differences.
+constexpr double kFarthest = 1 << 30;
 
 std::optional<QRectF> toPart(const Json &json)
 {
@@ -28,8 +30,14 @@ std::optional<QRectF> toPart(const Json &json)
 // Edges are rounded, not sizes: parts that touch leave no gap and do not overlap.
 QRect partOf(const QRect &rectangle, const QRectF &part)
 {
-    const auto x = [&](double fraction) { return rectangle.x() + qRound(fraction * rectangle.width()); };
-    const auto y = [&](double fraction) { return rectangle.y() + qRound(fraction * rectangle.height()); };
+    // Corners are inclusive, and those of a host may be as far apart as ints are.
+    const auto at = [](int first, int last, double fraction) {
+        const double extent = double(last) - double(first) + 1.0;
+        const int offset = qRound(std::clamp(fraction * extent, -kFarthest, kFarthest));
+        return int(std::clamp(double(first) + offset, -kFarthest, kFarthest));
+    };
+    const auto x = [&](double fraction) { return at(rectangle.left(), rectangle.right(), fraction); };
+    const auto y = [&](double fraction) { return at(rectangle.top(), rectangle.bottom(), fraction); };
     const QPoint corner(x(part.left()), y(part.top()));
     return QRect(corner, QSize(x(part.right()) - corner.x(), y(part.bottom()) - corner.y()));
 }

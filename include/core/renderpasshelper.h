@@ -18,6 +18,10 @@ enum class TextureForm {
 /// Base of all passes: keeps the slots, and implements every operation of RenderPass with no effect
 /// beyond the slots.
 ///
+/// A value out of range does no harm. What sizes a target, a loop or memory is bounded, and the bound is said
+/// once; the headers of the passes tell which. A viewport of the library's passes with a side beyond what the
+/// driver has for textures and viewports is cut to that, and then to 4 million texels in its proportion.
+///
 /// Copying is memberwise: slots, values and counts.
 class KVO_CORE_EXPORT RenderPassHelper : public RenderPass
 {

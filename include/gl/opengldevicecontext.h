@@ -30,7 +30,8 @@ struct GLObjectCounts
 /// What a driver refuses to go beyond.
 struct GLLimits
 {
-    int targetWidth = 0; ///< Of a texture and a viewport, in pixels.
+    int textureSide = 0; ///< In texels.
+    int targetWidth = 0; ///< Of what is texture and viewport.
     int targetHeight = 0;
     int arrayLayers = 0; ///< Of an array texture.
     int vertexUniforms = 0; ///< Components of all uniforms of a stage.

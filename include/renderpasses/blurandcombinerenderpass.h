@@ -24,6 +24,10 @@ class Texture;
 /// Both blur stages apply the amount, so the glow scales with its square: 0.5 adds a quarter of the
 /// blurred image. Luminance has the weights 0.2125, 0.7154, 0.0721. Inputs are given back to the pool.
 ///
+/// Out of range: a radius beyond 511, for which there are 512 taps, acts as 511 (less on a driver with few
+/// uniforms: an eighth of GL_MAX_FRAGMENT_UNIFORM_COMPONENTS without 64, less 1), and what is not a number as
+/// 0. This is said once, with a warning that names pass and slot.
+///
 /// Leaves changed: depth test (off), depth mask (closed). Of the host's state count: clear colour.
 ///
 /// The filters of both inputs stay linear, and their wrap clamped. Needs OpenGL 3.2.

@@ -36,7 +36,8 @@ public:
     ~BlurBaseRenderPass() override;
 
 protected:
-    /// Rebuilds _weights and _offsets from _blurRadius. Afterwards the two have the same length,
+    /// Rebuilds _weights and _offsets from _blurRadius. That is set to 511 when it is beyond, or to what the
+    /// context has uniforms for, and to 0 when it is not a number, with a warning. Afterwards the two have the same length,
     /// _offsets[0] is 0, and _weights[0] plus twice the sum of the others is 1.
     void calculateBlurWeights();
     /// GLSL of one blur stage: `u_Input` blurred along `stepVec` with `weight` and `offset`.

@@ -23,6 +23,12 @@ namespace Brevane::Kvo {
 /// Where the stencil does not hold the material the result is opaque black. Inputs are given back to
 /// the pool, except a stencil texture that is wired with a negative material: its reference stays.
 ///
+/// Out of range: a radius beyond 511, for which there are 512 taps, acts as 511 (less on a driver with few
+/// uniforms: an eighth of GL_MAX_FRAGMENT_UNIFORM_COMPONENTS without 64, less 1), and what is not a number as
+/// 0; a divider that is not a number acts as 1, and one whose target would have a side beyond the driver's
+/// limit gives the largest there is, of 4 million texels at most; a material beyond 254 acts as 254. Each is
+/// said once, with a warning that names pass and slot.
+///
 /// Leaves changed: depth test (off), depth mask (closed), clear colour (opaque black); with a stencil:
 /// stencil test (off), stencil function (equal to the material's number), stencil operation (keep), stencil
 /// mask (closed). Of the host's state count: clear colour.

@@ -57,6 +57,11 @@ class Texture;
 /// the log at every start. With 0 taps the sum is empty. The output carries the references of its users;
 /// depth, positions and normals are given back to the pool.
 ///
+/// Out of range: taps are 1024 at most, turns 65536, the power of 2 from -1000 to 1000; what is not a number
+/// acts as the default. A divider whose output would have a side beyond the driver's limit gives the largest
+/// there is, of 4 million texels at most; a negative one an empty output. Each but the last is said once, with a
+/// warning that names pass and slot.
+///
 /// Leaves changed: stencil test (off), depth mask (closed), clear colour (transparent black), viewport (the
 /// size of the target), stencil function (equal to 1), stencil operation (keep), stencil mask (closed).
 class KVO_RENDERPASSES_EXPORT ScalableAmbientObscuranceRenderPass : public RenderPassHelper

@@ -45,6 +45,11 @@ class Texture;
 /// GradientFilter leaves its result in another texture than the other filters; after a change from it to
 /// NoFilter the maps repeat their edge outside, until another filter runs.
 ///
+/// Out of range: a map size that is none gives maps without texels, in which nothing is drawn; a side beyond
+/// the driver's limit is cut, to 4 million texels a layer at most. Both are said once, with a warning that names
+/// pass and slot. Lights whose layers would be more than array textures have cast no shadow, with
+/// a message.
+///
 /// A missing or wrong model is reported through qCritical and clears the maps. A program that does not
 /// build is logged through qDebug, in its first frame only, and then used as it is: without the program for
 /// casters that frame has no output.

@@ -65,6 +65,12 @@ class Texture;
 /// After teardownContextData the arrays are attached again only when they are made again: until the size or
 /// the number of layers changes the maps keep what they hold (on the per-layer path only the depth is drawn).
 ///
+/// Out of range: a map size that is none gives maps without texels, in which nothing is drawn; a side beyond
+/// the driver's limit is cut, to 4 million texels a layer at most. Both are said once, with a warning that names
+/// pass and slot. Lights whose layers would be more than array textures have, or more than the
+/// uniforms of a vertex or geometry shader hold matrices (1020 with 16384 components), cast no shadow, with a
+/// message.
+///
 /// A missing or wrong model is reported through qCritical and clears the maps. A program that does not
 /// build is logged through qDebug, in its first frame only, and then used as it is: without the program for
 /// casters that frame has no output.

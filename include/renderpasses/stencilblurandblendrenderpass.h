@@ -23,6 +23,10 @@ class Texture;
 /// A covered texel at the edge of the mask still takes what lies outside into its sum. Alpha adds like
 /// the colours, and nothing is clamped. Inputs are given back to the pool.
 ///
+/// Out of range: a radius beyond 511, for which there are 512 taps, acts as 511 (less on a driver with few
+/// uniforms: an eighth of GL_MAX_FRAGMENT_UNIFORM_COMPONENTS without 64, less 1), and what is not a number as
+/// 0. This is said once, with a warning that names pass and slot.
+///
 /// Leaves changed: depth test (off), depth mask (closed). Of the host's state count: clear colour.
 ///
 /// The filter of the blurred input stays linear, and its wrap clamped. Needs OpenGL 3.2.

@@ -33,6 +33,10 @@ class ShaderProgram;
 /// The frame after a restart replaces the restart frame, which is often the least settled, and the mean
 /// begins there. The mean is made by blending with a constant. The frame is given back to the pool.
 ///
+/// Out of range: a scale of 0 or less acts as 1. One that is not a number does so too, and one whose mean would
+/// have a side beyond the driver's limit gives the largest there is, of 4 million texels at most; both are said
+/// once, with a warning that names pass and slot.
+///
 /// Leaves changed: viewport (the size of the target); with a frame: depth test (off), depth mask (open),
 /// blending (off); after a change: clear colour (transparent black); in a still view: blend function (source
 /// by 1 - constant, target by constant), blend equation (add), blend colour (the weight of the frames so

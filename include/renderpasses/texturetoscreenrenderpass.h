@@ -34,6 +34,9 @@ class Texture;
 /// reads blocks from the position in the target, not in the rectangle. With no texture the blit path
 /// clears the target, and the averaging path draws transparent black.
 ///
+/// Out of range: corners of rectangles beyond 8388608 either way are moved there, which is said once, with a
+/// warning that names pass and slot.
+///
 /// The texture is given back to the pool. Needs OpenGL 3.2.
 ///
 /// Leaves changed: draw framebuffer (0); when averaging: depth test (off), blending (off), stencil test

@@ -46,6 +46,10 @@ class UniformBufferObject;
 /// (3276 with the usual 64 KiB); for a model with more, that is reported once, and fragments of the
 /// draws beyond are shaded with normal and texture coordinate 0.
 ///
+/// Out of range: a width of the node buffer beyond 65536 acts as 65536, and a negative one as 0, with a warning
+/// that names pass and slot. A list ends behind 65536 fragments, so that one that leads back into itself,
+/// as one read at a wrong width may, does so too.
+///
 /// Leaves no state of GL changed. Of the host's state count: viewport, clear colour.
 ///
 /// Needs OpenGL 3.2.

@@ -29,6 +29,9 @@ class ShaderProgram;
 /// sorted whole; of longer ones the first 50 (the newest) are sorted among themselves and the rest
 /// follows as it was. Fragments of equal depth come in the order that the steps of the sort give.
 ///
+/// Out of range: a width of the node buffer beyond 65536 acts as 65536, and a negative one as 0, with a warning
+/// that names pass and slot. The output has it as it came.
+///
 /// Without ARB_shader_atomic_counters, ARB_shader_image_load_store and ARB_shading_language_420pack the
 /// lists have one node: no GL call is made. Needs OpenGL 3.2.
 ///

@@ -42,7 +42,8 @@ public:
     ///   which is said once per record through qWarning.
     ///
     /// Lights that cannot be used, and lights that need more layers than textures of the current context
-    /// can have, get no layers, with a message that names the light and the fault. All matrices are finite.
+    /// can have, or than RenderData::mostLayers, get no layers, with a message that names the light and the
+    /// fault. All matrices are finite.
     ///
     /// True when the maps need drawing on account of the lights: matrices, the number of layers, or what
     /// belongs to which light differ from before. Colours do not count, and casters are not looked at. While

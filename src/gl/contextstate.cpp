@@ -446,7 +446,8 @@ const GLLimits &ContextState::limits()
         GLint viewport[2] = {};
         glGetIntegerv(GL_MAX_VIEWPORT_DIMS, viewport);
         const GLint side = limit(GL_MAX_TEXTURE_SIZE);
-        _limits = GLLimits{std::min(side, viewport[0]),
+        _limits = GLLimits{side,
+                           std::min(side, viewport[0]),
                            std::min(side, viewport[1]),
                            limit(GL_MAX_ARRAY_TEXTURE_LAYERS),
                            limit(GL_MAX_VERTEX_UNIFORM_COMPONENTS),

@@ -31,8 +31,12 @@ void specify(GLenum target2D, GLenum targetArray, GLint internalFormat, const Im
         glTexImage3D(targetArray, 0, internalFormat, size.width, size.height, size.layers, 0, format, type, pixels);
 }
 
+// A size beyond the limits is not even asked for: there are drivers that write beyond a table of theirs.
 bool driverSaysYes(GLint internalFormat, const ImageSize &size, GLenum format, GLenum type)
 {
+    const GLLimits limits = currentLimits();
+    if (size.width > limits.textureSide || size.height > limits.textureSide || size.layers > limits.arrayLayers)
+        return false;
     specify(GL_PROXY_TEXTURE_2D, GL_PROXY_TEXTURE_2D_ARRAY, internalFormat, size, format, type, nullptr);
     GLint width = 0;
     glGetTexLevelParameteriv(size.layers < 0 ? GL_PROXY_TEXTURE_2D : GL_PROXY_TEXTURE_2D_ARRAY, 0, GL_TEXTURE_WIDTH,
@@ -99,6 +103,12 @@ StorageBinder::~StorageBinder()
         glBindTexture(_texture->_target, _previous);
     else if (_bound)
         _texture->unbind();
+}
+
+GLLimits currentLimits()
+{
+    ContextState *state = ContextState::current();
+    return state ? state->limits() : GLLimits();
 }
 
 bool allocateImage(unsigned int internalFormat, const ImageSize &size, unsigned int format, unsigned int type,

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "gl/export.h"
+#include "gl/opengldevicecontext.h"
 
 namespace Brevane::Kvo {
 
@@ -28,6 +29,9 @@ private:
     bool _onActiveUnit = false;
     unsigned int _previous = 0;
 };
+
+/// The limits of the current context, all 0 without one. Asks GL nothing, unlike OpenGLDeviceContext::current.
+KVO_GL_EXPORT GLLimits currentLimits();
 
 /// What an image takes: a 2D one, or an array where it has layers.
 struct ImageSize

@@ -224,7 +224,6 @@ Texture *TextureManager::tempTexture(TextureFormat format, int width, int height
         entry->format = format;
         entry->width = width;
         entry->height = height;
-        entry->bytes = qint64(width) * height * bytesPerTexel(internalFormat);
         bool hasStorage = false;
         {
             StorageBinder bound(entry->texture.get());
@@ -234,6 +233,7 @@ Texture *TextureManager::tempTexture(TextureFormat format, int width, int height
         // Asked again the next time: there may be room then.
         if (!hasStorage && (width > 1 || height > 1))
             return tempTexture(format, 1, 1, tag);
+        entry->bytes = qint64(width) * height * bytesPerTexel(internalFormat);
         group->pool.push_back(std::move(entry));
         chosen = group->pool.back().get();
         ++group->counts.misses;

@@ -1,7 +1,7 @@
 #include "passkit/limits.h"
 
 #include "core/renderpasshelper.h"
-#include "gl/opengldevicecontext.h"
+#include "gl/storage.h"
 
 #include <QRect>
 #include <QVariant>
@@ -24,12 +24,6 @@ constexpr int kComponentsOfAMatrix = 16;
 // Sums and differences of such corners are exact, in int and in float.
 constexpr int kFarthestCorner = 1 << 23;
 constexpr int kLargestStencilMaterial = 254;
-
-GLLimits currentLimits()
-{
-    const QSharedPointer<OpenGLDeviceContext> context = OpenGLDeviceContext::current();
-    return context ? context->limits() : GLLimits();
-}
 
 // Of the two ends, where there is no driver to ask.
 Extent largestTarget()

@@ -300,3 +300,32 @@ TEST_F(KvoRender, ALightWithAMistakeIsNamed)
                    QStringLiteral("--light"), QStringLiteral("spt:0,4,0")},
                   2, "did you mean 'spot'?");
 }
+
+TEST_F(KvoRender, DrawsAPictureWithNumbersBeyondAllSenseAndSaysWhatItUsed)
+{
+    const std::pair<const char *, const char *> table[] = {
+        {"--set Glow.BlurRadius=1e9",
+         "kvorender: warning: BlurAndCombineRenderPass: Kvo_float_BlurRadius 1e+09 is beyond 512 taps; 511 is used"},
+        {"--set Glow.BlurRadius=1e300", "Kvo_float_BlurRadius inf is beyond 512 taps; 511 is used"},
+        {"--set Glow.Viewport=[0,0,2000000000,4]", "Kvo_QRect_Viewport asks for 2000000000x4 pixels"},
+        {"--set Glow.Viewport=[-2000000000,-2000000000,2000000000,2000000000]",
+         "Kvo_QRect_Viewport asks for 2000000000x2000000000 pixels"},
+    };
+    for (const auto &[options, said] : table) {
+        QFile::remove(path("out.png"));
+        const Outcome outcome = succeed(QStringList{kBox} << words("-p glow -s 32x24 -q -o out.png") << words(options));
+        EXPECT_EQ(outcome.err.count(QLatin1StringView(said)), 1) << options << "\n" << qPrintable(outcome.err);
+        EXPECT_EQ(QImage(path("out.png")).size(), QSize(32, 24)) << options;
+    }
+}
+
+TEST_F(KvoRender, RefusesNumbersThatAreNoneAndPicturesBeyondTheDriver)
+{
+    for (const char *number : {"inf", "nan", "-inf"})
+        expectFailure(QStringList{kBox} << words("-p glow -o out.png --set")
+                                        << QStringLiteral("Glow.BlurRadius=") + QLatin1StringView(number),
+                      2, "takes a number");
+    expectFailure(QStringList{kBox} << words("-p glow -o out.png --size 2000000000x10"), 2, "2000000000x10");
+    expectFailure(QStringList{kBox} << words("-p glow -o out.png --size 60000x60000"), 1,
+                  "a picture of 60000x60000 is not possible here: each side has to be from 1 to");
+}

@@ -835,23 +835,6 @@ TEST_F(LayeredPass, SizesThatChangeEveryFrameLeakNothing)
     });
 }
 
-TEST_F(LayeredPass, AMapSizeThatCannotBeReadGoesToGLAsItStands)
-{
-    ASSERT_TRUE(model().upload(shadowScene()));
-    setLights({kSun});
-    pass().setInput(kMapSize, QStringLiteral("large"));
-    const ExpectedGLErrors errors;
-    const GlCalls calls;
-    run();
-    const std::vector<GlCall> arrays = calls.calls("glTexImage3D");
-    ASSERT_EQ(arrays.size(), 2u);
-    for (const GlCall &call : arrays) {
-        EXPECT_EQ(call.args[3], -1);
-        EXPECT_EQ(call.args[4], -1);
-    }
-    EXPECT_GE(errors.count(), 2);
-}
-
 TEST_F(LayeredPass, ACasterProgramThatDoesNotBuildIsLoggedOnceAndCostsTheFirstOutput)
 {
     ASSERT_TRUE(model().upload(shadowScene()));

@@ -655,25 +655,6 @@ TEST_F(ShadowMapPass, SizesAndLayersThatChangeEveryFrameLeakNothing)
     }
 }
 
-TEST_F(ShadowMapPass, AMapSizeThatCannotBeReadGoesToGLAsItStands)
-{
-    ASSERT_TRUE(model().upload(shadowScene()));
-    setLights({kSun});
-    pass().setInput(kMapSize, QStringLiteral("large"));
-    const ExpectedGLErrors errors;
-    const GlCalls calls;
-    run();
-    const std::vector<GlCall> depth = calls.calls("glTexImage2D");
-    const std::vector<GlCall> moments = calls.calls("glTexImage3D");
-    ASSERT_EQ(depth.size(), 1u);
-    ASSERT_EQ(moments.size(), 1u);
-    EXPECT_EQ(depth[0].args[3], -1);
-    EXPECT_EQ(depth[0].args[4], -1);
-    EXPECT_EQ(moments[0].args[3], -1);
-    EXPECT_EQ(moments[0].args[4], -1);
-    EXPECT_GE(errors.count(), 2);
-}
-
 TEST_F(ShadowMapPass, LayersOfALightThatIsOffAreNotTouched)
 {
     ASSERT_TRUE(model().upload(shadowScene()));

@@ -199,7 +199,7 @@ struct Wrapper<function, slot, Result (*)(Args...)>
     static void force(GLenum query, GLint *value)
     {
         if (const auto found = forcedIntegers.find(query); found != forcedIntegers.end())
-            *value = found->second;
+            std::fill_n(value, query == GL_MAX_VIEWPORT_DIMS ? 2 : 1, found->second);
     }
 
     static void note(double result, Args... args)

@@ -396,6 +396,40 @@ public:
 
 } // namespace
 
+TEST(RenderPassHelper, SaysOnceWhatBecomesOfAValueOutOfRangeAndAgainAfterOneInRange)
+{
+    const MessageCapture messages;
+    SlotPass pass;
+    for (int frame = 0; frame < 3; ++frame)
+        pass.reportInput(1, QStringLiteral("is too large"));
+    const QString said = QStringLiteral("SlotPass: Kvo_float_Radius is too large");
+    EXPECT_EQ(messages.texts(), QStringList(said));
+    pass.reportInput(0, QStringLiteral("is too wide"));
+    EXPECT_EQ(messages.texts().last(), QStringLiteral("SlotPass: Kvo_QRect_Viewport is too wide"));
+    SlotPass copy = pass;
+    copy.acceptInput(1);
+    pass.reportInput(1, QStringLiteral("is too large"));
+    EXPECT_EQ(messages.texts().size(), 2) << "what is accepted in a copy is not in its source";
+    copy.reportInput(1, QStringLiteral("is too large"));
+    EXPECT_EQ(messages.texts(QtWarningMsg).size(), 3);
+    EXPECT_EQ(messages.texts().last(), said);
+}
+
+TEST(RenderPassHelper, GivesTheValueOfAnInput)
+{
+    const MessageCapture messages;
+    SlotPass pass;
+    const RenderPassHelper &helper = pass;
+    EXPECT_EQ(helper.inputValue(1), QVariant(2.5f));
+    pass.setInput(1, 7.0f);
+    EXPECT_EQ(helper.inputValue(1), QVariant(7.0f));
+    EXPECT_FALSE(helper.inputValue(3).isValid());
+    pass.reportInput(-1, QStringLiteral("is nowhere"));
+    pass.acceptInput(3);
+    EXPECT_EQ(messages.count(QtCriticalMsg), 3);
+    EXPECT_EQ(messages.count(QtWarningMsg), 0);
+}
+
 // Hosts are built against the order of the virtual operations.
 TEST(RenderPass, LifecycleOperationsKeepTheirPlacesInTheVirtualTable)
 {
