@@ -125,7 +125,8 @@ public:
     /// Makes the context current, with GL's default state and the viewport that passes want.
     bool enter()
     {
-        if (!_context->makeCurrent())
+        // The library has to know every context of a group: the last one that it knows takes the objects along.
+        if (!_context->makeCurrent() || !OpenGLDeviceContext::current())
             return false;
         resetGLState();
         glViewport(0, 0, kWidth, kHeight);
@@ -391,7 +392,9 @@ protected:
         glViewport(0, 0, kWidth, kHeight);
         if (is("TextureToScreenRenderPass"))
             home.values().screen.clear({0, 0, 0, 0});
-        runFrame(pass);
+        // one mixes a frame with the one before: of two that are alike the second is as all that follow
+        for (int i = is("SMAARenderPass") ? 0 : 2; i < 3; ++i)
+            runFrame(pass);
         return pictureOf(pass, home);
     }
 
