@@ -1114,7 +1114,10 @@ TEST_P(EveryPassLives, AThousandLivesLeaveNothing)
     // Each life of one clears 256 MB where it has fragment lists, which takes half a second; another draws its
     // tables.
     const int times = is("VisibilityBufferRenderPass") ? 8 : is("SMAARenderPass") ? 400 : 1000;
-    for (int i = 0; i < std::min(10, times); ++i)
+    // The driver's own lists grow for about a thousand lives, of whatever pass, once in a process.
+    static bool isWarm = false;
+    const int lives = std::exchange(isWarm, true) ? 10 : 2000;
+    for (int i = 0; i < (times < 10 ? times : lives); ++i)
         life(i);
     expectNoGrowth(times, settledObjects, life);
 }
