@@ -89,13 +89,18 @@ std::string objectsOf(const OpenGLDeviceContext &device)
         .toStdString();
 }
 
-/// The same after what passes let go of and what the pool keeps was freed.
+/// The same after what the pool keeps was freed.
+std::string trimmedObjects()
+{
+    TextureManager::Instance().trim(-1);
+    return objectsOf(*OpenGLDeviceContext::current());
+}
+
+/// The same after what passes let go of was freed too.
 std::string settledObjects()
 {
-    const auto device = OpenGLDeviceContext::current();
-    device->freeGivenUp();
-    TextureManager::Instance().trim(-1);
-    return objectsOf(*device);
+    OpenGLDeviceContext::current()->freeGivenUp();
+    return trimmedObjects();
 }
 
 /// A context of a host, and the values that it gives to passes there. Contexts that share objects share
@@ -120,7 +125,8 @@ public:
     /// Makes the context current, with GL's default state and the viewport that passes want.
     bool enter()
     {
-        if (!_context->makeCurrent())
+        // The library has to know every context of a group: the last one that it knows takes the objects along.
+        if (!_context->makeCurrent() || !OpenGLDeviceContext::current())
             return false;
         resetGLState();
         glViewport(0, 0, kWidth, kHeight);
@@ -154,12 +160,24 @@ public:
 
     Values &values()
     {
-        if (!*_values)
+        if (!*_values) {
             *_values = std::make_unique<Values>();
+            fill(*(*_values)->target.color());
+        }
         return **_values;
     }
 
 private:
+    // Something that no filter leaves as it is.
+    static void fill(Texture &texture)
+    {
+        std::vector<quint8> texels(size_t(kWidth) * kHeight * 4);
+        for (size_t i = 0; i < texels.size(); ++i)
+            texels[i] = i % 4 == 3 ? 255 : quint8(i * 37 + (i / 64) * 11);
+        const AutoBinder bound(&texture);
+        glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, kWidth, kHeight, GL_RGBA, GL_UNSIGNED_BYTE, texels.data());
+    }
+
     Home(const GLContext::Options &options, const Home *other)
         : _own(std::make_unique<GLContext>(options)), _context(_own.get()),
           _values(other ? other->_values : std::make_shared<std::unique_ptr<Values>>())
@@ -325,6 +343,8 @@ protected:
             return smallImage();
         if (qstrcmp(input.name, "Kvo_int_JitterMode") == 0)
             return 0;
+        if (qstrcmp(input.name, "Kvo_bool_Dirty") == 0 && is("TemporalAARenderPass"))
+            return false; // else it hands its frame on
         return home.values().right(input);
     }
 
@@ -372,7 +392,9 @@ protected:
         glViewport(0, 0, kWidth, kHeight);
         if (is("TextureToScreenRenderPass"))
             home.values().screen.clear({0, 0, 0, 0});
-        runFrame(pass);
+        // one mixes a frame with the one before: of two that are alike the second is as all that follow
+        for (int i = is("SMAARenderPass") ? 0 : 2; i < 3; ++i)
+            runFrame(pass);
         return pictureOf(pass, home);
     }
 
@@ -601,8 +623,7 @@ TEST_P(EveryPassLives, DrawsInTwoSharingContextsInTurn)
         glFinish();
     }
     pass.reset();
-    ASSERT_TRUE(main->enter());
-    EXPECT_EQ(settledObjects(), before);
+    second.release();
 }
 
 TEST_P(EveryPassLives, DrawsInTwoShareGroupsInTurn)
@@ -612,13 +633,12 @@ TEST_P(EveryPassLives, DrawsInTwoShareGroupsInTurn)
     live(stranger);
     const std::string strangerBefore = settledObjects();
     {
-        const auto pass = bare();
+        ASSERT_TRUE(main->enter());
+        const auto pass = make(*main);
         for (int i = 0; i < 2; ++i) {
             for (Home *home : {main.get(), &stranger}) {
                 ASSERT_TRUE(home->enter());
                 connect(*pass, *home);
-                if (i == 0)
-                    pass->setup(nullptr);
                 EXPECT_EQ(frame(*pass, *home), want) << i << (home == main.get() ? " here" : " there");
             }
         }
@@ -641,8 +661,6 @@ TEST_P(EveryPassLives, CopiesDrawInDifferentShareGroups)
     for (int i = 0; i < 2; ++i) {
         ASSERT_TRUE(stranger.enter());
         connect(*other, stranger);
-        if (i == 0)
-            other->setup(nullptr);
         EXPECT_EQ(frame(*other, stranger), want) << i;
         ASSERT_TRUE(main->enter());
         EXPECT_EQ(frame(*one, *main), want) << i;
@@ -687,42 +705,39 @@ TEST_P(EveryPassLives, EndsWithAForeignContextCurrent)
 
 TEST_P(EveryPassLives, ContextsAreReleasedInEveryOrder)
 {
-    std::array<int, 3> order{0, 1, 2}; // two that share, and one of its own
-    int orders = 0;
+    std::array<size_t, 3> order{0, 1, 2}; // two that share, and one of its own
+    size_t orders = 0;
     do {
-        for (const size_t ends : {size_t(1), size_t(3)}) { // after so many releases the pass ends
-            const ::testing::ScopedTrace trace(__FILE__, __LINE__,
-                                               "order " + std::to_string(order[0]) + std::to_string(order[1])
-                                                   + std::to_string(order[2]) + ", the pass ends after "
-                                                   + std::to_string(ends));
-            std::array<std::unique_ptr<Home>, 3> homes;
-            homes[0] = std::make_unique<Home>();
-            homes[1] = std::make_unique<Home>(*homes[0]);
-            homes[2] = std::make_unique<Home>();
-            auto pass = bare();
-            const auto draw = [&](Home &home) {
-                ASSERT_TRUE(home.enter());
-                connect(*pass, home);
-                EXPECT_EQ(frame(*pass, home), want);
-            };
+        const size_t ends = 1 + orders % 3; // after so many releases the pass ends
+        std::string trace = "the pass ends after " + std::to_string(ends) + " of";
+        for (const size_t home : order)
+            trace += " " + std::to_string(home);
+        const ::testing::ScopedTrace scope(__FILE__, __LINE__, trace);
+        std::array<std::unique_ptr<Home>, 3> homes;
+        homes[0] = std::make_unique<Home>();
+        homes[1] = std::make_unique<Home>(*homes[0]);
+        homes[2] = std::make_unique<Home>();
+        ASSERT_TRUE(homes[0]->enter());
+        auto pass = make(*homes[0]);
+        const auto draw = [&] {
             for (const auto &home : homes) {
+                if (!pass || !home->isAlive())
+                    continue;
                 ASSERT_TRUE(home->enter());
-                pass->setup(nullptr);
-                draw(*home);
+                connect(*pass, *home);
+                EXPECT_EQ(frame(*pass, *home), want);
             }
-            for (size_t i = 0; i < homes.size(); ++i) {
-                homes[size_t(order[i])]->release();
-                if (i + 1 == ends)
-                    pass.reset();
-                for (const auto &home : homes)
-                    if (pass && home->isAlive())
-                        draw(*home);
-            }
-            pass.reset();
+        };
+        draw();
+        for (size_t i = 0; i < homes.size(); ++i) {
+            homes[order[i]]->release();
+            if (i + 1 == ends)
+                pass.reset();
+            draw();
         }
         ++orders;
     } while (std::next_permutation(order.begin(), order.end()));
-    EXPECT_EQ(orders, 6);
+    EXPECT_EQ(orders, 6u);
     ASSERT_TRUE(main->enter());
 }
 
@@ -1054,7 +1069,7 @@ private:
 /// Runs a step so many times, in four parts: what the library leaves behind shows in each of them, what the driver
 /// takes once (batches, upload buffers: 1 to 4 MB) does not.
 template <typename Step>
-void expectNoGrowth(int times, Step &&step)
+void expectNoGrowth(int times, std::string (*settle)(), Step &&step)
 {
     std::string objects;
     std::vector<qint64> heap;
@@ -1062,21 +1077,23 @@ void expectNoGrowth(int times, Step &&step)
     const int part = times / 4;
     for (int begin = 0; begin < times; begin += part) {
         if (begin == 0)
-            objects = settledObjects();
+            objects = settle();
         const MemoryGrowth growth;
         for (int i = begin; i < begin + part; ++i) {
             step(i);
-            if (i % 100 == 99)
-                settledObjects(); // as a host does it once in a while
+            if (i % 25 == 24) {
+                settle(); // as a host does it once in a while
+                glFinish();
+            }
         }
-        EXPECT_EQ(settledObjects(), objects);
+        EXPECT_EQ(settle(), objects);
         glFinish();
         heap.push_back(growth.heap());
         resident.push_back(growth.resident());
     }
     if (kMemoryCanBeMeasured) {
-        // 32 bytes a time would show; drivers were seen to vary by 9 KB. Pages come in larger lots.
-        EXPECT_LT(*std::min_element(heap.cbegin(), heap.cend()), std::max(10 * 1024, 32 * part)) << part;
+        // 40 bytes a time show; the best part of a driver varies by 5 KB. Pages come in larger lots.
+        EXPECT_LT(*std::min_element(heap.cbegin(), heap.cend()), std::max(8 * 1024, 16 * part)) << part;
         EXPECT_LT(*std::min_element(resident.cbegin(), resident.cend()), 1024 * 1024) << part;
     }
 }
@@ -1094,11 +1111,15 @@ TEST_P(EveryPassLives, AThousandLivesLeaveNothing)
         runFrame(*pass);
         end(*pass);
     };
-    // Each life of this one clears 256 MB where it has fragment lists, which takes half a second.
-    const bool isSlow = is("VisibilityBufferRenderPass");
-    for (int i = 0; i < 10; ++i)
+    // Each life of one clears 256 MB where it has fragment lists, which takes half a second; another draws its
+    // tables.
+    const int times = is("VisibilityBufferRenderPass") ? 8 : is("SMAARenderPass") ? 400 : 1000;
+    // The driver's own lists grow for about a thousand lives, of whatever pass, once in a process.
+    static bool isWarm = false;
+    const int lives = std::exchange(isWarm, true) ? 10 : 2000;
+    for (int i = 0; i < (times < 10 ? times : lives); ++i)
         life(i);
-    expectNoGrowth(isSlow ? 12 : 1000, life);
+    expectNoGrowth(times, settledObjects, life);
 }
 
 TEST_P(EverySizeLives, TenThousandSizesLeaveNothing)
@@ -1117,7 +1138,7 @@ TEST_P(EverySizeLives, TenThousandSizesLeaveNothing)
                                                        : 10008;
     for (int i = 0; i < 12; ++i)
         resize(i);
-    expectNoGrowth(times, resize);
+    expectNoGrowth(times, trimmedObjects, resize);
 }
 
 TEST_P(EveryBlurLives, TenThousandRadiiLeaveNothing)
@@ -1136,7 +1157,7 @@ TEST_P(EveryBlurLives, TenThousandRadiiLeaveNothing)
         setRadius(*keepers.back(), i);
         setRadius(*pass, i);
     }
-    expectNoGrowth(10000, [&](int i) { setRadius(*pass, i); });
+    expectNoGrowth(10000, trimmedObjects, [&](int i) { setRadius(*pass, i); });
 }
 
 // Programs of the host's
@@ -1254,9 +1275,13 @@ TEST_P(EveryProgramOfTheHost, MayLieOnTheStackWhenItIsTakenOutAgain)
         expectFilled(*pass, 0.25f);
         set(*pass, &other);
         expectFilled(*pass, 0.5f);
+        settledObjects(); // frees what passes let go of, and a replaced program is none of it
+        EXPECT_TRUE(one.isLinked());
         set(*pass, &one);
         expectFilled(*pass, 0.25f);
         set(*pass, nullptr);
+        settledObjects();
+        EXPECT_TRUE(one.isLinked() && other.isLinked());
     }
     settledObjects();
     frame(*pass);
@@ -1446,10 +1471,13 @@ TEST_F(Lifetimes, AModelThatIsUploadedAnewInAnotherShareGroupIsDrawnThere)
         ModelData scene = quadScene();
         scene.materials[0].map_Kd = solid(Qt::blue);
         ASSERT_TRUE(model->upload(scene));
+        auto late = mapped(Qt::yellow); // would move into the room of what was taken
         EXPECT_EQ(drawn(model.get()), (Color{0, 0, 1, 1}));
         EXPECT_EQ(drawn(there.get()), (Color{1, 0, 0, 1}));
+        EXPECT_EQ(drawn(late.get()), (Color{1, 1, 0, 1}));
         model.reset();
         there.reset();
+        late.reset();
         OpenGLDeviceContext::releaseCurrent();
     }
     ASSERT_TRUE(context().makeCurrent());

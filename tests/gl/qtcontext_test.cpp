@@ -102,7 +102,7 @@ TEST_F(QtContextTest, DestroyingOneContextKeepsTheOtherOfItsGroup)
     EXPECT_EQ(OpenGLDeviceContext::current()->shareGroup(), group);
     EXPECT_TRUE(isPixel(readTexture<float>(texture.get()), 1, 1, {0.25, 0.5, 0.75, 1}, 0));
     first.reset();
-    ASSERT_TRUE(second->makeCurrent(&surface));
+    ASSERT_EQ(QOpenGLContext::currentContext(), second.get()) << "the one that was current stays so";
     EXPECT_TRUE(isPixel(readTexture<float>(texture.get()), 1, 1, {0.25, 0.5, 0.75, 1}, 0));
     draw();
     second.reset();
@@ -122,6 +122,33 @@ TEST_F(QtContextTest, UnsharedContextsAreKeptApart)
     ASSERT_TRUE(first->makeCurrent(&surface));
     EXPECT_EQ(TextureManager::Instance().statistics().textures, 1);
     first.reset();
+    EXPECT_EQ(GlCalls::live(), 0);
+}
+
+TEST_F(QtContextTest, DestroyingAContextLeavesAStrangerCurrent)
+{
+    auto first = makeContext();
+    const auto texture = makeTexture(GL_RGBA8, 2, 2);
+    draw();
+    auto second = makeContext();
+    draw();
+    first.reset();
+    ASSERT_EQ(QOpenGLContext::currentContext(), second.get());
+    EXPECT_EQ(QOpenGLContext::currentContext()->surface(), &surface);
+    EXPECT_EQ(texture->textureID(), 0u);
+    draw();
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+    second.reset();
+    EXPECT_EQ(GlCalls::live(), 0) << qPrintable(GlCalls::liveObjects().join(u'\n'));
+}
+
+TEST_F(QtContextTest, DestroyingAContextWithNoneCurrentLeavesNone)
+{
+    auto context = makeContext();
+    draw();
+    context->doneCurrent();
+    context.reset();
+    EXPECT_EQ(QOpenGLContext::currentContext(), nullptr);
     EXPECT_EQ(GlCalls::live(), 0);
 }
 
