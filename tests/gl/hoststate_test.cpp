@@ -1210,3 +1210,21 @@ TEST_F(HostPixelStates, AClosedDepthMaskDoesNotTurnTheOpacityRuleOfTransparency)
     };
     EXPECT_TRUE(sameImage(frame(true), frame(false), within(0)));
 }
+
+TEST_F(HostPixelStates, AModelDrawnClockwisePutsTheFrontFaceBack)
+{
+    GPUModel model;
+    ASSERT_TRUE(model.upload(modelData()));
+    const Target target(GL_RGBA8, 4, 4);
+    const std::unique_ptr<ShaderProgram> program = makeProgram(
+        QStringLiteral("#version 150\nin vec3 va_Vertex;\nvoid main() { gl_Position = vec4(va_Vertex, 1.0); }\n"),
+        QStringLiteral("#version 150\nout vec4 out_Color;\nvoid main() { out_Color = vec4(1.0); }\n"));
+    AutoBinder bound(target.framebuffer());
+    for (const GLenum face : {GL_CW, GL_CCW}) {
+        glFrontFace(face);
+        EXPECT_TRUE(model.draw(program.get(), 0, 0, ClockwiseWinding, false));
+        GLint now = 0;
+        glGetIntegerv(GL_FRONT_FACE, &now);
+        EXPECT_EQ(GLenum(now), face);
+    }
+}
