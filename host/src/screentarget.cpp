@@ -2,6 +2,7 @@
 
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
+#include "gl/hoststate.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/pixelstore.h"
 #include "gl/texture.h"
@@ -81,12 +82,9 @@ void ScreenTarget::clear(const QColor &color)
 {
     if (!_framebuffer)
         return;
+    const DefaultState state;
     const AutoBinder binder(_framebuffer.get());
     const float rgba[] = {color.redF(), color.greenF(), color.blueF(), color.alphaF()};
-    glDisable(GL_SCISSOR_TEST);
-    glColorMask(GL_TRUE, GL_TRUE, GL_TRUE, GL_TRUE);
-    glDepthMask(GL_TRUE);
-    glStencilMask(~0u);
     glClearBufferfv(GL_COLOR, 0, rgba);
     glClearBufferfi(GL_DEPTH_STENCIL, 0, 1.0f, 0);
 }
