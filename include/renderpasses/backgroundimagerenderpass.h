@@ -50,7 +50,7 @@ class KVO_RENDERPASSES_EXPORT BackgroundImageRenderPass : public RenderPassHelpe
 {
 public:
     BackgroundImageRenderPass();
-    /// Shares the GL objects, so it is for passes that have not started.
+    /// Holds the same GL objects as its source; the last one that lets go of them deletes them.
     BackgroundImageRenderPass(const BackgroundImageRenderPass &other);
     BackgroundImageRenderPass &operator=(const BackgroundImageRenderPass &other);
     ~BackgroundImageRenderPass() override;

@@ -23,7 +23,7 @@ class ShaderProgram;
 ///
 /// A derived pass sets _blurRadius, calls calculateBlurWeights, then makeShaderProgram: the size of the
 /// arrays in the program is that of the kernel at that moment. A program that a pass replaces is given
-/// up to the device context, not deleted.
+/// up (see OpenGLDeviceContext::giveUp), not deleted.
 ///
 /// Leaves no state of GL changed.
 class KVO_RENDERPASSES_EXPORT BlurBaseRenderPass : public RenderPassHelper

@@ -47,7 +47,7 @@ class KVO_RENDERPASSES_EXPORT CubemapLoaderRenderPass : public RenderPassHelper
 {
 public:
     CubemapLoaderRenderPass();
-    /// Shares the textures, so it is for passes that have not started.
+    /// Holds the same textures as its source; the last one that lets go of them deletes them.
     CubemapLoaderRenderPass(const CubemapLoaderRenderPass &other);
     CubemapLoaderRenderPass &operator=(const CubemapLoaderRenderPass &other);
     ~CubemapLoaderRenderPass() override;

@@ -24,7 +24,8 @@ class ShaderProgram;
 /// | 1 | Kvo_KvoTexture*_Id       | GL_RGBA  | number of the triangle plus 1, clamped by the format      |
 ///
 /// Normals are interpolated and not made unit length again. The pass does not set the GL viewport. Its
-/// GL objects are not freed with the pass (copies share them): the device context frees them.
+/// GL objects are not deleted with the pass (others may read them) but given up, see
+/// OpenGLDeviceContext::giveUp.
 ///
 /// Leaves changed: clear colour (transparent black). Of the host's state count: viewport.
 ///
@@ -40,7 +41,7 @@ public:
     void start(RenderCallbacks *callbacks) override;
 
     /// Draws with this program from now on. Set before the first start, it keeps the pass from making
-    /// its own. The pass does not delete it; the device context does.
+    /// its own; one that it made before is given up. The program stays the host's.
     void setShaderProgram(ShaderProgram *program);
 
 private:

@@ -33,7 +33,8 @@ class ShaderProgram;
 /// A null pointer, in the list or alone, is passed over. The targets are cleared with the clear colour that
 /// happens to be current, so what the id of the background is lies with the host.
 ///
-/// The targets belong to the pass until it is destroyed; the device context frees them.
+/// The targets belong to the pass until it is destroyed; then they are given up, see
+/// OpenGLDeviceContext::giveUp.
 ///
 /// Leaves changed: viewport (the size of the target); with geometry: depth test (on). Of the host's state
 /// count: clear colour.
@@ -49,8 +50,8 @@ public:
 
     void start(RenderCallbacks *callbacks) override;
 
-    /// Draws with this program from now on; the pass deletes it at its end. One that the pass made
-    /// before is not freed. Set before the first start, it keeps the pass from making its own. Its
+    /// Draws with this program from now on; the pass deletes the one that is set at its end; one
+    /// that is replaced stays the host's, one that the pass made is given up. Set before the first start, it keeps the pass from making its own. Its
     /// fragment outputs are "out_Normal", "out_TexCoord" and "out_Id" in this order.
     void setShaderProgram(ShaderProgram *program);
 

@@ -29,7 +29,7 @@ class ShaderProgram;
 /// | 4 | Kvo_KvoTexture*_Id         | GL_R32F               | number of the triangle in its draw plus 1; 0 is background |
 ///
 /// The pass does not set the GL viewport: the host does, to the size of input 0. The targets belong to
-/// the pass until it is destroyed; the device context frees them.
+/// the pass until it is destroyed; then they are given up, see OpenGLDeviceContext::giveUp.
 ///
 /// Leaves changed: clear colour (transparent black); with a model: depth test (on). Of the host's state
 /// count: viewport.
@@ -45,8 +45,8 @@ public:
 
     void start(RenderCallbacks *callbacks) override;
 
-    /// Draws with this program from now on; the pass deletes it at its end. One that the pass made
-    /// before is not freed. Set before the first start, it keeps the pass from making its own.
+    /// Draws with this program from now on; the pass deletes the one that is set at its end; one
+    /// that is replaced stays the host's, one that the pass made is given up. Set before the first start, it keeps the pass from making its own.
     void setShaderProgram(ShaderProgram *program);
     /// Drops fragments whose diffuse map is transparent (alpha 0.01 and below). Takes effect when the
     /// program is made: set it before the first start.

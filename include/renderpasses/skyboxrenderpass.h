@@ -50,7 +50,7 @@ class KVO_RENDERPASSES_EXPORT SkyboxRenderPass : public RenderPassHelper
 {
 public:
     SkyboxRenderPass();
-    /// Shares the GL objects, so it is for passes that have not started.
+    /// Holds the same GL objects as its source; the last one that lets go of them deletes them.
     SkyboxRenderPass(const SkyboxRenderPass &other);
     SkyboxRenderPass &operator=(const SkyboxRenderPass &other);
     ~SkyboxRenderPass() override;

@@ -40,7 +40,7 @@ class Texture;
 ///
 /// A frame that starts with history index 0 sees no camera motion: only every other frame has true camera
 /// velocities. Everything is rebuilt when size, mode, transparency or the presence of a predicate change;
-/// what a rebuild lets go without deleting goes to the device context. Inputs are given back to the pool.
+/// what a rebuild replaces is given up, see OpenGLDeviceContext::giveUp. Inputs are given back to the pool.
 ///
 /// Leaves changed: depth test (off), blending (off), stencil test (off), clear colour (transparent black),
 /// clear stencil (0), stencil operation (keep, keep, replace), stencil function (equal to 1), stencil mask

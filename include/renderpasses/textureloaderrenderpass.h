@@ -35,7 +35,7 @@ class KVO_RENDERPASSES_EXPORT TextureLoaderRenderPass : public RenderPassHelper
 {
 public:
     TextureLoaderRenderPass();
-    /// Shares the texture, so it is for passes that have not started.
+    /// Holds the same texture as its source.
     TextureLoaderRenderPass(const TextureLoaderRenderPass &other);
     TextureLoaderRenderPass &operator=(const TextureLoaderRenderPass &other);
     ~TextureLoaderRenderPass() override;

@@ -46,8 +46,8 @@ public:
 
     void start(RenderCallbacks *callbacks) override;
 
-    /// Sorts with this program from now on; the pass takes ownership of it. The program before, if
-    /// any, is not deleted. Set before the first start, it keeps the pass from making its own. The
+    /// Sorts with this program from now on; the pass deletes the one that is set at its end. One that
+    /// is replaced stays the host's, one that the pass made is given up. Set before the first start, it keeps the pass from making its own. The
     /// program gets, as far as it declares them, `int u_NodeBufferImageWidth`, `usampler2D
     /// u_SamplerHeadPointer` and `uimage2D u_NodeBufferImage` (rgba32ui, read and written).
     void setShaderProgram(ShaderProgram *program);

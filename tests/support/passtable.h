@@ -91,7 +91,9 @@ inline const std::vector<PassRow> &passTable()
     const OutputRow noFrame{"Kvo_KvoTexture*_Frame", texture, U::Invalid};
     const OutputRow passedOn{"Kvo_KvoTexture*_Output", texture, U::NoTexture};
     const auto in = [&](const char *name) { return InputRow{name, texture}; };
-    const auto number = [&](const char *name, const QVariant &value = QVariant()) { return InputRow{name, real, value}; };
+    const auto number = [&](const char *name, const QVariant &value = QVariant()) {
+        return InputRow{name, real, value};
+    };
 
     static const std::vector<PassRow> table = {
         // Frame and geometry
