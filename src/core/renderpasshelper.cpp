@@ -33,8 +33,10 @@ QMetaType typedTextureMetaType()
 // The address in a value that is a pointer to an object or to a texture; null in all others.
 const void *addressIn(const QVariant &value)
 {
-    const bool isPointer = value.metaType() == QMetaType(QMetaType::QObjectStar)
-                           || (value.isValid() && value.metaType() == typedTextureMetaType());
+    const QMetaType type = value.metaType();
+    // Looking for a type by name takes memory as long as there is none, so only pointers ask for it.
+    const bool isPointer = type == QMetaType(QMetaType::QObjectStar)
+                           || (type.flags().testFlag(QMetaType::PointerToQObject) && type == typedTextureMetaType());
     return isPointer ? *static_cast<const void *const *>(value.constData()) : nullptr;
 }
 
