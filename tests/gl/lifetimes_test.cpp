@@ -17,6 +17,7 @@
 #include <gl/opengldevicecontext.h>
 #include <gl/shaderprogram.h>
 #include <gl/texturemanager.h>
+#include <host/pipeline.h>
 #include <host/slotname.h>
 #include <model/gpumodel.h>
 #include <model/instancedatacollection.h>
@@ -1174,6 +1175,34 @@ TEST_P(EveryPassLives, AThousandLivesLeaveNothing)
     for (int i = 0; i < (times < 10 ? times : lives); ++i)
         life(i);
     expectNoGrowth(times, settledObjects, life);
+}
+
+// A pipeline frees by itself what passes give up that were taken out of it.
+TEST_P(EveryPassLives, LivesInAPipelineLeaveNothing)
+{
+    const auto keeper = make(*main);
+    frame(*keeper, *main);
+    OpenGLDeviceContext::current()->freeGivenUp(); // of the frame above, which no pipeline ran
+    {
+        Pipeline pipeline;
+        pipeline.setViewport(QRect(0, 0, kWidth, kHeight));
+        ASSERT_TRUE(pipeline.setup());
+        std::string objects;
+        const int lives = is("VisibilityBufferRenderPass") ? 8 : 100;
+        for (int i = 0; i < lives; ++i) {
+            auto pass = bare();
+            connect(*pass, *main);
+            ASSERT_TRUE(pipeline.add(text("Pass"), std::move(pass)));
+            const MessageCapture messages; // there may be no screen
+            pipeline.render();
+            ASSERT_TRUE(pipeline.remove(text("Pass")));
+            pipeline.render();
+            if (i == lives / 2)
+                objects = trimmedObjects();
+        }
+        EXPECT_EQ(trimmedObjects(), objects);
+        EXPECT_EQ(OpenGLDeviceContext::current()->givenUpCount(), 0);
+    }
 }
 
 TEST_P(EverySizeLives, TenThousandSizesLeaveNothing)
