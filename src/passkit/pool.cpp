@@ -74,12 +74,6 @@ LinearFilterScope::~LinearFilterScope()
     glTexParameteri(_target, GL_TEXTURE_MIN_FILTER, _minFilter);
 }
 
-void enableArrays(DrawBuffers &quad, const ShaderProgram *program)
-{
-    AutoBinder bound(quad.VAO());
-    quad.VAO()->enableShaderProgramArrays(program);
-}
-
 bool beginStage(FramebufferObject *framebuffer, Texture *output, const Extent &extent)
 {
     if (extent.isEmpty() || !framebuffer->attach(output, GL_COLOR_ATTACHMENT0, 0))

@@ -48,9 +48,6 @@ private:
     int _minFilter = 0;
 };
 
-/// Points the attributes of the program at the quad's buffers, for quads that several programs use.
-void enableArrays(DrawBuffers &quad, const ShaderProgram *program);
-
 /// Starts a stage of a chain of full-screen draws: attaches the output to the bound framebuffer as its
 /// only colour target, turns depth test and depth writes off, and clears. False, with nothing cleared
 /// and nothing left attached, for an empty target.

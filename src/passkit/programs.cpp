@@ -103,9 +103,16 @@ bool fetchOnce(QSharedPointer<DrawBuffers> &quad, Quad which, const ShaderProgra
         return true;
     if (!fetchOnce(quad, which))
         return false;
-    AutoBinder bound(quad->VAO());
-    quad->VAO()->enableShaderProgramArrays(program);
+    enableArrays(*quad, program);
     return true;
+}
+
+void enableArrays(DrawBuffers &buffers, const ShaderProgram *program)
+{
+    if (const QSharedPointer<VertexArrayObject> arrays = buffers.VAO()) {
+        AutoBinder bound(arrays);
+        arrays->enableShaderProgramArrays(program);
+    }
 }
 
 } // namespace Brevane::Kvo

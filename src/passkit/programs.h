@@ -57,6 +57,10 @@ bool fetchOnce(QSharedPointer<DrawBuffers> &quad, Quad which);
 /// The same, and points the attributes of the program at it.
 bool fetchOnce(QSharedPointer<DrawBuffers> &quad, Quad which, const ShaderProgram *program);
 
+/// Points the attributes of the program at the buffers of a piece of geometry; without a vertex array, nothing.
+/// After the first time this is a look-up.
+void enableArrays(DrawBuffers &buffers, const ShaderProgram *program);
+
 /// GLSL of `vec4 exactTexture(sampler2D s, vec2 coord)`: texture(), but at the centre of a texel that
 /// texel alone. Linear filters let a trace of the neighbours in there, from the rounding of coordinates,
 /// and where alpha is a mask a trace of it already counts as covered.

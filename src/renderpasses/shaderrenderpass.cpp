@@ -280,10 +280,7 @@ void ShaderRenderPass::start(RenderCallbacks *)
         const bool canDraw =
             targets > 0 && drawn && drawn->VAO() && tessellates == (drawn->primitiveType() == GL_PATCHES);
         if (canDraw && geometry) {
-            {
-                AutoBinder arrays(geometry->VAO());
-                geometry->VAO()->enableShaderProgramArrays(_program);
-            }
+            enableArrays(*geometry, _program);
             AutoBinder bound(geometry);
             AutoEnabler pointSize(GL_PROGRAM_POINT_SIZE);
             geometry->draw();

@@ -486,8 +486,8 @@ Texture *ShadowMapRenderPass::_gaussBlurShadowMapArray(const QSize &size, Filter
         _blurQuad = makeQuad();
     if (!_blurQuad)
         return _shadowMapArray;
-    // Not every filter reads the texture coordinates; after the first time this is a look-up.
-    _blurQuad->VAO()->enableShaderProgramArrays(program);
+    // Each filter has its own program, and not every one reads the texture coordinates.
+    enableArrays(*_blurQuad, program);
 
     AutoBinder source(_shadowMapArray);
     wrapToEdge();

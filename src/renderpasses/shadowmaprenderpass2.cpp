@@ -603,7 +603,7 @@ void ShadowMapRenderPass2::_blurShadowMapArray(const QSize &, FilterType type)
         _pointQuad->setVAO(context->createVertexArrayObject());
         _pointQuad->setVertexCount(1);
         _pointQuad->setPrimitiveType(GL_POINTS);
-        _pointQuad->VAO()->enableShaderProgramArrays(program);
+        enableArrays(*_pointQuad, program);
     }
 
     AutoBinder depth(_depthArray);

@@ -178,10 +178,8 @@ void TextureToScreenRenderPass::start(RenderCallbacks *)
             texture = _defaultTexture;
         }
         const bool isNew = buildOnce(_shaderProgram, superSamplingProgram());
-        if (fetchOnce(_quad, Quad::Gradient, _shaderProgram) && isNew) {
-            AutoBinder arrays(_quad->VAO());
-            _quad->VAO()->enableShaderProgramArrays(_shaderProgram);
-        }
+        if (fetchOnce(_quad, Quad::Gradient, _shaderProgram) && isNew)
+            enableArrays(*_quad, _shaderProgram);
     }
     NeutralState neutral(kState);
     made(_drawFbo, "TextureToScreenRenderPass target");
