@@ -1,5 +1,6 @@
 #include "host/fragmentlists.h"
 
+#include "failure.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
 #include "gl/pixelstore.h"
@@ -17,13 +18,6 @@
 namespace Brevane::Kvo {
 
 namespace {
-
-bool fail(QString *error, const QString &message)
-{
-    if (error)
-        *error = message;
-    return false;
-}
 
 // The node buffer is large and filled from its first row on.
 QVector<quint32> readRows(Texture *nodeBuffer, int width, int rows)

@@ -1,5 +1,6 @@
 #include "host/imagecomparison.h"
 
+#include "failure.h"
 #include "host/imageoutput.h"
 
 #include <algorithm>
@@ -10,13 +11,6 @@ namespace Brevane::Kvo {
 namespace {
 
 constexpr double kPictureGain = 4.0;
-
-bool fail(QString *error, const QString &message)
-{
-    if (error)
-        *error = message;
-    return false;
-}
 
 } // namespace
 

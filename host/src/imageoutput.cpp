@@ -1,5 +1,6 @@
 #include "host/imageoutput.h"
 
+#include "failure.h"
 #include "shadows/shadowmaprenderdata.h"
 
 #include <QBuffer>
@@ -26,13 +27,6 @@ namespace {
 
 constexpr QRgb kNotANumber = qRgb(255, 0, 255);
 constexpr QLatin1StringView kExr("exr");
-
-bool fail(QString *error, const QString &message)
-{
-    if (error)
-        *error = message;
-    return false;
-}
 
 int byteOf(float value)
 {

@@ -1,5 +1,6 @@
 #include "host/lights.h"
 
+#include "failure.h"
 #include "host/slotname.h"
 #include "lightsjson.h"
 #include "slotvaluejson.h"
@@ -11,12 +12,6 @@
 namespace Brevane::Kvo {
 
 namespace {
-
-bool fail(QString *error, const QString &message)
-{
-    *error = message;
-    return false;
-}
 
 /// A member that files and command lines may set; read as a slot of its type is.
 struct Member

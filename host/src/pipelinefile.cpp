@@ -271,7 +271,7 @@ private:
                 complain(value.line, QStringLiteral("a link is { \"from\": \"Pass.Slot\" }"));
                 return;
             }
-            ok = link(from->string, pass, member.key, &error);
+            ok = _pipeline->connect(from->string, pass + QLatin1Char('.') + member.key, &error);
         } else if (!isFile && value.isString() && value.string.startsWith(QLatin1StringView("@@"))) {
             Json text = value;
             text.string.remove(0, 1);
@@ -283,17 +283,6 @@ private:
         }
         if (!ok)
             complain(member.line, error);
-    }
-
-    bool link(const QString &from, const QString &pass, const QString &slot, QString *error)
-    {
-        if (!_pipeline->connect(from, pass + QLatin1Char('.') + slot, error))
-            return false;
-        // Asked after every link, so that the message points at the one that closes the circle.
-        if (!_pipeline->order(error).isEmpty())
-            return true;
-        _pipeline->reset(pass, slot);
-        return false;
     }
 
     bool setValue(const QString &pass, const QString &slot, const Json &json, QString *error)

@@ -368,9 +368,9 @@ private:
 
 } // namespace
 
-QString pipelineGraph(const Pipeline &pipeline, QString *error)
+QString pipelineGraph(const Pipeline &pipeline, QString * /*error*/)
 {
-    const QStringList order = pipeline.order(error);
+    const QStringList order = pipeline.order();
     if (order.isEmpty())
         return QString();
     return Graph(pipeline, order).svg();

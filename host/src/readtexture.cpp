@@ -1,5 +1,6 @@
 #include "host/imageoutput.h"
 
+#include "failure.h"
 #include "gl/glinfo.h"
 #include "gl/guards.h"
 #include "gl/opengldevicecontext.h"
@@ -14,13 +15,6 @@
 namespace Brevane::Kvo {
 
 namespace {
-
-bool fail(QString *error, const QString &message)
-{
-    if (error)
-        *error = message;
-    return false;
-}
 
 struct Format
 {

@@ -148,15 +148,7 @@ TEST_F(PipelineGraph, BoxesKeepClearOfOneAnother)
     }
 }
 
-TEST_F(PipelineGraph, ACycleIsNamedInsteadOfDrawn)
+TEST_F(PipelineGraph, WithoutPassesThereIsNothingToDraw)
 {
-    ASSERT_TRUE(pipeline.add(s("A"), std::make_unique<PlainPass>()));
-    ASSERT_TRUE(pipeline.add(s("B"), std::make_unique<PlainPass>()));
-    ASSERT_TRUE(pipeline.connect(s("A.Frame"), s("B.Frame")));
-    ASSERT_TRUE(pipeline.connect(s("B.Frame"), s("A.Frame")));
-    QString error;
-    EXPECT_TRUE(pipelineGraph(pipeline, &error).isEmpty());
-    EXPECT_TRUE(error.contains(s("cycle"))) << qPrintable(error);
-    Pipeline empty;
-    EXPECT_TRUE(pipelineGraph(empty).isEmpty());
+    EXPECT_TRUE(pipelineGraph(Pipeline()).isEmpty());
 }

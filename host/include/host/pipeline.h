@@ -113,12 +113,14 @@ public:
     QString className(const QString &name) const;
     /// In the order of adding.
     QStringList passNames() const;
-    /// In the order of running; empty with an error when links form a cycle, which is named.
+    /// In the order of running. Links form no cycle, since connect refuses one, so there always is an order;
+    /// \a error is left alone.
     QStringList order(QString *error = nullptr) const;
 
     // Inputs
 
-    /// Links an output to an input. Types have to agree by the words in the slots' names.
+    /// Links an output to an input. Types have to agree by the words in the slots' names, and a link that
+    /// would close a cycle is refused, with the passes of the cycle in the error.
     bool connect(const QString &from, const QString &fromSlot, const QString &to, const QString &toSlot,
                  QString *error = nullptr);
     /// The same with "Pass.Slot".
@@ -169,7 +171,7 @@ public:
 
     /// Calls setup on passes that had none. render does so itself; call this to pay early.
     bool setup(RenderCallbacks *callbacks = nullptr, QString *error = nullptr);
-    /// Runs one frame. False with an error when there is no usable context, or links form a cycle.
+    /// Runs one frame. False with an error when there is no usable context.
     bool render(RenderCallbacks *callbacks = nullptr, QString *error = nullptr);
     /// Tears all passes down; render sets them up again.
     void teardown(RenderCallbacks *callbacks = nullptr);

@@ -13,7 +13,7 @@ class Pipeline;
 /// the outputs that are read (right) and the host values that it takes. Links are lines from output to
 /// input; hovering over one names both ends in full.
 ///
-/// An empty text, with the cycle in *error where given, when the links form one.
+/// An empty text for a pipeline without passes; \a error is left alone.
 KVO_HOST_EXPORT QString pipelineGraph(const Pipeline &pipeline, QString *error = nullptr);
 
 } // namespace Brevane::Kvo

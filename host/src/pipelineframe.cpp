@@ -1,0 +1,320 @@
+#include "pipelineframe.h"
+
+#include "core/renderpass.h"
+#include "debuggroup.h"
+#include "gl/givenup.h"
+#include "gl/hoststate.h"
+#include "gl/opengldevicecontext.h"
+#include "gl/texture.h"
+#include "gl/texturemanager.h"
+#include "hostvalues.h"
+#include "passrows.h"
+
+#include <epoxy/gl.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+bool names(const QVariant &value, const Texture *texture)
+{
+    if (value.metaType() == QMetaType(QMetaType::QVariantList)) {
+        const QVariantList list = value.toList();
+        return std::any_of(list.begin(), list.end(), [texture](const QVariant &v) { return names(v, texture); });
+    }
+    return textureFromVariant(value) == texture;
+}
+
+} // namespace
+
+bool contextIsCurrent()
+{
+    return !OpenGLDeviceContext::current().isNull();
+}
+
+void PipelineFrame::setup(RenderCallbacks *callbacks)
+{
+    prepare();
+    learnContext();
+    for (const Step &step : _steps) {
+        if (step.node->isSetUp)
+            continue;
+        step.node->pass->setup(callbacks);
+        step.node->isSetUp = true;
+    }
+}
+
+void PipelineFrame::run(RenderCallbacks *callbacks)
+{
+    setup(callbacks);
+    if (!_givenUp.isEmpty())
+        freeGivenUp();
+    const DefaultState state;
+    faults.clear();
+    _ledger.beginFrame();
+    _hosts[HostValues::Frame] = number;
+    for (const Step &step : _steps)
+        step.node->pass->beginFrame(callbacks);
+    for (Step &step : _steps)
+        runStep(step, callbacks);
+    for (const Step &step : _steps)
+        step.node->pass->endFrame(callbacks);
+    ++number;
+    report();
+    TextureManager &textures = TextureManager::Instance();
+    textures.advanceFrame();
+    textures.trim(idleFrames, poolBytes);
+}
+
+void PipelineFrame::runStep(Step &step, RenderCallbacks *callbacks)
+{
+    Node &node = *step.node;
+    const DebugGroup group(_hasDebugGroups, node.label.constData());
+    passInputs(step);
+    setViewport(step);
+    if (const QColor &c = node.clearColor; c.isValid())
+        glClearColor(c.redF(), c.greenF(), c.blueF(), c.alphaF());
+    _ledger.beforeStart(step.inputPorts);
+    if (timing)
+        node.timer.begin(_hasTimestamps);
+    {
+        const GivenUpCollector collector(_givenUp);
+        const DefaultState::Known known(step.row != nullptr);
+        node.pass->start(callbacks);
+    }
+    if (timing)
+        node.timer.end();
+    checkReferences(step);
+    if (observer)
+        observer(node.name, node.pass.get());
+    // The next one, and the host, find nothing of this one.
+    if (step.row && !observer)
+        DefaultState::resetAfter(*step.row);
+    else
+        DefaultState::resetAll();
+    if (node.clearColor.isValid())
+        glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
+}
+
+void PipelineFrame::prepare()
+{
+    if (_revision == _graph.revision())
+        return;
+    _steps.clear();
+    for (Node *node : _graph.order())
+        _steps.push_back(makeStep(node));
+    _revision = _graph.revision();
+}
+
+PipelineFrame::Step PipelineFrame::makeStep(Node *node) const
+{
+    Step step;
+    step.node = node;
+    RenderPass &pass = *node->pass;
+    step.row = stateRowOf(pass);
+    step.viewportInput = viewportInputOf(pass);
+    for (int i = 0; i < int(node->sources.size()); ++i) {
+        const Source &source = node->sources[size_t(i)];
+        if (std::holds_alternative<HostSource>(source))
+            step.hosts.push_back(i);
+        if (const auto *link = std::get_if<LinkSource>(&source)) {
+            step.links.push_back({i, *link});
+            step.inputPorts.push_back({pass.inputName(i)});
+        }
+    }
+    pass.resetNumOutputUsers();
+    for (int output = 0; output < pass.numOutputs(); ++output) {
+        const int users = _graph.users({node, output});
+        pass.setNumOutputUsers(output, users);
+        if (users == 0)
+            continue;
+        step.outputs.push_back(output);
+        step.outputPorts.push_back({pass.outputName(output), nullptr, users});
+    }
+    step.held.resize(step.outputs.size());
+    return step;
+}
+
+void PipelineFrame::learnContext()
+{
+    const QSharedPointer<OpenGLDeviceContext> context = OpenGLDeviceContext::current();
+    if (_contextKnown && _timerContext == context)
+        return;
+    for (const auto &node : _graph.nodes())
+        node->timer.forget();
+    _timerContext = context;
+    const int version = epoxy_gl_version();
+    _hasDebugGroups = version >= 43 || epoxy_has_gl_extension("GL_KHR_debug");
+    _hasTimestamps = version >= 33 || epoxy_has_gl_extension("GL_ARB_timer_query");
+    _contextKnown = true;
+}
+
+void PipelineFrame::passInputs(Step &step)
+{
+    RenderPass &pass = *step.node->pass;
+    for (const int input : step.hosts)
+        pass.setInput(input, _hosts.of(std::get<HostSource>(step.node->sources[size_t(input)])));
+    for (size_t i = 0; i < step.links.size(); ++i) {
+        const Step::Link &link = step.links[i];
+        const QVariant value = link.source.from->pass->output(link.source.output);
+        step.inputPorts[i].texture = textureFromVariant(value);
+        pass.setInput(link.input, value);
+    }
+}
+
+void PipelineFrame::setViewport(const Step &step)
+{
+    QRect viewport = _hosts[HostValues::Viewport].toRect();
+    if (step.viewportInput >= 0)
+        viewport = valueOf({step.node, step.viewportInput}).toRect();
+    // Targets of passes begin at 0, wherever the rectangle lies in the window.
+    glViewport(0, 0, std::max(viewport.width(), 0), std::max(viewport.height(), 0));
+}
+
+QVariant PipelineFrame::valueOf(const InputPort &input) const
+{
+    const Source &source = input.source();
+    if (const auto *given = std::get_if<ValueSource>(&source))
+        return given->value;
+    if (const auto *host = std::get_if<HostSource>(&source))
+        return _hosts.of(*host);
+    if (const auto *link = std::get_if<LinkSource>(&source))
+        return link->from->pass->output(link->output);
+    return input.node->pass->defaultValue(input.index);
+}
+
+void PipelineFrame::checkReferences(Step &step)
+{
+    RenderPass &pass = *step.node->pass;
+    for (size_t i = 0; i < step.outputs.size(); ++i)
+        step.outputPorts[i].texture = textureFromVariant(pass.output(step.outputs[i]));
+    _ledger.afterStart(step.node->name, step.inputPorts, step.outputPorts, step.held, &faults);
+    if (pass.errorCode() == step.node->errorCode)
+        return;
+    step.node->errorCode = pass.errorCode();
+    if (step.node->errorCode != 0)
+        faults << QStringLiteral("pass '%1' reports error %2").arg(step.node->name).arg(int(step.node->errorCode));
+}
+
+void PipelineFrame::report()
+{
+    for (const QString &fault : std::as_const(faults)) {
+        if (_reported.contains(fault))
+            continue;
+        _reported.insert(fault);
+        qWarning("%s", qPrintable(fault));
+    }
+}
+
+void PipelineFrame::destroyPass(Node *node, std::unique_ptr<RenderPass> pass)
+{
+    const GivenUpCollector collector(_givenUp);
+    if (node->isSetUp && contextIsCurrent()) {
+        pass->teardown(nullptr);
+        pass->teardownContextData(nullptr);
+    }
+    node->isSetUp = false;
+    releaseTimer(node);
+}
+
+void PipelineFrame::destroyPasses()
+{
+    const auto &nodes = _graph.nodes();
+    if (contextIsCurrent() && std::any_of(nodes.begin(), nodes.end(), [](const auto &node) { return node->isSetUp; }))
+        teardown(nullptr);
+    {
+        const GivenUpCollector collector(_givenUp);
+        for (const auto &node : nodes)
+            node->pass.reset();
+    }
+    for (const QPointer<QObject> &object : std::exchange(_givenUp, {}))
+        delete object.data();
+}
+
+void PipelineFrame::teardown(RenderCallbacks *callbacks)
+{
+    const auto &nodes = _graph.nodes();
+    for (auto node = nodes.rbegin(); node != nodes.rend(); ++node) {
+        if (!(*node)->isSetUp)
+            continue;
+        (*node)->pass->teardown(callbacks);
+        (*node)->isSetUp = false;
+    }
+    teardownContextData(callbacks);
+}
+
+void PipelineFrame::teardownContextData(RenderCallbacks *callbacks)
+{
+    const auto &nodes = _graph.nodes();
+    for (auto node = nodes.rbegin(); node != nodes.rend(); ++node) {
+        (*node)->pass->teardownContextData(callbacks);
+        releaseTimer(node->get());
+    }
+    _contextKnown = false;
+}
+
+// Queries belong to one context, and their names mean others in another one.
+void PipelineFrame::releaseTimer(Node *node)
+{
+    const QSharedPointer<OpenGLDeviceContext> context = _timerContext.toStrongRef();
+    if (context && OpenGLDeviceContext::current() == context)
+        node->timer.release();
+    else
+        node->timer.forget();
+}
+
+QVector<PassTiming> PipelineFrame::timings(bool wait)
+{
+    prepare();
+    QVector<PassTiming> result;
+    for (const Step &step : _steps) {
+        if (contextIsCurrent())
+            step.node->timer.collect(wait);
+        result << step.node->timer.result(step.node->name);
+    }
+    return result;
+}
+
+void PipelineFrame::setTimingHistory(int frames)
+{
+    history = frames;
+    for (const auto &node : _graph.nodes())
+        node->timer.setHistory(frames);
+}
+
+// Whether an input, an output or a host value still names a texture.
+bool PipelineFrame::isNamed(const Texture *texture) const
+{
+    for (const auto &node : _graph.nodes()) {
+        for (int i = 0; i < node->pass->numOutputs(); ++i) {
+            if (names(node->pass->output(i), texture))
+                return true;
+        }
+        for (const Source &source : node->sources) {
+            const auto *given = std::get_if<ValueSource>(&source);
+            if (given && names(given->value, texture))
+                return true;
+        }
+    }
+    for (int i = 0; i < _hosts.count(); ++i) {
+        if (names(_hosts[i], texture))
+            return true;
+    }
+    return false;
+}
+
+void PipelineFrame::freeGivenUp()
+{
+    for (const QPointer<QObject> &object : std::exchange(_givenUp, {})) {
+        const auto *texture = qobject_cast<const Texture *>(object.data());
+        if (texture && isNamed(texture))
+            _givenUp.append(object);
+        else
+            delete object.data();
+    }
+}
+
+} // namespace Brevane::Kvo

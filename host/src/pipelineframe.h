@@ -1,0 +1,101 @@
+#pragma once
+
+#include "passgraph.h"
+#include "referenceledger.h"
+
+#include <QPointer>
+#include <QSet>
+#include <QVector>
+#include <QWeakPointer>
+
+#include <functional>
+#include <memory>
+#include <vector>
+
+namespace Brevane::Kvo {
+
+class HostValues;
+class OpenGLDeviceContext;
+class RenderCallbacks;
+class Texture;
+struct StateRow;
+
+/// Whether passes can set up and run here.
+bool contextIsCurrent();
+
+/// Drives the passes of a graph frame by frame: in order, with their inputs, in GL's default state; follows
+/// their references, times them and frees what they give up.
+class PipelineFrame
+{
+public:
+    using Observer = std::function<void(const QString &, RenderPass *)>;
+
+    PipelineFrame(PassGraph &graph, HostValues &hosts) : _graph(graph), _hosts(hosts) {}
+
+    void setup(RenderCallbacks *callbacks);
+    void run(RenderCallbacks *callbacks);
+    /// Tears down the pass of a node and destroys it.
+    void destroyPass(Node *node, std::unique_ptr<RenderPass> pass);
+    /// Of the passes of all nodes, whether torn down or not.
+    void destroyPasses();
+    void teardown(RenderCallbacks *callbacks);
+    void teardownContextData(RenderCallbacks *callbacks);
+    QVector<PassTiming> timings(bool wait);
+    void setTimingHistory(int frames);
+
+    Observer observer;
+    int idleFrames = 120;
+    qint64 poolBytes = -1;
+    bool timing = false;
+    int history = 120;
+    int number = 0; ///< Of the next frame.
+    QStringList faults; ///< Of the last one.
+
+private:
+    // What one frame does with a pass, worked out from the links.
+    struct Step
+    {
+        struct Link
+        {
+            int input;
+            LinkSource source;
+        };
+
+        Node *node = nullptr;
+        const StateRow *row = nullptr; ///< What the pass leaves changed; null: not known.
+        int viewportInput = -1;
+        std::vector<Link> links;
+        std::vector<int> hosts; ///< Inputs that are bound to a host value.
+        std::vector<int> outputs;
+        std::vector<ReferenceLedger::Port> inputPorts;
+        std::vector<ReferenceLedger::Port> outputPorts;
+        std::vector<ReferenceLedger::Held> held;
+    };
+
+    void prepare();
+    Step makeStep(Node *node) const;
+    void learnContext();
+    void runStep(Step &step, RenderCallbacks *callbacks);
+    void passInputs(Step &step);
+    void setViewport(const Step &step);
+    QVariant valueOf(const InputPort &input) const;
+    void checkReferences(Step &step);
+    void report();
+    void releaseTimer(Node *node);
+    bool isNamed(const Texture *texture) const;
+    void freeGivenUp();
+
+    PassGraph &_graph;
+    HostValues &_hosts;
+    std::vector<Step> _steps;
+    quint64 _revision = 0; ///< Of the graph that the steps are made from.
+    ReferenceLedger _ledger;
+    QSet<QString> _reported;
+    QVector<QPointer<QObject>> _givenUp; ///< By the passes of this pipeline.
+    QWeakPointer<OpenGLDeviceContext> _timerContext; ///< Where the queries are.
+    bool _contextKnown = false;
+    bool _hasDebugGroups = false;
+    bool _hasTimestamps = false;
+};
+
+} // namespace Brevane::Kvo
