@@ -198,6 +198,27 @@ TEST_F(KvoRender, KeepsQuietWhenTold)
         succeed(words("-p gradient -s 8x8 -o out.png")).err.contains(QStringLiteral("kvorender: wrote out.png")));
 }
 
+// Options are declared once: what the help shows is what is read, and each refuses what is no value of it.
+TEST_F(KvoRender, EveryOptionOfTheHelpNamesItselfWhenItsValueIsWrong)
+{
+    static const QRegularExpression kOption(QStringLiteral("^  (?:-[a-z], |    )--([a-z-]+)(?: (\\S+))?"),
+                                            QRegularExpression::MultilineOption);
+    const QString help = run(words("--help")).out;
+    int taken = 0;
+    for (auto match = kOption.globalMatch(help); match.hasNext();) {
+        const QRegularExpressionMatch option = match.next();
+        const QString name = option.captured(1);
+        if (option.captured(2).isEmpty() || name == QStringLiteral("camera")) // whose default is empty
+            continue;
+        const Outcome outcome = run({QStringLiteral("--%1=").arg(name), QStringLiteral("--gl-info")});
+        EXPECT_EQ(outcome.exitCode, 2) << qPrintable(name);
+        EXPECT_TRUE(outcome.err.startsWith(QStringLiteral("kvorender: --%1 ").arg(name))) << qPrintable(outcome.err);
+        EXPECT_TRUE(outcome.err.endsWith(QStringLiteral("(see kvorender --help)\n"))) << qPrintable(outcome.err);
+        ++taken;
+    }
+    EXPECT_EQ(taken, 17);
+}
+
 TEST_F(KvoRender, RefusesAWrongCommandLine)
 {
     expectFailure({}, 2, "nothing to do");

@@ -1,7 +1,8 @@
 #pragma once
 
 #include "host/lights.h"
-#include "scene.h"
+#include "messages.h"
+#include "scenesettings.h"
 
 #include <QColor>
 #include <QPoint>
@@ -10,11 +11,7 @@
 #include <QStringList>
 #include <QVector>
 
-enum ExitCode {
-    kSuccess = 0,
-    kFailure = 1, ///< A file, the driver or the pipeline.
-    kUsage = 2, ///< The command line.
-};
+#include <optional>
 
 /// "Pass.Slot=text" of the command line.
 struct SlotArgument
@@ -37,9 +34,9 @@ struct Comparison
 struct CommandLine
 {
     QString model;
-    QString pipeline;
-    QStringList pipelineFolders;
-    QSize size{1280, 720};
+    QString pipeline; ///< The one to render.
+    PipelineChoice pipelines; ///< As given; a gallery takes all of them.
+    QSize size;
     QString camera;
     int frames = 1;
     QString output;
@@ -51,9 +48,8 @@ struct CommandLine
     bool sceneIsGiven = false; ///< Whether any of its settings is.
     QVector<QPair<QString, QString>> paths;
     QVector<QPoint> inspected; ///< Pixels of the picture, counted from its upper left corner.
-    QString gallery; ///< The folder; empty: none wanted.
+    QString gallery; ///< The folder; empty: none wanted. It takes all pipelines where none is given.
     QStringList galleryModels; ///< Empty: the system's samples.
-    QStringList galleryPipelines; ///< Empty: all there are.
     QString listLengths; ///< File for the picture of how long the fragment lists are.
     QVector<Comparison> comparisons;
     QVector<SlotArgument> prints; ///< Outputs whose value is wanted; the text is not used.
@@ -63,10 +59,10 @@ struct CommandLine
     bool list = false;
     bool glInfo = false;
 
-    /// Reads the program's arguments. False when the program is to end at once, with \a exitCode: after
-    /// --help and --version, or after a mistake, which has been printed.
-    bool read(const QStringList &arguments, int *exitCode);
-};
+    /// Reads the program's arguments. An exit code when the program is to end at once: after --help and --version,
+    /// and after a mistake, which has been printed.
+    std::optional<ExitCode> read(const QStringList &arguments);
 
-/// Prints "kvorender: message" to stderr.
-void complain(const QString &message);
+private:
+    void declare(Options *options);
+};

@@ -187,10 +187,10 @@ bool Gallery::openContext()
 
 bool Gallery::choosePipelines()
 {
-    const QStringList path = pipelineSearchPath(_commandLine.pipelineFolders);
+    const QStringList path = pipelineSearchPath(_commandLine.pipelines.folders);
     const QVector<PipelineFileInfo> all = listPipelines(path);
     QStringList wanted;
-    for (const QString &name : _commandLine.galleryPipelines) {
+    for (const QString &name : _commandLine.pipelines.names) {
         QString error;
         const QString file = findPipeline(name, path, &error);
         if (file.isEmpty())
@@ -198,7 +198,7 @@ bool Gallery::choosePipelines()
         wanted << file;
     }
     for (const PipelineFileInfo &file : all) {
-        if (_commandLine.galleryPipelines.isEmpty() || wanted.removeAll(file.path) > 0)
+        if (_commandLine.pipelines.names.isEmpty() || wanted.removeAll(file.path) > 0)
             _page.entries.emplaceBack().file = file;
     }
     // Files outside of the folders.

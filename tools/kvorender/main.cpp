@@ -7,18 +7,9 @@
 
 #include <QCoreApplication>
 
-#include <cstdio>
-
 using namespace Brevane::Kvo;
 
 namespace {
-
-void onMessage(QtMsgType type, const QMessageLogContext &, const QString &text)
-{
-    if (type == QtDebugMsg || type == QtInfoMsg)
-        return;
-    complain((type == QtWarningMsg ? QStringLiteral("warning: ") : QString()) + text);
-}
 
 int inform(const CommandLine &commandLine)
 {
@@ -26,7 +17,7 @@ int inform(const CommandLine &commandLine)
     QString error;
     const std::unique_ptr<HeadlessContext> context = HeadlessContext::create(&error);
     if (commandLine.list)
-        printList(pipelineSearchPath(commandLine.pipelineFolders));
+        printList(pipelineSearchPath(commandLine.pipelines.folders));
     if (!commandLine.glInfo)
         return kSuccess;
     if (!context) {
@@ -42,12 +33,10 @@ int inform(const CommandLine &commandLine)
 int main(int argc, char *argv[])
 {
     const QCoreApplication application(argc, argv);
-    QCoreApplication::setApplicationName(QStringLiteral("kvorender"));
-    qInstallMessageHandler(onMessage);
+    startMessages(QStringLiteral("kvorender"));
     CommandLine commandLine;
-    int exitCode = kSuccess;
-    if (!commandLine.read(QCoreApplication::arguments(), &exitCode))
-        return exitCode;
+    if (const std::optional<ExitCode> end = commandLine.read(QCoreApplication::arguments()))
+        return *end;
     if (commandLine.list || commandLine.glInfo)
         return inform(commandLine);
     return commandLine.gallery.isEmpty() ? Renderer(commandLine).run() : Gallery(commandLine).run();

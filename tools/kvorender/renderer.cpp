@@ -22,15 +22,6 @@ using namespace Brevane::Kvo;
 namespace {
 
 constexpr qint64 kProgressInterval = 1000; // ms
-constexpr int kMostWarnings = 10;
-
-void printWarnings(const QStringList &warnings)
-{
-    for (const QString &warning : warnings.mid(0, kMostWarnings))
-        complain(QStringLiteral("warning: %1").arg(warning));
-    if (warnings.size() > kMostWarnings)
-        complain(QStringLiteral("warning: and %1 more").arg(warnings.size() - kMostWarnings));
-}
 
 } // namespace
 
@@ -62,7 +53,7 @@ void Renderer::progress(const QString &message) const
 bool Renderer::loadPipeline()
 {
     QString error;
-    _pipelinePath = findPipeline(_commandLine.pipeline, pipelineSearchPath(_commandLine.pipelineFolders), &error);
+    _pipelinePath = findPipeline(_commandLine.pipeline, pipelineSearchPath(_commandLine.pipelines.folders), &error);
     if (_pipelinePath.isEmpty())
         return fail(error);
     QStringList errors;
@@ -83,7 +74,7 @@ bool Renderer::loadPipeline()
         if (!QFileInfo::exists(path))
             return fail(QStringLiteral("--path %1: there is no file '%2'").arg(name, path));
     }
-    printWarnings(_pipeline.warnings());
+    complainOf(_pipeline.warnings());
     return true;
 }
 
@@ -146,7 +137,7 @@ bool Renderer::loadModel()
     ImportReport report;
     ModelData data = importScene(_commandLine.model, ImportOptions(), &report);
     if (!report.ok()) {
-        printWarnings(report.warnings);
+        complainOf(report.warnings);
         return fail(report.error);
     }
     QString error;
@@ -154,7 +145,7 @@ bool Renderer::loadModel()
         return fail(QStringLiteral("--opacity: %1").arg(error), kUsage);
     QStringList warnings;
     const bool uploaded = _model.upload(data, &warnings);
-    printWarnings(report.warnings + warnings);
+    complainOf(report.warnings + warnings);
     if (!uploaded)
         return fail(QStringLiteral("cannot put model '%1' on the GPU").arg(_commandLine.model));
     progress(QStringLiteral("%1 meshes, %2 items, %3 triangles, %4 materials, %5 images in %6 s")

@@ -6,27 +6,7 @@
 
 #include <QPainter>
 
-#include <algorithm>
-
 using namespace Brevane::Kvo;
-
-namespace {
-
-constexpr float kLeastSide = 1e-30f;
-
-} // namespace
-
-bool applySettings(ModelData *data, const SceneSettings &settings, QString *error)
-{
-    if (settings.scale == SceneSettings::kScaleToFit)
-        scaleModel(data, kFittingSide / std::max(longestSideOf(*data), kLeastSide));
-    else if (settings.scale != 1.0f)
-        scaleModel(data, settings.scale);
-    if (settings.floor)
-        addFloor(data);
-    return std::all_of(settings.opacities.begin(), settings.opacities.end(),
-                       [&](const auto &one) { return setOpacity(data, one.first, one.second, error); });
-}
 
 bool aim(Pipeline *pipeline, const ScreenTarget &screen, const GPUModel::BoundingBox &bounds, const QString &settings,
          QString *error)

@@ -1,35 +1,14 @@
 #pragma once
 
 #include "host/pipeline.h"
-#include "host/sceneimport.h"
 #include "host/screentarget.h"
 #include "model/gpumodel.h"
 
 #include <QColor>
 #include <QImage>
-#include <QPair>
 #include <QString>
-#include <QVector>
 
 #include <functional>
-
-/// What is done to a model before it is drawn.
-struct SceneSettings
-{
-    static constexpr float kScaleToFit = 0.0f;
-
-    float scale = 1.0f; ///< kScaleToFit: its longest side becomes kFittingSide units.
-    bool floor = false; ///< Put it on one.
-    QVector<QPair<QString, float>> opacities; ///< Material and opacity; an empty name means all.
-
-    bool operator==(const SceneSettings &) const = default;
-};
-
-/// The longest side of a model that is scaled to fit, in units.
-constexpr float kFittingSide = 2.0f;
-
-/// Does it. False with the reason, for a material that is not there.
-bool applySettings(Brevane::Kvo::ModelData *data, const SceneSettings &settings, QString *error);
 
 /// Gives a pipeline the screen, and a camera on the model (or nothing) within \a bounds. False with the
 /// reason, for camera settings that cannot be read.

@@ -1,7 +1,7 @@
 #include "session.h"
 
-#include "commandline.h"
 #include "gl/shaderprogram.h"
+#include "messages.h"
 
 #include <epoxy/gl.h>
 

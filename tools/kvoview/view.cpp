@@ -1,6 +1,7 @@
 #include "view.h"
 
 #include "host/pipelinefile.h"
+#include "host/sceneimport.h"
 
 #include <QMouseEvent>
 #include <QOpenGLContext>
@@ -37,6 +38,7 @@ void View::release()
 {
     _pipeline.reset();
     _model.reset();
+    _opaqueModel.reset();
     _screen.reset();
 }
 
@@ -78,7 +80,11 @@ bool View::load(const QString &path, QStringList *errors)
     auto pipeline = std::make_unique<Pipeline>();
     if (!loadPipeline(path, pipeline.get(), errors))
         return false;
-    pipeline->setModel(_model.get());
+    if (pipeline->uses(QStringLiteral("opaque")) && !_opaqueModel) {
+        _opaqueModel = std::make_unique<GPUModel>();
+        _opaqueModel->upload(opaquePartOf(_data));
+    }
+    pipeline->setModel(_model.get(), _opaqueModel.get());
     pipeline->setTimingEnabled(true);
     _pipeline = std::move(pipeline);
     _pipelinePath = path;

@@ -43,6 +43,7 @@ private:
     const Brevane::Kvo::ModelData _data;
     QString _pipelinePath;
     std::unique_ptr<Brevane::Kvo::GPUModel> _model;
+    std::unique_ptr<Brevane::Kvo::GPUModel> _opaqueModel; ///< For pipelines that ask for it.
     std::unique_ptr<Brevane::Kvo::Pipeline> _pipeline;
     std::unique_ptr<Brevane::Kvo::FramebufferObject> _screen;
     std::function<void(const QString &)> _onFrame;

@@ -1,0 +1,183 @@
+#include "options.h"
+
+#include <QCommandLineParser>
+
+#include <cstdio>
+#include <utility>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr qsizetype kTextColumn = 27;
+constexpr qsizetype kWidth = 108;
+
+QString longName(const Option &option)
+{
+    return option.names.last();
+}
+
+QString spelling(const Option &option)
+{
+    const QString letter = option.names.size() > 1 ? u"-%1, "_s.arg(option.names.first()) : u"    "_s;
+    return u"  %1--%2%3"_s.arg(letter, longName(option), option.value.isEmpty() ? QString() : u' ' + option.value);
+}
+
+// Words from the text's column on; what stands before it has the line to itself where it is too long.
+QString paragraph(const QString &before, const QString &text)
+{
+    QString result;
+    QString line = before;
+    if (line.size() >= kTextColumn) {
+        result += line + u'\n';
+        line.clear();
+    }
+    line = line.leftJustified(kTextColumn);
+    bool isFirst = true;
+    for (const QString &word : text.split(u' ')) {
+        if (!isFirst && line.size() + 1 + word.size() > kWidth) {
+            result += line + u'\n';
+            line = QString().leftJustified(kTextColumn);
+            isFirst = true;
+        }
+        line += (isFirst ? QString() : u" "_s) + word;
+        isFirst = false;
+    }
+    return result + line + u'\n';
+}
+
+// NaN is within no bounds.
+template <typename Number>
+bool store(Number value, Number least, Number most, Number *number)
+{
+    if (!(value >= least && value <= most))
+        return false;
+    *number = value;
+    return true;
+}
+
+} // namespace
+
+Option::Read into(bool *flag)
+{
+    return [flag](const QString &, QString *) { return *flag = true; };
+}
+
+Option::Read into(QString *text)
+{
+    return [text](const QString &given, QString *) {
+        *text = given;
+        return !given.isEmpty();
+    };
+}
+
+Option::Read into(QStringList *texts)
+{
+    return [texts](const QString &given, QString *) {
+        texts->append(given);
+        return !given.isEmpty();
+    };
+}
+
+Option::Read into(int *number, int least, int most)
+{
+    return [=](const QString &text, QString *) {
+        bool ok = false;
+        const int value = text.toInt(&ok);
+        return ok && store(value, least, most, number);
+    };
+}
+
+Option::Read into(float *number, float least, float most)
+{
+    return [=](const QString &text, QString *) {
+        bool ok = false;
+        const float value = text.toFloat(&ok);
+        return ok && store(value, least, most, number);
+    };
+}
+
+Options::Options(const QString &purpose, const QString &model) : _purpose(purpose), _model(model) {}
+
+void Options::section(const QString &heading)
+{
+    _sections.append({heading, {}});
+}
+
+void Options::add(const Option &option)
+{
+    _sections.last().options.append(option);
+}
+
+QString Options::help() const
+{
+    QString text = _purpose + u'\n';
+    bool isFirst = true;
+    for (const Section &section : _sections) {
+        text += u'\n' + section.heading + u'\n';
+        if (std::exchange(isFirst, false))
+            text += paragraph(u"  MODEL"_s, _model);
+        for (const Option &option : section.options)
+            text += paragraph(spelling(option), option.help + (option.repeats ? u"; may be repeated"_s : QString()));
+    }
+    text += u"  -h, --help, -v, --version\n"_s;
+    return _epilogue.isEmpty() ? text : text + u'\n' + _epilogue;
+}
+
+ExitCode Options::mistake(const QString &message)
+{
+    complain(u"%1 (see %2 --help)"_s.arg(message, QCoreApplication::applicationName()));
+    return kUsage;
+}
+
+bool Options::readAll(const Option &option, const QStringList &texts) const
+{
+    const QString name = longName(option);
+    for (const QString &text : texts) {
+        QString reason;
+        if (option.read(text, &reason))
+            continue;
+        if (!reason.isEmpty())
+            mistake(u"--%1 %2: %3"_s.arg(name, text, reason));
+        else
+            mistake(u"--%1 takes %2, not '%3'"_s.arg(name, option.takes, text));
+        return false;
+    }
+    return true;
+}
+
+std::optional<ExitCode> Options::read(const QStringList &arguments)
+{
+    QCommandLineParser parser;
+    parser.addOptions({{{u"h"_s, u"help"_s}, QString()}, {{u"v"_s, u"version"_s}, QString()}});
+    for (const Section &section : _sections)
+        for (const Option &option : section.options)
+            parser.addOption({option.names, QString(), option.value});
+    if (!parser.parse(arguments))
+        return mistake(parser.errorText());
+    if (parser.isSet(u"help"_s)) {
+        std::fputs(qPrintable(help()), stdout);
+        return kSuccess;
+    }
+    if (parser.isSet(u"version"_s)) {
+        std::printf("%s %s\n", qPrintable(QCoreApplication::applicationName()),
+                    qPrintable(QCoreApplication::applicationVersion()));
+        return kSuccess;
+    }
+    _files = parser.positionalArguments();
+    for (const Section &section : _sections) {
+        for (const Option &option : section.options) {
+            if (!parser.isSet(longName(option)))
+                continue;
+            for (const QString &other : option.excludes)
+                if (parser.isSet(other))
+                    return mistake(u"--%1 and --%2 do not go together"_s.arg(longName(option), other));
+            _set << longName(option);
+            const QStringList texts = option.value.isEmpty() ? QStringList{QString()} : parser.values(longName(option));
+            // Of an option that counts once, the last one does.
+            if (!readAll(option, option.repeats ? texts : texts.mid(texts.size() - 1)))
+                return kUsage;
+        }
+    }
+    return std::nullopt;
+}

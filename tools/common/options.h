@@ -1,0 +1,76 @@
+#pragma once
+
+#include "messages.h"
+
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+#include <functional>
+#include <optional>
+
+/// An option of a program, declared once: how it is spelt, what the help says of it, how its value is read, and
+/// what it does not go with.
+struct Option
+{
+    /// Takes one value. False when it is none, with the reason where there is more to say than what the option takes.
+    using Read = std::function<bool(const QString &text, QString *reason)>;
+
+    QStringList names; ///< "s", "size": a letter before the name, where there is one.
+    QString value; ///< For the help: "WxH". Empty: a switch, whose reader gets an empty text.
+    QString help;
+    QString takes; ///< For the message: "WIDTHxHEIGHT from 1x1".
+    Read read;
+    bool repeats = false;
+    QStringList excludes = {}; ///< Names of options.
+};
+
+/// Readers for options that are taken as they are.
+Option::Read into(bool *flag);
+Option::Read into(QString *text); ///< Empty texts are refused.
+Option::Read into(QStringList *texts);
+/// Whole numbers and others within bounds; not NaN.
+Option::Read into(int *number, int least, int most);
+Option::Read into(float *number, float least, float most);
+
+/// The command line of a program: its help, and what becomes of its arguments. -h, --help, -v and --version are there
+/// from the start.
+class Options
+{
+public:
+    /// \a purpose: a paragraph or two. \a model: what the help says of the model that may be named.
+    Options(const QString &purpose, const QString &model);
+
+    /// What is added next stands under this heading in the help.
+    void section(const QString &heading);
+    void add(const Option &option);
+    /// Stands behind the options in the help.
+    void epilogue(const QString &text) { _epilogue = text; }
+
+    /// Reads the arguments, in the order in which the options were added. An exit code when the program is to end
+    /// at once: after --help and --version, and after a mistake, which has been printed.
+    std::optional<ExitCode> read(const QStringList &arguments);
+    bool isSet(const QString &name) const { return _set.contains(name); }
+    /// Model files and the like.
+    QStringList files() const { return _files; }
+    QString help() const;
+
+    /// Prints a mistake with a word on where to look.
+    static ExitCode mistake(const QString &message);
+
+private:
+    struct Section
+    {
+        QString heading;
+        QVector<Option> options;
+    };
+
+    bool readAll(const Option &option, const QStringList &texts) const;
+
+    QString _purpose;
+    QString _model;
+    QString _epilogue;
+    QVector<Section> _sections;
+    QStringList _set;
+    QStringList _files;
+};
