@@ -1,0 +1,56 @@
+#include "gl/contextlookup.h"
+
+#include "gl/contextscope.h"
+#include "gl/contextstate.h"
+#include "gl/loadedlibrary.h"
+
+#include <utility>
+
+namespace Brevane::Kvo {
+
+NativeContext NativeContext::current()
+{
+    using GetCurrentContext = void *(*)();
+    static GetCurrentContext egl = nullptr;
+    static GetCurrentContext glx = nullptr;
+    if (!egl)
+        egl = loadedFunction<GetCurrentContext>({"libEGL.so.1"}, "eglGetCurrentContext");
+    if (void *context = egl ? egl() : nullptr)
+        return {context};
+    if (!glx)
+        glx = loadedFunction<GetCurrentContext>({"libGLX.so.0", "libGL.so.1"}, "glXGetCurrentContext");
+    return {glx ? glx() : nullptr};
+}
+
+ThreadContext &threadContext()
+{
+    thread_local ThreadContext context;
+    return context;
+}
+
+ContextScope::ContextScope()
+{
+    ThreadContext &thread = threadContext();
+    if (thread.openScopes++ == 0)
+        thread.last.holds = false;
+}
+
+ContextScope::~ContextScope()
+{
+    --threadContext().openScopes;
+}
+
+ContextScope::operator bool() const
+{
+    return ContextState::current() != nullptr;
+}
+
+ContextScopePause::ContextScopePause() : _scopes(std::exchange(threadContext().openScopes, 0)) {}
+
+ContextScopePause::~ContextScopePause()
+{
+    threadContext().openScopes = _scopes;
+    threadContext().last.holds = false;
+}
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,46 @@
+#pragma once
+
+namespace Brevane::Kvo {
+
+class ContextState;
+
+/// A native context of whichever window system interface made it.
+struct NativeContext
+{
+    void *handle = nullptr;
+    bool operator==(const NativeContext &) const = default;
+    static NativeContext current();
+};
+
+/// The last look-up of a thread, so that asking for the current context costs one call into the window system
+/// interface. Handles of contexts that were refused stay here with a null state.
+struct LastLookUp
+{
+    NativeContext native;
+    ContextState *state = nullptr;
+    bool holds = false; ///< For the rest of the outermost ContextScope.
+};
+
+/// What a thread knows of its current context; one variable, since finding a thread's costs more than reading it.
+struct ThreadContext
+{
+    LastLookUp last;
+    int openScopes = 0;
+};
+
+ThreadContext &threadContext();
+
+/// Undoes the ContextScopes around it for its scope, where code of the host's runs.
+class ContextScopePause
+{
+public:
+    ContextScopePause();
+    ~ContextScopePause();
+    ContextScopePause(const ContextScopePause &) = delete;
+    ContextScopePause &operator=(const ContextScopePause &) = delete;
+
+private:
+    int _scopes;
+};
+
+} // namespace Brevane::Kvo
