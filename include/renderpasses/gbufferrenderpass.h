@@ -4,8 +4,6 @@
 #include "gl/held.h"
 #include "renderpasses/export.h"
 
-#include <QList>
-
 namespace Brevane::Kvo {
 
 class FramebufferObject;
@@ -56,15 +54,8 @@ public:
     void setShaderProgram(ShaderProgram *program);
 
 private:
-    struct Target
-    {
-        QString output;
-        unsigned int internalFormat;
-    };
-
     Held<FramebufferObject> _fbo;
     Held<ShaderProgram> _shaderProgram;
-    QList<Target> _targets;
     int _width = 0;
     int _height = 0;
 };

@@ -4,8 +4,6 @@
 #include "gl/held.h"
 #include "renderpasses/export.h"
 
-#include <QList>
-
 namespace Brevane::Kvo {
 
 class FramebufferObject;
@@ -53,15 +51,8 @@ public:
     void setDiscardOnDiffuseAlpha(bool discard);
 
 private:
-    struct Target
-    {
-        QString output;
-        unsigned int internalFormat;
-    };
-
     Held<FramebufferObject> _fbo;
     Held<ShaderProgram> _shaderProgram;
-    QList<Target> _targets;
     int _width = 0;
     int _height = 0;
     bool _discardOnDiffuseAlpha = false;

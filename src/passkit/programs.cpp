@@ -75,13 +75,13 @@ ShaderProgram *buildProgram(const ProgramRecipe &recipe, GLSLMacroProcessor *pro
     return program;
 }
 
-bool buildOnce(Held<ShaderProgram> &program, const ProgramRecipe &recipe)
+bool buildOnce(Held<ShaderProgram> &program, const ProgramRecipe &recipe, GLSLMacroProcessor *processor)
 {
     if (program) {
         program->refresh();
         return false;
     }
-    program = buildProgram(recipe);
+    program = buildProgram(recipe, processor);
     return true;
 }
 

@@ -42,11 +42,14 @@ struct ProgramRecipe
 /// with materials and their maps.
 std::vector<ShaderSource> modelProgramSources(const QString &vertexShader, const QString &fragmentShader);
 
-/// Builds a program. A failure is left to the failure handler of ShaderProgram: passes go on.
+/// Builds a program, for those that are kept elsewhere than in a pass. A failure is left to the failure handler of
+/// ShaderProgram: passes go on.
 ShaderProgram *buildProgram(const ProgramRecipe &recipe, GLSLMacroProcessor *processor = nullptr);
 
-/// Builds the program if there is none yet; says whether it just did.
-bool buildOnce(Held<ShaderProgram> &program, const ProgramRecipe &recipe);
+/// Builds the program if there is none yet; says whether it just did. One that is there is built anew when it
+/// samples maps and they have come to lie where it does not look, see ShaderProgram::refresh: every pass that
+/// samples maps gets its program here, in every frame.
+bool buildOnce(Held<ShaderProgram> &program, const ProgramRecipe &recipe, GLSLMacroProcessor *processor = nullptr);
 
 enum class Quad { Screen, Gradient };
 

@@ -13,6 +13,14 @@
 
 namespace Brevane::Kvo {
 
+QStringList outputsOf(const std::vector<OutputTarget> &targets)
+{
+    QStringList outputs;
+    for (const OutputTarget &target : targets)
+        outputs.append(target.output);
+    return outputs;
+}
+
 bool made(Held<FramebufferObject> &framebuffer, const char *label)
 {
     if (framebuffer)
@@ -54,6 +62,16 @@ void replaceTarget(FramebufferObject *framebuffer, unsigned int attachment, cons
     texture->setParent(framebuffer);
     if (!framebuffer->attach(texture, attachment, 0))
         delete texture;
+}
+
+void replaceGeometryTargets(FramebufferObject *framebuffer, const std::vector<OutputTarget> &targets,
+                            const Extent &extent)
+{
+    unsigned int attachment = GL_COLOR_ATTACHMENT0;
+    for (const OutputTarget &target : targets)
+        replaceTarget(framebuffer, attachment++, {target.internalFormat, GL_BGRA, GL_FLOAT, GL_NEAREST}, extent);
+    replaceTarget(framebuffer, GL_DEPTH_ATTACHMENT, {GL_DEPTH_COMPONENT32F, GL_DEPTH_COMPONENT, GL_FLOAT, GL_NEAREST},
+                  extent);
 }
 
 Texture *makeBlackTexture()

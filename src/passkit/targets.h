@@ -3,6 +3,11 @@
 #include "gl/held.h"
 #include "passkit/extent.h"
 
+#include <QString>
+#include <QStringList>
+
+#include <vector>
+
 namespace Brevane::Kvo {
 
 class FramebufferObject;
@@ -18,6 +23,16 @@ struct TargetFormat
     int filter; ///< For magnification and minification.
 };
 
+/// A colour target of a pass that draws geometry: the fragment output that fills it, and how it is stored.
+struct OutputTarget
+{
+    QString output;
+    unsigned int internalFormat;
+};
+
+/// The outputs of a list of targets in its order, which is that of the colour attachments.
+QStringList outputsOf(const std::vector<OutputTarget> &targets);
+
 /// Makes the framebuffer if there is none; says whether it just did.
 bool made(Held<FramebufferObject> &framebuffer, const char *label);
 
@@ -30,6 +45,11 @@ bool needsTargets(Held<FramebufferObject> &framebuffer, const char *label, const
 /// that size allocated and attached. The framebuffer must be bound; the texture goes with it.
 void replaceTarget(FramebufferObject *framebuffer, unsigned int attachment, const TargetFormat &format,
                    const Extent &extent);
+
+/// Replaces all targets of a pass that draws geometry: the colour attachments in the order of the list, and a depth
+/// target of 32-bit floats. All have nearest filters.
+void replaceGeometryTargets(FramebufferObject *framebuffer, const std::vector<OutputTarget> &targets,
+                            const Extent &extent);
 
 /// A new texture of size \a extent not attached to anything. \a pixels may be null. Where the driver has no
 /// room for it, it is a single texel, with a message.

@@ -26,8 +26,8 @@ const StateRow &kState = stateRow("ForwardRenderPass");
 enum Input { kViewport, kProjectionMatrix, kCameraMatrix, kGeometry };
 enum Output { kFrame, kId };
 
-constexpr TargetFormat kColorTarget{GL_RGBA, GL_BGRA, GL_FLOAT, GL_NEAREST};
-constexpr TargetFormat kDepthTarget{GL_DEPTH_COMPONENT32F, GL_DEPTH_COMPONENT, GL_FLOAT, GL_NEAREST};
+const std::vector<OutputTarget> kTargets{{QStringLiteral("out_FragColor"), GL_RGBA},
+                                         {QStringLiteral("out_Id"), GL_RGBA}};
 
 const QString kFragmentShaderHead = QStringLiteral(R"(#version 150
 #instancedata "OBJMaterial"
@@ -54,8 +54,7 @@ void main()
 const ProgramRecipe &forwardProgram()
 {
     static const ProgramRecipe recipe{
-        QStringLiteral("ForwardRenderPass"),
-        {QStringLiteral("out_FragColor"), QStringLiteral("out_Id")},
+        QStringLiteral("ForwardRenderPass"), outputsOf(kTargets),
         modelProgramSources(kLitModelVertexShader, kFragmentShaderHead + kDirectionalLight + kFragmentShaderMain)};
     return recipe;
 }
@@ -95,9 +94,7 @@ void ForwardRenderPass::start(RenderCallbacks *)
 
     if (needsTargets(_fbo, "ForwardRenderPass", extent, _width, _height)) {
         AutoBinder fbo(_fbo);
-        replaceTarget(_fbo, GL_COLOR_ATTACHMENT0, kColorTarget, extent);
-        replaceTarget(_fbo, GL_COLOR_ATTACHMENT1, kColorTarget, extent);
-        replaceTarget(_fbo, GL_DEPTH_ATTACHMENT, kDepthTarget, extent);
+        replaceGeometryTargets(_fbo, kTargets, extent);
     }
     buildOnce(_shaderProgram, forwardProgram());
 

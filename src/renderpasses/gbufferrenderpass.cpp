@@ -26,7 +26,9 @@ const StateRow &kState = stateRow("GBufferRenderPass");
 enum Input { kViewport, kProjectionMatrix, kCameraMatrix, kGeometry };
 enum Output { kNormal, kTexCoord, kDepth, kId };
 
-constexpr TargetFormat kDepthTarget{GL_DEPTH_COMPONENT32F, GL_DEPTH_COMPONENT, GL_FLOAT, GL_NEAREST};
+const std::vector<OutputTarget> kTargets{{QStringLiteral("out_Normal"), GL_RGB32F},
+                                         {QStringLiteral("out_TexCoord"), GL_RG32F},
+                                         {QStringLiteral("out_Id"), GL_R32F}};
 
 const QString kVertexShader = QStringLiteral(R"(#version 150
 
@@ -68,12 +70,18 @@ void main()
 }
 )");
 
+const ProgramRecipe &gBufferProgram()
+{
+    static const ProgramRecipe recipe{QStringLiteral("GBufferRenderPass"),
+                                      outputsOf(kTargets),
+                                      {{GL_VERTEX_SHADER, ShaderSource::Text, kVertexShader},
+                                       {GL_FRAGMENT_SHADER, ShaderSource::Text, kFragmentShader}}};
+    return recipe;
+}
+
 } // namespace
 
 GBufferRenderPass::GBufferRenderPass()
-    : _targets{{QStringLiteral("out_Normal"), GL_RGB32F},
-               {QStringLiteral("out_TexCoord"), GL_RG32F},
-               {QStringLiteral("out_Id"), GL_R32F}}
 {
     addInput(QStringLiteral("Kvo_QRect_Viewport"), QVariant(), kViewport);
     addInput(QStringLiteral("Kvo_QMatrix4x4_ProjectionMatrix"), QVariant(), kProjectionMatrix);
@@ -112,19 +120,9 @@ void GBufferRenderPass::start(RenderCallbacks *)
 
     if (needsTargets(_fbo, "GBufferRenderPass", extent, _width, _height)) {
         AutoBinder fbo(_fbo);
-        unsigned int attachment = GL_COLOR_ATTACHMENT0;
-        for (const Target &target : std::as_const(_targets))
-            replaceTarget(_fbo, attachment++, {target.internalFormat, GL_BGRA, GL_FLOAT, GL_NEAREST}, extent);
-        replaceTarget(_fbo, GL_DEPTH_ATTACHMENT, kDepthTarget, extent);
+        replaceGeometryTargets(_fbo, kTargets, extent);
     }
-    if (!_shaderProgram) {
-        ProgramRecipe recipe{QStringLiteral("GBufferRenderPass"), {}, {}};
-        for (const Target &target : std::as_const(_targets))
-            recipe.outputs.append(target.output);
-        recipe.sources = {{GL_VERTEX_SHADER, ShaderSource::Text, kVertexShader},
-                          {GL_FRAGMENT_SHADER, ShaderSource::Text, kFragmentShader}};
-        _shaderProgram = buildProgram(recipe);
-    }
+    buildOnce(_shaderProgram, gBufferProgram());
 
     if (!extent.isEmpty()) {
         NeutralState neutral(kState);

@@ -25,7 +25,10 @@ const StateRow &kState = stateRow("ModelRenderPass");
 enum Input { kViewport, kProjectionMatrix, kCameraMatrix, kGeometry };
 enum Output { kDiffuse, kSpecular, kNormal, kDepth, kId };
 
-constexpr TargetFormat kDepthTarget{GL_DEPTH_COMPONENT32F, GL_DEPTH_COMPONENT, GL_FLOAT, GL_NEAREST};
+const std::vector<OutputTarget> kTargets{{QStringLiteral("out_Kd"), GL_RGBA32F},
+                                         {QStringLiteral("out_Ks"), GL_RGBA32F},
+                                         {QStringLiteral("out_Normal"), GL_RGB32F},
+                                         {QStringLiteral("out_Id"), GL_R32F}};
 
 const QString kVertexShader = QStringLiteral(R"(#version 150
 #instancedata "InstanceInfo"
@@ -78,13 +81,20 @@ void main()
 
 const QString kDiscardMarker = QStringLiteral("//DODA ");
 
+const ProgramRecipe &modelProgram(bool discardsOnDiffuseAlpha)
+{
+    const auto recipe = [](const QString &fragmentShader) {
+        return ProgramRecipe{QStringLiteral("ModelRenderPass"), outputsOf(kTargets),
+                             modelProgramSources(kVertexShader, fragmentShader)};
+    };
+    static const ProgramRecipe plain = recipe(kFragmentShader);
+    static const ProgramRecipe discarding = recipe(QString(kFragmentShader).remove(kDiscardMarker));
+    return discardsOnDiffuseAlpha ? discarding : plain;
+}
+
 } // namespace
 
 ModelRenderPass::ModelRenderPass()
-    : _targets{{QStringLiteral("out_Kd"), GL_RGBA32F},
-               {QStringLiteral("out_Ks"), GL_RGBA32F},
-               {QStringLiteral("out_Normal"), GL_RGB32F},
-               {QStringLiteral("out_Id"), GL_R32F}}
 {
     addInput(QStringLiteral("Kvo_QRect_Viewport"), QVariant(), kViewport);
     addInput(QStringLiteral("Kvo_QMatrix4x4_ProjectionMatrix"), QVariant(), kProjectionMatrix);
@@ -118,21 +128,9 @@ void ModelRenderPass::start(RenderCallbacks *)
 
     if (needsTargets(_fbo, "ModelRenderPass", extent, _width, _height)) {
         AutoBinder fbo(_fbo);
-        unsigned int attachment = GL_COLOR_ATTACHMENT0;
-        for (const Target &target : std::as_const(_targets))
-            replaceTarget(_fbo, attachment++, {target.internalFormat, GL_BGRA, GL_FLOAT, GL_NEAREST}, extent);
-        replaceTarget(_fbo, GL_DEPTH_ATTACHMENT, kDepthTarget, extent);
+        replaceGeometryTargets(_fbo, kTargets, extent);
     }
-    if (!_shaderProgram) {
-        ProgramRecipe recipe{QStringLiteral("ModelRenderPass"), {}, {}};
-        for (const Target &target : std::as_const(_targets))
-            recipe.outputs.append(target.output);
-        QString fragmentShader = kFragmentShader;
-        if (_discardOnDiffuseAlpha)
-            fragmentShader.replace(kDiscardMarker, QString(), Qt::CaseSensitive);
-        recipe.sources = modelProgramSources(kVertexShader, fragmentShader);
-        _shaderProgram = buildProgram(recipe);
-    }
+    buildOnce(_shaderProgram, modelProgram(_discardOnDiffuseAlpha));
 
     if (!extent.isEmpty()) {
         NeutralState neutral(kState);

@@ -177,9 +177,8 @@ void VisibilityDeferredRenderPass::start(RenderCallbacks *)
         DrawBuffers::setup(_macroProcessor.get());
         if (!hasThreeComponentViews())
             _macroProcessor->addDefine(QStringLiteral("KVO_SCALAR_BUFFERS"), QStringLiteral("1"));
-        _shaderProgram = buildProgram(shadingProgram(), _macroProcessor.get());
     }
-    _shaderProgram->refresh();
+    buildOnce(_shaderProgram, shadingProgram(), _macroProcessor.get());
     fetchOnce(_screenQuad, Quad::Screen, _shaderProgram);
 
     if (!extent.isEmpty()) {
