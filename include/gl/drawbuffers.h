@@ -65,7 +65,7 @@ public:
     /// block, made on first use; null when there are none.
     QSharedPointer<UniformBufferObject> getDrawElementsIndirectCommandsUniformBufferObject();
 
-    /// Draws with the program that is bound; this object must be bound. False, with nothing drawn,
+    /// Draws with the program that is bound, whose arrays it enables; this object must be bound. False, with nothing drawn,
     /// when there is no vertex array that the current context can use, or no usable program.
     bool draw();
     /// The same with a named program, bound for the draw when it is not.

@@ -17,7 +17,9 @@ struct ProcessedSource
         fileNames; ///< Names of the source strings that #line directives and messages use; 0 is the source itself.
     QVector<QString> originals; ///< The unprocessed text behind each of fileNames.
     QStringList errors; ///< What could not be resolved; empty on success.
-    bool usesInstanceData = false; ///< Whether an #instancedata line was resolved.
+    bool usesInstanceData =
+        false; ///< Whether an #instancedata line, or an include of InstanceData.glslh, was resolved.
+    qsizetype definesEnd = 0; ///< Where in text the defines end: the place for more of them.
 };
 
 /// Prepares shader text: puts defines behind the #version line, resolves #include and #instancedata,

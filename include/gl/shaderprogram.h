@@ -31,8 +31,9 @@ struct ShaderFailure
 ///
 /// Call order: setMacroProcessor where wanted; setFragDataLocations, addShader and addShaderFromFile;
 /// compile; link; then bind and setUniform. Every source of a stage is a shader object of its own, so
-/// a function that no source defines is a link error that names it. All programs of a process agree
-/// on the locations of attributes with the same name, so one vertex array serves many programs.
+/// a function that no source defines is a link error that names it. Programs agree on the locations of
+/// attributes with the same name, for the first 16 names that vertex arrays of the process had before the
+/// program was linked; on others the vertex array finds a way, see VertexArrayObject.
 ///
 /// A program that failed stays harmless: bind makes no program current and returns false.
 class KVO_GL_EXPORT ShaderProgram : public QObject, public Bindable

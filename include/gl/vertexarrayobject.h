@@ -38,8 +38,10 @@ public:
     /// The buffer that indexed draws read; DrawBuffers sets it.
     void setIndexBuffer(const QSharedPointer<BufferObject> &buffer);
 
-    /// With the vertex array bound, enables and points the arrays of every attribute of the program
-    /// that has a buffer of the same name. Once per pair of program and vertex array is enough.
+    /// Enables and points the arrays of every attribute of the program that has a buffer of the same name.
+    /// Once per pair of program and vertex array is enough: where programs disagree on the location of an
+    /// attribute, the arrays are those of the program that is bound when this object is bound after it, or
+    /// when DrawBuffers draws. Such programs cost a few GL calls each time they take turns.
     bool enableShaderProgramArrays(const ShaderProgram *program);
 
     /// The GL name in the current context; 0 before the first bind.

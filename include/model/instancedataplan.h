@@ -14,7 +14,8 @@ class ShaderProgram;
 ///
 /// `#instancedata "name"` in a source declares the getters (glslh); glslc, added to the same stage as a
 /// source of its own, defines them. The getters answer for the draw whose index is current: the item
-/// that GPUModel::draw draws, or in a fragment stage whatever was stored in `kvo_DrawIndex`.
+/// that GPUModel::draw draws, in every stage, whichever of the others reads instance data too; or, in a stage
+/// one of whose sources stores to `kvo_DrawIndex`, whatever was stored there.
 class KVO_GL_EXPORT InstanceDataPlan
 {
 public:

@@ -161,6 +161,9 @@ bool DrawBuffers::draw()
     AutoBinder self(isBound ? nullptr : this);
     if (!isBound && !self.isBound())
         return false;
+    // A program that was linked after the last one that was drawn with may have its attributes elsewhere.
+    if (const ShaderProgram *program = ContextState::current()->boundProgram)
+        d->vao->enableShaderProgramArrays(program);
     if (d->indices)
         glDrawElements(d->primitiveType, d->indexCount, d->indexType, nullptr);
     else

@@ -14,6 +14,7 @@ namespace Brevane::Kvo {
 namespace {
 
 constexpr char16_t kLibraryPath[] = u":/Media/Shaders";
+constexpr char16_t kInstanceDataHeader[] = u"InstanceData.glslh";
 constexpr int kMaxIncludeDepth = 32;
 
 const QRegularExpression kVersionLine(QStringLiteral("^\\s*#\\s*version\\s+(\\d+)"));
@@ -147,6 +148,7 @@ private:
         if (!found)
             return error(QStringLiteral("include file \"%1\" was not found").arg(target));
         _included.insert(target);
+        _result.usesInstanceData = _result.usesInstanceData || target == QString::fromUtf16(kInstanceDataHeader);
         return nested(target, text, depth);
     }
 
@@ -215,6 +217,7 @@ ProcessedSource GLSLMacroProcessor::process(const QString &source, const QString
         text += QStringLiteral("#define %1 %2\n").arg(define, value);
     for (const auto &[define, value] : extraDefines)
         text += QStringLiteral("#define %1 %2\n").arg(define, value);
+    result.definesEnd = text.size();
     text += expansion.lineDirective(1, 0);
     text += expansion.expand(source, 0, 0);
     result.text = text;

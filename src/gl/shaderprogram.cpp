@@ -229,6 +229,22 @@ bool isIntegerAttribute(GLenum type)
     }
 }
 
+int columnsOf(GLenum attributeType)
+{
+    switch (attributeType) {
+    case GL_FLOAT_MAT2:
+    case GL_FLOAT_MAT2x3:
+    case GL_FLOAT_MAT2x4: return 2;
+    case GL_FLOAT_MAT3:
+    case GL_FLOAT_MAT3x2:
+    case GL_FLOAT_MAT3x4: return 3;
+    case GL_FLOAT_MAT4:
+    case GL_FLOAT_MAT4x2:
+    case GL_FLOAT_MAT4x3: return 4;
+    default: return 1;
+    }
+}
+
 bool setFromValues(int location, GLenum type, const Values &values)
 {
     const auto need = [&](int count) { return values.count >= count; };
@@ -288,6 +304,40 @@ bool setFromValues(int location, GLenum type, const Values &values)
     }
 }
 
+// Whether a source stores the index of the draw itself; see InstanceData.glslh.
+bool selectsDraw(const ProcessedSource &source)
+{
+    static const QString variable = QStringLiteral("kvo_DrawIndex");
+    static const QRegularExpression comments(QStringLiteral("/\\*.*?\\*/|//[^\\n]*"),
+                                             QRegularExpression::DotMatchesEverythingOption);
+    for (qsizetype i = 0; i < source.originals.size(); ++i) {
+        const bool declaresIt = source.fileNames[i] == QLatin1String("InstanceData.glslh");
+        if (!declaresIt && source.originals[i].contains(variable)
+            && QString(source.originals[i]).remove(comments).contains(variable))
+            return true;
+    }
+    return false;
+}
+
+// The vertex stage's main, in front of which the index of the draw goes out. Were it left to the getters to
+// write it, a vertex text that calls none, or one in some branch only, would leave it undefined.
+ProcessedSource handingOnDrawIndex()
+{
+    ProcessedSource source;
+    source.text = QStringLiteral("#version 150\n"
+                                 "in uint va_DrawIndex;\n"
+                                 "flat out uint kvo_vo_DrawIndex;\n"
+                                 "void kvo_vertexMain();\n"
+                                 "void main()\n"
+                                 "{\n"
+                                 "  kvo_vo_DrawIndex = va_DrawIndex;\n"
+                                 "  kvo_vertexMain();\n"
+                                 "}\n");
+    source.fileNames.append(QStringLiteral("index of the draw"));
+    source.originals.append(source.text);
+    return source;
+}
+
 } // namespace
 
 const GLSLMacroProcessor &ShaderProgramPrivate::processorInUse() const
@@ -303,24 +353,33 @@ bool ShaderProgramPrivate::readsManagedTextures() const
     });
 }
 
-QString ShaderProgramPrivate::drawIndexDefine() const
+void ShaderProgramPrivate::addDrawIndex()
 {
-    static const QRegularExpression marker(QStringLiteral("^\\s*#\\s*instancedata\\b"),
-                                           QRegularExpression::MultilineOption);
-    bool vertexReadsInstanceData = false;
-    bool betweenVertexAndFragment = false;
-    for (const Source &source : sources) {
-        if (source.stage == GL_VERTEX_SHADER)
-            vertexReadsInstanceData =
-                vertexReadsInstanceData
-                || (source.text.contains(QLatin1String("instancedata")) && source.text.contains(marker));
-        else if (source.stage != GL_FRAGMENT_SHADER)
-            betweenVertexAndFragment = true;
+    QSet<int> selecting; // stages
+    bool readsBehindVertex = false;
+    bool hasStageBetween = false;
+    for (const Compiled &c : std::as_const(compiled)) {
+        if (selectsDraw(c.source))
+            selecting.insert(c.stage);
+        if (c.stage != GL_VERTEX_SHADER) {
+            readsBehindVertex = readsBehindVertex || c.source.usesInstanceData;
+            hasStageBetween = hasStageBetween || c.stage != GL_FRAGMENT_SHADER;
+        }
     }
-    if (!vertexReadsInstanceData)
-        return QStringLiteral("KVO_DRAW_INDEX_SELECTED");
-    return betweenVertexAndFragment ? QStringLiteral("KVO_DRAW_INDEX_UNIFORM")
-                                    : QStringLiteral("KVO_DRAW_INDEX_VARYING");
+    const bool handsOn = readsBehindVertex && !hasStageBetween && !selecting.contains(GL_FRAGMENT_SHADER);
+    for (Compiled &c : compiled) {
+        QString defines;
+        if (selecting.contains(c.stage))
+            defines = QStringLiteral("#define KVO_DRAW_INDEX_SELECTED 1\n");
+        else if (c.stage != GL_VERTEX_SHADER)
+            defines = handsOn ? QStringLiteral("#define KVO_DRAW_INDEX_VARYING 1\n")
+                              : QStringLiteral("#define KVO_DRAW_INDEX_UNIFORM 1\n");
+        if (handsOn && c.stage == GL_VERTEX_SHADER)
+            defines += QStringLiteral("#define main kvo_vertexMain\n");
+        c.source.text.insert(c.source.definesEnd, defines);
+    }
+    if (handsOn)
+        compiled.append({0, GL_VERTEX_SHADER, handingOnDrawIndex()});
 }
 
 QString ShaderProgramPrivate::stageTitle(int stage, const QString &sourceName, int number) const
@@ -458,8 +517,8 @@ void LinkedProgram::readInterface()
         GLint size = 0;
         GLenum type = 0;
         glGetActiveAttrib(program, GLuint(i), GLsizei(buffer.size()), nullptr, &size, &type, buffer.data());
-        attributes.insert(QString::fromLatin1(buffer.data()),
-                          {glGetAttribLocation(program, buffer.data()), isIntegerAttribute(type)});
+        attributes.insert(QString::fromLatin1(buffer.data()), {glGetAttribLocation(program, buffer.data()),
+                                                               size * columnsOf(type), isIntegerAttribute(type)});
     }
     const GLuint block = glGetUniformBlockIndex(program, "KvoDrawCommands");
     if (block != GL_INVALID_INDEX)
@@ -567,14 +626,12 @@ bool ShaderProgram::compile()
     if (!good)
         d->log = QStringLiteral("program '%1' has no shaders").arg(d->label);
 
-    const QString drawIndex = d->drawIndexDefine();
-    QList<QPair<QString, QString>> defines{{QString(), QStringLiteral("1")}, {drawIndex, QStringLiteral("1")}};
+    QList<QPair<QString, QString>> defines{{QString(), QStringLiteral("1")}};
     d->managedPages = -1;
     if (d->mayShare && d->readsManagedTextures()) {
         d->managedPages = TextureManager::Instance().managedPageClasses();
         defines.append({QStringLiteral("KVO_MANAGED_PAGES"), QString::number(d->managedPages)});
     }
-    d->shareKey = d->fragDataLocations.join(u'\0').toUtf8();
     for (const ShaderProgramPrivate::Source &source : std::as_const(d->sources)) {
         QString text = source.text;
         if (source.isFile) {
@@ -587,10 +644,12 @@ bool ShaderProgram::compile()
             }
         }
         defines.first().first = stageDefine(source.stage);
-        ProcessedSource processed = d->processorInUse().process(text, source.name, defines);
-        d->shareKey += '\0' + QByteArray::number(source.stage) + '\0' + processed.text.toUtf8();
-        d->compiled.append({0, source.stage, std::move(processed)});
+        d->compiled.append({0, source.stage, d->processorInUse().process(text, source.name, defines)});
     }
+    d->addDrawIndex();
+    d->shareKey = d->fragDataLocations.join(u'\0').toUtf8();
+    for (const ShaderProgramPrivate::Compiled &c : std::as_const(d->compiled))
+        d->shareKey += '\0' + QByteArray::number(c.stage) + '\0' + c.source.text.toUtf8();
     if (good && d->mayShare)
         d->program = state->group->programs.value(d->shareKey).toStrongRef();
     if (d->program) {

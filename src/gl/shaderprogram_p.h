@@ -49,6 +49,7 @@ struct LinkedProgram
     struct Attribute
     {
         int location;
+        int locations; ///< One for each column of a matrix and each element of an array.
         bool isInteger;
     };
 
@@ -87,8 +88,8 @@ public:
     static void forget(const ShaderProgram *program);
 
     const GLSLMacroProcessor &processorInUse() const;
-    /// How fragment and geometry stages learn the index of a draw; see InstanceData.glslh.
-    QString drawIndexDefine() const;
+    /// Lets every stage know the index of a draw, in the sources that are processed and not yet compiled.
+    void addDrawIndex();
     bool readsManagedTextures() const;
     QString stageTitle(int stage, const QString &sourceName, int number = 0) const;
     bool compileStage(Compiled &compiled, const QString &title);

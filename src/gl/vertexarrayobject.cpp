@@ -37,12 +37,22 @@ struct Attribute
     GLuint divisor;
 };
 
+/// An attribute at a location, as one program wants it.
 struct EnabledArray
 {
     int location;
     qsizetype attribute;
     bool isInteger;
+    bool operator==(const EnabledArray &) const = default;
 };
+
+struct KnownProgram
+{
+    quint64 serial;
+    bool isArranged; ///< Whether the arrays are still as it wants them.
+};
+
+constexpr std::size_t kMostKnownPrograms = 64;
 
 } // namespace
 
@@ -64,6 +74,7 @@ public:
     void apply(const EnabledArray &array) const
     {
         const Attribute &a = attributes[std::size_t(array.attribute)];
+        const AutoBinder makeName(a.buffer->getBO() ? nullptr : a.buffer);
         GLint before = 0;
         glGetIntegerv(GL_ARRAY_BUFFER_BINDING, &before);
         glBindBuffer(GL_ARRAY_BUFFER, a.buffer->getBO());
@@ -73,19 +84,114 @@ public:
             glVertexAttribIPointer(location, a.components, a.type, 0, offset);
         else
             glVertexAttribPointer(location, a.components, a.type, GL_FALSE, 0, offset);
-        if (a.divisor)
+        // One that was here before may have had a divisor. Contexts without divisors have none to take back.
+        if (hasDivisors)
             glVertexAttribDivisor(location, a.divisor);
         glEnableVertexAttribArray(location);
         glBindBuffer(GL_ARRAY_BUFFER, GLuint(before));
     }
 
+    /// Of the bound vertex array, with what other contexts did to it in theirs.
+    void applyAll() const
+    {
+        for (const int location : usedLocations) {
+            const bool isLeft = std::any_of(enabled.cbegin(), enabled.cend(), [location](const EnabledArray &array) {
+                return array.location == location;
+            });
+            if (!isLeft)
+                glDisableVertexAttribArray(GLuint(location));
+        }
+        for (const EnabledArray &array : enabled)
+            apply(array);
+        glBindBuffer(GL_ELEMENT_ARRAY_BUFFER, indices ? indices->getBO() : 0);
+    }
+
+    KnownProgram *find(const LinkedProgram &program)
+    {
+        const auto found = std::find_if(programs.begin(), programs.end(),
+                                        [&](const KnownProgram &known) { return known.serial == program.serial; });
+        return found == programs.end() ? nullptr : &*found;
+    }
+
+    /// Of the bound vertex array. Programs agree on the locations of most attributes. Where this one does not
+    /// agree with one that was here before, the arrays go over to this one, and the others are arranged for
+    /// again when it is their turn.
+    void arrangeIn(PerContextNames::Entry &entry, const LinkedProgram &program)
+    {
+        bool disagrees = false;
+        for (auto active = program.attributes.cbegin(); active != program.attributes.cend(); ++active) {
+            const auto buffer = std::find_if(attributes.cbegin(), attributes.cend(),
+                                             [&](const Attribute &a) { return a.name == active.key(); });
+            if (active->location < 0)
+                continue; // gl_VertexID and its like
+            for (int column = 0; column < active->locations; ++column)
+                disagrees |= buffer == attributes.cend() || column > 0
+                                 ? remove(active->location + column)
+                                 : replace({active->location, buffer - attributes.cbegin(), active->isInteger});
+        }
+        if (disagrees) {
+            for (KnownProgram &known : programs)
+                known.isArranged = false;
+        }
+        entry.revision = ++revision;
+        if (KnownProgram *known = find(program)) {
+            known->isArranged = true;
+            return;
+        }
+        // Programs come and go; a vertex array that has seen many starts over.
+        if (programs.size() >= kMostKnownPrograms)
+            programs.clear();
+        programs.push_back({program.serial, true});
+    }
+
     PerContextNames names{NameKind::VertexArray};
     std::vector<Attribute> attributes;
     std::vector<EnabledArray> enabled;
+    std::vector<int> usedLocations; ///< All that were ever enabled.
+    std::vector<int> bareLocations; ///< All where some program has an attribute without a buffer.
+    bool hasDivisors = false;
     QSharedPointer<BufferObject> indices;
     quint64 revision = 1;
     QVarLengthArray<GLuint, 4> previous;
-    std::vector<quint64> knownPrograms;
+    std::vector<KnownProgram> programs;
+
+private:
+    std::vector<EnabledArray>::iterator at(int location)
+    {
+        return std::find_if(enabled.begin(), enabled.end(),
+                            [location](const EnabledArray &array) { return array.location == location; });
+    }
+
+    static bool contains(const std::vector<int> &locations, int location)
+    {
+        return std::find(locations.cbegin(), locations.cend(), location) != locations.cend();
+    }
+
+    // Both say whether a program before may have wanted it otherwise.
+    bool replace(const EnabledArray &array)
+    {
+        const auto old = at(array.location);
+        const bool wasOther = old == enabled.end() ? contains(bareLocations, array.location) : *old != array;
+        if (old != enabled.end())
+            *old = array;
+        else
+            enabled.push_back(array);
+        if (!contains(usedLocations, array.location))
+            usedLocations.push_back(array.location);
+        apply(array);
+        return wasOther;
+    }
+    bool remove(int location)
+    {
+        if (!contains(bareLocations, location))
+            bareLocations.push_back(location);
+        const auto old = at(location);
+        if (old == enabled.end())
+            return false;
+        enabled.erase(old);
+        glDisableVertexAttribArray(GLuint(location));
+        return true;
+    }
 };
 
 VertexArrayObject::VertexArrayObject() : d(std::make_unique<VertexArrayPrivate>()) {}
@@ -112,10 +218,14 @@ bool VertexArrayObject::bind()
     d->previous.append(GLuint(before));
     glBindVertexArray(entry->name.id());
     if (entry->revision != d->revision) {
-        for (const EnabledArray &array : d->enabled)
-            d->apply(array);
-        glBindBuffer(GL_ELEMENT_ARRAY_BUFFER, d->indices ? d->indices->getBO() : 0);
+        d->applyAll();
         entry->revision = d->revision;
+    }
+    // A program that was arranged for and is bound is going to draw.
+    if (const ShaderProgram *program = ContextState::current()->boundProgram) {
+        const KnownProgram *known = program->isLinked() ? d->find(*program->d->program) : nullptr;
+        if (known && !known->isArranged)
+            d->arrangeIn(*entry, *program->d->program);
     }
     return true;
 }
@@ -142,7 +252,8 @@ bool VertexArrayObject::upload(const QString &attribute, const QSharedPointer<Bu
         *found = added;
     else
         d->attributes.push_back(added);
-    d->knownPrograms.clear();
+    d->hasDivisors = d->hasDivisors || divisor > 0;
+    d->programs.clear();
     ++d->revision;
     return true;
 }
@@ -168,35 +279,15 @@ bool VertexArrayObject::enableShaderProgramArrays(const ShaderProgram *program)
 {
     if (!program || !program->isLinked())
         return false;
-    const quint64 serial = program->d->program->serial;
-    if (std::find(d->knownPrograms.cbegin(), d->knownPrograms.cend(), serial) != d->knownPrograms.cend())
+    const KnownProgram *known = d->find(*program->d->program);
+    if (known && known->isArranged)
         return true;
 
     AutoBinder self(this);
     PerContextNames::Entry *entry = d->names.current();
     if (!self.isBound() || !entry)
         return false;
-    for (qsizetype i = 0; i < qsizetype(d->attributes.size()); ++i) {
-        const Attribute &a = d->attributes[std::size_t(i)];
-        const auto active = program->d->program->attributes.constFind(a.name);
-        if (active == program->d->program->attributes.cend() || active->location < 0)
-            continue;
-        if (!a.buffer->getBO())
-            AutoBinder makeName(a.buffer);
-        const EnabledArray array{active->location, i, active->isInteger};
-        const auto sameLocation = [&](const EnabledArray &e) { return e.location == array.location; };
-        const auto old = std::find_if(d->enabled.begin(), d->enabled.end(), sameLocation);
-        if (old != d->enabled.end())
-            *old = array;
-        else
-            d->enabled.push_back(array);
-        d->apply(array);
-    }
-    entry->revision = ++d->revision;
-    // Programs come and go; a vertex array that has seen many starts over.
-    if (d->knownPrograms.size() >= 64)
-        d->knownPrograms.clear();
-    d->knownPrograms.push_back(serial);
+    d->arrangeIn(*entry, *program->d->program);
     return true;
 }
 

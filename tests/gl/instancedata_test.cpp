@@ -1,9 +1,12 @@
 #include "support/draw.h"
 #include "support/gltest.h"
 #include "support/messages.h"
+#include "support/passes.h"
+#include "support/scenes.h"
 
 #include <gl/guards.h>
 #include <gl/shaderprogram.h>
+#include <model/gpumodel.h>
 #include <model/instancedatacollection.h>
 #include <model/instancedataplan.h>
 #include <model/instancedataregistry.h>
@@ -11,6 +14,8 @@
 #include <epoxy/gl.h>
 
 #include <algorithm>
+#include <memory>
+#include <tuple>
 
 namespace Brevane::Kvo {
 
@@ -243,6 +248,186 @@ TEST_F(InstanceDataTest, WithoutAContextNoDataIsTaken)
     GLContext::doneCurrent();
     EXPECT_FALSE(collection.setData(QVector<float>(12)));
     EXPECT_FALSE(collection.bind());
+}
+
+namespace {
+
+/// Which stages of a program read instance data, and how.
+struct StagesRow
+{
+    const char *name;
+    const char *vertexPlan; ///< Added to the vertex stage with its definitions; null for none.
+    const char *vertexBody; ///< Sets gl_Position, and vo_Color where the fragment stage reads nothing itself.
+    const char *fragmentColor;
+    bool hasGeometryStage = false;
+};
+
+constexpr const char *kInPlace = "gl_Position = vec4(va_Vertex, 1.0);";
+constexpr const char *kPlaced = "gl_Position = getModelMatrix() * vec4(va_Vertex, 1.0);";
+// True of no vertex, which no compiler knows.
+constexpr const char *kPlacedInABranch = "gl_Position = vec4(va_Vertex, 1.0);\n"
+                                         "if (va_Vertex.x > 100.0)\n"
+                                         "  gl_Position = getModelMatrix() * vec4(va_Vertex, 1.0);";
+constexpr const char *kPlacedWithAReturn = "gl_Position = vec4(va_Vertex, 1.0);\n"
+                                           "if (va_Vertex.x < 100.0)\n"
+                                           "  return;\n"
+                                           "gl_Position = getModelMatrix() * vec4(va_Vertex, 1.0);";
+constexpr const char *kColored = "vo_Color = getKd();\ngl_Position = vec4(va_Vertex, 1.0);";
+
+const StagesRow kStages[] = {{"FragmentOnly", nullptr, kInPlace, "getKd()"},
+                             {"VertexCallsNoGetter", "InstanceInfo", kInPlace, "getKd()"},
+                             {"VertexCallsInABranch", "InstanceInfo", kPlacedInABranch, "getKd()"},
+                             {"VertexReturnsBeforeTheCall", "InstanceInfo", kPlacedWithAReturn, "getKd()"},
+                             {"Both", "InstanceInfo", kPlaced, "getKd()"},
+                             {"BothReadMaterials", "OBJMaterial", kColored, "getKd()"},
+                             {"VertexOnly", "OBJMaterial", kColored, "vo_Color"},
+                             {"FragmentBehindGeometry", nullptr, kInPlace, "getKd()", true},
+                             {"VertexCallsNoGetterBeforeGeometry", "InstanceInfo", kInPlace, "getKd()", true},
+                             {"BothAroundGeometry", "InstanceInfo", kPlaced, "getKd()", true}};
+
+} // namespace
+
+class InstanceDataModelTest : public InstanceDataTest
+{
+protected:
+    static constexpr int kColumns = 3;
+    static constexpr int kRows = 2;
+    static constexpr int kSide = 12;
+
+    void SetUp() override
+    {
+        InstanceDataTest::SetUp();
+        // In place already, so that programs show the items apart that read no matrix.
+        ModelData scene = quadGridScene(kColumns, kRows);
+        const ModelMesh quad = scene.meshes.takeFirst();
+        for (ModelItem &item : scene.items) {
+            ModelMesh mesh = quad;
+            for (QVector3D &position : mesh.positions)
+                position = item.transform.map(position);
+            item.mesh = int(scene.meshes.size());
+            item.transform.setToIdentity();
+            scene.meshes << mesh;
+        }
+        ASSERT_TRUE(model->upload(scene));
+        for (const ModelItem &item : scene.items)
+            colors << scene.materials[item.material].Kd;
+    }
+    void TearDown() override
+    {
+        model.reset();
+        InstanceDataTest::TearDown();
+    }
+
+    void addPlan(ShaderProgram &program, int stage, const char *plan)
+    {
+        program.addShader(stage, registry().getPlan(name(plan))->glslc());
+    }
+
+    /// The picture of the model drawn with a program, whose uniforms need no setting.
+    Image<float> draw(ShaderProgram &program)
+    {
+        Target target(GL_RGBA32F, kSide, kSide);
+        const AutoBinder framebuffer(target.framebuffer());
+        glViewport(0, 0, kSide, kSide);
+        glClear(GL_COLOR_BUFFER_BIT);
+        const AutoBinder bound(&program);
+        EXPECT_TRUE(model->draw(&program, 0, 0, CounterClockwiseWinding, false));
+        return target.read();
+    }
+
+    void expectEachItemInItsColor(const Image<float> &picture)
+    {
+        for (int i = 0; i < colors.size(); ++i) {
+            const int x = (2 * (i % kColumns) + 1) * kSide / (2 * kColumns);
+            const int y = (2 * (i / kColumns) + 1) * kSide / (2 * kRows);
+            const QVector3D &c = colors[i];
+            EXPECT_TRUE(isPixel(picture, x, y, {double(c.x()), double(c.y()), double(c.z()), 1}, 0)) << "item " << i;
+        }
+    }
+
+    std::unique_ptr<GPUModel> model = std::make_unique<GPUModel>();
+    QVector<QVector3D> colors;
+};
+
+class InstanceDataStagesTest : public InstanceDataModelTest,
+                               public ::testing::WithParamInterface<std::tuple<StagesRow, GPUModel::DrawRoad>>
+{
+public:
+    static std::string nameOf(const ::testing::TestParamInfo<ParamType> &row)
+    {
+        const bool isLoop = std::get<1>(row.param) == GPUModel::DrawRoad::Loop;
+        return std::string(std::get<0>(row.param).name) + (isLoop ? "_Loop" : "_Indirect");
+    }
+};
+
+TEST_P(InstanceDataStagesTest, EveryStageAnswersForTheItemThatIsDrawn)
+{
+    const auto &[row, road] = GetParam();
+    model->setDrawRoad(road);
+    ShaderProgram program;
+    program.setFragDataLocations({name("out_Color")});
+    const bool handsColorOn = QLatin1StringView(row.fragmentColor) == "vo_Color";
+    const QString vertexPlan =
+        row.vertexPlan ? QStringLiteral("#instancedata \"%1\"\n").arg(name(row.vertexPlan)) : QString();
+    program.addShader(GL_VERTEX_SHADER,
+                      name("#version 150\n") + vertexPlan
+                          + name("in vec3 va_Vertex;\nflat out vec3 vo_Color;\nvoid main()\n{\nvo_Color = vec3(0.0);\n")
+                          + name(row.vertexBody) + name("\n}\n"));
+    if (row.vertexPlan)
+        addPlan(program, GL_VERTEX_SHADER, row.vertexPlan);
+    if (row.hasGeometryStage)
+        program.addShader(GL_GEOMETRY_SHADER,
+                          name("#version 150\nlayout(triangles) in;\nlayout(triangle_strip, max_vertices = 3) out;\n"
+                               "void main()\n{\n  for (int i = 0; i < 3; ++i) {\n"
+                               "    gl_Position = gl_in[i].gl_Position;\n    EmitVertex();\n  }\n}\n"));
+    program.addShader(GL_FRAGMENT_SHADER,
+                      name("#version 150\n")
+                          + (handsColorOn ? name("flat in vec3 vo_Color;\n") : name("#instancedata \"OBJMaterial\"\n"))
+                          + name("out vec4 out_Color;\nvoid main() { out_Color = vec4(") + name(row.fragmentColor)
+                          + name(", 1.0); }\n"));
+    if (!handsColorOn)
+        addPlan(program, GL_FRAGMENT_SHADER, "OBJMaterial");
+    ASSERT_TRUE(program.compile() && program.link()) << qPrintable(program.log());
+    expectEachItemInItsColor(draw(program));
+}
+
+INSTANTIATE_TEST_SUITE_P(Stages, InstanceDataStagesTest,
+                         ::testing::Combine(::testing::ValuesIn(kStages),
+                                            ::testing::Values(GPUModel::DrawRoad::Loop, GPUModel::DrawRoad::Indirect)),
+                         InstanceDataStagesTest::nameOf);
+
+TEST_F(InstanceDataModelTest, AFragmentStageThatSelectsADrawLeavesTheVertexStageItsOwn)
+{
+    ShaderProgram program;
+    program.setFragDataLocations({name("out_Color")});
+    program.addShader(GL_VERTEX_SHADER, name("#version 150\n#instancedata \"OBJMaterial\"\nin vec3 va_Vertex;\n"
+                                             "flat out vec3 vo_Own;\nvoid main() { vo_Own = getKd(); "
+                                             "gl_Position = vec4(va_Vertex, 1.0); }\n"));
+    addPlan(program, GL_VERTEX_SHADER, "OBJMaterial");
+    program.addShader(GL_FRAGMENT_SHADER,
+                      name("#version 150\n#instancedata \"OBJMaterial\"\nflat in vec3 vo_Own;\n"
+                           "out vec4 out_Color;\nvoid select();\n"
+                           "void main() { select(); out_Color = vec4(vo_Own.xy, getKd().x, 1.0); }\n"));
+    program.addShader(GL_FRAGMENT_SHADER, registry().getPlan(name("OBJMaterial"))->glslc()
+                                              + name("\nvoid select() { kvo_DrawIndex = 2u; }\n"));
+    ASSERT_TRUE(program.compile() && program.link()) << qPrintable(program.log());
+    for (QVector3D &color : colors)
+        color.setZ(colors[2].x());
+    expectEachItemInItsColor(draw(program));
+}
+
+TEST_F(InstanceDataModelTest, ACommentThatNamesTheIndexSelectsNothing)
+{
+    ShaderProgram program;
+    program.setFragDataLocations({name("out_Color")});
+    program.addShader(GL_VERTEX_SHADER, screenVertexText());
+    program.addShader(GL_FRAGMENT_SHADER,
+                      name("#version 150\n#instancedata \"OBJMaterial\"\n// no kvo_DrawIndex here,\n"
+                           "/* nor kvo_DrawIndex\n here */\nout vec4 out_Color;\n"
+                           "void main() { out_Color = vec4(getKd(), 1.0); }\n"));
+    addPlan(program, GL_FRAGMENT_SHADER, "OBJMaterial");
+    ASSERT_TRUE(program.compile() && program.link()) << qPrintable(program.log());
+    expectEachItemInItsColor(draw(program));
 }
 
 } // namespace Brevane::Kvo

@@ -2,6 +2,7 @@
 #include "support/gltest.h"
 
 #include <gl/bufferobject.h>
+#include <gl/drawbuffers.h>
 #include <gl/guards.h>
 #include <gl/opengldevicecontext.h>
 #include <gl/vertexarrayobject.h>
@@ -248,6 +249,179 @@ TEST_F(VertexArrayObjectTest, DestroyedWhileAnotherContextIsCurrentItIsDeletedIn
     ASSERT_TRUE(OpenGLDeviceContext::current());
     EXPECT_EQ(GlCalls::live(GlKind::VertexArray), before - 1);
     EXPECT_FALSE(glIsVertexArray(name));
+}
+
+// Programs that have their attributes in other places: linked before a vertex array shared their names, or when
+// the process had given its 16 shared locations away.
+class VertexArrayDisagreementTest : public VertexArrayObjectTest, public ::testing::WithParamInterface<int>
+{
+public:
+    static std::string nameOf(const ::testing::TestParamInfo<int> &row) { return row.param ? "All" : "Some"; }
+
+protected:
+    static constexpr float kFirst = 0.25f;
+    static constexpr float kSecond = 0.75f;
+
+    void SetUp() override
+    {
+        VertexArrayObjectTest::SetUp();
+        // Names of their own for each test: a name that was shared once stays so.
+        static int tests = 0;
+        ++tests;
+        nameOfFirst = QByteArray("va_First") + QByteArray::number(tests) + "_" + QByteArray::number(GetParam());
+        nameOfSecond = QByteArray("va_Second") + QByteArray::number(tests) + "_" + QByteArray::number(GetParam());
+        VertexArrayObject others;
+        const auto buffer = bufferOf(kTriangle);
+        for (int i = 0; i < GetParam(); ++i)
+            others.upload(QStringLiteral("va_Filler%1").arg(i), buffer, 3, GL_FLOAT);
+        first = programOf({nameOfFirst});
+        second = programOf({nameOfSecond});
+        both = programOf({nameOfFirst, nameOfSecond});
+        ASSERT_EQ(first->attributeLocation(QLatin1String(nameOfFirst)),
+                  second->attributeLocation(QLatin1String(nameOfSecond)))
+            << "each is the only one beside va_Vertex";
+    }
+
+    void TearDown() override
+    {
+        for (auto *program : {&first, &second, &both})
+            program->reset();
+        VertexArrayObjectTest::TearDown();
+    }
+
+    static std::unique_ptr<ShaderProgram> programOf(const QList<QByteArray> &names, const char *type = "float")
+    {
+        QByteArray declarations;
+        for (const QByteArray &name : names)
+            declarations += QByteArray("in ") + type + " " + name + ";\n";
+        const QByteArray expression =
+            names.size() == 2 ? names[0] + ", " + names[1] + ", 0.0, 1.0" : "float(" + names[0] + ")";
+        return colorProgram(declarations.constData(), expression.constData());
+    }
+
+    void fill(VertexArrayObject &vao, unsigned int divisorOfFirst = 0)
+    {
+        vao.upload(QStringLiteral("va_Vertex"), bufferOf(kTriangle), 3, GL_FLOAT);
+        vao.upload(QLatin1String(nameOfFirst), bufferOf(std::array<float, 3>{kFirst, kFirst, kFirst}), 1, GL_FLOAT, 0,
+                   divisorOfFirst);
+        vao.upload(QLatin1String(nameOfSecond), bufferOf(std::array<float, 3>{kSecond, kSecond, kSecond}), 1, GL_FLOAT);
+    }
+
+    /// Several rounds, so that each comes after each.
+    template <typename Draw>
+    void expectEachReadsItsOwn(Draw &&draw)
+    {
+        const std::array<float, 4> expected[] = {
+            {kFirst, kFirst, kFirst, kFirst}, {kSecond, kSecond, kSecond, kSecond}, {kFirst, kSecond, 0, 1}};
+        for (const int i : {0, 1, 2, 0, 2, 1, 0, 0, 1, 1, 2, 2}) {
+            ShaderProgram *const program = std::array{first.get(), second.get(), both.get()}[std::size_t(i)];
+            EXPECT_EQ(draw(program), expected[i]) << "program " << i;
+        }
+    }
+
+    QByteArray nameOfFirst;
+    QByteArray nameOfSecond;
+    std::unique_ptr<ShaderProgram> first;
+    std::unique_ptr<ShaderProgram> second;
+    std::unique_ptr<ShaderProgram> both;
+};
+
+TEST_P(VertexArrayDisagreementTest, ProgramsThatTakeTurnsEachReadTheirOwnArrays)
+{
+    VertexArrayObject vao;
+    fill(vao);
+    for (ShaderProgram *program : {first.get(), second.get(), both.get()})
+        EXPECT_TRUE(vao.enableShaderProgramArrays(program));
+    expectEachReadsItsOwn([&](ShaderProgram *program) { return draw(vao, program); });
+}
+
+TEST_P(VertexArrayDisagreementTest, DrawBuffersDrawWithTheArraysOfTheProgramWhateverWasBoundFirst)
+{
+    const auto vao = QSharedPointer<VertexArrayObject>::create();
+    fill(*vao);
+    DrawBuffers buffers;
+    buffers.setVAO(vao);
+    buffers.setVertexCount(3);
+    expectEachReadsItsOwn([&](ShaderProgram *program) {
+        Target target(GL_RGBA32F, 3, 3);
+        const AutoBinder framebuffer(target.framebuffer());
+        const AutoBinder vertices(&buffers);
+        const AutoBinder boundProgram(program);
+        glViewport(0, 0, 3, 3);
+        EXPECT_TRUE(buffers.draw());
+        return target.read().at(1, 1);
+    });
+}
+
+TEST_P(VertexArrayDisagreementTest, EveryContextFollows)
+{
+    VertexArrayObject vao;
+    fill(vao);
+    for (ShaderProgram *program : {first.get(), second.get(), both.get()})
+        EXPECT_TRUE(vao.enableShaderProgramArrays(program));
+    expectEachReadsItsOwn([&](ShaderProgram *program) { return draw(vao, program); });
+    glFinish();
+    {
+        GLContext::Options options;
+        options.share = &context();
+        GLContext shared(options);
+        ASSERT_TRUE(shared.makeCurrent());
+        resetGLState();
+        expectEachReadsItsOwn([&](ShaderProgram *program) { return draw(vao, program); });
+        OpenGLDeviceContext::releaseCurrent();
+    }
+    ASSERT_TRUE(context().makeCurrent());
+    expectEachReadsItsOwn([&](ShaderProgram *program) { return draw(vao, program); });
+}
+
+TEST_P(VertexArrayDisagreementTest, AnAttributeWithoutABufferIsNotFedFromTheArrayOfAnother)
+{
+    VertexArrayObject vao;
+    vao.upload(QStringLiteral("va_Vertex"), bufferOf(kTriangle), 3, GL_FLOAT);
+    vao.upload(QLatin1String(nameOfFirst), bufferOf(std::array<float, 3>{kFirst, kFirst, kFirst}), 1, GL_FLOAT);
+    for (ShaderProgram *program : {first.get(), second.get()})
+        EXPECT_TRUE(vao.enableShaderProgramArrays(program));
+    const auto location = GLuint(second->attributeLocation(QLatin1String(nameOfSecond)));
+    for (int round = 0; round < 2; ++round) {
+        glVertexAttrib1f(location, 0.5f); // which a draw from an array may change
+        EXPECT_EQ(draw(vao, second.get())[0], 0.5f) << round;
+        EXPECT_EQ(draw(vao, first.get())[0], kFirst);
+    }
+    glVertexAttrib4f(location, 0, 0, 0, 1);
+}
+
+TEST_P(VertexArrayDisagreementTest, ADivisorGoesWithItsAttribute)
+{
+    if (!epoxy_has_gl_extension("GL_ARB_instanced_arrays") && epoxy_gl_version() < 33)
+        GTEST_SKIP() << "missing extension: GL_ARB_instanced_arrays";
+    VertexArrayObject vao;
+    fill(vao, 1);
+    vao.upload(QLatin1String(nameOfSecond), bufferOf(std::array<float, 3>{0, 0, 1}), 1, GL_FLOAT);
+    for (ShaderProgram *program : {first.get(), second.get()})
+        EXPECT_TRUE(vao.enableShaderProgramArrays(program));
+    EXPECT_EQ(draw(vao, first.get())[0], kFirst);
+    EXPECT_NEAR(double(draw(vao, second.get())[0]), 0.25, 1e-6) << "a quarter of the way to the last vertex";
+}
+
+INSTANTIATE_TEST_SUITE_P(LocationsTaken, VertexArrayDisagreementTest, ::testing::Values(0, 16),
+                         VertexArrayDisagreementTest::nameOf);
+
+TEST_F(VertexArrayObjectTest, AProgramThatReadsAnAttributeAsFloatTakesTurnsWithOneThatReadsIntegers)
+{
+    const auto numbers = OpenGLDeviceContext::current()->createBufferObject();
+    const unsigned int data[] = {3, 3, 3};
+    numbers->uploadGLuintData(data, 3, GL_STATIC_DRAW);
+    VertexArrayObject vao;
+    vao.upload(QStringLiteral("va_Vertex"), bufferOf(kTriangle), 3, GL_FLOAT);
+    vao.upload(QStringLiteral("va_Number"), numbers, 1, GL_UNSIGNED_INT);
+    const auto integers = colorProgram("in uint va_Number;", "va_Number == 3u ? 1.0 : 0.0");
+    const auto floats = colorProgram("in float va_Number;", "va_Number == 3.0 ? 1.0 : 0.0");
+    for (ShaderProgram *program : {integers.get(), floats.get()})
+        EXPECT_TRUE(vao.enableShaderProgramArrays(program));
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_EQ(draw(vao, integers.get())[0], 1);
+        EXPECT_EQ(draw(vao, floats.get())[0], 1);
+    }
 }
 
 } // namespace Brevane::Kvo
