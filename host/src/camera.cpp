@@ -1,5 +1,6 @@
 #include "host/camera.h"
 
+#include "gl/direction.h"
 #include "host/slotname.h"
 
 #include <QHash>
@@ -134,7 +135,7 @@ void Camera::orbit(const QVector3D &center, float yaw, float pitch, float distan
     const float lift = qDegreesToRadians(std::clamp(pitch, -89.0f, 89.0f));
     const float turn = qDegreesToRadians(yaw);
     const QVector3D direction(std::cos(lift) * std::sin(turn), std::sin(lift), std::cos(lift) * std::cos(turn));
-    const QQuaternion upright = QQuaternion::rotationTo(QVector3D(0.0f, 1.0f, 0.0f), up.normalized());
+    const QQuaternion upright = QQuaternion::rotationTo(QVector3D(0.0f, 1.0f, 0.0f), directionOf(up));
     lookAt(center + upright.rotatedVector(direction) * distance, center, up);
 }
 
@@ -143,9 +144,10 @@ void Camera::fit(const GPUModel::BoundingBox &bounds, float yaw, float pitch, fl
     const float halfHeight = std::tan(qDegreesToRadians(fieldOfView) / 2.0f);
     const float halfWidth = halfHeight * aspect;
     const QVector3D center = centerOf(bounds);
-    orbit(center, yaw, pitch, 1.0f);
-    const QVector3D towardsEye = eye - center;
-    const QVector3D right = QVector3D::crossProduct(up, towardsEye).normalized();
+    // Around the origin: far from it a step of length 1 may be lost in the rounding.
+    orbit(QVector3D(), yaw, pitch, 1.0f);
+    const QVector3D towardsEye = eye;
+    const QVector3D right = directionOf(QVector3D::crossProduct(directionOf(up), towardsEye));
     const QVector3D upwards = QVector3D::crossProduct(towardsEye, right);
     // Every corner of the box asks for a distance at which it lies on the edge of the picture.
     float distance = 0.0f;
@@ -167,7 +169,7 @@ void Camera::fit(const GPUModel::BoundingBox &bounds, float yaw, float pitch, fl
 void Camera::setDepthRange(const GPUModel::BoundingBox &bounds)
 {
     const float radius = radiusOf(bounds);
-    const float distance = QVector3D::dotProduct(centerOf(bounds) - eye, (target - eye).normalized());
+    const float distance = QVector3D::dotProduct(centerOf(bounds) - eye, directionOf(target - eye));
     // A little more than the sphere, so that rounding cuts nothing off.
     farPlane = std::max(distance + radius * 1.01f, radius * 0.01f);
     nearPlane = std::max(distance - radius * 1.01f, farPlane * kNearestOfFar);
@@ -176,7 +178,9 @@ void Camera::setDepthRange(const GPUModel::BoundingBox &bounds)
 QMatrix4x4 Camera::cameraMatrix() const
 {
     QMatrix4x4 matrix;
-    matrix.lookAt(eye, target, up);
+    // By directions: lookAt does nothing where the two places are less than 1e-5 apart.
+    matrix.lookAt(QVector3D(), directionOf(target - eye), directionOf(up));
+    matrix.translate(-eye);
     return matrix;
 }
 
@@ -217,7 +221,7 @@ bool Camera::parse(const QString &text, const GPUModel::BoundingBox &bounds, flo
         *error = QStringLiteral("camera: 'eye' and 'target' are the same place");
         return false;
     }
-    if (QVector3D::crossProduct(view.normalized(), result.up.normalized()).length() < 1e-4f) {
+    if (QVector3D::crossProduct(directionOf(view), directionOf(result.up)).length() < 1e-4f) {
         *error = QStringLiteral("camera: 'up' points along the view");
         return false;
     }

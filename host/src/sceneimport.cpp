@@ -1,5 +1,6 @@
 #include "host/sceneimport.h"
 
+#include "gl/direction.h"
 #include "host/slotname.h"
 
 #include "importcheck.h"
@@ -153,9 +154,8 @@ private:
         qint64 replaced = 0;
         for (unsigned i = 0; i < source.mNumVertices; ++i) {
             const aiVector3D &n = source.mNormals[i];
-            const bool usable = isFinite(n) && n.SquareLength() > 0.0f && std::isfinite(n.SquareLength());
-            mesh->normals[i] = usable ? QVector3D(n.x, n.y, n.z).normalized() : QVector3D();
-            replaced += !usable;
+            mesh->normals[i] = directionOf(QVector3D(n.x, n.y, n.z));
+            replaced += mesh->normals[i].isNull();
         }
         if (replaced)
             recomputeMissing(mesh);
@@ -164,19 +164,10 @@ private:
     // Normals that are null become the mean of the triangles around them.
     static void recomputeMissing(ModelMesh *mesh)
     {
-        QVector<QVector3D> sums(mesh->positions.size());
-        for (qsizetype i = 0; i + 2 < mesh->indices.size(); i += 3) {
-            const quint32 a = mesh->indices[i], b = mesh->indices[i + 1], c = mesh->indices[i + 2];
-            const QVector3D n = QVector3D::crossProduct(mesh->positions[b] - mesh->positions[a],
-                                                        mesh->positions[c] - mesh->positions[a]);
-            for (const quint32 v : {a, b, c})
-                sums[v] += n;
-        }
+        const QVector<QVector3D> computed = computedNormals(mesh->positions, mesh->indices);
         for (qsizetype i = 0; i < mesh->normals.size(); ++i) {
-            if (!mesh->normals[i].isNull())
-                continue;
-            const QVector3D n = sums[i].normalized();
-            mesh->normals[i] = n.isNull() || !std::isfinite(n.length()) ? QVector3D(0, 0, 1) : n;
+            if (mesh->normals[i].isNull())
+                mesh->normals[i] = computed[i];
         }
     }
 

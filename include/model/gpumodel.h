@@ -67,6 +67,10 @@ struct ModelData
     QVector<ModelItem> items;
 };
 
+/// Normals of length 1 for the vertices of triangles, weighted by the areas around each; +z where there is no area.
+/// All indices are below the number of positions.
+KVO_GL_EXPORT QVector<QVector3D> computedNormals(const QVector<QVector3D> &positions, const QVector<quint32> &indices);
+
 /// A scene as it lives on the GPU: one vertex and one index buffer, one draw command per item, and
 /// object and material data in buffers that shaders read by the index of the draw.
 ///
@@ -102,9 +106,9 @@ public:
 
     /// Uploads a scene, replacing what was there; needs a current context. Triangles with indices out
     /// of range or vertices that are not finite are dropped, items with an unknown mesh or material
-    /// too, each with a line in \a warnings; missing normals are computed per vertex, missing texture
+    /// too, each with a line in \a warnings; missing normals are computed, see computedNormals, missing texture
     /// coordinates are 0. False when there is no usable context or too much data, with the reason in
-    /// \a warnings.
+    /// \a warnings; the model is then what it was before. Until the new scene is whole there is room for both.
     bool upload(const ModelData &data, QStringList *warnings = nullptr);
 
     /// Draws the items whose flags, ANDed with \a mask, equal \a value, with \a program, which is bound.
@@ -125,7 +129,9 @@ public:
     void cull(const QMatrix4x4 &viewProjection);
     /// Takes back what cull left out.
     void resetCulling();
-    /// Box of all items; both corners 0 for an empty model.
+    /// Box of all items; both corners 0 for an empty model. It touches the vertices that triangles use. Only
+    /// where items that are turned or sheared have more than 5 million triangles together, those after them
+    /// count with the box that their mesh has before it is turned, which may leave room around them.
     BoundingBox sceneBounds() const;
 
     /// The geometry of a batch. The model is one batch: index 0, null otherwise.

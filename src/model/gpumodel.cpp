@@ -4,6 +4,7 @@
 #include "gl/attributelocations.h"
 #include "gl/bufferobject.h"
 #include "gl/contextstate.h"
+#include "gl/direction.h"
 #include "gl/drawbuffers.h"
 #include "gl/guards.h"
 #include "gl/shaderprogram.h"
@@ -12,11 +13,13 @@
 #include "model/instancedatacollection.h"
 #include "model/instancedataplan.h"
 #include "model/instancedataregistry.h"
+#include "model/materialtexels.h"
 
 #include <epoxy/gl.h>
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cmath>
 #include <limits>
 #include <numeric>
@@ -27,6 +30,9 @@ namespace {
 
 // Enough for the selections of all passes; culling and odd masks evict the oldest.
 constexpr std::size_t kMaxSelections = 16;
+
+// What the exact boxes of turned items may cost at most: some tenths of a second.
+constexpr std::size_t kMostBoxedVertices = std::size_t(1) << 24;
 
 const QString &drawIndexAttribute()
 {
@@ -49,6 +55,12 @@ bool isFinite(const QMatrix4x4 &m)
     return std::all_of(m.constData(), m.constData() + 16, [](float f) { return std::isfinite(f); });
 }
 
+void warn(QStringList *warnings, const QString &text)
+{
+    if (warnings)
+        warnings->append(text);
+}
+
 struct Box
 {
     QVector3D minimum{std::numeric_limits<float>::max(), std::numeric_limits<float>::max(),
@@ -61,6 +73,13 @@ struct Box
         for (int i = 0; i < 3; ++i) {
             minimum[i] = std::min(minimum[i], p[i]);
             maximum[i] = std::max(maximum[i], p[i]);
+        }
+    }
+    void add(const Box &box)
+    {
+        if (!box.isEmpty()) {
+            add(box.minimum);
+            add(box.maximum);
         }
     }
     QVector3D corner(int i) const
@@ -95,24 +114,24 @@ struct Selection
     QSharedPointer<BufferObject> commands; // made on first indirect draw
 };
 
-// Area-weighted vertex normals, for meshes that come without.
-QVector<QVector3D> computedNormals(const ModelMesh &mesh, const QVector<quint32> &indices)
+/// A vector whose sums and products neither vanish nor overflow, whatever the unit of a mesh.
+struct WideVector
 {
-    QVector<QVector3D> normals(mesh.positions.size());
-    for (qsizetype i = 0; i + 2 < indices.size(); i += 3) {
-        const std::array<qsizetype, 3> corner{indices[i], indices[i + 1], indices[i + 2]};
-        const QVector3D &a = mesh.positions[corner[0]];
-        const QVector3D normal = QVector3D::crossProduct(mesh.positions[corner[1]] - a, mesh.positions[corner[2]] - a);
-        for (qsizetype c : corner)
-            normals[c] += normal;
+    double x = 0, y = 0, z = 0;
+
+    explicit WideVector(const QVector3D &v) : x(double(v.x())), y(double(v.y())), z(double(v.z())) {}
+    WideVector() = default;
+    WideVector(double x_, double y_, double z_) : x(x_), y(y_), z(z_) {}
+    WideVector operator-(const WideVector &b) const { return {x - b.x, y - b.y, z - b.z}; }
+    void operator+=(const WideVector &b) { x += b.x, y += b.y, z += b.z; }
+    WideVector cross(const WideVector &b) const { return {y * b.z - z * b.y, z * b.x - x * b.z, x * b.y - y * b.x}; }
+    /// Scaled so that its largest component is 1, which fits into floats.
+    QVector3D narrowed() const
+    {
+        const double largest = std::max({std::abs(x), std::abs(y), std::abs(z)});
+        return largest > 0.0 ? QVector3D(float(x / largest), float(y / largest), float(z / largest)) : QVector3D();
     }
-    for (QVector3D &normal : normals) {
-        normal.normalize();
-        if (normal.isNull())
-            normal = {0.0f, 0.0f, 1.0f};
-    }
-    return normals;
-}
+};
 
 /// The geometry of all meshes in the arrays that become the buffers.
 class GeometryArrays
@@ -130,7 +149,7 @@ public:
             mesh.normals.size() == mesh.positions.size()
             && std::all_of(mesh.normals.cbegin(), mesh.normals.cend(), [](const QVector3D &n) { return isFinite(n); });
         const bool hasTexCoords = mesh.texCoords.size() == mesh.positions.size();
-        const QVector<QVector3D> normals_ = hasNormals ? mesh.normals : computedNormals(mesh, good);
+        const QVector<QVector3D> normals_ = hasNormals ? mesh.normals : computedNormals(mesh.positions, good);
         for (qsizetype i = 0; i < mesh.positions.size(); ++i) {
             // Vertices that no triangle uses still take their place; what is not finite becomes 0.
             const QVector3D p = isFinite(mesh.positions[i]) ? mesh.positions[i] : QVector3D();
@@ -175,30 +194,74 @@ private:
             else
                 ++dropped;
         }
-        if (dropped > 0 && warnings)
-            warnings->append(
-                QStringLiteral("mesh '%1': %2 triangles dropped, their indices are out of range or their vertices "
-                               "not finite")
-                    .arg(mesh.name)
-                    .arg(dropped));
+        if (dropped > 0)
+            warn(warnings, QStringLiteral("mesh '%1': %2 triangles dropped, their indices are out of range or their "
+                                          "vertices not finite")
+                               .arg(mesh.name, QString::number(dropped)));
         return good;
     }
 };
 
-Box transformed(const Box &box, const QMatrix4x4 &transform)
+Box transformedCorners(const Box &box, const QMatrix4x4 &transform)
 {
     Box out;
-    if (!box.isEmpty()) {
-        for (int i = 0; i < 8; ++i)
-            out.add(transform.map(box.corner(i)));
-    }
+    for (int i = 0; i < 8 && !box.isEmpty(); ++i)
+        out.add(transform.map(box.corner(i)));
     return out;
 }
+
+// Whether it moves the axes to axes, and with them boxes to boxes.
+bool keepsBoxes(const QMatrix4x4 &transform)
+{
+    for (int row = 0; row < 4; ++row) {
+        int factors = 0;
+        for (int column = 0; column < 3; ++column)
+            factors += transform(row, column) != 0.0f;
+        if (factors > (row < 3 ? 1 : 0))
+            return false;
+    }
+    return true;
+}
+
+/// The boxes of items in the world.
+class ItemBoxes
+{
+public:
+    ItemBoxes(const GeometryArrays &arrays) : _arrays(arrays) {}
+
+    /// Touches the item's vertices on all sides; around boxes that are turned there would be room. Where that
+    /// has cost too much, the rest of the items make do with the corners of what the mesh has as a box.
+    Box of(const PlacedMesh &mesh, const QMatrix4x4 &transform)
+    {
+        if (keepsBoxes(transform) || _boxedVertices + mesh.indexCount > kMostBoxedVertices)
+            return transformedCorners(mesh.box, transform);
+        _boxedVertices += mesh.indexCount;
+        Box out;
+        for (unsigned int i = 0; i < mesh.indexCount; ++i) {
+            const float *p = &_arrays.positions[3 * std::size_t(_arrays.indices[mesh.firstIndex + i])];
+            out.add(transform.map(QVector3D(p[0], p[1], p[2])));
+        }
+        return out;
+    }
+
+private:
+    const GeometryArrays &_arrays;
+    std::size_t _boxedVertices = 0;
+};
 
 void appendMatrix(QVector<float> &data, const QMatrix4x4 &matrix)
 {
     for (int i = 0; i < 16; ++i)
         data.append(matrix.constData()[i]);
+}
+
+void appendMaterial(QVector<float> &data, const ModelMaterial &m, int map_Kd, int map_Ks)
+{
+    const MaterialTexels texels{
+        {m.Kd.x(), m.Kd.y(), m.Kd.z()}, m.Ns, {m.Ks.x(), m.Ks.y(), m.Ks.z()}, m.D, float(map_Kd), float(map_Ks), {}};
+    const auto floats = std::bit_cast<std::array<float, kMaterialFloats>>(texels);
+    for (const float value : floats)
+        data.append(value);
 }
 
 QSharedPointer<BufferObject> floatBuffer(const std::vector<float> &data)
@@ -223,14 +286,12 @@ public:
 
     void removeMaps() { TextureManager::Instance().removeManagedTextures(shareGroup, std::exchange(maps, {})); }
 
-    // Of the three texels of a material the second ends with its opacity.
     bool hasOpacity(std::size_t item, GPUModel::Opacity opacity) const
     {
-        constexpr qsizetype kFloats = 12;
-        constexpr qsizetype kOpacity = 7;
         if (opacity == GPUModel::Opacity::Any)
             return true;
-        const bool isTransparent = materialData->data().value(qsizetype(item) * kFloats + kOpacity) < 1.0f;
+        constexpr qsizetype kOpacity = materialFloat(offsetof(MaterialTexels, D));
+        const bool isTransparent = materialData->data().value(qsizetype(item) * kMaterialFloats + kOpacity) < 1.0f;
         return isTransparent == (opacity == GPUModel::Opacity::Transparent);
     }
 
@@ -265,6 +326,8 @@ public:
         return state && has(43, "ARB_multi_draw_indirect") && has(42, "ARB_base_instance");
     }
 
+    /// Fills an object that holds nothing yet. What it has taken when it fails goes with it.
+    bool upload(const ModelData &data, QStringList *warnings);
     bool draw(ShaderProgram *program, TextureManager *manager, Selection &chosen, WindingType winding);
     void drawIndirect(Selection &chosen);
     void drawOneByOne(ShaderProgram *program, const Selection &chosen) const;
@@ -272,7 +335,7 @@ public:
     std::vector<Item> items;
     std::vector<DrawElementsIndirectCommand> commands;
     std::vector<Selection> selections;
-    QVector<int> maps;
+    QVector<int> maps; ///< Handles, each once.
     quint64 shareGroup = 0; ///< Where all of this lives.
     Box bounds;
     qint64 triangles = 0;
@@ -283,7 +346,140 @@ public:
     QSharedPointer<VertexArrayObject> indirectArrays;
     std::unique_ptr<InstanceDataCollection> objectData;
     std::unique_ptr<InstanceDataCollection> materialData;
+
+private:
+    /// The handles of the two maps of a material.
+    struct MaterialMaps
+    {
+        int Kd = 0;
+        int Ks = 0;
+    };
+    /// What the steps of an upload hand on.
+    struct Upload
+    {
+        GeometryArrays arrays;
+        std::vector<PlacedMesh> meshes;
+        std::vector<MaterialMaps> maps; ///< By material.
+    };
+    static bool placeMeshes(const ModelData &data, Upload &made, QStringList *warnings);
+    void takeMaps(const ModelData &data, Upload &made);
+    bool placeItems(const ModelData &data, const Upload &made, QStringList *warnings);
+    void uploadGeometry(const GeometryArrays &arrays);
 };
+
+bool GPUModelPrivate::upload(const ModelData &data, QStringList *warnings)
+{
+    Upload made;
+    if (!placeMeshes(data, made, warnings))
+        return false;
+    takeMaps(data, made);
+    if (!placeItems(data, made, warnings))
+        return false;
+    uploadGeometry(made.arrays);
+    return true;
+}
+
+bool GPUModelPrivate::placeMeshes(const ModelData &data, Upload &made, QStringList *warnings)
+{
+    for (const ModelMesh &mesh : data.meshes) {
+        made.meshes.push_back(made.arrays.add(mesh, warnings));
+        if (made.arrays.isTooLarge()) {
+            warn(warnings, QStringLiteral("the model has more vertices or indices than a buffer can hold"));
+            return false;
+        }
+    }
+    return true;
+}
+
+void GPUModelPrivate::takeMaps(const ModelData &data, Upload &made)
+{
+    QHash<qint64, int> byImage; // materials often share a map
+    const auto handleOf = [&](const QImage &image, const QString &name) {
+        if (image.isNull())
+            return 0;
+        const auto known = byImage.constFind(image.cacheKey());
+        if (known != byImage.cend())
+            return *known;
+        const int handle = TextureManager::Instance().addManagedTexture(image, name);
+        if (handle > 0)
+            maps.append(handle);
+        byImage.insert(image.cacheKey(), handle);
+        return handle;
+    };
+    for (const ModelMaterial &m : data.materials)
+        made.maps.push_back({handleOf(m.map_Kd, m.name), handleOf(m.map_Ks, m.name)});
+}
+
+bool GPUModelPrivate::placeItems(const ModelData &data, const Upload &made, QStringList *warnings)
+{
+    ItemBoxes boxes(made.arrays);
+    QVector<float> objectFloats;
+    QVector<float> materialFloats;
+    for (const ModelItem &item : data.items) {
+        if (item.mesh < 0 || item.mesh >= data.meshes.size() || item.material < 0
+            || item.material >= data.materials.size() || !isFinite(item.transform)) {
+            warn(warnings, QStringLiteral("item %1 dropped: mesh %2, material %3 or its transform is not usable")
+                               .arg(&item - data.items.constData())
+                               .arg(item.mesh)
+                               .arg(item.material));
+            continue;
+        }
+        const PlacedMesh &mesh = made.meshes[std::size_t(item.mesh)];
+        const MaterialMaps &itemMaps = made.maps[std::size_t(item.material)];
+        const Box box = boxes.of(mesh, item.transform);
+        bounds.add(box);
+        commands.push_back({mesh.indexCount, 1, mesh.firstIndex, 0, unsigned(items.size())});
+        items.push_back({item.flags, box, false});
+        triangles += mesh.indexCount / 3;
+        appendMatrix(objectFloats, item.transform);
+        appendMatrix(objectFloats, item.transform.inverted().transposed());
+        appendMaterial(materialFloats, data.materials[item.material], itemMaps.Kd, itemMaps.Ks);
+    }
+    if (!objectData->setData(objectFloats) || !materialData->setData(materialFloats)) {
+        warn(warnings, QStringLiteral("the model has more items than this driver can index"));
+        return false;
+    }
+    return true;
+}
+
+void GPUModelPrivate::uploadGeometry(const GeometryArrays &arrays)
+{
+    const auto vertices = floatBuffer(arrays.positions);
+    const auto normals = floatBuffer(arrays.normals);
+    const auto texCoords = floatBuffer(arrays.texCoords);
+    const auto indices = QSharedPointer<BufferObject>::create();
+    indices->setTarget(GL_ELEMENT_ARRAY_BUFFER);
+    const auto makeArrays = [&] {
+        const auto vao = QSharedPointer<VertexArrayObject>::create();
+        vao->upload(QStringLiteral("va_Vertex"), vertices, 3, GL_FLOAT);
+        vao->upload(QStringLiteral("va_TexCoord"), texCoords, 2, GL_FLOAT);
+        vao->upload(QStringLiteral("va_Normal"), normals, 3, GL_FLOAT);
+        return vao;
+    };
+    // Where draws are issued one by one, the index of the draw is a constant attribute, so the arrays
+    // for that road have no buffer for it.
+    const auto arraysForLoop = makeArrays();
+    {
+        // The target is part of the vertex array that is bound, which must not be a host's.
+        AutoBinder bound(arraysForLoop);
+        indices->uploadGLuintData(arrays.indices.data(), int(arrays.indices.size()), GL_STATIC_DRAW);
+    }
+    geometry = std::make_unique<DrawBuffers>();
+    geometry->setVAO(arraysForLoop);
+    geometry->setPrimitiveType(GL_TRIANGLES);
+    geometry->setIndexedDraw(indices, int(arrays.indices.size()), GL_UNSIGNED_INT);
+    geometry->setDrawElementsIndirectCommands(commands.data(), int(commands.size()));
+
+    if (canDrawIndirect()) {
+        std::vector<unsigned int> drawIndices(items.size());
+        std::iota(drawIndices.begin(), drawIndices.end(), 0u);
+        const auto drawIndexBuffer = QSharedPointer<BufferObject>::create();
+        drawIndexBuffer->uploadGLuintData(drawIndices.data(), int(drawIndices.size()), GL_STATIC_DRAW);
+        indirectArrays = makeArrays();
+        indirectArrays->upload(drawIndexAttribute(), drawIndexBuffer, 1, GL_UNSIGNED_INT, 0, 1);
+        indirectArrays->setIndexBuffer(indices);
+    }
+}
 
 bool GPUModelPrivate::draw(ShaderProgram *program, TextureManager *manager, Selection &chosen, WindingType winding)
 {
@@ -363,6 +559,25 @@ void GPUModelPrivate::drawOneByOne(ShaderProgram *program, const Selection &chos
         glVertexAttribI4uiv(GLuint(indexLocation), indexBefore);
 }
 
+QVector<QVector3D> computedNormals(const QVector<QVector3D> &positions, const QVector<quint32> &indices)
+{
+    std::vector<WideVector> sums(std::size_t(positions.size()));
+    for (qsizetype i = 0; i + 2 < indices.size(); i += 3) {
+        const std::array<quint32, 3> corners{indices[i], indices[i + 1], indices[i + 2]};
+        const WideVector a(positions[corners[0]]);
+        const WideVector normal = (WideVector(positions[corners[1]]) - a).cross(WideVector(positions[corners[2]]) - a);
+        for (const quint32 corner : corners)
+            sums[corner] += normal;
+    }
+    QVector<QVector3D> normals;
+    normals.reserve(positions.size());
+    for (const WideVector &sum : sums) {
+        const QVector3D normal = directionOf(sum.narrowed());
+        normals.append(normal.isNull() ? QVector3D(0.0f, 0.0f, 1.0f) : normal);
+    }
+    return normals;
+}
+
 GPUModel::GPUModel() : d(std::make_unique<GPUModelPrivate>())
 {
     static const int registered = qRegisterMetaType<GPUModel *>();
@@ -377,122 +592,17 @@ GPUModel::~GPUModel()
 
 bool GPUModel::upload(const ModelData &data, QStringList *warnings)
 {
-    const auto warn = [warnings](const QString &text) {
-        if (warnings)
-            warnings->append(text);
-    };
-    if (!ContextState::current()) {
-        warn(QStringLiteral("no usable OpenGL context is current"));
+    const ContextState *state = ContextState::current();
+    if (!state) {
+        warn(warnings, QStringLiteral("no usable OpenGL context is current"));
         return false;
     }
-    const DrawRoad road = d->road;
-    d = std::make_unique<GPUModelPrivate>();
-    d->road = road;
-    d->shareGroup = ContextState::current()->group->id();
-
-    GeometryArrays arrays;
-    std::vector<PlacedMesh> meshes;
-    for (const ModelMesh &mesh : data.meshes) {
-        meshes.push_back(arrays.add(mesh, warnings));
-        if (arrays.isTooLarge()) {
-            warn(QStringLiteral("the model has more vertices or indices than a buffer can hold"));
-            return false;
-        }
-    }
-
-    struct Handles
-    {
-        int kd;
-        int ks;
-    };
-    std::vector<Handles> handles;
-    QHash<qint64, int> byImage; // materials often share a map
-    const auto handleOf = [&](const QImage &image, const QString &name) {
-        if (image.isNull())
-            return 0;
-        const auto known = byImage.constFind(image.cacheKey());
-        if (known != byImage.cend())
-            return *known;
-        const int handle = TextureManager::Instance().addManagedTexture(image, name);
-        if (handle > 0)
-            d->maps.append(handle);
-        byImage.insert(image.cacheKey(), handle);
-        return handle;
-    };
-    for (const ModelMaterial &m : data.materials)
-        handles.push_back({handleOf(m.map_Kd, m.name), handleOf(m.map_Ks, m.name)});
-
-    QVector<float> objects;
-    QVector<float> materials;
-    for (const ModelItem &item : data.items) {
-        if (item.mesh < 0 || std::size_t(item.mesh) >= meshes.size() || item.material < 0
-            || item.material >= data.materials.size() || !isFinite(item.transform)) {
-            warn(QStringLiteral("item %1 dropped: mesh %2, material %3 or its transform is not usable")
-                     .arg(&item - data.items.constData())
-                     .arg(item.mesh)
-                     .arg(item.material));
-            continue;
-        }
-        const PlacedMesh &mesh = meshes[std::size_t(item.mesh)];
-        const ModelMaterial &m = data.materials[item.material];
-        const Handles &maps = handles[std::size_t(item.material)];
-        const auto index = unsigned(d->items.size());
-        d->items.push_back({item.flags, transformed(mesh.box, item.transform), false});
-        d->commands.push_back({mesh.indexCount, 1, mesh.firstIndex, 0, index});
-        d->triangles += mesh.indexCount / 3;
-        const Box &box = d->items.back().box;
-        if (!box.isEmpty()) {
-            d->bounds.add(box.minimum);
-            d->bounds.add(box.maximum);
-        }
-        appendMatrix(objects, item.transform);
-        appendMatrix(objects, item.transform.inverted().transposed());
-        materials << m.Kd.x() << m.Kd.y() << m.Kd.z() << m.Ns;
-        materials << m.Ks.x() << m.Ks.y() << m.Ks.z() << m.D;
-        materials << float(maps.kd) << float(maps.ks) << 0.0f << 0.0f;
-    }
-    if (!d->objectData->setData(objects) || !d->materialData->setData(materials)) {
-        warn(QStringLiteral("the model has more items than this driver can index"));
-        d->items.clear();
-        d->commands.clear();
+    auto fresh = std::make_unique<GPUModelPrivate>();
+    fresh->road = d->road;
+    fresh->shareGroup = state->group->id();
+    if (!fresh->upload(data, warnings))
         return false;
-    }
-
-    const auto vertexBuffer = floatBuffer(arrays.positions);
-    const auto normalBuffer = floatBuffer(arrays.normals);
-    const auto texCoordBuffer = floatBuffer(arrays.texCoords);
-    const auto indexBuffer = QSharedPointer<BufferObject>::create();
-    indexBuffer->setTarget(GL_ELEMENT_ARRAY_BUFFER);
-    const auto makeArrays = [&] {
-        const auto vao = QSharedPointer<VertexArrayObject>::create();
-        vao->upload(QStringLiteral("va_Vertex"), vertexBuffer, 3, GL_FLOAT);
-        vao->upload(QStringLiteral("va_TexCoord"), texCoordBuffer, 2, GL_FLOAT);
-        vao->upload(QStringLiteral("va_Normal"), normalBuffer, 3, GL_FLOAT);
-        return vao;
-    };
-    // Where draws are issued one by one, the index of the draw is a constant attribute, so the arrays
-    // for that road have no buffer for it.
-    const auto arraysForLoop = makeArrays();
-    {
-        // The target is part of the vertex array that is bound, which must not be a host's.
-        AutoBinder bound(arraysForLoop);
-        indexBuffer->uploadGLuintData(arrays.indices.data(), int(arrays.indices.size()), GL_STATIC_DRAW);
-    }
-    d->geometry = std::make_unique<DrawBuffers>();
-    d->geometry->setVAO(arraysForLoop);
-    d->geometry->setPrimitiveType(GL_TRIANGLES);
-    d->geometry->setIndexedDraw(indexBuffer, int(arrays.indices.size()), GL_UNSIGNED_INT);
-    d->geometry->setDrawElementsIndirectCommands(d->commands.data(), int(d->commands.size()));
-
-    if (d->canDrawIndirect()) {
-        std::vector<unsigned int> drawIndices(d->items.size());
-        std::iota(drawIndices.begin(), drawIndices.end(), 0u);
-        const auto drawIndexBuffer = QSharedPointer<BufferObject>::create();
-        drawIndexBuffer->uploadGLuintData(drawIndices.data(), int(drawIndices.size()), GL_STATIC_DRAW);
-        d->indirectArrays = makeArrays();
-        d->indirectArrays->upload(drawIndexAttribute(), drawIndexBuffer, 1, GL_UNSIGNED_INT, 0, 1);
-        d->indirectArrays->setIndexBuffer(indexBuffer);
-    }
+    d = std::move(fresh);
     return true;
 }
 

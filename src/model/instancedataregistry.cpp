@@ -1,6 +1,7 @@
 #include "model/instancedataregistry.h"
 
 #include "model/instancedataplan.h"
+#include "model/materialtexels.h"
 
 namespace Brevane::Kvo {
 
@@ -44,8 +45,7 @@ int getMap_Kd();
 int getMap_Ks();
 )");
 
-// Three texels a draw: Kd and Ns, Ks and D, the handles of the two maps.
-const QString kMaterialDefinitions = QStringLiteral(R"(#version 150
+const QString kMaterialFetch = QStringLiteral(R"(#version 150
 #instancedata "OBJMaterial"
 #include "InstanceData.glslh"
 
@@ -53,16 +53,29 @@ uniform samplerBuffer kvo_OBJMaterialData;
 
 vec4 kvo_material(int texel)
 {
-  return texelFetch(kvo_OBJMaterialData, KVO_CURRENT_DRAW * 3 + texel);
+  return texelFetch(kvo_OBJMaterialData, KVO_CURRENT_DRAW * %1 + texel);
 }
 
-vec3 getKd() { return kvo_material(0).rgb; }
-float getNs() { return kvo_material(0).a; }
-vec3 getKs() { return kvo_material(1).rgb; }
-float getD() { return kvo_material(1).a; }
-int getMap_Kd() { return int(kvo_material(2).x); }
-int getMap_Ks() { return int(kvo_material(2).y); }
 )");
+
+// A getter of what begins at an offset into MaterialTexels.
+QString materialGetter(const char *type, const char *name, std::size_t offset, int components = 1)
+{
+    const int first = materialFloat(offset);
+    const QString swizzle = QStringLiteral("rgba").mid(first % kFloatsPerTexel, components);
+    return QStringLiteral("%1 %2() { return %1(kvo_material(%3).%4); }\n")
+        .arg(QLatin1String(type), QLatin1String(name), QString::number(first / kFloatsPerTexel), swizzle);
+}
+
+QString materialDefinitions()
+{
+    return kMaterialFetch.arg(kMaterialTexels) + materialGetter("vec3", "getKd", offsetof(MaterialTexels, Kd), 3)
+           + materialGetter("float", "getNs", offsetof(MaterialTexels, Ns))
+           + materialGetter("vec3", "getKs", offsetof(MaterialTexels, Ks), 3)
+           + materialGetter("float", "getD", offsetof(MaterialTexels, D))
+           + materialGetter("int", "getMap_Kd", offsetof(MaterialTexels, map_Kd))
+           + materialGetter("int", "getMap_Ks", offsetof(MaterialTexels, map_Ks));
+}
 
 } // namespace
 
@@ -71,8 +84,8 @@ InstanceDataRegistry::InstanceDataRegistry()
     const QString matrixSampler = QStringLiteral("kvo_InstanceInfoData");
     for (const char *name : {"InstanceInfo", "TarnInstance"})
         addPlan(new InstanceDataPlan(QLatin1String(name), matrixSampler, 8, kMatrixDeclarations, kMatrixDefinitions));
-    addPlan(new InstanceDataPlan(QStringLiteral("OBJMaterial"), QStringLiteral("kvo_OBJMaterialData"), 3,
-                                 kMaterialDeclarations, kMaterialDefinitions));
+    addPlan(new InstanceDataPlan(QStringLiteral("OBJMaterial"), QStringLiteral("kvo_OBJMaterialData"), kMaterialTexels,
+                                 kMaterialDeclarations, materialDefinitions()));
 }
 
 InstanceDataRegistry::~InstanceDataRegistry()

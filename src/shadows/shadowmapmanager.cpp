@@ -3,6 +3,7 @@
 #include "shadows/lightframes.h"
 
 #include "gl/contextstate.h"
+#include "gl/direction.h"
 #include "gl/glslmacroprocessor.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
@@ -310,7 +311,7 @@ bool ShadowMapManager::bindRecord(ShaderProgram *program, const RenderData *data
         projectors.append(info.layerCount);
         projectors.append(info.firstLayer);
         append(positions, light.position, float(int(light.type)));
-        append(directions, light.direction.normalized(), cosineOfHalf(light.angle));
+        append(directions, directionOf(light.direction), cosineOfHalf(light.angle));
         append(colors, light.color * light.intensity, cosineOfHalf(light.angle - light.softAngle));
     }
     if (const int location = program->getUniformLocation(kProjectors); location >= 0)

@@ -134,6 +134,29 @@ TEST(Camera, FitsAPointAndNothing)
     }
 }
 
+// A model in metres of something that is seen under a microscope, and one in millimetres of a continent.
+TEST(Camera, ViewsOfVerySmallAndVeryLargeModelsAreTheSame)
+{
+    constexpr float kYaw = 35, kPitch = 20, kAspect = 1.5f;
+    Camera one;
+    one.up = QVector3D(0, 0.6f, 0.8f);
+    one.fit(kBox, kYaw, kPitch, kAspect);
+    const OnScreen expected = project(one, kBox, kAspect);
+    for (const float scale : {1e-12f, 1e-7f, 1e-6f, 1e-3f, 1e9f}) {
+        const GPUModel::BoundingBox box{kBox.minimum * scale, kBox.maximum * scale};
+        Camera camera;
+        camera.up = one.up * scale;
+        camera.fit(box, kYaw, kPitch, kAspect);
+        EXPECT_TRUE(isNear((camera.eye - camera.target) / scale, one.eye - one.target, 1e-4f)) << double(scale);
+        const OnScreen seen = project(camera, box, kAspect);
+        EXPECT_NEAR(double(seen.side), double(expected.side), 1e-4) << double(scale);
+        EXPECT_NEAR(double(seen.nearest), double(expected.nearest), 1e-3) << double(scale);
+        EXPECT_NEAR(double(seen.farthest), double(expected.farthest), 1e-3) << double(scale);
+        const QVector3D middle = camera.cameraMatrix().map((box.minimum + box.maximum) / 2) / scale;
+        EXPECT_TRUE(isNear(middle, QVector3D(0, 0, -(one.eye - one.target).length()), 1e-4f)) << double(scale);
+    }
+}
+
 TEST(Camera, TheNearPlaneStaysInFrontOfAnEyeInsideTheBox)
 {
     Camera camera;

@@ -149,6 +149,22 @@ TEST_F(SceneImport, KeepsNormalsAndTextureCoordinatesOfTheFile)
     EXPECT_EQ(data.meshes[0].texCoords.at(0), QVector2D(0.25f, 0.75f)) << "v is 0 at the bottom, as in the file";
 }
 
+TEST_F(SceneImport, NormalsHaveUnitLengthHoweverShortTheyAreInTheFile)
+{
+    const ModelData data = importText("t.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nvn 0 3e-7 4e-7\nf 1//1 2//1 3//1\n");
+    ASSERT_TRUE(report.ok());
+    for (const QVector3D &normal : data.meshes.at(0).normals)
+        EXPECT_LT((normal - QVector3D(0, 0.6f, 0.8f)).length(), 1e-6f);
+}
+
+TEST_F(SceneImport, NormalsThatAreNullInTheFileComeFromTheTrianglesHoweverSmall)
+{
+    const ModelData data = importText("t.obj", "v 0 0 0\nv 1e-4 0 0\nv 0 0 1e-4\nvn 0 0 0\nf 1//1 2//1 3//1\n");
+    ASSERT_TRUE(report.ok());
+    for (const QVector3D &normal : data.meshes.at(0).normals)
+        EXPECT_LT((normal - QVector3D(0, -1, 0)).length(), 1e-6f);
+}
+
 TEST_F(SceneImport, CutsPolygonsUp)
 {
     const ModelData data = importText("q.obj", "v 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\nf 1 2 3 4\n");

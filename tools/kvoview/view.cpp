@@ -1,5 +1,6 @@
 #include "view.h"
 
+#include "gl/direction.h"
 #include "host/pipelinefile.h"
 #include "host/sceneimport.h"
 
@@ -155,8 +156,8 @@ void View::mouseMoveEvent(QMouseEvent *event)
         _pitch = std::clamp(_pitch + kDegreesPerPixel * float(moved.y()), -89.0f, 89.0f);
     } else {
         const Camera seen = camera(float(width()) / float(std::max(1, height())));
-        const QVector3D forward = (seen.target - seen.eye).normalized();
-        const QVector3D right = QVector3D::crossProduct(forward, seen.up).normalized();
+        const QVector3D forward = directionOf(seen.target - seen.eye);
+        const QVector3D right = directionOf(QVector3D::crossProduct(forward, directionOf(seen.up)));
         const float perPixel = (seen.target - seen.eye).length() / float(std::max(1, height()));
         _moved -= perPixel * float(moved.x()) * right;
         _moved += perPixel * float(moved.y()) * QVector3D::crossProduct(right, forward);
