@@ -81,8 +81,7 @@ QString damageOfCollada(QFile *file)
         for (const QString &word : words)
             if (!isNumbers(word, whole) && (whole || !isNotFinite(word)))
                 return QStringLiteral("'%1' in the numbers of <%2> before line %3")
-                    .arg(word.left(20), list)
-                    .arg(reader.lineNumber());
+                    .arg(word.left(20), list, QString::number(reader.lineNumber()));
     }
     return reader.hasError() ? QStringLiteral("line %1: %2").arg(reader.lineNumber()).arg(reader.errorString())
                              : QString();

@@ -54,9 +54,8 @@ void repairFaces(aiMesh *mesh, QStringList *warnings)
     const auto warn = [&](Verdict verdict, const char *what) {
         if (const unsigned count = counts[int(verdict)])
             *warnings << QStringLiteral("mesh '%1': left out %2 %3")
-                             .arg(QString::fromUtf8(mesh->mName.C_Str()))
-                             .arg(count)
-                             .arg(QLatin1StringView(what));
+                             .arg(QString::fromUtf8(mesh->mName.C_Str()), QString::number(count),
+                                  QLatin1StringView(what));
     };
     warn(Verdict::NotASurface, "points and lines");
     warn(Verdict::OutOfRange, "faces with vertices that do not exist");

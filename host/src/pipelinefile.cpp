@@ -77,7 +77,7 @@ private:
     void complain(int line, const QString &message)
     {
         if (_errors)
-            *_errors << QStringLiteral("%1:%2: %3").arg(_fileName).arg(line).arg(message);
+            *_errors << QStringLiteral("%1:%2: %3").arg(_fileName, QString::number(line), message);
     }
 
     void checkMembers(const Json &object, const QStringList &known, const QString &what)
@@ -209,8 +209,8 @@ private:
         std::vector<Json> given = call.value.elements;
         if (qsizetype(given.size()) != operation.argumentTypes.size()) {
             complain(call.line, QStringLiteral("'%1' takes (%2), not %3 argument(s)")
-                                    .arg(call.key, operation.argumentTypes.join(QLatin1StringView(", ")))
-                                    .arg(given.size()));
+                                    .arg(call.key, operation.argumentTypes.join(QLatin1StringView(", ")),
+                                         QString::number(given.size())));
             return;
         }
         QVariantList arguments;
@@ -327,7 +327,7 @@ bool loadPipelineText(const QByteArray &text, const QString &fileName, Pipeline 
     if (Json::parse(text, &root, &line, &error))
         Loader(fileName, pipeline, &found).load(root);
     else
-        found << QStringLiteral("%1:%2: %3").arg(fileName).arg(line).arg(error);
+        found << QStringLiteral("%1:%2: %3").arg(fileName, QString::number(line), error);
     if (errors)
         *errors << found;
     return found.isEmpty();

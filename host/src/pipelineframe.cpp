@@ -196,7 +196,8 @@ void PipelineFrame::checkReferences(Step &step)
         return;
     step.node->errorCode = pass.errorCode();
     if (step.node->errorCode != 0)
-        faults << QStringLiteral("pass '%1' reports error %2").arg(step.node->name).arg(int(step.node->errorCode));
+        faults << QStringLiteral("pass '%1' reports error %2")
+                      .arg(step.node->name, QString::number(int(step.node->errorCode)));
 }
 
 void PipelineFrame::report()

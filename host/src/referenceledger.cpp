@@ -81,14 +81,12 @@ void ReferenceLedger::checkInput(const QString &pass, const Port &input, QString
     if (surplus > input.surplusBefore) {
         faults->append(
             QStringLiteral("pass '%1' did not give back the texture of its input '%2': %3 reference(s) too many")
-                .arg(pass, input.slot)
-                .arg(surplus - input.surplusBefore));
+                .arg(pass, input.slot, QString::number(surplus - input.surplusBefore)));
     } else if (surplus < input.surplusBefore) {
         entryOf(input.texture).broken = true;
         faults->append(
             QStringLiteral("pass '%1' gave back the texture of its input '%2' more than once: %3 reference(s) missing")
-                .arg(pass, input.slot)
-                .arg(input.surplusBefore - surplus));
+                .arg(pass, input.slot, QString::number(input.surplusBefore - surplus)));
     }
 }
 
@@ -104,10 +102,7 @@ void ReferenceLedger::checkOutput(const QString &pass, const Port &output, Held 
         entryOf(output.texture).broken = true;
         faults->append(
             QStringLiteral("pass '%1' left %2 reference(s) on the texture of its output '%3', which has %4 user(s)")
-                .arg(pass)
-                .arg(refs)
-                .arg(output.slot)
-                .arg(output.users));
+                .arg(pass, QString::number(refs), output.slot, QString::number(output.users)));
     } else if (refs > owed) {
         held.textures.push_back(output.texture);
     }
@@ -120,9 +115,7 @@ void ReferenceLedger::checkOutput(const QString &pass, const Port &output, Held 
         held.reported = true;
         faults->append(
             QStringLiteral("pass '%1' keeps %2 references on textures of its output '%3', and the number grows")
-                .arg(pass)
-                .arg(kept)
-                .arg(output.slot));
+                .arg(pass, QString::number(kept), output.slot));
     }
 }
 

@@ -338,7 +338,8 @@ QStringList TextureManager::leakedReferences() const
     if (const GroupTextures *group = d->current()) {
         for (const auto &entry : group->pool) {
             if (entry->refs > 0)
-                lines.append(QStringLiteral("%1: %2 references").arg(entry->texture->label()).arg(entry->refs));
+                lines.append(
+                    QStringLiteral("%1: %2 references").arg(entry->texture->label(), QString::number(entry->refs)));
         }
     }
     return lines;
@@ -349,11 +350,10 @@ Texture *TextureManager::textureFromFile(const QString &path, const TextureOptio
     GroupTextures *group = d->current();
     if (!group)
         return nullptr;
+    // The path comes last: what else there is has no place in it to be taken for.
     const QString key = QStringLiteral("%1|%2|%3|%4")
-                            .arg(path)
-                            .arg(options.maxSize)
-                            .arg(double(options.gamma))
-                            .arg(int(options.mipmaps));
+                            .arg(QString::number(options.maxSize), QString::number(double(options.gamma), 'g', 9),
+                                 QString::number(int(options.mipmaps)), path);
     const auto known = group->files.constFind(key);
     if (known != group->files.cend())
         return *known;

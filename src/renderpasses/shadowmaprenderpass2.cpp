@@ -481,8 +481,8 @@ ShaderProgram *ShadowMapRenderPass2::_buildDepthProgram() const
         vertex = &kWorldVertexShader;
         geometry = &kBatchGeometryShader;
     }
-    const QString defines =
-        kCasterDefines.arg(_instanceDataPlanName).arg(_batchSize).arg(_renderData.transforms.size());
+    const QString defines = kCasterDefines.arg(_instanceDataPlanName, QString::number(_batchSize),
+                                               QString::number(_renderData.transforms.size()));
     const QString utilities = QStringLiteral("KvoUtilities.glslc");
     ProgramRecipe recipe{QStringLiteral("ShadowMapRenderPass2"),
                          {QStringLiteral("out_fragDepth")},

@@ -368,6 +368,8 @@ TEST_F(TexturePoolTest, LeakedReferencesAreListedWithLabelAndCount)
     EXPECT_TRUE(leaked.first().contains(texture->label())) << qPrintable(leaked.first());
     EXPECT_TRUE(leaked.first().contains(QStringLiteral("4x6"))) << qPrintable(leaked.first());
     EXPECT_TRUE(leaked.first().contains(QStringLiteral("3 "))) << qPrintable(leaked.first());
+    texture->setLabel(QStringLiteral("half %2 %1"));
+    EXPECT_EQ(manager().leakedReferences(), QStringList(QStringLiteral("half %2 %1: 3 references")));
     manager().releaseTempTextureRef(texture, 3);
     EXPECT_TRUE(manager().leakedReferences().isEmpty());
 }
@@ -457,6 +459,25 @@ TEST_F(CachedTextureTest, FileIsCachedUnderItsPathAndOptions)
     EXPECT_EQ(calls.created(), 0);
     options.gamma = 2.0f;
     EXPECT_NE(manager().textureFromFile(path, options), texture);
+}
+
+TEST_F(CachedTextureTest, PathsThatLookLikeMarkersAreToldApart)
+{
+    const std::pair<const char *, QColor> files[] = {{"wall0.png", Qt::red},   {"wall1.png", Qt::green},
+                                                     {"wall%2.png", Qt::blue}, {"wall%3.png", Qt::yellow},
+                                                     {"wall%1.png", Qt::cyan}, {"wall%4.png", Qt::magenta}};
+    for (const auto &[file, color] : files) {
+        QImage image(1, 1, QImage::Format_RGBA8888);
+        image.fill(color);
+        save(file, image);
+    }
+    for (const auto &[file, color] : files) {
+        Texture *texture = manager().textureFromFile(directory.filePath(QLatin1String(file)));
+        ASSERT_NE(texture, nullptr) << file;
+        EXPECT_TRUE(isPixel(readTexture<quint8>(texture), 0, 0,
+                            {double(color.red()), double(color.green()), double(color.blue()), 255}, 0))
+            << file;
+    }
 }
 
 TEST_F(CachedTextureTest, UnreadableFileGivesNullAndOneMessage)

@@ -70,8 +70,7 @@ QString describe(const SceneSettings &settings)
     QStringList parts;
     for (const auto &[material, opacity] : settings.opacities)
         parts << QStringLiteral("%1 at an opacity of %2")
-                     .arg(material.isEmpty() ? QStringLiteral("all") : material)
-                     .arg(double(opacity));
+                     .arg(material.isEmpty() ? QStringLiteral("all") : material, QString::number(double(opacity)));
     if (settings.scale == SceneSettings::kScaleToFit)
         parts << QStringLiteral("scaled to %1 units").arg(double(kFittingSide));
     else if (settings.scale != 1.0f)
@@ -133,8 +132,8 @@ int Gallery::run()
                               run.model.isEmpty() ? QString() : QStringLiteral(" on %1").arg(run.model),
                               failure.section(QLatin1Char('\n'), 0, 0)));
         progress(QStringLiteral("%1: %2 in %3 s")
-                     .arg(entry.file.name, entry.ok() ? QStringLiteral("done") : QStringLiteral("failed"))
-                     .arg(double(timer.elapsed()) / 1000.0, 0, 'f', 2));
+                     .arg(entry.file.name, entry.ok() ? QStringLiteral("done") : QStringLiteral("failed"),
+                          QString::number(double(timer.elapsed()) / 1000.0, 'f', 2)));
     }
     if (writePage())
         progress(QStringLiteral("wrote %1").arg(pathOf(QStringLiteral("index.html"))));
@@ -231,9 +230,9 @@ bool Gallery::loadModels()
         model->fileName = plain(model->name);
         // Two files of one name.
         for (int i = 2; taken.contains(model->fileName); ++i)
-            model->fileName = QStringLiteral("%1-%2").arg(plain(model->name)).arg(i);
+            model->fileName = QStringLiteral("%1-%2").arg(plain(model->name), QString::number(i));
         taken << model->fileName;
-        progress(QStringLiteral("read %1: %2 triangles").arg(file).arg(report.triangles));
+        progress(QStringLiteral("read %1: %2 triangles").arg(file, QString::number(report.triangles)));
         _models.push_back(std::move(model));
     }
     return true;
