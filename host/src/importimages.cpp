@@ -1,5 +1,7 @@
 #include "importimages.h"
 
+#include "gl/imageend.h"
+
 #include <QBuffer>
 #include <QFileInfo>
 #include <QImageReader>
@@ -16,6 +18,8 @@ QImage decode(QIODevice *device, QString *reason)
     QImageReader reader(device);
     // The content decides, whatever the name says.
     reader.setDecideFormatFromContent(true);
+    if (!holdsWholeImage(*device, reader.format(), reason))
+        return QImage();
     QImage image = reader.read();
     if (image.isNull())
         *reason = reader.errorString();

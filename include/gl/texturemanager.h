@@ -113,7 +113,8 @@ public:
     QStringList leakedReferences() const;
 
     /// A texture loaded from a file and cached under its path and options. Null for a file that
-    /// cannot be read, with one message per path. Rows are stored bottom first, as GL wants them.
+    /// cannot be read, a file that was cut off included, with one message per path. Rows are stored bottom first,
+    /// as GL wants them; the image is turned as its metadata (EXIF) say.
     virtual Texture *textureFromFile(const QString &path, const TextureOptions &options = TextureOptions());
     /// A cached 1 by 1 texture of a colour.
     virtual Texture *solidTexture(const QColor &color);

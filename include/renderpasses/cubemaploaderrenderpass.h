@@ -28,7 +28,8 @@ class Texture;
 /// | 0 | Kvo_KvoTexture*_Cubemap   | cube map, GL_RGBA with mip levels, linear filters, clamped to the edge |
 ///
 /// Faces are stored top row first, as cube maps have them: seen from the middle of the cube, with +y up
-/// for the four faces around, every image stands upright and mirrored left to right.
+/// for the four faces around, every image stands upright and mirrored left to right. An
+/// orientation in the metadata (EXIF) is not followed.
 ///
 /// A face whose path is no file becomes a single transparent black texel; so does one whose file cannot
 /// be read, is too large for the driver or is not square, with one message per file. A cube map whose

@@ -25,7 +25,7 @@ class Texture;
 /// A path that is no file gives a single white texel; so does a file that cannot be read or is too large
 /// for the driver, with one message. The path counts as loaded either way: a file that changes, or turns
 /// up later, is read when the path changes. An empty path before any other leaves the texture without
-/// content.
+/// content. Rows are taken as they are stored, whatever orientation the metadata (EXIF) say.
 ///
 /// Loading happens inside start, on the GL thread. The pass owns the texture, which the library never
 /// writes to. Needs OpenGL 3.2.

@@ -1,11 +1,10 @@
 #include "gl/imagefile.h"
 
+#include "gl/imageend.h"
+
 #include <QFile>
 #include <QFileInfo>
 #include <QImageReader>
-#include <QtEndian>
-
-#include <algorithm>
 
 namespace Brevane::Kvo {
 
@@ -19,38 +18,6 @@ qint64 decodedBytes(const QImageReader &reader)
         return 0;
     const int depth = qMax(32, int(QImage::toPixelFormat(reader.imageFormat()).bitsPerPixel()));
     return qint64(size.width()) * size.height() * depth / 8;
-}
-
-// Of the data of a JPEG file, the last marker of a kind; -1 without one. Read from the end in blocks.
-qint64 lastMarker(QFile &file, char kind)
-{
-    constexpr qint64 kBlock = 1 << 16;
-    const char marker[] = {'\xff', kind};
-    for (qint64 end = file.size(); end > 1;) {
-        const qint64 begin = std::max<qint64>(0, end - kBlock);
-        if (!file.seek(begin))
-            return -1;
-        const QByteArray block = file.read(end - begin);
-        if (const qsizetype at = block.lastIndexOf(QByteArrayView(marker, 2)); at >= 0)
-            return begin + at;
-        end = begin > 0 ? begin + 1 : 0; // a marker may lie across
-    }
-    return -1;
-}
-
-// Whether the end of the file is missing, in the formats of which Qt then makes up the rest of the image.
-bool isCutOff(const QString &path, const QByteArray &format)
-{
-    QFile file(path);
-    if (format == "jpeg" && file.open(QIODevice::ReadOnly)) {
-        // Behind the last start of a scan an end of image can only be that.
-        return lastMarker(file, '\xd9') < lastMarker(file, '\xda');
-    }
-    if (format == "bmp" && file.open(QIODevice::ReadOnly)) {
-        const QByteArray header = file.read(6);
-        return header.size() < 6 || qFromLittleEndian<quint32>(header.constData() + 2) > file.size();
-    }
-    return false;
 }
 
 // The most bytes that a file of an image takes: more than any format makes of it, and room for what cameras
@@ -91,10 +58,8 @@ QImage readImageFile(const QString &path, ImageTurn turn, QString *error)
     }
     if (bytes > 0 && isTooLong(bytes))
         return QImage();
-    if (isCutOff(path, reader.format())) {
-        *error = QStringLiteral("the end of the file is missing");
+    if (QFile file(path); file.open(QIODevice::ReadOnly) && !holdsWholeImage(file, reader.format(), error))
         return QImage();
-    }
     QImage image = reader.read();
     if (image.isNull())
         *error = reader.errorString();

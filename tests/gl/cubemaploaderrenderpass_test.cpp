@@ -112,6 +112,14 @@ TEST_F(CubemapLoader, EveryPathGoesToItsFaceTopRowFirst)
     }
 }
 
+TEST_F(CubemapLoader, AnOrientationInTheMetadataIsNotFollowed)
+{
+    QStringList paths = writeSet("a", 8);
+    const QByteArray bytes = ImageFiles::turnedJpeg(ImageFiles::pattern(8, 8));
+    paths[2] = files.write("turned.jpg", bytes);
+    EXPECT_TRUE(sameImage(face(start(paths), 2), texelsOf(QImage::fromData(bytes, "jpg"), false), within(kExact)));
+}
+
 TEST_F(CubemapLoader, SamplingIsLinearAndClampedAndThereAreMipLevels)
 {
     Texture *cube = start(writeSet("a", 4));

@@ -68,6 +68,14 @@ TEST_F(TextureLoader, TheImageIsFlippedSoThatItsBottomRowComesFirst)
     EXPECT_FALSE(isSameImage(actual, texelsOf(image, false), within(kExact)));
 }
 
+TEST_F(TextureLoader, AnOrientationInTheMetadataIsNotFollowed)
+{
+    const QByteArray bytes = ImageFiles::turnedJpeg(ImageFiles::pattern(24, 8));
+    const QImage stored = QImage::fromData(bytes, "jpg");
+    ASSERT_EQ(stored.size(), QSize(24, 8));
+    EXPECT_TRUE(sameImage(texels(files.write("turned.jpg", bytes)), texelsOf(stored, true), within(kExact)));
+}
+
 TEST_F(TextureLoader, EveryFormatOfAnImageUploadsItsColours)
 {
     for (const QImage::Format format : pngFormats()) {

@@ -50,6 +50,14 @@ public:
         qToBigEndian(crc32(QByteArrayView(bytes).sliced(12, 17)), bytes.data() + 29);
         return bytes;
     }
+    /// A JPEG file whose metadata say that the picture is seen upright after a quarter turn to the right.
+    static QByteArray turnedJpeg(const QImage &image)
+    {
+        // A TIFF header of big endian with one entry: orientation (0x112), one short, 6.
+        constexpr char kExif[] = "\xff\xe1\x00\x22"
+                                 "Exif\0\0MM\0\x2a\0\0\0\x08\0\x01\x01\x12\0\x03\0\0\0\x01\0\x06\0\0\0\0\0";
+        return encoded(image, "jpg").insert(2, QByteArrayView(kExif, sizeof kExif - 1));
+    }
     /// Files that are no image, by what is wrong with them.
     static std::vector<std::pair<const char *, QByteArray>> badFiles()
     {
