@@ -1,6 +1,8 @@
 # What `cmake --install` puts where, and the check that every installed header compiles alone.
 
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ ${PROJECT_SOURCE_DIR}/host/include/
+file(GLOB host_includes CONFIGURE_DEPENDS LIST_DIRECTORIES true ${PROJECT_SOURCE_DIR}/host/*/include)
+list(TRANSFORM host_includes APPEND / OUTPUT_VARIABLE host_contents)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ ${host_contents}
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kvo
   FILES_MATCHING PATTERN "*.h")
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/pipelines
@@ -8,7 +10,7 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/pipelines
   FILES_MATCHING PATTERN "*.json" PATTERN "*.frag" PATTERN "*.vert" PATTERN "*.geom" PATTERN "*.png")
 install(FILES ${PROJECT_SOURCE_DIR}/LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
-# How far the library folder lies below the prefix: programs find the libraries, and kvo.pc the prefix,
+# How far the library folder lies below the prefix: programs find the libraries, and the pkg-config files the prefix,
 # by relative paths, so that an installed tree can be moved.
 file(RELATIVE_PATH bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
 file(RELATIVE_PATH KVO_PC_TO_PREFIX ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
@@ -33,14 +35,27 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/KvoConfigVersion.cmake CO
 install(FILES ${PROJECT_BINARY_DIR}/KvoConfig.cmake ${PROJECT_BINARY_DIR}/KvoConfigVersion.cmake
   DESTINATION ${package_dir})
 
-configure_file(${PROJECT_SOURCE_DIR}/cmake/kvo.pc.in ${PROJECT_BINARY_DIR}/kvo.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/kvo.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+# kvo.pc is everything; kvo-passes.pc is what needs no host's side, and each library of that has its own.
+function(kvo_pkg_config name description requires libs)
+  set(KVO_PC_NAME ${name})
+  set(KVO_PC_DESCRIPTION ${description})
+  set(KVO_PC_REQUIRES ${requires})
+  set(KVO_PC_LIBS ${libs})
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/kvo.pc.in ${PROJECT_BINARY_DIR}/${name}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endfunction()
+kvo_pkg_config(kvo-passes "${PROJECT_DESCRIPTION}" "Qt6Core >= 6.4, Qt6Gui >= 6.4" "-lKvoRenderPasses -lKvoGL -lKvoCore")
+kvo_pkg_config(kvo-pipeline "Chains of Kvo render passes, from code and from files" kvo-passes -lKvoPipeline)
+kvo_pkg_config(kvo-images "Pictures and values of Kvo's textures" kvo-passes -lKvoImages)
+kvo_pkg_config(kvo-scene "Models, cameras and lights for Kvo render passes" "kvo-pipeline, kvo-images" -lKvoScene)
+kvo_pkg_config(kvo-headless "OpenGL without a window for Kvo render passes" kvo-images -lKvoHeadless)
+kvo_pkg_config(kvo "${PROJECT_DESCRIPTION}" "kvo-pipeline, kvo-images, kvo-scene, kvo-headless" "")
 
 # One source per public header, which includes nothing else. A GL header that came along would show in
 # GL_VERSION_1_1, which all of them define.
 if(KVO_BUILD_TESTS)
   file(GLOB_RECURSE public_headers CONFIGURE_DEPENDS
-    ${PROJECT_SOURCE_DIR}/include/*.h ${PROJECT_SOURCE_DIR}/host/include/*.h)
+    ${PROJECT_SOURCE_DIR}/include/*.h ${PROJECT_SOURCE_DIR}/host/*/include/*.h)
   set(check_sources)
   foreach(header IN LISTS public_headers)
     string(REGEX REPLACE "^.*/include/" "" name ${header})
@@ -55,6 +70,6 @@ if(KVO_BUILD_TESTS)
   endforeach()
   add_library(kvo_header_check OBJECT ${check_sources})
   set_target_properties(kvo_header_check PROPERTIES AUTOMOC OFF)
-  target_include_directories(kvo_header_check PRIVATE ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/host/include)
+  target_include_directories(kvo_header_check PRIVATE ${PROJECT_SOURCE_DIR}/include ${host_includes})
   target_link_libraries(kvo_header_check PRIVATE Qt6::Core Qt6::Gui kvo_options)
 endif()

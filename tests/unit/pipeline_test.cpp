@@ -126,6 +126,36 @@ TEST_F(PipelineTest, RefusesTheLinkThatClosesACycleAndNamesItsPassesInTheDirecti
     EXPECT_EQ(pipeline.order(), (QStringList{s("B"), s("C"), s("Outside"), s("A")}));
 }
 
+TEST_F(PipelineTest, BindsWhatEveryPassAsksForUnlessItIsGiven)
+{
+    for (const char *name : {"ModelRenderPass", "GBufferRenderPass", "ScalableAmbientObscuranceRenderPass"})
+        ASSERT_TRUE(pipeline.add(s(name), s(name)));
+    ASSERT_TRUE(pipeline.setValue(s("GBufferRenderPass"), s("Viewport"), QRect(0, 0, 4, 4)));
+    // Model: viewport, projection, camera, geometry. G-buffer: the matrices; its geometry is no model.
+    // Obscurance: the same without a model, and the clip planes.
+    EXPECT_EQ(pipeline.bindStandard(), 4 + 2 + 5);
+    const std::pair<const char *, const char *> expected[] = {
+        {"ModelRenderPass.Viewport", "@viewport"},
+        {"ModelRenderPass.CameraMatrix", "@camera"},
+        {"ModelRenderPass.ProjectionMatrix", "@projection"},
+        {"ModelRenderPass.Geometry", "@model"},
+        {"GBufferRenderPass.Viewport", ""},
+        {"GBufferRenderPass.CameraMatrix", "@camera"},
+        {"GBufferRenderPass.ProjectionMatrix", "@projection"},
+        {"GBufferRenderPass.Geometry", ""},
+        {"ScalableAmbientObscuranceRenderPass.Viewport", "@viewport"},
+        {"ScalableAmbientObscuranceRenderPass.CameraMatrix", "@camera"},
+        {"ScalableAmbientObscuranceRenderPass.ProjectionMatrix", "@projection"},
+        {"ScalableAmbientObscuranceRenderPass.NearPlane", "@near"},
+        {"ScalableAmbientObscuranceRenderPass.FarPlane", "@far"},
+    };
+    for (const auto &[input, source] : expected) {
+        const QStringList parts = s(input).split(QLatin1Char('.'));
+        EXPECT_EQ(pipeline.source(parts[0], parts[1]), s(source)) << input;
+    }
+    EXPECT_EQ(pipeline.bindStandard(), 0) << "all of them are bound";
+}
+
 TEST_F(PipelineTest, RefusesToLinkAPassToItself)
 {
     add("A");

@@ -1,0 +1,34 @@
+#pragma once
+
+#include "host/export.h"
+
+#include <QString>
+#include <QStringList>
+
+namespace Brevane::Kvo {
+
+/// The name of a slot, taken apart: "Kvo_<type>_<name>".
+///
+/// "Kvo_QList_KvoShadowMapManagerLight*_Lights" is the type "QList" of elements
+/// "KvoShadowMapManagerLight*" under the name "Lights". A name without the prefix is all name, and its
+/// type is empty: unknown.
+struct KVO_PIPELINE_EXPORT SlotName
+{
+    QString type;
+    QString elementType;
+    QString name;
+
+    static SlotName parse(const QString &slot);
+};
+
+/// Whether a value of one slot fits another, going by the type words of their names. Spellings of one
+/// type agree ("float" and "Float", "string" and "QString"); an unknown type and "QVariant" fit all.
+KVO_PIPELINE_EXPORT bool slotTypesMatch(const QString &slot, const QString &otherSlot);
+
+/// The candidate that is most like a misspelt name, or an empty string when none is.
+KVO_PIPELINE_EXPORT QString nearestName(const QString &name, const QStringList &candidates);
+
+/// "; did you mean 'X'?" with the nearest candidate, or an empty string: the end of an error message.
+KVO_PIPELINE_EXPORT QString nearestNameHint(const QString &name, const QStringList &candidates);
+
+} // namespace Brevane::Kvo

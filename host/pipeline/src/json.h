@@ -1,0 +1,48 @@
+#pragma once
+
+#include "host/export.h"
+
+#include <QByteArray>
+#include <QString>
+
+#include <utility>
+#include <vector>
+
+namespace Brevane::Kvo {
+
+/// A JSON value that remembers the line it stands on.
+struct Json
+{
+    enum class Type { Null, Bool, Number, String, Array, Object };
+    struct Member;
+
+    Type type = Type::Null;
+    int line = 1;
+    bool boolean = false;
+    double number = 0.0;
+    QString string;
+    std::vector<Json> elements;
+    std::vector<Member> members; ///< In the order of the text; a key that stands twice is kept twice.
+
+    bool isNull() const { return type == Type::Null; }
+    bool isNumber() const { return type == Type::Number; }
+    bool isString() const { return type == Type::String; }
+    bool isArray() const { return type == Type::Array; }
+    bool isObject() const { return type == Type::Object; }
+    /// The last member of that name, or null.
+    KVO_PIPELINE_EXPORT const Json *member(const QString &key) const;
+    /// "a number", "a string" … for messages.
+    KVO_PIPELINE_EXPORT QString describe() const;
+
+    /// Parses a whole text. On failure gives false, with the line and the reason.
+    KVO_PIPELINE_EXPORT static bool parse(const QByteArray &text, Json *result, int *errorLine, QString *error);
+};
+
+struct Json::Member
+{
+    QString key;
+    int line = 1;
+    Json value;
+};
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,224 @@
+#include "host/passfactory.h"
+
+#include "passkit/statetable.h"
+#include "passrows.h"
+#include "renderpasses/backgroundimagerenderpass.h"
+#include "renderpasses/blendrenderpass.h"
+#include "renderpasses/blurandcombinerenderpass.h"
+#include "renderpasses/camerajitterpass.h"
+#include "renderpasses/cameraspacezbufferrenderpass.h"
+#include "renderpasses/cubemaploaderrenderpass.h"
+#include "renderpasses/deferredrenderpass.h"
+#include "renderpasses/depthoffieldrenderpass.h"
+#include "renderpasses/fastapproximateantialiasingrenderpass.h"
+#include "renderpasses/forwardrenderpass.h"
+#include "renderpasses/gaussianblurrenderpass.h"
+#include "renderpasses/gbufferrenderpass.h"
+#include "renderpasses/gradientrenderpass.h"
+#include "renderpasses/luminanceaveragerenderpass.h"
+#include "renderpasses/modeldeferredpass.h"
+#include "renderpasses/modelrenderpass.h"
+#include "renderpasses/primitivebuilderrenderpass.h"
+#include "renderpasses/scalableambientobscurancerenderpass.h"
+#include "renderpasses/shaderrenderpass.h"
+#include "renderpasses/shadowmaprenderpass.h"
+#include "renderpasses/shadowmaprenderpass2.h"
+#include "renderpasses/skyboxrenderpass.h"
+#include "renderpasses/smaarenderpass.h"
+#include "renderpasses/stencilblurandblendrenderpass.h"
+#include "renderpasses/temporalaarenderpass.h"
+#include "renderpasses/textureloaderrenderpass.h"
+#include "renderpasses/texturetoscreenrenderpass.h"
+#include "renderpasses/transparencyrenderpass.h"
+#include "renderpasses/visibilitybufferrenderpass.h"
+#include "renderpasses/visibilitydeferredrenderpass.h"
+#include "renderpasses/visibilitysortrenderpass.h"
+#include "renderpasses/wireframerenderpass.h"
+
+#include <typeinfo>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+template <typename Pass>
+std::unique_ptr<RenderPass> makePass()
+{
+    return std::make_unique<Pass>();
+}
+
+struct Entry
+{
+    const char *className;
+    PassFactory::Maker maker;
+    bool (*isExactly)(const RenderPass &pass);
+};
+
+template <typename Pass>
+bool isExactly(const RenderPass &pass)
+{
+    return typeid(pass) == typeid(Pass);
+}
+
+template <typename Pass>
+constexpr Entry entry(const char *className)
+{
+    return {className, makePass<Pass>, isExactly<Pass>};
+}
+
+// A new pass takes an include above and a line here.
+constexpr Entry kPasses[] = {
+    entry<BackgroundImageRenderPass>("BackgroundImageRenderPass"),
+    entry<BlendRenderPass>("BlendRenderPass"),
+    entry<BlurAndCombineRenderPass>("BlurAndCombineRenderPass"),
+    entry<CameraJitterPass>("CameraJitterPass"),
+    entry<CameraSpaceZBufferRenderPass>("CameraSpaceZBufferRenderPass"),
+    entry<DeferredRenderPass>("DeferredRenderPass"),
+    entry<CubemapLoaderRenderPass>("CubemapLoaderRenderPass"),
+    entry<DepthOfFieldRenderPass>("DepthOfFieldRenderPass"),
+    entry<FastApproximateAntiAliasingRenderPass>("FastApproximateAntiAliasingRenderPass"),
+    entry<ForwardRenderPass>("ForwardRenderPass"),
+    entry<GBufferRenderPass>("GBufferRenderPass"),
+    entry<GaussianBlurRenderPass>("GaussianBlurRenderPass"),
+    entry<GradientRenderPass>("GradientRenderPass"),
+    entry<LuminanceAverageRenderPass>("LuminanceAverageRenderPass"),
+    entry<ModelDeferredPass>("ModelDeferredPass"),
+    entry<ModelRenderPass>("ModelRenderPass"),
+    entry<PrimitiveBuilderRenderPass>("PrimitiveBuilderRenderPass"),
+    entry<ScalableAmbientObscuranceRenderPass>("ScalableAmbientObscuranceRenderPass"),
+    entry<SMAARenderPass>("SMAARenderPass"),
+    entry<ShaderRenderPass>("ShaderRenderPass"),
+    entry<ShadowMapRenderPass>("ShadowMapRenderPass"),
+    entry<ShadowMapRenderPass2>("ShadowMapRenderPass2"),
+    entry<SkyboxRenderPass>("SkyboxRenderPass"),
+    entry<StencilBlurAndBlendRenderPass>("StencilBlurAndBlendRenderPass"),
+    entry<TemporalAARenderPass>("TemporalAARenderPass"),
+    entry<TextureLoaderRenderPass>("TextureLoaderRenderPass"),
+    entry<TextureToScreenRenderPass>("TextureToScreenRenderPass"),
+    entry<TransparencyRenderPass>("TransparencyRenderPass"),
+    entry<VisibilityBufferRenderPass>("VisibilityBufferRenderPass"),
+    entry<VisibilityDeferredRenderPass>("VisibilityDeferredRenderPass"),
+    entry<VisibilitySortRenderPass>("VisibilitySortRenderPass"),
+    entry<WireframeRenderPass>("WireframeRenderPass"),
+};
+
+// Adds a slot, by its name, to a pass whose slots the host names.
+template <bool isInput>
+PassOperation slotOperation()
+{
+    return {isInput ? QStringLiteral("addInput") : QStringLiteral("addOutput"),
+            {QStringLiteral("QString")},
+            [](RenderPass &pass, const QVariantList &arguments) {
+                auto *target = dynamic_cast<ShaderRenderPass *>(&pass);
+                if (!target || arguments.size() != 1)
+                    return false;
+                if constexpr (isInput)
+                    target->addInput(arguments.first().toString());
+                else
+                    target->addOutput(arguments.first().toString());
+                return true;
+            }};
+}
+
+} // namespace
+
+// A setter that pipeline files shall reach takes a line here.
+void PassFactory::addOperations()
+{
+    const auto add = [this](const char *className, const PassOperation &operation) {
+        addOperation(QLatin1StringView(className), operation);
+    };
+    add("ModelRenderPass",
+        passOperation<&ModelRenderPass::setDiscardOnDiffuseAlpha>(QStringLiteral("setDiscardOnDiffuseAlpha")));
+    add("PrimitiveBuilderRenderPass", passOperation<&PrimitiveBuilderRenderPass::addCube>(QStringLiteral("addCube")));
+    add("PrimitiveBuilderRenderPass", passOperation<&PrimitiveBuilderRenderPass::addQuad>(QStringLiteral("addQuad")));
+    add("PrimitiveBuilderRenderPass", passOperation<&PrimitiveBuilderRenderPass::setUseIndirectDrawCommands>(
+                                          QStringLiteral("setUseIndirectDrawCommands")));
+    add("ScalableAmbientObscuranceRenderPass", passOperation<&ScalableAmbientObscuranceRenderPass::setNormalProcessing>(
+                                                   QStringLiteral("setNormalProcessing")));
+    add("ShadowMapRenderPass",
+        passOperation<&ShadowMapRenderPass::setInstanceDataPlanName>(QStringLiteral("setInstanceDataPlanName")));
+    add("ShadowMapRenderPass2",
+        passOperation<&ShadowMapRenderPass2::setInstanceDataPlanName>(QStringLiteral("setInstanceDataPlanName")));
+    add("ShaderRenderPass", passOperation<&ShaderRenderPass::setName>(QStringLiteral("setName")));
+    add("ShaderRenderPass",
+        passOperation<&ShaderRenderPass::setVertexShaderSource>(QStringLiteral("setVertexShaderSource")));
+    add("ShaderRenderPass",
+        passOperation<&ShaderRenderPass::setFragmentShaderSource>(QStringLiteral("setFragmentShaderSource")));
+    add("ShaderRenderPass",
+        passOperation<&ShaderRenderPass::setGeometryShaderSource>(QStringLiteral("setGeometryShaderSource")));
+    add("ShaderRenderPass", passOperation<&ShaderRenderPass::setTessellationControlShaderSource>(
+                                QStringLiteral("setTessellationControlShaderSource")));
+    add("ShaderRenderPass", passOperation<&ShaderRenderPass::setTessellationEvaluationShaderSource>(
+                                QStringLiteral("setTessellationEvaluationShaderSource")));
+    add("ShaderRenderPass", passOperation<&ShaderRenderPass::setClear>(QStringLiteral("setClear")));
+    add("ShaderRenderPass", passOperation<&ShaderRenderPass::setBlend>(QStringLiteral("setBlend")));
+    add("ShaderRenderPass", slotOperation<true>());
+    add("ShaderRenderPass", slotOperation<false>());
+}
+
+const StateRow *stateRowOf(const RenderPass &pass)
+{
+    for (const Entry &entry : kPasses) {
+        if (entry.isExactly(pass))
+            return findStateRow(entry.className);
+    }
+    return nullptr;
+}
+
+PassFactory &passFactory()
+{
+    static PassFactory factory;
+    return factory;
+}
+
+PassFactory::PassFactory()
+{
+    for (const Entry &entry : kPasses)
+        add(QLatin1StringView(entry.className), entry.maker);
+    addOperations();
+}
+
+std::unique_ptr<RenderPass> PassFactory::make(const QString &className) const
+{
+    const auto found = _makers.find(className);
+    return found == _makers.end() ? nullptr : found->second();
+}
+
+bool PassFactory::knows(const QString &className) const
+{
+    return _makers.count(className) > 0;
+}
+
+QStringList PassFactory::classNames() const
+{
+    QStringList names;
+    for (const auto &[name, maker] : _makers)
+        names << name;
+    return names;
+}
+
+bool PassFactory::add(const QString &className, Maker maker)
+{
+    return !className.isEmpty() && maker && _makers.emplace(className, maker).second;
+}
+
+bool PassFactory::addOperation(const QString &className, const PassOperation &operation)
+{
+    if (!knows(className) || operation.name.isEmpty() || !operation.call)
+        return false;
+    QVector<PassOperation> &known = _operations[className];
+    for (const PassOperation &other : std::as_const(known))
+        if (other.name == operation.name)
+            return false;
+    known.append(operation);
+    return true;
+}
+
+QVector<PassOperation> PassFactory::operations(const QString &className) const
+{
+    const auto found = _operations.find(className);
+    return found == _operations.end() ? QVector<PassOperation>() : found->second;
+}
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,484 @@
+#include "host/pipeline.h"
+
+#include "core/renderpass.h"
+#include "failure.h"
+#include "gl/framebufferobject.h"
+#include "host/passfactory.h"
+#include "host/slotname.h"
+#include "host/slotvalue.h"
+#include "hostvalues.h"
+#include "model/gpumodel.h"
+#include "passgraph.h"
+#include "pipelineframe.h"
+
+#include <QMatrix4x4>
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+// "Pass.Slot", taken apart at its first dot.
+bool parseEnd(const QString &end, QString *pass, QString *slot, QString *error)
+{
+    *pass = end.section(QLatin1Char('.'), 0, 0);
+    *slot = end.section(QLatin1Char('.'), 1);
+    return end.contains(QLatin1Char('.')) || fail(error, QStringLiteral("'%1' is not of the form PASS.SLOT").arg(end));
+}
+
+// What to do about a class that the factory does not know.
+QString hintFor(const QString &className)
+{
+    if (className == QLatin1StringView("ShadowLightingPass"))
+        return QStringLiteral("; it is in the library KvoScene: link it, see registerScene");
+    return nearestNameHint(className, passFactory().classNames());
+}
+
+} // namespace
+
+class PipelinePrivate
+{
+public:
+    Node *append(std::unique_ptr<Node> node);
+    QString sourceName(const Source &source) const;
+
+    PassGraph graph;
+    HostValues hosts;
+    PipelineFrame frame{graph, hosts};
+};
+
+Node *PipelinePrivate::append(std::unique_ptr<Node> node)
+{
+    node->timer.setHistory(frame.history);
+    return graph.append(std::move(node));
+}
+
+QString PipelinePrivate::sourceName(const Source &source) const
+{
+    if (const auto *host = std::get_if<HostSource>(&source))
+        return QLatin1Char('@') + hosts.name(host->host) + host->parts.text();
+    if (const auto *link = std::get_if<LinkSource>(&source))
+        return link->from->name + QLatin1Char('.') + link->from->pass->outputName(link->output);
+    return QString();
+}
+
+Pipeline::Pipeline() : d(new PipelinePrivate) {}
+
+Pipeline::~Pipeline()
+{
+    d->frame.destroyPasses();
+}
+
+bool Pipeline::add(const QString &name, std::unique_ptr<RenderPass> pass, QString *error)
+{
+    if (!d->graph.checkNewName(name, error))
+        return false;
+    if (!pass)
+        return fail(error, QStringLiteral("there is no pass to add as '%1'").arg(name));
+    d->append(PassGraph::makeNode(name, std::move(pass)));
+    return true;
+}
+
+bool Pipeline::add(const QString &name, const QString &className, QString *error)
+{
+    if (!d->graph.checkNewName(name, error))
+        return false;
+    std::unique_ptr<RenderPass> pass = passFactory().make(className);
+    if (!pass)
+        return fail(error, QStringLiteral("there is no pass class '%1'%2").arg(className, hintFor(className)));
+    d->append(PassGraph::makeNode(name, std::move(pass)))->className = className;
+    return true;
+}
+
+bool Pipeline::insert(const QString &name, std::unique_ptr<RenderPass> pass, const QString &to, const QString &toSlot,
+                      const QString &inputSlot, const QString &outputSlot, QString *error)
+{
+    const InputPort target = d->graph.input(to, toSlot, error);
+    if (!target)
+        return false;
+    if (!target.link())
+        return fail(error, QStringLiteral("input '%1' of pass '%2' is not linked").arg(toSlot, to));
+    if (!d->graph.checkNewName(name, error))
+        return false;
+    if (!pass)
+        return fail(error, QStringLiteral("there is no pass to add as '%1'").arg(name));
+
+    // Added once both links are known to fit.
+    std::unique_ptr<Node> node = PassGraph::makeNode(name, std::move(pass));
+    const LinkSource before = *target.link();
+    const InputPort in = PassGraph::inputOf(node.get(), inputSlot, error);
+    const OutputPort out = in ? PassGraph::outputOf(node.get(), outputSlot, error) : OutputPort();
+    if (!out || !PassGraph::checkTypes({before.from, before.output}, in, error)
+        || !PassGraph::checkTypes(out, target, error))
+        return false;
+    d->append(std::move(node));
+    d->graph.set(in, before);
+    d->graph.set(target, LinkSource{out.node, out.index});
+    return true;
+}
+
+bool Pipeline::replace(const QString &name, std::unique_ptr<RenderPass> pass, QString *error)
+{
+    Node *node = d->graph.find(name, error);
+    if (!node)
+        return false;
+    if (!pass)
+        return fail(error, QStringLiteral("there is no pass to put in the place of '%1'").arg(name));
+    std::unique_ptr<RenderPass> before = d->graph.replace(node, std::move(pass), error);
+    if (!before)
+        return false;
+    d->frame.destroyPass(node, std::move(before));
+    node->timer.setHistory(d->frame.history);
+    return true;
+}
+
+bool Pipeline::remove(const QString &name, QString *error)
+{
+    Node *node = d->graph.find(name, error);
+    if (!node)
+        return false;
+    const std::unique_ptr<Node> taken = d->graph.take(node);
+    d->frame.destroyPass(node, std::move(taken->pass));
+    return true;
+}
+
+bool Pipeline::setClearColor(const QString &pass, const QColor &color, QString *error)
+{
+    Node *node = d->graph.find(pass, error);
+    if (!node)
+        return false;
+    node->clearColor = color;
+    return true;
+}
+
+bool Pipeline::rename(const QString &name, const QString &newName, QString *error)
+{
+    Node *node = d->graph.find(name, error);
+    if (!node || (name != newName && !d->graph.checkNewName(newName, error)))
+        return false;
+    node->name = newName;
+    node->label = newName.toUtf8();
+    return true;
+}
+
+RenderPass *Pipeline::pass(const QString &name) const
+{
+    const Node *node = d->graph.find(name);
+    return node ? node->pass.get() : nullptr;
+}
+
+QString Pipeline::className(const QString &name) const
+{
+    const Node *node = d->graph.find(name);
+    return node ? node->className : QString();
+}
+
+QStringList Pipeline::passNames() const
+{
+    QStringList names;
+    for (const auto &node : d->graph.nodes())
+        names << node->name;
+    return names;
+}
+
+QStringList Pipeline::order(QString * /*error*/) const
+{
+    QStringList names;
+    for (const Node *node : d->graph.order())
+        names << node->name;
+    return names;
+}
+
+bool Pipeline::connect(const QString &from, const QString &fromSlot, const QString &to, const QString &toSlot,
+                       QString *error)
+{
+    const OutputPort output = d->graph.output(from, fromSlot, error);
+    const InputPort input = output ? d->graph.input(to, toSlot, error) : InputPort();
+    return input && d->graph.link(output, input, error);
+}
+
+bool Pipeline::connect(const QString &from, const QString &to, QString *error)
+{
+    QString fromPass, fromSlot, toPass, toSlot;
+    return parseEnd(from, &fromPass, &fromSlot, error) && parseEnd(to, &toPass, &toSlot, error)
+           && connect(fromPass, fromSlot, toPass, toSlot, error);
+}
+
+bool Pipeline::bind(const QString &pass, const QString &slot, const QString &hostValue, QString *error)
+{
+    const InputPort input = d->graph.input(pass, slot, error);
+    if (!input)
+        return false;
+    const qsizetype bracket = hostValue.indexOf(QLatin1Char('['));
+    const QString name = bracket < 0 ? hostValue : hostValue.left(bracket);
+    HostSource source;
+    source.host = d->hosts.find(name, error);
+    if (source.host < 0)
+        return false;
+    const QString type = d->hosts.slot(source.host);
+    if (!slotTypesMatch(type, input.slot()))
+        return fail(error, QStringLiteral("cannot bind host value '%1' (%2) to '%3.%4' (%5)")
+                               .arg(name, typeText(type), pass, input.slot(), typeText(input.slot())));
+    QString reason;
+    if (bracket >= 0 && SlotName::parse(type).type != QLatin1StringView("QRect"))
+        return fail(
+            error, QStringLiteral("host value '%1' (%2) has no parts: only rectangles have").arg(name, typeText(type)));
+    if (bracket >= 0 && !source.parts.parse(hostValue.mid(bracket), &reason))
+        return fail(error, QStringLiteral("input '%1' of pass '%2': %3").arg(input.slot(), pass, reason));
+    d->graph.set(input, source);
+    return true;
+}
+
+int Pipeline::bindStandard()
+{
+    static constexpr std::pair<const char *, HostValues::Index> kStandard[] = {
+        {"Kvo_QRect_Viewport", HostValues::Viewport},
+        {"Kvo_QMatrix4x4_CameraMatrix", HostValues::Camera},
+        {"Kvo_QMatrix4x4_ProjectionMatrix", HostValues::Projection},
+        {"Kvo_float_NearPlane", HostValues::Near},
+        {"Kvo_float_FarPlane", HostValues::Far},
+        {"Kvo_KvoGPUModel*_Geometry", HostValues::Model},
+    };
+    int bound = 0;
+    for (const auto &node : d->graph.nodes()) {
+        for (int i = 0; i < node->pass->numInputs(); ++i) {
+            const QString slot = node->pass->inputName(i);
+            const auto *standard = std::find_if(std::begin(kStandard), std::end(kStandard),
+                                                [&](const auto &one) { return slot == QLatin1StringView(one.first); });
+            if (standard == std::end(kStandard) || !std::holds_alternative<DefaultSource>(node->source(i)))
+                continue;
+            HostSource source;
+            source.host = standard->second;
+            d->graph.set({node.get(), i}, source);
+            ++bound;
+        }
+    }
+    return bound;
+}
+
+bool Pipeline::setValue(const QString &pass, const QString &slot, const QVariant &value, QString *error)
+{
+    const InputPort input = d->graph.input(pass, slot, error);
+    if (input)
+        d->graph.set(input, ValueSource{value});
+    return bool(input);
+}
+
+bool Pipeline::setValueText(const QString &pass, const QString &slot, const QString &text, QString *error)
+{
+    if (text.startsWith(QLatin1Char('@')))
+        return bind(pass, slot, text.mid(1), error);
+    QString name;
+    QVariant hint, value;
+    QString reason;
+    if (!inputSlot(pass, slot, &name, &hint, error))
+        return false;
+    if (!parseSlotValue(name, text, &value, &reason, hint))
+        return fail(error, QStringLiteral("pass '%1': %2").arg(pass, reason));
+    return setValue(pass, name, value, error);
+}
+
+bool Pipeline::inputSlot(const QString &pass, const QString &slot, QString *fullName, QVariant *defaultValue,
+                         QString *error) const
+{
+    const InputPort input = d->graph.input(pass, slot, error);
+    if (!input)
+        return false;
+    *fullName = input.slot();
+    *defaultValue = input.node->pass->defaultValue(input.index);
+    return true;
+}
+
+bool Pipeline::reset(const QString &pass, const QString &slot, QString *error)
+{
+    const InputPort input = d->graph.input(pass, slot, error);
+    if (input)
+        d->graph.set(input, DefaultSource());
+    return bool(input);
+}
+
+QString Pipeline::source(const QString &pass, const QString &slot) const
+{
+    const InputPort input = d->graph.input(pass, slot, nullptr);
+    return input ? d->sourceName(input.source()) : QString();
+}
+
+QVector<PassInput> Pipeline::inputs(const QString &pass) const
+{
+    QVector<PassInput> result;
+    Node *node = d->graph.find(pass);
+    for (int i = 0; node && i < node->pass->numInputs(); ++i) {
+        PassInput input;
+        input.slot = node->pass->inputName(i);
+        const Source &source = node->source(i);
+        if (const auto *given = std::get_if<ValueSource>(&source)) {
+            input.kind = PassInput::Kind::Value;
+            input.value = given->value;
+        } else if (std::holds_alternative<HostSource>(source)) {
+            input.kind = PassInput::Kind::Host;
+            input.source = d->sourceName(source);
+        } else if (const auto *link = std::get_if<LinkSource>(&source)) {
+            input.kind = PassInput::Kind::Link;
+            input.source = link->from->pass->outputName(link->output);
+            input.sourcePass = link->from->name;
+        } else {
+            input.value = node->pass->defaultValue(i);
+        }
+        result << input;
+    }
+    return result;
+}
+
+bool Pipeline::uses(const QString &hostValue) const
+{
+    for (const auto &node : d->graph.nodes()) {
+        for (const Source &source : node->sources) {
+            const auto *host = std::get_if<HostSource>(&source);
+            if (host && d->hosts.name(host->host) == hostValue)
+                return true;
+        }
+    }
+    return false;
+}
+
+QStringList Pipeline::warnings() const
+{
+    QStringList result;
+    for (const auto &node : d->graph.nodes()) {
+        const int index = viewportInputOf(*node->pass);
+        if (index >= 0 && std::holds_alternative<DefaultSource>(node->source(index))
+            && node->pass->defaultValue(index).toRect().isEmpty())
+            result << QStringLiteral("pass '%1' has no viewport, so its pictures are empty").arg(node->name);
+    }
+    return result;
+}
+
+QVariant Pipeline::output(const QString &pass, const QString &slot, QString *error) const
+{
+    const OutputPort output = d->graph.output(pass, slot, error);
+    return output ? output.node->pass->output(output.index) : QVariant();
+}
+
+bool Pipeline::outputSlot(const QString &pass, const QString &slot, QString *fullName, QString *error) const
+{
+    const OutputPort output = d->graph.output(pass, slot, error);
+    if (output)
+        *fullName = output.slot();
+    return bool(output);
+}
+
+int Pipeline::users(const QString &pass, const QString &slot) const
+{
+    const OutputPort output = d->graph.output(pass, slot, nullptr);
+    return output ? d->graph.users({output.node, output.index}) : 0;
+}
+
+void Pipeline::setViewport(const QRect &viewport)
+{
+    d->hosts[HostValues::Viewport] = viewport;
+}
+
+void Pipeline::setCamera(const QMatrix4x4 &camera, const QMatrix4x4 &projection, float nearPlane, float farPlane)
+{
+    d->hosts[HostValues::Camera] = QVariant::fromValue(camera);
+    d->hosts[HostValues::Projection] = QVariant::fromValue(projection);
+    d->hosts[HostValues::Near] = nearPlane;
+    d->hosts[HostValues::Far] = farPlane;
+}
+
+void Pipeline::setModel(GPUModel *model, GPUModel *opaque)
+{
+    d->hosts[HostValues::Model] = QVariant::fromValue(model);
+    d->hosts[HostValues::Opaque] = QVariant::fromValue(opaque ? opaque : model);
+}
+
+void Pipeline::setScreen(FramebufferObject *screen)
+{
+    d->hosts[HostValues::Screen] = framebufferToVariant(screen);
+}
+
+bool Pipeline::setHostValue(const QString &name, const QVariant &value, QString *error)
+{
+    const int index = d->hosts.find(name, error);
+    if (index < 0)
+        return false;
+    d->hosts[index] = value;
+    return true;
+}
+
+QVariant Pipeline::hostValue(const QString &name) const
+{
+    return d->hosts.valueOf(name);
+}
+
+QStringList Pipeline::hostValueNames()
+{
+    return HostValues::fixedNames();
+}
+
+bool Pipeline::setup(RenderCallbacks *callbacks, QString *error)
+{
+    if (!contextIsCurrent())
+        return fail(error, QStringLiteral("no OpenGL context of version 3.2 or later is current"));
+    d->frame.setup(callbacks);
+    return true;
+}
+
+bool Pipeline::render(RenderCallbacks *callbacks, QString *error)
+{
+    if (!setup(callbacks, error))
+        return false;
+    d->frame.run(callbacks);
+    return true;
+}
+
+void Pipeline::teardown(RenderCallbacks *callbacks)
+{
+    d->frame.teardown(callbacks);
+}
+
+void Pipeline::teardownContextData(RenderCallbacks *callbacks)
+{
+    d->frame.teardownContextData(callbacks);
+}
+
+int Pipeline::frameNumber() const
+{
+    return d->frame.number;
+}
+
+void Pipeline::setPassObserver(std::function<void(const QString &, RenderPass *)> observer)
+{
+    d->frame.observer = std::move(observer);
+}
+
+QStringList Pipeline::faults() const
+{
+    return d->frame.faults;
+}
+
+void Pipeline::setPoolLimits(int idleFrames, qint64 bytes)
+{
+    d->frame.idleFrames = idleFrames;
+    d->frame.poolBytes = bytes;
+}
+
+void Pipeline::setTimingEnabled(bool enabled)
+{
+    d->frame.timing = enabled;
+}
+
+void Pipeline::setTimingHistory(int frames)
+{
+    d->frame.setTimingHistory(frames);
+}
+
+QVector<PassTiming> Pipeline::timings(bool wait)
+{
+    return d->frame.timings(wait);
+}
+
+} // namespace Brevane::Kvo

@@ -1,0 +1,16 @@
+#pragma once
+
+#include "host/export.h"
+
+#include <QString>
+#include <QVariant>
+
+namespace Brevane::Kvo {
+
+struct Json;
+
+/// As parseSlotValue, from parsed JSON.
+KVO_PIPELINE_EXPORT bool slotValueFromJson(const QString &slot, const Json &json, QVariant *value, QString *error,
+                                           const QVariant &hint = QVariant());
+
+} // namespace Brevane::Kvo
