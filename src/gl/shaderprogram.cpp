@@ -5,22 +5,15 @@
 #include "gl/glinfo.h"
 #include "gl/shaderprogram_p.h"
 #include "gl/texturemanager.h"
+#include "gl/uniformvalues.h"
 
-#include <QColor>
 #include <QMatrix4x4>
-#include <QPoint>
-#include <QRect>
 #include <QRegularExpression>
 #include <QSet>
-#include <QSize>
-#include <QVector2D>
-#include <QVector3D>
-#include <QVector4D>
 
 #include <epoxy/gl.h>
 
 #include <algorithm>
-#include <cstring>
 
 namespace Brevane::Kvo {
 
@@ -113,195 +106,6 @@ QString numbered(const QString &text, int file, const QVector<Place> &marked)
         out += QStringLiteral("%1%2 | %3\n").arg(QChar(mark ? u'>' : u' ')).arg(i + 1, 4).arg(lines[i]);
     }
     return out;
-}
-
-struct Values
-{
-    std::array<double, 4> v{};
-    int count = 0;
-};
-
-Values valuesOf(const QVariant &value)
-{
-    const auto one = [](double x) { return Values{{x}, 1}; };
-    switch (value.metaType().id()) {
-    case QMetaType::Bool: return one(value.toBool() ? 1.0 : 0.0);
-    case QMetaType::Int:
-    case QMetaType::Short:
-    case QMetaType::Char:
-    case QMetaType::Long:
-    case QMetaType::LongLong: return one(double(value.toLongLong()));
-    case QMetaType::UInt:
-    case QMetaType::UShort:
-    case QMetaType::UChar:
-    case QMetaType::ULong:
-    case QMetaType::ULongLong: return one(double(value.toULongLong()));
-    case QMetaType::Float:
-    case QMetaType::Double: return one(value.toDouble());
-    case QMetaType::QPoint: {
-        const QPoint p = value.toPoint();
-        return {{double(p.x()), double(p.y())}, 2};
-    }
-    case QMetaType::QPointF: {
-        const QPointF p = value.toPointF();
-        return {{p.x(), p.y()}, 2};
-    }
-    case QMetaType::QSize: {
-        const QSize s = value.toSize();
-        return {{double(s.width()), double(s.height())}, 2};
-    }
-    case QMetaType::QSizeF: {
-        const QSizeF s = value.toSizeF();
-        return {{s.width(), s.height()}, 2};
-    }
-    case QMetaType::QRect: {
-        const QRect r = value.toRect();
-        return {{double(r.x()), double(r.y()), double(r.width()), double(r.height())}, 4};
-    }
-    case QMetaType::QRectF: {
-        const QRectF r = value.toRectF();
-        return {{r.x(), r.y(), r.width(), r.height()}, 4};
-    }
-    case QMetaType::QVector2D: {
-        const auto v = qvariant_cast<QVector2D>(value);
-        return {{double(v.x()), double(v.y())}, 2};
-    }
-    case QMetaType::QVector3D: {
-        const auto v = qvariant_cast<QVector3D>(value);
-        return {{double(v.x()), double(v.y()), double(v.z())}, 3};
-    }
-    case QMetaType::QVector4D: {
-        const auto v = qvariant_cast<QVector4D>(value);
-        return {{double(v.x()), double(v.y()), double(v.z()), double(v.w())}, 4};
-    }
-    case QMetaType::QColor: {
-        const auto c = qvariant_cast<QColor>(value);
-        return {{double(c.redF()), double(c.greenF()), double(c.blueF()), double(c.alphaF())}, 4};
-    }
-    default: return {};
-    }
-}
-
-template <typename T>
-std::array<T, 4> as(const Values &values)
-{
-    std::array<T, 4> out{};
-    for (std::size_t i = 0; i < 4; ++i)
-        out[i] = T(values.v[i]);
-    return out;
-}
-
-// A negative number for an unsigned uniform wraps, as an int converted in C++ does.
-std::array<GLuint, 4> asUnsigned(const Values &values)
-{
-    std::array<GLuint, 4> out{};
-    for (std::size_t i = 0; i < 4; ++i)
-        out[i] = GLuint(qint64(values.v[i]));
-    return out;
-}
-
-int floatComponents(GLenum type)
-{
-    switch (type) {
-    case GL_FLOAT: return 1;
-    case GL_FLOAT_VEC2: return 2;
-    case GL_FLOAT_VEC3: return 3;
-    case GL_FLOAT_VEC4:
-    case GL_FLOAT_MAT2: return 4;
-    case GL_FLOAT_MAT3: return 9;
-    case GL_FLOAT_MAT4: return 16;
-    default: return 0;
-    }
-}
-
-bool isIntegerAttribute(GLenum type)
-{
-    switch (type) {
-    case GL_INT:
-    case GL_INT_VEC2:
-    case GL_INT_VEC3:
-    case GL_INT_VEC4:
-    case GL_UNSIGNED_INT:
-    case GL_UNSIGNED_INT_VEC2:
-    case GL_UNSIGNED_INT_VEC3:
-    case GL_UNSIGNED_INT_VEC4: return true;
-    default: return false;
-    }
-}
-
-int columnsOf(GLenum attributeType)
-{
-    switch (attributeType) {
-    case GL_FLOAT_MAT2:
-    case GL_FLOAT_MAT2x3:
-    case GL_FLOAT_MAT2x4: return 2;
-    case GL_FLOAT_MAT3:
-    case GL_FLOAT_MAT3x2:
-    case GL_FLOAT_MAT3x4: return 3;
-    case GL_FLOAT_MAT4:
-    case GL_FLOAT_MAT4x2:
-    case GL_FLOAT_MAT4x3: return 4;
-    default: return 1;
-    }
-}
-
-bool setFromValues(int location, GLenum type, const Values &values)
-{
-    const auto need = [&](int count) { return values.count >= count; };
-    switch (type) {
-    case GL_FLOAT: glUniform1f(location, float(values.v[0])); return true;
-    case GL_FLOAT_VEC2:
-        if (need(2))
-            glUniform2fv(location, 1, as<float>(values).data());
-        return need(2);
-    case GL_FLOAT_VEC3:
-        if (need(3))
-            glUniform3fv(location, 1, as<float>(values).data());
-        return need(3);
-    case GL_FLOAT_VEC4:
-        if (need(4))
-            glUniform4fv(location, 1, as<float>(values).data());
-        return need(4);
-    case GL_INT_VEC2:
-    case GL_BOOL_VEC2:
-        if (need(2))
-            glUniform2iv(location, 1, as<GLint>(values).data());
-        return need(2);
-    case GL_INT_VEC3:
-    case GL_BOOL_VEC3:
-        if (need(3))
-            glUniform3iv(location, 1, as<GLint>(values).data());
-        return need(3);
-    case GL_INT_VEC4:
-    case GL_BOOL_VEC4:
-        if (need(4))
-            glUniform4iv(location, 1, as<GLint>(values).data());
-        return need(4);
-    case GL_UNSIGNED_INT: glUniform1ui(location, asUnsigned(values)[0]); return true;
-    case GL_UNSIGNED_INT_VEC2:
-        if (need(2))
-            glUniform2uiv(location, 1, asUnsigned(values).data());
-        return need(2);
-    case GL_UNSIGNED_INT_VEC3:
-        if (need(3))
-            glUniform3uiv(location, 1, asUnsigned(values).data());
-        return need(3);
-    case GL_UNSIGNED_INT_VEC4:
-        if (need(4))
-            glUniform4uiv(location, 1, asUnsigned(values).data());
-        return need(4);
-    case GL_FLOAT_MAT2:
-    case GL_FLOAT_MAT3:
-    case GL_FLOAT_MAT4: return false;
-    case GL_BOOL: glUniform1i(location, values.v[0] != 0.0); return true;
-    case GL_INT: glUniform1i(location, GLint(values.v[0])); return true;
-    default:
-        // Samplers and images. A texture that found no unit has -1.
-        if (values.v[0] < 0.0)
-            return false;
-        glUniform1i(location, GLint(values.v[0]));
-        return true;
-    }
 }
 
 // Whether a source stores the index of the draw itself; see InstanceData.glslh.
@@ -441,88 +245,6 @@ void ShaderProgramPrivate::fail(bool whileLinking)
         const ContextScopePause hostCode;
         handler({label, log, whileLinking});
     }
-}
-
-namespace {
-
-bool isSameText(const QString &a, const QString &b)
-{
-    return a.size() == b.size()
-           && std::memcmp(a.constData(), b.constData(), std::size_t(a.size()) * sizeof(QChar)) == 0;
-}
-
-} // namespace
-
-void UniformTable::insert(const QString &name, const Uniform &uniform)
-{
-    _entries.push_back({name, uniform});
-    _rebuild();
-}
-
-const UniformTable::Uniform *UniformTable::find(const QString &name) const
-{
-    if (_slots.empty() || name.isEmpty())
-        return nullptr;
-    for (std::size_t slot = _firstSlot(name); _slots[slot] >= 0; slot = (slot + 1) & (_slots.size() - 1)) {
-        const Entry &entry = _entries[std::size_t(_slots[slot])];
-        if (isSameText(entry.name, name))
-            return &entry.uniform;
-    }
-    return nullptr;
-}
-
-std::size_t UniformTable::_firstSlot(const QString &name) const
-{
-    const QChar *text = name.constData();
-    const auto size = std::size_t(name.size());
-    const std::size_t sum =
-        size + 7u * text[size - 1].unicode() + 31u * text[size / 2].unicode() + 101u * text[size / 3].unicode();
-    return sum & (_slots.size() - 1);
-}
-
-void UniformTable::_rebuild()
-{
-    std::size_t size = 16;
-    while (size < 2 * _entries.size())
-        size *= 2;
-    _slots.assign(size, -1);
-    for (std::size_t i = 0; i < _entries.size(); ++i) {
-        std::size_t slot = _firstSlot(_entries[i].name);
-        while (_slots[slot] >= 0)
-            slot = (slot + 1) & (size - 1);
-        _slots[slot] = int(i);
-    }
-}
-
-void LinkedProgram::readInterface()
-{
-    const GLuint program = name.id();
-    std::array<char, 512> buffer{};
-    GLint count = 0;
-    glGetProgramiv(program, GL_ACTIVE_UNIFORMS, &count);
-    for (GLint i = 0; i < count; ++i) {
-        GLint size = 0;
-        GLenum type = 0;
-        glGetActiveUniform(program, GLuint(i), GLsizei(buffer.size()), nullptr, &size, &type, buffer.data());
-        const GLint location = glGetUniformLocation(program, buffer.data());
-        if (location < 0)
-            continue; // a member of a uniform block
-        QString uniformName = QString::fromLatin1(buffer.data());
-        if (uniformName.endsWith(QLatin1String("[0]")))
-            uniformName.chop(3);
-        uniforms.insert(uniformName, {location, type, size});
-    }
-    glGetProgramiv(program, GL_ACTIVE_ATTRIBUTES, &count);
-    for (GLint i = 0; i < count; ++i) {
-        GLint size = 0;
-        GLenum type = 0;
-        glGetActiveAttrib(program, GLuint(i), GLsizei(buffer.size()), nullptr, &size, &type, buffer.data());
-        attributes.insert(QString::fromLatin1(buffer.data()), {glGetAttribLocation(program, buffer.data()),
-                                                               size * columnsOf(type), isIntegerAttribute(type)});
-    }
-    const GLuint block = glGetUniformBlockIndex(program, "KvoDrawCommands");
-    if (block != GL_INVALID_INDEX)
-        glUniformBlockBinding(program, block, UniformBufferObject::kDrawCommandsBinding);
 }
 
 const LinkedProgram::Uniform *ShaderProgramPrivate::findUniform(const QString &uniformName) const
@@ -779,7 +501,7 @@ bool ShaderProgram::setUniform(const QString &name, const QVariant &value)
 {
     if (value.metaType().id() == QMetaType::QMatrix4x4)
         return setUniform(name, *static_cast<const QMatrix4x4 *>(value.constData()));
-    const Values values = valuesOf(value);
+    const UniformValues values = uniformValuesOf(value);
     return values.count > 0 && _setValues(name, values.v.data(), values.count);
 }
 
@@ -804,9 +526,9 @@ bool ShaderProgram::_setValues(const QString &name, const double *values, int co
     }
     if (location < 0 || !d->isCurrent(this))
         return false;
-    Values all{{}, count};
+    UniformValues all{{}, count};
     std::copy_n(values, count, all.v.begin());
-    return setFromValues(location, type, all);
+    return setUniformValues(location, type, all);
 }
 
 bool ShaderProgram::setUniform(const QString &name, const QMatrix4x4 &value)
@@ -814,38 +536,19 @@ bool ShaderProgram::setUniform(const QString &name, const QMatrix4x4 &value)
     const LinkedProgram::Uniform *uniform = d->findUniform(name);
     if (!uniform || !d->isCurrent(this))
         return false;
-    if (uniform->type == GL_FLOAT_MAT4) {
-        glUniformMatrix4fv(uniform->location, 1, GL_FALSE, value.constData());
-        return true;
-    }
-    if (uniform->type == GL_FLOAT_MAT3) {
-        const float *m = value.constData();
-        const std::array<float, 9> upper{m[0], m[1], m[2], m[4], m[5], m[6], m[8], m[9], m[10]};
-        glUniformMatrix3fv(uniform->location, 1, GL_FALSE, upper.data());
-        return true;
-    }
-    return false;
+    return setUniformMatrix(uniform->location, uniform->type, value);
 }
 
 bool ShaderProgram::setUniform(const QString &name, const QVector<float> &values)
 {
     const LinkedProgram::Uniform *uniform = d->findUniform(name);
-    const int components = uniform ? floatComponents(uniform->type) : 0;
+    const int components = uniform ? uniformComponents(uniform->type) : 0;
     if (components == 0 || !d->isCurrent(this))
         return false;
     const auto count = GLsizei(std::min<qsizetype>(values.size() / components, uniform->size));
     if (count == 0)
         return false;
-    const float *data = values.constData();
-    switch (uniform->type) {
-    case GL_FLOAT: glUniform1fv(uniform->location, count, data); break;
-    case GL_FLOAT_VEC2: glUniform2fv(uniform->location, count, data); break;
-    case GL_FLOAT_VEC3: glUniform3fv(uniform->location, count, data); break;
-    case GL_FLOAT_VEC4: glUniform4fv(uniform->location, count, data); break;
-    case GL_FLOAT_MAT2: glUniformMatrix2fv(uniform->location, count, GL_FALSE, data); break;
-    case GL_FLOAT_MAT3: glUniformMatrix3fv(uniform->location, count, GL_FALSE, data); break;
-    default: glUniformMatrix4fv(uniform->location, count, GL_FALSE, data); break;
-    }
+    setUniformArray(uniform->location, uniform->type, count, values.constData());
     return true;
 }
 

@@ -23,6 +23,8 @@
 
 namespace Brevane::Kvo {
 
+#include <cmath>
+
 using namespace Test;
 
 namespace {
@@ -125,35 +127,42 @@ TEST_P(ShaderProgramUniformTest, ANumberReachesItWithoutAVariantToo)
 
 INSTANTIATE_TEST_SUITE_P(
     EveryVariantType, ShaderProgramUniformTest,
-    ::testing::Values(UniformCase{"Int", "int", "float(u_Value)", -7, {-7, -7, -7, -7}},
-                      UniformCase{"IntForFloat", "float", "u_Value", 3, {3, 3, 3, 3}},
-                      UniformCase{"IntForBool", "bool", "u_Value ? 1.0 : 0.0", 2, {1, 1, 1, 1}},
-                      UniformCase{"IntForUint", "uint", "float(u_Value)", 5, {5, 5, 5, 5}},
-                      UniformCase{"Uint", "uint", "u_Value == 4000000000u ? 1.0 : 0.0", 4000000000u, {1, 1, 1, 1}},
-                      UniformCase{"Float", "float", "u_Value", 0.125f, {0.125f, 0.125f, 0.125f, 0.125f}},
-                      UniformCase{"Double", "float", "u_Value", 0.625, {0.625f, 0.625f, 0.625f, 0.625f}},
-                      UniformCase{"DoubleForInt", "int", "float(u_Value)", 4.0, {4, 4, 4, 4}},
-                      UniformCase{"BoolTrue", "bool", "u_Value ? 1.0 : 0.0", true, {1, 1, 1, 1}},
-                      UniformCase{"BoolFalse", "bool", "u_Value ? 1.0 : 0.0", false, {0, 0, 0, 0}},
-                      UniformCase{"BoolForInt", "int", "float(u_Value)", true, {1, 1, 1, 1}},
-                      UniformCase{"Rect", "vec4", "u_Value", QRect(1, 2, 30, 40), {1, 2, 30, 40}},
-                      UniformCase{"RectForIvec4", "ivec4", "vec4(u_Value)", QRect(1, 2, 30, 40), {1, 2, 30, 40}},
-                      UniformCase{"Size", "vec2", "u_Value, 0.0, 0.0", QSize(320, 200), {320, 200, 0, 0}},
-                      UniformCase{"SizeForIvec2", "ivec2", "u_Value, 0.0, 0.0", QSize(320, 200), {320, 200, 0, 0}},
-                      UniformCase{"Vector2D", "vec2", "u_Value, 0.0, 0.0", QVector2D(0.5f, -2), {0.5f, -2, 0, 0}},
-                      UniformCase{"Vector3D", "vec3", "u_Value, 0.0", QVector3D(1, 2, 3), {1, 2, 3, 0}},
-                      UniformCase{"Vector4D", "vec4", "u_Value", QVector4D(1, 2, 3, 4), {1, 2, 3, 4}},
-                      UniformCase{"Color", "vec4", "u_Value", QColor(255, 0, 51, 102), {1, 0, 0.2f, 0.4f}},
-                      UniformCase{"Matrix",
-                                  "mat4",
-                                  "u_Value * vec4(1.0, 10.0, 100.0, 1000.0)",
-                                  QMatrix4x4(1, 0, 0, 2, 0, 1, 0, 3, 0, 0, 1, 4, 0, 0, 0, 1),
-                                  {2001, 3010, 4100, 1000}},
-                      UniformCase{"MatrixForMat3",
-                                  "mat3",
-                                  "u_Value * vec3(1.0, 10.0, 100.0), 0.0",
-                                  QMatrix4x4(1, 0, 0, 9, 0, 2, 0, 9, 0, 0, 3, 9, 9, 9, 9, 9),
-                                  {1, 20, 300, 0}}),
+    ::testing::Values(
+        UniformCase{"Int", "int", "float(u_Value)", -7, {-7, -7, -7, -7}},
+        UniformCase{"IntForFloat", "float", "u_Value", 3, {3, 3, 3, 3}},
+        UniformCase{"IntForBool", "bool", "u_Value ? 1.0 : 0.0", 2, {1, 1, 1, 1}},
+        UniformCase{"IntForUint", "uint", "float(u_Value)", 5, {5, 5, 5, 5}},
+        UniformCase{"Uint", "uint", "u_Value == 4000000000u ? 1.0 : 0.0", 4000000000u, {1, 1, 1, 1}},
+        UniformCase{"Float", "float", "u_Value", 0.125f, {0.125f, 0.125f, 0.125f, 0.125f}},
+        UniformCase{"Double", "float", "u_Value", 0.625, {0.625f, 0.625f, 0.625f, 0.625f}},
+        UniformCase{"DoubleForInt", "int", "float(u_Value)", 4.0, {4, 4, 4, 4}},
+        UniformCase{"NanForInt", "int", "float(u_Value)", std::nan(""), {0, 0, 0, 0}},
+        UniformCase{"MoreThanAnInt", "int", "u_Value == 2147483647 ? 1.0 : 0.0", 1e30, {1, 1, 1, 1}},
+        UniformCase{"LessThanAnInt", "int", "u_Value == -2147483647 - 1 ? 1.0 : 0.0", -1e30, {1, 1, 1, 1}},
+        UniformCase{"NegativeForUint", "uint", "u_Value == 4294967295u ? 1.0 : 0.0", -1, {1, 1, 1, 1}},
+        UniformCase{
+            "NanForIvec2", "ivec2", "u_Value, 0.0, 0.0", QVector2D(std::nanf(""), 1e20f), {0, 2147483648.0f, 0, 0}},
+        UniformCase{"BoolTrue", "bool", "u_Value ? 1.0 : 0.0", true, {1, 1, 1, 1}},
+        UniformCase{"BoolFalse", "bool", "u_Value ? 1.0 : 0.0", false, {0, 0, 0, 0}},
+        UniformCase{"BoolForInt", "int", "float(u_Value)", true, {1, 1, 1, 1}},
+        UniformCase{"Rect", "vec4", "u_Value", QRect(1, 2, 30, 40), {1, 2, 30, 40}},
+        UniformCase{"RectForIvec4", "ivec4", "vec4(u_Value)", QRect(1, 2, 30, 40), {1, 2, 30, 40}},
+        UniformCase{"Size", "vec2", "u_Value, 0.0, 0.0", QSize(320, 200), {320, 200, 0, 0}},
+        UniformCase{"SizeForIvec2", "ivec2", "u_Value, 0.0, 0.0", QSize(320, 200), {320, 200, 0, 0}},
+        UniformCase{"Vector2D", "vec2", "u_Value, 0.0, 0.0", QVector2D(0.5f, -2), {0.5f, -2, 0, 0}},
+        UniformCase{"Vector3D", "vec3", "u_Value, 0.0", QVector3D(1, 2, 3), {1, 2, 3, 0}},
+        UniformCase{"Vector4D", "vec4", "u_Value", QVector4D(1, 2, 3, 4), {1, 2, 3, 4}},
+        UniformCase{"Color", "vec4", "u_Value", QColor(255, 0, 51, 102), {1, 0, 0.2f, 0.4f}},
+        UniformCase{"Matrix",
+                    "mat4",
+                    "u_Value * vec4(1.0, 10.0, 100.0, 1000.0)",
+                    QMatrix4x4(1, 0, 0, 2, 0, 1, 0, 3, 0, 0, 1, 4, 0, 0, 0, 1),
+                    {2001, 3010, 4100, 1000}},
+        UniformCase{"MatrixForMat3",
+                    "mat3",
+                    "u_Value * vec3(1.0, 10.0, 100.0), 0.0",
+                    QMatrix4x4(1, 0, 0, 9, 0, 2, 0, 9, 0, 0, 3, 9, 9, 9, 9, 9),
+                    {1, 20, 300, 0}}),
     [](const auto &test) { return std::string(test.param.name); });
 
 TEST_F(ShaderProgramTest, ColourIsTakenAsItIsWhateverItsModel)
