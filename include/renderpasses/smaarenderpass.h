@@ -32,15 +32,19 @@ class Texture;
 /// | 5 | Kvo_KvoTexture*_Depth               | texture    | none    | window depth; none: single frame            |
 /// | 6 | Kvo_QMatrix4x4_CameraMatrix         | QMatrix4x4 | none    | world to camera space                       |
 /// | 7 | Kvo_QMatrix4x4_ProjectionMatrix     | QMatrix4x4 | none    | camera to clip space                        |
-/// | 8 | Kvo_int_JitterIndex                 | int        | none    | of CameraJitterPass; none reads as 0        |
+/// | 8 | Kvo_int_JitterIndex                 | int        | none    | of CameraJitterPass; -1: drawn without jitter; none reads as 0 |
 ///
 /// | # | Output                   | Format                                                    |
 /// |---|--------------------------|-----------------------------------------------------------|
 /// | 0 | Kvo_KvoTexture*_Frame    | pool format 3; alpha 1 in temporal mode without transparency |
 ///
-/// A frame that starts with history index 0 sees no camera motion: only every other frame has true camera
-/// velocities. Everything is rebuilt when size, mode, transparency or the presence of a predicate change;
-/// what a rebuild replaces is given up, see OpenGLDeviceContext::giveUp. Inputs are given back to the pool.
+/// For SMAA 1x set the mode to 0 and the jitter index to -1: with the index that an unconnected slot reads as, the
+/// weights are those of a frame that was drawn a quarter of a pixel aside.
+///
+/// The first temporal frame after a rebuild has no history, and is the single frame of its sample. A frame that
+/// starts with history index 0 sees no camera motion: only every other frame has true camera velocities.
+/// Everything is rebuilt when size, mode, transparency or the presence of a predicate change; what a rebuild
+/// replaces is given up, see OpenGLDeviceContext::giveUp. Inputs are given back to the pool.
 ///
 /// Leaves changed: depth test (off), blending (off), stencil test (off), clear colour (transparent black),
 /// clear stencil (0), stencil operation (keep, keep, replace), stencil function (equal to 1), stencil mask
@@ -69,6 +73,8 @@ private:
     Texture *temporalResolve(Texture *current, Texture *previous, Texture *velocity, Texture *packedVelocity,
                              Texture *previousPackedVelocity);
     Texture *takeImage(int format) const;
+    bool canDraw() const;
+    void clearAndDraw() const;
 
     int _width = 64;
     int _height = 64;
@@ -91,6 +97,8 @@ private:
     QSharedPointer<DrawBuffers> _quad;
     QVector<PooledTexture> _colorHistory;
     QVector<PooledTexture> _packedVelocityHistory;
+    /// Whether a frame was drawn to the history since it was taken.
+    bool _hasHistory = false;
     int _historyIndex = 0;
     QMatrix4x4 _previousViewProjection;
 };

@@ -18,6 +18,8 @@
 #include "passkit/targets.h"
 #include "smaatables/smaatables.h"
 
+#include <QColor>
+
 #include <epoxy/gl.h>
 
 namespace Brevane::Kvo {
@@ -319,6 +321,7 @@ void SMAARenderPass::setup(RenderCallbacks *)
         return;
     _colorHistory.clear();
     _packedVelocityHistory.clear();
+    _hasHistory = false;
     if (_mode == kTemporal) {
         for (int i = 0; i < kHistoryLength; ++i)
             _colorHistory.append(PooledTexture(takeImage(int(TextureFormat::Result))));
@@ -450,13 +453,19 @@ void SMAARenderPass::start(RenderCallbacks *callbacks)
     release(frame);
 
     Texture *result = current;
-    if (_mode == kTemporal) {
+    if (_mode == kTemporal && _hasHistory) {
         const int length = int(_colorHistory.size());
         const int p = (_historyIndex - 1 + length) % length;
         Texture *previousPacked = _supportTransparency ? static_cast<Texture *>(_packedVelocityHistory[p]) : nullptr;
         result = temporalResolve(current, _colorHistory[p], velocity, packed, previousPacked);
-        release(velocity);
+    } else if (_mode == kTemporal) {
+        // What the pool left in an image that no frame has been drawn to is anything. The first frame after a
+        // rebuild is its own past, at rest: mixed with itself it stays what it is.
+        Texture *atRest = TextureManager::Instance().solidTexture(QColor(Qt::transparent));
+        result = temporalResolve(current, current, atRest, packed, packed);
+        _hasHistory = canDraw();
     }
+    release(velocity);
     publish(_outputs[kFrameOut], result, _numOutputUsers[kFrameOut]);
     release(result);
 }
@@ -468,6 +477,21 @@ Texture *SMAARenderPass::takeImage(int format) const
     return image;
 }
 
+// Without pixels the stages set what state they set, and draw nothing.
+bool SMAARenderPass::canDraw() const
+{
+    return _width > 0 && _height > 0 && _quad;
+}
+
+void SMAARenderPass::clearAndDraw() const
+{
+    if (!canDraw())
+        return;
+    glClear(GL_COLOR_BUFFER_BIT);
+    AutoBinder quad(_quad);
+    _quad->draw();
+}
+
 Texture *SMAARenderPass::edgeDetection(Texture *frame, Texture *depthStencil, Texture *predicate)
 {
     AutoBinder fbo(_edgeFbo);
@@ -476,8 +500,9 @@ Texture *SMAARenderPass::edgeDetection(Texture *frame, Texture *depthStencil, Te
     _edgeFbo->attach(depthStencil, GL_DEPTH_STENCIL_ATTACHMENT, 0);
     _edgeFbo->setDrawBuffers();
     setLinear(frame);
-    if (!Extent{_width, _height}.isEmpty() && _quad) {
-        enableArrays(*_quad, _edgeProgram);
+    {
+        if (canDraw())
+            enableArrays(*_quad, _edgeProgram);
         AutoBinder program(_edgeProgram);
         AutoBinder boundFrame(frame);
         AutoBinder boundPredicate(predicate);
@@ -492,8 +517,10 @@ Texture *SMAARenderPass::edgeDetection(Texture *frame, Texture *depthStencil, Te
         glEnable(GL_STENCIL_TEST);
         glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
         glClearStencil(0);
-        glClear(GL_COLOR_BUFFER_BIT | GL_STENCIL_BUFFER_BIT);
-        _quad->draw();
+        if (canDraw()) {
+            glClear(GL_COLOR_BUFFER_BIT | GL_STENCIL_BUFFER_BIT);
+            _quad->draw();
+        }
     }
     _edgeFbo->detach(GL_COLOR_ATTACHMENT0);
     _edgeFbo->detach(GL_DEPTH_STENCIL_ATTACHMENT);
@@ -509,8 +536,9 @@ Texture *SMAARenderPass::blendingWeightCalculation(Texture *edges, Texture *dept
         _weightFbo->attach(weights, GL_COLOR_ATTACHMENT0, 0);
         _weightFbo->attach(depthStencil, GL_DEPTH_STENCIL_ATTACHMENT, 0);
         _weightFbo->setDrawBuffers();
-        if (!Extent{_width, _height}.isEmpty() && _quad) {
-            enableArrays(*_quad, _weightProgram);
+        {
+            if (canDraw())
+                enableArrays(*_quad, _weightProgram);
             AutoBinder program(_weightProgram);
             AutoBinder boundSearch(_searchTexture);
             AutoBinder boundArea(_areaTexture);
@@ -525,8 +553,10 @@ Texture *SMAARenderPass::blendingWeightCalculation(Texture *edges, Texture *dept
             glStencilFunc(GL_EQUAL, 1, 0xff);
             glStencilMask(0);
             glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
-            glClear(GL_COLOR_BUFFER_BIT);
-            _quad->draw();
+            if (canDraw()) {
+                glClear(GL_COLOR_BUFFER_BIT);
+                _quad->draw();
+            }
         }
         _weightFbo->detach(GL_COLOR_ATTACHMENT0);
         _weightFbo->detach(GL_DEPTH_STENCIL_ATTACHMENT);
@@ -544,8 +574,9 @@ void SMAARenderPass::neighbourhoodBlending(Texture *output, Texture *packedVeloc
     if (keepsVelocity)
         _blendFbo->attach(packedVelocityOutput, GL_COLOR_ATTACHMENT1, 0);
     _blendFbo->setDrawBuffers();
-    if (!Extent{_width, _height}.isEmpty() && _quad) {
-        enableArrays(*_quad, _blendProgram);
+    {
+        if (canDraw())
+            enableArrays(*_quad, _blendProgram);
         AutoBinder program(_blendProgram);
         AutoBinder boundFrame(frame);
         AutoBinder boundWeights(weights);
@@ -556,9 +587,7 @@ void SMAARenderPass::neighbourhoodBlending(Texture *output, Texture *packedVeloc
             _blendProgram->setUniform(QStringLiteral("u_VelocityTex"), velocity->unit());
         _blendProgram->setUniform(QStringLiteral("u_SmaaMetrics"), QVariant(_smaaMetrics));
         glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
-        glClear(GL_COLOR_BUFFER_BIT);
-        AutoBinder quad(_quad);
-        _quad->draw();
+        clearAndDraw();
     }
     _blendFbo->detach(GL_COLOR_ATTACHMENT0);
     if (keepsVelocity)
@@ -572,17 +601,16 @@ Texture *SMAARenderPass::velocityVectors(Texture *depth, const QMatrix4x4 &proje
     _velocityFbo->attach(velocity, GL_COLOR_ATTACHMENT0, 0);
     _velocityFbo->setDrawBuffers();
     setLinear(depth);
-    if (!Extent{_width, _height}.isEmpty() && _quad) {
-        enableArrays(*_quad, _velocityProgram);
+    {
+        if (canDraw())
+            enableArrays(*_quad, _velocityProgram);
         AutoBinder program(_velocityProgram);
         AutoBinder boundDepth(depth);
         _velocityProgram->setUniform(QStringLiteral("u_DepthTex"), depth->unit());
         _velocityProgram->setUniform(QStringLiteral("u_CurrentInvViewProjMatrix"),
                                      camera.inverted() * projection.inverted());
         _velocityProgram->setUniform(QStringLiteral("u_PreviousViewProjMatrix"), _previousViewProjection);
-        glClear(GL_COLOR_BUFFER_BIT);
-        AutoBinder quad(_quad);
-        _quad->draw();
+        clearAndDraw();
     }
     _velocityFbo->detach(GL_COLOR_ATTACHMENT0);
     return velocity;
@@ -595,8 +623,9 @@ Texture *SMAARenderPass::temporalResolve(Texture *current, Texture *previous, Te
     Texture *result = takeImage(int(TextureFormat::Result));
     _resolveFbo->attach(result, GL_COLOR_ATTACHMENT0, 0);
     _resolveFbo->setDrawBuffers();
-    if (!Extent{_width, _height}.isEmpty() && _quad) {
-        enableArrays(*_quad, _resolveProgram);
+    {
+        if (canDraw())
+            enableArrays(*_quad, _resolveProgram);
         AutoBinder program(_resolveProgram);
         AutoBinder boundCurrent(current);
         AutoBinder boundPrevious(previous);
@@ -612,9 +641,7 @@ Texture *SMAARenderPass::temporalResolve(Texture *current, Texture *previous, Te
         }
         _resolveProgram->setUniform(QStringLiteral("u_SmaaMetrics"), QVariant(_smaaMetrics));
         glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
-        glClear(GL_COLOR_BUFFER_BIT);
-        AutoBinder quad(_quad);
-        _quad->draw();
+        clearAndDraw();
     }
     _resolveFbo->detach(GL_COLOR_ATTACHMENT0);
     return result;

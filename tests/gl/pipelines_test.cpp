@@ -1,3 +1,4 @@
+#include "support/draw.h"
 #include "support/gltest.h"
 #include "support/messages.h"
 #include "support/passes.h"
@@ -8,6 +9,7 @@
 #include <host/pipeline.h>
 #include <host/sceneimport.h>
 
+#include <QFile>
 #include <QFileInfo>
 #include <QRect>
 #include <QSet>
@@ -171,6 +173,114 @@ TEST_F(PipelinePictures, TheAntialiasingSheetShowsFourWaysOfOneFrame)
                       sheet.copy(j * column, 0, column, kSize.height()))
                 << i << " and " << j;
 }
+
+namespace {
+
+// The pipeline files that say this.
+QStringList pipelinesThatName(const char *text)
+{
+    QStringList names;
+    for (const QString &name : pipelineNames()) {
+        QFile file(s(KVO_SOURCE_DIR "/pipelines/%1.json").arg(name));
+        if (file.open(QIODevice::ReadOnly) && file.readAll().contains(text))
+            names << name;
+    }
+    return names;
+}
+
+PassInput inputOf(const Pipeline &pipeline, const QString &pass, const char *slot)
+{
+    for (const PassInput &input : pipeline.inputs(pass))
+        if (input.slot == s(slot))
+            return input;
+    ADD_FAILURE() << qPrintable(pass) << " has no " << slot;
+    return PassInput();
+}
+
+// The plane below a line near the middle that climbs so much per column, each pixel the mean of so many samples a
+// side: 1 is what a rasteriser draws, more the share of the pixel that the plane covers.
+Image<float> halfPlane(const QSize &size, double slope, int samples)
+{
+    Image<float> image(size.width(), size.height());
+    for (int y = 0; y < image.height; ++y)
+        for (int x = 0; x < image.width; ++x) {
+            int covered = 0;
+            for (int j = 0; j < samples; ++j)
+                for (int i = 0; i < samples; ++i) {
+                    const double u = x + (i + 0.5) / samples, v = y + (j + 0.5) / samples;
+                    covered += v - 0.5 * image.height < slope * (u - 0.5 * image.width) + 0.3;
+                }
+            const float share = float(covered) / float(samples * samples);
+            image.at(x, y) = {share, share, share, 1};
+        }
+    return image;
+}
+
+// Over all pixels but those near the border, where an edge has no end to go by.
+double squaredError(const Image<float> &image, const Image<float> &expected, int margin)
+{
+    double sum = 0;
+    for (int y = margin; y < image.height - margin; ++y)
+        for (int x = margin; x < image.width - margin; ++x)
+            sum += std::pow(double(image.at(x, y)[0]) - double(expected.at(x, y)[0]), 2);
+    return sum;
+}
+
+class SmaaOfTheTree : public GLTest, public ::testing::WithParamInterface<QString>
+{};
+
+} // namespace
+
+// What the method makes of a long straight edge is nearly what its pixels are covered by: it leaves less than a
+// tenth of their squared errors. The areas of a jittered sample lie a quarter of a pixel aside, and leave more than
+// a third of those of a frame that was drawn without jitter.
+TEST_P(SmaaOfTheTree, SmoothsASlantedEdgeTowardsTheSharesThatItCovers)
+{
+    constexpr int kSamples = 32;
+    constexpr int kMargin = 48; // the longest run of pixels of the slopes below, and as much again
+    const QSize size(192, 160);
+    SmallStage stage(GetParam(), threeCubes(), size);
+    for (const QString &pass : stage.pipeline.passNames()) {
+        if (stage.pipeline.className(pass) != s("SMAARenderPass")
+            || inputOf(stage.pipeline, pass, "Kvo_int_Mode").value.toInt() == 1)
+            continue;
+        Image<float> smooth;
+        stage.pipeline.setPassObserver([&](const QString &name, RenderPass *) {
+            if (name == pass)
+                smooth = readTexture<float>(textureFromVariant(stage.pipeline.output(pass, s("Frame"))));
+        });
+        for (const double slope : {0.047, 0.083, 0.19, 0.37, -0.123, 2.9, -5.3, 10.7}) {
+            const Image<float> aliased = halfPlane(size, slope, 1);
+            const Image<float> covered = halfPlane(size, slope, kSamples);
+            const auto frame = makeTexture(aliased);
+            ASSERT_TRUE(stage.pipeline.setValue(pass, s("Frame"), textureToVariant(frame.get())));
+            stage.render();
+            const double share = squaredError(smooth, covered, kMargin) / squaredError(aliased, covered, kMargin);
+            EXPECT_LT(share, 0.12) << slope;
+            ASSERT_TRUE(stage.pipeline.setValue(pass, s("Frame"), QVariant()));
+        }
+    }
+}
+
+TEST_P(SmaaOfTheTree, HasTheIndexOfTheJitterThatItsFrameIsDrawnWith)
+{
+    SmallStage stage(GetParam());
+    for (const QString &pass : stage.pipeline.passNames()) {
+        if (stage.pipeline.className(pass) != s("SMAARenderPass"))
+            continue;
+        const PassInput index = inputOf(stage.pipeline, pass, "Kvo_int_JitterIndex");
+        if (inputOf(stage.pipeline, pass, "Kvo_int_Mode").value.toInt() == 1) {
+            EXPECT_EQ(index.kind, PassInput::Kind::Link);
+            EXPECT_EQ(stage.pipeline.className(index.sourcePass), s("CameraJitterPass"));
+        } else {
+            EXPECT_EQ(index.kind, PassInput::Kind::Value);
+            EXPECT_EQ(index.value.toInt(), -1) << "none";
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Files, SmaaOfTheTree, ::testing::ValuesIn(pipelinesThatName("SMAARenderPass")),
+                         pipelineTestName);
 
 TEST_F(PipelinePictures, TheSheetOfBlendModesShowsTheTwoImagesAndAllModes)
 {

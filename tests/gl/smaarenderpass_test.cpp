@@ -5,6 +5,7 @@
 #include "support/image.h"
 #include "support/passes.h"
 #include "support/smaareference.h"
+#include "support/soiledpool.h"
 
 #include <gl/guards.h>
 #include <gl/opengldevicecontext.h>
@@ -13,10 +14,12 @@
 
 #include <QCryptographicHash>
 #include <QMatrix4x4>
+#include <QPointF>
 #include <QRect>
 
 #include <epoxy/gl.h>
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
 
@@ -46,6 +49,9 @@ constexpr double kTipped = 0.0;
 constexpr double kTippedAtOddSizes = 0.002;
 // Most of that frame has no edge: 0.008 % there, and 0.024 % where a trace of a neighbour counts as an edge.
 constexpr double kTippedIn1279By717 = 0.00015;
+
+// Matrices that only shift and scale: every depth moves alike, by half the shift in clip space.
+const QMatrix4x4 kFlatProjection(0.5f, 0, 0, 0, 0, 0.25f, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1);
 
 Image<float> areaTable;
 Image<float> searchTable;
@@ -136,10 +142,42 @@ protected:
         owned->setInput(kMode, mode);
         owned->setInput(kJitterIndex, -1);
     }
+    void connectTemporal(Texture *frame, Texture *depth, const QMatrix4x4 &camera, bool transparency)
+    {
+        connect(frame, stateOf(frame).width, stateOf(frame).height, 1);
+        owned->setInput(kSupportTransparency, transparency);
+        owned->setInput(kDepth, textureToVariant(depth));
+        owned->setInput(kProjectionMatrix, kFlatProjection);
+        owned->setInput(kCameraMatrix, camera);
+    }
     Image<float> result() { return readTexture<float>(outputTexture(*owned, 0)); }
 
     std::unique_ptr<SMAARenderPass> owned;
 };
+
+// Half planes of two greys whose edge climbs by a row in five columns, and the same of a predicate.
+Image<float> slanted(float below, float above)
+{
+    Image<float> image(64, 64);
+    for (int y = 0; y < 64; ++y)
+        for (int x = 0; x < 64; ++x) {
+            const float grey = 5 * y < x + 130 ? below : above;
+            image.at(x, y) = {grey, grey, grey, 1};
+        }
+    return image;
+}
+
+// A contrast of colours, and that of the predicate where there is one, just under and just over a threshold.
+struct Contrast
+{
+    const char *name;
+    float contrast;
+    float predicate; // negative: none
+    bool isEdge;
+};
+
+class SmaaThresholds : public Smaa, public ::testing::WithParamInterface<Contrast>
+{};
 
 } // namespace
 
@@ -277,6 +315,35 @@ TEST_F(Smaa, APredicateRaisesTheThresholdWhereItIsFlat)
     EXPECT_FALSE(isSameImage(result(), without.blended(without.weights(without.edges())), {0.05, 0.002, kTipped}));
 }
 
+TEST_P(SmaaThresholds, TellEdgesByTheirContrast)
+{
+    const Contrast row = GetParam();
+    const Image<float> image = slanted(0.5f, 0.5f + row.contrast);
+    const Image<float> predicate = slanted(0.25f, 0.25f + row.predicate);
+    const auto frame = makeTexture(image);
+    const auto second = makeTexture(predicate);
+    connect(frame.get(), 64, 64, 0);
+    if (row.predicate >= 0)
+        owned->setInput(kPredicate, textureToVariant(second.get()));
+    runFrame(*owned);
+    SmaaReference reference(image, areaTable, searchTable);
+    reference.setPredicate(row.predicate >= 0 ? &predicate : nullptr);
+    EXPECT_TRUE(
+        sameImage(result(), reference.blended(reference.weights(reference.edges())), within(kFilteredTables / 10)));
+    // A twentieth of the contrast is less than a smoothed pixel takes from its neighbour.
+    EXPECT_EQ(isSameImage(result(), image, within(double(row.contrast) / 20)), !row.isEdge);
+}
+
+INSTANTIATE_TEST_SUITE_P(Contrasts, SmaaThresholds,
+                         ::testing::Values(Contrast{"Under", 0.0495f, -1, false}, Contrast{"Over", 0.0505f, -1, true},
+                                           Contrast{"UnderTwice", 0.0995f, 0, false},
+                                           Contrast{"OverTwice", 0.1005f, 0, true},
+                                           Contrast{"OverWherePredicateIsNearlyFlat", 0.0605f, 0.0095f, false},
+                                           Contrast{"OverTwiceWherePredicateIsNearlyFlat", 0.1005f, 0.0095f, true},
+                                           Contrast{"UnderWherePredicateHasAnEdge", 0.0595f, 0.0105f, false},
+                                           Contrast{"OverWherePredicateHasAnEdge", 0.0605f, 0.0105f, true}),
+                         [](const auto &test) { return std::string(test.param.name); });
+
 TEST_F(Smaa, TheStencilConfinesTheWeightStageToPixelsWithAnEdge)
 {
     const Image<float> image = edgeImage(128, 64);
@@ -364,6 +431,86 @@ TEST_F(Smaa, AStillViewConvergesToTheMeanOfTwoFrames)
         runFrame(*owned);
         if (i > 0) {
             EXPECT_TRUE(sameImage(result(), Image<float>(16, 16, {0.5f, 0.375f, 0.625f, 1}), within(2e-3))) << i;
+        }
+    }
+}
+
+TEST_F(Smaa, TheFirstTemporalFrameTakesNothingFromThePool)
+{
+    for (const bool transparency : {false, true}) {
+        // The second one starts with the other history index, and with a camera that has moved.
+        for (const int width : {64, 32, 64}) {
+            soilPool({TextureFormat::Result, TextureFormat::Velocity}, width, 64); // as much as what was at rest
+            const Image<float> image = edgeImage(width, 64);
+            const auto frame = makeTexture(image);
+            const auto depth = makeSolidTexture(width, 64, {0.5f, 0, 0, 0});
+            QMatrix4x4 camera;
+            camera.translate(0.5f * float(width), 0, 0);
+            connectTemporal(frame.get(), depth.get(), camera, transparency);
+            runFrame(*owned);
+            const SmaaReference reference(image, areaTable, searchTable);
+            Image<float> expected = reference.blended(reference.weights(reference.edges()));
+            for (auto &pixel : expected.pixels)
+                pixel[3] = transparency ? pixel[3] : 1.0f;
+            EXPECT_TRUE(sameImage(result(), expected, {1.0, kFilteredTables, kTipped})) << width;
+            owned->setInput(kFrame, QVariant());
+            owned->setInput(kDepth, QVariant());
+        }
+    }
+}
+
+// A gradient, too flat for edges, with a level that alternates: what the resolve takes of the frame before, and
+// from where, shows in every pixel.
+TEST_F(Smaa, AMovingGradientIsResolvedAgainstWhereItWas)
+{
+    constexpr int kWidth = 512, kHeight = 256;
+    constexpr double kSlopeX = 0.04, kSlopeY = -0.03; // under the threshold of 0.05
+    // Values of up to 16 are stored in half floats that llvmpipe cuts; they lie around 0 where they are compared,
+    // and there are three of them one after the other, and the velocities.
+    constexpr double kStored = 2e-4;
+    const auto level = [](int i) { return i % 2 ? 0.05 : -0.05; };
+    const auto value = [&](int i, double x, double y) {
+        return kSlopeX * (x - kWidth / 2.0) + kSlopeY * (y - kHeight / 2.0) + level(i);
+    };
+    const auto depth = makeSolidTexture(kWidth, kHeight, {0.5f, 0, 0, 0});
+    // Speeds of 0.3 to 1.05 thousandths of the image, an even number of frames: beyond 1.11 the frame before counts
+    // nothing.
+    const QVector<QPointF> steps{{0, 0},      {0.0008, 0.0004}, {0.0008, 0.0004}, {-0.0006, 0.0003}, {-0.0003, 0},
+                                 {0, 0.0006}, {0.001, -0.0003}, {0.0002, -0.001}, {0.001, 0.0003},   {-0.0004, 0.0009}};
+    for (const bool transparency : {false, true}) {
+        QPointF at;
+        QPointF speedBefore;
+        for (int i = 0; i < steps.size(); ++i) {
+            Image<float> image(kWidth, kHeight);
+            for (int y = 0; y < kHeight; ++y)
+                for (int x = 0; x < kWidth; ++x) {
+                    const auto v = float(value(i, x + 0.5, y + 0.5));
+                    image.at(x, y) = {v, v, v, 0.25f};
+                }
+            const auto frame = makeTexture(image);
+            at += steps[i];
+            QMatrix4x4 camera; // clip space is two images wide, and the projection shrinks it
+            camera.translate(float(2 * at.x() / 0.5), float(2 * at.y() / 0.25), 0);
+            connectTemporal(frame.get(), depth.get(), camera, transparency);
+            runFrame(*owned);
+            // Frames that start with history index 0 see no motion.
+            const QPointF speed = i % 2 ? steps[i] : QPointF();
+            if (i > 0) {
+                const double delta =
+                    std::abs(std::hypot(speed.x(), speed.y()) - std::hypot(speedBefore.x(), speedBefore.y()));
+                const double share = 0.5 * std::clamp(1 - std::sqrt(delta) * 30, 0.0, 1.0);
+                EXPECT_GT(share, 0.005) << "something is to be seen";
+                const Image<float> resolved = result();
+                for (const auto &[x, y] : {std::pair(256, 128), std::pair(257, 129), std::pair(253, 124)}) {
+                    const double u = x + 0.5, v = y + 0.5;
+                    const double was = value(i - 1, u - kWidth * speed.x(), v - kHeight * speed.y());
+                    EXPECT_NEAR(double(resolved.at(x, y)[0]), (1 - share) * value(i, u, v) + share * was, kStored)
+                        << "frame " << i << " at " << x << ", " << y;
+                    EXPECT_NEAR(double(resolved.at(x, y)[3]), transparency ? 0.25 : 1.0, kStored);
+                }
+            }
+            speedBefore = speed;
+            owned->setInput(kFrame, QVariant());
         }
     }
 }
