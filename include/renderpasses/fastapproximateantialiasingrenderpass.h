@@ -27,6 +27,8 @@ class ShaderProgram;
 /// |---|--------------------------|--------------------------------------------------------------|
 /// | 0 | Kvo_KvoTexture*_Frame    | pool format 3; alpha is the larger of the source's and the luma |
 ///
+/// An image of another size than the viewport is read through its linear filter, between its texels.
+///
 /// The image's filters are put back; the image is given back to the pool. Needs OpenGL 3.2.
 ///
 /// Leaves changed: depth test (off), viewport (the size of the target). Of the host's state count: clear

@@ -25,7 +25,8 @@ enum Input { kViewport, kFrame, kSubPixelQuality, kRcpFrameQuality, kEdgeThresho
 enum Output { kFrameOut };
 
 // RcpFrameQuality scales the horizontal step only; the vertical one is always a texel. The source is
-// fetched as the library function fetches it, so that compilers fetch it once.
+// fetched as the library function fetches it, so that compilers fetch it once: exactly from a frame of the
+// target's size, else through the filter.
 const QString kFragmentShader = QStringLiteral(R"(#version 150
 #include "FXAA.glslh"
 
@@ -49,7 +50,10 @@ void main()
   vec4 smooth_ = FxaaPixelShader(vo_TexCoord.xy, zero, u_FrameSampler, u_FrameSampler, u_FrameSampler,
                                  vec2(u_RcpFrameQuality/fWidth,1.0/fHeight), zero, zero, zero, u_SubPixelQuality,
                                  u_EdgeThresholdQuality, u_EdgeThresholdMinQuality, 8.0, 0.125, 0.05, zero);
-  vec4 source = texelFetch(u_FrameSampler, ivec2(vo_TexCoord * vec2(textureSize(u_FrameSampler, 0))), 0);
+  ivec2 size = textureSize(u_FrameSampler, 0);
+  vec4 source = texelFetch(u_FrameSampler, ivec2(vo_TexCoord * vec2(size)), 0);
+  for(int rounds = size == ivec2(u_Width, u_Height) ? 0 : 1; rounds > 0; --rounds)
+    source = textureLod(u_FrameSampler, vo_TexCoord, 0.0);
   out_FragColor = vec4(smooth_.rgb, max(smooth_.a, source.a));
 }
 )");

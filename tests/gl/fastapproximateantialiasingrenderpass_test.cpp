@@ -8,9 +8,11 @@
 #include <renderpasses/fastapproximateantialiasingrenderpass.h>
 
 #include <QRect>
+#include <QSize>
 
 #include <epoxy/gl.h>
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
 
@@ -36,14 +38,19 @@ constexpr double kHalfFloat = 1e-3;
 // otherwise by the rasteriser than here, and tip some; at a power of two no pixel may differ.
 constexpr double kTipped = 0.02;
 
-// FXAA 3.11, quality preset 12 on green, pixel by pixel in float.
-std::array<float, 4> smoothed(const Image<float> &image, int px, int py, const Quality &q)
+// FXAA 3.11, quality preset 12 on green, pixel by pixel in float, of a target of any size. Around the centre of a
+// texel the image is read as it is, elsewhere between its texels.
+std::array<float, 4> smoothed(const Image<float> &image, const QSize &target, int px, int py, const Quality &q)
 {
-    const auto texel = [&](int x, int y) -> const std::array<float, 4> & {
-        return image.at(std::min(std::max(x, 0), image.width - 1), std::min(std::max(y, 0), image.height - 1));
+    const float posX = (float(px) + 0.5f) / float(target.width());
+    const float posY = (float(py) + 0.5f) / float(target.height());
+    const auto colorAt = [&](int i, int j) -> std::array<float, 4> {
+        if (target == QSize(image.width, image.height))
+            return image.at(std::clamp(px + i, 0, image.width - 1), std::clamp(py + j, 0, image.height - 1));
+        return filtered<4>(image, posX + float(i) / float(image.width), posY + float(j) / float(image.height));
     };
-    const auto at = [&](int i, int j) { return texel(px + i, py + j)[1]; };
-    const std::array<float, 4> centre = texel(px, py);
+    const auto at = [&](int i, int j) { return colorAt(i, j)[1]; };
+    const std::array<float, 4> centre = colorAt(0, 0);
     const auto withMatte = [&](std::array<float, 4> rgbl) {
         rgbl[3] = std::max(rgbl[3], centre[3]);
         return rgbl;
@@ -64,8 +71,8 @@ std::array<float, 4> smoothed(const Image<float> &image, int px, int py, const Q
     const float f = ((-2 * c) + 3) * (c * c);
     const float sub = (f * f) * q.subPixel;
 
-    const float rx = q.rcpFrame / float(image.width);
-    const float ry = 1.0f / float(image.height);
+    const float rx = q.rcpFrame / float(target.width());
+    const float ry = 1.0f / float(target.height());
     const float first = horizontal ? N : W;
     const float second = horizontal ? S : E;
     float len = horizontal ? ry : rx;
@@ -77,8 +84,6 @@ std::array<float, 4> smoothed(const Image<float> &image, int px, int py, const Q
     const float limit = std::max(g1, g2) * 0.25f;
     const bool below = (M - mid) < 0;
 
-    const float posX = (float(px) + 0.5f) / float(image.width);
-    const float posY = (float(py) + 0.5f) / float(image.height);
     float bx = posX, by = posY;
     (horizontal ? by : bx) += len * 0.5f;
     const float ox = horizontal ? rx : 0, oy = horizontal ? 0 : ry;
@@ -116,13 +121,18 @@ std::array<float, 4> smoothed(const Image<float> &image, int px, int py, const Q
     return withMatte(out);
 }
 
+Image<float> smoothed(const Image<float> &image, const Quality &q, const QSize &target)
+{
+    Image<float> out(target.width(), target.height());
+    for (int y = 0; y < out.height; ++y)
+        for (int x = 0; x < out.width; ++x)
+            out.at(x, y) = smoothed(image, target, x, y, q);
+    return out;
+}
+
 Image<float> smoothed(const Image<float> &image, const Quality &q)
 {
-    Image<float> out(image.width, image.height);
-    for (int y = 0; y < image.height; ++y)
-        for (int x = 0; x < image.width; ++x)
-            out.at(x, y) = smoothed(image, x, y, q);
-    return out;
+    return smoothed(image, q, QSize(image.width, image.height));
 }
 
 class Fxaa : public GLTest
@@ -140,8 +150,12 @@ protected:
     }
     Image<float> drawn(const Image<float> &image, const Quality &q)
     {
+        return drawn(image, q, QSize(image.width, image.height));
+    }
+    Image<float> drawn(const Image<float> &image, const Quality &q, const QSize &target)
+    {
         const auto frame = makeTexture(image);
-        owned->setInput(kViewport, QRect(0, 0, image.width, image.height));
+        owned->setInput(kViewport, QRect(QPoint(0, 0), target));
         owned->setInput(kFrame, textureToVariant(frame.get()));
         owned->setInput(kSubPixel, q.subPixel);
         owned->setInput(kRcpFrame, q.rcpFrame);
@@ -181,6 +195,46 @@ TEST_F(Fxaa, FollowsTheMethodOverWholeImages)
         }
     }
 }
+
+namespace {
+
+// A frame of the size of the target, then smaller and larger ones, in one direction or both.
+struct Sizes
+{
+    const char *name;
+    QSize frame;
+    QSize target;
+};
+
+class FxaaOfSizes : public Fxaa, public ::testing::WithParamInterface<Sizes>
+{};
+
+} // namespace
+
+TEST_P(FxaaOfSizes, ReadsTheFrameBetweenItsTexels)
+{
+    const auto [name, frame, target] = GetParam();
+    const Image<float> image = edgeImage(frame.width(), frame.height());
+    for (const Quality &q : {Quality{}, Quality{.threshold = 0.063f, .thresholdMin = 0.0833f}}) {
+        const Image<float> expected = smoothed(image, q, target);
+        EXPECT_TRUE(sameImage(drawn(image, q, target), expected, {1.0, kHalfFloat, kTipped}));
+        // What a pixel would be that reads the texel that it lies in: of another size that is another picture.
+        Image<float> nearest(target.width(), target.height());
+        for (int y = 0; y < nearest.height; ++y)
+            for (int x = 0; x < nearest.width; ++x)
+                nearest.at(x, y) = image.at(x * frame.width() / target.width(), y * frame.height() / target.height());
+        EXPECT_EQ(isSameImage(smoothed(nearest, q), expected, {1.0, kHalfFloat, 5 * kTipped}), frame == target);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Frames, FxaaOfSizes,
+                         ::testing::Values(Sizes{"Equal", {64, 64}, {64, 64}},
+                                           Sizes{"HalfAsLarge", {64, 32}, {128, 64}},
+                                           Sizes{"TwiceAsLarge", {128, 128}, {64, 64}},
+                                           Sizes{"Wider", {128, 64}, {64, 64}}, Sizes{"Higher", {64, 128}, {64, 64}},
+                                           Sizes{"ALittleSmaller", {97, 61}, {100, 64}},
+                                           Sizes{"ALittleLarger", {101, 63}, {100, 60}}),
+                         [](const auto &test) { return std::string(test.param.name); });
 
 TEST_F(Fxaa, TellsItsSettingsApart)
 {
