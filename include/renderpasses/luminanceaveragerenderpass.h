@@ -28,10 +28,14 @@ class Texture;
 ///
 /// The first step averages blocks of the image into a texture of an eighth of the viewport's width and
 /// height, the second averages that. A block is (image width / reduced width) by (image height / reduced
-/// width) texels: both sides go by the width. So the average is that of the whole image where the
-/// viewport is square. In a wide image the blocks cover the lower part only, width / height of the way up
-/// each step, and a fraction of a row counts as a row; in a high one they reach over its top, where
-/// fetches give 0. See the page of the pass for figures. Linear values in, linear luminance out.
+/// width) texels: both sides go by the width. In a wide viewport the blocks cover the lower part of the image
+/// only, height / width of it; in a high one they reach over its top, where fetches give 0. A fraction of a
+/// texel at the edge of a block counts as a texel in the sum, and as a fraction in what the sum is divided by.
+///
+/// So the average is the mean of all texels where the viewport is square and an eighth of its side, rounded
+/// down, divides the width and the height of the image. For any image a viewport of 8 by 8 does; 8 times the
+/// greatest common divisor of its sides is the largest that does, and shares the work among the most
+/// fragments. See the page of the pass for figures. Linear values in, linear luminance out.
 ///
 /// The reduced texture follows the viewport in steps of 8 pixels; a side under 8 pixels counts as 8. A
 /// viewport that does not begin at 0, 0 shifts the first step and puts the second beside its one texel,
@@ -54,13 +58,23 @@ public:
     void start(RenderCallbacks *callbacks) override;
 
 private:
-    void reduce(Texture *texture, float width, float height);
+    /// An image in blocks: as many across and up as a whole image has them.
+    struct Blocks
+    {
+        Texture *texture;
+        float across;
+        float up;
+    };
+    Blocks summable(const Blocks &blocks, int rows);
+    void reduce(const Blocks &blocks);
 
     Held<ShaderProgram> _shaderProgram;
     QSharedPointer<DrawBuffers> _screenQuad;
     Held<Texture> _fallbackTexture;
     Held<FramebufferObject> _reductionFbo;
     Held<FramebufferObject> _averageFbo;
+    /// For images whose blocks are too large to sum at once.
+    Held<FramebufferObject> _columnsFbo;
     int _reducedWidth = 0;
     int _reducedHeight = 0;
     int _averageWidth = 0;

@@ -80,6 +80,15 @@ Texture *makeBlackTexture()
     return makeTexture({GL_RGBA, GL_BGRA, GL_UNSIGNED_BYTE, GL_NEAREST}, {1, 1}, &kZero);
 }
 
+Extent sizeOf(Texture *texture)
+{
+    AutoBinder bound(texture);
+    Extent size;
+    glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_WIDTH, &size.width);
+    glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_HEIGHT, &size.height);
+    return size;
+}
+
 unsigned int depthAttachmentOf(RenderPassHelper &pass, int slot, Texture *depth)
 {
     AutoBinder bound(depth);

@@ -59,6 +59,9 @@ Texture *makeTexture(const TargetFormat &format, const Extent &extent, const voi
 /// stands in for a missing input.
 Texture *makeBlackTexture();
 
+/// The size of level 0, 0 by 0 for a texture that is not two-dimensional.
+Extent sizeOf(Texture *texture);
+
 /// Where a depth texture of the host's is attached: GL_DEPTH_STENCIL_ATTACHMENT, or GL_DEPTH_ATTACHMENT
 /// when it has depth but no stencil. GL_NONE for a texture without depth, which is said once with the names
 /// of pass and slot.

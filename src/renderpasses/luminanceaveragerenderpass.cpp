@@ -9,6 +9,7 @@
 #include "gl/texture.h"
 #include "passkit/glstate.h"
 #include "passkit/limits.h"
+#include "passkit/pool.h"
 #include "passkit/programs.h"
 #include "passkit/slots.h"
 #include "passkit/statetable.h"
@@ -20,6 +21,9 @@
 #include <epoxy/gl.h>
 
 #include <algorithm>
+#include <cmath>
+
+using namespace Qt::StringLiterals;
 
 namespace Brevane::Kvo {
 
@@ -29,6 +33,8 @@ const StateRow &kState = stateRow("LuminanceAverageRenderPass");
 
 constexpr TargetFormat kTarget{GL_RGBA32F, GL_BGRA, GL_FLOAT, GL_NEAREST};
 constexpr int kReduction = 8;
+// What a fragment sums in one loop. A software renderer may end a loop after 65535 rounds, with what it has by then.
+constexpr float kMostTexelsOfABlock = 32768;
 
 const QString kFragmentShader = QStringLiteral(R"(#version 150
 #include "KvoUtilities.glslh"
@@ -68,29 +74,10 @@ const ProgramRecipe &reductionProgram()
     return recipe;
 }
 
-const QString &viewportName()
-{
-    static const QString name = QStringLiteral("Kvo_QRect_Viewport");
-    return name;
-}
-
-const QString &textureName()
-{
-    static const QString name = QStringLiteral("Kvo_KvoTexture*_Texture");
-    return name;
-}
-
-const QString &frameName()
-{
-    static const QString name = QStringLiteral("Kvo_KvoTexture*_Frame");
-    return name;
-}
-
-const QString &luminanceName()
-{
-    static const QString name = QStringLiteral("Kvo_float_averageLuminance");
-    return name;
-}
+const QString kViewport = u"Kvo_QRect_Viewport"_s;
+const QString kTexture = u"Kvo_KvoTexture*_Texture"_s;
+const QString kFrame = u"Kvo_KvoTexture*_Frame"_s;
+const QString kLuminance = u"Kvo_float_averageLuminance"_s;
 
 float readLuminance()
 {
@@ -105,10 +92,10 @@ float readLuminance()
 LuminanceAverageRenderPass::LuminanceAverageRenderPass()
 {
     setTextureForm(TextureForm::Object);
-    addInput(viewportName());
-    addInput(textureName());
-    addOutput(frameName());
-    addOutput(luminanceName());
+    addInput(kViewport);
+    addInput(kTexture);
+    addOutput(kFrame);
+    addOutput(kLuminance);
 }
 
 LuminanceAverageRenderPass::LuminanceAverageRenderPass(const LuminanceAverageRenderPass &other) = default;
@@ -121,10 +108,10 @@ void LuminanceAverageRenderPass::start(RenderCallbacks *)
     const ContextScope scope;
     if (!scope)
         return;
-    const int viewportSlot = findInput(viewportName());
-    const int textureSlot = findInput(textureName());
-    const int frameSlot = findOutput(frameName());
-    const int luminanceSlot = findOutput(luminanceName());
+    const int viewportSlot = findInput(kViewport);
+    const int textureSlot = findInput(kTexture);
+    const int frameSlot = findOutput(kFrame);
+    const int luminanceSlot = findOutput(kLuminance);
     if (viewportSlot < 0 || textureSlot < 0 || frameSlot < 0 || luminanceSlot < 0)
         return;
     const QRect viewport = qvariant_cast<QRect>(_inputs[viewportSlot].value);
@@ -165,36 +152,58 @@ void LuminanceAverageRenderPass::start(RenderCallbacks *)
 
     Texture *reduced = _reductionFbo->attachment(GL_COLOR_ATTACHMENT0);
     {
+        // Twice the width: blocks have as many texels per pixel of height as the width says.
+        const Blocks blocks = summable({texture, float(_reducedWidth), float(_reducedWidth)}, _reducedHeight);
         AutoBinder fbo(_reductionFbo);
         _reductionFbo->setDrawBuffers();
         // The size of the whole image; the target cuts it.
         glViewport(viewport.left(), viewport.top(), extent.width, extent.height);
         disable({GL_DEPTH_TEST, GL_BLEND, GL_CULL_FACE, GL_STENCIL_TEST});
         openColorMask();
-        // Twice the width: blocks have as many texels per pixel of height as the width says.
-        reduce(texture, float(_reducedWidth), float(_reducedWidth));
+        reduce(blocks);
     }
     {
         AutoBinder bound(reduced);
         glGenerateMipmap(GL_TEXTURE_2D);
     }
+    const Blocks blocks = summable({reduced, float(_averageWidth), float(_averageHeight)}, _averageHeight);
     AutoBinder fbo(_averageFbo);
     _averageFbo->setDrawBuffers();
     glViewport(viewport.left(), viewport.top(), 1, 1);
     disable({GL_DEPTH_TEST, GL_BLEND, GL_CULL_FACE, GL_STENCIL_TEST});
     openColorMask();
-    reduce(reduced, float(_averageWidth), float(_averageHeight));
+    reduce(blocks);
     _outputs[luminanceSlot].value = readLuminance();
     _outputs[frameSlot].value = objectForm(_averageFbo->attachment(GL_COLOR_ATTACHMENT0));
 }
 
-// Draws the averages of blocks, as many as the target has pixels in a viewport of that size.
-void LuminanceAverageRenderPass::reduce(Texture *texture, float width, float height)
+// Blocks of so few texels that a fragment can sum one, for a target of so many rows. The mean of a block is that of
+// its columns' means: where it has more texels, those are drawn first.
+LuminanceAverageRenderPass::Blocks LuminanceAverageRenderPass::summable(const Blocks &blocks, int rows)
+{
+    const Extent size = sizeOf(blocks.texture);
+    if (std::ceil(float(size.width) / blocks.across) * std::ceil(float(size.height) / blocks.up) <= kMostTexelsOfABlock)
+        return blocks;
+    made(_columnsFbo, "LuminanceAverageRenderPass columns");
+    AutoBinder fbo(_columnsFbo);
+    Texture *columns = tempTexture(TextureFormat::Position, {size.width, rows});
+    _columnsFbo->attach(columns, GL_COLOR_ATTACHMENT0, 0);
+    _columnsFbo->setDrawBuffers();
+    glViewport(0, 0, size.width, rows);
+    reduce({blocks.texture, float(size.width), blocks.up});
+    _columnsFbo->detach(GL_COLOR_ATTACHMENT0);
+    // Nothing takes it before it is read: the next draw is that of the blocks.
+    release(columns);
+    return {columns, blocks.across, float(rows)};
+}
+
+// Draws the averages of blocks, as many as the target has pixels.
+void LuminanceAverageRenderPass::reduce(const Blocks &blocks)
 {
     AutoBinder program(_shaderProgram);
-    AutoBinder bound(texture);
-    _shaderProgram->setUniform(QStringLiteral("u_SamplerTexture"), texture->unit());
-    _shaderProgram->setUniform(QStringLiteral("u_RenderSize"), QVector2D(width, height));
+    AutoBinder bound(blocks.texture);
+    _shaderProgram->setUniform(QStringLiteral("u_SamplerTexture"), blocks.texture->unit());
+    _shaderProgram->setUniform(QStringLiteral("u_RenderSize"), QVector2D(blocks.across, blocks.up));
     AutoBinder quad(_screenQuad);
     _screenQuad->draw();
 }

@@ -55,16 +55,6 @@ QString uniformName(const QString &slot, QLatin1StringView prefix)
     return QStringLiteral("u_") + slot.mid(prefix.size());
 }
 
-// The size of level 0, 0 by 0 for a texture that is not two-dimensional.
-Extent sizeOf(Texture *texture)
-{
-    AutoBinder bound(texture);
-    Extent size;
-    glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_WIDTH, &size.width);
-    glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_HEIGHT, &size.height);
-    return size;
-}
-
 // Filters and wrap of a bound texture, which only some kinds of textures have.
 void setSampling(const Texture &texture)
 {

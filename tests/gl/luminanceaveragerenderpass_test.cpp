@@ -8,12 +8,15 @@
 #include <gl/texturemanager.h>
 #include <renderpasses/luminanceaveragerenderpass.h>
 
+#include <QByteArray>
 #include <QPointer>
 #include <QRect>
 #include <QSize>
 
 #include <epoxy/gl.h>
 
+#include <algorithm>
+#include <array>
 #include <cmath>
 #include <memory>
 #include <random>
@@ -45,23 +48,26 @@ Image<float> gradedNoise(int width, int height)
     return image;
 }
 
-/// One step: averages of blocks of the image, for a target of a size, drawn in a viewport of that origin;
-/// the shader knows renderWidth and renderHeight.
-Image<double> reduced(const Image<double> &image, const QSize &target, double renderWidth, double renderHeight)
+/// One step: averages of blocks of an image of a size, texel by texel from \a at, for a target of a size; the shader
+/// knows renderWidth and renderHeight.
+template <typename At>
+Image<double> reduced(const QSize &image, const At &at, const QSize &target, double renderWidth, double renderHeight)
 {
-    const double stepX = image.width / renderWidth;
-    const double stepY = image.height / renderHeight;
+    const double stepX = image.width() / renderWidth;
+    const double stepY = image.height() / renderHeight;
     Image<double> out(target.width(), target.height());
     for (int y = 0; y < out.height; ++y) {
         for (int x = 0; x < out.width; ++x) {
             const int baseX = int(x * stepX);
             const int baseY = int(y * stepY);
             Vector4 sum{};
-            for (int i = 0; i < stepX; ++i)
-                for (int j = 0; j < stepY; ++j)
-                    if (baseX + i < image.width && baseY + j < image.height) // out of bounds fetches give 0
+            for (int j = 0; j < stepY; ++j)
+                for (int i = 0; i < stepX; ++i)
+                    if (baseX + i < image.width() && baseY + j < image.height()) { // out of bounds fetches give 0
+                        const Vector4 texel = at(baseX + i, baseY + j);
                         for (size_t c = 0; c < 4; ++c)
-                            sum[c] += image.at(baseX + i, baseY + j)[c];
+                            sum[c] += texel[c];
+                    }
             for (size_t c = 0; c < 4; ++c)
                 out.at(x, y)[c] = sum[c] / (stepX * stepY);
         }
@@ -69,15 +75,22 @@ Image<double> reduced(const Image<double> &image, const QSize &target, double re
     return out;
 }
 
+template <typename At>
+Vector4 average(const QSize &image, const At &at, const QSize &viewport)
+{
+    const QSize eighth(std::max(1, viewport.width() / 8), std::max(1, viewport.height() / 8));
+    const Image<double> blocks = reduced(image, at, eighth, eighth.width(), eighth.width());
+    const auto block = [&](int x, int y) { return blocks.at(x, y); };
+    return reduced(eighth, block, QSize(1, 1), 1, 1).at(0, 0);
+}
+
 Vector4 average(const Image<float> &image, const QSize &viewport)
 {
-    Image<double> exact(image.width, image.height);
-    for (qsizetype i = 0; i < image.pixels.size(); ++i)
-        for (size_t c = 0; c < 4; ++c)
-            exact.pixels[i][c] = double(image.pixels[i][c]);
-    const QSize eighth(std::max(1, viewport.width() / 8), std::max(1, viewport.height() / 8));
-    const Image<double> blocks = reduced(exact, eighth, eighth.width(), eighth.width());
-    return reduced(blocks, QSize(1, 1), 1, 1).at(0, 0);
+    const auto at = [&](int x, int y) {
+        const auto &pixel = image.at(x, y);
+        return Vector4{double(pixel[0]), double(pixel[1]), double(pixel[2]), double(pixel[3])};
+    };
+    return average(QSize(image.width, image.height), at, viewport);
 }
 
 double luminanceOf(const Vector4 &color)
@@ -160,11 +173,98 @@ INSTANTIATE_TEST_SUITE_P(Landscape, LuminanceOfSizes,
 INSTANTIATE_TEST_SUITE_P(Portrait, LuminanceOfSizes,
                          ::testing::Values(QSize(40, 64), QSize(54, 96), QSize(9, 200), QSize(75, 101)));
 
-TEST_F(LuminanceAverage, ASquareImageHasItsMean)
+namespace {
+
+// Beyond what one loop of a software renderer sums: 65535 rounds.
+struct LargeImage
+{
+    const char *name;
+    QSize image;
+    QSize viewport;
+    int draws; // one for each step, and one for columns where a step has blocks that are too large
+};
+
+class LuminanceOfLargeImages : public LuminanceAverage, public ::testing::WithParamInterface<LargeImage>
+{};
+
+} // namespace
+
+TEST_P(LuminanceOfLargeImages, TheAverageIsThatOfTheTwoReductions)
+{
+    const LargeImage row = GetParam();
+    const auto texel = [](int x, int y) {
+        const auto u = unsigned(x), v = unsigned(y);
+        return std::array<quint8, 4>{quint8(u * 7 + v * 13), quint8(v >> 4), quint8((u * v) >> 8), quint8(255)};
+    };
+    QVector<quint8> bytes;
+    bytes.reserve(qsizetype(row.image.width()) * row.image.height() * 4);
+    for (int y = 0; y < row.image.height(); ++y)
+        for (int x = 0; x < row.image.width(); ++x)
+            for (const quint8 byte : texel(x, y))
+                bytes.append(byte);
+    texture = makeTexture(GL_RGBA8, row.image.width(), row.image.height(), bytes.constData());
+    pass->setInput(kViewport, QRect(QPoint(0, 0), row.viewport));
+    pass->setInput(kTexture, textureToVariant(texture.get()));
+    runFrame(*pass);
+    const auto at = [&](int x, int y) {
+        const auto value = texel(x, y);
+        return Vector4{value[0] / 255.0, value[1] / 255.0, value[2] / 255.0, value[3] / 255.0};
+    };
+    const Vector4 expected = average(row.image, at, row.viewport);
+    expectAverage(expected);
+    const GlCalls calls;
+    runFrame(*pass);
+    expectAverage(expected);
+    EXPECT_EQ(calls.draws(), row.draws);
+    EXPECT_EQ(calls.created(), 0) << "a steady frame";
+    EXPECT_EQ(calls.textureAllocations(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, LuminanceOfLargeImages,
+                         ::testing::Values(LargeImage{"AsManyAsOneLoopSums", {1920, 1080}, {1920, 1080}, 2},
+                                           LargeImage{"Square", {2048, 2048}, {2048, 2048}, 3},
+                                           LargeImage{"UltraHighDefinition", {3840, 2160}, {3840, 2160}, 3},
+                                           LargeImage{"Portrait", {1500, 2900}, {1500, 2900}, 3},
+                                           LargeImage{"OneBlock", {1279, 717}, {8, 8}, 3},
+                                           LargeImage{"FewBlocks", {1279, 717}, {24, 16}, 3}),
+                         [](const auto &test) { return std::string(test.param.name); });
+
+TEST_F(LuminanceAverage, AWhiteImageOfUltraHighDefinitionIsATenthTooBrightAsItsRowsAre)
+{
+    // Blocks of 8 by 4.5 texels sum five rows.
+    texture = makeTexture(GL_RGBA8, 3840, 2160, QByteArray(4 * 3840 * 2160, char(-1)).constData());
+    pass->setInput(kViewport, QRect(0, 0, 3840, 2160));
+    pass->setInput(kTexture, textureToVariant(texture.get()));
+    runFrame(*pass);
+    EXPECT_NEAR(luminance(), 5 / 4.5, kFloatSums);
+}
+
+TEST_F(LuminanceAverage, ASquareImageHasItsMeanWhereBlocksAreWholeTexels)
 {
     const Image<float> image = gradedNoise(64, 64);
     show(image);
     expectAverage(meanOf(image));
+    // Blocks of 8.0625 texels sum 9 a side.
+    show(Image<float>(129, 129, {1, 1, 1, 1}));
+    EXPECT_NEAR(luminance(), std::pow(9 / 8.0625, 2), kFloatSums);
+}
+
+TEST_F(LuminanceAverage, AViewportOf8By8GivesTheMeanOfAnyImage)
+{
+    for (const QSize &size : {QSize(101, 75), QSize(75, 101), QSize(129, 129), QSize(640, 360)}) {
+        const Image<float> image = gradedNoise(size.width(), size.height());
+        show(image, QRect(0, 0, 8, 8));
+        expectAverage(meanOf(image));
+    }
+}
+
+TEST_F(LuminanceAverage, ASquareViewportOf8TimesACommonDivisorOfItsSidesGivesTheMeanOfAnImage)
+{
+    const Image<float> image = gradedNoise(96, 54);
+    for (const int divisor : {1, 2, 3, 6}) {
+        show(image, QRect(0, 0, 8 * divisor, 8 * divisor));
+        expectAverage(meanOf(image));
+    }
 }
 
 TEST_F(LuminanceAverage, AnImageTwiceAsWideAsHighCountsItsLowerRowsAlone)
@@ -238,6 +338,32 @@ TEST_F(LuminanceAverage, EmptyViewportsRaiseNoErrorAndPublishANumber)
         show(Image<float>(8, 8, {1, 1, 1, 1}), viewport);
         EXPECT_TRUE(std::isfinite(luminance()));
     }
+}
+
+TEST_F(LuminanceAverage, TheFirstValueIsClearedWhateverTheHostCutsOff)
+{
+    glEnable(GL_SCISSOR_TEST);
+    glScissor(5, 6, 2, 2);
+    glColorMask(GL_FALSE, GL_FALSE, GL_FALSE, GL_FALSE);
+    // New memory is black with most drivers, cleared or not: what it is cleared under tells.
+    static int clears, whole;
+    static PFNGLCLEARBUFFERFVPROC real;
+    clears = whole = 0;
+    real = epoxy_glClearBufferfv;
+    epoxy_glClearBufferfv = [](GLenum buffer, GLint drawBuffer, const GLfloat *value) {
+        GLboolean mask[4] = {};
+        glGetBooleanv(GL_COLOR_WRITEMASK, mask);
+        ++clears;
+        whole += !glIsEnabled(GL_SCISSOR_TEST) && mask[0] && mask[1] && mask[2] && mask[3];
+        real(buffer, drawBuffer, value);
+    };
+    show(Image<float>(32, 32, {0.5f, 0.5f, 0.5f, 1}), QRect(4, 0, 32, 32));
+    epoxy_glClearBufferfv = real;
+    EXPECT_EQ(luminance(), 0) << "nothing was drawn yet";
+    EXPECT_EQ(clears, 1);
+    EXPECT_EQ(whole, 1);
+    EXPECT_TRUE(glIsEnabled(GL_SCISSOR_TEST)) << "put back";
+    resetGLState();
 }
 
 TEST_F(LuminanceAverage, AViewportBesideTheOriginKeepsTheValueOfBefore)
