@@ -19,6 +19,8 @@
 
 #include <epoxy/gl.h>
 
+using namespace Qt::StringLiterals;
+
 namespace Brevane::Kvo {
 
 namespace {
@@ -127,16 +129,37 @@ float blendSoftLight1(float Sca, float Sa, float Dca, float Da)
   return Da * (2.0 * Sca - Sa) * (sqrt(m) - m) + Sca - Sca * Da + Dca;
 }
 
-#define PER_CHANNEL(blend1) \
-  vec4(blend1(src.r, src.a, dst.r, dst.a), \
-       blend1(src.g, src.a, dst.g, dst.a), \
-       blend1(src.b, src.a, dst.b, dst.a), \
-       unionAlpha(src, dst))
+vec4 blendColorDodge(vec4 src, vec4 dst)
+{
+  return vec4(blendColorDodge1(src.r, src.a, dst.r, dst.a),
+              blendColorDodge1(src.g, src.a, dst.g, dst.a),
+              blendColorDodge1(src.b, src.a, dst.b, dst.a),
+              unionAlpha(src, dst));
+}
 
-vec4 blendColorDodge(vec4 src, vec4 dst) { return PER_CHANNEL(blendColorDodge1); }
-vec4 blendColorBurn(vec4 src, vec4 dst) { return PER_CHANNEL(blendColorBurn1); }
-vec4 blendHardLight(vec4 src, vec4 dst) { return PER_CHANNEL(blendHardLight1); }
-vec4 blendSoftLight(vec4 src, vec4 dst) { return PER_CHANNEL(blendSoftLight1); }
+vec4 blendColorBurn(vec4 src, vec4 dst)
+{
+  return vec4(blendColorBurn1(src.r, src.a, dst.r, dst.a),
+              blendColorBurn1(src.g, src.a, dst.g, dst.a),
+              blendColorBurn1(src.b, src.a, dst.b, dst.a),
+              unionAlpha(src, dst));
+}
+
+vec4 blendHardLight(vec4 src, vec4 dst)
+{
+  return vec4(blendHardLight1(src.r, src.a, dst.r, dst.a),
+              blendHardLight1(src.g, src.a, dst.g, dst.a),
+              blendHardLight1(src.b, src.a, dst.b, dst.a),
+              unionAlpha(src, dst));
+}
+
+vec4 blendSoftLight(vec4 src, vec4 dst)
+{
+  return vec4(blendSoftLight1(src.r, src.a, dst.r, dst.a),
+              blendSoftLight1(src.g, src.a, dst.g, dst.a),
+              blendSoftLight1(src.b, src.a, dst.b, dst.a),
+              unionAlpha(src, dst));
+}
 
 vec4 blendExclusion(vec4 src, vec4 dst)
 {
@@ -197,41 +220,12 @@ void main()
 }
 )");
 
-const QString &viewportName()
-{
-    static const QString name = QStringLiteral("Kvo_QRect_Viewport");
-    return name;
-}
-
-const QString &frameAName()
-{
-    static const QString name = QStringLiteral("Kvo_KvoTexture*_FrameA");
-    return name;
-}
-
-const QString &frameBName()
-{
-    static const QString name = QStringLiteral("Kvo_KvoTexture*_FrameB");
-    return name;
-}
-
-const QString &blendModeName()
-{
-    static const QString name = QStringLiteral("Int_BlendMode");
-    return name;
-}
-
-const QString &brightnessName()
-{
-    static const QString name = QStringLiteral("brightness");
-    return name;
-}
-
-const QString &outputName()
-{
-    static const QString name = QStringLiteral("Kvo_KvoTexture*_Frame");
-    return name;
-}
+const QString kViewport = u"Kvo_QRect_Viewport"_s;
+const QString kFrameA = u"Kvo_KvoTexture*_FrameA"_s;
+const QString kFrameB = u"Kvo_KvoTexture*_FrameB"_s;
+const QString kBlendMode = u"Int_BlendMode"_s;
+const QString kBrightness = u"brightness"_s;
+const QString kFrame = u"Kvo_KvoTexture*_Frame"_s;
 
 const ProgramRecipe &blendProgram()
 {
@@ -246,12 +240,9 @@ const ProgramRecipe &blendProgram()
 
 BlendRenderPass::BlendRenderPass(BlendMode mode) : _blendMode(mode)
 {
-    addInput(viewportName());
-    addInput(frameAName());
-    addInput(frameBName());
-    addInput(blendModeName());
-    addInput(brightnessName());
-    addOutput(Kvo::outputName());
+    for (const QString &input : {kViewport, kFrameA, kFrameB, kBlendMode, kBrightness})
+        addInput(input);
+    addOutput(kFrame);
 }
 
 BlendRenderPass::BlendRenderPass(const BlendRenderPass &other) = default;
@@ -264,22 +255,26 @@ void BlendRenderPass::start(RenderCallbacks *)
     const ContextScope scope;
     if (!scope)
         return;
-    // By name: hosts derive from this pass and add slots of their own.
-    const int viewportSlot = findInput(viewportName());
-    const QVariant viewportValue = _inputs[viewportSlot].value;
-    const QVariant frameAValue = _inputs[findInput(frameAName())].value;
-    const QVariant frameBValue = _inputs[findInput(frameBName())].value;
-    const QVariant modeValue = _inputs[findInput(blendModeName())].value;
-    const QVariant brightnessValue = _inputs[findInput(brightnessName())].value;
-    const int output = findOutput(Kvo::outputName());
+    // By name: hosts derive from this pass and add slots of their own, or give one another name. Without a size
+    // or an output there is nothing to do; any other slot that is not there is one that is not connected.
+    const int viewportSlot = findInput(kViewport);
+    const int output = findOutput(kFrame);
+    if (viewportSlot < 0 || output < 0)
+        return;
+    const auto valueOf = [this](const QString &name) {
+        const int slot = findInput(name);
+        return slot < 0 ? QVariant() : _inputs[slot].value;
+    };
+    const QVariant modeValue = valueOf(kBlendMode);
+    const QVariant brightnessValue = valueOf(kBrightness);
 
-    const QRect viewport = qvariant_cast<QRect>(viewportValue);
+    const auto viewport = qvariant_cast<QRect>(_inputs[viewportSlot].value);
     const Extent extent = extentOf(*this, viewportSlot);
     const float brightness = hasValue(brightnessValue) ? brightnessValue.toFloat() : 1.0f;
     if (hasValue(modeValue))
         _blendMode = modeValue.toInt();
-    Texture *frameA = anyTexture(frameAValue);
-    Texture *frameB = anyTexture(frameBValue);
+    Texture *frameA = anyTexture(valueOf(kFrameA));
+    Texture *frameB = anyTexture(valueOf(kFrameB));
     if (!frameA || !frameB) {
         if (!_fallbackTexture)
             _fallbackTexture.borrowHere(TextureManager::Instance().solidTexture(QColor(Qt::transparent)));

@@ -68,10 +68,7 @@ struct Fragment
 Fragment fragments[MAX_DEPTH];
 
 #define COMPARE(x,y) (x>y)
-#define COPY(x,y) \
-  y.m_depth = x.m_depth; \
-  y.m_primitiveID = x.m_primitiveID; \
-  y.m_drawID = x.m_drawID;
+#define COPY(x,y) y.m_depth = x.m_depth; y.m_primitiveID = x.m_primitiveID; y.m_drawID = x.m_drawID;
 
 ivec2 texelOf(uint pointer)
 {

@@ -18,6 +18,8 @@
 
 #include <epoxy/gl.h>
 
+using namespace Qt::StringLiterals;
+
 namespace Brevane::Kvo {
 
 namespace {
@@ -70,29 +72,10 @@ void main()
 }
 )");
 
-const QString &viewportName()
-{
-    static const QString name = QStringLiteral("Kvo_QRect_Viewport");
-    return name;
-}
-
-const QString &idName()
-{
-    static const QString name = QStringLiteral("Kvo_KvoTexture*_Id");
-    return name;
-}
-
-const QString &wireColorName()
-{
-    static const QString name = QStringLiteral("Kvo_QColor_WireColor");
-    return name;
-}
-
-const QString &frameName()
-{
-    static const QString name = QStringLiteral("Kvo_KvoTexture*_Frame");
-    return name;
-}
+const QString kViewport = u"Kvo_QRect_Viewport"_s;
+const QString kId = u"Kvo_KvoTexture*_Id"_s;
+const QString kWireColor = u"Kvo_QColor_WireColor"_s;
+const QString kFrame = u"Kvo_KvoTexture*_Frame"_s;
 
 const ProgramRecipe &edgeProgram()
 {
@@ -108,10 +91,10 @@ const ProgramRecipe &edgeProgram()
 WireframeRenderPass::WireframeRenderPass()
 {
     setTextureForm(TextureForm::Object);
-    addInput(viewportName());
-    addInput(idName());
-    addInput(wireColorName());
-    addOutput(frameName());
+    addInput(kViewport);
+    addInput(kId);
+    addInput(kWireColor);
+    addOutput(kFrame);
 }
 
 WireframeRenderPass::WireframeRenderPass(const WireframeRenderPass &other) = default;
@@ -124,14 +107,14 @@ void WireframeRenderPass::start(RenderCallbacks *)
     const ContextScope scope;
     if (!scope)
         return;
-    const int viewportSlot = findInput(viewportName());
-    const int idSlot = findInput(idName());
-    const int frameSlot = findOutput(frameName());
+    const int viewportSlot = findInput(kViewport);
+    const int idSlot = findInput(kId);
+    const int frameSlot = findOutput(kFrame);
     if (viewportSlot < 0 || idSlot < 0 || frameSlot < 0)
         return;
     // Without a colour slot at all; a slot with no value counts, and gives opaque black.
     QColor wireColor(23, 23, 23, 23);
-    if (const int colorSlot = findInput(wireColorName()); colorSlot >= 0)
+    if (const int colorSlot = findInput(kWireColor); colorSlot >= 0)
         wireColor = qvariant_cast<QColor>(_inputs[colorSlot].value);
 
     const QRect viewport = qvariant_cast<QRect>(_inputs[viewportSlot].value);
@@ -165,8 +148,7 @@ void WireframeRenderPass::start(RenderCallbacks *)
         _quad->draw();
     }
 
-    _outputs[frameSlot].value = objectForm(_fbo->attachment(GL_COLOR_ATTACHMENT0));
-    TextureManager::Instance().addTempTextureRef(target, _numOutputUsers[frameSlot]);
+    publish(_outputs[frameSlot], target, _numOutputUsers[frameSlot]);
     release(id);
     _fbo->detach(GL_COLOR_ATTACHMENT0);
     release(target);

@@ -326,6 +326,36 @@ TEST_P(EveryPass, HasASlotTableOfItsOwn)
         EXPECT_EQ(pass.findOutput(pass.outputName(i)), i) << qPrintable(pass.outputName(i));
 }
 
+// A pass that goes by index takes no notice, and one that goes by name takes the slot as one that is not there.
+TEST_P(EveryPass, RunsWithSlotsThatADerivedClassHasRenamed)
+{
+    const bool goesByName = is("LuminanceAverageRenderPass") || is("BlendRenderPass") || is("WireframeRenderPass")
+                            || is("PrimitiveBuilderRenderPass");
+    const auto kindsWith = [&](auto &&change) {
+        const auto pass = GetParam().makeProbe();
+        giveAll(*pass);
+        change(*pass);
+        begin(*pass);
+        runFrame(*pass);
+        const QStringList kinds = kindsOf(*pass);
+        end(*pass);
+        return kinds;
+    };
+    const QStringList whole = kindsWith([](RenderPassHelper &) {});
+    const QStringList nothing(whole.size(), text("nothing"));
+    for (int i = 0; i < int(row.inputs.size()); ++i) {
+        const QStringList without = kindsWith([&](RenderPassHelper &pass) { pass.setInput(i, QVariant()); });
+        const QStringList renamed = kindsWith([&](RenderPassHelper &pass) { GetParam().renameInput(pass, i); });
+        EXPECT_TRUE(goesByName ? renamed == without || renamed == nothing : renamed == whole)
+            << row.inputs[size_t(i)].name << ": " << qPrintable(renamed.join(text(", ")));
+    }
+    for (int i = 0; i < int(row.outputs.size()); ++i) {
+        const QStringList renamed = kindsWith([&](RenderPassHelper &pass) { GetParam().renameOutput(pass, i); });
+        EXPECT_TRUE(renamed == (goesByName ? nothing : whole))
+            << row.outputs[size_t(i)].name << ": " << qPrintable(renamed.join(text(", ")));
+    }
+}
+
 TEST_P(EveryPass, NamesItsSlotsByTheTypesOfTheirValues)
 {
     const auto check = [this](const char *name, QMetaType type) {

@@ -218,6 +218,45 @@ TEST_F(Blend, EachOfThe26ModesFollowsItsFormulaOverAGridOfColoursAndAlphas)
     }
 }
 
+namespace {
+
+class RenamedBlend : public BlendRenderPass
+{
+public:
+    explicit RenamedBlend(int input) { _inputs[input].name = QStringLiteral("Kvo_int_Other"); }
+};
+
+} // namespace
+
+TEST_F(Blend, ASlotThatADerivedClassHasRenamedCountsAsNotConnected)
+{
+    const auto a = makeSolidTexture(4, 4, {0.5f, 0.25f, 0.125f, 0.5f});
+    const auto b = makeSolidTexture(4, 4, {0.125f, 0.5f, 0.25f, 0.25f});
+    const Image<float> onlyB(4, 4, {0.0625f, 0.25f, 0.125f, 0.125f});
+    const Image<float> onlyA(4, 4, {0.5f, 0.25f, 0.125f, 0.5f});
+    const Image<float> dstOver(4, 4, {0.5f, 0.46875f, 0.234375f, 0.5625f});
+    const Image<float> add(4, 4, {0.625f, 0.75f, 0.375f, 0.75f});
+    for (const auto &[slot, expected] :
+         {std::pair<int, const Image<float> &>(kFrameA, onlyB), std::pair<int, const Image<float> &>(kFrameB, onlyA),
+          std::pair<int, const Image<float> &>(kBlendMode, dstOver),
+          std::pair<int, const Image<float> &>(kBrightness, add)}) {
+        RenamedBlend pass(slot);
+        pass.setInput(kViewport, QRect(0, 0, 4, 4));
+        pass.setInput(kFrameA, textureToVariant(a.get()));
+        pass.setInput(kFrameB, textureToVariant(b.get()));
+        pass.setInput(kBlendMode, int(BlendRenderPass::blendAdd));
+        pass.setInput(kBrightness, 0.5f);
+        runFrame(pass);
+        EXPECT_TRUE(sameImage(readTexture<float>(outputTexture(pass, 0)), expected, within(kHalfFloat))) << slot;
+    }
+    RenamedBlend pass(kViewport);
+    pass.setInput(kFrameA, textureToVariant(a.get()));
+    const GlCalls calls;
+    runFrame(pass);
+    EXPECT_TRUE(calls.all().empty()) << qPrintable(calls.toString());
+    EXPECT_FALSE(pass.output(0).isValid());
+}
+
 TEST_F(Blend, ModesAreToldApart)
 {
     const Grid grid = premultipliedGrid();

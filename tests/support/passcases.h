@@ -83,12 +83,14 @@ namespace Brevane::Kvo::Test {
 
 constexpr int kPassClasses = 33;
 
-/// Shows what a pass keeps of a value.
+/// Shows what a pass keeps of a value, and gives its slots other names, as a derived class may.
 template <typename Pass>
 class Probe : public Pass
 {
 public:
     const QVariant &kept(int index) const { return this->_inputs.at(index).value; }
+    void renameInput(int index) { this->_inputs[index].name += QLatin1String("Renamed"); }
+    void renameOutput(int index) { this->_outputs[index].name += QLatin1String("Renamed"); }
 };
 
 /// All that takes the type of a pass.
@@ -101,6 +103,8 @@ struct PassCase
     void (*assign)(RenderPassHelper &to, const RenderPassHelper &from);
     std::unique_ptr<RenderPassHelper> (*makeProbe)();
     QVariant (*kept)(const RenderPassHelper &probe, int index);
+    void (*renameInput)(RenderPassHelper &probe, int index);
+    void (*renameOutput)(RenderPassHelper &probe, int index);
 };
 
 inline void PrintTo(const PassCase &pass, std::ostream *stream)
@@ -124,7 +128,9 @@ PassCase passCase(const char *className)
             []() -> std::unique_ptr<RenderPassHelper> { return std::make_unique<Probe<Pass>>(); },
             [](const RenderPassHelper &probe, int index) -> QVariant {
                 return static_cast<const Probe<Pass> &>(probe).kept(index);
-            }};
+            },
+            [](RenderPassHelper &probe, int index) { static_cast<Probe<Pass> &>(probe).renameInput(index); },
+            [](RenderPassHelper &probe, int index) { static_cast<Probe<Pass> &>(probe).renameOutput(index); }};
 }
 
 inline std::vector<PassCase> passCases()
