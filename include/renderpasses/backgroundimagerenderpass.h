@@ -25,7 +25,7 @@ class Texture;
 /// | 4 | Kvo_string_FadeImageUrl2   | QString | none    | path of the second image                             |
 /// | 5 | Kvo_float_FadeRatio        | float   | none    | weight of the first image, from 0 on                 |
 /// | 6 | Kvo_float_FadeRatio2       | float   | none    | weight of the second image, from 0 on                |
-/// | 7 | Kvo_KvoTexture*_Normal     | texture | none    | alpha: material id plus 1, with either sign; 0: nothing was drawn. None: undefined |
+/// | 7 | Kvo_KvoTexture*_Normal     | texture | none    | alpha: material id plus 1, with either sign; 0: nothing was drawn. None: nothing was drawn anywhere |
 /// | 8 | Kvo_int_FloorMaterialId    | int     | -1      | material of the floor; -1: there is none             |
 /// | 9 | Kvo_float_FadeRatioFloor   | float   | none    | share of the frame on the floor                      |
 ///

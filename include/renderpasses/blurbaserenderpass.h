@@ -6,6 +6,7 @@
 
 #include <QSharedPointer>
 #include <QString>
+#include <QVector2D>
 #include <QVector>
 
 namespace Brevane::Kvo {
@@ -13,6 +14,8 @@ namespace Brevane::Kvo {
 class DrawBuffers;
 class FramebufferObject;
 class ShaderProgram;
+class Texture;
+struct Extent;
 
 /// What the separable blur passes have in common: kernel, shaders, and the objects of a blur. It
 /// declares no slots and draws nothing itself.
@@ -45,6 +48,15 @@ protected:
     QString getBaseVertexShaderSource();
     /// A program of the base vertex shader and this fragment text. The caller owns it.
     ShaderProgram *makeShaderProgram(const QString &fragmentShader) const;
+
+    /// Starts a stage in the bound framebuffer: attaches and clears its target, without depth. False, with nothing
+    /// cleared, for a target without pixels; it is attached all the same.
+    bool beginStage(Texture *output, const Extent &extent);
+    /// Sets, with the program bound, what a blur stage takes beside its image: the step from texel to texel, and
+    /// the kernel.
+    void setKernel(ShaderProgram *program, const QVector2D &step) const;
+    /// Draws the quad with the program and its textures bound.
+    void drawQuad() const;
 
     Held<FramebufferObject> _fbo;
     Held<ShaderProgram> _blurProgram;

@@ -8,8 +8,6 @@
 #include <QVector2D>
 #include <QVector>
 
-#include <array>
-
 namespace Brevane::Kvo {
 
 /// Shifts a projection by a part of a pixel from frame to frame, so that temporal antialiasing gathers
@@ -51,9 +49,8 @@ private:
     int _framesLeft = 30;
     int _jitterIndex = -1;
     QVector<QVector2D> _jitterTable;
-    /// In turn, so that one is free to be written to while consumers of the output share the other.
-    std::array<QVariant, 2> _projections;
-    std::size_t _nextProjection = 0;
+    /// What the first output held before: consumers let go of it while they take what it holds now.
+    QVariant _earlierProjection;
 };
 
 } // namespace Brevane::Kvo

@@ -39,7 +39,8 @@ class Texture;
 /// stands nearly in the same direction for all pixels. The picture depends on these numbers and keeps
 /// them.
 ///
-/// A size change replaces the texture. The pass sets neither the GL viewport nor the clear colour.
+/// Depth is read and never written: the target has none, and the depth mask of the host neither matters nor is
+/// changed. A size change replaces the texture. The pass sets neither the GL viewport nor the clear colour.
 /// Texture inputs are not given back to the pool.
 ///
 /// Leaves changed: depth test (off). Of the host's state count: viewport, clear colour.

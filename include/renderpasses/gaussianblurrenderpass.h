@@ -44,6 +44,9 @@ public:
     ~GaussianBlurRenderPass() override;
 
     void start(RenderCallbacks *callbacks) override;
+
+private:
+    void blur(Texture *image, const QVector2D &direction, const Extent &extent, float divider);
 };
 
 } // namespace Brevane::Kvo

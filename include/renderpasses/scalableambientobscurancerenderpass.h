@@ -25,7 +25,7 @@ class Texture;
 /// | 2  | Kvo_QMatrix4x4_CameraMatrix          | QMatrix4x4 | none    | world to camera space, for world normals |
 /// | 3  | Kvo_float_NearPlane                  | float      | none    | distance of the near plane             |
 /// | 4  | Kvo_float_FarPlane                   | float      | none    | distance of the far plane              |
-/// | 5  | Kvo_KvoTexture*_Depth                | texture    | none    | window depth, may be multisampled; none: nothing is drawn |
+/// | 5  | Kvo_KvoTexture*_Depth                | texture    | none    | window depth, may be multisampled; none: nothing is obscured |
 /// | 6  | Kvo_float_SAORadius                  | float      | 0.08    | radius, units of the scene             |
 /// | 7  | Kvo_float_SAOBias                    | float      | 0.03    | distance that does not count, against obscurance of smooth surfaces |
 /// | 8  | Kvo_float_SAOIntensity               | float      | 1       | strength                               |
@@ -62,8 +62,9 @@ class Texture;
 /// there is, of 4 million texels at most; a negative one an empty output. Each but the last is said once, with a
 /// warning that names pass and slot.
 ///
-/// Leaves changed: stencil test (off), depth mask (closed), clear colour (transparent black), viewport (the
-/// size of the target), stencil function (equal to 1), stencil operation (keep), stencil mask (closed).
+/// Leaves changed: with a depth: stencil test (off), depth mask (closed), clear colour (transparent black),
+/// viewport (the size of the target), stencil function (equal to 1), stencil operation (keep), stencil mask
+/// (closed).
 class KVO_RENDERPASSES_EXPORT ScalableAmbientObscuranceRenderPass : public RenderPassHelper
 {
 public:
@@ -86,6 +87,7 @@ public:
 
 private:
     ShaderProgram *build(bool multisampled, bool positions, bool normals) const;
+    void clearToUnobscured();
     void draw(Texture *depth, Texture *position, Texture *normal);
 
     Held<FramebufferObject> _fbo;

@@ -4,12 +4,16 @@
 #include "gl/held.h"
 #include "renderpasses/export.h"
 
+#include <QRect>
 #include <QSharedPointer>
+
+#include <span>
 
 namespace Brevane::Kvo {
 
 class DrawBuffers;
 class FramebufferObject;
+class NeutralState;
 class ShaderProgram;
 class Texture;
 
@@ -56,6 +60,9 @@ public:
     void teardownContextData(RenderCallbacks *callbacks) override;
 
 private:
+    void copy(Texture *texture, std::span<const QRect> sources, std::span<const QRect> destinations);
+    void average(Texture *texture, std::span<const QRect> destinations, NeutralState &neutral);
+
     Held<ShaderProgram> _shaderProgram;
     QSharedPointer<DrawBuffers> _quad;
     Held<Texture> _defaultTexture;

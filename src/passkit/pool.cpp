@@ -74,15 +74,13 @@ LinearFilterScope::~LinearFilterScope()
     glTexParameteri(_target, GL_TEXTURE_MIN_FILTER, _minFilter);
 }
 
-bool beginStage(FramebufferObject *framebuffer, Texture *output, const Extent &extent)
+bool attachTarget(FramebufferObject *framebuffer, Texture *output, Texture *depthStencil)
 {
-    if (extent.isEmpty() || !framebuffer->attach(output, GL_COLOR_ATTACHMENT0, 0))
-        return false;
+    const bool isAttached = framebuffer->attach(output, GL_COLOR_ATTACHMENT0, 0);
+    if (depthStencil)
+        framebuffer->attach(depthStencil, GL_DEPTH_STENCIL_ATTACHMENT, 0);
     framebuffer->setDrawBuffers();
-    glDisable(GL_DEPTH_TEST);
-    glDepthMask(GL_FALSE);
-    glClear(GL_COLOR_BUFFER_BIT);
-    return true;
+    return isAttached;
 }
 
 TargetViewport::TargetViewport(const Extent &extent)
@@ -95,5 +93,9 @@ TargetViewport::~TargetViewport()
 {
     setFirstViewport(_before);
 }
+
+Stage::Stage(FramebufferObject *framebuffer, const Extent &extent) : _bound(framebuffer), _viewport(extent) {}
+
+Stage::~Stage() = default;
 
 } // namespace Brevane::Kvo

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "gl/guards.h"
 #include "gl/texturemanager.h"
 #include "passkit/extent.h"
 
@@ -7,7 +8,6 @@ class QString;
 
 namespace Brevane::Kvo {
 
-class DrawBuffers;
 class FramebufferObject;
 class ShaderProgram;
 class Texture;
@@ -48,10 +48,9 @@ private:
     int _minFilter = 0;
 };
 
-/// Starts a stage of a chain of full-screen draws: attaches the output to the bound framebuffer as its
-/// only colour target, turns depth test and depth writes off, and clears. False, with nothing cleared
-/// and nothing left attached, for an empty target.
-bool beginStage(FramebufferObject *framebuffer, Texture *output, const Extent &extent);
+/// Attaches an output to the bound framebuffer as its only colour target, and what else the draws need. False where
+/// there is nothing to draw to.
+bool attachTarget(FramebufferObject *framebuffer, Texture *output, Texture *depthStencil = nullptr);
 
 /// Sets the GL viewport to a target of another size than the host's for the scope; where a context has
 /// several viewports, the first.
@@ -65,6 +64,21 @@ public:
 
 private:
     float _before[4] = {};
+};
+
+/// A framebuffer for full-screen draws into targets of one size, for the scope: bound, with the GL viewport set to
+/// them. Both are put back.
+class Stage
+{
+public:
+    Stage(FramebufferObject *framebuffer, const Extent &extent);
+    ~Stage();
+    Stage(const Stage &) = delete;
+    Stage &operator=(const Stage &) = delete;
+
+private:
+    AutoBinder _bound;
+    TargetViewport _viewport;
 };
 
 } // namespace Brevane::Kvo

@@ -117,6 +117,7 @@ const std::vector<StateRow> &stateTable()
     static const char *const kMean = "in a still view";
     static const char *const kWithSource = "with a source";
     static const char *const kWithFrame = "with a frame";
+    static const char *const kWithDepth = "with a depth";
 
     static const char *const kCulling = "Recorded are the fragments that the host's culling leaves, so that a host may "
                                         "record one side of its surfaces.";
@@ -142,8 +143,9 @@ const std::vector<StateRow> &stateTable()
         {"DeferredRenderPass", {drawsInHostViewport(), clearsToCurrent(), off(P::DepthTest)}},
         {"CameraSpaceZBufferRenderPass", with({off(P::StencilTest), depthMask(false)}, viewportLeft(kTargetSize))},
         {"ScalableAmbientObscuranceRenderPass",
-         with(with({off(P::StencilTest), depthMask(false), clearColor(0, 0, 0, 0)}, viewportLeft(kTargetSize)),
-              stencilLeft(GL_EQUAL, 1, "equal to 1"))},
+         with(with({off(P::StencilTest, kWithDepth), depthMask(false, kWithDepth), clearColor(0, 0, 0, 0, kWithDepth)},
+                   viewportLeft(kTargetSize, kWithDepth)),
+              stencilLeft(GL_EQUAL, 1, "equal to 1", kWithDepth))},
         {"LuminanceAverageRenderPass",
          with({off(P::DepthTest), off(P::StencilTest), off(P::Blending), off(P::FaceCulling), colorMaskOpen()},
               viewportLeft("one pixel at the corner of the input's rectangle"))},

@@ -166,8 +166,8 @@ void BackgroundImageRenderPass::start(RenderCallbacks *callbacks)
     }
     if (!depth)
         depth = tempTexture(TextureFormat::DepthStencil, extent);
-    if (!normal)
-        normal = tempTexture(TextureFormat::Frame, extent);
+    // Without material ids nothing says that there is anything in front of the background.
+    normal = orTransparent(normal);
     {
         AutoBinder fbo(_fbo);
         _fbo->attach(result, GL_COLOR_ATTACHMENT0, 0);

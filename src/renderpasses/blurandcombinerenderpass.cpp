@@ -17,6 +17,8 @@
 
 #include <epoxy/gl.h>
 
+using namespace Qt::StringLiterals;
+
 namespace Brevane::Kvo {
 
 namespace {
@@ -154,8 +156,7 @@ void BlurAndCombineRenderPass::start(RenderCallbacks *callbacks)
     fetchOnce(_quad, Quad::Screen);
 
     const NeutralState neutral(kState);
-    AutoBinder fbo(_fbo);
-    TargetViewport targetViewport(extent);
+    const Stage stage(_fbo, extent);
     Texture *source = blurFrame;
     Texture *second = tempTexture(TextureFormat::Frame, extent);
     if (_glowThreshold > 0.0f) {
@@ -178,58 +179,45 @@ void BlurAndCombineRenderPass::start(RenderCallbacks *callbacks)
 
 void BlurAndCombineRenderPass::drawWithThresholdShader(Texture *input, Texture *output)
 {
-    if (!beginStage(_fbo, output, {int(_viewportWidth), int(_viewportHeight)}) || !_quad)
-        return;
-    AutoBinder program(_thresholdProgram);
-    AutoBinder boundInput(input);
-    enableArrays(*_quad, _thresholdProgram);
-    _thresholdProgram->setUniform(QStringLiteral("u_Input"), input->unit());
-    _thresholdProgram->setUniform(QStringLiteral("glow_threshold"), _glowThreshold);
-    {
-        AutoBinder quad(_quad);
-        _quad->draw();
+    if (beginStage(output, {int(_viewportWidth), int(_viewportHeight)})) {
+        AutoBinder program(_thresholdProgram);
+        AutoBinder boundInput(input);
+        enableArrays(*_quad, _thresholdProgram);
+        _thresholdProgram->setUniform(u"u_Input"_s, input->unit());
+        _thresholdProgram->setUniform(u"glow_threshold"_s, _glowThreshold);
+        drawQuad();
     }
     _fbo->detach(GL_COLOR_ATTACHMENT0);
 }
 
 void BlurAndCombineRenderPass::drawWithBlurOnlyShader(Texture *input, Texture *output)
 {
-    if (!beginStage(_fbo, output, {int(_viewportWidth), int(_viewportHeight)}) || !_quad)
-        return;
-    setLinearClamped(input);
-    AutoBinder program(_blurProgram);
-    AutoBinder boundInput(input);
-    enableArrays(*_quad, _blurProgram);
-    _blurProgram->setUniform(QStringLiteral("stepVec"), QVector2D(1.0f / _viewportWidth, 0.0f));
-    _blurProgram->setUniform(QStringLiteral("u_Blurred"), input->unit());
-    _blurProgram->setUniform(QStringLiteral("glow_amount"), _glowAmount);
-    _blurProgram->setUniform(QStringLiteral("weight"), _weights);
-    _blurProgram->setUniform(QStringLiteral("offset"), _offsets);
-    {
-        AutoBinder quad(_quad);
-        _quad->draw();
+    if (beginStage(output, {int(_viewportWidth), int(_viewportHeight)})) {
+        setLinearClamped(input);
+        AutoBinder program(_blurProgram);
+        AutoBinder boundInput(input);
+        enableArrays(*_quad, _blurProgram);
+        setKernel(_blurProgram, {1.0f / _viewportWidth, 0.0f});
+        _blurProgram->setUniform(u"u_Blurred"_s, input->unit());
+        _blurProgram->setUniform(u"glow_amount"_s, _glowAmount);
+        drawQuad();
     }
     _fbo->detach(GL_COLOR_ATTACHMENT0);
 }
 
 void BlurAndCombineRenderPass::drawWithBlurAndAddShader(Texture *original, Texture *blurred, Texture *output)
 {
-    if (!beginStage(_fbo, output, {int(_viewportWidth), int(_viewportHeight)}) || !_quad)
-        return;
-    setLinearClamped(blurred);
-    AutoBinder program(_blurAndAddProgram);
-    AutoBinder boundBlurred(blurred);
-    AutoBinder boundOriginal(original);
-    enableArrays(*_quad, _blurAndAddProgram);
-    _blurAndAddProgram->setUniform(QStringLiteral("stepVec"), QVector2D(0.0f, 1.0f / _viewportHeight));
-    _blurAndAddProgram->setUniform(QStringLiteral("u_Blurred"), blurred->unit());
-    _blurAndAddProgram->setUniform(QStringLiteral("u_Original"), original->unit());
-    _blurAndAddProgram->setUniform(QStringLiteral("glow_amount"), _glowAmount);
-    _blurAndAddProgram->setUniform(QStringLiteral("weight"), _weights);
-    _blurAndAddProgram->setUniform(QStringLiteral("offset"), _offsets);
-    {
-        AutoBinder quad(_quad);
-        _quad->draw();
+    if (beginStage(output, {int(_viewportWidth), int(_viewportHeight)})) {
+        setLinearClamped(blurred);
+        AutoBinder program(_blurAndAddProgram);
+        AutoBinder boundBlurred(blurred);
+        AutoBinder boundOriginal(original);
+        enableArrays(*_quad, _blurAndAddProgram);
+        setKernel(_blurAndAddProgram, {0.0f, 1.0f / _viewportHeight});
+        _blurAndAddProgram->setUniform(u"u_Blurred"_s, blurred->unit());
+        _blurAndAddProgram->setUniform(u"u_Original"_s, original->unit());
+        _blurAndAddProgram->setUniform(u"glow_amount"_s, _glowAmount);
+        drawQuad();
     }
     _fbo->detach(GL_COLOR_ATTACHMENT0);
 }

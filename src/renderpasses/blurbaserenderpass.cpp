@@ -3,13 +3,17 @@
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/glslmacroprocessor.h"
+#include "gl/guards.h"
 #include "gl/shaderprogram.h"
 #include "passkit/limits.h"
+#include "passkit/pool.h"
 #include "passkit/programs.h"
 
 #include <epoxy/gl.h>
 
 #include <cmath>
+
+using namespace Qt::StringLiterals;
 
 namespace Brevane::Kvo {
 
@@ -110,6 +114,30 @@ void BlurBaseRenderPass::calculateBlurWeights()
     }
     _weights = weights;
     _offsets = offsets;
+}
+
+bool BlurBaseRenderPass::beginStage(Texture *output, const Extent &extent)
+{
+    const bool isAttached = attachTarget(_fbo, output);
+    glDisable(GL_DEPTH_TEST);
+    glDepthMask(GL_FALSE);
+    if (!isAttached || extent.isEmpty() || !_quad)
+        return false;
+    glClear(GL_COLOR_BUFFER_BIT);
+    return true;
+}
+
+void BlurBaseRenderPass::setKernel(ShaderProgram *program, const QVector2D &step) const
+{
+    program->setUniform(u"stepVec"_s, step);
+    program->setUniform(u"weight"_s, _weights);
+    program->setUniform(u"offset"_s, _offsets);
+}
+
+void BlurBaseRenderPass::drawQuad() const
+{
+    AutoBinder quad(_quad);
+    _quad->draw();
 }
 
 QString BlurBaseRenderPass::getBaseFragmentShaderSource()

@@ -82,10 +82,10 @@ void CameraJitterPass::start(RenderCallbacks *)
     // In front of the projection, so that after the perspective divide every point moves alike.
     QMatrix4x4 shift;
     shift.translate(float(x * 2.0 / extent.width), float(y * 2.0 / extent.height), 0.0f);
-    QVariant &jittered = _projections[_nextProjection];
-    _nextProjection = 1 - _nextProjection;
+    // Written over the value of two frames ago: consumers still share that of the last one.
+    QVariant &jittered = _outputs[kProjectionOut].value;
+    jittered.swap(_earlierProjection);
     assign(jittered, shift * projection);
-    _outputs[kProjectionOut].value = jittered;
     _outputs[kJitterIndex].value = _jitterIndex;
 }
 

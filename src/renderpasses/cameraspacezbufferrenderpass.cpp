@@ -100,7 +100,7 @@ void CameraSpaceZBufferRenderPass::start(RenderCallbacks *)
 
     // No depth reads as the far plane, the white texel of the manager.
     Texture *sampled = depth ? depth : TextureManager::Instance().solidTexture(QColor(Qt::white));
-    if (!extent.isEmpty() && sampled && _screenQuad) {
+    if (sampled) {
         const NeutralState neutral(kState);
         AutoBinder fbo(_fbo);
         _fbo->setDrawBuffers();
@@ -112,7 +112,8 @@ void CameraSpaceZBufferRenderPass::start(RenderCallbacks *)
         AutoBinder quad(_screenQuad);
         glDisable(GL_STENCIL_TEST);
         glDepthMask(GL_FALSE);
-        _screenQuad->draw();
+        if (!extent.isEmpty() && _screenQuad)
+            _screenQuad->draw();
     }
 
     publish(_outputs[kFrame], target, _numOutputUsers[kFrame]);

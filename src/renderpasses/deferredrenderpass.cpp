@@ -127,11 +127,11 @@ void DeferredRenderPass::start(RenderCallbacks *)
     buildOnce(_shaderProgram, lambertProgram());
     fetchOnce(_screenQuad, Quad::Screen, _shaderProgram);
 
+    const NeutralState neutral(kState);
+    AutoBinder fbo(_fbo);
+    _fbo->setDrawBuffers();
+    glDisable(GL_DEPTH_TEST);
     if (!extent.isEmpty() && normal && _screenQuad) {
-        const NeutralState neutral(kState);
-        AutoBinder fbo(_fbo);
-        _fbo->setDrawBuffers();
-        glDisable(GL_DEPTH_TEST);
         glClear(GL_COLOR_BUFFER_BIT);
         AutoBinder program(_shaderProgram);
         AutoBinder boundNormal(normal);

@@ -298,12 +298,12 @@ void DepthOfFieldRenderPass::start(RenderCallbacks *)
     buildOnce(_program, lensProgram());
     fetchOnce(_quad, Quad::Screen, _program);
 
+    const NeutralState neutral(kState);
+    AutoBinder fbo(_fbo);
+    _fbo->setDrawBuffers();
+    glDisable(GL_DEPTH_TEST);
+    glViewport(0, 0, extent.width, extent.height);
     if (!extent.isEmpty() && depth && _quad) {
-        const NeutralState neutral(kState);
-        AutoBinder fbo(_fbo);
-        _fbo->setDrawBuffers();
-        glDisable(GL_DEPTH_TEST);
-        glViewport(0, 0, extent.width, extent.height);
         glClear(GL_COLOR_BUFFER_BIT);
         AutoBinder program(_program);
         AutoBinder boundDepth(depth);

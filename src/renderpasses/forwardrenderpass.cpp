@@ -98,18 +98,21 @@ void ForwardRenderPass::start(RenderCallbacks *)
     }
     buildOnce(_shaderProgram, forwardProgram());
 
-    if (!extent.isEmpty()) {
+    const bool canDraw = !extent.isEmpty();
+    {
         const NeutralState neutral(kState);
         AutoBinder fbo(_fbo);
         _fbo->setDrawBuffers();
         glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
-        glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+        if (canDraw)
+            glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
         if (model) {
             AutoEnabler depthTest(GL_DEPTH_TEST);
             AutoBinder program(_shaderProgram);
             _shaderProgram->setUniform(QStringLiteral("u_ProjectionMatrix"), projection);
             _shaderProgram->setUniform(QStringLiteral("u_CameraMatrix"), camera);
-            model->draw(_shaderProgram, 0, 0, CounterClockwiseWinding, false);
+            if (canDraw)
+                model->draw(_shaderProgram, 0, 0, CounterClockwiseWinding, false);
         }
     }
     _outputs[kFrame].value = objectForm(_fbo->attachment(GL_COLOR_ATTACHMENT0));

@@ -17,6 +17,8 @@
 
 #include <epoxy/gl.h>
 
+using namespace Qt::StringLiterals;
+
 namespace Brevane::Kvo {
 
 namespace {
@@ -94,54 +96,23 @@ void GaussianBlurRenderPass::start(RenderCallbacks *)
         glStencilMask(0);
     }
 
-    const bool canDraw = !extent.isEmpty() && _quad;
     Texture *intermediate = tempTexture(TextureFormat::Frame, extent);
     {
-        AutoBinder fbo(_fbo);
-        TargetViewport targetViewport(extent);
-        _fbo->attach(intermediate, GL_COLOR_ATTACHMENT0, 0);
-        _fbo->attach(stencil, GL_DEPTH_STENCIL_ATTACHMENT, 0);
-        _fbo->setDrawBuffers();
+        const Stage stage(_fbo, extent);
+        attachTarget(_fbo, intermediate, stencil);
         glDisable(GL_DEPTH_TEST);
         glDepthMask(GL_FALSE);
-        if (canDraw) {
-            glClear(GL_COLOR_BUFFER_BIT);
-            AutoBinder program(_blurProgram);
-            AutoBinder boundInput(input);
-            enableArrays(*_quad, _blurProgram);
-            _blurProgram->setUniform(QStringLiteral("stepVec"), QVector2D(1.0f / float(extent.width), 0.0f));
-            _blurProgram->setUniform(QStringLiteral("u_Input"), input->unit());
-            _blurProgram->setUniform(QStringLiteral("u_ResolutionDivider"), divider);
-            _blurProgram->setUniform(QStringLiteral("weight"), _weights);
-            _blurProgram->setUniform(QStringLiteral("offset"), _offsets);
-            AutoBinder quad(_quad);
-            _quad->draw();
-        }
+        blur(input, {1.0f, 0.0f}, extent, divider); // clears to the colour that the host has set
         _fbo->detach(GL_COLOR_ATTACHMENT0);
     }
-
     Texture *result = tempTexture(TextureFormat::Frame, extent);
     {
-        AutoBinder fbo(_fbo);
-        TargetViewport targetViewport(extent);
+        const Stage stage(_fbo, extent);
         setLinearClamped(intermediate);
-        _fbo->attach(result, GL_COLOR_ATTACHMENT0, 0);
-        _fbo->setDrawBuffers();
+        attachTarget(_fbo, result);
         glDisable(GL_DEPTH_TEST);
         glClearColor(0.0f, 0.0f, 0.0f, 1.0f);
-        if (canDraw) {
-            glClear(GL_COLOR_BUFFER_BIT);
-            AutoBinder program(_blurProgram);
-            AutoBinder boundIntermediate(intermediate);
-            enableArrays(*_quad, _blurProgram);
-            _blurProgram->setUniform(QStringLiteral("stepVec"), QVector2D(0.0f, 1.0f / float(extent.height)));
-            _blurProgram->setUniform(QStringLiteral("u_ResolutionDivider"), divider);
-            _blurProgram->setUniform(QStringLiteral("u_Input"), intermediate->unit());
-            _blurProgram->setUniform(QStringLiteral("weight"), _weights);
-            _blurProgram->setUniform(QStringLiteral("offset"), _offsets);
-            AutoBinder quad(_quad);
-            _quad->draw();
-        }
+        blur(intermediate, {0.0f, 1.0f}, extent, divider);
         _fbo->detach(GL_COLOR_ATTACHMENT0);
         _fbo->detach(GL_DEPTH_STENCIL_ATTACHMENT);
     }
@@ -155,6 +126,21 @@ void GaussianBlurRenderPass::start(RenderCallbacks *)
     release(result);
     release(input);
     release(intermediate);
+}
+
+// Clears the target and draws the image, blurred in one direction.
+void GaussianBlurRenderPass::blur(Texture *image, const QVector2D &direction, const Extent &extent, float divider)
+{
+    if (extent.isEmpty() || !_quad)
+        return;
+    glClear(GL_COLOR_BUFFER_BIT);
+    AutoBinder program(_blurProgram);
+    AutoBinder boundImage(image);
+    enableArrays(*_quad, _blurProgram);
+    setKernel(_blurProgram, direction / QVector2D(float(extent.width), float(extent.height)));
+    _blurProgram->setUniform(u"u_Input"_s, image->unit());
+    _blurProgram->setUniform(u"u_ResolutionDivider"_s, divider);
+    drawQuad();
 }
 
 } // namespace Brevane::Kvo

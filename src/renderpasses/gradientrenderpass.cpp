@@ -67,11 +67,12 @@ const ProgramRecipe &gradientProgram()
 }
 
 // Opaque whatever the colour's alpha: the solid fill is a background.
-void fillSolid(const QColor &color)
+void fillSolid(const QColor &color, bool canDraw)
 {
     glDisable(GL_SCISSOR_TEST);
     glClearColor(float(color.red() / 255.0), float(color.green() / 255.0), float(color.blue() / 255.0), 1.0f);
-    glClear(GL_COLOR_BUFFER_BIT);
+    if (canDraw)
+        glClear(GL_COLOR_BUFFER_BIT);
 }
 
 } // namespace
@@ -104,7 +105,8 @@ void GradientRenderPass::start(RenderCallbacks *)
 
     const QVariant top = _inputs[kColorTop].value;
     const QVariant bottom = _inputs[kColorBottom].value;
-    if (hasValue(top) && !extent.isEmpty()) {
+    const bool canDraw = !extent.isEmpty();
+    if (hasValue(top)) {
         NeutralState neutral(kState);
         AutoBinder fbo(_fbo);
         _fbo->setDrawBuffers();
@@ -112,13 +114,13 @@ void GradientRenderPass::start(RenderCallbacks *)
         disable({GL_DEPTH_TEST, GL_STENCIL_TEST, GL_BLEND, GL_CULL_FACE});
         openColorMask();
         if (!hasValue(bottom)) {
-            fillSolid(qvariant_cast<QColor>(top));
+            fillSolid(qvariant_cast<QColor>(top), canDraw);
         } else {
             AutoBinder program(_shaderProgram);
             _shaderProgram->setUniform(QStringLiteral("u_ColorTop"), QVariant(qvariant_cast<QColor>(top)));
             _shaderProgram->setUniform(QStringLiteral("u_ColorBottom"), QVariant(qvariant_cast<QColor>(bottom)));
             AutoBinder quad(_quad);
-            if (!_quad || !_quad->draw())
+            if (canDraw && (!_quad || !_quad->draw()))
                 setErrorCode(static_cast<unsigned int>(-1));
         }
     }

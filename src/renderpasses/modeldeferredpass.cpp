@@ -103,11 +103,11 @@ void ModelDeferredPass::start(RenderCallbacks *)
     buildOnce(_shaderProgram, shadingProgram());
     fetchOnce(_quad, Quad::Screen, _shaderProgram);
 
+    const NeutralState neutral(kState);
+    AutoBinder fbo(_fbo);
+    _fbo->setDrawBuffers();
+    glDisable(GL_DEPTH_TEST);
     if (!extent.isEmpty()) {
-        const NeutralState neutral(kState);
-        AutoBinder fbo(_fbo);
-        _fbo->setDrawBuffers();
-        glDisable(GL_DEPTH_TEST);
         glClear(GL_COLOR_BUFFER_BIT);
         if (diffuse && specular && normal && _quad) {
             AutoBinder program(_shaderProgram);

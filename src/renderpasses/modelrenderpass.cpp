@@ -132,12 +132,14 @@ void ModelRenderPass::start(RenderCallbacks *)
     }
     buildOnce(_shaderProgram, modelProgram(_discardOnDiffuseAlpha));
 
-    if (!extent.isEmpty()) {
+    const bool canDraw = !extent.isEmpty();
+    {
         NeutralState neutral(kState);
         AutoBinder fbo(_fbo);
         _fbo->setDrawBuffers();
         glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
-        glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+        if (canDraw)
+            glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
         if (model) {
             glEnable(GL_DEPTH_TEST);
             neutral.leave({StatePiece::DepthTest});
@@ -145,7 +147,8 @@ void ModelRenderPass::start(RenderCallbacks *)
             _shaderProgram->setUniform(QStringLiteral("u_ProjectionMatrix"), projection);
             _shaderProgram->setUniform(QStringLiteral("u_CameraMatrix"), camera);
             _shaderProgram->setUniform(QStringLiteral("u_NormalMatrix"), camera.inverted().transposed());
-            model->draw(_shaderProgram, 0, 0, CounterClockwiseWinding, false);
+            if (canDraw)
+                model->draw(_shaderProgram, 0, 0, CounterClockwiseWinding, false);
         }
     }
     _outputs[kDiffuse].value = objectForm(_fbo->attachment(GL_COLOR_ATTACHMENT0));

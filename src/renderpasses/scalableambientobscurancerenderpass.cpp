@@ -289,8 +289,10 @@ void ScalableAmbientObscuranceRenderPass::start(RenderCallbacks *)
         _shaderProgramMS = build(true, position, normal);
     fetchOnce(_screenQuad, Quad::Gradient);
 
-    if (depth && !extent.isEmpty() && _screenQuad)
+    if (depth)
         draw(depth, position, normal);
+    else if (!extent.isEmpty())
+        clearToUnobscured();
 
     publish(_outputs[kFrame], target, _numOutputUsers[kFrame]);
     _fbo->detach(GL_COLOR_ATTACHMENT0);
@@ -298,6 +300,15 @@ void ScalableAmbientObscuranceRenderPass::start(RenderCallbacks *)
     release(depth);
     release(position);
     release(normal);
+}
+
+// Without a depth there is nothing that could obscure. With the framebuffer bound.
+void ScalableAmbientObscuranceRenderPass::clearToUnobscured()
+{
+    const NeutralState neutral(kState);
+    _fbo->setDrawBuffers();
+    constexpr float kUnobscured[4] = {1.0f, 1.0f, 1.0f, 1.0f};
+    glClearBufferfv(GL_COLOR, 0, kUnobscured);
 }
 
 // With the framebuffer bound.
@@ -315,12 +326,16 @@ void ScalableAmbientObscuranceRenderPass::draw(Texture *depth, Texture *position
     const float numSpiralTurns =
         std::trunc(numberOf(*this, kNumSpiralTurns, -kMostSpiralTurns, kMostSpiralTurns, 3.0f));
 
-    const NeutralState neutral(kState);
+    const bool canDraw = _width > 0 && _height > 0 && _screenQuad;
+    NeutralState neutral(kState);
+    neutral.leave({StatePiece::StencilTest, StatePiece::DepthMask, StatePiece::ClearColor, StatePiece::Viewport,
+                   StatePiece::FurtherViewports, StatePiece::StencilFunction, StatePiece::StencilOperation,
+                   StatePiece::StencilMask});
     AutoBinder boundDepth(depth);
     const bool multisampled = depth->target() == GL_TEXTURE_2D_MULTISAMPLE;
     ShaderProgram *const program = multisampled ? _shaderProgramMS : _shaderProgramSS;
     // The test is off, so the depth is safe to sample while it is attached.
-    const unsigned int depthAttachment = multisampled ? unsigned(GL_NONE) : attachmentOf(depth);
+    const unsigned int depthAttachment = multisampled || !canDraw ? unsigned(GL_NONE) : attachmentOf(depth);
     if (depthAttachment != GL_NONE)
         _fbo->attach(depth, depthAttachment, 0);
     {
@@ -329,7 +344,8 @@ void ScalableAmbientObscuranceRenderPass::draw(Texture *depth, Texture *position
         glViewport(0, 0, _width, _height);
         // What the shader discards stays unobscured.
         glClearColor(1.0f, 1.0f, 1.0f, 1.0f);
-        glClear(GL_COLOR_BUFFER_BIT);
+        if (canDraw)
+            glClear(GL_COLOR_BUFFER_BIT);
         glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
 
         AutoBinder boundProgram(program);
@@ -359,7 +375,8 @@ void ScalableAmbientObscuranceRenderPass::draw(Texture *depth, Texture *position
         program->setUniform(QStringLiteral("u_NumSpiralTurns"), numSpiralTurns);
 
         // Every time: the program may be another one than in the frame before.
-        enableArrays(*_screenQuad, program);
+        if (canDraw)
+            enableArrays(*_screenQuad, program);
         AutoBinder quad(_screenQuad);
         glDisable(GL_DEPTH_TEST);
         glDepthMask(GL_FALSE);
@@ -367,7 +384,8 @@ void ScalableAmbientObscuranceRenderPass::draw(Texture *depth, Texture *position
         glStencilFunc(GL_EQUAL, 1, 0xff);
         glStencilOp(GL_KEEP, GL_KEEP, GL_KEEP);
         glStencilMask(0);
-        _screenQuad->draw();
+        if (canDraw)
+            _screenQuad->draw();
     }
     if (depthAttachment != GL_NONE)
         _fbo->detach(depthAttachment);

@@ -17,6 +17,8 @@
 
 #include <epoxy/gl.h>
 
+using namespace Qt::StringLiterals;
+
 namespace Brevane::Kvo {
 
 namespace {
@@ -117,8 +119,7 @@ void StencilBlurAndBlendRenderPass::start(RenderCallbacks *callbacks)
     fetchOnce(_quad, Quad::Screen);
 
     const NeutralState neutral(kState);
-    AutoBinder fbo(_fbo);
-    TargetViewport targetViewport(extent);
+    const Stage stage(_fbo, extent);
     Texture *intermediate = tempTexture(TextureFormat::Frame, extent);
     drawWithBlurOnlyShader(rebuilt, blurFrame, intermediate);
     release(blurFrame);
@@ -133,19 +134,14 @@ void StencilBlurAndBlendRenderPass::start(RenderCallbacks *callbacks)
 
 void StencilBlurAndBlendRenderPass::drawWithBlurOnlyShader(const bool &, Texture *input, Texture *output)
 {
-    if (!beginStage(_fbo, output, {int(_viewportWidth), int(_viewportHeight)}) || !_quad)
-        return;
-    AutoBinder program(_blurProgram);
-    AutoBinder boundInput(input);
-    setLinearClamped(input);
-    enableArrays(*_quad, _blurProgram);
-    _blurProgram->setUniform(QStringLiteral("stepVec"), QVector2D(1.0f / _viewportWidth, 0.0f));
-    _blurProgram->setUniform(QStringLiteral("u_Input"), input->unit());
-    _blurProgram->setUniform(QStringLiteral("weight"), _weights);
-    _blurProgram->setUniform(QStringLiteral("offset"), _offsets);
-    {
-        AutoBinder quad(_quad);
-        _quad->draw();
+    if (beginStage(output, {int(_viewportWidth), int(_viewportHeight)})) {
+        AutoBinder program(_blurProgram);
+        AutoBinder boundInput(input);
+        setLinearClamped(input);
+        enableArrays(*_quad, _blurProgram);
+        setKernel(_blurProgram, {1.0f / _viewportWidth, 0.0f});
+        _blurProgram->setUniform(u"u_Input"_s, input->unit());
+        drawQuad();
     }
     _fbo->detach(GL_COLOR_ATTACHMENT0);
 }
@@ -153,21 +149,16 @@ void StencilBlurAndBlendRenderPass::drawWithBlurOnlyShader(const bool &, Texture
 void StencilBlurAndBlendRenderPass::drawWithBlurAndAddShader(const bool &, Texture *original, Texture *blurred,
                                                              Texture *output)
 {
-    if (!beginStage(_fbo, output, {int(_viewportWidth), int(_viewportHeight)}) || !_quad)
-        return;
-    AutoBinder program(_blurAndAddProgram);
-    AutoBinder boundBlurred(blurred);
-    AutoBinder boundOriginal(original);
-    setLinearClamped(blurred);
-    enableArrays(*_quad, _blurAndAddProgram);
-    _blurAndAddProgram->setUniform(QStringLiteral("stepVec"), QVector2D(0.0f, 1.0f / _viewportHeight));
-    _blurAndAddProgram->setUniform(QStringLiteral("u_Blurred"), blurred->unit());
-    _blurAndAddProgram->setUniform(QStringLiteral("u_Original"), original->unit());
-    _blurAndAddProgram->setUniform(QStringLiteral("weight"), _weights);
-    _blurAndAddProgram->setUniform(QStringLiteral("offset"), _offsets);
-    {
-        AutoBinder quad(_quad);
-        _quad->draw();
+    if (beginStage(output, {int(_viewportWidth), int(_viewportHeight)})) {
+        AutoBinder program(_blurAndAddProgram);
+        AutoBinder boundBlurred(blurred);
+        AutoBinder boundOriginal(original);
+        setLinearClamped(blurred);
+        enableArrays(*_quad, _blurAndAddProgram);
+        setKernel(_blurAndAddProgram, {0.0f, 1.0f / _viewportHeight});
+        _blurAndAddProgram->setUniform(u"u_Blurred"_s, blurred->unit());
+        _blurAndAddProgram->setUniform(u"u_Original"_s, original->unit());
+        drawQuad();
     }
     _fbo->detach(GL_COLOR_ATTACHMENT0);
 }

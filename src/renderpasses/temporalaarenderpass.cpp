@@ -137,18 +137,19 @@ void TemporalAARenderPass::start(RenderCallbacks *)
     NeutralState neutral(kState);
     AutoBinder fbo(_fbo);
     glViewport(0, 0, extent.width, extent.height);
-    if (extent.isEmpty() || !_quad) {
-        // Nothing to draw into.
-    } else if (!frame) {
+    const bool canDraw = !extent.isEmpty() && _quad;
+    if (!frame) {
         glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
-        glClear(GL_COLOR_BUFFER_BIT);
+        if (canDraw)
+            glClear(GL_COLOR_BUFFER_BIT);
     } else {
         neutral.leave({StatePiece::DepthTest, StatePiece::DepthMask, StatePiece::Blending});
         glDisable(GL_DEPTH_TEST);
         glDepthMask(GL_FALSE);
         if (restart) {
             glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
-            glClear(GL_COLOR_BUFFER_BIT);
+            if (canDraw)
+                glClear(GL_COLOR_BUFFER_BIT);
             glDisable(GL_BLEND);
             _frameCount = 0;
         } else {
@@ -161,7 +162,7 @@ void TemporalAARenderPass::start(RenderCallbacks *)
             glBlendFunc(GL_ONE_MINUS_CONSTANT_COLOR, GL_CONSTANT_COLOR);
             glBlendColor(c, c, c, c);
         }
-        {
+        if (canDraw) {
             AutoBinder program(_program);
             AutoBinder quad(_quad);
             AutoBinder boundFrame(frame);

@@ -22,6 +22,8 @@
 
 #include <epoxy/gl.h>
 
+using namespace Qt::StringLiterals;
+
 namespace Brevane::Kvo {
 
 namespace {
@@ -161,7 +163,6 @@ void TextureToScreenRenderPass::start(RenderCallbacks *)
     Texture *texture = objectTexture(_inputs[kTexture].value);
     Texture *textureOut = objectTexture(_inputs[kTextureOut].value);
     FramebufferObject *framebufferOut = framebufferOf(_inputs[kFramebufferOut].value);
-    const bool linear = qvariant_cast<bool>(_inputs[kLinearFilter].value);
 
     if (const QVariant enable = _inputs[kEnableSuperSampling].value; hasValue(enable)) {
         const bool superSampling = qvariant_cast<bool>(enable);
@@ -195,50 +196,62 @@ void TextureToScreenRenderPass::start(RenderCallbacks *)
         glBindFramebuffer(GL_DRAW_FRAMEBUFFER, 0);
     }
 
-    if (!_superSampling && !texture) {
-        if (isComplete(GL_DRAW_FRAMEBUFFER))
-            glClear(GL_COLOR_BUFFER_BIT);
-    } else if (!_superSampling) {
-        made(_readFbo, "TextureToScreenRenderPass source");
-        glBindFramebuffer(GL_READ_FRAMEBUFFER, nameOf(_readFbo));
-        glFramebufferTexture(GL_READ_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, texture->textureID(), 0);
-        glReadBuffer(GL_COLOR_ATTACHMENT0);
-        if (isComplete(GL_READ_FRAMEBUFFER) && isComplete(GL_DRAW_FRAMEBUFFER)) {
-            for (qsizetype i = 0; i < pairs; ++i)
-                blit(sources[i], destinations[i], blitFilter(linear, sources[i], destinations[i]));
-        }
-        glFramebufferTexture(GL_READ_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, 0, 0);
-        glBindFramebuffer(GL_READ_FRAMEBUFFER, 0);
-    } else if (texture && _quad) {
-        neutral.leave({StatePiece::DepthTest, StatePiece::Blending, StatePiece::StencilTest, StatePiece::ScissorTest,
-                       StatePiece::ColorMask});
-        disable({GL_DEPTH_TEST, GL_BLEND, GL_STENCIL_TEST});
-        openColorMask();
-        glEnable(GL_SCISSOR_TEST);
-        {
-            AutoBinder program(_shaderProgram);
-            AutoBinder boundTexture(texture);
-            AutoBinder arrays(_quad->VAO());
-            const bool canDraw = isComplete(GL_DRAW_FRAMEBUFFER);
-            for (qsizetype i = 0; i < pairs && canDraw; ++i) {
-                const QRect &to = destinations[i];
-                if (to.isEmpty())
-                    continue;
-                glViewport(to.left(), to.top(), to.width(), to.height());
-                glScissor(to.left(), to.top(), to.width(), to.height());
-                _shaderProgram->setUniform(QStringLiteral("u_SamplerTexture"), texture->unit());
-                _shaderProgram->setUniform(QStringLiteral("u_RenderSize"),
-                                           QVector2D(float(to.width()), float(to.height())));
-                _quad->draw();
-            }
-        }
-        glDisable(GL_SCISSOR_TEST);
-    }
+    if (_superSampling)
+        average(texture, {destinations.data(), std::size_t(pairs)}, neutral);
+    else if (texture)
+        copy(texture, {sources.data(), std::size_t(pairs)}, {destinations.data(), std::size_t(pairs)});
+    else if (isComplete(GL_DRAW_FRAMEBUFFER))
+        glClear(GL_COLOR_BUFFER_BIT);
 
     if (textureOut)
         glFramebufferTexture(GL_DRAW_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, 0, 0);
     glBindFramebuffer(GL_DRAW_FRAMEBUFFER, 0);
     manager.releaseTempTextureRef(texture, 1);
+}
+
+// Each source rectangle to its destination in the framebuffer that is bound for drawing.
+void TextureToScreenRenderPass::copy(Texture *texture, std::span<const QRect> sources,
+                                     std::span<const QRect> destinations)
+{
+    const bool linear = qvariant_cast<bool>(_inputs[kLinearFilter].value);
+    made(_readFbo, "TextureToScreenRenderPass source");
+    glBindFramebuffer(GL_READ_FRAMEBUFFER, nameOf(_readFbo));
+    glFramebufferTexture(GL_READ_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, texture->textureID(), 0);
+    glReadBuffer(GL_COLOR_ATTACHMENT0);
+    if (isComplete(GL_READ_FRAMEBUFFER) && isComplete(GL_DRAW_FRAMEBUFFER)) {
+        for (std::size_t i = 0; i < destinations.size(); ++i)
+            blit(sources[i], destinations[i], blitFilter(linear, sources[i], destinations[i]));
+    }
+    glFramebufferTexture(GL_READ_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, 0, 0);
+    glBindFramebuffer(GL_READ_FRAMEBUFFER, 0);
+}
+
+// Blocks of the whole texture into each destination.
+void TextureToScreenRenderPass::average(Texture *texture, std::span<const QRect> destinations, NeutralState &neutral)
+{
+    if (!texture || !_quad)
+        return;
+    neutral.leave({StatePiece::DepthTest, StatePiece::Blending, StatePiece::StencilTest, StatePiece::ScissorTest,
+                   StatePiece::ColorMask});
+    disable({GL_DEPTH_TEST, GL_BLEND, GL_STENCIL_TEST});
+    openColorMask();
+    glEnable(GL_SCISSOR_TEST);
+    {
+        AutoBinder program(_shaderProgram);
+        AutoBinder boundTexture(texture);
+        AutoBinder arrays(_quad->VAO());
+        const bool canDraw = isComplete(GL_DRAW_FRAMEBUFFER);
+        for (const QRect &to : destinations) {
+            if (to.isEmpty() || !canDraw)
+                continue;
+            glViewport(to.left(), to.top(), to.width(), to.height());
+            glScissor(to.left(), to.top(), to.width(), to.height());
+            _shaderProgram->setUniform(u"u_SamplerTexture"_s, texture->unit());
+            _shaderProgram->setUniform(u"u_RenderSize"_s, QVector2D(float(to.width()), float(to.height())));
+            _quad->draw();
+        }
+    }
+    glDisable(GL_SCISSOR_TEST);
 }
 
 void TextureToScreenRenderPass::teardownContextData(RenderCallbacks *)

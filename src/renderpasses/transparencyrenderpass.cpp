@@ -200,18 +200,21 @@ void TransparencyRenderPass::start(RenderCallbacks *)
     buildOnce(_compositeProgram, compositeProgram());
     fetchOnce(_screenQuad, Quad::Screen, _compositeProgram);
 
-    if (!extent.isEmpty()) {
+    const bool canDraw = !extent.isEmpty();
+    {
         NeutralState neutral(kState);
         {
             AutoBinder fbo(_opaqueFbo);
             _opaqueFbo->setDrawBuffers();
-            glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+            if (canDraw)
+                glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
             if (model) {
                 AutoEnabler depthTest(GL_DEPTH_TEST);
                 AutoBinder program(_opaqueProgram);
                 setMatrices(_opaqueProgram, projection, camera);
                 // The shader discards the others, which costs as much as drawing them.
-                model->draw(_opaqueProgram, 0, 0, CounterClockwiseWinding, false, GPUModel::Opacity::Opaque);
+                if (canDraw)
+                    model->draw(_opaqueProgram, 0, 0, CounterClockwiseWinding, false, GPUModel::Opacity::Opaque);
             }
         }
         {
@@ -219,7 +222,8 @@ void TransparencyRenderPass::start(RenderCallbacks *)
             AutoBinder fbo(_accumulationFbo);
             _accumulationFbo->setDrawBuffers();
             glClearColor(0.0f, 0.0f, 0.0f, 1.0f);
-            glClear(GL_COLOR_BUFFER_BIT);
+            if (canDraw)
+                glClear(GL_COLOR_BUFFER_BIT);
             glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
             if (model) {
                 AutoEnabler depthTest(GL_DEPTH_TEST);
@@ -228,7 +232,8 @@ void TransparencyRenderPass::start(RenderCallbacks *)
                 glDepthMask(GL_FALSE);
                 AutoBinder program(_accumulationProgram);
                 setMatrices(_accumulationProgram, projection, camera);
-                model->draw(_accumulationProgram, 0, 0, CounterClockwiseWinding, false, opacityToAccumulate());
+                if (canDraw)
+                    model->draw(_accumulationProgram, 0, 0, CounterClockwiseWinding, false, opacityToAccumulate());
                 glDepthMask(GL_TRUE);
                 neutral.leave({StatePiece::DepthMask, StatePiece::BlendFunction});
             }
@@ -247,7 +252,8 @@ void TransparencyRenderPass::start(RenderCallbacks *)
             _compositeProgram->setUniform(QStringLiteral("u_SamplerA"), accumulator->unit());
             _compositeProgram->setUniform(QStringLiteral("u_SamplerB"), weightSum->unit());
             AutoBinder quad(_screenQuad);
-            _screenQuad->draw();
+            if (canDraw)
+                _screenQuad->draw();
         }
     }
     _outputs[kFrame].value = objectForm(_opaqueFbo->attachment(GL_COLOR_ATTACHMENT0));

@@ -220,12 +220,15 @@ void VisibilityBufferRenderPass::start(RenderCallbacks *)
 
     {
         AutoBinder fbo(_fbo);
-        if (!extent.isEmpty()) {
-            NeutralState neutral(kState);
+        const bool canDraw = !extent.isEmpty();
+        NeutralState neutral(kState);
+        glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
+        if (canDraw)
             clearLists();
-            if (model && _shaderProgram->isLinked()) {
-                glEnable(GL_DEPTH_TEST);
-                neutral.leave({StatePiece::DepthTest});
+        if (model && _shaderProgram->isLinked()) {
+            glEnable(GL_DEPTH_TEST);
+            neutral.leave({StatePiece::DepthTest});
+            if (canDraw) {
                 AutoBinder program(_shaderProgram);
                 std::optional<AutoBinder> counter;
                 std::optional<ImageBinding> heads;
@@ -279,7 +282,6 @@ void VisibilityBufferRenderPass::replaceTargets()
 // Leaves the framebuffer of the recording bound and ready to draw.
 void VisibilityBufferRenderPass::clearLists()
 {
-    glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
     if (_gl4Mode) {
         {
             AutoBinder counter(_headCounter);

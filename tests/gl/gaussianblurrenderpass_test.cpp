@@ -196,11 +196,16 @@ TEST_F(GaussianBlur, ARadiusOfExactlyOnePassesTheInputThrough)
 TEST_F(GaussianBlur, PassingThroughMakesNoGLCall)
 {
     const auto input = makeSolidTexture(8, 8, {0.25f, 0.5f, 0.75f, 1.0f});
-    connect(input.get(), 8, 8, 0.5f);
-    runFrame(*owned);
-    const GlCalls calls;
-    runFrame(*owned);
-    EXPECT_TRUE(calls.all().empty()) << qPrintable(calls.toString());
+    const auto stencil = makeTexture(GL_DEPTH24_STENCIL8, 8, 8);
+    for (const bool restricted : {false, true}) {
+        connect(input.get(), 8, 8, 0.5f);
+        owned->setInput(kStencil, restricted ? textureToVariant(stencil.get()) : QVariant());
+        owned->setInput(kStencilMaterial, restricted ? 3 : -1);
+        runFrame(*owned);
+        const GlCalls calls;
+        runFrame(*owned);
+        EXPECT_TRUE(calls.all().empty()) << qPrintable(calls.toString());
+    }
 }
 
 TEST_F(GaussianBlur, TheFirstStartBuildsAProgramEvenAtTheInitialRadius)
@@ -396,7 +401,11 @@ TEST_F(GaussianBlur, PoolReferencesBalanceOnEveryPath)
     for (const float radius : {0.0f, 1.0f, 4.0f}) {
         for (const bool connected : {false, true}) {
             Texture *input = connected ? pool.tempTexture(TextureFormat::Frame, 8, 8) : nullptr;
+            Texture *stencil = connected ? pool.tempTexture(TextureFormat::DepthStencil, 8, 8) : nullptr;
             connect(input, 8, 8, radius);
+            owned->setInput(kStencil, textureToVariant(stencil));
+            // Where nothing is blurred, the material does not count.
+            owned->setInput(kStencilMaterial, radius > 0.5f ? 0 : -1);
             owned->setNumOutputUsers(0, 2);
             runFrame(*owned);
             Texture *output = textureFromVariant(owned->output(0));
@@ -404,9 +413,13 @@ TEST_F(GaussianBlur, PoolReferencesBalanceOnEveryPath)
                 EXPECT_EQ(pool.tempTextureRefs(output), 2);
                 pool.releaseTempTextureRef(output, 2);
             }
+            if (stencil) {
+                EXPECT_EQ(pool.tempTextureRefs(stencil), 0) << radius;
+            }
             EXPECT_TRUE(pool.leakedReferences().isEmpty()) << qPrintable(pool.leakedReferences().join(u'\n'));
         }
     }
+    glStencilMask(~0u);
 }
 
 TEST_F(GaussianBlur, WithNoUsersTheResultGoesBackAtOnceAndTheSlotStillNamesIt)

@@ -26,6 +26,7 @@
 #include <renderpasses/visibilitysortrenderpass.h>
 #include <shadows/shadowmapmanager.h>
 
+#include <QByteArrayList>
 #include <QFile>
 #include <QTemporaryDir>
 
@@ -106,6 +107,10 @@ public:
             }
         }
         color = makeTexture(picture);
+        QVector<float> depths(qsizetype(kWidth) * kHeight, 1.0f);
+        for (int i = 0; i < 50; ++i)
+            depths[40 + i] = 0.3f;
+        depthOnly = makeTexture(GL_DEPTH_COMPONENT32F, kWidth, kHeight, depths.constData());
         id = makeTexture(ids);
         target.clear({0.1f, 0.2f, 0.3f, 0.4f});
         screen.clear({0.4f, 0.3f, 0.2f, 0.1f});
@@ -152,6 +157,7 @@ public:
     PrimitiveBuilderRenderPass builder;
     std::unique_ptr<Texture> color;
     std::unique_ptr<Texture> id;
+    std::unique_ptr<Texture> depthOnly;
     Target target{GL_RGBA8, kWidth, kHeight, true};
     Target screen{GL_RGBA8, kWidth, kHeight};
     Texture cubemap;
@@ -381,9 +387,10 @@ const std::vector<Road> &roads()
                            {"Kvo_QMatrix4x4_ProjectionMatrix", perspective()},
                            {"Kvo_KvoTexture*_Depth", s.texture(s.target.depthStencil())}};
          }},
+        {"ScalableAmbientObscuranceRenderPass", "Unconnected", {}, [](Scene &) { return withCamera({}); }},
         {"ScalableAmbientObscuranceRenderPass",
          nullptr,
-         {},
+         {"with a depth"},
          [](Scene &s) {
              return withCamera({{"Kvo_float_NearPlane", 0.5f},
                                 {"Kvo_float_FarPlane", 20.0f},
@@ -569,6 +576,15 @@ const std::vector<Road> &roads()
              return withCamera({{"Kvo_KvoTexture*_LatLongMap", s.texture(s.color.get())},
                                 {"Kvo_KvoTexture*_Frame", s.texture(s.target.color())},
                                 {"Kvo_KvoTexture*_Depth", s.texture(s.target.depthStencil())}});
+         }},
+        // Without a stencil the depth tells what is covered.
+        {"SkyboxRenderPass",
+         "OverDepth",
+         {"with a source"},
+         [](Scene &s) {
+             return withCamera({{"Kvo_KvoTexture*_LatLongMap", s.texture(s.color.get())},
+                                {"Kvo_KvoTexture*_Frame", s.texture(s.target.color())},
+                                {"Kvo_KvoTexture*_Depth", s.texture(s.depthOnly.get())}});
          }},
         {"BackgroundImageRenderPass",
          nullptr,
@@ -839,7 +855,9 @@ protected:
         Scene scene(*shared);
         cleanContext();
         const std::unique_ptr<RenderPass> pass = makePass(road);
-        const Inputs inputs = road.inputs(scene);
+        Inputs inputs = road.inputs(scene);
+        for (auto &[name, value] : inputs)
+            value = isEmptied && qstrcmp(name, "Kvo_QRect_Viewport") == 0 ? QVariant(QRect()) : value;
         setInputs(*pass, inputs);
         cleanContext();
         Picture picture;
@@ -864,7 +882,7 @@ protected:
             set.reset();
             cleanContext();
         }
-        return pictureOf(road, *pass, scene);
+        return isEmptied ? Picture() : pictureOf(road, *pass, scene);
     }
 
     void expectStateAfter(const HostState &state, const HostState::Set &set, const std::vector<double> &before,
@@ -922,6 +940,7 @@ protected:
     bool isSlow() const { return qstrcmp(road.className, "VisibilityBufferRenderPass") == 0; }
 
     const Road &road = GetParam();
+    bool isEmptied = false; // whether the viewport has no pixels
     bool used = false;
     std::unique_ptr<Shared> shared;
     std::unique_ptr<MessageCapture> messages;
@@ -972,6 +991,44 @@ TEST_P(HostStates, LeaveThePictureAndAreLeftAsTheTableSays)
         } else {
             EXPECT_TRUE(picture == clean) << "the picture is another one";
         }
+    }
+}
+
+// Nothing is drawn, and what a pass says of its state holds all the same.
+TEST_P(HostStates, AreLeftAsTheTableSaysByAnEmptyViewportToo)
+{
+    isEmptied = true;
+    Counts counts;
+    run(nullptr, &counts);
+    for (const HostState &state : hostStates()) {
+        const ::testing::ScopedTrace trace(__FILE__, __LINE__, state.name);
+        if (find(road, StateException::Left, state.piece))
+            run(&state, &counts);
+    }
+}
+
+// The texts of a road's programs, as GL gets them.
+TEST_P(HostStates, GetShadersWithoutLinesThatGoOn)
+{
+    // The GLSL of 3.2 has no continuation of a line: what strict compilers make of one is an error.
+    static QByteArrayList texts;
+    static PFNGLSHADERSOURCEPROC real;
+    texts.clear();
+    real = epoxy_glShaderSource;
+    epoxy_glShaderSource = [](GLuint shader, GLsizei count, const GLchar *const *strings, const GLint *lengths) {
+        for (GLsizei i = 0; i < count; ++i)
+            texts << (lengths ? QByteArray(strings[i], lengths[i]) : QByteArray(strings[i]));
+        real(shader, count, strings, lengths);
+    };
+    const GlCalls calls;
+    run(nullptr, &total);
+    epoxy_glShaderSource = real;
+    if (calls.draws() > 0) {
+        EXPECT_FALSE(texts.isEmpty());
+    }
+    for (const QByteArray &text : std::as_const(texts)) {
+        const qsizetype at = text.indexOf("\\\n");
+        EXPECT_EQ(at, -1) << text.mid(std::max<qsizetype>(at - 200, 0), 300).constData();
     }
 }
 
