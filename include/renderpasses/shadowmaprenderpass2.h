@@ -38,9 +38,11 @@ class Texture;
 /// |---|----------------------------|-------------------------------------------------------------------------|
 /// | 0 | Kvo_QVariant_ShadowMapData | ShadowMapManager::RenderData as QObject*; pass and texture stay the owners |
 ///
-/// The maps have the format of ShadowMapRenderPass. They agree with its maps where nothing is clipped by
-/// the near plane, but for two things: a caster at exactly z 0 leaves a depth of 0.0005 here and nothing
-/// there, and depth comes from the depth buffer, rounded to its steps.
+/// The maps have the format of ShadowMapRenderPass, and agree with its maps but for three things. What lies in
+/// the back part of what is in front of the range, with z over w from -1 to 0, hides the casters behind it
+/// here: the texel stays empty, while there it is left out and the caster behind it is drawn. A caster at
+/// exactly z 0 leaves a depth of 0.0005 here and nothing there. And depth comes from the depth buffer, rounded
+/// to its steps.
 ///
 /// While Kvo_bool_Dirty is false the maps stay as they are, and a frame makes no GL call. What forces a
 /// drawing all the same: a change of map size or layer count, with the matrices of the last dirty frame.
@@ -59,8 +61,9 @@ class Texture;
 ///
 /// The program for casters is built in the first frame and knows as many matrices as there are layers then:
 /// give the pass all its lights in that frame, those that are switched on later with
-/// ShadowMapLight::enabled off. Without any layer in the first frame the program does not build, and the
-/// pass draws nothing from then on.
+/// ShadowMapLight::enabled off. Lights that come later than that cast no shadow, which is said once with their
+/// numbers. Without any layer in the first frame the program does not build, and the pass draws nothing from
+/// then on.
 ///
 /// After teardownContextData the arrays are attached again only when they are made again: until the size or
 /// the number of layers changes the maps keep what they hold (on the per-layer path only the depth is drawn).
@@ -104,6 +107,7 @@ public:
 
 private:
     ShaderProgram *_buildDepthProgram() const;
+    void _sayWhatCameTooLate();
     void _clearMaps();
     bool _drawCasters(GPUModel *model, const QVariantList &instanceData);
     void _blurShadowMapArray(const QSize &size, FilterType type);

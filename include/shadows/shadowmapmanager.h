@@ -33,17 +33,18 @@ public:
     /// - Directional lights cut the view up to their distance into parts. Each part is framed by its
     ///   bounding sphere, whose size does not change while the camera moves and turns, in steps of 1/64 of
     ///   the frame: whole texels for maps whose size is a multiple of 64, so that edges do not swim. A
-    ///   frame that would be larger than the scene is the scene's own box. In depth they take in the whole
-    ///   scene, or without bounds twice the widest frame towards the light. Without a camera every cascade
-    ///   frames the scene.
+    ///   frame that would be larger than the scene is the scene's own box. In depth they take in what of the
+    ///   scene's box lies in front of and behind the frame along the light, so with every caster that can throw
+    ///   a shadow into it, or without bounds twice the widest frame towards the light. Without a camera every
+    ///   cascade frames the scene.
     /// - Spot and point lights do not depend on the camera. Their frames are a little wider than the cone
     ///   and the sides of the cube, so that filters find texels at the edges.
     /// - Where the scene's box is needed and there is none, a box of 20 units around the origin stands in,
     ///   which is said once per record through qWarning.
     ///
-    /// Lights that cannot be used, and lights that need more layers than textures of the current context
-    /// can have, or than RenderData::mostLayers, get no layers, with a message that names the light and the
-    /// fault. All matrices are finite.
+    /// Lights that cannot be used are left out: no layers and no light. Lights that need more layers than
+    /// textures of the current context can have, or than RenderData::mostLayers, get no layers, and shine without
+    /// a shadow. Either is said in a message that names the light and the fault. All matrices are finite.
     ///
     /// True when the maps need drawing on account of the lights: matrices, the number of layers, or what
     /// belongs to which light differ from before. Colours do not count, and casters are not looked at. While
@@ -60,7 +61,7 @@ public:
         /// and softens more.
         float minimumVariance = 1e-6f;
         /// Visibility below this counts as none, and the rest is stretched: from 0 to 1, larger takes away
-        /// more of the light that bleeds in where shadows overlap.
+        /// more of the light that bleeds in where shadows overlap. Bounded by 0 and 0.99.
         float lightBleeding = 0.2f;
     };
 
@@ -68,9 +69,10 @@ public:
     /// 8 lights otherwise. A program of OpenGL 3.2 has room for about 50 layers.
     static void setup(GLSLMacroProcessor *processor, int mostLayers, int mostLights);
     /// Gives \a program, which is bound and has "ShadowMap.glslc" in a stage, the matrices, lights and maps
-    /// of a record, and keeps the texture bound until unbindRecord. Reports once when the record has more
-    /// layers than the program has room for; those cast no shadow. False, with no light for the program,
-    /// when there is no record or no texture in it.
+    /// of a record, and keeps the texture bound until unbindRecord. Lights that are off are black. Reports once
+    /// for each program when the record has more layers than it has room for, those cast no shadow, or more
+    /// lights, those do not shine. False, with no light for the program, when there is no record or no texture
+    /// in it.
     static bool bindRecord(ShaderProgram *program, const RenderData *data, const Sampling &sampling);
     static bool bindRecord(ShaderProgram *program, const RenderData *data);
     /// Takes the texture back; call it when bindRecord was true, once the program has drawn.

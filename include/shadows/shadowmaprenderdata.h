@@ -3,6 +3,7 @@
 #include "gl/export.h"
 #include "shadows/shadowmaplight.h"
 
+#include <QHash>
 #include <QObject>
 #include <QPair>
 #include <QPointer>
@@ -48,9 +49,10 @@ public:
     /// 0: as many as those.
     int mostLayers = 0;
     QVector<Transform> transforms; ///< One per layer.
-    /// One per light of the list. No layers: the light is off, or cannot be used.
+    /// One per light of the list. No layers: the light is off, cannot be used, or found no room.
     QVector<ProjectorInfo> projectors;
-    QVector<ShadowMapLight> lights; ///< As they were processed, one per projector; default values for null entries.
+    /// As they were processed, one per projector. What cannot be used, and what is no light, is off here.
+    QVector<ShadowMapLight> lights;
 
     /// The texture that holds the final moments: GL_TEXTURE_2D_ARRAY, GL_RG32F, R depth from 0 to 1 plus a
     /// bias of 0.0005, G its square, 1e9 in both where no caster is. Stored, not owned.
@@ -66,7 +68,8 @@ private:
 
     QPointer<QObject> _projectionTexture;
     QStringList _complaints; // of the last processing, so that each is printed once
-    mutable QPair<unsigned int, int> _roomKnownFor; // program and layers that bindRecord has compared
+    mutable QHash<unsigned int, QPair<int, int>>
+        _roomKnownFor; // by program: layers and lights that bindRecord compared
 };
 
 } // namespace Brevane::Kvo

@@ -108,6 +108,22 @@ bool hasNoCasters(GPUModel *model)
     return !model || model->isDrawEmpty(0, kNoCaster);
 }
 
+CasterGroups casterGroupsOf(GPUModel &model)
+{
+    return {!model.isDrawEmpty(0, kUnculled), !model.isDrawEmpty(kUnculled, kUnculled)};
+}
+
+void drawCasterGroups(GPUModel &model, ShaderProgram *program, const CasterGroups &groups)
+{
+    if (groups.culled) {
+        glEnable(GL_CULL_FACE);
+        model.draw(program, nullptr, 0, kCasterGroup);
+        glDisable(GL_CULL_FACE);
+    }
+    if (groups.unculled)
+        model.draw(program, nullptr, kUnculled, kCasterGroup);
+}
+
 void bindInstanceData(const QVariantList &list, ShaderProgram *program)
 {
     for (const QVariant &entry : list)

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "shadows/shadowmaprenderdata.h"
+
 #include <QMatrix4x4>
 #include <QPair>
 #include <QSize>
@@ -46,6 +48,62 @@ std::optional<QPair<QVector3D, QVector3D>> sceneBoxOf(const QVariant &minimum, c
 
 /// Whether there is nothing to draw; a null model has nothing.
 bool hasNoCasters(GPUModel *model);
+
+/// What of a model's casters there is: some that are culled, and some that are drawn with both faces.
+struct CasterGroups
+{
+    bool culled;
+    bool unculled;
+};
+CasterGroups casterGroupsOf(GPUModel &model);
+/// Draws the casters into what is attached: those that are culled first, with face culling on for them only,
+/// and then the others.
+void drawCasterGroups(GPUModel &model, ShaderProgram *program, const CasterGroups &groups);
+
+/// The layers of a record that belong to a light, light by light, for a loop over them.
+class LayersOfLights
+{
+public:
+    class Iterator
+    {
+    public:
+        using Light = QVector<ShadowMapRenderData::ProjectorInfo>::const_iterator;
+
+        Iterator(Light light, Light end) : _light(light), _end(end) { skipThoseWithout(); }
+        int operator*() const { return _light->firstLayer + _layer; }
+        Iterator &operator++()
+        {
+            if (++_layer >= _light->layerCount) {
+                ++_light;
+                skipThoseWithout();
+            }
+            return *this;
+        }
+        bool operator!=(const Iterator &other) const { return _light != other._light; }
+
+    private:
+        void skipThoseWithout()
+        {
+            _layer = 0;
+            while (_light != _end && _light->layerCount <= 0)
+                ++_light;
+        }
+
+        Light _light;
+        Light _end;
+        int _layer = 0;
+    };
+
+    explicit LayersOfLights(const ShadowMapRenderData &record)
+        : _first(record.projectors.cbegin()), _end(record.projectors.cend())
+    {}
+    Iterator begin() const { return {_first, _end}; }
+    Iterator end() const { return {_end, _end}; }
+
+private:
+    Iterator::Light _first;
+    Iterator::Light _end;
+};
 
 /// Binds what is an InstanceDataCollection in a list, in order.
 void bindInstanceData(const QVariantList &list, ShaderProgram *program);

@@ -404,13 +404,11 @@ bool ShadowMapRenderPass::_clearMaps()
 {
     clearToNoDepth();
     AutoBinder fbo(_fbo);
-    for (const ShadowMapManager::ProjectorInfo &light : std::as_const(_renderData.projectors)) {
-        for (int j = 0; j < light.layerCount; ++j) {
-            _fbo->attach3D(_shadowMapArray, GL_COLOR_ATTACHMENT0, light.firstLayer + j, 0);
-            _fbo->setDrawBuffers();
-            glClear(GL_COLOR_BUFFER_BIT);
-            _fbo->detach(GL_COLOR_ATTACHMENT0);
-        }
+    for (const int layer : LayersOfLights(_renderData)) {
+        _fbo->attach3D(_shadowMapArray, GL_COLOR_ATTACHMENT0, layer, 0);
+        _fbo->setDrawBuffers();
+        glClear(GL_COLOR_BUFFER_BIT);
+        _fbo->detach(GL_COLOR_ATTACHMENT0);
     }
     return false;
 }
@@ -433,26 +431,18 @@ bool ShadowMapRenderPass::_drawMaps(GPUModel *model, const QVariantList &instanc
     AutoBinder fbo(_fbo);
     _fbo->attach(_depthTexture, GL_DEPTH_ATTACHMENT, 0);
     const int matrix = _depthProgram->getUniformLocation(QStringLiteral("modelViewProjectionMatrix"));
-    for (const ShadowMapManager::ProjectorInfo &light : std::as_const(_renderData.projectors)) {
-        for (int j = 0; j < light.layerCount; ++j) {
-            const int layer = light.firstLayer + j;
-            _fbo->attach3D(_shadowMapArray, GL_COLOR_ATTACHMENT0, layer, 0);
-            _fbo->setDrawBuffers();
-            AutoBinder moments(_shadowMapArray);
-            AutoBinder depth(_depthTexture);
-            if (matrix >= 0)
-                glUniformMatrix4fv(matrix, 1, GL_FALSE, _renderData.transforms.at(layer).m);
-            glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
-            if (!model->isDrawEmpty(0, kUnculled)) {
-                glEnable(GL_CULL_FACE);
-                model->draw(_depthProgram, nullptr, 0, kCasterGroup);
-                glDisable(GL_CULL_FACE);
-            }
-            if (!model->isDrawEmpty(kUnculled, kUnculled))
-                model->draw(_depthProgram, nullptr, kUnculled, kCasterGroup);
-            _fbo->detach(GL_COLOR_ATTACHMENT0);
-            drawn = true;
-        }
+    const CasterGroups groups = casterGroupsOf(*model);
+    for (const int layer : LayersOfLights(_renderData)) {
+        _fbo->attach3D(_shadowMapArray, GL_COLOR_ATTACHMENT0, layer, 0);
+        _fbo->setDrawBuffers();
+        AutoBinder moments(_shadowMapArray);
+        AutoBinder depth(_depthTexture);
+        if (matrix >= 0)
+            glUniformMatrix4fv(matrix, 1, GL_FALSE, _renderData.transforms.at(layer).m);
+        glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+        drawCasterGroups(*model, _depthProgram, groups);
+        _fbo->detach(GL_COLOR_ATTACHMENT0);
+        drawn = true;
     }
     unbindInstanceData(instanceData, _depthProgram);
     _fbo->detach(GL_DEPTH_ATTACHMENT);

@@ -49,11 +49,13 @@ enum Input {
 
 constexpr int kLayersPerBatch = 8;
 
-// Goes between the version line of a text and the rest.
+// Goes between the version line of a text and the rest. Layers that came after the program have no matrix in
+// it: their casters are clipped away.
 const QString kCasterDefines = QStringLiteral(R"(
 #instancedata "%1"
 #define LAYER_COUNT_MAX %2
 #define PROJECTION_MATRIX_COUNT %3
+#define NOWHERE vec4(2.0, 2.0, 2.0, 1.0)
 )");
 
 const QString kViewportLayerHead = QStringLiteral(R"(#version 410
@@ -70,7 +72,9 @@ uniform int u_layerBase;
 
 void main()
 {
-  gl_Position = modelViewProjectionMatrix[u_layerBase] * (getModelMatrix() * vec4(va_Vertex, 1.0));
+  gl_Position = NOWHERE;
+  if(u_layerBase < PROJECTION_MATRIX_COUNT)
+    gl_Position = modelViewProjectionMatrix[u_layerBase] * (getModelMatrix() * vec4(va_Vertex, 1.0));
 #ifdef WRITE_LAYER
   gl_Layer = u_layerBase;
 #endif
@@ -90,7 +94,9 @@ out VarVert
 
 void main()
 {
-  Out.fragPos = modelViewProjectionMatrix[u_layerBase] * (getModelMatrix() * vec4(va_Vertex, 1.0));
+  Out.fragPos = NOWHERE;
+  if(u_layerBase < PROJECTION_MATRIX_COUNT)
+    Out.fragPos = modelViewProjectionMatrix[u_layerBase] * (getModelMatrix() * vec4(va_Vertex, 1.0));
 }
 )");
 
@@ -149,6 +155,8 @@ void main()
   for(int layerOffset = 0; layerOffset < LAYER_COUNT_MAX && layerOffset < u_layerCount; ++layerOffset)
   {
     int layer = u_layerBase + layerOffset;
+    if(layer >= PROJECTION_MATRIX_COUNT)
+      break;
     for(int i = 0; i < 3; ++i)
     {
       gl_Layer = layer;
@@ -442,6 +450,8 @@ void ShadowMapRenderPass2::start(RenderCallbacks *)
         render = true;
     }
 
+    if (changed)
+        _sayWhatCameTooLate();
     if (render && _layerCount != 0 && !_mapSize.isEmpty()) {
         NeutralState neutral(kState);
         TargetViewport targetViewport({_mapSize.width(), _mapSize.height()});
@@ -462,6 +472,27 @@ void ShadowMapRenderPass2::start(RenderCallbacks *)
     }
     _renderData.setProjectionTexture(_shadowMapArray);
     _outputs[0].value = QVariant::fromValue(static_cast<QObject *>(&_renderData));
+}
+
+void ShadowMapRenderPass2::_sayWhatCameTooLate()
+{
+    const auto hasMatrix = [this](int layer) {
+        return _depthProgram->isLinked()
+               && _depthProgram->getUniformLocation(QStringLiteral("modelViewProjectionMatrix[%1]").arg(layer)) >= 0;
+    };
+    QStringList late;
+    for (qsizetype i = 0; i < _renderData.projectors.size(); ++i) {
+        const ShadowMapManager::ProjectorInfo &info = _renderData.projectors.at(i);
+        if (info.layerCount > 0 && !hasMatrix(info.firstLayer + info.layerCount - 1))
+            late << QString::number(i);
+    }
+    if (late.isEmpty())
+        acceptInput(kLights);
+    else
+        reportInput(kLights, QStringLiteral("has lights that came after the first frame, to whose layers the program "
+                                            "keeps; these cast no shadow: number %1 (give all lights in the first "
+                                            "frame, those for later with ShadowMapLight::enabled off)")
+                                 .arg(late.join(QStringLiteral(", "))));
 }
 
 // The arrays keep the number of matrices that there are now, also when lights come and go.
@@ -509,13 +540,11 @@ void ShadowMapRenderPass2::_clearMaps()
             glClear(GL_COLOR_BUFFER_BIT);
         return;
     }
-    for (const ShadowMapManager::ProjectorInfo &light : std::as_const(_renderData.projectors)) {
-        for (int j = 0; j < light.layerCount; ++j) {
-            _fbo->detach(GL_COLOR_ATTACHMENT0);
-            _fbo->attach3D(_shadowMapArray, GL_COLOR_ATTACHMENT0, light.firstLayer + j, 0);
-            _fbo->setDrawBuffers();
-            glClear(GL_COLOR_BUFFER_BIT);
-        }
+    for (const int layer : LayersOfLights(_renderData)) {
+        _fbo->detach(GL_COLOR_ATTACHMENT0);
+        _fbo->attach3D(_shadowMapArray, GL_COLOR_ATTACHMENT0, layer, 0);
+        _fbo->setDrawBuffers();
+        glClear(GL_COLOR_BUFFER_BIT);
     }
 }
 
@@ -534,8 +563,7 @@ bool ShadowMapRenderPass2::_drawCasters(GPUModel *model, const QVariantList &ins
         maxLayer = std::max(maxLayer, light.firstLayer + light.layerCount);
     if (maxLayer == 0)
         return false;
-    const bool noUnculled = model->isDrawEmpty(kUnculled, kUnculled);
-    const bool noCulled = model->isDrawEmpty(0, kUnculled);
+    const CasterGroups groups = casterGroupsOf(*model);
 
     AutoBinder program(_depthProgram);
     AutoEnabler depthTest(GL_DEPTH_TEST);
@@ -563,13 +591,7 @@ bool ShadowMapRenderPass2::_drawCasters(GPUModel *model, const QVariantList &ins
         }
         _depthProgram->setUniform(QStringLiteral("u_layerBase"), base);
         _depthProgram->setUniform(QStringLiteral("u_layerCount"), n);
-        if (!noCulled) {
-            glEnable(GL_CULL_FACE);
-            model->draw(_depthProgram, nullptr, 0, kCasterGroup);
-            glDisable(GL_CULL_FACE);
-        }
-        if (!noUnculled)
-            model->draw(_depthProgram, nullptr, kUnculled, kCasterGroup);
+        drawCasterGroups(*model, _depthProgram, groups);
         base += n;
     }
     unbindInstanceData(instanceData, _depthProgram);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <numbers>
 
 namespace Brevane::Kvo {
@@ -85,6 +86,7 @@ DVector unprojected(const QMatrix4x4 &inverse, double x, double y, double z)
 }
 
 constexpr const char *kNotFinite = "one of its numbers is not finite";
+constexpr const char *kTooBright = "its colour times its intensity is not finite";
 constexpr const char *kNoDirection = "its direction has no length";
 constexpr const char *kTooLarge = "its place or the scene is too large to be framed";
 
@@ -186,8 +188,12 @@ const char *LightFrames::process(const ShadowMapLight &light)
     _layerCount = 0;
     const bool isPoint = light.type == ShadowMapLight::Type::Point;
     const bool isDirectional = light.type == ShadowMapLight::Type::Directional;
+    if (!isPoint && !isDirectional && light.type != ShadowMapLight::Type::Spot)
+        return "its type is none";
     if (!isFinite(light.color) || !std::isfinite(light.intensity))
         return kNotFinite;
+    if (!isFinite(light.color * light.intensity))
+        return kTooBright;
     if (!isPoint) {
         if (!isFinite(light.direction))
             return kNotFinite;
@@ -242,8 +248,10 @@ const char *LightFrames::processDirectional(const ShadowMapLight &light)
                   std::round(center.z / step) * step};
         const DVector half(side / 2.0, side / 2.0, 0.0);
         Box frame{center - half, center + half};
-        frame.minimum.z = whole ? whole->minimum.z : center.z - 4.0 * widest;
-        frame.maximum.z = whole ? whole->maximum.z : center.z + side / 2.0;
+        frame.minimum.z = center.z - 4.0 * widest;
+        frame.maximum.z = center.z + side / 2.0;
+        if (_bounds)
+            takeDepthsOf(*_bounds, basis, &frame);
         if (!addOrthographic(basis, frame))
             return kTooLarge;
     }
@@ -297,6 +305,62 @@ LightFrames::Sphere LightFrames::sphereOf(double from, double to) const
         sphere.radius = std::max(sphere.radius, length(corner - sphere.center));
     sphere.radius = steadied(sphere.radius);
     return sphere;
+}
+
+// Only what is in the frame's column can cast a shadow into it or catch one there: the depths of the whole
+// scene, which may be much larger than the frame, would leave few steps to the frame. A frame beside the scene
+// keeps its depths.
+void LightFrames::takeDepthsOf(const Box &world, const Basis &basis, Box *frame)
+{
+    double nearest = std::numeric_limits<double>::infinity();
+    double farthest = -nearest;
+    for (int side = 0; side < 6; ++side) {
+        Polygon polygon(basis, world, side / 2, side % 2 != 0);
+        polygon.cut(&DVector::x, 1.0, frame->maximum.x);
+        polygon.cut(&DVector::x, -1.0, -frame->minimum.x);
+        polygon.cut(&DVector::y, 1.0, frame->maximum.y);
+        polygon.cut(&DVector::y, -1.0, -frame->minimum.y);
+        for (int i = 0; i < polygon.count; ++i) {
+            nearest = std::min(nearest, polygon.corners[std::size_t(i)].z);
+            farthest = std::max(farthest, polygon.corners[std::size_t(i)].z);
+        }
+    }
+    if (farthest > nearest) {
+        frame->minimum.z = nearest;
+        frame->maximum.z = farthest;
+    }
+}
+
+// A side of a box, in the coordinates of a basis.
+LightFrames::Polygon::Polygon(const Basis &basis, const Box &world, int axis, bool isUpper) : count(4)
+{
+    const std::array<int, 3> bits{1, 2, 4};
+    const int across = bits[std::size_t((axis + 1) % 3)];
+    const int along = bits[std::size_t((axis + 2) % 3)];
+    const int fixed = isUpper ? bits[std::size_t(axis)] : 0;
+    corners[0] = basis.of(world.corner(fixed));
+    corners[1] = basis.of(world.corner(fixed | across));
+    corners[2] = basis.of(world.corner(fixed | across | along));
+    corners[3] = basis.of(world.corner(fixed | along));
+}
+
+// Keeps what has a coordinate, times a sign, up to a limit.
+void LightFrames::Polygon::cut(double DVector::*coordinate, double sign, double limit)
+{
+    std::array<DVector, kMostCorners> kept;
+    int keptCount = 0;
+    for (int i = 0; i < count; ++i) {
+        const DVector &a = corners[std::size_t(i)];
+        const DVector &b = corners[std::size_t((i + 1) % count)];
+        const double beyondA = sign * a.*coordinate - limit;
+        const double beyondB = sign * b.*coordinate - limit;
+        if (beyondA <= 0.0)
+            kept[std::size_t(keptCount++)] = a;
+        if ((beyondA <= 0.0) != (beyondB <= 0.0))
+            kept[std::size_t(keptCount++)] = mixed(a, b, beyondA / (beyondA - beyondB));
+    }
+    corners = kept;
+    count = keptCount;
 }
 
 const char *LightFrames::depthRange(const ShadowMapLight &light, double sceneNear, double sceneFar, double *nearDepth,

@@ -65,6 +65,18 @@ private:
         DVector of(const DVector &world) const;
         Box of(const Box &world) const;
     };
+    struct Polygon
+    {
+        // A side of a box cut four times has 8 at most; seen edge on it may be bent by rounding, and then a cut
+        // makes half as many again of them.
+        static constexpr std::size_t kMostCorners = 20;
+
+        Polygon(const Basis &basis, const Box &world, int axis, bool isUpper);
+        void cut(double DVector::*coordinate, double sign, double limit);
+
+        std::array<DVector, kMostCorners> corners;
+        int count = 0;
+    };
     struct View
     {
         std::array<DVector, 4> nearCorners;
@@ -86,6 +98,7 @@ private:
     Sphere sphereOf(double from, double to) const;
     const char *depthRange(const ShadowMapLight &light, double sceneNear, double sceneFar, double *nearDepth,
                            double *farDepth) const;
+    static void takeDepthsOf(const Box &world, const Basis &basis, Box *frame);
     bool addOrthographic(const Basis &basis, const Box &frame);
     bool addPerspective(const Basis &basis, const DVector &position, double halfTangent, double nearDepth,
                         double farDepth);

@@ -54,6 +54,13 @@ const char *typeName(ShadowMapLight::Type type)
     return "unknown";
 }
 
+// Takes up the place of what gives no light.
+ShadowMapLight unlit(ShadowMapLight light)
+{
+    light.enabled = false;
+    return light;
+}
+
 /// Takes the list apart without copying it, where it is one.
 QVariantList listOf(const QVariant &lights)
 {
@@ -183,6 +190,43 @@ void setVectors(const ShaderProgram &program, const QString &name, const Vectors
         glUniform4fv(location, GLsizei(values.size() / 4), values.constData());
 }
 
+float bounded(float value, float least, float most, float ifNotANumber)
+{
+    return std::isnan(value) ? ifNotANumber : std::clamp(value, least, most);
+}
+
+bool endsBefore(const ShaderProgram &program, const QString &array, int count)
+{
+    return count > 1 && program.getUniformLocation(array) >= 0
+           && program.getUniformLocation(QStringLiteral("%1[%2]").arg(array).arg(count - 1)) < 0;
+}
+
+void warnOfMissingRoom(const ShaderProgram &program, const ShadowMapRenderData &data)
+{
+    if (endsBefore(program, kTransforms, data.layerCount))
+        qWarning("Shadows: program '%s' has no room for %d layers; the last ones cast no shadow (see "
+                 "ShadowMapManager::setup)",
+                 qPrintable(program.label()), data.layerCount);
+    const auto count = int(data.lights.size());
+    for (const QString &array : {kProjectors, kPositions, kDirections, kColors}) {
+        if (!endsBefore(program, array, count))
+            continue;
+        int room = count - 1;
+        while (endsBefore(program, array, room))
+            --room;
+        constexpr int kMostNames = 8;
+        QStringList left;
+        for (int i = room; i < std::min(count, room + kMostNames); ++i)
+            left << QStringLiteral("%1 (%2)").arg(i).arg(QLatin1StringView(typeName(data.lights.at(i).type)));
+        if (count - room > kMostNames)
+            left << QStringLiteral("and %1 more").arg(count - room - kMostNames);
+        qWarning("Shadows: program '%s' has room for %d lights of %d; these do not shine: %s (see "
+                 "ShadowMapManager::setup)",
+                 qPrintable(program.label()), room, count, qPrintable(left.join(QStringLiteral(", "))));
+        return;
+    }
+}
+
 float cosineOfHalf(float degrees)
 {
     return std::cos(std::max(degrees, 0.0f) * std::numbers::pi_v<float> / 360.0f);
@@ -217,6 +261,10 @@ bool ShadowMapManager::processLights(QVariant lights, // NOLINT(performance-unne
     }
     LayerWriter writer(data);
     const QVariantList list = listOf(lights);
+    if (list.isEmpty() && lights.isValid() && !lights.canConvert<QVariantList>())
+        complaints.add(QtWarningMsg, QStringLiteral("Shadows: the lights are no list of ShadowMapLight, their type is "
+                                                    "'%1'; there are none")
+                                         .arg(QLatin1StringView(lights.typeName())));
     for (qsizetype i = 0; i < list.size(); ++i) {
         const ShadowMapLight *light = lightOf(list.at(i));
         const qint32 first = writer.count();
@@ -224,16 +272,16 @@ bool ShadowMapManager::processLights(QVariant lights, // NOLINT(performance-unne
             complaints.add(QtCriticalMsg, QStringLiteral("Shadows: light %1 is not a ShadowMapLight, its type is '%2'")
                                               .arg(i)
                                               .arg(QLatin1StringView(list.at(i).typeName())));
-            writer.add(ShadowMapLight(), {0, first});
+            writer.add(unlit(ShadowMapLight()), {0, first});
             continue;
         }
         const char *fault = frames.process(*light);
         const int layers = frames.layerCount();
         if (fault) {
-            complaints.add(QtCriticalMsg, QStringLiteral("Shadows: light %1 (%2) casts no shadow: %3")
+            complaints.add(QtCriticalMsg, QStringLiteral("Shadows: light %1 (%2) is left out: %3")
                                               .arg(i)
                                               .arg(QLatin1StringView(typeName(light->type)), QLatin1StringView(fault)));
-            writer.add(*light, {0, first});
+            writer.add(unlit(*light), {0, first});
             continue;
         }
         if (first + layers > limit) {
@@ -280,7 +328,8 @@ bool ShadowMapManager::bindRecord(ShaderProgram *program, const RenderData *data
     if (!program || !program->isLinked() || !state)
         return false;
     Texture *maps = data ? data->projectionTexture() : nullptr;
-    if (!maps || data->layerCount == 0 || !maps->bind()) {
+    // Lights without a map shine too, so a record without layers counts.
+    if (!maps || !maps->bind()) {
         program->setUniform(kLightCount, 0);
         // Samplers of two kinds must not name one unit, even when nothing is read.
         program->setUniform(kMaps, state->unitCount() - 1);
@@ -288,18 +337,16 @@ bool ShadowMapManager::bindRecord(ShaderProgram *program, const RenderData *data
     }
     program->setUniform(kMaps, maps->unit());
     program->setUniform(kLightCount, int(data->projectors.size()));
-    program->setUniform(kSampling, QVector2D(sampling.minimumVariance, sampling.lightBleeding));
+    const Sampling usual;
+    program->setUniform(kSampling, QVector2D(bounded(sampling.minimumVariance, 0.0f, 1.0f, usual.minimumVariance),
+                                             bounded(sampling.lightBleeding, 0.0f, 0.99f, usual.lightBleeding)));
     // Values beyond the end of an array are left out by GL.
-    if (const int location = program->getUniformLocation(kTransforms); location >= 0) {
+    if (const int location = program->getUniformLocation(kTransforms); location >= 0 && !data->transforms.isEmpty())
         glUniformMatrix4fv(location, GLsizei(data->transforms.size()), GL_FALSE, data->transforms.constData()->m);
-        if (data->_roomKnownFor != qMakePair(program->programID(), data->layerCount)) {
-            data->_roomKnownFor = {program->programID(), data->layerCount};
-            const QString last = QStringLiteral("%1[%2]").arg(kTransforms).arg(data->layerCount - 1);
-            if (data->layerCount > 1 && program->getUniformLocation(last) < 0)
-                qWarning("Shadows: program '%s' has no room for %d layers; the last ones cast no shadow (see "
-                         "ShadowMapManager::setup)",
-                         qPrintable(program->label()), data->layerCount);
-        }
+    const QPair<int, int> needed(data->layerCount, int(data->lights.size()));
+    if (data->_roomKnownFor.value(program->programID()) != needed) {
+        data->_roomKnownFor.insert(program->programID(), needed);
+        warnOfMissingRoom(*program, *data);
     }
     QVarLengthArray<GLint, 32> projectors;
     Vectors positions;
@@ -307,7 +354,12 @@ bool ShadowMapManager::bindRecord(ShaderProgram *program, const RenderData *data
     Vectors colors;
     for (qsizetype i = 0; i < data->projectors.size(); ++i) {
         const ProjectorInfo &info = data->projectors.at(i);
-        const Light light = i < data->lights.size() ? data->lights.at(i) : Light();
+        // What is off may hold any numbers, and black times no number is none.
+        Light light;
+        if (i < data->lights.size() && data->lights.at(i).enabled)
+            light = data->lights.at(i);
+        else
+            light.color = QVector3D();
         projectors.append(info.layerCount);
         projectors.append(info.firstLayer);
         append(positions, light.position, float(int(light.type)));

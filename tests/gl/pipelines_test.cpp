@@ -465,3 +465,25 @@ TEST_F(PipelinePictures, TheViewportsShadowsOnlyDarken)
     EXPECT_GT(darker, 50);
     EXPECT_EQ(brighter, 0);
 }
+
+class ShadowsOnAFloor : public GLTest, public ::testing::WithParamInterface<QString>
+{};
+
+INSTANTIATE_TEST_SUITE_P(Files, ShadowsOnAFloor, ::testing::Values(s("shadows"), s("shadows-layered"), s("viewport")),
+                         pipelineTestName);
+
+// A floor alone shades none of itself, least of all at its rims, where a filter has texels on one side only.
+TEST_P(ShadowsOnAFloor, AFloorAloneHasNoShadowAndNoRims)
+{
+    ModelData data = threeCubes();
+    addFloor(&data);
+    data.items.remove(0, data.items.size() - 1);
+    for (const float yaw : {-30.0f, 60.0f, 150.0f, 240.0f}) {
+        Stage stage(GetParam(), data, QSize(480, 270), yaw, 0.8f);
+        const QImage picture = stage.picture(1);
+        ASSERT_TRUE(stage.pipeline.setValue(s("Shadows"), s("Geometry"), QVariant()));
+        const MessageCapture messages; // of the missing casters
+        // A 16th at most, where the edge-aware filter fills what is empty from texels that it filled before.
+        EXPECT_LE(worstDifference(stage.picture(1), picture), 16) << yaw;
+    }
+}

@@ -1,5 +1,6 @@
 #include "support/gltest.h"
 #include "support/image.h"
+#include "support/messages.h"
 #include "support/passes.h"
 #include "support/scenes.h"
 #include "support/shadowmaps.h"
@@ -14,6 +15,10 @@
 #include <QRect>
 
 #include <cmath>
+#include <limits>
+#include <string>
+#include <utility>
+#include <vector>
 
 using namespace Brevane::Kvo;
 using namespace Brevane::Kvo::Test;
@@ -74,7 +79,11 @@ protected:
     }
     Image<float> picture(std::initializer_list<ShadowMapLight> lights, bool withRecord = true)
     {
-        maps->setInput(2, lightList(lights));
+        return picture(lightList(lights), withRecord);
+    }
+    Image<float> picture(const QVariant &lights, bool withRecord = true)
+    {
+        maps->setInput(2, lights);
         runFrame(*maps);
         glViewport(0, 0, kWidth, kHeight);
         runFrame(*geometry);
@@ -160,6 +169,157 @@ TEST_F(ShadowLighting, LightsAddUpAndThoseBelowDoNotReachTheFloor)
     const auto at = pixelOf(1.5, 1);
     EXPECT_TRUE(
         isPixel(image, at[0], at[1], {0.5 * (0.2 + 0.5 * std::sqrt(0.5)), 0.5 * (0.4 + 0.5), 0.5 * 0.6, 1}, kColor));
+}
+
+// Elements of a list of lights that give no light, each with a name.
+std::vector<std::pair<std::string, QVariant>> elementsWithoutLight()
+{
+    constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+    constexpr float kInfinity = std::numeric_limits<float>::infinity();
+    std::vector<std::pair<std::string, QVariant>> elements{
+        {"invalid", QVariant()},
+        {"a text", QStringLiteral("sun")},
+        {"a number", 7},
+        {"a null pointer to a light", QVariant::fromValue(static_cast<ShadowMapLight *>(nullptr))},
+        {"a null object", QVariant::fromValue(static_cast<QObject *>(nullptr))},
+    };
+    {
+        auto gone = std::make_unique<QObject>();
+        elements.emplace_back("an object that is gone", QVariant::fromValue(gone.get()));
+    }
+    const auto add = [&](const char *name, ShadowMapLight light, const auto &change) {
+        change(light);
+        elements.emplace_back(name, QVariant::fromValue(light));
+    };
+    const ShadowMapLight sun = ShadowMapLight::directional({0, -1, 0});
+    const ShadowMapLight spot = ShadowMapLight::spot({0, 9, 0}, {0, -1, 0}, 80);
+    const ShadowMapLight point = ShadowMapLight::point({0, 9, 0});
+    add("a sun that is off", sun, [](ShadowMapLight &l) { l.enabled = false; });
+    add("a spot light that is off", spot, [](ShadowMapLight &l) { l.enabled = false; });
+    add("a point light that is off", point, [](ShadowMapLight &l) { l.enabled = false; });
+    add("a sun with a direction that is no number", sun, [](ShadowMapLight &l) { l.direction.setX(kNaN); });
+    add("a sun without direction", sun, [](ShadowMapLight &l) { l.direction = {}; });
+    add("a sun with a colour that is no number", sun, [](ShadowMapLight &l) { l.color.setY(kNaN); });
+    add("a sun of infinite intensity", sun, [](ShadowMapLight &l) { l.intensity = kInfinity; });
+    add("a sun that is too bright", sun, [](ShadowMapLight &l) { l.intensity = 3e38f, l.color = {9, 9, 9}; });
+    add("a sun of five cascades", sun, [](ShadowMapLight &l) { l.cascades = 5; });
+    add("a sun whose distance is no number", sun, [](ShadowMapLight &l) { l.distance = kNaN; });
+    add("a spot light at no place", spot, [](ShadowMapLight &l) { l.position.setZ(kNaN); });
+    add("a spot light infinitely far", spot, [](ShadowMapLight &l) { l.position.setY(kInfinity); });
+    add("a spot light of an angle that is no number", spot, [](ShadowMapLight &l) { l.angle = kNaN; });
+    add("a spot light with a soft angle that is no number", spot, [](ShadowMapLight &l) { l.softAngle = kNaN; });
+    add("a spot light that is too wide", spot, [](ShadowMapLight &l) { l.angle = 180; });
+    add("a point light at no place", point, [](ShadowMapLight &l) { l.position.setX(kNaN); });
+    add("a point light with a negative range", point, [](ShadowMapLight &l) { l.range = -2; });
+    add("a point light that begins behind its end", point, [](ShadowMapLight &l) { l.range = 2, l.nearPlane = 3; });
+    add("a light of no kind", sun, [](ShadowMapLight &l) { l.type = ShadowMapLight::Type(9); });
+    add("a faulty one that is off", sun, [](ShadowMapLight &l) { l.direction.setX(kNaN), l.enabled = false; });
+    return elements;
+}
+
+ShadowMapLight colored(ShadowMapLight light, const QVector3D &color)
+{
+    light.color = color;
+    return light;
+}
+
+TEST_F(ShadowLighting, OnlyLightsThatCanBeUsedShineWhateverTheirPlaceAndNeighbours)
+{
+    const MessageCapture messages;
+    struct Good
+    {
+        QVariant light;
+        std::array<double, 3> light3; // what arrives at a floor without a shadow
+    };
+    const double slanted = std::sqrt(0.5);
+    // A direction is one at any length.
+    const Good goods[] = {
+        {QVariant::fromValue(colored(ShadowMapLight::directional({-1, -1, 0}), {0.4f, 0, 0})), {0.4 * slanted, 0, 0}},
+        {QVariant::fromValue(colored(ShadowMapLight::directional({0, -1e-7f, 0}), {0, 0.3f, 0})), {0, 0.3, 0}},
+    };
+    const auto bads = elementsWithoutLight();
+    const auto at = pixelOf(1.5, 1);
+    const auto expectSum = [&](const QVariantList &list, std::initializer_list<int> shining, const std::string &what) {
+        std::array<double, 4> expected{0.5 * 0.2, 0.5 * 0.4, 0.5 * 0.6, 1};
+        for (const int good : shining)
+            for (size_t c = 0; c < 3; ++c)
+                expected[c] += 0.5 * goods[good].light3[c];
+        EXPECT_TRUE(isPixel(picture(list), at[0], at[1], expected, kColor)) << what;
+    };
+    for (size_t i = 0; i < bads.size(); ++i) {
+        const auto &[name, bad] = bads[i];
+        const QVariant &other = bads[(i + 1) % bads.size()].second;
+        expectSum({bad}, {}, name + " alone");
+        expectSum({bad, other}, {}, name + " before another");
+        expectSum({bad, goods[0].light}, {0}, name + " first");
+        expectSum({goods[0].light, bad}, {0}, name + " last");
+        expectSum({goods[0].light, bad, goods[1].light}, {0, 1}, name + " in between");
+        expectSum({bad, goods[1].light, other, goods[0].light, bad}, {0, 1}, name + " around");
+    }
+}
+
+TEST_F(ShadowLighting, ALightThatFindsNoRoomForItsLayersShinesWithoutAShadowAlsoAlone)
+{
+    const MessageCapture messages;
+    picture({ShadowMapLight::directional({0, -1, 0})});
+    recordOf(*maps)->mostLayers = 5;
+    // The shadow of the plate would lie around the middle.
+    const ShadowMapLight lamp = colored(ShadowMapLight::point({1, 3, 0}), {0.5f, 0, 0});
+    const auto at = pixelOf(-0.6, 0.1);
+    const QVector3D toLamp = QVector3D(1, 3, 0) - QVector3D(-0.6f, 0, 0.1f);
+    const double lit = 0.5 * (0.2 + 0.5 * double(toLamp.normalized().y()));
+    EXPECT_TRUE(isPixel(picture({lamp}), at[0], at[1], {lit, 0.2, 0.3, 1}, 2 * kColor)) << "alone";
+    const Image<float> both = picture({lamp, colored(ShadowMapLight::directional({0, -1, 0}), {0, 0.4f, 0})});
+    EXPECT_TRUE(isPixel(both, at[0], at[1], {lit, 0.5 * 0.8, 0.3, 1}, 2 * kColor)) << "beside another";
+    EXPECT_EQ(messages.containing(QStringLiteral("casts no shadow: with its 6 layers")), 1);
+}
+
+TEST_F(ShadowLighting, LightsBeyondTheRoomOfTheProgramAreNamedOnceAndDoNotShine)
+{
+    QVariantList lights;
+    for (int i = 0; i < 16; ++i)
+        lights << QVariant::fromValue(colored(ShadowMapLight::directional({0, -1, 0}), {0.05f, 0, 0}));
+    lights << QVariant::fromValue(colored(ShadowMapLight::directional({0, -1, 0}), {0, 0.5f, 0}))
+           << QVariant::fromValue(colored(ShadowMapLight::spot({0, 9, 0}, {0, -1, 0}, 60), {0, 0, 0.5f}));
+    const auto at = pixelOf(1.5, 1);
+    const std::array<double, 4> expected{0.5 * (0.2 + 16 * 0.05), 0.2, 0.3, 1};
+    MessageCapture messages;
+    for (int frame = 0; frame < 3; ++frame)
+        EXPECT_TRUE(isPixel(picture(QVariant(lights)), at[0], at[1], expected, kColor)) << frame;
+    EXPECT_EQ(messages.count(QtWarningMsg), 1) << qPrintable(messages.texts().join(u'\n'));
+    EXPECT_EQ(messages.containing(QStringLiteral("has room for 16 lights of 18")), 1);
+    EXPECT_EQ(messages.containing(QStringLiteral("16 (directional), 17 (spot)")), 1);
+    lights.resize(16);
+    messages.clear();
+    EXPECT_TRUE(isPixel(picture(QVariant(lights)), at[0], at[1], expected, kColor));
+    EXPECT_TRUE(messages.all().isEmpty()) << qPrintable(messages.texts().join(u'\n'));
+}
+
+TEST_F(ShadowLighting, SettingsThatAreNoneAreBoundedAndSaid)
+{
+    constexpr int kBleeding = 9;
+    constexpr int kVariance = 10;
+    const ShadowMapLight sun = ShadowMapLight::directional({-1, -1, 0});
+    const Image<float> usual = picture({sun});
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    for (const int input : {kBleeding, kVariance}) {
+        MessageCapture messages;
+        const QVariant before = lighting->defaultValue(input);
+        lighting->setInput(input, nan);
+        EXPECT_TRUE(sameImage(picture({sun}), usual, within(0))) << input;
+        EXPECT_EQ(messages.count(QtWarningMsg), 1);
+        lighting->setInput(input, 0.5f);
+        const Image<float> inRange = picture({sun});
+        EXPECT_EQ(messages.count(QtWarningMsg), 1);
+        for (const float beyond : {-1.0f, 7.0f}) {
+            lighting->setInput(input, beyond);
+            for (const auto &pixel : picture({sun}).pixels)
+                for (const float channel : pixel)
+                    ASSERT_TRUE(std::isfinite(channel)) << input << " at " << beyond;
+        }
+        EXPECT_EQ(messages.count(QtWarningMsg), 2);
+        lighting->setInput(input, before);
+    }
 }
 
 TEST_F(ShadowLighting, TheBackgroundIsTransparent)

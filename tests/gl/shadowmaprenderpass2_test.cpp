@@ -650,6 +650,103 @@ TEST_F(LayeredPass, DepthsInFrontOfTheRangeAndAtItsEndAreEmpty)
     });
 }
 
+// Two sheets, one behind the other from a light along -z, at z over w in its frame.
+ModelData twoSheets(const ShadowMapManager::Transform &transform, float front, float back)
+{
+    const QMatrix4x4 toWorld = matrixOf(transform).inverted();
+    ModelData data = quadScene({1, 1, 1}, 0x1000000000000000);
+    data.meshes << data.meshes[0];
+    for (int mesh = 0; mesh < 2; ++mesh)
+        for (QVector3D &p : data.meshes[mesh].positions)
+            p = toWorld.map(QVector3D(p.x() * 2, p.y() * 2, mesh == 0 ? front : back));
+    data.items << data.items[0];
+    data.items[1].mesh = 1;
+    return data;
+}
+
+TEST_F(LayeredPass, WhatIsInFrontOfTheRangeHidesCastersHereAndNotInTheOtherPass)
+{
+    const auto atZ = ShadowMapLight::directional({0, 0, -1});
+    const auto prepare = [&](RenderPass &p, int lights, int minimum) {
+        p.setInput(lights, lightList({atZ}));
+        p.setInput(minimum, QVector3D(-1, -1, -1));
+        p.setInput(minimum + 1, QVector3D(1, 1, 1));
+    };
+    ASSERT_TRUE(model().upload(quadScene({1, 1, 1}, 0x1000000000000000)));
+    ShadowMapRenderPass other;
+    other.setInput(0, QVariant::fromValue(&model()));
+    other.setInput(7, 0);
+    other.setInput(8, QSize(kWidth, kHeight));
+    prepare(other, 2, 5);
+    runFrame(other);
+    const ShadowMapManager::Transform transform = recordOf(other)->transforms[0];
+    const struct
+    {
+        float front;
+        bool hides;
+    } kFronts[] = {{-1.5f, false}, {-1.01f, false}, {-0.99f, true}, {-0.5f, true}, {-0.01f, true}};
+    for (const auto &c : kFronts) {
+        ASSERT_TRUE(model().upload(twoSheets(transform, c.front, 0.5f)));
+        runFrame(other);
+        EXPECT_NEAR(readLayer(*recordOf(other), 0).at(8, 8)[0], 0.5 + kShadowBias, kDepth) << c.front;
+        forEachPath([&] {
+            prepare(pass(), kLights, kBoundsMin);
+            const double depth = double(readLayer(run(), 0).at(8, 8)[0]);
+            EXPECT_NEAR(depth, c.hides ? kEmptyTexel : 0.5 + kShadowBias, kDepth) << c.front;
+        });
+    }
+}
+
+TEST_F(LayeredPass, LightsThatComeAfterTheFirstFrameAreNamedOnceAndTheirLayersAreEmpty)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    forEachPath([&] {
+        setLights({kSun});
+        MessageCapture messages;
+        run();
+        setLights({kSun, kSpot, ShadowMapLight::point({0.3f, 3.5f, 0.2f})});
+        for (int frame = 0; frame < 3; ++frame) {
+            const ShadowRecord &record = run();
+            ASSERT_EQ(record.layerCount, 8);
+            EXPECT_EQ(compareWithModel(readLayer(record, 0), castersOfShadowScene(), record.transforms[0]).wrong, 0);
+            for (int layer = 1; layer < 8; ++layer)
+                EXPECT_TRUE(sameImage(readLayer(record, layer), kNothing, within(0))) << layer;
+        }
+        EXPECT_EQ(messages.count(QtWarningMsg), 1) << qPrintable(messages.texts().join(u'\n'));
+        EXPECT_EQ(messages.containing(QStringLiteral("ShadowMapRenderPass2: "
+                                                     "Kvo_QList_KvoShadowMapManagerLight*_Lights has lights that came "
+                                                     "after the first frame")),
+                  1);
+        EXPECT_EQ(messages.containing(QStringLiteral("number 1, 2 (")), 1);
+        // Layers that are reserved are no surprise.
+        setLights({kSun});
+        run();
+        EXPECT_EQ(messages.count(QtWarningMsg), 1);
+        take(ShadowPath::Batch);
+        ShadowMapLight later = kSpot;
+        later.enabled = false;
+        setLights({kSun, later});
+        run();
+        later.enabled = true;
+        setLights({kSun, later});
+        const ShadowRecord &record = run();
+        EXPECT_EQ(compareWithModel(readLayer(record, 1), castersOfShadowScene(), record.transforms[1]).wrong, 0);
+        EXPECT_EQ(messages.count(QtWarningMsg), 1);
+    });
+}
+
+TEST_F(LayeredPass, LightsThatComeAfterAFrameWithoutAnyAreNamed)
+{
+    ASSERT_TRUE(model().upload(shadowScene()));
+    MessageCapture messages;
+    runFrame(pass());
+    setLights({kSun});
+    run();
+    run();
+    EXPECT_EQ(messages.count(QtWarningMsg), 1) << qPrintable(messages.texts().join(u'\n'));
+    EXPECT_EQ(messages.containing(QStringLiteral("number 0 (")), 1);
+}
+
 TEST_F(LayeredPass, TheFilterIsItsFormulaOverTheUnfilteredMomentsOnEveryPath)
 {
     namespace F = ShadowFilters;

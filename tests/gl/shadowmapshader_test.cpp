@@ -52,7 +52,8 @@ public:
 
     Expected layerOf(int light, const QVector3D &p) const
     {
-        const double border = 1.0 - 8.0 / _maps[0].width;
+        const double borderX = 1.0 - 8.0 / _maps[0].width;
+        const double borderY = 1.0 - 8.0 / _maps[0].height;
         const auto &info = _record.projectors[light];
         Expected found;
         double nearest = 1.0;
@@ -70,7 +71,7 @@ public:
                 continue;
             found = {info.firstLayer + i, x * 0.5 + 0.5, y * 0.5 + 0.5, z};
             nearest = outwards;
-            if (outwards <= border)
+            if (std::abs(x) <= borderX && std::abs(y) <= borderY)
                 break;
         }
         return found;
@@ -237,8 +238,23 @@ TEST_F(ShadowShader, VisibilityIsChebyshevsBoundOverTheMapOfTheLight)
     }
 }
 
-TEST_F(ShadowShader, CascadesAreChosenFromTheFinest)
+struct MapShape
 {
+    const char *name;
+    QSize size;
+};
+
+class ShadowShaderOfShape : public ShadowShader, public ::testing::WithParamInterface<MapShape>
+{};
+
+INSTANTIATE_TEST_SUITE_P(Maps, ShadowShaderOfShape,
+                         ::testing::Values(MapShape{"Square", {64, 64}}, MapShape{"Wide", {96, 16}},
+                                           MapShape{"High", {16, 96}}),
+                         [](const auto &shape) { return std::string(shape.param.name); });
+
+TEST_P(ShadowShaderOfShape, CascadesAreChosenFromTheFinest)
+{
+    ownedPass->setInput(8, GetParam().size);
     QMatrix4x4 projection;
     projection.perspective(40, 1, 1, 40);
     QMatrix4x4 camera;

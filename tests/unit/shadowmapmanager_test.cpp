@@ -13,6 +13,8 @@
 #include <iterator>
 #include <limits>
 #include <numbers>
+#include <optional>
+#include <utility>
 #include <vector>
 
 using namespace Brevane::Kvo;
@@ -115,6 +117,8 @@ protected:
         ShadowMapManager::processLights(list, record, &projection, &camera, &bounds);
         EXPECT_EQ(messages.count(QtCriticalMsg), 1) << text << ": " << qPrintable(messages.texts().join(u'\n'));
         EXPECT_EQ(messages.containing(QStringLiteral("light 1 (")), 1) << text;
+        EXPECT_EQ(messages.containing(QStringLiteral("is left out")), 1) << text;
+        EXPECT_FALSE(record.lights.value(1).enabled) << text;
         EXPECT_EQ(messages.containing(QLatin1String(text)), 1) << qPrintable(messages.texts().join(u'\n'));
         EXPECT_EQ(record.layerCount, 2) << text;
         ASSERT_EQ(record.projectors.size(), 3) << text;
@@ -333,6 +337,86 @@ TEST_F(ShadowMapManagerTest, CascadesTakeInCastersBetweenTheViewAndTheLight)
     EXPECT_LT(caster.z, receiver.z);
 }
 
+// Where the line through a place in a frame, along the light, enters and leaves a box: in depths of the layer.
+std::optional<std::pair<double, double>> depthsThrough(const RenderData &data, int layer, double x, double y,
+                                                       const Bounds &box)
+{
+    const QMatrix4x4 toWorld = QMatrix4x4(data.transforms.at(layer).m).transposed().inverted();
+    const QVector3D from = toWorld.map(QVector3D(float(x), float(y), 0));
+    const QVector3D along = toWorld.map(QVector3D(float(x), float(y), 1)) - from;
+    double enter = -1e9;
+    double leave = 1e9;
+    for (int axis = 0; axis < 3; ++axis) {
+        const double a = double(box.first[axis] - from[axis]) / double(along[axis]);
+        const double b = double(box.second[axis] - from[axis]) / double(along[axis]);
+        enter = std::max(enter, std::min(a, b));
+        leave = std::min(leave, std::max(a, b));
+    }
+    return enter < leave ? std::optional(std::pair(enter, leave)) : std::nullopt;
+}
+
+TEST_F(ShadowMapManagerTest, CascadesAreAsDeepAsTheSceneIsInTheirColumn)
+{
+    const QVector3D directions[] = {{0.3f, -1, 0.2f}, {-0.9f, -0.3f, 0.4f}, {0.05f, -0.2f, -1}};
+    const Bounds scenes[] = {{{-500, -5, -500}, {500, 60, 500}}, {{-30, -400, -30}, {30, 400, 30}}};
+    for (const Bounds &scene : scenes) {
+        bounds = scene;
+        // The box that is framed has air around it, a 50th of its diagonal.
+        const float air = 0.02f * (scene.second - scene.first).length();
+        const Bounds aired{scene.first - QVector3D(air, air, air), scene.second + QVector3D(air, air, air)};
+        for (const QVector3D &direction : directions) {
+            processWithCamera(listOf({Light::directional(direction, 3)}));
+            ASSERT_EQ(data.layerCount, 3);
+            for (int layer = 0; layer < 3; ++layer) {
+                double nearest = 1e9;
+                double farthest = -1e9;
+                constexpr int kLines = 64;
+                for (int y = 0; y <= kLines; ++y) {
+                    for (int x = 0; x <= kLines; ++x) {
+                        const auto depths =
+                            depthsThrough(data, layer, 2.0 * x / kLines - 1, 2.0 * y / kLines - 1, aired);
+                        if (!depths)
+                            continue;
+                        nearest = std::min(nearest, depths->first);
+                        farthest = std::max(farthest, depths->second);
+                    }
+                }
+                // All of the scene in the column is there, with no more around it than lies between two lines.
+                EXPECT_NEAR(nearest, 0.0, 0.03) << layer;
+                EXPECT_NEAR(farthest, 1.0, 0.03) << layer;
+                EXPECT_GT(nearest, -1e-3) << layer;
+                EXPECT_LT(farthest, 1 + 1e-3) << layer;
+            }
+        }
+    }
+}
+
+TEST_F(ShadowMapManagerTest, ACascadeOfALargeSceneHasStepsOfDepthThatFitIt)
+{
+    // A city of 1000 by 1000 and 50 high, and a camera in its streets: the first of four cascades is a few units
+    // wide. Depth has a bias of 0.0005 of the layer's depth, which must not swallow what is lower than a kerb.
+    bounds = {{-500, 0, -500}, {500, 50, 500}};
+    projection.setToIdentity();
+    projection.perspective(50, 1.5f, 0.5f, 300);
+    camera.setToIdentity();
+    camera.lookAt({0, 2, 0}, {0, 1, -10}, {0, 1, 0});
+    processWithCamera(listOf({Light::directional({0.55f, -1, 0.45f}, 4)}));
+    const Projected a = project(data, 0, {0, 0, -3});
+    const Projected b = project(data, 0, QVector3D(0, 0, -3) + QVector3D(0.55f, -1, 0.45f).normalized());
+    const double unitsDeep = 1 / (b.z - a.z);
+    // The whole box is 1000 * (0.55 + 0.45) / 1.22 + 50 / 1.22 = 860 deep, and more with its air.
+    EXPECT_LT(unitsDeep, 250);
+    RecordProperty("unitsDeep", QString::number(unitsDeep).toStdString());
+}
+
+TEST_F(ShadowMapManagerTest, AColumnBesideTheSceneHasFiniteDepths)
+{
+    bounds = {{1000, 1000, 1000}, {1500, 1500, 1500}};
+    processWithCamera(listOf({Light::directional({0.3f, -1, 0.2f}, 4)}));
+    EXPECT_EQ(data.layerCount, 4);
+    EXPECT_TRUE(allFinite(data));
+}
+
 TEST_F(ShadowMapManagerTest, WithoutBoundsCascadesReachTwiceTheWidestFrameTowardsTheLight)
 {
     ShadowMapManager::processLights(listOf({Light::directional({0, -1, 0}, 2)}), data, &projection, &camera, nullptr);
@@ -465,8 +549,43 @@ TEST_F(ShadowMapManagerTest, LightsComeByValueByPointerAloneAndInListsOfTheirTyp
     EXPECT_EQ(data.layerCount, 2);
     process(QVariant::fromValue(QList<Light>{light, light, light}));
     EXPECT_EQ(data.layerCount, 6);
+    MessageCapture messages;
+    process(QVariant(7));
     process(QVariant(7));
     EXPECT_EQ(data.layerCount, 0);
+    EXPECT_EQ(
+        messages.texts(QtWarningMsg),
+        QStringList(QStringLiteral("Shadows: the lights are no list of ShadowMapLight, their type is 'int'; there "
+                                   "are none")));
+    process(QVariant());
+    process(QVariantList());
+    EXPECT_EQ(messages.all().size(), 1) << "no lights are none";
+}
+
+TEST_F(ShadowMapManagerTest, WhatCannotBeUsedAndWhatIsNoLightIsOffInTheRecord)
+{
+    const MessageCapture messages;
+    const Light good = Light::directional({0, -1, 0});
+    Light bad = Light::spot({0, 9, 0}, {0, -1, 0}, 40);
+    bad.range = kNaN;
+    process(QVariantList{QVariant::fromValue(bad), QVariant(3), QVariant::fromValue(good),
+                         QVariant::fromValue(static_cast<Light *>(nullptr))});
+    ASSERT_EQ(data.lights.size(), 4);
+    EXPECT_FALSE(data.lights[0].enabled);
+    EXPECT_EQ(data.lights[0].type, Light::Type::Spot) << "the rest of it stays";
+    EXPECT_FALSE(data.lights[1].enabled);
+    EXPECT_TRUE(data.lights[2].enabled);
+    EXPECT_FALSE(data.lights[3].enabled);
+}
+
+TEST_F(ShadowMapManagerTest, ALightThatFindsNoRoomStaysOn)
+{
+    const MessageCapture messages;
+    data.mostLayers = 5;
+    process(listOf({Light::point({0, 8, 0})}));
+    EXPECT_EQ(data.layerCount, 0);
+    ASSERT_EQ(data.lights.size(), 1);
+    EXPECT_TRUE(data.lights[0].enabled);
 }
 
 TEST_F(ShadowMapManagerTest, AnElementThatIsNoLightIsReportedOnceWithItsTypeAndKeepsItsNumber)
@@ -548,6 +667,12 @@ TEST_F(ShadowMapManagerTest, LightsThatCannotBeUsedAreReportedOnceAndTakeNoLayer
     light = Light::directional({0, -1, 0});
     light.intensity = kInfinity;
     expectFault(light, "not finite");
+    light.intensity = 1e30f;
+    light.color = {0, 1e30f, 0};
+    expectFault(light, "its colour times its intensity is not finite");
+    light = Light::directional({0, -1, 0});
+    light.type = Light::Type(7);
+    expectFault(light, "its type is none");
 }
 
 TEST_F(ShadowMapManagerTest, AFaultThatComesBackIsReportedAgain)
