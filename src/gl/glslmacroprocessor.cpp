@@ -16,6 +16,7 @@ namespace {
 constexpr char16_t kLibraryPath[] = u":/Media/Shaders";
 constexpr char16_t kInstanceDataHeader[] = u"InstanceData.glslh";
 constexpr int kMaxIncludeDepth = 32;
+constexpr int kMaxIncludes = 1000; // files that include each other twice in conditions multiply
 
 const QRegularExpression kVersionLine(QStringLiteral("^\\s*#\\s*version\\s+(\\d+)"));
 
@@ -44,6 +45,7 @@ public:
     {
         static const QRegularExpression directive(
             QStringLiteral("^\\s*#\\s*(include|instancedata)\\b\\s*(?:[\"<]([^\">]*)[\">])?"));
+        const int outerConditions = _conditions;
         QString out;
         const QStringList lines = text.split(u'\n');
         for (qsizetype i = 0; i < lines.size(); ++i) {
@@ -64,6 +66,7 @@ public:
                     out += u'\n';
                     continue;
                 }
+                followConditions(line);
                 if (const auto m = directive.match(line); m.hasMatch()) {
                     const QString target = m.captured(2);
                     out += m.captured(1) == QLatin1String("include") ? include(target, depth)
@@ -76,6 +79,7 @@ public:
             if (!isLast)
                 out += u'\n';
         }
+        _conditions = outerConditions;
         return out;
     }
 
@@ -83,7 +87,8 @@ public:
     // next line.
     QString lineDirective(int nextLine, int file) const
     {
-        return QStringLiteral("#line %1 %2\n").arg(_version < 330 ? nextLine - 1 : nextLine).arg(file);
+        const int line = file * GLSLMacroProcessor::kLinesPerFile + nextLine;
+        return QStringLiteral("#line %1 %2\n").arg(_version < 330 ? line - 1 : line).arg(file);
     }
 
     int version() const { return _version; }
@@ -128,9 +133,18 @@ private:
         }
     }
 
+    void followConditions(const QString &line)
+    {
+        static const QRegularExpression condition(QStringLiteral("^\\s*#\\s*(if|ifdef|ifndef|endif)\\b"));
+        if (const auto m = condition.match(line); m.hasMatch())
+            _conditions += m.captured(1) == QLatin1String("endif") ? -1 : 1;
+    }
+
+    // In a condition it is for the compiler to see whether the line counts.
     QString error(const QString &message)
     {
-        _result.errors.append(message);
+        if (_conditions <= 0)
+            _result.errors.append(message);
         return QStringLiteral("#error %1\n").arg(message);
     }
 
@@ -138,8 +152,10 @@ private:
     {
         if (target.isEmpty())
             return error(QStringLiteral("#include needs a file name in quotes"));
-        if (_included.contains(target))
+        if (_includedForSure.contains(target) || _open.contains(target))
             return {};
+        if (++_includes > kMaxIncludes)
+            return error(QStringLiteral("there are more than %1 includes").arg(kMaxIncludes));
         if (depth >= kMaxIncludeDepth)
             return error(
                 QStringLiteral("includes are nested more than %1 deep at \"%2\"").arg(kMaxIncludeDepth).arg(target));
@@ -147,9 +163,17 @@ private:
         const QString text = fileInPaths(_paths, target, &found);
         if (!found)
             return error(QStringLiteral("include file \"%1\" was not found").arg(target));
-        _included.insert(target);
         _result.usesInstanceData = _result.usesInstanceData || target == QString::fromUtf16(kInstanceDataHeader);
-        return nested(target, text, depth);
+        const bool isForSure = _conditions <= 0;
+        if (isForSure)
+            _includedForSure.insert(target);
+        _open.append(target);
+        const QString expanded = nested(target, text, depth);
+        _open.removeLast();
+        // Which of several branches counts is for the compiler to see, and so is what came before.
+        const int number = fileNumber(target, text);
+        return QStringLiteral("#ifndef KVO_INCLUDED_%1\n#define KVO_INCLUDED_%1 1\n").arg(number) + expanded
+               + QStringLiteral("#endif\n");
     }
 
     QString instanceData(const QString &target, int depth)
@@ -164,9 +188,7 @@ private:
 
     QString nested(const QString &fileName, const QString &text, int depth)
     {
-        const int file = int(_result.fileNames.size());
-        _result.fileNames.append(fileName);
-        _result.originals.append(text);
+        const int file = fileNumber(fileName, text);
         const bool outerComment = std::exchange(_inComment, false);
         QString expanded = lineDirective(1, file) + expand(text, file, depth + 1);
         _inComment = outerComment;
@@ -175,9 +197,23 @@ private:
         return expanded;
     }
 
+    // The number that #line directives give a file.
+    int fileNumber(const QString &fileName, const QString &text)
+    {
+        const qsizetype known = _result.fileNames.indexOf(fileName, 1);
+        if (known > 0)
+            return int(known);
+        _result.fileNames.append(fileName);
+        _result.originals.append(text);
+        return int(_result.fileNames.size()) - 1;
+    }
+
     const QStringList &_paths;
     ProcessedSource &_result;
-    QSet<QString> _included;
+    QSet<QString> _includedForSure; // outside of all conditions
+    QStringList _open; // files that the current one is included by, and itself
+    int _includes = 0;
+    int _conditions = 0; // that the current line stands in
     bool _inComment = false;
     int _version = 150;
 };
@@ -221,6 +257,7 @@ ProcessedSource GLSLMacroProcessor::process(const QString &source, const QString
     text += expansion.lineDirective(1, 0);
     text += expansion.expand(source, 0, 0);
     result.text = text;
+    result.version = expansion.version();
     return result;
 }
 

@@ -84,16 +84,54 @@ struct Place
     bool operator==(const Place &) const = default;
 };
 
-// Drivers write "0:12(3): error" or "0(12) : error": the number of the source string, then the line.
-QVector<Place> placesIn(const QString &message)
+// Drivers write "0:12(3): error" or "0(12) : error": the number of the source string, then the line. Which source
+// string it is shows in the line too, see GLSLMacroProcessor::kLinesPerFile: Mesa loses the number of most messages.
+struct Mention
 {
-    static const QRegularExpression pattern(QStringLiteral("^(?:ERROR: |WARNING: )?(\\d+)[:(](\\d+)"),
-                                            QRegularExpression::MultilineOption);
-    QVector<Place> places;
+    Place place;
+    qsizetype start; ///< Of the two numbers in the message,
+    qsizetype lineStart; ///< of the second,
+    qsizetype end; ///< and behind it.
+};
+
+QVector<Mention> mentionsIn(const QString &message, int version)
+{
+    static const QRegularExpression pattern(
+        QStringLiteral("^(?:ERROR: |WARNING: )?(\\d+)[:(](\\d+)(?=(?:\\(\\d+\\))?: (preprocessor)?)?"),
+        QRegularExpression::MultilineOption);
+    constexpr int kLines = GLSLMacroProcessor::kLinesPerFile;
+    QVector<Mention> mentions;
     for (auto match = pattern.globalMatch(message); match.hasNext();) {
         const QRegularExpressionMatch m = match.next();
-        places.append({m.captured(1).toInt(), m.captured(2).toInt()});
+        // Mesa's preprocessor takes the number in a #line for that of the next line in every version.
+        const bool isOneBehind = version < 330 && m.hasCaptured(3);
+        const int line = m.captured(2).toInt() + (isOneBehind ? 1 : 0);
+        const Place place{line >= kLines ? line / kLines : m.captured(1).toInt(), line % kLines};
+        mentions.append({place, m.capturedStart(1), m.capturedStart(2), m.capturedEnd(2)});
     }
+    return mentions;
+}
+
+// With the names of the source strings, where they have one, and the lines in them.
+QString withNames(const QString &message, const ProcessedSource &source)
+{
+    QString out;
+    qsizetype copied = 0;
+    for (const Mention &mention : mentionsIn(message, source.version)) {
+        const QString name = source.fileNames.value(mention.place.file);
+        out += message.mid(copied, mention.start - copied)
+               + (name.isEmpty() ? QString::number(mention.place.file) : name) + message.at(mention.lineStart - 1)
+               + QString::number(mention.place.line);
+        copied = mention.end;
+    }
+    return out + message.mid(copied);
+}
+
+QVector<Place> placesIn(const QString &message, int version)
+{
+    QVector<Place> places;
+    for (const Mention &mention : mentionsIn(message, version))
+        places.append(mention.place);
     return places;
 }
 
@@ -211,14 +249,14 @@ bool ShaderProgramPrivate::compileStage(Compiled &c, const QString &title)
     const QString message = shaderLog(c.shader);
     if (status == GL_TRUE && c.source.errors.isEmpty()) {
         if (!message.isEmpty())
-            log += QStringLiteral("%1:\n%2\n").arg(title, message);
+            log += QStringLiteral("%1:\n%2\n").arg(title, withNames(message, c.source));
         return true;
     }
     log += QStringLiteral("%1 failed to compile:\n").arg(title);
     for (const QString &error : std::as_const(c.source.errors))
         log += error + u'\n';
-    log += message + u'\n';
-    const QVector<Place> places = placesIn(message);
+    log += withNames(message, c.source) + u'\n';
+    const QVector<Place> places = placesIn(message, c.source.version);
     for (int file = 0; file < c.source.originals.size(); ++file) {
         const bool mentioned =
             std::any_of(places.cbegin(), places.cend(), [file](const Place &p) { return p.file == file; });

@@ -435,7 +435,8 @@ TEST_F(ShaderProgramTest, CompileLogNamesStageSourceAndLineAndShowsNumberedSourc
     EXPECT_TRUE(log.contains(QStringLiteral("my program"))) << qPrintable(log);
     EXPECT_TRUE(log.contains(QStringLiteral("undeclared"))) << qPrintable(log);
     EXPECT_FALSE(log.contains(QStringLiteral("vertex.glsl"))) << "the good stage has no part in it";
-    EXPECT_TRUE(log.contains(QStringLiteral("0:5(")) || log.contains(QStringLiteral("0(5)"))) << qPrintable(log);
+    EXPECT_TRUE(log.contains(QStringLiteral("\nbroken.glsl:5(")) || log.contains(QStringLiteral("\nbroken.glsl(5)")))
+        << qPrintable(log);
     EXPECT_TRUE(log.contains(QStringLiteral(">   5 |     out_Color = vec4(undeclared);"))) << qPrintable(log);
     EXPECT_TRUE(log.contains(QStringLiteral("    1 | #version 150"))) << qPrintable(log);
 }
@@ -472,11 +473,146 @@ TEST_F(ShaderProgramTest, CompilerMessagesPointIntoIncludesAndBehindThem)
         EXPECT_TRUE(log.contains(QStringLiteral(">   2 | float broken() { return missingInInclude; }")))
             << qPrintable(log);
         EXPECT_TRUE(log.contains(QStringLiteral("inc.glslh"))) << qPrintable(log);
-        EXPECT_TRUE(log.contains(QStringLiteral("1:2("))) << qPrintable(log);
-        EXPECT_TRUE(log.contains(QStringLiteral("0:7("))) << qPrintable(log);
+        EXPECT_TRUE(log.contains(QStringLiteral("\ninc.glslh:2("))) << qPrintable(log);
+        EXPECT_TRUE(log.contains(QStringLiteral("\nouter.glsl:7("))) << qPrintable(log);
         EXPECT_TRUE(log.contains(QStringLiteral(">   7 |     out_Color = vec4(missingBehind);"))) << qPrintable(log);
     }
 }
+
+namespace {
+
+/// A line of an include that does not compile.
+struct BrokenLine
+{
+    const char *name;
+    const char *line;
+};
+
+const BrokenLine kBrokenLines[] = {{"Undeclared", "float f() { return missing; }"},
+                                   {"Syntax", "float f() { return 1.0 + ; }"},
+                                   {"Type", "int f() { return vec4(1.0); }"},
+                                   {"NoFunction", "float f() { return nowhere(1.0); }"},
+                                   {"Redefinition", "float fine() { return 2.0; }"},
+                                   {"ErrorDirective", "#error on purpose"},
+                                   {"UnknownDirective", "#nonsense"},
+                                   {"BadCondition", "#if 1 +\n#endif"}};
+
+} // namespace
+
+class ShaderProgramPlaceTest : public ShaderProgramTest, public ::testing::WithParamInterface<BrokenLine>
+{
+public:
+    static std::string nameOf(const ::testing::TestParamInfo<BrokenLine> &row) { return row.param.name; }
+};
+
+TEST_P(ShaderProgramPlaceTest, MessagesNameTheIncludeAndTheLineInIt)
+{
+    QTemporaryDir directory;
+    const auto write = [&](const char *name, const QByteArray &text) {
+        QFile file(directory.filePath(QLatin1String(name)));
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(text);
+    };
+    write("inner.glslh", QByteArray("float fine() { return 1.0; }\n// so far\n") + GetParam().line + "\n");
+    write("middle.glslh", "// one\n#include \"inner.glslh\"\n");
+    GLSLMacroProcessor processor;
+    processor.addIncludePath(directory.path());
+    for (const char *top : {"#include \"middle.glslh\"\n", "#if 1\n#include \"inner.glslh\"\n#endif\n"}) {
+        ShaderProgram program;
+        program.setMayFail(true);
+        program.setMacroProcessor(&processor);
+        program.addShader(GL_FRAGMENT_SHADER,
+                          QStringLiteral("#version 150\nout vec4 out_Color;\n") + QLatin1String(top)
+                              + QStringLiteral("void main() { out_Color = vec4(1.0); }\n"),
+                          QStringLiteral("outer.glsl"));
+        EXPECT_FALSE(program.compile());
+        const QString log = program.log();
+        EXPECT_TRUE(log.contains(QStringLiteral("inner.glslh:3("))) << qPrintable(log);
+        EXPECT_FALSE(log.contains(QStringLiteral("outer.glsl:3("))) << qPrintable(log);
+        EXPECT_TRUE(
+            log.contains(QStringLiteral(">   3 | %1").arg(QString::fromLatin1(GetParam().line).section(u'\n', 0, 0))))
+            << qPrintable(log);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Faults, ShaderProgramPlaceTest, ::testing::ValuesIn(kBrokenLines),
+                         ShaderProgramPlaceTest::nameOf);
+
+namespace {
+
+/// Values of a define, and which of two includes compiles.
+struct BranchRow
+{
+    const char *name;
+    const char *branches;
+    float expected;
+};
+
+// "half.glslh" gives half() as 0.5, "guarded.glslh" the same behind a guard of its own, "both.glslh" includes both.
+const BranchRow kBranches[] = {
+    {"First", "#if 1\n#include \"half.glslh\"\n#else\n#include \"half.glslh\"\n#endif\n", 0.5f},
+    {"Second", "#if 0\n#include \"half.glslh\"\n#else\n#include \"half.glslh\"\n#endif\n", 0.5f},
+    {"BehindASkippedOne", "#ifdef NOTHING\n#include \"half.glslh\"\n#endif\n#include \"half.glslh\"\n", 0.5f},
+    {"BehindATakenOne", "#ifndef NOTHING\n#include \"half.glslh\"\n#endif\n#include \"half.glslh\"\n", 0.5f},
+    {"Twice", "#include \"half.glslh\"\n#include \"half.glslh\"\n", 0.5f},
+    {"OnceForAll", "#include \"half.glslh\"\n#if 1\n#include \"half.glslh\"\n#endif\n", 0.5f},
+    {"Nested", "#if 0\n#include \"both.glslh\"\n#elif 1\n#include \"both.glslh\"\n#endif\n", 0.5f},
+    {"NestedAndAgain", "#if 1\n#include \"both.glslh\"\n#endif\n#include \"half.glslh\"\n", 0.5f},
+    {"MissingInASkippedBranch", "#if 0\n#include \"Nowhere.glslh\"\n#endif\n#include \"half.glslh\"\n", 0.5f},
+    {"NoPlanInASkippedBranch", "#if 0\n#instancedata \"NoSuchPlan\"\n#endif\n#include \"half.glslh\"\n", 0.5f},
+    {"NoNameInASkippedBranch", "#if 0\n#include\n#endif\n#include \"half.glslh\"\n", 0.5f},
+    {"MissingInATakenBranch", "#if 1\n#include \"Nowhere.glslh\"\n#endif\n#include \"half.glslh\"\n", -1},
+    {"MissingInAGuardedFile", "#include \"guardedmissing.glslh\"\n#include \"half.glslh\"\n", -1},
+    {"EndOfACommentIsNoCondition", "/*\n#if 0\n*/\n#include \"half.glslh\"\n", 0.5f},
+    {"EachOther", "#if 1\n#include \"one.glslh\"\n#else\n#include \"other.glslh\"\n#endif\n", 0.5f}};
+
+} // namespace
+
+class ShaderProgramBranchTest : public ShaderProgramTest, public ::testing::WithParamInterface<BranchRow>
+{
+public:
+    static std::string nameOf(const ::testing::TestParamInfo<BranchRow> &row) { return row.param.name; }
+};
+
+TEST_P(ShaderProgramBranchTest, AFileIsIncludedTheFirstTimeThatTheCompilerComesToIt)
+{
+    QTemporaryDir directory;
+    const std::pair<const char *, const char *> files[] = {
+        {"half.glslh", "float half_() { return 0.5; }\n"},
+        {"guarded.glslh", "#ifndef GUARD\n#define GUARD\n#include \"half.glslh\"\n#endif\n"},
+        {"guardedmissing.glslh", "#ifndef GUARD\n#define GUARD\n#include \"Nowhere.glslh\"\n#endif\n"},
+        {"both.glslh", "#include \"half.glslh\"\n#include \"guarded.glslh\"\n"},
+        {"one.glslh", "#include \"other.glslh\"\n#include \"half.glslh\"\n"},
+        {"other.glslh", "#include \"one.glslh\"\n#include \"half.glslh\"\n"}};
+    for (const auto &[name, text] : files) {
+        QFile file(directory.filePath(QLatin1String(name)));
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(text);
+    }
+    GLSLMacroProcessor processor;
+    processor.addIncludePath(directory.path());
+    ShaderProgram program;
+    program.setMayFail(true);
+    program.setMacroProcessor(&processor);
+    program.setFragDataLocations({QStringLiteral("out_Color")});
+    program.addShader(GL_VERTEX_SHADER, screenVertexText());
+    program.addShader(GL_FRAGMENT_SHADER, QStringLiteral("#version 150\nout vec4 out_Color;\n")
+                                              + QLatin1String(GetParam().branches)
+                                              + QStringLiteral("void main() { out_Color = vec4(half_()); }\n"));
+    const bool compiles = program.compile();
+    ASSERT_EQ(compiles, GetParam().expected > 0) << qPrintable(program.log());
+    if (!compiles) {
+        EXPECT_TRUE(program.log().contains(QStringLiteral("Nowhere.glslh"))) << qPrintable(program.log());
+        return;
+    }
+    ASSERT_TRUE(program.link()) << qPrintable(program.log());
+    Target target(GL_RGBA32F, 1, 1);
+    drawScreen(target, &program);
+    EXPECT_EQ(target.read().at(0, 0)[0], GetParam().expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(Branches, ShaderProgramBranchTest, ::testing::ValuesIn(kBranches),
+                         ShaderProgramBranchTest::nameOf);
 
 TEST_F(ShaderProgramTest, CompileLogNamesAMissingInclude)
 {

@@ -47,8 +47,10 @@ QPair<int, int> placeOf(const QString &processed, const QString &text)
         const QStringList words = l.trimmed().split(u' ');
         if (words[0] == QStringLiteral("#version"))
             version = words.value(1).toInt();
-        if (l.contains(text))
-            return {file, line};
+        if (l.contains(text)) {
+            EXPECT_EQ(line / GLSLMacroProcessor::kLinesPerFile, file) << "the line tells the file too";
+            return {file, line % GLSLMacroProcessor::kLinesPerFile};
+        }
         if (words[0] == QStringLiteral("#line")) {
             // before 3.30 the directive's own line gets the number
             line = words.value(1).toInt() + (version < 330 ? 1 : 0);
@@ -247,6 +249,18 @@ TEST_F(GLSLMacroProcessorTest, LinesKeepTheirNumbers)
         EXPECT_EQ(placeOf(text, QStringLiteral("int m6;")), Place(0, 6)) << version;
         EXPECT_EQ(placeOf(text, QStringLiteral("int m7;")), Place(0, 7)) << version;
     }
+}
+
+TEST_F(GLSLMacroProcessorTest, FilesThatIncludeEachOtherInConditionsAreBounded)
+{
+    for (int i = 0; i < 30; ++i) {
+        const QByteArray next = QStringLiteral("#include \"n%1\"\n").arg(i + 1).toUtf8();
+        write(qPrintable(QStringLiteral("n%1").arg(i)), "#ifdef A\n" + next + "#else\n" + next + "#endif\n");
+    }
+    write("n30", "float last();\n");
+    const ProcessedSource result = process("#version 150\n#include \"n0\"\n");
+    EXPECT_TRUE(result.text.contains(QStringLiteral("more than 1000 includes")));
+    EXPECT_LT(result.text.size(), 1 << 20);
 }
 
 TEST_F(GLSLMacroProcessorTest, WindowsLineEndsDoNotConfuseDirectives)
