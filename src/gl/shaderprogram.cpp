@@ -3,6 +3,7 @@
 #include "gl/attributelocations.h"
 #include "gl/bufferobject.h"
 #include "gl/glinfo.h"
+#include "gl/shadermessages.h"
 #include "gl/shaderprogram_p.h"
 #include "gl/texturemanager.h"
 #include "gl/uniformvalues.h"
@@ -25,19 +26,6 @@ std::function<void(const ShaderFailure &)> &failureHandler()
     return handler;
 }
 
-const char *stageName(int stage)
-{
-    switch (stage) {
-    case GL_VERTEX_SHADER: return "vertex";
-    case GL_FRAGMENT_SHADER: return "fragment";
-    case GL_GEOMETRY_SHADER: return "geometry";
-    case GL_TESS_CONTROL_SHADER: return "tessellation control";
-    case GL_TESS_EVALUATION_SHADER: return "tessellation evaluation";
-    case GL_COMPUTE_SHADER: return "compute";
-    default: return "unknown";
-    }
-}
-
 QString stageDefine(int stage)
 {
     switch (stage) {
@@ -57,93 +45,6 @@ bool hasStage(int stage)
     case GL_COMPUTE_SHADER: return hasGLExtension("GL_ARB_compute_shader");
     default: return true;
     }
-}
-
-QString shaderLog(GLuint shader)
-{
-    GLint length = 0;
-    glGetShaderiv(shader, GL_INFO_LOG_LENGTH, &length);
-    QByteArray text(std::max(length, 1), '\0');
-    glGetShaderInfoLog(shader, GLsizei(text.size()), nullptr, text.data());
-    return QString::fromUtf8(text.constData()).trimmed();
-}
-
-QString programLog(GLuint program)
-{
-    GLint length = 0;
-    glGetProgramiv(program, GL_INFO_LOG_LENGTH, &length);
-    QByteArray text(std::max(length, 1), '\0');
-    glGetProgramInfoLog(program, GLsizei(text.size()), nullptr, text.data());
-    return QString::fromUtf8(text.constData()).trimmed();
-}
-
-struct Place
-{
-    int file;
-    int line;
-    bool operator==(const Place &) const = default;
-};
-
-// Drivers write "0:12(3): error" or "0(12) : error": the number of the source string, then the line. Which source
-// string it is shows in the line too, see GLSLMacroProcessor::kLinesPerFile: Mesa loses the number of most messages.
-struct Mention
-{
-    Place place;
-    qsizetype start; ///< Of the two numbers in the message,
-    qsizetype lineStart; ///< of the second,
-    qsizetype end; ///< and behind it.
-};
-
-QVector<Mention> mentionsIn(const QString &message, int version)
-{
-    static const QRegularExpression pattern(
-        QStringLiteral("^(?:ERROR: |WARNING: )?(\\d+)[:(](\\d+)(?=(?:\\(\\d+\\))?: (preprocessor)?)?"),
-        QRegularExpression::MultilineOption);
-    constexpr int kLines = GLSLMacroProcessor::kLinesPerFile;
-    QVector<Mention> mentions;
-    for (auto match = pattern.globalMatch(message); match.hasNext();) {
-        const QRegularExpressionMatch m = match.next();
-        // Mesa's preprocessor takes the number in a #line for that of the next line in every version.
-        const bool isOneBehind = version < 330 && m.hasCaptured(3);
-        const int line = m.captured(2).toInt() + (isOneBehind ? 1 : 0);
-        const Place place{line >= kLines ? line / kLines : m.captured(1).toInt(), line % kLines};
-        mentions.append({place, m.capturedStart(1), m.capturedStart(2), m.capturedEnd(2)});
-    }
-    return mentions;
-}
-
-// With the names of the source strings, where they have one, and the lines in them.
-QString withNames(const QString &message, const ProcessedSource &source)
-{
-    QString out;
-    qsizetype copied = 0;
-    for (const Mention &mention : mentionsIn(message, source.version)) {
-        const QString name = source.fileNames.value(mention.place.file);
-        out += message.mid(copied, mention.start - copied)
-               + (name.isEmpty() ? QString::number(mention.place.file) : name) + message.at(mention.lineStart - 1)
-               + QString::number(mention.place.line);
-        copied = mention.end;
-    }
-    return out + message.mid(copied);
-}
-
-QVector<Place> placesIn(const QString &message, int version)
-{
-    QVector<Place> places;
-    for (const Mention &mention : mentionsIn(message, version))
-        places.append(mention.place);
-    return places;
-}
-
-QString numbered(const QString &text, int file, const QVector<Place> &marked)
-{
-    QString out;
-    const QStringList lines = text.split(u'\n');
-    for (int i = 0; i < lines.size(); ++i) {
-        const bool mark = marked.contains(Place{file, i + 1});
-        out += QStringLiteral("%1%2 | %3\n").arg(QChar(mark ? u'>' : u' ')).arg(i + 1, 4).arg(lines[i]);
-    }
-    return out;
 }
 
 // Whether a source stores the index of the draw itself; see InstanceData.glslh.
@@ -255,16 +156,7 @@ bool ShaderProgramPrivate::compileStage(Compiled &c, const QString &title)
     log += QStringLiteral("%1 failed to compile:\n").arg(title);
     for (const QString &error : std::as_const(c.source.errors))
         log += error + u'\n';
-    log += withNames(message, c.source) + u'\n';
-    const QVector<Place> places = placesIn(message, c.source.version);
-    for (int file = 0; file < c.source.originals.size(); ++file) {
-        const bool mentioned =
-            std::any_of(places.cbegin(), places.cend(), [file](const Place &p) { return p.file == file; });
-        if (file > 0 && !mentioned)
-            continue;
-        log += QStringLiteral("source string %1, %2:\n").arg(file).arg(file > 0 ? c.source.fileNames[file] : title);
-        log += numbered(c.source.originals[file], file, places);
-    }
+    log += withNames(message, c.source) + u'\n' + sourcesBehind(message, c.source, title);
     return false;
 }
 
@@ -483,7 +375,7 @@ bool ShaderProgram::linkPost()
         QHash<int, int> perStage;
         for (const ShaderProgramPrivate::Compiled &c : std::as_const(d->compiled))
             d->log += d->stageTitle(c.stage, c.source.fileNames[0], perStage[c.stage]++) + QStringLiteral(":\n")
-                      + numbered(c.source.originals[0], 0, {});
+                      + numberedSource(c.source);
     }
     for (const ShaderProgramPrivate::Compiled &c : std::as_const(d->compiled))
         glDetachShader(program, c.shader);
