@@ -47,7 +47,7 @@ endfunction()
 kvo_pkg_config(kvo-passes "${PROJECT_DESCRIPTION}" "Qt6Core >= 6.4, Qt6Gui >= 6.4" "-lKvoRenderPasses -lKvoGL -lKvoCore")
 kvo_pkg_config(kvo-pipeline "Chains of Kvo render passes, from code and from files" kvo-passes -lKvoPipeline)
 kvo_pkg_config(kvo-images "Pictures and values of Kvo's textures" kvo-passes -lKvoImages)
-kvo_pkg_config(kvo-scene "Models, cameras and lights for Kvo render passes" "kvo-pipeline, kvo-images" -lKvoScene)
+kvo_pkg_config(kvo-scene "Models and cameras for Kvo render passes" "kvo-pipeline, kvo-images" -lKvoScene)
 kvo_pkg_config(kvo-headless "OpenGL without a window for Kvo render passes" kvo-images -lKvoHeadless)
 kvo_pkg_config(kvo "${PROJECT_DESCRIPTION}" "kvo-pipeline, kvo-images, kvo-scene, kvo-headless" "")
 

@@ -1,7 +1,5 @@
 #pragma once
 
-#include "host/export.h"
-
 #include <QByteArray>
 #include <QString>
 
@@ -30,12 +28,12 @@ struct Json
     bool isArray() const { return type == Type::Array; }
     bool isObject() const { return type == Type::Object; }
     /// The last member of that name, or null.
-    KVO_PIPELINE_EXPORT const Json *member(const QString &key) const;
+    const Json *member(const QString &key) const;
     /// "a number", "a string" … for messages.
-    KVO_PIPELINE_EXPORT QString describe() const;
+    QString describe() const;
 
     /// Parses a whole text. On failure gives false, with the line and the reason.
-    KVO_PIPELINE_EXPORT static bool parse(const QByteArray &text, Json *result, int *errorLine, QString *error);
+    static bool parse(const QByteArray &text, Json *result, int *errorLine, QString *error);
 };
 
 struct Json::Member

@@ -1,5 +1,6 @@
 #include "host/passfactory.h"
 
+#include "host/shadowlightingpass.h"
 #include "passkit/statetable.h"
 #include "passrows.h"
 #include "renderpasses/backgroundimagerenderpass.h"
@@ -88,6 +89,7 @@ constexpr Entry kPasses[] = {
     entry<ScalableAmbientObscuranceRenderPass>("ScalableAmbientObscuranceRenderPass"),
     entry<SMAARenderPass>("SMAARenderPass"),
     entry<ShaderRenderPass>("ShaderRenderPass"),
+    entry<ShadowLightingPass>("ShadowLightingPass"),
     entry<ShadowMapRenderPass>("ShadowMapRenderPass"),
     entry<ShadowMapRenderPass2>("ShadowMapRenderPass2"),
     entry<SkyboxRenderPass>("SkyboxRenderPass"),

@@ -29,14 +29,6 @@ bool parseEnd(const QString &end, QString *pass, QString *slot, QString *error)
     return end.contains(QLatin1Char('.')) || fail(error, QStringLiteral("'%1' is not of the form PASS.SLOT").arg(end));
 }
 
-// What to do about a class that the factory does not know.
-QString hintFor(const QString &className)
-{
-    if (className == QLatin1StringView("ShadowLightingPass"))
-        return QStringLiteral("; it is in the library KvoScene: link it, see registerScene");
-    return nearestNameHint(className, passFactory().classNames());
-}
-
 } // namespace
 
 class PipelinePrivate
@@ -88,7 +80,8 @@ bool Pipeline::add(const QString &name, const QString &className, QString *error
         return false;
     std::unique_ptr<RenderPass> pass = passFactory().make(className);
     if (!pass)
-        return fail(error, QStringLiteral("there is no pass class '%1'%2").arg(className, hintFor(className)));
+        return fail(error, QStringLiteral("there is no pass class '%1'%2")
+                               .arg(className, nearestNameHint(className, passFactory().classNames())));
     d->append(PassGraph::makeNode(name, std::move(pass)))->className = className;
     return true;
 }

@@ -4,7 +4,7 @@
 #include "host/pipeline.h"
 #include "host/slotname.h"
 #include "json.h"
-#include "listreaders.h"
+#include "lightsjson.h"
 #include "slotvaluejson.h"
 
 #include <QCoreApplication>
@@ -64,19 +64,14 @@ private:
             complain(lights->line, QStringLiteral("\"lights\" is a list of lights, not %1").arg(lights->describe()));
             return;
         }
-        const ElementReader reader = listReader(QStringLiteral("lights"));
-        if (!reader) {
-            complain(lights->line, QStringLiteral("\"lights\" needs the library KvoScene: link it, see registerScene"));
-            return;
-        }
-        QVariantList list;
+        QVector<ShadowMapLight> list;
         for (const Json &element : lights->elements) {
             int line = 0;
             QString error;
-            if (!reader(element, &list.emplaceBack(), &line, &error))
+            if (!lightFromJson(element, &list.emplaceBack(), &line, &error))
                 complain(line, error);
         }
-        _pipeline->setHostValue(QStringLiteral("lights"), list);
+        _pipeline->setHostValue(QStringLiteral("lights"), lightsToVariant(list));
     }
 
     void complain(int line, const QString &message)

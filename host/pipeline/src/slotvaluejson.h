@@ -1,7 +1,5 @@
 #pragma once
 
-#include "host/export.h"
-
 #include <QString>
 #include <QVariant>
 
@@ -10,7 +8,7 @@ namespace Brevane::Kvo {
 struct Json;
 
 /// As parseSlotValue, from parsed JSON.
-KVO_PIPELINE_EXPORT bool slotValueFromJson(const QString &slot, const Json &json, QVariant *value, QString *error,
-                                           const QVariant &hint = QVariant());
+bool slotValueFromJson(const QString &slot, const Json &json, QVariant *value, QString *error,
+                       const QVariant &hint = QVariant());
 
 } // namespace Brevane::Kvo

@@ -32,7 +32,7 @@ class ShadowMapRenderData;
 /// do not shine, which is said once with their numbers. Light bleeding is bounded by 0 and 0.99, the variance by 0
 /// and 1, and that is said too.
 /// Leaves changed and needs what ShaderRenderPass does.
-class KVO_SCENE_EXPORT ShadowLightingPass : public ShaderRenderPass
+class KVO_PIPELINE_EXPORT ShadowLightingPass : public ShaderRenderPass
 {
 public:
     ShadowLightingPass();

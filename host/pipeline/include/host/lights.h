@@ -19,9 +19,9 @@ namespace Brevane::Kvo {
 /// Settings may follow, joined by ':', with the names of the members of ShadowMapLight:
 /// "directional:0.3,-1,0.2,3:color=#ffe0c0:intensity=0.8:distance=40". False, with the reason, for anything
 /// else. Whether the light can be used shows when shadows are drawn.
-KVO_SCENE_EXPORT bool parseLight(const QString &text, ShadowMapLight *light, QString *error);
+KVO_PIPELINE_EXPORT bool parseLight(const QString &text, ShadowMapLight *light, QString *error);
 
 /// Lights as the host value "lights" and the shadow passes take them.
-KVO_SCENE_EXPORT QVariantList lightsToVariant(const QVector<ShadowMapLight> &lights);
+KVO_PIPELINE_EXPORT QVariantList lightsToVariant(const QVector<ShadowMapLight> &lights);
 
 } // namespace Brevane::Kvo
