@@ -50,8 +50,8 @@ public:
     Texture *attachment(unsigned int attachment) const;
     bool hasAttachment(unsigned int attachment) const;
 
-    /// Directs drawing to all colour attachments that are present, in the order of their numbers; to
-    /// none when there is none. A wrapped framebuffer keeps the draw buffers that it has.
+    /// Directs drawing to all colour attachments that are present, in the order of their numbers, and reading to
+    /// the first of them; both to none when there is none. A wrapped framebuffer keeps the draw buffers that it has.
     void setDrawBuffers();
 
     /// The GL name; 0 means the default framebuffer (or that the object was never bound).

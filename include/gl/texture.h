@@ -52,6 +52,14 @@ public:
     /// The GL name; 0 before the first bind, and again after the context has been released.
     unsigned int textureID() const;
 
+    /// How the bound texture is sampled (glTexParameteri): GL_NEAREST, GL_LINEAR and, for minification, those with
+    /// mip levels. Like all that sets storage and sampling, between bind and unbind or under a StorageBinder.
+    void setFilter(unsigned int filter);
+    void setFilter(unsigned int minification, unsigned int magnification);
+    /// How coordinates outside of the image are taken, in all directions that the target has: GL_CLAMP_TO_EDGE,
+    /// GL_REPEAT …
+    void setWrap(unsigned int wrap);
+
     /// Marks a texture whose content comes from a file: the library never writes to it again.
     void setReadOnly();
     bool isReadOnly() const;

@@ -87,7 +87,9 @@ public:
     /// its last user set, it comes with linear filters (nearest for depth and integer formats) and
     /// wrap clamped to the edge. The last argument is a tag for statistics, -1 for none. Null without
     /// a usable context. Width and height may be 0, and count as 0 when negative. Where the driver has no
-    /// room for the size, the texture has a single texel, with one message per size.
+    /// room for the size, the texture has a single texel, with one message per size. Of several that are free the
+    /// one that was released last comes first: its memory is the likeliest to be in a cache, and the others age for
+    /// trim.
     Texture *tempTexture(TextureFormat format, int width, int height, int tag = -1);
     /// Adds \a count references.
     void addTempTextureRef(Texture *texture, int count);

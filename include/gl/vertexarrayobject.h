@@ -30,7 +30,9 @@ public:
 
     /// Registers a buffer under an attribute name: \a components values of \a type per vertex
     /// (GL_FLOAT, or GL_UNSIGNED_INT for an integer attribute), tightly packed, from \a offset bytes on.
-    /// With a \a divisor the attribute advances per instance.
+    /// With a \a divisor the attribute advances per instance. Nothing is enabled by it: a name that no program
+    /// was arranged for stays off until one is, and a name that was given a buffer before reads the new one from
+    /// the next bind on, if it was on.
     bool upload(const QString &attribute, const QSharedPointer<BufferObject> &buffer, int components, unsigned int type,
                 qint64 offset = 0, unsigned int divisor = 0);
     /// The buffer of an attribute or null.

@@ -1,5 +1,6 @@
 #include "gl/bufferobject.h"
 
+#include "gl/boundnow.h"
 #include "gl/contextstate.h"
 
 #include <epoxy/gl.h>
@@ -24,13 +25,6 @@ GLenum bindingOf(GLenum target)
         // GL_TEXTURE_BUFFER and the copy targets: the name of the target is its own query.
         return target;
     }
-}
-
-GLuint boundNow(GLenum target)
-{
-    GLint name = 0;
-    glGetIntegerv(bindingOf(target), &name);
-    return GLuint(name);
 }
 
 struct RangeQueries
@@ -84,7 +78,7 @@ bool BufferObject::bind()
     before.isIndexed = _indexed;
     before.index = _index;
     before.context = state->id;
-    before.name = boundNow(_target);
+    before.name = boundNow(bindingOf(_target));
     if (_indexed)
         readIndexed(_target, _index, &before.indexedName, &before.offset, &before.size);
     _previous.append(before);
@@ -153,7 +147,7 @@ bool BufferObject::uploadBytes(const void *data, qint64 bytes, unsigned int usag
     if (bytes < 0)
         return false;
     // Bound is not enough: another buffer may have been bound to the target since.
-    const bool mustBind = _previous.isEmpty() || !getBO() || boundNow(_target) != getBO();
+    const bool mustBind = _previous.isEmpty() || !getBO() || boundNow(bindingOf(_target)) != getBO();
     if (mustBind && !bind())
         return false;
     glBufferData(_target, GLsizeiptr(bytes), data, usage);
@@ -170,12 +164,12 @@ qint64 BufferObject::size() const
 
 void *BufferObject::map(unsigned int access)
 {
-    return _previous.isEmpty() || boundNow(_target) != getBO() ? nullptr : glMapBuffer(_target, access);
+    return _previous.isEmpty() || boundNow(bindingOf(_target)) != getBO() ? nullptr : glMapBuffer(_target, access);
 }
 
 void BufferObject::unmap()
 {
-    if (!_previous.isEmpty() && boundNow(_target) == getBO())
+    if (!_previous.isEmpty() && boundNow(bindingOf(_target)) == getBO())
         glUnmapBuffer(_target);
 }
 

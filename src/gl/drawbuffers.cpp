@@ -1,6 +1,7 @@
 #include "gl/drawbuffers.h"
 
 #include "core/liveobjects.h"
+#include "gl/boundnow.h"
 #include "gl/bufferobject.h"
 #include "gl/contextstate.h"
 #include "gl/glslmacroprocessor.h"
@@ -17,13 +18,6 @@
 namespace Brevane::Kvo {
 
 namespace {
-
-GLint boundNow(GLenum query)
-{
-    GLint name = 0;
-    glGetIntegerv(query, &name);
-    return name;
-}
 
 constexpr int kGuaranteedBlockSize = 16384; // bytes; every context has it
 constexpr int kUsefulBlockSize = 262144; // bytes; some drivers allow blocks as large as memory
@@ -156,8 +150,7 @@ bool DrawBuffers::draw()
     if (!d->vao || !ContextState::current() || boundNow(GL_CURRENT_PROGRAM) == 0)
         return false;
     // Callers bind either this object or its vertex array; a draw from the wrong arrays is never right.
-    const bool isBound =
-        d->vao->vertexArrayID() != 0 && GLuint(boundNow(GL_VERTEX_ARRAY_BINDING)) == d->vao->vertexArrayID();
+    const bool isBound = d->vao->vertexArrayID() != 0 && boundNow(GL_VERTEX_ARRAY_BINDING) == d->vao->vertexArrayID();
     AutoBinder self(isBound ? nullptr : this);
     if (!isBound && !self.isBound())
         return false;
@@ -175,7 +168,7 @@ bool DrawBuffers::draw(ShaderProgram *program)
 {
     if (!program || !program->isLinked())
         return false;
-    AutoBinder bound(GLuint(boundNow(GL_CURRENT_PROGRAM)) == program->programID() ? nullptr : program);
+    AutoBinder bound(boundNow(GL_CURRENT_PROGRAM) == program->programID() ? nullptr : program);
     return draw();
 }
 

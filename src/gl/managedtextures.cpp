@@ -44,12 +44,10 @@ GLint limit(GLenum query)
     return value;
 }
 
-void allocatePages(int size, int layers)
+void allocatePages(Texture &bound, int size, int layers)
 {
-    glTexParameteri(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
-    glTexParameteri(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
-    glTexParameteri(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
-    glTexParameteri(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+    bound.setFilter(GL_LINEAR);
+    bound.setWrap(GL_CLAMP_TO_EDGE);
     const DefaultPixelStore pixelStore;
     glTexImage3D(GL_TEXTURE_2D_ARRAY, 0, GL_RGBA8, size, size, layers, 0, GL_RGBA, GL_UNSIGNED_BYTE, nullptr);
 }
@@ -255,7 +253,7 @@ bool ManagedTextures::ensureLayers(PageClass &pageClass, int layers)
     StorageBinder bound(grown.get());
     if (!bound.isBound())
         return false;
-    allocatePages(pageClass.size, wanted);
+    allocatePages(*grown, pageClass.size, wanted);
     if (pageClass.array) {
         FramebufferObject reader;
         AutoBinder boundReader(&reader);
@@ -286,7 +284,7 @@ void ManagedTextures::bind(ShaderProgram *program)
         _tableTexture->setLabel(QStringLiteral("managed texture table"));
         _emptyPages = arrayTexture(QStringLiteral("no managed textures"));
         StorageBinder bound(_emptyPages.get());
-        allocatePages(1, 1);
+        allocatePages(*_emptyPages, 1, 1);
     }
     if (std::exchange(_tableChanged, false)) {
         if (_table.isEmpty())

@@ -1,6 +1,7 @@
 #include "gl/texture.h"
 
 #include "core/liveobjects.h"
+#include "gl/boundnow.h"
 #include "gl/contextstate.h"
 #include "gl/storage.h"
 
@@ -29,17 +30,6 @@ unsigned int textureBindingOf(unsigned int target)
     default: return GL_TEXTURE_BINDING_2D;
     }
 }
-
-namespace {
-
-unsigned int boundNow(GLenum query)
-{
-    GLint value = 0;
-    glGetIntegerv(query, &value);
-    return unsigned(value);
-}
-
-} // namespace
 
 Texture::Texture(QObject *parent) : QObject(parent), _name(std::make_unique<ObjectName>())
 {
@@ -174,6 +164,25 @@ int Texture::unit() const
 unsigned int Texture::textureID() const
 {
     return _name->id();
+}
+
+void Texture::setFilter(unsigned int filter)
+{
+    setFilter(filter, filter);
+}
+
+void Texture::setFilter(unsigned int minification, unsigned int magnification)
+{
+    glTexParameteri(_target, GL_TEXTURE_MIN_FILTER, GLint(minification));
+    glTexParameteri(_target, GL_TEXTURE_MAG_FILTER, GLint(magnification));
+}
+
+void Texture::setWrap(unsigned int wrap)
+{
+    glTexParameteri(_target, GL_TEXTURE_WRAP_S, GLint(wrap));
+    glTexParameteri(_target, GL_TEXTURE_WRAP_T, GLint(wrap));
+    if (_target == GL_TEXTURE_CUBE_MAP || _target == GL_TEXTURE_3D)
+        glTexParameteri(_target, GL_TEXTURE_WRAP_R, GLint(wrap));
 }
 
 void Texture::setReadOnly()

@@ -37,12 +37,10 @@ bool hasLinearFilter(GLenum internalFormat)
     }
 }
 
-void setSampling(GLint filter, GLint wrap)
+void setPoolSampling(Texture &bound, GLenum internalFormat)
 {
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, filter);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, filter);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_S, wrap);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_WRAP_T, wrap);
+    bound.setFilter(hasLinearFilter(internalFormat) ? GL_LINEAR : GL_NEAREST);
+    bound.setWrap(GL_CLAMP_TO_EDGE);
 }
 
 // Passes fill a single texel of theirs in whatever format suits it; the pool makes sure of its own.
@@ -202,7 +200,7 @@ Texture *TextureManager::tempTexture(TextureFormat format, int width, int height
     }
     if (chosen) {
         StorageBinder bound(chosen->texture.get());
-        setSampling(hasLinearFilter(internalFormat) ? GL_LINEAR : GL_NEAREST, GL_CLAMP_TO_EDGE);
+        setPoolSampling(*chosen->texture, internalFormat);
         if (width == 1 && height == 1 && !isBoundTextureOf(internalFormat))
             allocate(internalFormat, 1, 1);
         ++group->counts.hits;
@@ -227,7 +225,7 @@ Texture *TextureManager::tempTexture(TextureFormat format, int width, int height
         bool hasStorage = false;
         {
             StorageBinder bound(entry->texture.get());
-            setSampling(hasLinearFilter(internalFormat) ? GL_LINEAR : GL_NEAREST, GL_CLAMP_TO_EDGE);
+            setPoolSampling(*entry->texture, internalFormat);
             hasStorage = allocate(internalFormat, width, height);
         }
         // Asked again the next time: there may be room then.
@@ -374,13 +372,12 @@ Texture *TextureManager::textureFromFile(const QString &path, const TextureOptio
     texture->setReadOnly();
     const DefaultPixelStore pixelStore;
     StorageBinder bound(texture.get());
-    setSampling(GL_LINEAR, GL_CLAMP_TO_EDGE);
+    texture->setFilter(options.mipmaps ? GL_LINEAR_MIPMAP_LINEAR : GL_LINEAR, GL_LINEAR);
+    texture->setWrap(GL_CLAMP_TO_EDGE);
     glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, image.width(), image.height(), 0, GL_RGBA, GL_UNSIGNED_BYTE,
                  image.constBits());
-    if (options.mipmaps) {
-        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_LINEAR_MIPMAP_LINEAR);
+    if (options.mipmaps)
         glGenerateMipmap(GL_TEXTURE_2D);
-    }
     group->files.insert(key, texture.get());
     group->owned.push_back(std::move(texture));
     return group->owned.back().get();
@@ -401,7 +398,8 @@ Texture *TextureManager::solidTexture(const QColor &color)
     texture->setReadOnly();
     const DefaultPixelStore pixelStore;
     StorageBinder bound(texture.get());
-    setSampling(GL_NEAREST, GL_CLAMP_TO_EDGE);
+    texture->setFilter(GL_NEAREST);
+    texture->setWrap(GL_CLAMP_TO_EDGE);
     const std::array<uchar, 4> texel{uchar(qRed(key)), uchar(qGreen(key)), uchar(qBlue(key)), uchar(qAlpha(key))};
     glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, 1, 1, 0, GL_RGBA, GL_UNSIGNED_BYTE, texel.data());
     group->solid.insert(key, texture.get());

@@ -1,6 +1,7 @@
 #include "gl/vertexarrayobject.h"
 
 #include "gl/attributelocations.h"
+#include "gl/boundnow.h"
 #include "gl/bufferobject.h"
 #include "gl/contextstate.h"
 #include "gl/guards.h"
@@ -75,8 +76,7 @@ public:
     {
         const Attribute &a = attributes[std::size_t(array.attribute)];
         const AutoBinder makeName(a.buffer->getBO() ? nullptr : a.buffer);
-        GLint before = 0;
-        glGetIntegerv(GL_ARRAY_BUFFER_BINDING, &before);
+        const GLuint before = boundNow(GL_ARRAY_BUFFER_BINDING);
         glBindBuffer(GL_ARRAY_BUFFER, a.buffer->getBO());
         const auto location = GLuint(array.location);
         const auto *offset = reinterpret_cast<const void *>(quintptr(a.offset));
@@ -88,7 +88,7 @@ public:
         if (hasDivisors)
             glVertexAttribDivisor(location, a.divisor);
         glEnableVertexAttribArray(location);
-        glBindBuffer(GL_ARRAY_BUFFER, GLuint(before));
+        glBindBuffer(GL_ARRAY_BUFFER, before);
     }
 
     /// Of the bound vertex array, with what other contexts did to it in theirs.
@@ -213,9 +213,7 @@ bool VertexArrayObject::bind()
     PerContextNames::Entry *entry = isUsable() ? d->names.current() : nullptr;
     if (!entry)
         return false;
-    GLint before = 0;
-    glGetIntegerv(GL_VERTEX_ARRAY_BINDING, &before);
-    d->previous.append(GLuint(before));
+    d->previous.append(boundNow(GL_VERTEX_ARRAY_BINDING));
     glBindVertexArray(entry->name.id());
     if (entry->revision != d->revision) {
         d->applyAll();

@@ -46,8 +46,7 @@ void setLinear(Texture *texture)
     StorageBinder bound(texture);
     if (!bound.isBound())
         return;
-    glTexParameteri(texture->target(), GL_TEXTURE_MAG_FILTER, GL_LINEAR);
-    glTexParameteri(texture->target(), GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+    texture->setFilter(GL_LINEAR);
 }
 
 void setLinearClamped(Texture *texture)
@@ -56,8 +55,7 @@ void setLinearClamped(Texture *texture)
     if (!bound.isBound())
         return;
     setLinear(texture);
-    glTexParameteri(texture->target(), GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
-    glTexParameteri(texture->target(), GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+    texture->setWrap(GL_CLAMP_TO_EDGE);
 }
 
 LinearFilterScope::LinearFilterScope(unsigned int target) : _target(target)

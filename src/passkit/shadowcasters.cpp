@@ -33,8 +33,7 @@ Texture *makeArray(const char *label, GLint filter, GLenum internalFormat, GLenu
     texture->setLabel(QLatin1String(label));
     texture->setTarget(GL_TEXTURE_2D_ARRAY);
     StorageBinder bound(texture);
-    glTexParameteri(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_MAG_FILTER, filter);
-    glTexParameteri(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_MIN_FILTER, filter);
+    texture->setFilter(GLenum(filter));
     const DefaultPixelStore pixelStore;
     allocateImage(internalFormat, {size.width(), size.height(), layers}, format, GL_FLOAT);
     return texture;

@@ -46,8 +46,7 @@ Texture *makeTexture(const TargetFormat &format, const Extent &extent, const voi
     auto *texture = new Texture(nullptr);
     texture->setTarget(GL_TEXTURE_2D);
     StorageBinder bound(texture);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, format.filter);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, format.filter);
+    texture->setFilter(GLenum(format.filter));
     const DefaultPixelStore pixelStore;
     allocateImage(format.internalFormat, {extent.width, extent.height}, format.format, format.type, pixels);
     return texture;

@@ -116,11 +116,8 @@ Texture *CubemapLoaderRenderPass::_load() const
     StorageBinder bound(texture);
     if (!bound.isBound())
         return texture;
-    glTexParameteri(GL_TEXTURE_CUBE_MAP, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
-    glTexParameteri(GL_TEXTURE_CUBE_MAP, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
-    glTexParameteri(GL_TEXTURE_CUBE_MAP, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
-    glTexParameteri(GL_TEXTURE_CUBE_MAP, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
-    glTexParameteri(GL_TEXTURE_CUBE_MAP, GL_TEXTURE_WRAP_R, GL_CLAMP_TO_EDGE);
+    texture->setFilter(GL_LINEAR);
+    texture->setWrap(GL_CLAMP_TO_EDGE);
 
     const QHash<GLenum, QString> faces{
         {GL_TEXTURE_CUBE_MAP_POSITIVE_X, _pathPosX}, {GL_TEXTURE_CUBE_MAP_NEGATIVE_X, _pathNegX},

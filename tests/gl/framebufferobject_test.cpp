@@ -76,6 +76,32 @@ struct HostFramebuffer
 class FramebufferObjectTest : public GLTest
 {};
 
+TEST_F(FramebufferObjectTest, ReadingComesFromTheFirstColourAttachmentThatIsPresent)
+{
+    FramebufferObject fbo;
+    const auto first = makeSolidTexture(2, 2, {1, 0, 0, 1});
+    const auto second = makeSolidTexture(2, 2, {0, 1, 0, 1});
+    const AutoBinder guard(&fbo);
+    const auto readPixel = [] {
+        std::array<float, 4> pixel{};
+        glReadPixels(0, 0, 1, 1, GL_RGBA, GL_FLOAT, pixel.data());
+        return pixel;
+    };
+    // Attached in the other order, with a gap.
+    ASSERT_TRUE(fbo.attach(second.get(), GL_COLOR_ATTACHMENT3, 0));
+    ASSERT_TRUE(fbo.attach(first.get(), GL_COLOR_ATTACHMENT1, 0));
+    fbo.setDrawBuffers();
+    EXPECT_EQ(bound(GL_READ_BUFFER), GLuint(GL_COLOR_ATTACHMENT1));
+    EXPECT_EQ(readPixel(), (std::array<float, 4>{1, 0, 0, 1}));
+    fbo.detach(GL_COLOR_ATTACHMENT1);
+    fbo.setDrawBuffers();
+    EXPECT_EQ(bound(GL_READ_BUFFER), GLuint(GL_COLOR_ATTACHMENT3));
+    EXPECT_EQ(readPixel(), (std::array<float, 4>{0, 1, 0, 1}));
+    fbo.detachAll();
+    fbo.setDrawBuffers();
+    EXPECT_EQ(bound(GL_READ_BUFFER), GLuint(GL_NONE));
+}
+
 TEST_F(FramebufferObjectTest, NewFramebufferHasNoAttachments)
 {
     FramebufferObject fbo;

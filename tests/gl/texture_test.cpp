@@ -317,4 +317,29 @@ TEST_F(TextureTest, BindingInASteadyStateMakesNothing)
     EXPECT_EQ(calls.count("glBindTexture"), 6);
 }
 
+TEST_F(TextureTest, FiltersAndWrapsAreThoseOfEveryDirectionThatTheTargetHas)
+{
+    for (const GLenum target : {GL_TEXTURE_2D, GL_TEXTURE_2D_ARRAY, GL_TEXTURE_CUBE_MAP, GL_TEXTURE_3D}) {
+        Texture texture;
+        texture.setTarget(target);
+        const AutoBinder bound(&texture);
+        const auto parameter = [target](GLenum name) {
+            GLint value = 0;
+            glGetTexParameteriv(target, name, &value);
+            return GLenum(value);
+        };
+        texture.setFilter(GL_NEAREST);
+        EXPECT_EQ(parameter(GL_TEXTURE_MIN_FILTER), GLenum(GL_NEAREST));
+        EXPECT_EQ(parameter(GL_TEXTURE_MAG_FILTER), GLenum(GL_NEAREST));
+        texture.setFilter(GL_LINEAR_MIPMAP_NEAREST, GL_LINEAR);
+        EXPECT_EQ(parameter(GL_TEXTURE_MIN_FILTER), GLenum(GL_LINEAR_MIPMAP_NEAREST));
+        EXPECT_EQ(parameter(GL_TEXTURE_MAG_FILTER), GLenum(GL_LINEAR));
+        texture.setWrap(GL_MIRRORED_REPEAT);
+        EXPECT_EQ(parameter(GL_TEXTURE_WRAP_S), GLenum(GL_MIRRORED_REPEAT));
+        EXPECT_EQ(parameter(GL_TEXTURE_WRAP_T), GLenum(GL_MIRRORED_REPEAT));
+        const bool hasThird = target == GL_TEXTURE_CUBE_MAP || target == GL_TEXTURE_3D;
+        EXPECT_EQ(parameter(GL_TEXTURE_WRAP_R), GLenum(hasThird ? GL_MIRRORED_REPEAT : GL_REPEAT)) << target;
+    }
+}
+
 } // namespace Brevane::Kvo

@@ -134,6 +134,24 @@ TEST_F(TexturePoolTest, TextureJustReleasedIsTheOneThatComesNext)
     manager().releaseTempTextureRef(b, 1);
 }
 
+TEST_F(TexturePoolTest, OfSeveralFreeTexturesTheOneReleasedLastComesFirst)
+{
+    constexpr int kCount = 4;
+    std::array<Texture *, kCount> textures{};
+    for (Texture *&texture : textures)
+        texture = manager().tempTexture(kFrame, 9, 8);
+    // In no order that has to do with that of their making.
+    for (const std::array<int, kCount> order :
+         {std::array{2, 0, 3, 1}, std::array{1, 3, 0, 2}, std::array{0, 1, 2, 3}}) {
+        for (const int i : order)
+            manager().releaseTempTextureRef(textures[std::size_t(i)], 1);
+        for (auto at = order.rbegin(); at != order.rend(); ++at)
+            EXPECT_EQ(manager().tempTexture(kFrame, 9, 8), textures[std::size_t(*at)]);
+    }
+    for (Texture *texture : textures)
+        manager().releaseTempTextureRef(texture, 1);
+}
+
 TEST_F(TexturePoolTest, OnlyTheSameFormatAndSizeAreReused)
 {
     Texture *texture = manager().tempTexture(TextureFormat::Frame, 8, 4);

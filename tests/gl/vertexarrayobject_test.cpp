@@ -129,6 +129,32 @@ TEST_F(VertexArrayObjectTest, OffsetAndReplacedBufferReachTheShader)
     EXPECT_EQ(draw(vao, program.get())[0], 0.25f);
 }
 
+TEST_F(VertexArrayObjectTest, AnUploadEnablesNothingAndReplacesWhatIsOnFromTheNextBindOn)
+{
+    VertexArrayObject vao;
+    vao.upload(QStringLiteral("va_Vertex"), bufferOf(kTriangle), 3, GL_FLOAT);
+    const auto program = colorProgram("in float va_Value;", "va_Value");
+    const auto location = GLuint(program->attributeLocation(QStringLiteral("va_Value")));
+    const auto isOn = [&] {
+        const AutoBinder guard(&vao);
+        GLint on = -1;
+        glGetVertexAttribiv(location, GL_VERTEX_ATTRIB_ARRAY_ENABLED, &on);
+        return on;
+    };
+    EXPECT_TRUE(vao.enableShaderProgramArrays(program.get()));
+    vao.upload(QStringLiteral("va_Value"), bufferOf(std::array<float, 3>{0.5f, 0.5f, 0.5f}), 1, GL_FLOAT);
+    EXPECT_EQ(isOn(), GL_FALSE) << "no program was arranged for with it";
+    vao.upload(QStringLiteral("va_Value"), bufferOf(std::array<float, 3>{0.75f, 0.75f, 0.75f}), 1, GL_FLOAT);
+    EXPECT_EQ(isOn(), GL_FALSE);
+    EXPECT_TRUE(vao.enableShaderProgramArrays(program.get()));
+    EXPECT_EQ(isOn(), GL_TRUE);
+    EXPECT_EQ(draw(vao, program.get())[0], 0.75f);
+    // No call but the next bind, here with nothing in the buffer's place before.
+    vao.upload(QStringLiteral("va_Value"), bufferOf(std::array<float, 3>{0.25f, 0.25f, 0.25f}), 1, GL_FLOAT);
+    EXPECT_EQ(isOn(), GL_TRUE);
+    EXPECT_EQ(draw(vao, program.get())[0], 0.25f);
+}
+
 TEST_F(VertexArrayObjectTest, DivisorAdvancesPerInstance)
 {
     VertexArrayObject vao;

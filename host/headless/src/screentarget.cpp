@@ -17,8 +17,7 @@ namespace {
 void allocate(Texture *texture, GLenum internalFormat, GLenum format, GLenum type, const QSize &size)
 {
     const AutoBinder binder(texture);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
+    texture->setFilter(GL_NEAREST);
     const DefaultPixelStore pixelStore;
     glTexImage2D(GL_TEXTURE_2D, 0, GLint(internalFormat), size.width(), size.height(), 0, format, type, nullptr);
 }
