@@ -481,6 +481,13 @@ TEST_F(ShaderProgramTest, CompilerMessagesPointIntoIncludesAndBehindThem)
 
 namespace {
 
+void write(const QTemporaryDir &directory, const char *name, const QByteArray &text)
+{
+    QFile file(directory.filePath(QLatin1String(name)));
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly)) << name;
+    file.write(text);
+}
+
 /// A line of an include that does not compile.
 struct BrokenLine
 {
@@ -508,13 +515,8 @@ public:
 TEST_P(ShaderProgramPlaceTest, MessagesNameTheIncludeAndTheLineInIt)
 {
     QTemporaryDir directory;
-    const auto write = [&](const char *name, const QByteArray &text) {
-        QFile file(directory.filePath(QLatin1String(name)));
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(text);
-    };
-    write("inner.glslh", QByteArray("float fine() { return 1.0; }\n// so far\n") + GetParam().line + "\n");
-    write("middle.glslh", "// one\n#include \"inner.glslh\"\n");
+    write(directory, "inner.glslh", QByteArray("float fine() { return 1.0; }\n// so far\n") + GetParam().line + "\n");
+    write(directory, "middle.glslh", "// one\n#include \"inner.glslh\"\n");
     GLSLMacroProcessor processor;
     processor.addIncludePath(directory.path());
     for (const char *top : {"#include \"middle.glslh\"\n", "#if 1\n#include \"inner.glslh\"\n#endif\n"}) {
@@ -584,11 +586,8 @@ TEST_P(ShaderProgramBranchTest, AFileIsIncludedTheFirstTimeThatTheCompilerComesT
         {"both.glslh", "#include \"half.glslh\"\n#include \"guarded.glslh\"\n"},
         {"one.glslh", "#include \"other.glslh\"\n#include \"half.glslh\"\n"},
         {"other.glslh", "#include \"one.glslh\"\n#include \"half.glslh\"\n"}};
-    for (const auto &[name, text] : files) {
-        QFile file(directory.filePath(QLatin1String(name)));
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(text);
-    }
+    for (const auto &[name, text] : files)
+        write(directory, name, text);
     GLSLMacroProcessor processor;
     processor.addIncludePath(directory.path());
     ShaderProgram program;

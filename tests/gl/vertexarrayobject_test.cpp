@@ -442,14 +442,14 @@ TEST_F(VertexArrayObjectTest, AProgramThatReadsAnAttributeAsFloatTakesTurnsWithO
     vao.upload(QStringLiteral("va_Number"), numbers, 1, GL_UNSIGNED_INT);
     const auto integers = colorProgram("in uint va_Number;", "va_Number == 3u ? 1.0 : 0.0");
     const auto floats = colorProgram("in float va_Number;", "va_Number == 3.0 ? 1.0 : 0.0");
-    {
+    // Not all drivers can, even with a vertex array for each: zink reads 0 as integers after floats.
+    for (ShaderProgram *program : {floats.get(), integers.get()}) {
         VertexArrayObject alone;
-        for (const char *attribute : {"va_Vertex", "va_Number"})
-            alone.upload(QLatin1String(attribute), vao.bo(QLatin1String(attribute)), attribute[3] == 'V' ? 3 : 1,
-                         attribute[3] == 'V' ? GL_FLOAT : GL_UNSIGNED_INT);
-        alone.enableShaderProgramArrays(floats.get());
-        if (draw(alone, floats.get())[0] != 1)
-            GTEST_SKIP() << "this driver makes no floats of 32-bit integers";
+        alone.upload(QStringLiteral("va_Vertex"), vao.bo(QStringLiteral("va_Vertex")), 3, GL_FLOAT);
+        alone.upload(QStringLiteral("va_Number"), numbers, 1, GL_UNSIGNED_INT);
+        alone.enableShaderProgramArrays(program);
+        if (draw(alone, program)[0] != 1)
+            GTEST_SKIP() << "this driver does not take turns between floats and integers of one buffer";
     }
     for (ShaderProgram *program : {integers.get(), floats.get()})
         EXPECT_TRUE(vao.enableShaderProgramArrays(program));
