@@ -219,6 +219,7 @@ void PipelineFrame::destroyPass(Node *node, std::unique_ptr<RenderPass> pass)
     }
     node->isSetUp = false;
     releaseTimer(node);
+    pass.reset(); // while what it gives up is collected: a parameter outlives what is local
 }
 
 void PipelineFrame::destroyPasses()
