@@ -76,6 +76,7 @@ public:
         blend.setInput(3, int(BlendRenderPass::blendSoftLight));
         mean.setInput(4, false);
         smaa.setInput(2, 0);
+        smaa.setInput(8, -1);
         smaaT2x.setInput(2, 1);
         smaaT2x.setInput(5, textureToVariant(depth.get()));
         jitter.setInput(0, QRect(0, 0, width, height));
