@@ -13,8 +13,10 @@ namespace Brevane::Kvo {
 
 class BufferObject;
 class FramebufferObject;
+class GPUModel;
 class ShaderProgram;
 class Texture;
+struct Extent;
 
 /// First of the three passes of exact order-independent transparency: draws the model once and records
 /// every fragment of every pixel, as an identity and a depth, with no colour. VisibilitySortRenderPass
@@ -41,7 +43,8 @@ class Texture;
 /// Two modes, chosen at the first start and logged. With ARB_shader_atomic_counters,
 /// ARB_shader_image_load_store and ARB_shading_language_420pack, GL4 mode: all fragments are kept, in a
 /// node buffer of 4096 x 4096 (256 MiB, 16,777,216 nodes for all pixels together). What goes beyond is
-/// lost: lists end where they lead to a node that was not stored, and nothing is reported here. Without
+/// lost: lists end where they lead to a node that was not stored, and nothing is reported here (the inspection of
+/// the host tells, and kvorender --inspect-oit). Without
 /// the extensions the nearest fragment is kept (by the current depth function), as a list of one node
 /// with draw 0, in a node buffer of the size of the viewport.
 ///
@@ -64,8 +67,12 @@ public:
 
 private:
     void chooseMode();
-    void replaceTargets();
+    void recordLists(const Extent &extent, GPUModel *model);
+    void recordNearest(const Extent &extent, GPUModel *model);
     void clearLists();
+    void drawIntoLists(GPUModel &model);
+    void makeProgramAndCounter();
+    void draw(GPUModel &model, int nodeBufferWidth);
 
     bool _modeChosen = false;
     Held<FramebufferObject> _fbo;

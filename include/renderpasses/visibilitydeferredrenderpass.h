@@ -47,8 +47,9 @@ class UniformBufferObject;
 /// draws beyond are shaded with normal and texture coordinate 0.
 ///
 /// Out of range: a width of the node buffer beyond 65536 acts as 65536, and a negative one as 0, with a warning
-/// that names pass and slot. A list ends behind 65536 fragments, so that one that leads back into itself,
-/// as one read at a wrong width may, does so too.
+/// that names pass and slot. A list that leads back into itself, as one read at a wrong width may, ends after a
+/// few rounds, and any list behind 65536 fragments. Nodes without an identity hold no fragment and are passed
+/// over; a pixel with no others is one without fragments.
 ///
 /// Leaves no state of GL changed. Of the host's state count: viewport, clear colour.
 ///

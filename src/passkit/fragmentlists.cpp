@@ -2,7 +2,13 @@
 
 #include "gl/glinfo.h"
 
+#include <epoxy/gl.h>
+
 namespace Brevane::Kvo {
+
+const unsigned int kListBarrier = GL_SHADER_IMAGE_ACCESS_BARRIER_BIT | GL_TEXTURE_FETCH_BARRIER_BIT
+                                  | GL_TEXTURE_UPDATE_BARRIER_BIT | GL_FRAMEBUFFER_BARRIER_BIT
+                                  | GL_BUFFER_UPDATE_BARRIER_BIT;
 
 bool canBuildFragmentLists()
 {

@@ -24,6 +24,7 @@
 #include <epoxy/gl.h>
 
 #include <optional>
+#include <utility>
 
 namespace Brevane::Kvo {
 
@@ -64,9 +65,9 @@ void main()
 // tile, with a shader that neither blends nor discards, to hide all that was drawn there before, and
 // drops it, although it would have stored fragments.
 //
-// KVO_GL_3_2 lets the pass turn the lists off where the compiler would offer them.
+// KVO_GL_3_2 lets the pass turn the lists off where the compiler would offer them. The include comes behind the
+// extensions, since it may define functions.
 const QString kFragmentShader = QStringLiteral(R"(#version 150
-#include "ShaderBitEncoding.glslh"
 #define KVO_GL_3_2 %1
 
 #if defined(GL_ARB_shader_atomic_counters) && defined(GL_ARB_shader_image_load_store) && defined(GL_ARB_shading_language_420pack) && KVO_GL_3_2 == 0
@@ -77,6 +78,8 @@ const QString kFragmentShader = QStringLiteral(R"(#version 150
 #else
 #define KVO_GL_4_2 0
 #endif
+
+#include "ShaderBitEncoding.glslh"
 
 uniform int u_NodeBufferImageWidth;
 uniform uint u_DrawID;
@@ -179,34 +182,133 @@ void VisibilityBufferRenderPass::start(RenderCallbacks *)
     if (!scope)
         return;
     chooseMode();
-
     const Extent extent = extentOf(*this, kViewport);
-    const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
-    const auto camera = qvariant_cast<QMatrix4x4>(_inputs[kCameraMatrix].value);
     GPUModel *model = modelOf(_inputs[kGeometry].value);
-    const int nodeBufferWidth = _gl4Mode ? kNodeBufferSide : extent.width;
+    if (_gl4Mode)
+        recordLists(extent, model);
+    else
+        recordNearest(extent, model);
+}
 
-    // In either mode the framebuffer whose targets follow the viewport says whether they are still right.
+// All fragments, in lists.
+void VisibilityBufferRenderPass::recordLists(const Extent &extent, GPUModel *model)
+{
+    // The framebuffer whose target follows the viewport says whether it is still right.
     const bool replaces =
-        _gl4Mode ? needsTargets(_headPointerFbo, "VisibilityBufferRenderPass head pointers", extent, _width, _height)
-                 : needsTargets(_fbo, "VisibilityBufferRenderPass", extent, _width, _height);
-    const bool needsNodes = _gl4Mode && made(_nodeBufferFbo, "VisibilityBufferRenderPass nodes");
+        needsTargets(_headPointerFbo, "VisibilityBufferRenderPass head pointers", extent, _width, _height);
+    const bool needsNodes = made(_nodeBufferFbo, "VisibilityBufferRenderPass nodes");
     made(_fbo, "VisibilityBufferRenderPass");
 
     // Nothing is written to this target: it gives the framebuffer its size. Without a depth target no
     // fragment is rejected.
-    if (_gl4Mode) {
+    {
         AutoBinder fbo(_fbo);
         _fbo->attach(tempTexture(TextureFormat::Frame, extent), GL_COLOR_ATTACHMENT0, 0);
     }
-    if (replaces)
-        replaceTargets();
+    if (replaces) {
+        AutoBinder fbo(_headPointerFbo);
+        replaceTarget(_headPointerFbo, GL_COLOR_ATTACHMENT0, integerTarget(GL_R32UI), extent);
+        _headPointerTexture = _headPointerFbo->attachment(GL_COLOR_ATTACHMENT0);
+    }
     if (needsNodes) {
         AutoBinder fbo(_nodeBufferFbo);
         replaceTarget(_nodeBufferFbo, GL_COLOR_ATTACHMENT0, integerTarget(GL_RGBA32UI),
                       {kNodeBufferSide, kNodeBufferSide});
         _nodeBufferTexture = _nodeBufferFbo->attachment(GL_COLOR_ATTACHMENT0);
     }
+    makeProgramAndCounter();
+
+    AutoBinder fbo(_fbo);
+    const bool canDraw = !extent.isEmpty();
+    {
+        NeutralState neutral(kState);
+        glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
+        if (canDraw)
+            clearLists();
+        if (model && _shaderProgram->isLinked()) {
+            glEnable(GL_DEPTH_TEST);
+            neutral.leave({StatePiece::DepthTest});
+            if (canDraw)
+                drawIntoLists(*model);
+        }
+    }
+    _outputs[kHeadPointers].value = objectForm(_headPointerTexture);
+    _outputs[kNodeBuffer].value = objectForm(_nodeBufferTexture);
+    _outputs[kNodeBufferWidth].value = kNodeBufferSide;
+    release(_fbo->detach(GL_COLOR_ATTACHMENT0));
+}
+
+// Leaves the framebuffer of the recording bound and ready to draw.
+void VisibilityBufferRenderPass::clearLists()
+{
+    {
+        AutoBinder counter(_headCounter);
+        constexpr GLuint kZero = 0;
+        glBufferSubData(GL_ATOMIC_COUNTER_BUFFER, 0, sizeof kZero, &kZero);
+    }
+    for (FramebufferObject *lists : {_headPointerFbo, _nodeBufferFbo}) {
+        AutoBinder target(lists);
+        lists->setDrawBuffers();
+        clearToZero({0, GL_R32UI});
+    }
+    _fbo->setDrawBuffers();
+}
+
+void VisibilityBufferRenderPass::drawIntoLists(GPUModel &model)
+{
+    AutoBinder program(_shaderProgram);
+    AutoBinder counter(_headCounter);
+    std::optional<ImageBinding> heads(std::in_place, kHeadPointerUnit, _headPointerTexture->textureID(), GL_WRITE_ONLY,
+                                      GL_R32UI);
+    std::optional<ImageBinding> nodes(std::in_place, kNodeBufferUnit, _nodeBufferTexture->textureID(), GL_READ_WRITE,
+                                      GL_RGBA32UI);
+    _shaderProgram->setUniform(QStringLiteral("u_HeadPointerImage"), kHeadPointerUnit);
+    _shaderProgram->setUniform(QStringLiteral("u_NodeBufferImage"), kNodeBufferUnit);
+    draw(model, kNodeBufferSide);
+    heads.reset();
+    nodes.reset();
+    glMemoryBarrier(kListBarrier);
+}
+
+// The nearest fragment of each pixel, as lists of one node.
+void VisibilityBufferRenderPass::recordNearest(const Extent &extent, GPUModel *model)
+{
+    if (needsTargets(_fbo, "VisibilityBufferRenderPass", extent, _width, _height)) {
+        AutoBinder fbo(_fbo);
+        for (int i = 0; i < _outputFormats.size(); ++i)
+            replaceTarget(_fbo, GL_COLOR_ATTACHMENT0 + unsigned(i), integerTarget(_outputFormats[i].second), extent);
+        replaceTarget(_fbo, GL_DEPTH_ATTACHMENT, kDepthTarget, extent);
+    }
+    makeProgramAndCounter();
+
+    AutoBinder fbo(_fbo);
+    const bool canDraw = !extent.isEmpty();
+    {
+        NeutralState neutral(kState);
+        glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
+        if (canDraw) {
+            _fbo->setDrawBuffers();
+            for (int i = 0; i < _outputFormats.size(); ++i)
+                clearToZero({i, _outputFormats[i].second});
+            glClear(GL_DEPTH_BUFFER_BIT);
+        }
+        if (model && _shaderProgram->isLinked()) {
+            glEnable(GL_DEPTH_TEST);
+            neutral.leave({StatePiece::DepthTest});
+            if (canDraw) {
+                AutoBinder program(_shaderProgram);
+                draw(*model, extent.width);
+            }
+        }
+    }
+    _outputs[kHeadPointers].value = objectForm(_fbo->attachment(GL_COLOR_ATTACHMENT0));
+    _outputs[kNodeBuffer].value = objectForm(_fbo->attachment(GL_COLOR_ATTACHMENT1));
+    _outputs[kNodeBufferWidth].value = extent.width;
+}
+
+// The counter is made in either mode.
+void VisibilityBufferRenderPass::makeProgramAndCounter()
+{
     if (!_shaderProgram)
         _shaderProgram = buildProgram(recordingProgram(_outputFormats, _gl4Mode));
     if (!_headCounter || !_headCounter->isUsable()) {
@@ -217,89 +319,18 @@ void VisibilityBufferRenderPass::start(RenderCallbacks *)
         AutoBinder counter(_headCounter);
         _headCounter->uploadBytes(nullptr, sizeof(GLuint), GL_DYNAMIC_DRAW);
     }
-
-    {
-        AutoBinder fbo(_fbo);
-        const bool canDraw = !extent.isEmpty();
-        NeutralState neutral(kState);
-        glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
-        if (canDraw)
-            clearLists();
-        if (model && _shaderProgram->isLinked()) {
-            glEnable(GL_DEPTH_TEST);
-            neutral.leave({StatePiece::DepthTest});
-            if (canDraw) {
-                AutoBinder program(_shaderProgram);
-                std::optional<AutoBinder> counter;
-                std::optional<ImageBinding> heads;
-                std::optional<ImageBinding> nodes;
-                if (_gl4Mode) {
-                    counter.emplace(_headCounter);
-                    heads.emplace(kHeadPointerUnit, _headPointerTexture->textureID(), GL_WRITE_ONLY, GL_R32UI);
-                    nodes.emplace(kNodeBufferUnit, _nodeBufferTexture->textureID(), GL_READ_WRITE, GL_RGBA32UI);
-                }
-                _shaderProgram->setUniform(QStringLiteral("u_ProjectionMatrix"), projection);
-                _shaderProgram->setUniform(QStringLiteral("u_CameraMatrix"), camera);
-                if (_shaderProgram->hasUniform(QStringLiteral("u_NodeBufferImageWidth")))
-                    _shaderProgram->setUniform(QStringLiteral("u_NodeBufferImageWidth"), nodeBufferWidth);
-                if (_gl4Mode) {
-                    _shaderProgram->setUniform(QStringLiteral("u_HeadPointerImage"), kHeadPointerUnit);
-                    _shaderProgram->setUniform(QStringLiteral("u_NodeBufferImage"), kNodeBufferUnit);
-                }
-                model->draw(_shaderProgram, _drawFlagsValue, _drawFlagsMask, CounterClockwiseWinding, false);
-                heads.reset();
-                nodes.reset();
-                if (_gl4Mode)
-                    glMemoryBarrier(GL_TEXTURE_FETCH_BARRIER_BIT);
-            }
-        }
-
-        _outputs[kHeadPointers].value =
-            objectForm(_gl4Mode ? _headPointerTexture : _fbo->attachment(GL_COLOR_ATTACHMENT0));
-        _outputs[kNodeBuffer].value =
-            objectForm(_gl4Mode ? _nodeBufferTexture : _fbo->attachment(GL_COLOR_ATTACHMENT1));
-        _outputs[kNodeBufferWidth].value = nodeBufferWidth;
-        if (_gl4Mode)
-            release(_fbo->detach(GL_COLOR_ATTACHMENT0));
-    }
 }
 
-void VisibilityBufferRenderPass::replaceTargets()
+// With the program bound.
+void VisibilityBufferRenderPass::draw(GPUModel &model, int nodeBufferWidth)
 {
-    const Extent extent{_width, _height};
-    if (_gl4Mode) {
-        AutoBinder fbo(_headPointerFbo);
-        replaceTarget(_headPointerFbo, GL_COLOR_ATTACHMENT0, integerTarget(GL_R32UI), extent);
-        _headPointerTexture = _headPointerFbo->attachment(GL_COLOR_ATTACHMENT0);
-        return;
-    }
-    AutoBinder fbo(_fbo);
-    for (int i = 0; i < _outputFormats.size(); ++i)
-        replaceTarget(_fbo, GL_COLOR_ATTACHMENT0 + unsigned(i), integerTarget(_outputFormats[i].second), extent);
-    replaceTarget(_fbo, GL_DEPTH_ATTACHMENT, kDepthTarget, extent);
-}
-
-// Leaves the framebuffer of the recording bound and ready to draw.
-void VisibilityBufferRenderPass::clearLists()
-{
-    if (_gl4Mode) {
-        {
-            AutoBinder counter(_headCounter);
-            constexpr GLuint kZero = 0;
-            glBufferSubData(GL_ATOMIC_COUNTER_BUFFER, 0, sizeof kZero, &kZero);
-        }
-        for (FramebufferObject *lists : {_headPointerFbo, _nodeBufferFbo}) {
-            AutoBinder fbo(lists);
-            lists->setDrawBuffers();
-            clearToZero({0, GL_R32UI});
-        }
-        _fbo->setDrawBuffers();
-        return;
-    }
-    _fbo->setDrawBuffers();
-    for (int i = 0; i < _outputFormats.size(); ++i)
-        clearToZero({i, _outputFormats[i].second});
-    glClear(GL_DEPTH_BUFFER_BIT);
+    _shaderProgram->setUniform(QStringLiteral("u_ProjectionMatrix"),
+                               qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value));
+    _shaderProgram->setUniform(QStringLiteral("u_CameraMatrix"),
+                               qvariant_cast<QMatrix4x4>(_inputs[kCameraMatrix].value));
+    if (_shaderProgram->hasUniform(QStringLiteral("u_NodeBufferImageWidth")))
+        _shaderProgram->setUniform(QStringLiteral("u_NodeBufferImageWidth"), nodeBufferWidth);
+    model.draw(_shaderProgram, _drawFlagsValue, _drawFlagsMask, CounterClockwiseWinding, false);
 }
 
 } // namespace Brevane::Kvo

@@ -68,9 +68,16 @@ void main()
   if(!doesVisibilityBufferHaveFragment(pointer))
     discard;
 
-  // A list that leads back into itself, as one read at a wrong width may, ends somewhere too.
-  for(int fragments = 0; fragments < MOST_FRAGMENTS && doesVisibilityBufferHaveFragment(pointer); ++fragments)
+  // A list that leads back into itself, as one read at a wrong width may, ends too: where it comes by the place
+  // that was marked last. Marks get farther and farther apart, so one will lie in the circle, and be as far from
+  // itself as the circle is long.
+  uint mark = 0u;
+  for(int fragments = 1; fragments <= MOST_FRAGMENTS && doesVisibilityBufferHaveFragment(pointer); ++fragments)
   {
+    if(pointer == mark)
+      break;
+    if((fragments & (fragments - 1)) == 0)
+      mark = pointer;
     vec4 Position;
     float Depth;
     vec3 Normal;

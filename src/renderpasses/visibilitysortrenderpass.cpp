@@ -39,7 +39,7 @@ const QString kFragmentShader = QStringLiteral(R"(#version 150
 #extension GL_ARB_shader_atomic_counters : enable
 #extension GL_ARB_shader_image_load_store : enable
 #extension GL_ARB_shading_language_420pack : enable
-#extension GL_ARB_shader_bit_encoding : enable
+#include "ShaderBitEncoding.glslh"
 
 #define MAX_DEPTH 50u
 #define MAX_LEVELS 16
@@ -261,7 +261,7 @@ void VisibilitySortRenderPass::start(RenderCallbacks *)
             AutoBinder quad(_screenQuad);
             _screenQuad->draw();
         }
-        glMemoryBarrier(GL_TEXTURE_FETCH_BARRIER_BIT);
+        glMemoryBarrier(kListBarrier);
     }
     release(_fbo->detach(GL_COLOR_ATTACHMENT0));
 }

@@ -257,6 +257,37 @@ TEST_F(Blend, ASlotThatADerivedClassHasRenamedCountsAsNotConnected)
     EXPECT_FALSE(pass.output(0).isValid());
 }
 
+TEST_F(Blend, SoftLightChangesItsCurveBeyondAQuarterOfTheCoverage)
+{
+    // The curves do not meet there: 0.25 itself belongs to the lower one.
+    const float quarters[] = {std::nextafter(0.25f, 0.0f), 0.25f, std::nextafter(0.25f, 1.0f)};
+    Image<float> a(3, 2);
+    Image<float> b(3, 2);
+    Image<float> expected(3, 2);
+    for (int x = 0; x < 3; ++x) {
+        for (int y = 0; y < 2; ++y) {
+            const float coverage = y == 0 ? 1.0f : 0.5f;
+            const float d = quarters[x] * coverage;
+            a.at(x, y) = {0.9f, 0.9f, 0.9f, 1};
+            b.at(x, y) = {d, d, d, coverage};
+            const Color e = blended(21, {double(0.9f), double(0.9f), double(0.9f), 1},
+                                    {double(d), double(d), double(d), double(coverage)});
+            for (size_t c = 0; c < 4; ++c)
+                expected.at(x, y)[c] = float(e[c]);
+        }
+    }
+    EXPECT_LT(expected.at(1, 0)[0], 0.0f);
+    EXPECT_GT(expected.at(2, 0)[0], 0.4f);
+    const auto frameA = makeTexture(a);
+    const auto frameB = makeTexture(b);
+    owned->setInput(kViewport, QRect(0, 0, 3, 2));
+    owned->setInput(kFrameA, textureToVariant(frameA.get()));
+    owned->setInput(kFrameB, textureToVariant(frameB.get()));
+    owned->setInput(kBlendMode, 21);
+    runFrame(*owned);
+    EXPECT_TRUE(sameImage(result(), expected, within(kHalfFloat)));
+}
+
 TEST_F(Blend, ModesAreToldApart)
 {
     const Grid grid = premultipliedGrid();

@@ -59,6 +59,8 @@ TEST_F(FragmentListsOfAPass, AreWalkedCountedAndSortedAsTheyLie)
     EXPECT_EQ(lists.fragmentCount(), qint64(columns) * kHeight * layers);
     EXPECT_EQ(lists.longest(), layers);
     EXPECT_EQ(lists.lostCount(), 0);
+    EXPECT_EQ(lists.cutPixels(), 0);
+    EXPECT_EQ(lists.hasDraws(), canBuildLists());
     EXPECT_EQ(lists.unsortedPixels(), 0);
     EXPECT_EQ(lists.capacity(), canBuildLists() ? qint64(4096) * 4096 : qint64(kWidth) * kHeight);
     EXPECT_EQ(lists.lengthAt(0, 0), 0);
@@ -79,13 +81,19 @@ TEST_F(FragmentListsOfAPass, AreWalkedCountedAndSortedAsTheyLie)
 TEST_F(FragmentListsOfAPass, OverflowAndLongListsAreTold)
 {
     KVO_REQUIRE_EXTENSION("ARB_shader_image_load_store");
-    // Three pixels: 60 nodes; one node and a link beyond the buffer; a head beyond the buffer.
+    // Six pixels: 60 nodes; one node and a link beyond the buffer; a head beyond the buffer; the last node; a node
+    // without identity, as the sort moves it there, and a fragment behind it; none.
     constexpr int kNodesWidth = 8;
     std::vector<quint32> nodes(kNodesWidth * 8 * 4, 0);
+    for (quint32 i = 0; i < 64; ++i)
+        nodes[i * 4 + 1] = i + 1;
     for (quint32 i = 0; i < 60; ++i)
         nodes[i * 4] = i == 59 ? 0 : i + 2;
     nodes[60 * 4] = 70;
-    const quint32 heads[3] = {1, 61, 65};
+    nodes[61 * 4] = 63;
+    nodes[61 * 4 + 1] = 0;
+    nodes[62 * 4] = 66;
+    const quint32 heads[6] = {1, 61, 65, 64, 62, 0};
     const auto integerTexture = [](unsigned int internalFormat, int width, int height, unsigned int format,
                                    const void *texels) {
         auto texture = std::make_unique<Texture>();
@@ -96,7 +104,7 @@ TEST_F(FragmentListsOfAPass, OverflowAndLongListsAreTold)
         texture->unbind();
         return texture;
     };
-    const auto headTexture = integerTexture(GL_R32UI, 3, 1, GL_RED_INTEGER, heads);
+    const auto headTexture = integerTexture(GL_R32UI, 6, 1, GL_RED_INTEGER, heads);
     const auto nodeTexture = integerTexture(GL_RGBA32UI, kNodesWidth, 8, GL_RGBA_INTEGER, nodes.data());
     FragmentLists lists;
     ASSERT_TRUE(lists.read(headTexture.get(), nodeTexture.get(), kNodesWidth));
@@ -107,7 +115,18 @@ TEST_F(FragmentListsOfAPass, OverflowAndLongListsAreTold)
     EXPECT_EQ(lists.unsortedPixels(), 1);
     EXPECT_EQ(lists.lengthAt(1, 0), 1);
     EXPECT_EQ(lists.lengthAt(2, 0), 0);
+    EXPECT_EQ(lists.lengthAt(3, 0), 1) << "the last node is one";
+    EXPECT_EQ(lists.at(3, 0).value(0).primitive, 63u);
+    ASSERT_EQ(lists.lengthAt(4, 0), 1) << "what has no identity is no fragment";
+    EXPECT_EQ(lists.at(4, 0)[0].primitive, 62u);
+    const bool cuts[6] = {false, true, true, false, true, false};
+    for (int x = 0; x < 6; ++x)
+        EXPECT_EQ(lists.isCutAt(x, 0), cuts[x]) << x;
+    EXPECT_EQ(lists.cutPixels(), 3);
+    EXPECT_EQ(lists.coveredPixels(), 4);
     EXPECT_EQ(lists.lengthImage().pixelColor(0, 0), QColor(Qt::white));
+    EXPECT_EQ(lists.lengthImage().pixelColor(2, 0), QColor(Qt::magenta)) << "all of it is lost";
+    EXPECT_EQ(lists.lengthImage().pixelColor(5, 0), QColor(Qt::black));
     EXPECT_TRUE(lists.summary().last().contains(QStringLiteral("6 fragments are lost")));
     QString error;
     EXPECT_FALSE(lists.read(headTexture.get(), nodeTexture.get(), 9, &error));

@@ -62,6 +62,63 @@ TEST_F(KvoRenderOit, PrintsTheFragmentListOfAPixelNearestFirst)
     EXPECT_TRUE(std::is_sorted(depths.cbegin(), depths.cend()));
 }
 
+TEST_F(KvoRenderOit, NamesTheMaterialOnlyWhereDrawsAreRecorded)
+{
+    QStringList arguments = on("oit");
+    arguments[0] = QStringLiteral("/usr/share/assimp/models/OBJ/spider.obj");
+    const Outcome outcome = run(arguments << QStringLiteral("--inspect-oit") << QStringLiteral("80,41"));
+    ASSERT_EQ(outcome.exitCode, 0) << qPrintable(outcome.err);
+    static const QRegularExpression kKnown(QStringLiteral("^ +0  \\d\\.\\d{8} +\\d+ +\\d+    1\\.000  \\w+$"),
+                                           QRegularExpression::MultilineOption);
+    static const QRegularExpression kUnknown(QStringLiteral("^ +0  \\d\\.\\d{8} +- +\\d+ +-  not recorded"),
+                                             QRegularExpression::MultilineOption);
+    EXPECT_EQ(outcome.out.contains(kKnown), hasLists()) << qPrintable(outcome.out);
+    EXPECT_EQ(outcome.out.contains(kUnknown), !hasLists()) << qPrintable(outcome.out);
+}
+
+TEST_F(KvoRenderOit, SaysWhichPixelsLostTheirFragments)
+{
+    if (!hasLists())
+        GTEST_SKIP() << "missing: image stores, for a node buffer that may overflow";
+    // 18 quads over 1024 by 1024 pixels are two more than the nodes are enough for.
+    QFile model(folder.filePath(QStringLiteral("stack.obj")));
+    ASSERT_TRUE(model.open(QIODevice::WriteOnly));
+    constexpr int kQuads = 18;
+    for (int i = 0; i < kQuads; ++i)
+        for (const char *corner : {"-1 -1", "1 -1", "1 1", "-1 1"})
+            model.write(QByteArray("v ") + corner + ' ' + QByteArray::number(-0.02 * i) + '\n');
+    for (int i = 0; i < kQuads; ++i)
+        model.write("f " + QByteArray::number(4 * i + 1) + ' ' + QByteArray::number(4 * i + 2) + ' '
+                    + QByteArray::number(4 * i + 3) + ' ' + QByteArray::number(4 * i + 4) + '\n');
+    model.close();
+    QStringList arguments = on("oit");
+    arguments[0] = model.fileName();
+    arguments[arguments.indexOf(QStringLiteral("-s")) + 1] = QStringLiteral("1024x1024");
+    const QString lengths = folder.filePath(QStringLiteral("lengths.png"));
+    arguments << QStringLiteral("-c") << QStringLiteral("eye=0,0,1:target=0,0,0:fov=60")
+              << QStringLiteral("--oit-lengths") << lengths;
+    Outcome outcome = run(arguments);
+    ASSERT_EQ(outcome.exitCode, 0) << qPrintable(outcome.err);
+    EXPECT_TRUE(outcome.out.contains(QStringLiteral("the node buffer overflowed"))) << qPrintable(outcome.out);
+    // Which pixels come last is the driver's choice.
+    const QImage image(lengths);
+    QPoint lost(-1, -1);
+    QPoint whole(-1, -1);
+    for (int y = 0; y < image.height(); y += 7)
+        for (int x = 0; x < image.width(); x += 7)
+            (image.pixelColor(x, y) == QColor(Qt::magenta) ? lost : whole) = QPoint(x, y);
+    ASSERT_NE(lost, QPoint(-1, -1));
+    ASSERT_NE(whole, QPoint(-1, -1));
+    const auto name = [](const QPoint &p) { return QStringLiteral("%1,%2").arg(p.x()).arg(p.y()); };
+    outcome = run(arguments << QStringLiteral("--inspect-oit") << name(lost) << QStringLiteral("--inspect-oit")
+                            << name(whole));
+    EXPECT_TRUE(outcome.out.contains(
+        QStringLiteral("pixel %1: 0 fragments, all are lost: the node buffer was full\n").arg(name(lost))))
+        << qPrintable(outcome.out.left(2000));
+    EXPECT_TRUE(outcome.out.contains(QStringLiteral("pixel %1: 18 fragments\n").arg(name(whole))))
+        << qPrintable(outcome.out.left(2000));
+}
+
 TEST_F(KvoRenderOit, PicturesTheLengthsOfTheLists)
 {
     const QString file = folder.filePath(QStringLiteral("lengths.png"));

@@ -20,7 +20,7 @@
 #include <renderpasses/visibilitysortrenderpass.h>
 
 #include <QColor>
-#include <QDir>
+#include <QDirIterator>
 #include <QFile>
 #include <QImage>
 #include <QRect>
@@ -291,13 +291,14 @@ TEST(ModelMapsRows, NameEveryPassThatSamplesMaps)
         named << QLatin1String(row.source);
     named.sort();
     QStringList sampling;
-    for (const char *folder : {"/src/renderpasses", "/src/passkit", "/host/src"}) {
-        const QDir dir(QStringLiteral(KVO_SOURCE_DIR) + QLatin1String(folder));
-        for (const QString &name : dir.entryList({QStringLiteral("*.cpp")}, QDir::Files)) {
-            QFile file(dir.filePath(name));
-            ASSERT_TRUE(file.open(QIODevice::ReadOnly)) << qPrintable(name);
+    for (const char *folder : {"/src/renderpasses", "/src/passkit", "/host"}) {
+        const QString path = QStringLiteral(KVO_SOURCE_DIR) + QLatin1String(folder);
+        for (QDirIterator files(path, {QStringLiteral("*.cpp")}, QDir::Files, QDirIterator::Subdirectories);
+             files.hasNext();) {
+            QFile file(files.next());
+            ASSERT_TRUE(file.open(QIODevice::ReadOnly)) << qPrintable(file.fileName());
             if (file.readAll().contains("managedTexture("))
-                sampling << name;
+                sampling << files.fileName();
         }
     }
     sampling.sort();

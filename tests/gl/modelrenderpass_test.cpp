@@ -291,6 +291,27 @@ TEST_F(ModelPass, TransparentTexelsAreDroppedOnlyWithTheDiscardOption)
     }
 }
 
+TEST_F(ModelPass, TexelsAreDroppedUpToAHundredthWhichLiesBetweenTheBytesTwoAndThree)
+{
+    for (const int alpha : {0, 1, 2, 3, 4}) {
+        ModelData scene = quadScene({1, 1, 1});
+        QImage map(4, 4, QImage::Format_RGBA8888);
+        map.fill(QColor(255, 0, 0, alpha));
+        scene.materials[0].map_Kd = map;
+        ASSERT_TRUE(model.upload(scene));
+        ModelRenderPass own;
+        setUp(own);
+        own.setInput(kProjection, flatProjection());
+        own.setInput(kCamera, QMatrix4x4());
+        own.setDiscardOnDiffuseAlpha(true);
+        runFrame(own);
+        const bool dropped = alpha / 255.0 <= 0.01;
+        EXPECT_EQ(readDepth(outputTexture(own, kDepth)).at(kWidth / 2, kHeight / 2)[0] == 1.0f, dropped) << alpha;
+        EXPECT_EQ(readTexture<float>(outputTexture(own, kDiffuse)).at(kWidth / 2, kHeight / 2)[0] == 0.0f, dropped)
+            << alpha;
+    }
+}
+
 TEST_F(ModelPass, TheDiscardOptionChangesNothingAfterTheFirstStart)
 {
     ASSERT_TRUE(model.upload(halfTransparentScene()));

@@ -650,6 +650,33 @@ TEST_F(LayeredPass, DepthsInFrontOfTheRangeAndAtItsEndAreEmpty)
     });
 }
 
+TEST_F(LayeredPass, ADepthOfExactlyOneIsTheLastThatIsKeptAndNoEmptyTexelForTheFilter)
+{
+    namespace F = ShadowFilters;
+    ASSERT_TRUE(model().upload(shadowScene()));
+    const QByteArray biased("d += 0.0005;");
+    forEachPath([&] {
+        setLights({kSun});
+        const ShaderEdit edit({qMakePair(biased, biased
+                                                     + " int k = (texel.x * 3 + texel.y) % 7;"
+                                                       " if(k == 0) d = 1.0; else if(k == 1) d = 1.00000012;")});
+        const F::Map raw(readLayer(run(), 0));
+        for (int y = 0; y < kHeight; ++y)
+            for (int x = 0; x < kWidth; ++x) {
+                const int k = (x * 3 + y) % 7;
+                if (k < 2) {
+                    ASSERT_EQ(raw.at(x, y).r, k == 0 ? 1.0 : kEmptyTexel) << x << ", " << y;
+                }
+            }
+        pass().setInput(kFilterType, 3);
+        F::Branches b;
+        EXPECT_TRUE(F::isMap(readLayer(run(), 0),
+                             F::gradient(
+                                 raw, [](double r) { return r > 1.0; }, &b),
+                             2e-6));
+    });
+}
+
 // Two sheets, one behind the other from a light along -z, at z over w in its frame.
 ModelData twoSheets(const ShadowMapManager::Transform &transform, float front, float back)
 {

@@ -423,6 +423,54 @@ TEST_F(ShadowMapPass, AFragmentAtExactlyTheBiasIsDiscardedAndWhatIsBehindTheFarP
     EXPECT_EQ(texelAt(1.5f), 1e9f);
 }
 
+TEST_F(ShadowMapPass, ADepthOfExactlyOneIsTheLastThatIsKept)
+{
+    ASSERT_TRUE(model().upload(sheetOf({8, 8}, [](int, int) { return 0.25; })));
+    pass().setInput(kMapSize, QSize(8, 8));
+    const QByteArray depth("float depth = vo_fragPos.x / vo_fragPos.y + 0.0005;");
+    const std::pair<QByteArray, std::array<double, 4>> kCases[] = {
+        {"float depth = 1.0;", {1, 1, 0, 1}},
+        {"float depth = 1.00000012;", {1e9, 1e9, 0, 1}},
+    };
+    for (const auto &[text, expected] : kCases) {
+        ShadowMapRenderPass own;
+        own.setInput(kGeometry, QVariant::fromValue(&model()));
+        own.setInput(kMapSize, QSize(8, 8));
+        own.setInput(kFilterType, 0);
+        own.setInput(kLights, lightList({ShadowMapLight::directional({0, 0, -1})}));
+        const ShaderEdit edit({qMakePair(depth, text)});
+        runFrame(own);
+        EXPECT_TRUE(isPixel(readLayer(*recordOf(own), 0), 4, 4, expected, 0)) << text.constData();
+    }
+}
+
+// For filters a depth of exactly 1 is an empty texel in the middle, and a caster beside one.
+TEST_F(ShadowMapPass, FiltersTakeADepthOfExactlyOneByTheirRules)
+{
+    namespace F = ShadowFilters;
+    pass().setInput(kMapSize, QSize(40, 36));
+    ASSERT_TRUE(model().upload(sheetOf({40, 36}, gappyDepth)));
+    const QByteArray depth("float depth = vo_fragPos.x / vo_fragPos.y + 0.0005;");
+    const ShaderEdit edit({qMakePair(depth, depth
+                                                + " if((int(gl_FragCoord.x) * 3 + int(gl_FragCoord.y)) % 7 == 0) "
+                                                  "depth = 1.0;")});
+    const F::Map raw(readLayer(run(), 0));
+    int ones = 0;
+    for (int y = 0; y < raw.height; ++y)
+        for (int x = 0; x < raw.width; ++x)
+            ones += raw.at(x, y).r == 1.0;
+    ASSERT_GT(ones, 50);
+    F::Branches b;
+    pass().setInput(kFilterType, 3);
+    EXPECT_TRUE(F::isMap(readLayer(run(), 0),
+                         F::gradient(
+                             raw, [](double r) { return r >= 1.0; }, &b),
+                         1e-5));
+    pass().setInput(kFilterType, 2);
+    // The first of the two steps, exactly: what comes out of it goes through weights of six digits.
+    EXPECT_TRUE(F::isMap(readLayer(run(), 0), F::edgeAwarePass(F::edgeAwarePass(raw, 1, 0, &b), 0, 1, &b), 1e-5));
+}
+
 TEST_F(ShadowMapPass, DepthClampIsOnWhileCastersAreDrawn)
 {
     ASSERT_TRUE(model().upload(sheetOf({8, 8}, [](int, int) { return 0.25; })));

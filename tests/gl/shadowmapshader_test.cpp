@@ -10,6 +10,7 @@
 #include <model/gpumodel.h>
 #include <renderpasses/shadowmaprenderpass.h>
 
+#include <algorithm>
 #include <cmath>
 
 using namespace Brevane::Kvo;
@@ -235,6 +236,42 @@ TEST_F(ShadowShader, VisibilityIsChebyshevsBoundOverTheMapOfTheLight)
         expectVisibility(record, light, {}, 25);
         expectVisibility(record, light, {1e-4f, 0.0f}, 10);
         expectVisibility(record, light, {1e-5f, 0.5f}, 25);
+    }
+}
+
+TEST_F(ShadowShader, TheBoundOverMomentsChangesAtEqualDepthAndAtTheMarkOfAnEmptyTexel)
+{
+    const ShadowRecord &record = drawMaps({kSun});
+    build(QStringLiteral("out_Color = vec4(kvo_shadowChebyshev(position.xy, position.z));"));
+    const float justBelowOne = std::nextafter(1.0f, 0.0f);
+    struct Case
+    {
+        float mean;
+        float square;
+        float depth;
+        double minimumVariance;
+        double bleeding;
+        double visible;
+    };
+    const auto bound = [](double variance, double distance, double bleeding) {
+        return std::max(0.0, (variance / (variance + distance * distance) - bleeding) / (1 - bleeding));
+    };
+    const Case cases[] = {
+        // Nothing is in front of what lies at the mean, not even without any variance.
+        {0.5f, 0.25f, 0.5f, 0, 0, 1},
+        {0.5f, 0.25f, 0.5f, 0, 0.2, 1},
+        {0.5f, 0.25f, std::nextafter(0.5f, 1.0f), 0, 0.2, 0},
+        {0.5f, 0.25f, 0.5f + 1.0f / 512, 1.0 / 262144, 0.2, bound(1.0 / 262144, 1.0 / 512, 0.2)},
+        {0.5f, 0.25f, 0.49f, 0, 0, 1},
+        // 1 and more is no caster.
+        {1.0f, 1.0f, 1.25f, 1e-6, 0.2, 1},
+        {justBelowOne, 1.0f, 1.25f, 1e-6, 0.2, 0},
+        {1e9f, 1e9f, 0.5f, 1e-6, 0.2, 1},
+    };
+    for (const Case &c : cases) {
+        std::fill(positions.pixels.begin(), positions.pixels.end(), std::array<float, 4>{c.mean, c.square, c.depth, 1});
+        const Image<float> actual = evaluate(0, &record, {float(c.minimumVariance), float(c.bleeding)});
+        EXPECT_NEAR(double(actual.at(3, 3)[0]), c.visible, 1e-3) << c.mean << " at " << c.depth;
     }
 }
 

@@ -408,7 +408,7 @@ TEST_F(VisibilityBuffer, ImagesAreBoundWithTheStatedAccessAndUnboundBehindOneBar
     const int bindNodes = calls.indexOf("glBindImageTexture", {1, nodes, 0, GL_FALSE, 0, GL_READ_WRITE, GL_RGBA32UI});
     const int unbindHeads = calls.indexOf("glBindImageTexture", {0, 0, 0, GL_FALSE, 0, GL_READ_WRITE, GL_R32UI});
     const int unbindNodes = calls.indexOf("glBindImageTexture", {1, 0, 0, GL_FALSE, 0, GL_READ_WRITE, GL_RGBA32UI});
-    const int barrier = calls.indexOf("glMemoryBarrier", {GL_TEXTURE_FETCH_BARRIER_BIT});
+    const int barrier = calls.indexOf("glMemoryBarrier", {double(kListReads)});
     ASSERT_GE(bindHeads, 0);
     EXPECT_LT(bindHeads, bindNodes);
     EXPECT_LT(bindNodes, calls.indexOf("glDrawElements"));

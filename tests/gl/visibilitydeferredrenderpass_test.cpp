@@ -6,6 +6,8 @@
 #include "support/modelreference.h"
 #include "support/passes.h"
 #include "support/scenes.h"
+#include "support/shaderedit.h"
+#include "support/shadowmaps.h"
 
 #include <gl/bufferobject.h>
 #include <gl/drawbuffers.h>
@@ -736,6 +738,301 @@ TEST_F(VisibilityShading, AnOverflowOfTheNodeBufferEndsListsWithoutAGhost)
     EXPECT_TRUE(isPixel(frame, 5, 5, {one, one, one, 0.5}, kByte + 1e-6)) << "one fragment";
     const std::array<double, 4> two = blended({{{one, one, one}, 0.5, 0.4f}, {{one, one, one}, 0.5, 0.5f}});
     EXPECT_TRUE(isPixel(frame, 9, 9, two, kByte + 1e-6)) << "two fragments";
+}
+
+TEST_F(VisibilityShading, WhatTheSortMakesOfAnOverflowIsShadedWithoutAGhost)
+{
+    KVO_REQUIRE_LISTS();
+    // The last fragment of a pixel found no room. The sort reads zeros for it, which come first.
+    ModelData scene;
+    scene.meshes << quadMesh();
+    scene.materials << material({0.5f, 0.25f, 0.75f}, {}, 1.0f, 0.5f) << material({0.25f, 0.75f, 0.5f}, {}, 1.0f, 0.5f);
+    scene.items << quadAt(0, 0) << quadAt(1, 1);
+    setUpFlat(scene);
+    runFrame(chain->record);
+    Texture *heads = textureFromVariant(chain->record.output(0));
+    Texture *nodes = textureFromVariant(chain->record.output(1));
+    const ListReadback lists(heads, nodes, 4096, 2);
+    const quint32 node = lists.node(lists.head(5, 5)).next - 1;
+    ListNode changed = lists.node(node + 1);
+    changed.next = 4096u * 4096u + 1;
+    nodes->bind();
+    glTexSubImage2D(GL_TEXTURE_2D, 0, GLint(node % 4096), GLint(node / 4096), 1, 1, GL_RGBA_INTEGER, GL_UNSIGNED_INT,
+                    &changed);
+    nodes->unbind();
+    for (int i = 0; i < 3; ++i)
+        chain->sort.setInput(1 + i, chain->record.output(i));
+    runFrame(chain->sort);
+    for (int i = 0; i < 3; ++i)
+        chain->shade.setInput(Chain::kHeadPointers + i, chain->sort.output(i));
+    glClearColor(0, 1, 0, 1);
+    runFrame(chain->shade);
+    const Vector3 nearest = colorOf(scene.materials[1], {0, 0, 1});
+    const Vector3 behind = colorOf(scene.materials[0], {0, 0, 1});
+    // The zeros took the first place, and the farthest fragment went to where there is none.
+    EXPECT_TRUE(isPixel(chain->frame(), 5, 5, blended({{nearest, 0.5, 0.45f}}), kByte + 1e-6));
+    EXPECT_TRUE(isPixel(chain->frame(), 9, 9, blended({{nearest, 0.5, 0.45f}, {behind, 0.5, 0.5f}}), kByte + 1e-6));
+}
+
+/// Lists made by hand for the flat scene of one quad: heads, and nodes in rows of four.
+class HandMadeLists
+{
+public:
+    HandMadeLists(const QSize &size, const std::vector<quint32> &heads, const std::vector<ListNode> &nodes)
+    {
+        _heads = texture(GL_R32UI, size.width(), size.height(), GL_RED_INTEGER, heads.data());
+        _nodes = texture(GL_RGBA32UI, kWidth, int(nodes.size()) / kWidth, GL_RGBA_INTEGER, nodes.data());
+    }
+    void connect(VisibilityDeferredRenderPass &pass) const
+    {
+        pass.setInput(Chain::kHeadPointers, textureToVariant(_heads.get()));
+        pass.setInput(Chain::kNodeBuffer, textureToVariant(_nodes.get()));
+        pass.setInput(Chain::kNodeBufferWidth, kWidth);
+    }
+
+    static constexpr int kWidth = 4;
+
+private:
+    static std::unique_ptr<Texture> texture(unsigned int internalFormat, int width, int height, unsigned int format,
+                                            const void *texels)
+    {
+        auto result = std::make_unique<Texture>();
+        result->setTarget(GL_TEXTURE_2D);
+        result->bind();
+        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
+        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
+        glTexImage2D(GL_TEXTURE_2D, 0, GLint(internalFormat), width, height, 0, format, GL_UNSIGNED_INT, texels);
+        result->unbind();
+        return result;
+    }
+
+    std::unique_ptr<Texture> _heads;
+    std::unique_ptr<Texture> _nodes;
+};
+
+TEST_F(VisibilityShading, ListsAreReadToTheLastNodeAndNodesWithoutIdentityHoldNoFragment)
+{
+    ModelData scene;
+    scene.meshes << quadMesh();
+    scene.materials << material({0.5f, 0.25f, 0.75f}, {}, 1.0f, 0.25f);
+    scene.items << quadAt(0, 0);
+    constexpr QRect kPixels(0, 0, 8, 1);
+    ASSERT_TRUE(model->upload(scene));
+    chain->setUp(kPixels, flatProjection(), QMatrix4x4(), model.get());
+    // Eight nodes. Pixels lie in the right-hand or left-hand triangle of the quad; the plane is the same.
+    const auto real = [](quint32 next) { return ListNode{next, 1, bitsOf(0.5f), 0}; };
+    const auto empty = [](quint32 next) { return ListNode{next, 0, bitsOf(0.25f), 3}; };
+    const std::vector<ListNode> nodes{real(0), real(1), empty(1), empty(0), real(9), empty(9), real(3), real(0)};
+    struct Pixel
+    {
+        const char *what;
+        quint32 head;
+        int fragments;
+    };
+    const Pixel pixels[8] = {
+        {"one", 1, 1},
+        {"two", 2, 2},
+        {"an empty one first", 3, 1},
+        {"an empty one alone", 4, 0},
+        {"one, and one that is lost", 5, 1},
+        {"an empty one, and one that is lost", 6, 0},
+        {"an empty one in between", 7, 2},
+        {"the last node of the buffer", 8, 1},
+    };
+    std::vector<quint32> heads;
+    for (const Pixel &pixel : pixels)
+        heads.push_back(pixel.head);
+    const HandMadeLists lists(kPixels.size(), heads, nodes);
+    lists.connect(chain->shade);
+    glClearColor(0, 1, 0, 1);
+    runFrame(chain->shade);
+    const Image<float> frame = chain->frame();
+    const Layer layer{colorOf(scene.materials[0], {0, 0, 1}), 0.25, 0.5f};
+    for (int x = 0; x < 8; ++x) {
+        const std::vector<Layer> list(size_t(pixels[x].fragments), layer);
+        const std::array<double, 4> expected = list.empty() ? std::array<double, 4>{0, 1, 0, 1} : blended(list);
+        EXPECT_TRUE(isPixel(frame, x, 0, expected, kByte + 1e-6)) << pixels[x].what;
+    }
+    // A head beyond the buffer, by one.
+    heads.assign(8, 9);
+    const HandMadeLists beyond(kPixels.size(), heads, nodes);
+    beyond.connect(chain->shade);
+    runFrame(chain->shade);
+    EXPECT_TRUE(isPixel(chain->frame(), 3, 0, {0, 1, 0, 1}, 0));
+}
+
+TEST_F(VisibilityShading, ListsThatLeadBackIntoThemselvesEndAfterAFewRounds)
+{
+    ModelData scene;
+    scene.meshes << quadMesh();
+    scene.materials << material({0.5f, 0.25f, 0.75f}, {}, 1.0f, 1.0f / 64);
+    scene.items << quadAt(0, 0);
+    constexpr QRect kPixels(0, 0, 5, 1);
+    ASSERT_TRUE(model->upload(scene));
+    chain->setUp(kPixels, flatProjection(), QMatrix4x4(), model.get());
+    const auto real = [](quint32 next) { return ListNode{next, 1, bitsOf(0.5f), 0}; };
+    const auto empty = [](quint32 next) { return ListNode{next, 0, 0, 0}; };
+    // To itself; two in a circle; three with one ahead of them; a circle of empty ones; a real and an empty one.
+    const std::vector<ListNode> nodes{real(1), real(3),  real(2),  real(5),  real(6),   real(7),
+                                      real(5), empty(9), empty(8), real(11), empty(10), empty(0)};
+    const HandMadeLists lists(kPixels.size(), {1, 2, 4, 8, 10}, nodes);
+    lists.connect(chain->shade);
+    glClearColor(0, 1, 0, 1);
+    runFrame(chain->shade);
+    const Image<float> frame = chain->frame();
+    const Layer layer{colorOf(scene.materials[0], {0, 0, 1}), 1.0 / 64, 0.5f};
+    // Where the walk of Brent's algorithm meets its mark.
+    const auto rounds = [&](quint32 head, auto next) {
+        int count = 0;
+        quint32 mark = 0;
+        for (quint32 pointer = head; pointer != mark; pointer = next(pointer)) {
+            ++count;
+            if ((count & (count - 1)) == 0)
+                mark = pointer;
+        }
+        return count;
+    };
+    const auto next = [&](quint32 pointer) { return nodes[pointer - 1].next; };
+    const int fragments[] = {rounds(1, next), rounds(2, next), rounds(4, next), 0,
+                             rounds(10, [](quint32) { return 10u; })};
+    EXPECT_EQ(fragments[0], 1);
+    EXPECT_LT(fragments[2], 12);
+    for (int x = 0; x < 5; ++x) {
+        const std::vector<Layer> list(size_t(fragments[x]), layer);
+        const std::array<double, 4> expected = list.empty() ? std::array<double, 4>{0, 1, 0, 1} : blended(list);
+        EXPECT_TRUE(isPixel(frame, x, 0, expected, kByte + 1e-6)) << x;
+    }
+}
+
+/// Has views of buffers with three components made with one, as drivers without the former need them.
+class ScalarViews
+{
+public:
+    ScalarViews() : _real(epoxy_glTexBuffer)
+    {
+        real() = _real;
+        epoxy_glTexBuffer = &make;
+    }
+    ~ScalarViews() { epoxy_glTexBuffer = _real; }
+    ScalarViews(const ScalarViews &) = delete;
+    ScalarViews &operator=(const ScalarViews &) = delete;
+
+private:
+    static PFNGLTEXBUFFERPROC &real()
+    {
+        static PFNGLTEXBUFFERPROC function = nullptr;
+        return function;
+    }
+    static void make(GLenum target, GLenum format, GLuint buffer)
+    {
+        real()(target, format == GL_RGB32F ? GLenum(GL_R32F) : format, buffer);
+    }
+
+    PFNGLTEXBUFFERPROC _real;
+};
+
+class VisibilityVariants : public VisibilityShading
+{
+protected:
+    /// The frame of a new chain; without lists, only what draw 0 covers.
+    Image<float> shaded()
+    {
+        chain = std::make_unique<Chain>();
+        chain->setUp(kViewport, projection, camera, model.get());
+        chain->run();
+        return chain->frame();
+    }
+    void SetUp() override
+    {
+        VisibilityShading::SetUp();
+        scene = cubes(0.5f);
+        // Depths right and left of powers of two, and down to small ones.
+        for (int i = 0; i < 12; ++i) {
+            ModelItem item = scene.items[i % 3];
+            item.transform.setToIdentity();
+            item.transform.translate(0.3f * float(i % 4) - 0.5f, 0.2f * float(i % 3) - 0.3f, 2.9f - 0.7f * float(i));
+            item.transform.rotate(20.0f * float(i), 1, 1, 0);
+            item.transform.scale(0.3f);
+            scene.items << item;
+        }
+        ASSERT_TRUE(model->upload(scene));
+        projection.setToIdentity();
+        projection.perspective(45, float(kWidth) / kHeight, 0.9f, 60);
+    }
+
+    ModelData scene;
+};
+
+TEST_F(VisibilityVariants, ViewsOfOneComponentShadeTheSame)
+{
+    const Image<float> usual = shaded();
+    EXPECT_GT(std::count_if(usual.pixels.cbegin(), usual.pixels.cend(), [](const auto &p) { return p[0] > 0; }), 300);
+    const ScalarViews views;
+    {
+        const ShaderEdit edit({qMakePair(QByteArray("#ifdef KVO_SCALAR_BUFFERS"), QByteArray("#if 1"))});
+        EXPECT_TRUE(sameImage(shaded(), usual, within(0)));
+    }
+    // Were the shader not told, it would read something else.
+    EXPECT_FALSE(isSameImage(shaded(), usual, within(0.02)));
+}
+
+TEST_F(VisibilityVariants, ADriverWithoutViewsOfThreeComponentsGetsThoseOfOne)
+{
+    if (OpenGLDeviceContext::current()->version() >= 40)
+        GTEST_SKIP() << "missing: a context older than 4.0";
+    const Image<float> usual = shaded();
+    chain.reset();
+    // The library keeps a context's extensions, so one that has fewer has to be new.
+    const HiddenExtension hidden("GL_ARB_texture_buffer_object_rgb32");
+    Image<float> scalar;
+    {
+        GLContext other;
+        ASSERT_TRUE(other.makeCurrent()) << qPrintable(other.error());
+        {
+            GPUModel own;
+            ASSERT_TRUE(own.upload(scene));
+            Chain fewer;
+            fewer.setUp(kViewport, projection, camera, &own);
+            glClearColor(0, 0, 0, 0);
+            const GlCalls calls;
+            fewer.run();
+            EXPECT_EQ(calls.count("glTexBuffer", {GL_TEXTURE_BUFFER, GL_R32F}), 2);
+            EXPECT_EQ(calls.count("glTexBuffer", {GL_TEXTURE_BUFFER, GL_RGB32F}), 0);
+            scalar = fewer.frame();
+        }
+        OpenGLDeviceContext::releaseCurrent();
+    }
+    ASSERT_TRUE(context().makeCurrent());
+    EXPECT_TRUE(sameImage(scalar, usual, within(0)));
+}
+
+TEST_F(VisibilityVariants, BitsOfFloatsComeOutTheSameByArithmetic)
+{
+    const QByteArray condition("#if defined(GL_ARB_shader_bit_encoding) && !defined(KVO_SOFTWARE_BIT_ENCODING)");
+    const Image<float> usual = shaded();
+    const int width = chain->record.output(2).toInt();
+    const bool gl4 = canBuildLists();
+    const auto lists = [&] {
+        return ListReadback(textureFromVariant(chain->record.output(0)), textureFromVariant(chain->record.output(1)),
+                            width, gl4 ? 8 : kHeight, !gl4);
+    };
+    const ListReadback before = lists();
+    const ShaderEdit edit({qMakePair(condition, QByteArray("#if 0"))});
+    EXPECT_TRUE(sameImage(shaded(), usual, within(0)));
+    const ListReadback after = lists();
+    int compared = 0;
+    for (int y = 0; y < kHeight; ++y) {
+        for (int x = 0; x < kWidth; ++x) {
+            const std::vector<ListNode> a = before.at(x, y);
+            const std::vector<ListNode> b = after.at(x, y);
+            ASSERT_EQ(a.size(), b.size());
+            for (size_t i = 0; i < a.size(); ++i) {
+                ASSERT_EQ(a[i].depthBits, b[i].depthBits) << x << ", " << y << ": " << a[i].depth();
+                ++compared;
+            }
+        }
+    }
+    EXPECT_GT(compared, 300);
 }
 
 TEST_F(VisibilityShading, TheTargetIsEightBitsWithNearestFiltersAndFollowsTheViewport)

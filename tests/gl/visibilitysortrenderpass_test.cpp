@@ -457,7 +457,7 @@ TEST_F(VisibilitySort, TheImageIsBoundForTheDrawAndABarrierFollows)
     const int bind = calls.indexOf("glBindImageTexture", {1, nodes, 0, GL_FALSE, 0, GL_READ_WRITE, GL_RGBA32UI});
     const int draw = calls.indexOf("glDrawArrays");
     const int unbind = calls.indexOf("glBindImageTexture", {1, 0, 0, GL_FALSE, 0, GL_READ_WRITE, GL_RGBA32UI});
-    const int barrier = calls.indexOf("glMemoryBarrier", {GL_TEXTURE_FETCH_BARRIER_BIT});
+    const int barrier = calls.indexOf("glMemoryBarrier", {double(kListReads)});
     ASSERT_GE(bind, 0);
     EXPECT_LT(bind, draw);
     EXPECT_LT(draw, unbind);

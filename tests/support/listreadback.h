@@ -38,6 +38,12 @@ inline quint32 bitsOf(float value)
     return bits;
 }
 
+/// How what shaders stored in lists is read and written afterwards: loads of images, fetches, read-backs of
+/// textures, clears and read-backs of framebuffers, uploads to the counter.
+constexpr unsigned int kListReads = GL_SHADER_IMAGE_ACCESS_BARRIER_BIT | GL_TEXTURE_FETCH_BARRIER_BIT
+                                    | GL_TEXTURE_UPDATE_BARRIER_BIT | GL_FRAMEBUFFER_BARRIER_BIT
+                                    | GL_BUFFER_UPDATE_BARRIER_BIT;
+
 /// Fragment lists as they lie on the GPU.
 class ListReadback
 {

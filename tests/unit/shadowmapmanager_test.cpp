@@ -285,6 +285,34 @@ TEST_F(ShadowMapManagerTest, APointLightSeesAlongTheAxesInOrderAndEveryDirection
     EXPECT_GT(directions, 1500) << "faces overlap by more than a margin";
 }
 
+TEST_F(ShadowMapManagerTest, ACornerOfTheSceneInTheCornerOfAFaceIsInTheMap)
+{
+    // Along (1, 1, 1) a face measures depth along its axis: shorter than the distance by the root of 3.
+    for (const float x : {-1.0f, 1.0f}) {
+        for (const float y : {-1.0f, 1.0f}) {
+            for (const float z : {-1.0f, 1.0f}) {
+                const QVector3D near = QVector3D(x, y, z) * 5;
+                const QVector3D far = QVector3D(x, y, z) * 6;
+                bounds = {{std::min(near.x(), far.x()), std::min(near.y(), far.y()), std::min(near.z(), far.z())},
+                          {std::max(near.x(), far.x()), std::max(near.y(), far.y()), std::max(near.z(), far.z())}};
+                process(listOf({Light::point({0, 0, 0})}));
+                ASSERT_EQ(data.layerCount, 6);
+                int seen = 0;
+                for (int layer = 0; layer < 6; ++layer) {
+                    const Projected p = project(data, layer, near);
+                    seen += p.isInside();
+                    if (p.w > 0) {
+                        EXPECT_GT(p.z, kBias) << layer;
+                        EXPECT_LT(p.z, 0.1) << "depth begins with the scene, layer " << layer;
+                        EXPECT_NEAR(p.w, 5, kFloat);
+                    }
+                }
+                EXPECT_EQ(seen, 3) << "three faces meet in the corner, each a little wider";
+            }
+        }
+    }
+}
+
 TEST_F(ShadowMapManagerTest, CascadesCoverTheViewInPartsByThePracticalScheme)
 {
     bounds = {{-500, -500, -500}, {500, 500, 500}};

@@ -81,12 +81,24 @@ void printLists(const FragmentLists &lists, const QVector<QPoint> &pixels, const
     for (const QString &line : lists.summary())
         std::puts(qPrintable(line));
     for (const QPoint &pixel : pixels) {
-        const QVector<ListedFragment> list = lists.at(pixel.x(), lists.size().height() - 1 - pixel.y());
-        std::printf("pixel %d,%d: %d fragments\n", pixel.x(), pixel.y(), int(list.size()));
+        const int row = lists.size().height() - 1 - pixel.y();
+        const QVector<ListedFragment> list = lists.at(pixel.x(), row);
+        const char *lost = "";
+        if (lists.isCutAt(pixel.x(), row))
+            lost = list.isEmpty() ? ", all are lost: the node buffer was full"
+                                  : ", others are lost: the node buffer was full";
+        std::printf("pixel %d,%d: %d fragments%s\n", pixel.x(), pixel.y(), int(list.size()), lost);
         if (!list.isEmpty())
             std::printf("  %4s  %-10s %6s %10s  %7s  %s\n", "#", "depth", "draw", "triangle", "opacity", "material");
         for (qsizetype i = 0; i < list.size(); ++i) {
             const ListedFragment &fragment = list[i];
+            // Of a model of one draw it is that one.
+            if (!lists.hasDraws() && model.items.size() != 1) {
+                std::printf("  %4d  %-10.8f %6s %10u  %7s  %s\n", int(i), double(fragment.depth), "-",
+                            fragment.primitive, "-",
+                            "not recorded: this driver keeps the nearest fragment alone, without its draw");
+                continue;
+            }
             const bool known = fragment.draw < quint32(model.items.size());
             const int index = known ? model.items[qsizetype(fragment.draw)].material : -1;
             const ModelMaterial material = model.materials.value(index);

@@ -13,14 +13,14 @@
 #include <QStringList>
 
 #include <algorithm>
-#include <cstring>
+#include <bit>
 
 namespace Brevane::Kvo {
 
 namespace {
 
 // The node buffer is large and filled from its first row on.
-QVector<quint32> readRows(Texture *nodeBuffer, int width, int rows)
+QVector<quint32> readRows(Texture *nodeBuffer, int width, int rows, bool isSigned)
 {
     QVector<quint32> texels(qsizetype(width) * rows * 4);
     FramebufferObject framebuffer;
@@ -28,12 +28,7 @@ QVector<quint32> readRows(Texture *nodeBuffer, int width, int rows)
     framebuffer.attach(nodeBuffer, GL_COLOR_ATTACHMENT0, 0);
     glReadBuffer(GL_COLOR_ATTACHMENT0);
     const DefaultPixelStore pixelStore;
-    GLint format = GL_RGBA32UI;
-    {
-        AutoBinder texture(nodeBuffer);
-        glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_INTERNAL_FORMAT, &format);
-    }
-    glReadPixels(0, 0, width, rows, GL_RGBA_INTEGER, format == GL_RGBA32I ? GL_INT : GL_UNSIGNED_INT, texels.data());
+    glReadPixels(0, 0, width, rows, GL_RGBA_INTEGER, isSigned ? GL_INT : GL_UNSIGNED_INT, texels.data());
     return texels;
 }
 
@@ -51,8 +46,10 @@ bool FragmentLists::read(Texture *headPointers, Texture *nodeBuffer, int nodeBuf
         return fail(error, QStringLiteral("the first texture does not hold head pointers"));
     GLint width = 0;
     GLint height = 0;
+    GLint format = 0;
     {
         AutoBinder bound(nodeBuffer);
+        glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_INTERNAL_FORMAT, &format);
         glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_WIDTH, &width);
         glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_HEIGHT, &height);
     }
@@ -61,20 +58,28 @@ bool FragmentLists::read(Texture *headPointers, Texture *nodeBuffer, int nodeBuf
     _size = QSize(heads.width, heads.height);
     _heads = heads.integers;
     _capacity = qint64(width) * height;
+    // Signed where there is one node per pixel, which leaves no place for the draw.
+    _hasDraws = format != GL_RGBA32I;
     // Pointers are given out in order. The last one is the head of its pixel, or near it where fragments
-    // of a pixel run side by side.
+    // of a pixel run side by side, in the next row perhaps.
     quint32 last = *std::max_element(_heads.cbegin(), _heads.cend());
-    _nodes = readRows(nodeBuffer, width, int(std::min((qint64(last) + width - 1) / width, qint64(height))));
+    _nodes =
+        readRows(nodeBuffer, width, int(std::min((qint64(last) + width - 1) / width + 1, qint64(height))), !_hasDraws);
 
     for (qsizetype i = 0; i < _nodes.size(); i += 4)
         last = std::max(last, _nodes[i]);
 
     _lengths.resize(_heads.size());
+    _cuts.resize(_heads.size());
     qint64 listed = 0;
     for (int y = 0; y < _size.height(); ++y) {
         for (int x = 0; x < _size.width(); ++x) {
-            const int length = int(at(x, y).size());
-            _lengths[qsizetype(y) * _size.width() + x] = length;
+            End end = End::Proper;
+            const int length = int(walk(x, y, &end).size());
+            const qsizetype pixel = qsizetype(y) * _size.width() + x;
+            _lengths[pixel] = length;
+            _cuts[pixel] = end == End::Lost;
+            _cutPixels += end == End::Lost;
             listed += length;
             _coveredPixels += length > 0;
             _unsortedPixels += length > kSortedLength;
@@ -89,18 +94,35 @@ bool FragmentLists::read(Texture *headPointers, Texture *nodeBuffer, int nodeBuf
 
 QVector<ListedFragment> FragmentLists::at(int x, int y) const
 {
+    End end = End::Proper;
+    return walk(x, y, &end);
+}
+
+// As the shading walks: a list ends where it leads beyond the buffer, and nodes without an identity, which the sort
+// moves there from its end, hold no fragment.
+QVector<ListedFragment> FragmentLists::walk(int x, int y, End *end) const
+{
     QVector<ListedFragment> list;
     quint32 pointer = _heads[qsizetype(y) * _size.width() + x];
-    // A damaged list could run in a circle.
     const qsizetype stored = _nodes.size() / 4;
-    while (pointer != 0 && pointer <= stored && list.size() < stored) {
+    *end = End::Proper;
+    // A damaged list could run in a circle.
+    for (qsizetype i = 0; i < stored && pointer != 0 && pointer <= stored; ++i) {
         const quint32 *node = _nodes.constData() + qsizetype(pointer - 1) * 4;
-        ListedFragment fragment{node[3], node[1] - 1, 0.0f, pointer - 1};
-        std::memcpy(&fragment.depth, node + 2, sizeof fragment.depth);
-        list.append(fragment);
+        if (node[1] == 0)
+            *end = End::Lost;
+        else
+            list.append({node[3], node[1] - 1, std::bit_cast<float>(node[2]), pointer - 1});
         pointer = node[0];
     }
+    if (pointer > _capacity)
+        *end = End::Lost;
     return list;
+}
+
+bool FragmentLists::isCutAt(int x, int y) const
+{
+    return _cuts[qsizetype(y) * _size.width() + x];
 }
 
 int FragmentLists::lengthAt(int x, int y) const
@@ -124,7 +146,10 @@ QStringList FragmentLists::summary() const
                  .arg(_unsortedPixels)
                  .arg(kSortedLength);
     if (lostCount() > 0)
-        lines << QStringLiteral("the node buffer overflowed: %1 fragments are lost").arg(lostCount());
+        lines << QStringLiteral("the node buffer overflowed: %1 fragments are lost, and what came before them to %2 "
+                                "pixels")
+                     .arg(lostCount())
+                     .arg(_cutPixels);
     return lines;
 }
 
@@ -140,6 +165,8 @@ QImage FragmentLists::lengthImage() const
             QColor color = Qt::black;
             if (length > kSortedLength)
                 color = Qt::white;
+            else if (length == 0 && isCutAt(x, y))
+                color = Qt::magenta;
             else if (length > 0)
                 color = QColor::fromHsvF(float(kBlue * (1.0 - (length - 1) / scale)), 1.0f, 1.0f);
             image.setPixelColor(x, _size.height() - 1 - y, color);
