@@ -416,6 +416,28 @@ TEST_P(VertexArrayDisagreementTest, AnAttributeWithoutABufferIsNotFedFromTheArra
     glVertexAttrib4f(location, 0, 0, 0, 1);
 }
 
+TEST_P(VertexArrayDisagreementTest, AnArrayThatIsTakenOffInOneContextIsOffInAllOthers)
+{
+    VertexArrayObject vao;
+    vao.upload(QStringLiteral("va_Vertex"), bufferOf(kTriangle), 3, GL_FLOAT);
+    vao.upload(QLatin1String(nameOfFirst), bufferOf(std::array<float, 3>{kFirst, kFirst, kFirst}), 1, GL_FLOAT);
+    EXPECT_TRUE(vao.enableShaderProgramArrays(first.get()));
+    glFinish();
+    GLContext::Options options;
+    options.share = &context();
+    GLContext shared(options);
+    ASSERT_TRUE(shared.makeCurrent());
+    resetGLState();
+    EXPECT_EQ(draw(vao, first.get())[0], kFirst);
+    ASSERT_TRUE(context().makeCurrent());
+    EXPECT_TRUE(vao.enableShaderProgramArrays(second.get()));
+    ASSERT_TRUE(shared.makeCurrent());
+    glVertexAttrib1f(GLuint(second->attributeLocation(QLatin1String(nameOfSecond))), 0.5f);
+    EXPECT_EQ(draw(vao, second.get())[0], 0.5f);
+    OpenGLDeviceContext::releaseCurrent();
+    ASSERT_TRUE(context().makeCurrent());
+}
+
 TEST_P(VertexArrayDisagreementTest, ADivisorGoesWithItsAttribute)
 {
     if (!epoxy_has_gl_extension("GL_ARB_instanced_arrays") && epoxy_gl_version() < 33)
