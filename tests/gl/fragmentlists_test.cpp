@@ -1,5 +1,6 @@
 #include "support/draw.h"
 #include "support/gltest.h"
+#include "support/listreadback.h"
 #include "support/modelpass.h"
 
 #include <gl/glinfo.h>
@@ -94,18 +95,8 @@ TEST_F(FragmentListsOfAPass, OverflowAndLongListsAreTold)
     nodes[61 * 4 + 1] = 0;
     nodes[62 * 4] = 66;
     const quint32 heads[6] = {1, 61, 65, 64, 62, 0};
-    const auto integerTexture = [](unsigned int internalFormat, int width, int height, unsigned int format,
-                                   const void *texels) {
-        auto texture = std::make_unique<Texture>();
-        texture->setTarget(GL_TEXTURE_2D);
-        texture->bind();
-        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
-        glTexImage2D(GL_TEXTURE_2D, 0, GLint(internalFormat), width, height, 0, format, GL_UNSIGNED_INT, texels);
-        texture->unbind();
-        return texture;
-    };
-    const auto headTexture = integerTexture(GL_R32UI, 6, 1, GL_RED_INTEGER, heads);
-    const auto nodeTexture = integerTexture(GL_RGBA32UI, kNodesWidth, 8, GL_RGBA_INTEGER, nodes.data());
+    const auto headTexture = makeIntegerTexture(GL_R32UI, 6, 1, GL_RED_INTEGER, heads);
+    const auto nodeTexture = makeIntegerTexture(GL_RGBA32UI, kNodesWidth, 8, GL_RGBA_INTEGER, nodes.data());
     FragmentLists lists;
     ASSERT_TRUE(lists.read(headTexture.get(), nodeTexture.get(), kNodesWidth));
     EXPECT_EQ(lists.capacity(), 64);

@@ -780,8 +780,8 @@ class HandMadeLists
 public:
     HandMadeLists(const QSize &size, const std::vector<quint32> &heads, const std::vector<ListNode> &nodes)
     {
-        _heads = texture(GL_R32UI, size.width(), size.height(), GL_RED_INTEGER, heads.data());
-        _nodes = texture(GL_RGBA32UI, kWidth, int(nodes.size()) / kWidth, GL_RGBA_INTEGER, nodes.data());
+        _heads = makeIntegerTexture(GL_R32UI, size.width(), size.height(), GL_RED_INTEGER, heads.data());
+        _nodes = makeIntegerTexture(GL_RGBA32UI, kWidth, int(nodes.size()) / kWidth, GL_RGBA_INTEGER, nodes.data());
     }
     void connect(VisibilityDeferredRenderPass &pass) const
     {
@@ -793,19 +793,6 @@ public:
     static constexpr int kWidth = 4;
 
 private:
-    static std::unique_ptr<Texture> texture(unsigned int internalFormat, int width, int height, unsigned int format,
-                                            const void *texels)
-    {
-        auto result = std::make_unique<Texture>();
-        result->setTarget(GL_TEXTURE_2D);
-        result->bind();
-        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
-        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
-        glTexImage2D(GL_TEXTURE_2D, 0, GLint(internalFormat), width, height, 0, format, GL_UNSIGNED_INT, texels);
-        result->unbind();
-        return result;
-    }
-
     std::unique_ptr<Texture> _heads;
     std::unique_ptr<Texture> _nodes;
 };

@@ -118,8 +118,8 @@ public:
                 _heads[pixel] = pointer;
             }
         }
-        heads = integerTexture(GL_R32UI, width, height, GL_RED_INTEGER, _heads.data());
-        nodes = integerTexture(GL_RGBA32UI, kNodesWidth, _rows, GL_RGBA_INTEGER, _nodes.data());
+        heads = makeIntegerTexture(GL_R32UI, width, height, GL_RED_INTEGER, _heads.data());
+        nodes = makeIntegerTexture(GL_RGBA32UI, kNodesWidth, _rows, GL_RGBA_INTEGER, _nodes.data());
     }
 
     void connect(VisibilitySortRenderPass &pass) const
@@ -157,19 +157,6 @@ public:
     std::unique_ptr<Texture> nodes;
 
 private:
-    static std::unique_ptr<Texture> integerTexture(unsigned int internalFormat, int width, int height,
-                                                   unsigned int format, const void *texels)
-    {
-        auto texture = std::make_unique<Texture>();
-        texture->setTarget(GL_TEXTURE_2D);
-        texture->bind();
-        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
-        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
-        glTexImage2D(GL_TEXTURE_2D, 0, GLint(internalFormat), width, height, 0, format, GL_UNSIGNED_INT, texels);
-        texture->unbind();
-        return texture;
-    }
-
     int _width;
     int _height;
     int _rows = 0;

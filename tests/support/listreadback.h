@@ -10,6 +10,7 @@
 #include <epoxy/gl.h>
 
 #include <cstring>
+#include <memory>
 #include <vector>
 
 namespace Brevane::Kvo::Test {
@@ -43,6 +44,20 @@ inline quint32 bitsOf(float value)
 constexpr unsigned int kListReads = GL_SHADER_IMAGE_ACCESS_BARRIER_BIT | GL_TEXTURE_FETCH_BARRIER_BIT
                                     | GL_TEXTURE_UPDATE_BARRIER_BIT | GL_FRAMEBUFFER_BARRIER_BIT
                                     | GL_BUFFER_UPDATE_BARRIER_BIT;
+
+/// A texture of unsigned integers, as head pointers and nodes lie in.
+inline std::unique_ptr<Texture> makeIntegerTexture(unsigned int internalFormat, int width, int height,
+                                                   unsigned int format, const void *texels)
+{
+    auto texture = std::make_unique<Texture>();
+    texture->setTarget(GL_TEXTURE_2D);
+    texture->bind();
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MAG_FILTER, GL_NEAREST);
+    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
+    glTexImage2D(GL_TEXTURE_2D, 0, GLint(internalFormat), width, height, 0, format, GL_UNSIGNED_INT, texels);
+    texture->unbind();
+    return texture;
+}
 
 /// Fragment lists as they lie on the GPU.
 class ListReadback
