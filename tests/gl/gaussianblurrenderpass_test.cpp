@@ -159,7 +159,14 @@ TEST_F(GaussianBlur, AProgramMadeBeforeAnyKernelHasOneTap)
     const auto program = probe.program();
     EXPECT_TRUE(program->isLinked()) << qPrintable(program->log());
     EXPECT_TRUE(program->hasUniform(QStringLiteral("weight")));
-    EXPECT_FALSE(program->hasUniform(QStringLiteral("offset"))) << "the loop never runs";
+    // Whether the offsets, which no round of the loop reads, are left in is the compiler's affair.
+    const char *weights = "weight[0]";
+    GLuint index = GL_INVALID_INDEX;
+    glGetUniformIndices(program->programID(), 1, &weights, &index);
+    ASSERT_NE(index, GL_INVALID_INDEX);
+    GLint taps = 0;
+    glGetActiveUniformsiv(program->programID(), 1, &index, GL_UNIFORM_SIZE, &taps);
+    EXPECT_EQ(taps, 1);
 }
 
 TEST_F(GaussianBlur, TwoStagesGiveTheDirectTwoDimensionalSum)
