@@ -8,6 +8,9 @@
 #include "gl/pixelstore.h"
 #include "gl/storage.h"
 #include "gl/texture.h"
+#include "gl/texturemanager.h"
+
+#include <QColor>
 
 #include <epoxy/gl.h>
 
@@ -108,6 +111,13 @@ void giveUpTargets(const Held<FramebufferObject> &framebuffer)
         return;
     for (Texture *target : framebuffer.any()->findChildren<Texture *>(Qt::FindDirectChildrenOnly))
         giveUp(target, framebuffer.shareGroup());
+}
+
+Texture *transparentTexel(Held<Texture> &kept)
+{
+    if (!kept)
+        kept.borrowHere(TextureManager::Instance().solidTexture(QColor(Qt::transparent)));
+    return kept;
 }
 
 } // namespace Brevane::Kvo

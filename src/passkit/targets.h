@@ -59,6 +59,9 @@ Texture *makeTexture(const TargetFormat &format, const Extent &extent, const voi
 /// stands in for a missing input.
 Texture *makeBlackTexture();
 
+/// The manager's transparent texel, for what is not connected; asked for once and kept in a member.
+Texture *transparentTexel(Held<Texture> &kept);
+
 /// The size of level 0, 0 by 0 for a texture that is not two-dimensional.
 Extent sizeOf(Texture *texture);
 

@@ -14,7 +14,6 @@
 #include "passkit/statetable.h"
 #include "passkit/targets.h"
 
-#include <QColor>
 #include <QRect>
 
 #include <epoxy/gl.h>
@@ -275,12 +274,8 @@ void BlendRenderPass::start(RenderCallbacks *)
         _blendMode = modeValue.toInt();
     Texture *frameA = anyTexture(valueOf(kFrameA));
     Texture *frameB = anyTexture(valueOf(kFrameB));
-    if (!frameA || !frameB) {
-        if (!_fallbackTexture)
-            _fallbackTexture.borrowHere(TextureManager::Instance().solidTexture(QColor(Qt::transparent)));
-        frameA = frameA ? frameA : _fallbackTexture.get();
-        frameB = frameB ? frameB : _fallbackTexture.get();
-    }
+    frameA = frameA ? frameA : transparentTexel(_fallbackTexture);
+    frameB = frameB ? frameB : transparentTexel(_fallbackTexture);
 
     made(_fbo, "BlendRenderPass");
     const NeutralState neutral(kState);

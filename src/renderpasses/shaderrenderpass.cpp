@@ -212,9 +212,7 @@ void ShaderRenderPass::start(RenderCallbacks *)
     for (int i : std::as_const(_textureInputs)) {
         textures[i] = anyTexture(_inputs[i].value);
         if (!textures[i]) {
-            if (!_defaultTexture)
-                _defaultTexture.borrowHere(TextureManager::Instance().solidTexture(QColor(Qt::transparent)));
-            textures[i] = _defaultTexture;
+            textures[i] = transparentTexel(_defaultTexture);
         } else if (extent.width == 0) {
             extent = sizeOf(textures[i]);
         }

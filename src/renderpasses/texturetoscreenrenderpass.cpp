@@ -15,7 +15,6 @@
 #include "passkit/statetable.h"
 #include "passkit/targets.h"
 
-#include <QColor>
 #include <QRect>
 #include <QVarLengthArray>
 #include <QVector2D>
@@ -173,11 +172,8 @@ void TextureToScreenRenderPass::start(RenderCallbacks *)
     }
     TextureManager &manager = TextureManager::Instance();
     if (_superSampling) {
-        if (!texture) {
-            if (!_defaultTexture)
-                _defaultTexture.borrowHere(manager.solidTexture(QColor(Qt::transparent)));
-            texture = _defaultTexture;
-        }
+        if (!texture)
+            texture = transparentTexel(_defaultTexture);
         const bool isNew = buildOnce(_shaderProgram, superSamplingProgram());
         if (fetchOnce(_quad, Quad::Gradient, _shaderProgram) && isNew)
             enableArrays(*_quad, _shaderProgram);
