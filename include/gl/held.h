@@ -30,7 +30,7 @@ public:
     ~Held() = default;
     Held &operator=(const Held &other)
     {
-        if (_entry != other._entry) {
+        if (this != &other && _entry != other._entry) {
             _letGo();
             _entry = other._entry;
         }
