@@ -185,6 +185,8 @@ TEST_F(KvoRender, TellsWhatThereIs)
     outcome = run(words("--help"));
     EXPECT_EQ(outcome.exitCode, 0);
     EXPECT_TRUE(outcome.out.contains(QStringLiteral("Examples")));
+    // Words may stand on two lines.
+    EXPECT_TRUE(outcome.out.simplified().contains(QStringLiteral("gradient without; may be repeated with --gallery")));
     outcome = run(words("--version"));
     EXPECT_EQ(outcome.exitCode, 0);
     EXPECT_TRUE(outcome.out.startsWith(QStringLiteral("kvorender 0."))) << qPrintable(outcome.out);
@@ -223,6 +225,7 @@ TEST_F(KvoRender, RefusesAWrongCommandLine)
 {
     expectFailure({}, 2, "nothing to do");
     expectFailure(words("--frobnicate"), 2, "frobnicate");
+    expectFailure(words("-p forward -p oit -o out.png"), 2, "one pipeline at a time, not 'forward' and 'oit'");
     expectFailure(words("a.obj b.obj -o out.png"), 2, "one model at a time, not 'a.obj' and 'b.obj'");
     for (const char *size : {"0x5", "5", "5x", "-1x5", "axb", "99999999x1", "65537x1"})
         expectFailure(words("-o out.png") << QStringLiteral("--size=") + QLatin1StringView(size), 2, size);

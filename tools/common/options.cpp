@@ -23,6 +23,13 @@ QString spelling(const Option &option)
     return u"  %1--%2%3"_s.arg(letter, longName(option), option.value.isEmpty() ? QString() : u' ' + option.value);
 }
 
+QString repetition(const Option &option)
+{
+    if (!option.repeats)
+        return QString();
+    return u"; may be repeated"_s + (option.repeatsWith.isEmpty() ? QString() : u" with --"_s + option.repeatsWith);
+}
+
 // Words from the text's column on; what stands before it has the line to itself where it is too long.
 QString paragraph(const QString &before, const QString &text)
 {
@@ -118,7 +125,7 @@ QString Options::help() const
         if (std::exchange(isFirst, false))
             text += paragraph(u"  MODEL"_s, _model);
         for (const Option &option : section.options)
-            text += paragraph(spelling(option), option.help + (option.repeats ? u"; may be repeated"_s : QString()));
+            text += paragraph(spelling(option), option.help + repetition(option));
     }
     text += u"  -h, --help, -v, --version\n"_s;
     return _epilogue.isEmpty() ? text : text + u'\n' + _epilogue;

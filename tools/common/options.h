@@ -23,6 +23,7 @@ struct Option
     Read read;
     bool repeats = false;
     QStringList excludes = {}; ///< Names of options.
+    QString repeatsWith = {}; ///< For the help: the option beside which it may be repeated, where that is needed.
 };
 
 /// Readers for options that are taken as they are.

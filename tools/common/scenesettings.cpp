@@ -73,7 +73,9 @@ void addPipelineOptions(Options *options, PipelineChoice *choice, bool several)
                   u"a pipeline by name or a JSON file; default: forward with a model, gradient without"_s,
                   u"a name or a file"_s,
                   into(&choice->names),
-                  several});
+                  several,
+                  {},
+                  u"gallery"_s});
     options->add({{u"pipelines"_s},
                   u"FOLDER"_s,
                   u"look for pipelines there first"_s,

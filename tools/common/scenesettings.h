@@ -39,5 +39,5 @@ struct PipelineChoice
     QString nameFor(const QString &model) const;
 };
 
-/// --pipeline, any number of times where \a several, and --pipelines.
+/// --pipeline, any number of times where \a several (for --gallery), and --pipelines.
 void addPipelineOptions(Options *options, PipelineChoice *choice, bool several);

@@ -198,7 +198,7 @@ bool Renderer::prepareInspection()
     QString error;
     if (!_commandLine.listLengths.isEmpty() && !canWriteImage(_commandLine.listLengths, false, &error))
         return fail(error);
-    for (const QString &pass : _pipeline.order(&error)) {
+    for (const QString &pass : _pipeline.order()) {
         QString slot;
         if (_pipeline.outputSlot(pass, QStringLiteral("Kvo_KvoTexture*_HeadPointers"), &slot)
             && _pipeline.outputSlot(pass, QStringLiteral("Kvo_KvoTexture*_NodeBuffer"), &slot))
