@@ -1,6 +1,5 @@
 // Order-independent transparency: each pass against the same draws in bare GL on a real model; the cost
-// of recording, sorting and shading against layers and resolution, the clear's share told apart; and
-// weighted blending against the forward pass.
+// of recording, sorting and shading against layers and resolution; and weighted blending against the forward pass.
 //
 //   bench_transparency [MODEL] [--plot=FILE.svg] [--benchmark_out=FILE --benchmark_out_format=json]
 
@@ -123,40 +122,15 @@ struct Cost
     int width;
     int height;
     int layers;
-    double clear;
     double record;
     double sort;
     double shade;
 };
 
-// The clear of the node buffer alone, which a frame pays whatever is in it.
-double clearMilliseconds()
-{
-    GLuint texture = 0;
-    GLuint framebuffer = 0;
-    glGenTextures(1, &texture);
-    glBindTexture(GL_TEXTURE_2D, texture);
-    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA32UI, 4096, 4096, 0, GL_RGBA_INTEGER, GL_UNSIGNED_INT, nullptr);
-    glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
-    glBindTexture(GL_TEXTURE_2D, 0);
-    glGenFramebuffers(1, &framebuffer);
-    glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
-    glFramebufferTexture(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, texture, 0);
-    constexpr GLuint kZeros[4] = {};
-    const double time = medianMilliseconds([&] { glClearBufferuiv(GL_COLOR, 0, kZeros); });
-    glBindFramebuffer(GL_FRAMEBUFFER, 0);
-    glDeleteFramebuffers(1, &framebuffer);
-    glDeleteTextures(1, &texture);
-    return time;
-}
-
 QVector<Cost> layerTable()
 {
-    const double clear = clearMilliseconds();
-    std::printf("\nscreen-filling layers, milliseconds, medians of %d; the clear of the node buffer alone: %.1f\n",
-                kTableRounds, clear);
-    std::printf("%-10s %7s %10s %14s %8s %8s %8s\n", "size", "layers", "record", "less the clear", "sort", "shade",
-                "all");
+    std::printf("\nscreen-filling layers, milliseconds, medians of %d\n", kTableRounds);
+    std::printf("%-10s %7s %10s %8s %8s %8s\n", "size", "layers", "record", "sort", "shade", "all");
     QVector<Cost> costs;
     for (const QSize size : {QSize(320, 180), QSize(640, 360), QSize(1280, 720)}) {
         for (int count : {1, 4, 16, 48}) {
@@ -168,7 +142,7 @@ QVector<Cost> layerTable()
             GPUModel model;
             model.upload(layers(count));
             Passes passes(&model, {Test::flatProjection(), QMatrix4x4()}, size.width(), size.height());
-            Cost cost{size.width(), size.height(), count, clear, 0, 0, 0};
+            Cost cost{size.width(), size.height(), count, 0, 0, 0};
             cost.record = medianMilliseconds([&] { frame(passes.record); });
             // A sorted list is another load than a fresh one.
             std::vector<double> times;
@@ -178,8 +152,8 @@ QVector<Cost> layerTable()
             }
             cost.sort = median(times);
             cost.shade = medianMilliseconds([&] { frame(passes.shade); });
-            std::printf("%4dx%-5d %7d %10.1f %14.1f %8.1f %8.1f %8.1f\n", cost.width, cost.height, count, cost.record,
-                        cost.record - clear, cost.sort, cost.shade, cost.record + cost.sort + cost.shade);
+            std::printf("%4dx%-5d %7d %10.1f %8.1f %8.1f %8.1f\n", cost.width, cost.height, count, cost.record,
+                        cost.sort, cost.shade, cost.record + cost.sort + cost.shade);
             costs << cost;
         }
     }

@@ -72,6 +72,7 @@ private:
     Q_DISABLE_COPY(Texture)
     friend class StorageBinder;
     friend class TextureManager;
+    friend class OwnUse;
 
     void freeStorage();
     void reuse();
@@ -84,6 +85,7 @@ private:
     int _unit = -1;
     quint64 _boundIn = 0; // the number of a context
     bool _readOnly = false;
+    mutable bool _hadUses = false; // see OwnUse
 };
 
 /// Value of the texture as slots carry it: a QVariant of QObject* (see RenderPassHelper::setInput).

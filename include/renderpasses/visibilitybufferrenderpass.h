@@ -12,6 +12,7 @@
 namespace Brevane::Kvo {
 
 class BufferObject;
+class DrawBuffers;
 class FramebufferObject;
 class GPUModel;
 class ShaderProgram;
@@ -70,6 +71,8 @@ private:
     void recordLists(const Extent &extent, GPUModel *model);
     void recordNearest(const Extent &extent, GPUModel *model);
     void clearLists();
+    void clearNodes();
+    bool makeRowClearing();
     void drawIntoLists(GPUModel &model);
     void makeProgramAndCounter();
     void draw(GPUModel &model, int nodeBufferWidth);
@@ -78,6 +81,10 @@ private:
     Held<FramebufferObject> _fbo;
     Held<ShaderProgram> _shaderProgram;
     QSharedPointer<BufferObject> _headCounter;
+    QSharedPointer<BufferObject> _lastCount; // how many nodes the frame before stored
+    bool _countsAll = false; // whether the counter tells of all that was stored
+    Held<ShaderProgram> _clearingProgram;
+    QSharedPointer<DrawBuffers> _screenQuad;
     Texture *_headPointerTexture = nullptr;
     Held<FramebufferObject> _headPointerFbo;
     Texture *_nodeBufferTexture = nullptr;

@@ -71,6 +71,7 @@ private:
 
     Held<FramebufferObject> _fbo;
     Held<ShaderProgram> _shaderProgram;
+    Held<ShaderProgram> _markingProgram;
     QSharedPointer<DrawBuffers> _screenQuad;
     Held<Texture> _fallbackTexture;
     QList<Held<Texture>> _bufferTextures;

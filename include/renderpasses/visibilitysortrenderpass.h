@@ -11,6 +11,7 @@ namespace Brevane::Kvo {
 class DrawBuffers;
 class FramebufferObject;
 class ShaderProgram;
+class Texture;
 
 /// Orders the fragment lists of VisibilityBufferRenderPass by ascending depth, in place: the nearest
 /// fragment of a pixel comes to the head of its list. One full-screen draw, in which every pixel sorts
@@ -53,10 +54,16 @@ public:
     void setShaderProgram(ShaderProgram *program);
 
 private:
+    void sort(Texture &headPointers, Texture &nodeBuffer, int nodeBufferWidth);
+
     bool _modeChosen = false;
     Held<ShaderProgram> _shaderProgram;
+    bool _isOwnProgram = false;
+    Held<ShaderProgram> _markingProgram;
     QSharedPointer<DrawBuffers> _screenQuad;
     Held<FramebufferObject> _fbo;
+    int _width = -1;
+    int _height = -1;
     bool _gl4Mode = false;
 };
 

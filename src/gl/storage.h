@@ -30,6 +30,26 @@ private:
     unsigned int _previous = 0;
 };
 
+/// A use of a texture by the library, for the scope: what becomes of its content in it is known. Any other use, of
+/// its GL name or between bind and unbind, may be a host that writes to it, then or at any time later.
+class KVO_GL_EXPORT OwnUse
+{
+public:
+    explicit OwnUse(Texture *texture);
+    ~OwnUse();
+    OwnUse(const OwnUse &) = delete;
+    OwnUse &operator=(const OwnUse &) = delete;
+
+    /// Takes all uses so far, as those that made the texture, for the library's.
+    static void begin(Texture *texture);
+    /// Whether others than the library have used the texture since begin.
+    bool hadOthers() const { return _hadOthers; }
+
+private:
+    Texture *_texture;
+    bool _hadOthers;
+};
+
 /// The limits of the current context, all 0 without one. Asks GL nothing, unlike OpenGLDeviceContext::current.
 KVO_GL_EXPORT GLLimits currentLimits();
 

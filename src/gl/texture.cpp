@@ -58,6 +58,7 @@ unsigned int Texture::target() const
 
 bool Texture::bind()
 {
+    _hadUses = true;
     ContextState *state = ContextState::current();
     if (!state || !_target)
         return false;
@@ -118,6 +119,19 @@ bool Texture::unbind()
     return true;
 }
 
+OwnUse::OwnUse(Texture *texture) : _texture(texture), _hadOthers(texture && texture->_hadUses) {}
+
+void OwnUse::begin(Texture *texture)
+{
+    texture->_hadUses = false;
+}
+
+OwnUse::~OwnUse()
+{
+    if (_texture)
+        _texture->_hadUses = _hadOthers;
+}
+
 bool Texture::isUsable() const
 {
     const ContextState *state = ContextState::current();
@@ -163,6 +177,7 @@ int Texture::unit() const
 
 unsigned int Texture::textureID() const
 {
+    _hadUses = true;
     return _name->id();
 }
 

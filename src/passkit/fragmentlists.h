@@ -1,6 +1,11 @@
 #pragma once
 
+#include "passkit/extent.h"
+
 namespace Brevane::Kvo {
+
+class DrawBuffers;
+class FramebufferObject;
 
 /// Whether the current context can build lists of fragments in images: atomic counters, image stores,
 /// and the binding of both in the shader text.
@@ -10,5 +15,22 @@ bool canBuildFragmentLists();
 /// nodes as an image and fetches heads, the shading fetches both, hosts read textures back, and the next frame
 /// clears them through framebuffers and sets the counter.
 extern const unsigned int kListBarrier;
+
+/// The stencil in which a pass marks the pixels that have a list. It sticks to the framebuffer of the pass.
+/// Makes it where the framebuffer has none, or one of another size; the framebuffer must be bound.
+void attachListStencil(FramebufferObject *framebuffer, const Extent &extent);
+
+/// Lets the draws of its scope reach only pixels that a cheap program marks: on a full-screen draw of a costly
+/// one, the others would pay for it as well. Marked is what the program, which must be bound, does not discard.
+///
+/// For a framebuffer with attachListStencil, with the stencil state at its default; leaves it there.
+class MarkedPixels
+{
+public:
+    explicit MarkedPixels(DrawBuffers &quad);
+    ~MarkedPixels();
+    MarkedPixels(const MarkedPixels &) = delete;
+    MarkedPixels &operator=(const MarkedPixels &) = delete;
+};
 
 } // namespace Brevane::Kvo

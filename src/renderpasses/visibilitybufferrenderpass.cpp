@@ -3,11 +3,13 @@
 #include "core/log.h"
 #include "gl/bufferobject.h"
 #include "gl/contextscope.h"
+#include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/glinfo.h"
 #include "gl/guards.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
+#include "gl/storage.h"
 #include "gl/texture.h"
 #include "model/gpumodel.h"
 #include "passkit/fragmentlists.h"
@@ -80,6 +82,7 @@ const QString kFragmentShader = QStringLiteral(R"(#version 150
 #endif
 
 #include "ShaderBitEncoding.glslh"
+#include "VisibilityNodes.glslh"
 
 uniform int u_NodeBufferImageWidth;
 uniform uint u_DrawID;
@@ -95,7 +98,7 @@ void main()
   uint Count = atomicCounterIncrement(u_HeadCounter);
   uint PreviousHead = imageAtomicExchange(u_HeadPointerImage,ivec2(gl_FragCoord.xy),Count+1u);
   imageStore(u_NodeBufferImage,
-             ivec2(int(Count) % u_NodeBufferImageWidth, int(Count) / u_NodeBufferImageWidth),
+             kvo_nodeTexel(Count+1u,u_NodeBufferImageWidth),
              uvec4(PreviousHead,gl_PrimitiveID+1,floatBitsToUint(gl_FragCoord.z),u_DrawID));
   if(u_NodeBufferImageWidth < 1)
     discard;
@@ -127,6 +130,49 @@ ProgramRecipe recordingProgram(const QList<QPair<QString, unsigned int>> &output
              {GL_VERTEX_SHADER, ShaderSource::Plan, QStringLiteral("InstanceInfo")},
              {GL_VERTEX_SHADER, ShaderSource::File, QStringLiteral("KvoUtilities.glslc")},
              {GL_FRAGMENT_SHADER, ShaderSource::Text, kFragmentShader.arg(gl4Mode ? 0 : 1)}}};
+}
+
+// Zeros over the rows of the node buffer that the last frame stored in. The count stays in GL: it is read here, and
+// never by the host.
+const QString kClearingVertexShader = QStringLiteral(R"(#version 150
+
+layout(std140) uniform KvoLastCount
+{
+  uvec4 kvo_lastCount;
+};
+
+uniform int u_NodeBufferImageWidth;
+uniform int u_NodeBufferImageHeight;
+
+in vec3 va_Vertex;
+
+void main()
+{
+  uint rows = kvo_lastCount.x / uint(u_NodeBufferImageWidth) + 1u; // of an overflow: more than there are
+  float top = 2.0 * float(rows) / float(u_NodeBufferImageHeight) - 1.0;
+  gl_Position = vec4(va_Vertex.x, va_Vertex.y > 0.0 ? top : -1.0, 0.0, 1.0);
+}
+)");
+
+const QString kClearingFragmentShader = QStringLiteral(R"(#version 150
+
+out uvec4 out_Node;
+
+void main()
+{
+  out_Node = uvec4(0u);
+}
+)");
+
+const ProgramRecipe &clearingProgram()
+{
+    static const ProgramRecipe recipe{QStringLiteral("VisibilityBufferRenderPass clear"),
+                                      {QStringLiteral("out_Node")},
+                                      {{GL_VERTEX_SHADER, ShaderSource::Text, kClearingVertexShader},
+                                       {GL_FRAGMENT_SHADER, ShaderSource::Text, kClearingFragmentShader}},
+                                      true,
+                                      true};
+    return recipe;
 }
 
 // What glClear does to integer targets is undefined in GL, so they are cleared by the typed calls.
@@ -215,6 +261,8 @@ void VisibilityBufferRenderPass::recordLists(const Extent &extent, GPUModel *mod
         replaceTarget(_nodeBufferFbo, GL_COLOR_ATTACHMENT0, integerTarget(GL_RGBA32UI),
                       {kNodeBufferSide, kNodeBufferSide});
         _nodeBufferTexture = _nodeBufferFbo->attachment(GL_COLOR_ATTACHMENT0);
+        OwnUse::begin(_nodeBufferTexture);
+        _countsAll = false;
     }
     makeProgramAndCounter();
 
@@ -241,21 +289,66 @@ void VisibilityBufferRenderPass::recordLists(const Extent &extent, GPUModel *mod
 // Leaves the framebuffer of the recording bound and ready to draw.
 void VisibilityBufferRenderPass::clearLists()
 {
+    clearNodes();
     {
         AutoBinder counter(_headCounter);
         constexpr GLuint kZero = 0;
         glBufferSubData(GL_ATOMIC_COUNTER_BUFFER, 0, sizeof kZero, &kZero);
     }
-    for (FramebufferObject *lists : {_headPointerFbo, _nodeBufferFbo}) {
-        AutoBinder target(lists);
-        lists->setDrawBuffers();
+    {
+        AutoBinder target(_headPointerFbo);
+        _headPointerFbo->setDrawBuffers();
         clearToZero({0, GL_R32UI});
     }
     _fbo->setDrawBuffers();
 }
 
+// The node buffer is 256 MiB, and a frame fills a few rows of it. Only those are cleared, unless others may have
+// stored in it as well: a host that knows the texture, or a sorting program of a host.
+void VisibilityBufferRenderPass::clearNodes()
+{
+    // All that is needed is made in the first frame, so that none is slower than that.
+    const bool canClearRows = makeRowClearing();
+    const OwnUse nodes(_nodeBufferTexture);
+    AutoBinder target(_nodeBufferFbo);
+    _nodeBufferFbo->setDrawBuffers();
+    if (!std::exchange(_countsAll, true) || nodes.hadOthers() || !canClearRows) {
+        clearToZero({0, GL_RGBA32UI});
+        return;
+    }
+    {
+        AutoBinder from(_headCounter);
+        AutoBinder to(_lastCount);
+        glCopyBufferSubData(GL_ATOMIC_COUNTER_BUFFER, GL_UNIFORM_BUFFER, 0, 0, sizeof(GLuint));
+    }
+    AutoDisabler faceCulling(GL_CULL_FACE);
+    AutoBinder program(_clearingProgram);
+    AutoBinder count(_lastCount);
+    AutoBinder quad(_screenQuad);
+    const TargetViewport viewport({kNodeBufferSide, kNodeBufferSide});
+    _clearingProgram->setUniform(QStringLiteral("u_NodeBufferImageWidth"), kNodeBufferSide);
+    _clearingProgram->setUniform(QStringLiteral("u_NodeBufferImageHeight"), kNodeBufferSide);
+    _screenQuad->draw();
+}
+
+bool VisibilityBufferRenderPass::makeRowClearing()
+{
+    buildOnce(_clearingProgram, clearingProgram());
+    if (!_clearingProgram->isLinked() || !fetchOnce(_screenQuad, Quad::Screen, _clearingProgram))
+        return false;
+    if (!_lastCount || !_lastCount->isUsable()) {
+        constexpr GLuint kNone[4] = {};
+        _lastCount = OpenGLDeviceContext::current()->createBufferObject();
+        _lastCount->setIndexedTarget(GL_UNIFORM_BUFFER, 0, 0, sizeof kNone);
+        AutoBinder bound(_lastCount);
+        _lastCount->uploadBytes(kNone, sizeof kNone, GL_DYNAMIC_COPY);
+    }
+    return true;
+}
+
 void VisibilityBufferRenderPass::drawIntoLists(GPUModel &model)
 {
+    const OwnUse ownUse(_nodeBufferTexture);
     AutoBinder program(_shaderProgram);
     AutoBinder counter(_headCounter);
     std::optional<ImageBinding> heads(std::in_place, kHeadPointerUnit, _headPointerTexture->textureID(), GL_WRITE_ONLY,
@@ -313,6 +406,7 @@ void VisibilityBufferRenderPass::makeProgramAndCounter()
         _shaderProgram = buildProgram(recordingProgram(_outputFormats, _gl4Mode));
     if (!_headCounter || !_headCounter->isUsable()) {
         _headCounter = OpenGLDeviceContext::current()->createBufferObject();
+        _countsAll = false;
         // The binding point does not exist in every context of the other mode.
         if (hasGLExtension("ARB_shader_atomic_counters"))
             _headCounter->setIndexedTarget(GL_ATOMIC_COUNTER_BUFFER, 0, 0, sizeof(GLuint));

@@ -9,11 +9,13 @@
 #include "gl/guards.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
+#include "gl/storage.h"
 #include "gl/texture.h"
 #include "gl/texturemanager.h"
 #include "gl/vertexarrayobject.h"
 #include "model/gpumodel.h"
 #include "model/instancedatacollection.h"
+#include "passkit/fragmentlists.h"
 #include "passkit/lighting.h"
 #include "passkit/limits.h"
 #include "passkit/programs.h"
@@ -24,6 +26,8 @@
 #include <QMatrix4x4>
 
 #include <epoxy/gl.h>
+
+#include <optional>
 
 namespace Brevane::Kvo {
 
@@ -45,7 +49,6 @@ const QString kFragmentShaderHead = QStringLiteral(R"(#version 150
 
 #define MOST_FRAGMENTS 65536
 
-uniform mat4 u_CameraMatrix;
 uniform mat4 u_NormalMatrix;
 
 in vec2 vo_TexCoord;
@@ -63,10 +66,8 @@ const QString kFragmentShaderMain = QStringLiteral(R"(
 void main()
 {
   vec4 output0 = vec4(0,0,0,1);
-  uint pointer;
+  uint pointer; // pixels without fragments are told by the stencil, before this program runs
   initializeVisibilityBufferQuery(vo_TexCoord,pointer);
-  if(!doesVisibilityBufferHaveFragment(pointer))
-    discard;
 
   // A list that leads back into itself, as one read at a wrong width may, ends too: where it comes by the place
   // that was marked last. Marks get farther and farther apart, so one will lie in the circle, and be as far from
@@ -84,13 +85,11 @@ void main()
     vec2 TexCoord;
     getFragmentInfo(vo_TexCoord,pointer,Position,Depth,Normal,TexCoord);
 
-    vec4 vertexInEyeSpace = u_CameraMatrix * Position;
-    vec4 normalInEyeSpace = u_NormalMatrix * vec4(Normal,1.0);
-
     vec3 Kd = getKd() * managedTexture(getMap_Kd(),TexCoord).rgb;
     vec3 Ks = getKs() * managedTexture(getMap_Ks(),TexCoord).rgb;
     vec3 L = normalize(vec3(100, 100, 100));
-    Normal = ( transpose(inverse(u_CameraMatrix*getModelMatrix())) * vec4(Normal,1.0)).rgb;
+    // The transposed inverse of camera times model matrix, from those of both.
+    Normal = ( u_NormalMatrix * (getModelNormalMatrix() * vec4(Normal,1.0))).rgb;
     vec3 color = directionalLight(Kd, Ks, getNs(), Normal, L);
     float alpha = getD();
 
@@ -116,6 +115,32 @@ const ProgramRecipe &shadingProgram()
          {GL_FRAGMENT_SHADER, ShaderSource::File, QStringLiteral("TextureManager.glslc")},
          {GL_FRAGMENT_SHADER, ShaderSource::Plan, QStringLiteral("InstanceInfo")},
          {GL_FRAGMENT_SHADER, ShaderSource::Plan, QStringLiteral("OBJMaterial")}}};
+    return recipe;
+}
+
+const QString kMarkingShader = QStringLiteral(R"(#version 150
+#include "VisibilityBuffer.glslh"
+
+in vec2 vo_TexCoord;
+
+void main()
+{
+  uint pointer;
+  initializeVisibilityBufferQuery(vo_TexCoord,pointer);
+  if(!doesVisibilityBufferHaveFragment(pointer))
+    discard;
+}
+)");
+
+const ProgramRecipe &markingProgram()
+{
+    static const ProgramRecipe recipe{
+        QStringLiteral("VisibilityDeferredRenderPass mark"),
+        {},
+        {{GL_VERTEX_SHADER, ShaderSource::Text, kScreenVertexShader},
+         {GL_FRAGMENT_SHADER, ShaderSource::Text, kMarkingShader},
+         {GL_FRAGMENT_SHADER, ShaderSource::File, QStringLiteral("VisibilityBuffer.glslc")},
+         {GL_FRAGMENT_SHADER, ShaderSource::Plan, QStringLiteral("InstanceInfo")}}};
     return recipe;
 }
 
@@ -178,13 +203,16 @@ void VisibilityDeferredRenderPass::start(RenderCallbacks *)
     if (needsTargets(_fbo, "VisibilityDeferredRenderPass", extent, _width, _height)) {
         AutoBinder fbo(_fbo);
         replaceTarget(_fbo, GL_COLOR_ATTACHMENT0, kTarget, extent);
+        attachListStencil(_fbo, extent);
     }
     if (!_shaderProgram) {
         _macroProcessor = std::make_shared<GLSLMacroProcessor>();
         DrawBuffers::setup(_macroProcessor.get());
+        _macroProcessor->addDefine(QStringLiteral("KVO_WORLD_TO_CLIP"), QStringLiteral("1"));
         if (!hasThreeComponentViews())
             _macroProcessor->addDefine(QStringLiteral("KVO_SCALAR_BUFFERS"), QStringLiteral("1"));
     }
+    buildOnce(_markingProgram, markingProgram(), _macroProcessor.get());
     buildOnce(_shaderProgram, shadingProgram(), _macroProcessor.get());
     fetchOnce(_screenQuad, Quad::Screen, _shaderProgram);
 
@@ -212,12 +240,34 @@ void VisibilityDeferredRenderPass::shade(GPUModel &model, DrawBuffers &geometry,
     // Views made of an indexed model have the indices as their last entry.
     const bool indexed = geometry.indexBO() && _bufferTextures.size() > kIndices;
 
-    AutoDisabler depthTest(GL_DEPTH_TEST);
-    AutoBinder program(_shaderProgram);
-    if (!program.isBound() || !_screenQuad)
+    if (!_screenQuad)
         return;
+    AutoDisabler depthTest(GL_DEPTH_TEST);
     AutoBinder boundHeadPointers(headPointers);
+    const OwnUse ownUse(nodeBuffer);
     AutoBinder boundNodeBuffer(nodeBuffer);
+    AutoBinder quad(_screenQuad);
+    const auto setLists = [&](ShaderProgram &program) {
+        const auto setUniform = [&program](const QString &name, int value) {
+            if (program.hasUniform(name))
+                program.setUniform(name, value);
+        };
+        setUniform(QStringLiteral("u_SamplerHeadPointer"), headPointers->unit());
+        setUniform(QStringLiteral("u_SamplerNodeBuffer"), nodeBuffer->unit());
+        setUniform(QStringLiteral("u_SamplerNodeBufferWidth"), nodeBufferWidth);
+    };
+    std::optional<MarkedPixels> listed;
+    {
+        AutoBinder marking(_markingProgram);
+        if (!marking.isBound())
+            return;
+        setLists(*_markingProgram);
+        listed.emplace(*_screenQuad);
+    }
+
+    AutoBinder program(_shaderProgram);
+    if (!program.isBound())
+        return;
     AutoBinder vertices(_bufferTextures[kVertices]);
     AutoBinder texCoords(_bufferTextures[kTexCoords]);
     AutoBinder normals(_bufferTextures[kNormals]);
@@ -227,22 +277,16 @@ void VisibilityDeferredRenderPass::shade(GPUModel &model, DrawBuffers &geometry,
         if (_shaderProgram->hasUniform(name))
             _shaderProgram->setUniform(name, value);
     };
-    setUniform(QStringLiteral("u_SamplerHeadPointer"), headPointers->unit());
-    setUniform(QStringLiteral("u_SamplerNodeBuffer"), nodeBuffer->unit());
-    setUniform(QStringLiteral("u_SamplerNodeBufferWidth"), nodeBufferWidth);
+    setLists(*_shaderProgram);
     setUniform(QStringLiteral("u_VertexBuffer"), _bufferTextures[kVertices]->unit());
     setUniform(QStringLiteral("u_texCoordBuffer"), _bufferTextures[kTexCoords]->unit());
     setUniform(QStringLiteral("u_NormalBuffer"), _bufferTextures[kNormals]->unit());
     if (indexed)
         setUniform(QStringLiteral("u_IndexBuffer"), _bufferTextures[kIndices]->unit());
-    setUniform(QStringLiteral("u_CameraMatrix"), camera);
-    setUniform(QStringLiteral("u_ProjectionMatrix"), projection);
+    setUniform(QStringLiteral("kvo_worldToClip"), projection * camera);
     setUniform(QStringLiteral("u_NormalMatrix"), camera.inverted().transposed());
-    setUniform(QStringLiteral("u_InvProjMatrix"), projection.inverted());
-    setUniform(QStringLiteral("u_InvCameraMatrix"), camera.inverted());
     setUniform(QStringLiteral("u_indexedDraw"), indexed);
 
-    AutoBinder quad(_screenQuad);
     AutoBinder boundCommands(commands);
     InstanceDataCollection *materialData = model.materialData(0);
     InstanceDataCollection *objectData = model.objectData(0);

@@ -5,6 +5,7 @@
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
 #include "gl/shaderprogram.h"
+#include "gl/storage.h"
 #include "gl/texture.h"
 #include "passkit/fragmentlists.h"
 #include "passkit/glstate.h"
@@ -16,6 +17,8 @@
 #include "passkit/targets.h"
 
 #include <epoxy/gl.h>
+
+#include <optional>
 
 namespace Brevane::Kvo {
 
@@ -29,20 +32,27 @@ enum Output { kSortedHeadPointers, kSortedNodeBuffer, kSortedNodeBufferWidth };
 constexpr int kNodeBufferUnit = 1;
 
 // The links of a list stay where they are and only the fragments move along it, so that the heads need
-// no write and can be read as a texture. COPY therefore leaves out m_pointer.
+// no write and can be read as a texture.
 //
-// quickSort is Hoare's, without recursion: the larger part waits on the stack, so MAX_LEVELS levels do
-// for 2 to the power of MAX_LEVELS fragments. Both ends of a part lie in one ivec2, and a part is
-// stored whole: with an array for each end, one of the compilers we met lost a store and never left the
-// loop.
+// Fragments of different depths have one order, whatever sorts them: they are put in their places as they are read.
+// Where two depths are equal the order is that which the steps of quickSort give, and these are done from the start.
+//
+// quickSort is Hoare's, without recursion. The larger part waits on the stack and the smaller, without the pivot at
+// most half as long, is sorted first: of 50 fragments at most 24, 11, 5, 2 and 1 lie on the levels above the first,
+// which makes 6. Both ends of a part lie in one word, and a part is stored whole: with an array for each end, one of the
+// compilers we met lost a store and never left the loop.
+//
+// The pointers are read again on the way back, which costs less than to keep them: what a lane keeps in private
+// memory a GPU has to find room for 64 times.
 const QString kFragmentShader = QStringLiteral(R"(#version 150
 #extension GL_ARB_shader_atomic_counters : enable
 #extension GL_ARB_shader_image_load_store : enable
 #extension GL_ARB_shading_language_420pack : enable
 #include "ShaderBitEncoding.glslh"
+#include "VisibilityNodes.glslh"
 
 #define MAX_DEPTH 50u
-#define MAX_LEVELS 16
+#define MAX_LEVELS 6
 
 #define NULL_NODE 0u
 #define NEXT_NODE_PTR(r) ((r) & 0xFFFFu)
@@ -51,82 +61,69 @@ const QString kFragmentShader = QStringLiteral(R"(#version 150
 #define PREV_NODE(node) PREV_NODE_PTR((node).r)
 #define DEPTH(node) uintBitsToFloat((node).b)
 
+// Pixels without a list are told by the stencil, before this program runs.
+layout(early_fragment_tests) in;
+
 uniform usampler2D u_SamplerHeadPointer;
 layout(rgba32ui) uniform uimage2D u_NodeBufferImage;
 uniform int u_NodeBufferImageWidth;
 
 in vec2 vo_TexCoord;
 
-struct Fragment
-{
-  uint m_primitiveID;
-  uint m_drawID;
-  float m_depth;
-  uint m_pointer;
-};
-
-Fragment fragments[MAX_DEPTH];
+// What moves along a list: primitive, bits of the depth, draw, as they lie in a node behind its pointer.
+uvec3 fragments[MAX_DEPTH];
 
 #define COMPARE(x,y) (x>y)
-#define COPY(x,y) y.m_depth = x.m_depth; y.m_primitiveID = x.m_primitiveID; y.m_drawID = x.m_drawID;
+
+float depthOf(uvec3 fragment)
+{
+  return uintBitsToFloat(fragment.y);
+}
 
 ivec2 texelOf(uint pointer)
 {
-  int node = int(pointer - 1u);
-  return ivec2(node % u_NodeBufferImageWidth, node / u_NodeBufferImageWidth);
+  return kvo_nodeTexel(pointer, u_NodeBufferImageWidth);
 }
 
-void insertionSort(int l, int r)
-{
-  for(int i = l + 1; i <= r; ++i)
-  {
-    Fragment moved = fragments[i];
-    int j = i;
-    while(j > l && COMPARE(fragments[j - 1].m_depth, moved.m_depth))
-    {
-      COPY(fragments[j - 1], fragments[j])
-      --j;
-    }
-    COPY(moved, fragments[j])
-  }
-}
+#define FIRST_OF(part) int((part) & 0xFFu)
+#define END_OF(part) int((part) >> 8)
+#define PART(first,end) (uint(first) | uint(end) << 8)
 
-void quickSort(int l, int r)
+void quickSort(int count)
 {
-  ivec2 part[MAX_LEVELS]; // x: first element, y: behind the last
-  Fragment piv;
+  uint part[MAX_LEVELS];
   int i = 0;
-  part[0] = ivec2(0, r - l + 1);
+  part[0] = PART(0, count);
   while(i >= 0)
   {
-    int L = part[i].x;
-    int R = part[i].y - 1;
+    int first = FIRST_OF(part[i]);
+    int end = END_OF(part[i]);
+    int L = first;
+    int R = end - 1;
     if(L < R)
     {
-      piv = fragments[l + L];
+      uvec3 piv = fragments[L];
       while(L < R)
       {
-        while(COMPARE(fragments[l + R].m_depth, piv.m_depth) && L < R)
+        while(COMPARE(depthOf(fragments[R]), depthOf(piv)) && L < R)
           --R;
         if(L < R)
         {
-          COPY(fragments[l + R], fragments[l + L])
+          fragments[L] = fragments[R];
           ++L;
         }
-        while(COMPARE(piv.m_depth, fragments[l + L].m_depth) && L < R)
+        while(COMPARE(depthOf(piv), depthOf(fragments[L])) && L < R)
           ++L;
         if(L < R)
         {
-          COPY(fragments[l + L], fragments[l + R])
+          fragments[R] = fragments[L];
           --R;
         }
       }
-      COPY(piv, fragments[l + L])
-      ivec2 lower = ivec2(part[i].x, L);
-      ivec2 upper = ivec2(L + 1, part[i].y);
-      bool upperIsLarger = upper.y - upper.x > lower.y - lower.x;
-      part[i] = upperIsLarger ? upper : lower;
-      part[i + 1] = upperIsLarger ? lower : upper;
+      fragments[L] = piv;
+      bool upperIsLarger = end - (L + 1) > L - first;
+      part[i] = upperIsLarger ? PART(L + 1, end) : PART(first, L);
+      part[i + 1] = upperIsLarger ? PART(first, L) : PART(L + 1, end);
       ++i;
     }
     else
@@ -136,54 +133,108 @@ void quickSort(int l, int r)
   }
 }
 
-void process(uint headPointer)
+void gather(uint pointer)
 {
-  uint count = 0u;
-  uint pointer = headPointer;
-  while(pointer != NULL_NODE)
+  for(int count = 0; pointer != NULL_NODE && count < int(MAX_DEPTH); ++count)
   {
     uvec4 node = imageLoad(u_NodeBufferImage, texelOf(pointer));
     pointer = node.r;
-    fragments[count].m_primitiveID = node.g;
-    fragments[count].m_drawID = node.a;
-    fragments[count].m_depth = uintBitsToFloat(node.b);
-    fragments[count].m_pointer = pointer;
+    fragments[count] = node.gba;
+  }
+}
+
+// Takes each fragment in at its place. Whether their depths are all different, which makes the order the same for
+// any way to sort.
+bool gatherSorted(uint pointer, out int count)
+{
+  bool isStrict = true;
+  count = 0;
+  while(pointer != NULL_NODE && count < int(MAX_DEPTH))
+  {
+    uvec4 node = imageLoad(u_NodeBufferImage, texelOf(pointer));
+    pointer = node.r;
+    float depth = depthOf(node.gba);
+    int place = count;
+    bool isBehind = true;
+    while(place > 0)
+    {
+      uvec3 before = fragments[place - 1];
+      if(!COMPARE(depthOf(before), depth))
+      {
+        isBehind = depthOf(before) < depth;
+        break;
+      }
+      fragments[place] = before;
+      --place;
+    }
+    isStrict = isStrict && isBehind;
+    fragments[place] = node.gba;
     ++count;
-    if(count == MAX_DEPTH)
-      break;
   }
+  return isStrict;
+}
 
-  // Most lists have one or two fragments. What the steps of quickSort do to two is known: they change
-  // places unless the second is farther.
-  bool isShort = count < 3u;
-  if(count == 2u && !COMPARE(fragments[1].m_depth, fragments[0].m_depth))
+void sortLong(uint head)
+{
+  int count;
+  for(bool hasTies = !gatherSorted(head, count); hasTies; hasTies = false)
   {
-    Fragment first = fragments[0];
-    COPY(fragments[1], fragments[0])
-    COPY(first, fragments[1])
+    gather(head);
+    quickSort(count);
   }
-  quickSort(0, isShort ? -1 : int(count) - 1);
-
-  pointer = headPointer;
-  for(uint i = 0u; i < count; ++i)
+  uint pointer = head;
+  for(int i = 0; i < count; ++i)
   {
-    uvec4 node = uvec4(fragments[i].m_pointer,fragments[i].m_primitiveID,floatBitsToUint(fragments[i].m_depth),fragments[i].m_drawID);
-    imageStore(u_NodeBufferImage, texelOf(pointer), node);
-    pointer = fragments[i].m_pointer;
+    uint next = imageLoad(u_NodeBufferImage, texelOf(pointer)).r;
+    imageStore(u_NodeBufferImage, texelOf(pointer), uvec4(next, fragments[i]));
+    pointer = next;
   }
 }
 
 void main()
 {
-  uint headPointer = texelFetch(u_SamplerHeadPointer, ivec2(gl_FragCoord.xy), 0).r;
-  if(headPointer == NULL_NODE)
+  uint first = texelFetch(u_SamplerHeadPointer, ivec2(gl_FragCoord.xy), 0).r;
+  uvec4 node = imageLoad(u_NodeBufferImage, texelOf(first));
+  uint second = node.r;
+  uvec3 a = node.gba;
+  for(bool isMore = second != NULL_NODE; isMore; isMore = false)
   {
-    discard;
-    return;
+    node = imageLoad(u_NodeBufferImage, texelOf(second));
+    uvec3 b = node.gba;
+    uint third = node.r;
+    bool isPair = third == NULL_NODE;
+    // What the steps of quickSort do to two is known: they change places unless the second is farther.
+    // Loops of at most one round: rasterisers on the CPU pay for a condition whether or not a pixel meets it.
+    for(bool changes = isPair && !COMPARE(depthOf(b), depthOf(a)); changes; changes = false)
+    {
+      imageStore(u_NodeBufferImage, texelOf(first), uvec4(second, b));
+      imageStore(u_NodeBufferImage, texelOf(second), uvec4(third, a));
+    }
+    for(bool isLong = !isPair; isLong; isLong = false)
+      sortLong(first);
   }
-  process(headPointer);
 }
 )");
+
+const QString kMarkingShader = QStringLiteral(R"(#version 150
+
+uniform usampler2D u_SamplerHeadPointer;
+
+void main()
+{
+  if(texelFetch(u_SamplerHeadPointer, ivec2(gl_FragCoord.xy), 0).r == 0u)
+    discard;
+}
+)");
+
+const ProgramRecipe &markingProgram()
+{
+    static const ProgramRecipe recipe{QStringLiteral("VisibilitySortRenderPass mark"),
+                                      {},
+                                      {{GL_VERTEX_SHADER, ShaderSource::Text, kScreenVertexShader},
+                                       {GL_FRAGMENT_SHADER, ShaderSource::Text, kMarkingShader}}};
+    return recipe;
+}
 
 const ProgramRecipe &sortProgram()
 {
@@ -234,41 +285,66 @@ void VisibilitySortRenderPass::start(RenderCallbacks *)
     if (!headPointers || !nodeBuffer || nodeBufferWidth == 0 || extent.isEmpty())
         return;
 
-    // Nothing is written to this target: it gives the framebuffer its size.
-    made(_fbo, "VisibilitySortRenderPass");
+    if (buildOnce(_shaderProgram, sortProgram()))
+        _isOwnProgram = true;
+    if (_isOwnProgram)
+        buildOnce(_markingProgram, markingProgram());
+    // Nothing is written to the colour target: it gives the framebuffer its size.
+    const bool isNew = needsTargets(_fbo, "VisibilitySortRenderPass", extent, _width, _height);
     {
         AutoBinder fbo(_fbo);
         _fbo->attach(tempTexture(TextureFormat::Frame, extent), GL_COLOR_ATTACHMENT0, 0);
+        if (!_isOwnProgram)
+            delete _fbo->detach(GL_DEPTH_STENCIL_ATTACHMENT);
+        else if (isNew || !_fbo->hasAttachment(GL_DEPTH_STENCIL_ATTACHMENT))
+            attachListStencil(_fbo, extent);
         _fbo->setDrawBuffers();
     }
-    buildOnce(_shaderProgram, sortProgram());
     fetchOnce(_screenQuad, Quad::Screen, _shaderProgram);
     const NeutralState neutral(kState);
     glEnable(GL_DEPTH_TEST);
-
-    AutoBinder program(_shaderProgram);
     AutoBinder fbo(_fbo);
-    if (program.isBound() && _screenQuad) {
-        AutoBinder boundHeadPointers(headPointers);
-        {
-            const ImageBinding nodes(kNodeBufferUnit, nodeBuffer->textureID(), GL_READ_WRITE, GL_RGBA32UI);
-            if (_shaderProgram->hasUniform(QStringLiteral("u_NodeBufferImageWidth")))
-                _shaderProgram->setUniform(QStringLiteral("u_NodeBufferImageWidth"), nodeBufferWidth);
-            if (_shaderProgram->hasUniform(QStringLiteral("u_SamplerHeadPointer")))
-                _shaderProgram->setUniform(QStringLiteral("u_SamplerHeadPointer"), headPointers->unit());
-            if (_shaderProgram->hasUniform(QStringLiteral("u_NodeBufferImage")))
-                _shaderProgram->setUniform(QStringLiteral("u_NodeBufferImage"), kNodeBufferUnit);
-            AutoBinder quad(_screenQuad);
-            _screenQuad->draw();
-        }
-        glMemoryBarrier(kListBarrier);
-    }
+    if (_screenQuad)
+        sort(*headPointers, *nodeBuffer, nodeBufferWidth);
     release(_fbo->detach(GL_COLOR_ATTACHMENT0));
+}
+
+void VisibilitySortRenderPass::sort(Texture &headPointers, Texture &nodeBuffer, int nodeBufferWidth)
+{
+    // A program of a host's runs for all pixels, and may store anywhere in the buffer.
+    const OwnUse ownUse(_isOwnProgram ? &nodeBuffer : nullptr);
+    AutoBinder boundHeadPointers(&headPointers);
+    {
+        const ImageBinding nodes(kNodeBufferUnit, nodeBuffer.textureID(), GL_READ_WRITE, GL_RGBA32UI);
+        AutoBinder quad(_screenQuad);
+        std::optional<AutoDisabler> depthTest;
+        std::optional<MarkedPixels> listed;
+        if (_isOwnProgram) {
+            AutoBinder marking(_markingProgram);
+            if (!marking.isBound())
+                return;
+            _markingProgram->setUniform(QStringLiteral("u_SamplerHeadPointer"), headPointers.unit());
+            depthTest.emplace(GL_DEPTH_TEST);
+            listed.emplace(*_screenQuad);
+        }
+        AutoBinder program(_shaderProgram);
+        if (!program.isBound())
+            return;
+        if (_shaderProgram->hasUniform(QStringLiteral("u_NodeBufferImageWidth")))
+            _shaderProgram->setUniform(QStringLiteral("u_NodeBufferImageWidth"), nodeBufferWidth);
+        if (_shaderProgram->hasUniform(QStringLiteral("u_SamplerHeadPointer")))
+            _shaderProgram->setUniform(QStringLiteral("u_SamplerHeadPointer"), headPointers.unit());
+        if (_shaderProgram->hasUniform(QStringLiteral("u_NodeBufferImage")))
+            _shaderProgram->setUniform(QStringLiteral("u_NodeBufferImage"), kNodeBufferUnit);
+        _screenQuad->draw();
+    }
+    glMemoryBarrier(kListBarrier);
 }
 
 void VisibilitySortRenderPass::setShaderProgram(ShaderProgram *program)
 {
     _shaderProgram.adopt(program);
+    _isOwnProgram = false;
 }
 
 } // namespace Brevane::Kvo

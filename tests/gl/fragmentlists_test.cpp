@@ -4,10 +4,15 @@
 #include "support/modelpass.h"
 
 #include <gl/glinfo.h>
+#include <gl/shaderprogram.h>
 #include <gl/texture.h>
 #include <host/fragmentlists.h>
 #include <renderpasses/visibilitybufferrenderpass.h>
+#include <renderpasses/visibilitydeferredrenderpass.h>
 #include <renderpasses/visibilitysortrenderpass.h>
+
+#include <algorithm>
+#include <random>
 
 using namespace Brevane::Kvo;
 using namespace Brevane::Kvo::Test;
@@ -77,6 +82,97 @@ TEST_F(FragmentListsOfAPass, AreWalkedCountedAndSortedAsTheyLie)
     const QImage image = lists.lengthImage();
     EXPECT_EQ(image.pixelColor(0, 3), QColor(Qt::black));
     EXPECT_GT(image.pixelColor(kWidth - 1, 3).blue(), 200);
+}
+
+TEST_F(FragmentListsOfAPass, WhatASortingProgramOfAHostStoresIsGoneInTheNextFrame)
+{
+    KVO_REQUIRE_EXTENSION("ARB_shader_image_load_store");
+    ASSERT_TRUE(model.upload(halfCovered()));
+    pass.setInput(kProjection, flatProjection());
+    pass.setInput(kCamera, QMatrix4x4());
+    VisibilitySortRenderPass sort;
+    sort.setInput(0, QRect(0, 0, kWidth, kHeight));
+    auto *program = new ShaderProgram; // the pass's from now on
+    program->addShader(GL_VERTEX_SHADER, screenVertexText());
+    program->addShader(GL_FRAGMENT_SHADER,
+                       QStringLiteral("#version 150\n#extension GL_ARB_shader_image_load_store : require\n"
+                                      "#extension GL_ARB_shading_language_420pack : require\n"
+                                      "layout(rgba32ui) uniform uimage2D u_NodeBufferImage;\n"
+                                      "void main() { imageStore(u_NodeBufferImage, ivec2(4000), uvec4(7u)); }\n"));
+    ASSERT_TRUE(program->compile() && program->link()) << qPrintable(program->log());
+    sort.setShaderProgram(program);
+    for (int frame = 0; frame < 2; ++frame) {
+        runFrame(pass);
+        for (int i = 0; i < 3; ++i)
+            sort.setInput(1 + i, pass.output(i));
+        runFrame(sort);
+    }
+    pass.setInput(kGeometry, QVariant());
+    runFrame(pass);
+    const ListReadback read(outputTexture(pass, 0), outputTexture(pass, 1), 4096, 4096);
+    EXPECT_TRUE(
+        std::all_of(read.nodes.begin(), read.nodes.end(), [](const ListNode &node) { return node == ListNode(); }));
+}
+
+TEST_F(FragmentListsOfAPass, ThePassesThemselvesAreNoReasonToClearEverything)
+{
+    KVO_REQUIRE_EXTENSION("ARB_shader_image_load_store");
+    ASSERT_TRUE(model.upload(halfCovered()));
+    VisibilitySortRenderPass sort;
+    VisibilityDeferredRenderPass shade;
+    sort.setInput(0, QRect(0, 0, kWidth, kHeight));
+    shade.setInput(0, QRect(0, 0, kWidth, kHeight));
+    shade.setInput(1, projection);
+    shade.setInput(2, camera);
+    shade.setInput(6, QVariant::fromValue(&model));
+    for (int frame = 0; frame < 3; ++frame) {
+        const GlCalls calls;
+        runFrame(pass);
+        for (int i = 0; i < 3; ++i) {
+            sort.setInput(1 + i, pass.output(i));
+            shade.setInput(3 + i, pass.output(i));
+        }
+        runFrame(sort);
+        runFrame(shade);
+        EXPECT_EQ(calls.count("glClearBufferuiv"), frame == 0 ? 2 : 1);
+    }
+}
+
+TEST_F(FragmentListsOfAPass, NodesLieWhereDivisionPutsThem)
+{
+    constexpr int kPointers = 1024;
+    // The last pointer that a buffer of this width can hold, and those around the ends of rows.
+    const auto program = makeProgram(QStringLiteral("#version 150\n#include \"VisibilityNodes.glslh\"\n"
+                                                    "uniform usampler2D u_Pointers;\nuniform int u_Width;\n"
+                                                    "out ivec4 out_Color;\nvoid main() { uint p = "
+                                                    "texelFetch(u_Pointers, ivec2(gl_FragCoord.xy), 0).r;\n"
+                                                    "out_Color = ivec4(kvo_nodeTexel(p, u_Width), 0, 0); }\n"));
+    ASSERT_TRUE(program);
+    std::mt19937 random(11);
+    for (const qint64 width : {1, 2, 3, 7, 61, 64, 1000, 1023, 1280, 4095, 4096, 4097, 16384, 65535, 65536}) {
+        const qint64 capacity = std::min(width * 16384, qint64(1) << 30);
+        std::vector<quint32> pointers;
+        for (int i = 0; i < kPointers / 4; ++i) {
+            const qint64 row = qint64(random() % quint32(capacity / width));
+            for (const qint64 node :
+                 {row * width, row * width + width - 1, qint64(random() % quint32(capacity)), capacity - 1 - i % 8})
+                pointers.push_back(quint32(std::clamp(node, qint64(0), capacity - 1) + 1));
+        }
+        const auto texture = makeIntegerTexture(GL_R32UI, kPointers, 1, GL_RED_INTEGER, pointers.data());
+        const Target target(GL_RGBA32I, kPointers, 1);
+        drawScreen(target, program.get(), [&](ShaderProgram *bound) {
+            texture->bind();
+            bound->setUniform(QStringLiteral("u_Pointers"), texture->unit());
+            bound->setUniform(QStringLiteral("u_Width"), int(width));
+        });
+        texture->unbind();
+        const Image<qint32> texels = readTexture<qint32>(target.color());
+        for (int i = 0; i < kPointers; ++i) {
+            const qint64 node = qint64(pointers[size_t(i)]) - 1;
+            ASSERT_EQ(texels.pixels[i][0], node % width) << "node " << node << " of rows of " << width;
+            ASSERT_EQ(texels.pixels[i][1], node / width) << "node " << node << " of rows of " << width;
+        }
+    }
 }
 
 TEST_F(FragmentListsOfAPass, OverflowAndLongListsAreTold)

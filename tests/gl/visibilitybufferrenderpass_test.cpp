@@ -1,4 +1,5 @@
 #include "support/allocations.h"
+#include "support/hoststates.h"
 #include "support/listreadback.h"
 #include "support/messages.h"
 #include "support/modelpass.h"
@@ -500,6 +501,107 @@ TEST_F(VisibilityBuffer, AnOverflowingBufferEndsListsWhereNodesWereNotStored)
     }
     EXPECT_EQ(last, quint32(kSide) * kSide * (kFitting + 2));
     EXPECT_GT(beyond, 0);
+}
+
+TEST_F(VisibilityBuffer, TheRowsThatAFrameUsedAreClearedInTheNextAndNoOthers)
+{
+    KVO_REQUIRE_GL4_MODE();
+    constexpr int kSide = 192;
+    pass.setInput(kViewport, QRect(0, 0, kSide, kSide));
+    glViewport(0, 0, kSide, kSide);
+    useFlatCamera(pass);
+    GPUModel three;
+    ASSERT_TRUE(three.upload(quadStack({1, 2, 3})));
+    GPUModel one;
+    ASSERT_TRUE(one.upload(quadStack({1})));
+    const auto clearsOf = [&](GPUModel *drawn) {
+        pass.setInput(kGeometry, drawn ? QVariant::fromValue(drawn) : QVariant());
+        const GlCalls calls;
+        runFrame(pass);
+        return calls.count("glClearBufferuiv");
+    };
+    const auto expectOnly = [&](int fragments) {
+        const ListReadback read(outputTexture(pass, kHeadPointers), outputTexture(pass, kNodeBuffer), kNodeSide,
+                                kNodeSide);
+        const auto isEmpty = [](const ListNode &node) { return node == ListNode(); };
+        EXPECT_TRUE(std::none_of(read.nodes.begin(), read.nodes.begin() + fragments, isEmpty));
+        EXPECT_TRUE(std::all_of(read.nodes.begin() + fragments, read.nodes.end(), isEmpty));
+    };
+    EXPECT_EQ(clearsOf(&three), 2) << "heads, and once the whole node buffer";
+    EXPECT_EQ(clearsOf(&three), 1);
+    EXPECT_EQ(clearsOf(&one), 1);
+    expectOnly(kSide * kSide);
+    // From here on somebody else knows the texture, and may have written to it.
+    EXPECT_EQ(clearsOf(nullptr), 2);
+    expectOnly(0);
+    EXPECT_EQ(clearsOf(&one), 2);
+}
+
+TEST_F(VisibilityBuffer, AllRowsAreClearedAfterAFrameThatOverflowed)
+{
+    KVO_REQUIRE_GL4_MODE();
+    constexpr int kSide = 512;
+    std::vector<float> heights;
+    for (int i = 0; i < kNodeSide * kNodeSide / (kSide * kSide) + 1; ++i)
+        heights.push_back(-5.0f + 0.1f * float(i));
+    ASSERT_TRUE(model.upload(quadStack(heights)));
+    useFlatCamera(pass);
+    pass.setInput(kViewport, QRect(0, 0, kSide, kSide));
+    glViewport(0, 0, kSide, kSide);
+    runFrame(pass);
+    pass.setInput(kGeometry, QVariant());
+    {
+        const GlCalls calls;
+        runFrame(pass);
+        EXPECT_EQ(calls.count("glClearBufferuiv"), 1);
+    }
+    const ListReadback read = lists(kNodeSide);
+    EXPECT_TRUE(
+        std::all_of(read.nodes.begin(), read.nodes.end(), [](const ListNode &node) { return node == ListNode(); }));
+}
+
+TEST_F(VisibilityBuffer, RowsAreClearedUnderAnyStateOfAHost)
+{
+    KVO_REQUIRE_GL4_MODE();
+    useFlatCamera(pass);
+    ASSERT_TRUE(model.upload(quadStack({1, 2, 3})));
+    GLuint name = 0;
+    const auto record = [&] {
+        pass.setInput(kGeometry, QVariant::fromValue(&model));
+        glViewport(0, 0, kWidth, kHeight);
+        const GlCalls calls;
+        runFrame(pass);
+        name = GLuint(calls.calls("glBindImageTexture").at(1).args.at(1));
+        pass.setInput(kGeometry, QVariant());
+    };
+    // Asking the wrapper for the name would have all rows cleared from then on.
+    const auto storedNodes = [&] {
+        GLuint framebuffer = 0;
+        glGenFramebuffers(1, &framebuffer);
+        glBindFramebuffer(GL_READ_FRAMEBUFFER, framebuffer);
+        glFramebufferTexture2D(GL_READ_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, name, 0);
+        std::vector<ListNode> nodes(size_t(kNodeSide) * 4);
+        glReadPixels(0, 0, kNodeSide, 4, GL_RGBA_INTEGER, GL_UNSIGNED_INT, nodes.data());
+        glDeleteFramebuffers(1, &framebuffer);
+        return nodes.size() - size_t(std::count(nodes.begin(), nodes.end(), ListNode()));
+    };
+    for (const HostState &state : hostStates()) {
+        // What no pass can keep out.
+        if (state.piece == StatePiece::ConditionalRendering)
+            continue;
+        cleanContext();
+        record();
+        ASSERT_EQ(storedNodes(), size_t(3 * kWidth * kHeight)) << state.name;
+        cleanContext();
+        {
+            const auto set = state.set();
+            const GlCalls calls;
+            runFrame(pass);
+            EXPECT_EQ(calls.count("glClearBufferuiv"), 1) << state.name;
+        }
+        cleanContext();
+        EXPECT_EQ(storedNodes(), 0u) << state.name;
+    }
 }
 
 TEST_F(VisibilityBuffer, AHostsStateDoesNotReachTheLists)

@@ -1075,7 +1075,7 @@ TEST_F(VisibilityShading, ResizingLeaksNothing)
     ASSERT_TRUE(model->upload(cubes(0.5f)));
     chain->setUp(kViewport, projection, camera, model.get());
     chain->run();
-    expectResizingLeaksNothing(chain->shade, 1);
+    expectResizingLeaksNothing(chain->shade, 2); // the frame, and the stencil of pixels with a list
 }
 
 TEST_F(VisibilityShading, EmptyViewportsRaiseNoError)
