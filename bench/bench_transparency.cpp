@@ -4,6 +4,7 @@
 //   bench_transparency [MODEL] [--plot=FILE.svg] [--benchmark_out=FILE --benchmark_out_format=json]
 
 #include "benchmain.h"
+#include "loglogplot.h"
 #include "subject.h"
 
 #include "support/scenes.h"
@@ -18,14 +19,13 @@
 #include <renderpasses/visibilitydeferredrenderpass.h>
 #include <renderpasses/visibilitysortrenderpass.h>
 
-#include <QFile>
 #include <QMatrix4x4>
 #include <QRect>
 
 #include <epoxy/gl.h>
 
-#include <cmath>
 #include <cstring>
+#include <utility>
 
 using namespace Brevane::Kvo;
 using namespace Brevane::Kvo::Bench;
@@ -160,76 +160,34 @@ QVector<Cost> layerTable()
     return costs;
 }
 
-// Time over layers, both logarithmic, a line per size and pass.
+// Time over layers, a line per size and pass.
 void plot(const QVector<Cost> &costs, const char *path)
 {
-    constexpr int kWide = 760;
-    constexpr int kHigh = 420;
-    constexpr int kMargin = 60;
-    const auto x = [](int count) { return kMargin + (kWide - 220) * std::log2(count) / std::log2(48.0); };
-    const auto y = [](double ms) {
-        return kHigh - kMargin
-               - (kHigh - 2 * kMargin) * std::log10(std::clamp(ms, 0.1, 2000.0) / 0.1) / std::log10(20000.0);
-    };
-    QString svg =
-        QStringLiteral("<svg xmlns='http://www.w3.org/2000/svg' width='%1' height='%2' font-family='sans-serif' "
-                       "font-size='12'><rect width='100%' height='100%' fill='white'/>\n")
-            .arg(kWide)
-            .arg(kHigh);
-    for (double ms : {0.1, 1.0, 10.0, 100.0, 1000.0})
-        svg += QStringLiteral("<line x1='%1' x2='%2' y1='%3' y2='%3' stroke='#ddd'/><text x='%4' y='%5' "
-                              "text-anchor='end'>%6 ms</text>\n")
-                   .arg(kMargin)
-                   .arg(kWide - 160)
-                   .arg(y(ms))
-                   .arg(kMargin - 6)
-                   .arg(y(ms) + 4)
-                   .arg(ms);
+    QVector<PlotTick> layers;
     for (int count : {1, 4, 16, 48})
-        svg += QStringLiteral("<text x='%1' y='%2' text-anchor='middle'>%3</text>\n")
-                   .arg(x(count))
-                   .arg(kHigh - kMargin + 18)
-                   .arg(count);
-    svg += QStringLiteral("<text x='%1' y='%2' text-anchor='middle'>layers</text>\n")
-               .arg((kWide - 100) / 2)
-               .arg(kHigh - 20);
+        layers << PlotTick{double(count), QString::number(count)};
+    QVector<PlotTick> times;
+    for (double ms : {0.1, 1.0, 10.0, 100.0, 1000.0, 2000.0})
+        times << timeTick(ms);
+    LogLogPlot out(QStringLiteral("layers"), layers, times);
     const struct
     {
         const char *name;
         const char *color;
         double Cost::*time;
-    } kLines[] = {
+    } passes[] = {
         {"record", "#2b6cb0", &Cost::record}, {"sort", "#c05621", &Cost::sort}, {"shade", "#2f855a", &Cost::shade}};
-    const char *dashes[] = {"2 3", "6 3", "none"};
-    int legend = 0;
-    for (const auto &line : kLines) {
-        int dash = 0;
-        for (int width : {320, 640, 1280}) {
-            QString points;
+    const std::pair<int, const char *> dashes[] = {{320, "2 3"}, {640, "6 3"}, {1280, "none"}};
+    for (const auto &pass : passes) {
+        for (const auto &[width, dash] : dashes) {
+            PlotLine line{QStringLiteral("%1, %2 wide").arg(QLatin1String(pass.name)).arg(width), pass.color, dash, {}};
             for (const Cost &cost : costs)
                 if (cost.width == width)
-                    points += QStringLiteral("%1,%2 ").arg(x(cost.layers)).arg(y(cost.*line.time));
-            svg += QStringLiteral(
-                       "<polyline fill='none' stroke='%1' stroke-width='2' stroke-dasharray='%2' points='%3'/>\n")
-                       .arg(QLatin1String(line.color), QLatin1String(dashes[dash]), points);
-            svg += QStringLiteral("<line x1='%1' x2='%2' y1='%3' y2='%3' stroke='%4' stroke-width='2' "
-                                  "stroke-dasharray='%5'/><text x='%6' y='%7'>%8, %9 wide</text>\n")
-                       .arg(kWide - 150)
-                       .arg(kWide - 125)
-                       .arg(70 + 20 * legend)
-                       .arg(QLatin1String(line.color), QLatin1String(dashes[dash]))
-                       .arg(kWide - 118)
-                       .arg(74 + 20 * legend)
-                       .arg(QLatin1String(line.name))
-                       .arg(width);
-            ++legend;
-            ++dash;
+                    line.points << QPointF(cost.layers, cost.*pass.time);
+            out.add(line);
         }
     }
-    svg += QStringLiteral("</svg>\n");
-    QFile file(QString::fromLocal8Bit(path));
-    if (!file.open(QIODevice::WriteOnly) || file.write(svg.toUtf8()) < 0)
-        std::fprintf(stderr, "cannot write %s\n", path);
+    out.save(QString::fromLocal8Bit(path));
 }
 
 void reportWeightedOverForward(Passes &passes)

@@ -5,7 +5,7 @@
 //
 //   xvfb-run bench_vtk [REPETITIONS]
 
-#include "vtkcost.h"
+#include "cost.h"
 
 #include <gl/guards.h>
 #include <gl/opengldevicecontext.h>

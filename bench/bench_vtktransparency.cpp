@@ -7,7 +7,7 @@
 //
 //   xvfb-run bench_vtktransparency [REPETITIONS [MODEL]]
 
-#include "vtkcost.h"
+#include "cost.h"
 
 #include <gl/opengldevicecontext.h>
 #include <gl/texture.h>

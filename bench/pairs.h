@@ -1,10 +1,11 @@
 #pragma once
 
+#include "cost.h"
+
 #include <benchmark/benchmark.h>
 
 #include <epoxy/gl.h>
 
-#include <algorithm>
 #include <chrono>
 #include <ctime>
 #include <vector>
@@ -16,13 +17,6 @@ constexpr int kPairs = 120;
 constexpr int kWarmUp = 10;
 /// Rounds where a frame takes microseconds.
 constexpr int kRounds = 200;
-
-inline double median(std::vector<double> values)
-{
-    const auto middle = values.begin() + std::ptrdiff_t(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
 
 /// Seconds until GL has done what a function asks for.
 template <typename Function>
