@@ -121,7 +121,7 @@ public:
     bool draw(ShaderProgram *program, TextureManager *manager, const unsigned long long &value,
               const unsigned long long &mask);
     /// True when no item is selected.
-    bool isDrawEmpty(unsigned long long value, unsigned long long mask);
+    bool isDrawEmpty(unsigned long long value, unsigned long long mask, Opacity opacity = Opacity::Any);
     bool hasFeatureFlags(unsigned long long flags) const;
 
     /// Leaves out items whose box lies outside a view until resetCulling; \a viewProjection maps world

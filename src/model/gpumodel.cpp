@@ -621,9 +621,9 @@ bool GPUModel::draw(ShaderProgram *program, TextureManager *manager, const unsig
     return d->draw(program, manager, d->selection(value, mask), CounterClockwiseWinding);
 }
 
-bool GPUModel::isDrawEmpty(unsigned long long value, unsigned long long mask)
+bool GPUModel::isDrawEmpty(unsigned long long value, unsigned long long mask, Opacity opacity)
 {
-    return d->selection(value, mask).items.empty();
+    return d->selection(value, mask, opacity).items.empty();
 }
 
 bool GPUModel::hasFeatureFlags(unsigned long long flags) const

@@ -217,6 +217,7 @@ void TransparencyRenderPass::start(RenderCallbacks *)
                     model->draw(_opaqueProgram, 0, 0, CounterClockwiseWinding, false, GPUModel::Opacity::Opaque);
             }
         }
+        bool hasLayers = false;
         {
             // Transparent fragments are hidden by opaque ones, whose depth is there, and not by each other.
             AutoBinder fbo(_accumulationFbo);
@@ -232,8 +233,10 @@ void TransparencyRenderPass::start(RenderCallbacks *)
                 glDepthMask(GL_FALSE);
                 AutoBinder program(_accumulationProgram);
                 setMatrices(_accumulationProgram, projection, camera);
-                if (canDraw)
-                    model->draw(_accumulationProgram, 0, 0, CounterClockwiseWinding, false, opacityToAccumulate());
+                const GPUModel::Opacity opacity = opacityToAccumulate();
+                hasLayers = canDraw && !model->isDrawEmpty(0, 0, opacity);
+                if (hasLayers)
+                    model->draw(_accumulationProgram, 0, 0, CounterClockwiseWinding, false, opacity);
                 glDepthMask(GL_TRUE);
                 neutral.leave({StatePiece::DepthMask, StatePiece::BlendFunction});
             }
@@ -252,7 +255,8 @@ void TransparencyRenderPass::start(RenderCallbacks *)
             _compositeProgram->setUniform(QStringLiteral("u_SamplerA"), accumulator->unit());
             _compositeProgram->setUniform(QStringLiteral("u_SamplerB"), weightSum->unit());
             AutoBinder quad(_screenQuad);
-            if (canDraw)
+            // Sums of nothing, drawn over the opaque part, would leave it as it is.
+            if (hasLayers)
                 _screenQuad->draw();
         }
     }

@@ -204,6 +204,29 @@ TEST_F(Transparency, AnOpaqueFragmentEntersTheSumsUnderAFunctionThatIsNotStrict)
     EXPECT_TRUE(isPixel(read(kFrame), 5, 5, {0.25 * l, 0.5 * l, 0.75 * l, 0}, kSingle));
 }
 
+TEST_F(Transparency, WithoutALayerNothingIsComposed)
+{
+    const std::vector<Layer> opaque{{{0.25, 0.5, 0.75}, 1.0, 0.5}};
+    ASSERT_TRUE(model.upload(stack(opaque)));
+    runFrame(pass);
+    const auto drawsOf = [&] {
+        glClearColor(0.5f, 0.25f, 0.125f, 1);
+        const GlCalls calls;
+        runFrame(pass);
+        return calls.draws();
+    };
+    glDepthFunc(GL_LESS);
+    EXPECT_EQ(drawsOf(), 1);
+    const Image<float> alone = read(kFrame);
+    // What comes under the sums all the same is composed, and is nothing here but the surface itself, hidden.
+    glDepthFunc(GL_GREATER);
+    EXPECT_EQ(drawsOf(), 3);
+    glDepthFunc(GL_LESS);
+    ASSERT_TRUE(model.upload(stack({opaque[0], {{1, 0, 0}, 0.5, 0.7}})));
+    EXPECT_EQ(drawsOf(), 3);
+    EXPECT_EQ(read(kFrame).pixels, alone.pixels) << "the layer is behind the surface: sums of nothing";
+}
+
 TEST_F(Transparency, OpacityThatAHostChangesLaterIsFollowed)
 {
     const std::vector<Layer> layers{{{0.25, 0.5, 0.75}, 1.0, 0.5}};
