@@ -127,15 +127,17 @@ public:
 
     /// Adds an image to the managed textures and gives its handle, which a shader passes to
     /// managedTexture(): repeat wrap, mip levels, trilinear filter. Any number of images of any size;
-    /// one too large for the driver is reduced, with a message. 0, which reads white, for a null image.
-    /// The handle carries one reference.
+    /// one too large for the driver is reduced, with a message. 0, which reads white, for a null image and
+    /// where the driver has no room, which a message with label and size says. The handle carries one reference.
+    /// GL's error flag is empty afterwards: only so can the driver say that its memory is at an end.
     int addManagedTexture(const QImage &image, const QString &label = QString());
-    /// Drops a handle of the current share group; its room is used again.
+    /// Drops a handle of the current share group. Its room is used again; with the next draw that reads managed
+    /// textures, or the next trim, images move together where much room is free, and empty pages are given back.
     void removeManagedTexture(int handle);
     /// Live handles in the current share group.
     int managedTextureCount() const;
-    /// How many classes of pages managed textures have come to lie in, 0 to 4: what a shader has to sample.
-    /// The number never shrinks.
+    /// What a shader has to be able to read for all managed textures there ever were: 0 nothing, 1 one array of
+    /// pages, 2 one array with levels that are cut into tiles, 3 to 5 two to four arrays. The number never shrinks.
     int managedPageClasses() const;
 
 private:

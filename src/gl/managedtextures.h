@@ -1,5 +1,7 @@
 #pragma once
 
+#include "gl/pagespace.h"
+
 #include <QHash>
 #include <QRect>
 #include <QSize>
@@ -20,11 +22,16 @@ class Texture;
 
 /// Any number of repeating, mip-mapped images that one shader samples through a few texture units.
 ///
-/// The images lie in pages, which are layers of at most four array textures, every mip level in a
-/// rectangle of its own with a border of one texel that repeats the opposite edge. The shader finds the
-/// level of detail, wraps the coordinate inside the rectangle and lets the hardware filter there, so
-/// that the result is that of a texture of its own. The driver makes the levels, in a texture that holds
-/// just that image, so they too are what a texture of its own would have.
+/// The images lie in pages, which are layers of at most four array textures. A mip level has a rectangle of
+/// its own, with a border of one texel that repeats the opposite edge. Images that are larger
+/// than a page, and where there are many pages those that would waste much of one, are cut into tiles, whose borders
+/// hold the neighbouring texels. The small levels at the end share a rectangle. The shader finds the level of detail, wraps the coordinate inside the level and
+/// lets the hardware filter there, so that the result is that of a texture of its own. The driver makes the
+/// levels, in a texture that holds just that image, so they too are what a texture of its own would have.
+///
+/// Room: a first page is as small as its images let it be. From there on arrays grow by an eighth of all pages,
+/// the smallest array first, since an array that grows exists twice for a moment. What is removed is free at
+/// once; the next bind moves images out of pages that are hardly used and gives back pages that are empty.
 ///
 /// A handle is the number of the image's record in a table that the shader reads, plus 1.
 class ManagedTextures
@@ -33,63 +40,107 @@ public:
     ManagedTextures();
     ~ManagedTextures();
 
-    /// 0 when the image is null or there is no room.
+    /// 0 when the image is null or there is no room, which a message says. GL's error flag is empty afterwards.
     int add(const QImage &image, const QString &label);
     void remove(int handle);
     int count() const { return int(_maps.size()); }
-    /// The highest class of pages that ever held an image, plus 1.
+    /// What a shader has to be able to read for all images there ever were: 0 nothing, 1 one array, 2 one array
+    /// with tiles, 3 to 5 two to four arrays with tiles.
     int pageClasses() const { return _pageClasses; }
 
     void bind(ShaderProgram *program);
     void unbind(ShaderProgram *program);
 
+    /// Moves images together where much was removed, and gives back the pages that are empty then.
+    void tidy();
+
     /// Whether a program reads managed textures.
     static bool isReadBy(const ShaderProgram *program);
 
 private:
-    static constexpr int kPageClasses = 4;
+    static constexpr int kArrays = 4;
 
-    struct Level
+    /// Texels of a level, and where they lie in their piece, border included.
+    struct Part
     {
-        int page;
-        QRect padded; // with the border
+        int level;
+        QRect source;
+        QPoint offset;
+    };
+    /// What lies in one rectangle of a page.
+    struct PieceLayout
+    {
+        QSize padded;
+        std::vector<Part> parts;
+    };
+    struct Layout
+    {
+        int levels = 0;
+        int cutLevels = 0; ///< The first so many are cut into tiles.
+        QSize grid; ///< Of tiles, in the first level.
+        std::vector<PieceLayout> pieces; ///< By level, and those of a level that is cut row by row.
+
+        int texelOf(int level, const QPoint &tile) const;
+        int texels() const;
+    };
+    struct Piece
+    {
+        int array = 0;
+        int page = 0;
+        int number = 0; ///< Of the rectangle in the page.
     };
     struct Map
     {
-        int pageClass;
-        std::vector<Level> levels;
+        QSize size;
+        int tileShift = 0; ///< Logarithm of a tile's side.
+        int texels = 0; ///< Of its record.
+        std::vector<Piece> pieces;
     };
-    struct Shelf
+    struct Array
     {
-        int top;
-        int height;
-        int used;
+        std::unique_ptr<Texture> texture;
+        std::vector<PageSpace> pages; ///< One for each layer.
     };
-    struct Page
+    struct Place
     {
-        std::vector<Shelf> shelves;
-        std::vector<QRect> freed;
-        int nextTop = 0;
-    };
-    struct PageClass
-    {
-        int size = 0;
-        std::unique_ptr<Texture> array;
-        int layers = 0;
-        std::vector<Page> pages;
+        int array = -1;
+        int page = -1;
+        PageSpace::Spot spot;
     };
 
     QImage fitted(const QImage &image, const QString &label) const;
-    bool place(PageClass &pageClass, const QSize &padded, Level &level);
-    bool ensureLayers(PageClass &pageClass, int layers);
-    int takeRecord(int texels);
+    static Layout layoutOf(const QSize &size, int tileShift);
+    int tileShiftFor(const QSize &size) const;
 
-    std::array<PageClass, kPageClasses> _classes;
+    bool takePieces(const Layout &layout, Map &map);
+    void releasePieces(const Map &map);
+    bool fill(const QImage &pixels, const Layout &layout, const Map &map);
+    Place findPlace(const QSize &padded, const Piece *mover = nullptr) const;
+    Piece takePlace(const Place &place, const QSize &padded);
+    bool addRoom(const QSize &padded);
+    bool growFirstPage(const QSize &padded);
+    bool addPages(int array, int pages);
+    bool rebuild(Array &array, const QSize &size, int layers, const std::vector<int> &kept);
+
+    bool emptyOnePage();
+    bool movePiece(Piece &piece);
+    void giveBack(int array);
+    int pageCount() const;
+
+    int takeRecord(int texels);
+    void writeRecord(int record, const Map &map);
+    PageSpace &pageOf(const Piece &piece);
+    QRect rectOf(const Piece &piece) const;
+
+    int _pageSide = 0;
+    int _mostLayers = 0;
+    std::array<Array, kArrays> _arrays;
     QHash<int, Map> _maps; // by handle
     QHash<int, QVector<int>> _freeRecords; // by number of texels
     QVector<float> _table;
     int _pageClasses = 0;
     bool _tableChanged = true;
+    bool _hasNewRoom = false;
     std::unique_ptr<BufferObject> _tableBuffer;
     std::unique_ptr<Texture> _tableTexture;
     std::unique_ptr<Texture> _emptyPages;

@@ -57,7 +57,7 @@ public:
     QString label;
     bool mayShare = false;
     bool mayFail = false;
-    int managedPages = -1; // classes of pages it was built to sample; -1: all there can be
+    int managedPages = -1; // TextureManager::managedPageClasses it was built for; -1: all there can be
     bool compiledWell = false;
     QByteArray shareKey; // of the texts that compile processed
     QVarLengthArray<Previous, 4> previous;

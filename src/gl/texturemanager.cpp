@@ -299,6 +299,8 @@ int TextureManager::trim(int maxIdleFrames, qint64 maxBytes)
         const bool isOld = isFree(**at) && d->frame - (*at)->lastFrame > maxIdleFrames;
         at = isOld ? free(at) : at + 1;
     }
+    if (group->managed)
+        group->managed->tidy();
     while (maxBytes >= 0 && group->counts.bytes > maxBytes) {
         auto oldest = group->pool.end();
         for (auto at = group->pool.begin(); at != group->pool.end(); ++at) {

@@ -4,6 +4,7 @@
 #include "support/draw.h"
 #include "support/gltest.h"
 #include "support/messages.h"
+#include "support/texturememory.h"
 
 #include <gl/glinfo.h>
 #include <gl/guards.h>
@@ -17,12 +18,16 @@
 
 #include <epoxy/gl.h>
 
+#include <algorithm>
 #include <cmath>
+#include <numeric>
 #include <random>
+#include <utility>
 
 namespace Brevane::Kvo {
 
 using namespace Test;
+using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -196,7 +201,9 @@ void main()
 TEST_F(ManagedTexturesTest, ReadLikePlainRepeatingTrilinearTextures)
 {
     const ImageLimits limits = plainLimits();
-    const QSize sizes[] = {{1, 1}, {3, 7}, {257, 63}, {64, 64}, {1, 300}, {1024, 1024}};
+    // of the last ones some do not fit a page, in one direction, in both, and at a power of two
+    const QSize sizes[] = {{1, 1},   {3, 7},       {257, 63},   {64, 64},    {1, 300},   {32, 32},
+                           {33, 31}, {1024, 1024}, {1037, 519}, {1500, 700}, {40, 1039}, {2048, 1024}};
     const View views[] = {
         {0.05f, 0}, {0.31f, 0.4f}, {1, 0}, {1.7f, 1.1f}, {5.3f, 0.2f}, {23, 2.5f}, {0.9f, -0.7f, {-12.3f, 40.9f}}};
     for (const QSize &size : sizes) {
@@ -499,6 +506,383 @@ TEST_F(ManagedTexturesTest, SharedContextsReadTheSameMapsUnsharedOnesDoNot)
     ASSERT_TRUE(context().makeCurrent());
     EXPECT_TRUE(isPixel(drawHandles({handle}), 0, 0, {1, 1, 0, 1}, 0));
     manager().removeManagedTexture(handle);
+}
+
+namespace {
+
+/// What an image takes as a texture of its own, with all its mip levels.
+qint64 ownBytes(const QSize &size)
+{
+    constexpr int kTexel = 4;
+    qint64 texels = 0;
+    for (int level = 0;; ++level) {
+        const int width = std::max(1, size.width() >> level);
+        const int height = std::max(1, size.height() >> level);
+        texels += qint64(width) * height;
+        if (width == 1 && height == 1)
+            return texels * kTexel;
+    }
+}
+
+/// Sides from 4 to 4096, small ones more often, so that a software driver holds a thousand maps: 0.4 GB.
+std::vector<QSize> mixedSizes(int count)
+{
+    std::mt19937 random(7);
+    const auto side = [&random] {
+        const double part = double(random()) / double(std::mt19937::max());
+        return int(std::lround(4 * std::pow(1024.0, part * part * part)));
+    };
+    std::vector<QSize> sizes{{4096, 4096}, {4, 4},    {4096, 4},  {4, 4096},
+                             {2100, 4},    {4, 2100}, {600, 600}, {1024, 1024}};
+    while (int(sizes.size()) < count) {
+        const int width = side();
+        sizes.emplace_back(width, side());
+    }
+    return sizes;
+}
+
+QColor colorOf(int i)
+{
+    return QColor((i * 37) & 0xff, (i >> 2) & 0xff, (i * 11) & 0xff, 255 - (i & 0x3f));
+}
+
+/// A scene of maps in a context of its own, and what GL was asked for.
+class MapsInMemory
+{
+public:
+    explicit MapsInMemory(const std::vector<QSize> &all) : sizes(all), handles(qsizetype(all.size()), 0) {}
+
+    void add(const std::vector<int> &order)
+    {
+        for (const int i : order) {
+            const GlCalls calls;
+            handles[i] =
+                manager().addManagedTexture(solid(sizes[size_t(i)].width(), sizes[size_t(i)].height(), colorOf(i)));
+            memory.add(calls);
+            own += ownBytes(sizes[size_t(i)]);
+            ASSERT_GT(handles[i], 0) << i;
+        }
+    }
+    void remove(const std::vector<int> &order)
+    {
+        const GlCalls calls;
+        for (const int i : order) {
+            manager().removeManagedTexture(std::exchange(handles[i], 0));
+            own -= ownBytes(sizes[size_t(i)]);
+        }
+        memory.add(calls);
+    }
+    /// A draw that reads managed textures.
+    void draw(ShaderProgram *program)
+    {
+        const AutoBinder bound(program);
+        const GlCalls calls;
+        manager().bindManagedTextures(program);
+        manager().unbindManagedTextures(program);
+        memory.add(calls);
+    }
+    double ratio() const { return double(memory.bytes()) / double(own); }
+
+    std::vector<QSize> sizes;
+    QVector<int> handles;
+    TextureMemory memory;
+    qint64 own = 0;
+};
+
+std::vector<int> shuffled(int count, unsigned int seed)
+{
+    std::vector<int> order(size_t(count), 0);
+    std::iota(order.begin(), order.end(), 0);
+    std::mt19937 random(seed);
+    for (size_t i = order.size(); i > 1; --i)
+        std::swap(order[i - 1], order[random() % i]);
+    return order;
+}
+
+} // namespace
+
+TEST_F(ManagedTexturesTest, AThousandMapsTakeLittleMoreThanTheyAreAndGiveItBack)
+{
+    constexpr int kMaps = 1000;
+    const auto reader = programWithManagedTextures(kCompareFragment);
+    MapsInMemory maps(mixedSizes(kMaps));
+    const auto expectColors = [&] {
+        const Image<float> image = drawHandles(maps.handles);
+        int wrong = 0;
+        for (int i = 0; i < kMaps; ++i) {
+            const QColor c = maps.handles[i] > 0 ? colorOf(i) : QColor(Qt::white);
+            wrong += !isPixel(image, i % 64, i / 64, {c.redF(), c.greenF(), c.blueF(), c.alphaF()}, 0.5 / 255);
+        }
+        EXPECT_EQ(wrong, 0);
+    };
+    maps.add(shuffled(kMaps, 1));
+    maps.draw(reader.get());
+    const qint64 own = maps.own;
+    EXPECT_GT(own, 300'000'000);
+    EXPECT_LE(maps.ratio(), 1.4) << maps.memory.bytes();
+    // For a moment an array that grows is there twice, or the largest image in a texture of its own.
+    const qint64 peak = maps.memory.peak();
+    EXPECT_LE(double(peak), 1.8 * double(own));
+    expectColors();
+    for (unsigned int round = 2; round < 4; ++round) {
+        const std::vector<int> order = shuffled(kMaps, round);
+        const std::vector<int> half(order.begin(), order.begin() + kMaps / 2);
+        maps.remove(half);
+        maps.draw(reader.get());
+        // Pages are three quarters full, and of an array a quarter of the pages may be empty.
+        EXPECT_LE(maps.ratio(), 1 / (0.75 * 0.75)) << "half of the maps are gone";
+        expectColors();
+        maps.add(std::vector<int>(half.rbegin(), half.rend()));
+        maps.draw(reader.get());
+        EXPECT_EQ(maps.own, own);
+        EXPECT_LE(maps.ratio(), 1.4) << "round " << round;
+        EXPECT_LE(maps.memory.bytes(), peak) << "round " << round;
+        expectColors();
+    }
+    maps.remove(shuffled(kMaps, 9));
+    EXPECT_EQ(manager().managedTextureCount(), 0);
+    EXPECT_EQ(maps.own, 0);
+    EXPECT_LE(maps.memory.bytes(), 64) << "a single texel stays, for programs that expect pages";
+}
+
+// The recordings that the numbers above come from, on what is known.
+TEST_F(ManagedTexturesTest, TheTextureLedgerCountsWhatIsThere)
+{
+    TextureMemory memory;
+    const GlCalls calls;
+    auto first = plainTexture(solid(64, 16, Qt::red));
+    const auto second = plainTexture(solid(5, 3, Qt::red));
+    memory.add(calls);
+    EXPECT_EQ(memory.bytes(), ownBytes({64, 16}) + ownBytes({5, 3}));
+    EXPECT_EQ(ownBytes({5, 3}), 4 * (15 + 2 + 1));
+    const GlCalls later;
+    first.reset();
+    memory.add(later);
+    EXPECT_EQ(memory.bytes(), ownBytes({5, 3}));
+    EXPECT_EQ(memory.peak(), ownBytes({64, 16}) + ownBytes({5, 3}));
+}
+
+struct CostRow
+{
+    const char *name;
+    QSize size;
+    int maps;
+    qint64 most; ///< Bytes.
+};
+
+class ManagedTextureCostTest : public ManagedTexturesTest, public ::testing::WithParamInterface<CostRow>
+{};
+
+TEST_P(ManagedTextureCostTest, IsNoPageThatStaysEmpty)
+{
+    const auto reader = programWithManagedTextures(kCompareFragment);
+    MapsInMemory maps(std::vector<QSize>(size_t(GetParam().maps), GetParam().size));
+    maps.add(shuffled(GetParam().maps, 1));
+    maps.draw(reader.get());
+    EXPECT_LE(maps.memory.bytes(), GetParam().most) << "own " << maps.own;
+    EXPECT_GE(maps.memory.bytes(), maps.own);
+    maps.remove(shuffled(GetParam().maps, 2));
+    EXPECT_LE(maps.memory.bytes(), 64);
+}
+
+// The first page has sides of 65 times a power of two, up to 1040.
+INSTANTIATE_TEST_SUITE_P(Maps, ManagedTextureCostTest,
+                         ::testing::Values(CostRow{"tiny", {4, 4}, 1, 65 * 65 * 4},
+                                           CostRow{"tinyOnes", {4, 4}, 60, 130 * 65 * 4},
+                                           CostRow{"small", {64, 64}, 1, 130 * 130 * 4},
+                                           CostRow{"strip", {2100, 4}, 1, 520 * 260 * 4},
+                                           CostRow{"longStrip", {4200, 4}, 1, 520 * 260 * 4},
+                                           CostRow{"sixty", {256, 256}, 60, 60 * 350'000 * 14 / 10},
+                                           CostRow{"large", {1024, 1024}, 1, 2 * 1040 * 1040 * 4},
+                                           CostRow{"largeOnes", {1024, 1024}, 10, 14 * 1040 * 1040 * 4}),
+                         [](const auto &row) { return std::string(row.param.name); });
+
+namespace {
+
+/// In its scope the driver has no memory for images that a test names.
+class NoMemory
+{
+public:
+    using Refuses = bool (*)(GLenum target, int width, int height, int layers);
+
+    explicit NoMemory(Refuses refuses)
+        : _realError(epoxy_glGetError), _real2D(epoxy_glTexImage2D), _real3D(epoxy_glTexImage3D)
+    {
+        current() = this;
+        _refuses = refuses;
+        epoxy_glGetError = [] {
+            const GLenum error = std::exchange(current()->_error, GLenum(GL_NO_ERROR));
+            return error ? error : current()->_realError();
+        };
+        epoxy_glTexImage2D = [](GLenum target, GLint level, GLint internalFormat, GLsizei width, GLsizei height,
+                                GLint border, GLenum format, GLenum type, const void *pixels) {
+            if (!current()->refuse(target, width, height, 1))
+                current()->_real2D(target, level, internalFormat, width, height, border, format, type, pixels);
+        };
+        epoxy_glTexImage3D = [](GLenum target, GLint level, GLint internalFormat, GLsizei width, GLsizei height,
+                                GLsizei depth, GLint border, GLenum format, GLenum type, const void *pixels) {
+            if (!current()->refuse(target, width, height, depth))
+                current()->_real3D(target, level, internalFormat, width, height, depth, border, format, type, pixels);
+        };
+    }
+    ~NoMemory()
+    {
+        epoxy_glGetError = _realError;
+        epoxy_glTexImage2D = _real2D;
+        epoxy_glTexImage3D = _real3D;
+    }
+    NoMemory(const NoMemory &) = delete;
+    NoMemory &operator=(const NoMemory &) = delete;
+
+    int refused() const { return _refused; }
+
+private:
+    static NoMemory *&current()
+    {
+        static NoMemory *scope = nullptr;
+        return scope;
+    }
+    bool refuse(GLenum target, int width, int height, int layers)
+    {
+        if (!_refuses(target, width, height, layers))
+            return false;
+        _error = _error ? _error : GLenum(GL_OUT_OF_MEMORY);
+        ++_refused;
+        return true;
+    }
+
+    PFNGLGETERRORPROC _realError;
+    PFNGLTEXIMAGE2DPROC _real2D;
+    PFNGLTEXIMAGE3DPROC _real3D;
+    Refuses _refuses = nullptr;
+    GLenum _error = GL_NO_ERROR;
+    int _refused = 0;
+};
+
+struct MemoryRow
+{
+    const char *name;
+    int before; ///< Maps of 1000 by 1000 that are there already.
+    QSize size; ///< Of the one for which there is no memory.
+    NoMemory::Refuses refuses;
+    bool isTaken = false;
+};
+
+bool isArray(GLenum target)
+{
+    return target == GL_TEXTURE_2D_ARRAY;
+}
+
+} // namespace
+
+class ManagedTextureMemoryTest : public ManagedTexturesTest, public ::testing::WithParamInterface<MemoryRow>
+{};
+
+TEST_P(ManagedTextureMemoryTest, AMapForWhichThereIsNoneReadsWhiteWithAMessage)
+{
+    QVector<int> handles;
+    for (int i = 0; i < GetParam().before; ++i)
+        handles << manager().addManagedTexture(solid(1000, 1000, QColor(20 * i, 255 - 20 * i, 7)));
+    int handle = -1;
+    const QSize size = GetParam().size;
+    {
+        const MessageCapture messages;
+        const NoMemory noMemory(GetParam().refuses);
+        handle = manager().addManagedTexture(solid(size.width(), size.height(), QColor(51, 102, 153)), u"bricks"_s);
+        EXPECT_GT(noMemory.refused(), 0);
+        EXPECT_EQ(messages.containing(u"bricks"_s), GetParam().isTaken ? 0 : 1);
+        const QString dimensions = QStringLiteral("%1x%2").arg(size.width()).arg(size.height());
+        EXPECT_EQ(messages.containing(dimensions), GetParam().isTaken ? 0 : 1);
+        EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+    }
+    EXPECT_EQ(handle > 0, GetParam().isTaken);
+    // What was there stays, and with memory the map comes after all.
+    const int again =
+        manager().addManagedTexture(solid(size.width(), size.height(), QColor(51, 102, 153)), u"bricks"_s);
+    EXPECT_GT(again, 0);
+    handles << handle << again;
+    const Image<float> image = drawHandles(handles);
+    for (int i = 0; i < GetParam().before; ++i)
+        EXPECT_TRUE(isPixel(image, i, 0, {20 * i / 255.0, (255 - 20 * i) / 255.0, 7 / 255.0, 1}, 0.5 / 255)) << i;
+    const std::array<double, 4> blue{0.2, 0.4, 0.6, 1};
+    const std::array<double, 4> white{1, 1, 1, 1};
+    EXPECT_TRUE(isPixel(image, GetParam().before, 0, GetParam().isTaken ? blue : white, 0.5 / 255));
+    EXPECT_TRUE(isPixel(image, GetParam().before + 1, 0, blue, 0.5 / 255));
+    for (const int each : std::as_const(handles))
+        manager().removeManagedTexture(each);
+    EXPECT_EQ(manager().managedTextureCount(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Refusals, ManagedTextureMemoryTest,
+    ::testing::Values(
+        MemoryRow{"firstPage", 0, {300, 200}, [](GLenum target, int, int, int) { return isArray(target); }},
+        MemoryRow{"firstPageOfATinyOne", 0, {4, 4}, [](GLenum target, int, int, int) { return isArray(target); }},
+        MemoryRow{"firstPageOfALargeOne",
+                  0,
+                  {600, 600},
+                  [](GLenum target, int width, int, int) { return isArray(target) && width > 1000; }},
+        MemoryRow{"secondPage", 1, {1000, 1000}, [](GLenum target, int, int, int) { return isArray(target); }},
+        MemoryRow{"manyPages", 12, {2100, 2100}, [](GLenum target, int, int, int) { return isArray(target); }},
+        MemoryRow{"inTheMiddleOfItsTiles",
+                  3,
+                  {2100, 2100},
+                  [](GLenum target, int, int, int layers) { return isArray(target) && (layers > 5 || layers < 4); }},
+        MemoryRow{"anArrayThatGrows",
+                  4,
+                  {1000, 1000},
+                  [](GLenum target, int, int, int layers) { return isArray(target) && layers > 1; },
+                  true},
+        MemoryRow{
+            "imageWithItsLevels", 2, {500, 700}, [](GLenum target, int, int, int) { return target == GL_TEXTURE_2D; }}),
+    [](const auto &row) { return std::string(row.param.name); });
+
+// Pages are emptied into others while what lies in them goes on being read.
+TEST_F(ManagedTexturesTest, MapsThatMoveReadAsBefore)
+{
+    const ImageLimits limits = plainLimits();
+    std::vector<QImage> images;
+    QVector<int> handles;
+    for (const QSize &size : {QSize(300, 77), QSize(1100, 130), QSize(17, 200)}) {
+        for (int i = 0; i < 14; ++i)
+            handles << manager().addManagedTexture(solid(1000, 400, Qt::gray));
+        images.push_back(noise(size.width(), size.height(), 5));
+        handles << manager().addManagedTexture(images.back());
+    }
+    const QVector<int> kept{handles[14], handles[29], handles[44]};
+    for (const int handle : std::as_const(handles)) {
+        if (!kept.contains(handle))
+            manager().removeManagedTexture(handle);
+    }
+    for (int i = 0; i < 3; ++i) {
+        const auto plain = plainTexture(images[size_t(i)]);
+        const GlCalls calls;
+        const Pair pair = drawBoth(plain.get(), kept[i], {1.3f, 0.3f});
+        EXPECT_TRUE(sameImage(pair.managed, pair.plain, limits)) << i;
+        EXPECT_EQ(calls.count("glTexImage3D") > 0, i == 0) << "with the first draw pages are given back";
+        EXPECT_EQ(calls.count("glCopyTexSubImage3D") > 0, i == 0);
+    }
+    for (const int handle : kept)
+        manager().removeManagedTexture(handle);
+}
+
+TEST_F(ManagedTexturesTest, TrimGivesPagesBackToo)
+{
+    MapsInMemory maps(std::vector<QSize>(12, QSize(1000, 1000)));
+    maps.add(shuffled(12, 1));
+    const qint64 full = maps.memory.bytes();
+    maps.remove({0, 1, 2, 3, 4, 5, 6, 7, 8, 9});
+    EXPECT_EQ(maps.memory.bytes(), full);
+    const GlCalls calls;
+    manager().trim(100);
+    maps.memory.add(calls);
+    EXPECT_LE(maps.memory.bytes(), full / 3);
+    const Image<float> image = drawHandles({maps.handles[10], maps.handles[11]});
+    EXPECT_TRUE(isPixel(
+        image, 0, 0, {colorOf(10).redF(), colorOf(10).greenF(), colorOf(10).blueF(), colorOf(10).alphaF()}, 0.5 / 255));
+    EXPECT_TRUE(isPixel(
+        image, 1, 0, {colorOf(11).redF(), colorOf(11).greenF(), colorOf(11).blueF(), colorOf(11).alphaF()}, 0.5 / 255));
+    maps.remove({10, 11});
 }
 
 } // namespace Brevane::Kvo
