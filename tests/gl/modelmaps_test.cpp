@@ -160,10 +160,10 @@ const std::vector<SubjectRow> &subjects()
 enum class Way { AnotherModel, UploadedAgain, MaterialData };
 constexpr const char *kWayNames[] = {"AnotherModel", "UploadedAgain", "MaterialData"};
 
-/// A map of one colour as long as its page has to be: the smallest pages hold 2078 texels in a row.
-QImage mapOf(int length, const QColor &color)
+/// A map of one colour: a page holds 1038 texels in a row, a longer map is cut.
+QImage mapOf(int length, int height, const QColor &color)
 {
-    QImage image(length, 4, QImage::Format_RGBA8888);
+    QImage image(length, height, QImage::Format_RGBA8888);
     image.fill(color);
     return image;
 }
@@ -172,6 +172,7 @@ struct Step
 {
     int mapLength; ///< 0: no map.
     QColor color;
+    int mapHeight = 4;
 };
 
 // White twice: what was white by chance is not.
@@ -182,7 +183,7 @@ ModelData sceneOf(const Step &step)
 {
     ModelData scene = quadScene(kKd);
     if (step.mapLength > 0)
-        scene.materials[0].map_Kd = mapOf(step.mapLength, step.color);
+        scene.materials[0].map_Kd = mapOf(step.mapLength, step.mapHeight, step.color);
     return scene;
 }
 
@@ -213,7 +214,8 @@ public:
         }
         int handle = 0;
         if (step.mapLength > 0)
-            _handles << (handle = TextureManager::Instance().addManagedTexture(mapOf(step.mapLength, step.color)));
+            _handles << (handle = TextureManager::Instance().addManagedTexture(
+                             mapOf(step.mapLength, step.mapHeight, step.color)));
         QVector<float> data = model.materialData(0)->data();
         data[8] = float(handle); // the first of the two maps of a material
         EXPECT_TRUE(model.materialData(0)->setData(data));
@@ -258,7 +260,36 @@ TEST_P(ModelMapsTest, AreSampledWheneverTheyComeAndHoweverLargeTheyAre)
             classes = TextureManager::Instance().managedPageClasses();
             EXPECT_EQ(classes > 0, &step != kSteps) << "the first frame is one without maps";
         }
-        EXPECT_EQ(classes, 2) << "the maps lie in pages of two sizes";
+        EXPECT_EQ(classes, 2) << "one of the maps is cut";
+    }
+    OpenGLDeviceContext::releaseCurrent();
+    ASSERT_TRUE(context().makeCurrent());
+}
+
+TEST_P(ModelMapsTest, AreSampledInWhicheverArrayOfPagesTheyLie)
+{
+    const auto &[row, way] = GetParam();
+    GLContext alone;
+    ASSERT_TRUE(alone.makeCurrent());
+    resetGLState();
+    {
+        // An array of one page is full at once.
+        const GlCalls::ForcedInteger layers(GL_MAX_ARRAY_TEXTURE_LAYERS, 1);
+        const Step steps[] = {
+            {1000, QColor(204, 51, 102), 1000}, {1001, QColor(153, 255, 51), 1000}, {1000, QColor(255, 0, 204), 600}};
+        Scene scene(way == Way::UploadedAgain ? Way::MaterialData : way);
+        const std::unique_ptr<Subject> subject = subjects()[row].make();
+        glViewport(0, 0, kSide, kSide);
+        QVector<int> classes;
+        for (const Step &step : steps) {
+            GPUModel &model = scene.of(step);
+            const Image<float> picture = subject->run(model);
+            EXPECT_TRUE(
+                isPixel(picture, kSide / 2, kSide / 2, subject->expected(diffuseOf(step)), subject->tolerance()))
+                << "map of " << step.mapLength;
+            classes << TextureManager::Instance().managedPageClasses();
+        }
+        EXPECT_EQ(classes, (QVector<int>{3, 4, 5})) << "beside the largest levels one page holds the others";
     }
     OpenGLDeviceContext::releaseCurrent();
     ASSERT_TRUE(context().makeCurrent());
