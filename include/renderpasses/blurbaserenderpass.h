@@ -43,6 +43,9 @@ protected:
     /// context has uniforms for, and to 0 when it is not a number, with a warning. Afterwards the two have the same length,
     /// _offsets[0] is 0, and _weights[0] plus twice the sum of the others is 1.
     void calculateBlurWeights();
+    /// Sets _blurRadius and calculates. True where programs of before no longer fit, since the kernel has another
+    /// length; a radius with as many taps is a matter of uniforms.
+    bool takeBlurRadius(float radius);
     /// GLSL of one blur stage: `u_Input` blurred along `stepVec` with `weight` and `offset`.
     QString getBaseFragmentShaderSource();
     QString getBaseVertexShaderSource();

@@ -131,9 +131,8 @@ void BlurAndCombineRenderPass::start(RenderCallbacks *callbacks)
         release(blurFrame);
         return;
     }
-    if (!_blurProgram || !_blurAndAddProgram || _blurRadius != radius) {
-        _blurRadius = radius;
-        calculateBlurWeights();
+    const bool hasOtherTaps = (_blurRadius != radius || _weights.isEmpty()) && takeBlurRadius(radius);
+    if (!_blurProgram || !_blurAndAddProgram || hasOtherTaps) {
         _blurProgram.giveUp();
         _blurAndAddProgram.giveUp();
         _blurProgram = makeShaderProgram(kBlurOnlyHead + kBlur + kBlurOnlyMain);

@@ -116,6 +116,14 @@ void BlurBaseRenderPass::calculateBlurWeights()
     _offsets = offsets;
 }
 
+bool BlurBaseRenderPass::takeBlurRadius(float radius)
+{
+    const qsizetype taps = _weights.size();
+    _blurRadius = radius;
+    calculateBlurWeights();
+    return _weights.size() != taps;
+}
+
 bool BlurBaseRenderPass::beginStage(Texture *output, const Extent &extent)
 {
     const bool isAttached = attachTarget(_fbo, output);

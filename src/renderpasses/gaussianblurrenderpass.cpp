@@ -56,9 +56,8 @@ void GaussianBlurRenderPass::start(RenderCallbacks *)
     if (double(divider) < 0.01)
         divider = 0.01f;
 
-    if (radius != _blurRadius || !_blurProgram) {
-        _blurRadius = radius;
-        calculateBlurWeights();
+    const bool hasOtherTaps = (radius != _blurRadius || _weights.isEmpty()) && takeBlurRadius(radius);
+    if (hasOtherTaps || !_blurProgram) {
         _blurProgram.giveUp();
         _blurProgram = makeShaderProgram(getBaseFragmentShaderSource());
     }

@@ -99,9 +99,8 @@ void StencilBlurAndBlendRenderPass::start(RenderCallbacks *callbacks)
         return;
     }
     const bool rebuilt = _blurRadius != radius;
-    if (!_blurProgram || !_blurAndAddProgram || rebuilt) {
-        _blurRadius = radius;
-        calculateBlurWeights();
+    const bool hasOtherTaps = (rebuilt || _weights.isEmpty()) && takeBlurRadius(radius);
+    if (!_blurProgram || !_blurAndAddProgram || hasOtherTaps) {
         _blurProgram.giveUp();
         _blurAndAddProgram.giveUp();
         _blurProgram = makeShaderProgram(getBaseFragmentShaderSource());

@@ -8,6 +8,7 @@
 #include "support/passes.h"
 #include "support/passvalues.h"
 #include "support/scenes.h"
+#include "support/texturememory.h"
 
 #include <core/renderpasshelper.h>
 #include <gl/bufferobject.h>
@@ -1244,6 +1245,97 @@ TEST_P(EveryBlurLives, TenThousandRadiiLeaveNothing)
         setRadius(*pass, i);
     }
     expectNoGrowth(10000, settledObjects, [&](int i) { setRadius(*pass, i); });
+}
+
+namespace {
+
+/// What somebody who moves a slider gives to a slot, beginning with what it had; less than two values where nothing
+/// can be moved.
+QVariantList slidingValues(const InputRow &input, const QVariant &right)
+{
+    QVariantList values{right};
+    if (qstrcmp(input.name, "Kvo_float_BlurRadius") == 0)
+        return values << 1.2f << 2.2f << 2.4f << 3.2f << 5.0f << 0.0f;
+    if (qstrcmp(input.name, "Kvo_float_ResolutionDivider") == 0)
+        return values << 1.3f << 2.0f << 3.0f << 8.0f << 0.5f;
+    switch (input.type.id()) {
+    case QMetaType::Float: return values << 0.0f << 0.5f << 1.3f << 3.0f << 9.0f;
+    case QMetaType::Int: return values << -1 << 0 << 1 << 2 << 3;
+    case QMetaType::Bool: return values << true << false;
+    case QMetaType::QColor: return values << QColor(Qt::blue) << QColor();
+    case QMetaType::QVector2D: return values << QVector2D(0, 0) << QVector2D(1, 0.25f);
+    case QMetaType::QSize: return values << QSize(9, 5) << QSize(1, 1) << QSize(32, 16);
+    case QMetaType::QRect: return values << QRect(0, 0, 9, 5) << QRect(3, 2, 12, 15) << QRect(0, 0, 1, 1);
+    default: break;
+    }
+    if (namesWhatMayGo(input))
+        values << QVariant();
+    return values;
+}
+
+} // namespace
+
+// Also what an input brings along that comes and goes.
+TEST_P(EveryPassLives, SlidersMoveWithoutGrowth)
+{
+    const std::vector<InputRow> all = inputs();
+    // Each frame of one clears 256 MB.
+    const int moves = is("VisibilityBufferRenderPass") ? 12 : 200;
+    {
+        // Single texels that stand for what is missing stay.
+        const MessageCapture messages;
+        const auto pass = make(*main);
+        for (int slot = 0; slot < int(all.size()); ++slot) {
+            if (namesWhatMayGo(all[size_t(slot)])) {
+                pass->setInput(slot, QVariant());
+                frame(*pass, *main);
+                pass->setInput(slot, right(all[size_t(slot)], *main));
+            }
+        }
+        end(*pass);
+    }
+    before = settledObjects();
+    TextureManager &pool = TextureManager::Instance();
+    int moved = 0;
+    for (int slot = 0; slot < int(all.size()); ++slot) {
+        const QVariantList values = slidingValues(all[size_t(slot)], right(all[size_t(slot)], *main));
+        if (values.size() < 2)
+            continue;
+        ++moved;
+        SCOPED_TRACE(all[size_t(slot)].name);
+        const MessageCapture messages; // some values are beyond what there is
+        TextureMemory memory;
+        const auto pass = make(*main);
+        const auto move = [&](qsizetype value) {
+            pass->setInput(slot, values[value]);
+            resetGLState();
+            glViewport(0, 0, kWidth, kHeight);
+            const GlCalls calls;
+            OpenGLDeviceContext::current()->freeGivenUp(); // as a pipeline does it at the start of a frame
+            runFrame(*pass);
+            memory.add(calls);
+        };
+        for (qsizetype i = 0; i < 2 * values.size(); ++i)
+            move(i % values.size());
+        move(0);
+        const auto held = [&] {
+            OpenGLDeviceContext::current()->freeGivenUp();
+            return objectsOf(*OpenGLDeviceContext::current());
+        };
+        const std::string objects = held();
+        const qint64 bytes = memory.bytes();
+        const qint64 peak = memory.peak();
+        const qint64 pooled = pool.statistics().bytes;
+        for (int i = 1; i <= moves; ++i)
+            move((i * 7 + i / 5) % values.size());
+        move(0);
+        EXPECT_EQ(held(), objects);
+        EXPECT_EQ(memory.bytes(), bytes);
+        EXPECT_EQ(memory.peak(), peak);
+        EXPECT_EQ(pool.statistics().bytes, pooled);
+        end(*pass);
+    }
+    EXPECT_EQ(moved > 0, !all.empty() && !is("CubemapLoaderRenderPass") && !is("TextureLoaderRenderPass"));
 }
 
 // Programs of the host's

@@ -774,12 +774,7 @@ protected:
             for (int x = 0; x < kWidth; ++x)
                 image.at(x, y) = {float(x % 3) / 2, float(y % 5) / 4, 0.5f, 1};
         source = makeTexture(image);
-        pass = passFactory().make(text(GetParam().className));
-        pass->setInput(0, kViewport);
-        for (const int slot : {1, GetParam().input})
-            pass->setInput(slot, textureToVariant(source.get()));
-        if (qstrcmp(GetParam().className, "BlurAndCombineRenderPass") == 0)
-            pass->setInput(4, 1.0f);
+        pass = make();
     }
     void TearDown() override
     {
@@ -788,10 +783,28 @@ protected:
         NumbersTest::TearDown();
     }
 
+    std::unique_ptr<RenderPass> make() const
+    {
+        std::unique_ptr<RenderPass> blur = passFactory().make(text(GetParam().className));
+        blur->setInput(0, kViewport);
+        for (const int slot : {1, GetParam().input})
+            blur->setInput(slot, textureToVariant(source.get()));
+        if (qstrcmp(GetParam().className, "BlurAndCombineRenderPass") == 0)
+            blur->setInput(4, 1.0f);
+        return blur;
+    }
+
     Image<float> blurred(float radius)
     {
         pass->setInput(kBlurRadius, radius);
         return imageOf(*pass);
+    }
+
+    Image<float> blurredByAnother(float radius) const
+    {
+        const std::unique_ptr<RenderPass> another = make();
+        another->setInput(kBlurRadius, radius);
+        return imageOf(*another);
     }
 
     std::unique_ptr<Texture> source;
@@ -826,6 +839,26 @@ TEST_P(BlurRadius, BeyondTheTapsBuildsNoProgramWhileItChanges)
     for (const float radius : {2e9f, 3e9f, kInfinity})
         blurred(radius);
     EXPECT_EQ(calls.count("glCompileShader") + calls.count("glCreateProgram"), 0);
+}
+
+// The kernel has as many taps for all of them, so that only uniforms change.
+TEST_P(BlurRadius, OfAsManyTapsKeepsItsProgramsAndBlursAsAPassThatHasItFromTheStart)
+{
+    const QVector<float> radii{2.25f, 2.1f, 2.5f, 2.4f};
+    QList<Image<float>> fresh;
+    for (const float radius : radii)
+        fresh << blurredByAnother(radius);
+    EXPECT_FALSE(isSameImage(fresh[1], fresh[2], within(0))) << "the radius is seen in the picture";
+    const auto device = OpenGLDeviceContext::current();
+    blurred(radii[0]);
+    const int givenUp = device->givenUpCount();
+    const GlCalls calls;
+    for (qsizetype i = 0; i < radii.size(); ++i)
+        EXPECT_TRUE(sameImage(blurred(radii[i]), fresh[i], within(0))) << radii[i];
+    EXPECT_EQ(calls.count("glCompileShader") + calls.count("glCreateProgram") + calls.count("glLinkProgram"), 0);
+    EXPECT_EQ(device->givenUpCount(), givenUp) << "a program was replaced";
+    blurred(2.6f);
+    EXPECT_GT(device->givenUpCount(), givenUp) << "another number of taps needs another program";
 }
 
 TEST_P(BlurRadius, ThatIsNotANumberIsNone)
