@@ -21,8 +21,10 @@ class TextureManagerPrivate;
 /// Formats of pooled textures. The numbers are part of the interface.
 ///
 /// Colour results and frames (3, 7) are half floats: on llvmpipe they cost no more than 8 bits to fill
-/// and keep values above 1 for glow and tone mapping; 3 and 7 stay apart so that a chain that holds a
-/// result while it ping-pongs frames does not exhaust one bucket.
+/// and keep values above 1 for glow and tone mapping. The pool never hands out one for the other, although
+/// GL would not know them apart: an output for which a host counts no users is free at once, and a pass of
+/// the other number that reads it must not get it as its target. Chains whose users are counted could do
+/// with one texture less now and then (bench_memory tells).
 enum class TextureFormat {
     VelocityPacked = 0, ///< GL_R16F
     Scalar32 = 1, ///< GL_R32F
@@ -70,6 +72,8 @@ struct TexturePoolStatistics
     qint64 peakBytes = 0; ///< High-water mark of bytes.
     qint64 hits = 0; ///< tempTexture calls that reused a texture.
     qint64 misses = 0; ///< tempTexture calls that allocated one.
+    qint64 bytesInUse = 0; ///< Memory of those with references.
+    qint64 peakBytesInUse = 0; ///< High-water mark of bytesInUse: less than that no pool can hold.
 };
 
 /// Process-wide textures: a pool of counted temporary textures, cached textures from files and solid

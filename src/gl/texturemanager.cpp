@@ -70,6 +70,22 @@ struct PoolEntry
     quint64 releasedAt = 0; // rising number, the latest release is the largest
     qint64 lastFrame = 0;
     int tag = -1;
+    TexturePoolStatistics *counts = nullptr; ///< Of its group.
+
+    void addRefs(int count)
+    {
+        if (refs == 0) {
+            counts->bytesInUse += bytes;
+            counts->peakBytesInUse = std::max(counts->peakBytesInUse, counts->bytesInUse);
+        }
+        refs += count;
+    }
+    void dropRefs(int count)
+    {
+        if (refs > 0 && count >= refs)
+            counts->bytesInUse -= bytes;
+        refs = std::max(0, refs - count);
+    }
 };
 
 /// What the manager keeps for one share group.
@@ -231,6 +247,7 @@ Texture *TextureManager::tempTexture(TextureFormat format, int width, int height
         // Asked again the next time: there may be room then.
         if (!hasStorage && (width > 1 || height > 1))
             return tempTexture(format, 1, 1, tag);
+        entry->counts = &group->counts;
         entry->bytes = qint64(width) * height * bytesPerTexel(internalFormat);
         group->pool.push_back(std::move(entry));
         chosen = group->pool.back().get();
@@ -238,7 +255,7 @@ Texture *TextureManager::tempTexture(TextureFormat format, int width, int height
         group->counts.bytes += chosen->bytes;
         group->counts.peakBytes = std::max(group->counts.peakBytes, group->counts.bytes);
     }
-    chosen->refs = 1;
+    chosen->addRefs(1);
     chosen->lastFrame = d->frame;
     chosen->tag = tag;
     return chosen->texture.get();
@@ -249,7 +266,7 @@ void TextureManager::addTempTextureRef(Texture *texture, int count)
     if (!texture || count <= 0)
         return;
     if (PoolEntry *entry = d->find(texture))
-        entry->refs += count;
+        entry->addRefs(count);
 }
 
 void TextureManager::releaseTempTextureRef(Texture *texture, int count)
@@ -262,7 +279,7 @@ void TextureManager::releaseTempTextureRef(Texture *texture, int count)
     if (d->debug && entry->refs < count)
         qWarning("Texture '%s' is released %d times, but has %d references", qPrintable(texture->label()), count,
                  entry->refs);
-    entry->refs = std::max(0, entry->refs - count);
+    entry->dropRefs(count);
     if (entry->refs == 0) {
         entry->releasedAt = ++d->releases;
         entry->lastFrame = d->frame;

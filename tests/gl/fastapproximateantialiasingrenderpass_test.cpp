@@ -5,6 +5,7 @@
 #include "support/passes.h"
 
 #include <gl/texturemanager.h>
+#include <renderpasses/blendrenderpass.h>
 #include <renderpasses/fastapproximateantialiasingrenderpass.h>
 
 #include <QRect>
@@ -332,6 +333,29 @@ TEST_F(Fxaa, PoolReferencesBalance)
     EXPECT_EQ(pool.tempTextureRefs(frame), 0);
     EXPECT_EQ(pool.tempTextureRefs(outputTexture(*owned, 0)), 2);
     pool.releaseTempTextureRef(outputTexture(*owned, 0), 2);
+}
+
+// The texture of an output without users is free at once; it is a frame of the pool, and the target here is a result.
+TEST_F(Fxaa, ReadsAnOutputWithoutUsersOfAPassBefore)
+{
+    const auto image = makeTexture(edgeImage(16, 16));
+    BlendRenderPass blend;
+    blend.setInput(0, QRect(0, 0, 16, 16));
+    blend.setInput(2, textureToVariant(image.get()));
+    owned->setInput(kViewport, QRect(0, 0, 16, 16));
+    const auto smoothedBlend = [&](int users) {
+        blend.setInput(1, textureToVariant(image.get()));
+        blend.setNumOutputUsers(0, users);
+        runFrame(blend);
+        Texture *blended = outputTexture(blend, 0);
+        EXPECT_EQ(TextureManager::Instance().tempTextureRefs(blended), users);
+        owned->setInput(kFrame, textureToVariant(blended));
+        runFrame(*owned);
+        EXPECT_NE(outputTexture(*owned, 0), blended);
+        return readTexture<float>(outputTexture(*owned, 0));
+    };
+    const Image<float> counted = smoothedBlend(1);
+    EXPECT_TRUE(sameImage(smoothedBlend(0), counted, {.worst = 0, .tolerance = 0, .share = 0}));
 }
 
 TEST_F(Fxaa, ChangesOnlyTheStateThatItSays)

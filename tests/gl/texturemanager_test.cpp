@@ -282,6 +282,36 @@ TEST_F(TexturePoolTest, StatisticsCountTexturesBytesHitsAndMisses)
     manager().releaseTempTextureRef(a, 1);
 }
 
+TEST_F(TexturePoolTest, StatisticsCountWhatHasReferencesAndTheMostThatHad)
+{
+    const qint64 inUse = manager().statistics().bytesInUse;
+    const qint64 peak = manager().statistics().peakBytesInUse;
+    // larger than what other tests held at one time
+    constexpr qint64 kBytes = qint64(1024) * 1024 * 16;
+    Texture *a = manager().tempTexture(TextureFormat::Position, 1024, 1024);
+    EXPECT_EQ(manager().statistics().bytesInUse, inUse + kBytes);
+    Texture *b = manager().tempTexture(TextureFormat::Frame, 10, 10);
+    manager().addTempTextureRef(a, 2);
+    manager().addTempTextureRef(a, 0);
+    EXPECT_EQ(manager().statistics().bytesInUse, inUse + kBytes + 800) << "references of one texture count once";
+    manager().releaseTempTextureRef(b, 1);
+    manager().releaseTempTextureRef(b, 1); // one too many
+    manager().releaseTempTextureRef(a, 2);
+    EXPECT_EQ(manager().statistics().bytesInUse, inUse + kBytes);
+    manager().releaseTempTextureRef(a, 5);
+    EXPECT_EQ(manager().statistics().bytesInUse, inUse);
+    EXPECT_EQ(manager().tempTexture(TextureFormat::Frame, 10, 10), b);
+    EXPECT_EQ(manager().statistics().bytesInUse, inUse + 800);
+    // An output that its users come to after it was free counts again.
+    manager().releaseTempTextureRef(b, 1);
+    manager().addTempTextureRef(b, 1);
+    EXPECT_EQ(manager().statistics().bytesInUse, inUse + 800);
+    manager().releaseTempTextureRef(b, 1);
+    EXPECT_EQ(manager().statistics().bytesInUse, inUse);
+    EXPECT_EQ(manager().statistics().peakBytesInUse, std::max(peak, inUse + kBytes + 800));
+    manager().trim(0, 0);
+}
+
 TEST_F(TexturePoolTest, HighWaterMarkOutlivesTheTextures)
 {
     Texture *large = manager().tempTexture(TextureFormat::Position, 512, 512);
