@@ -41,45 +41,75 @@ Texture *makeArray(const char *label, GLint filter, GLenum internalFormat, GLenu
 
 } // namespace
 
-// The search is a loop whose length depends on the texel: drivers without branches per pixel run the whole
-// of an "if" for every block of pixels, but leave a loop that no pixel of the block is in.
+// Each tap is taken once, and what the texels need differs only in what becomes of the taps: rasterisers on the
+// CPU run both sides of a condition and, at least once, the body of every loop. So the taps two texels away, which
+// only empty texels at a caster's edge look at, are a second round of the loop that takes those one texel away.
+// Sums keep their order, and quotients stay quotients: floats are not to be rounded in another way.
 const QString kGradientFilter = QStringLiteral(R"(
+// What is beyond the map reads as nothing, as samplers of the map find it.
+float tap(vec2 offset, bool isInside)
+{
+  float depth = depthAt(offset);
+  return IS_THERE(depth) && isInside ? depth : 0.0;
+}
+
+void add(float depth, inout vec2 sum, inout float count)
+{
+  sum += vec2(depth, depth * depth);
+  count += depth > 0.0 ? 1.0 : 0.0;
+}
+
 void main()
 {
-  vec2 tO = tap(ivec2(0, 0));
-  bool empty = IS_EMPTY(tO.r);
-  vec2 result = tO;
+  vec2 size = vec2(textureSize(FILTER_SOURCE, 0).xy);
+  float own = tap(vec2(0.0), true);
+  bool isEmpty = FILLERS(vec4(own)).x == 0.0;
 
-  int directions = empty ? 4 : 0;
-  for(int i = 0; i < directions; ++i)
+  // At right, at left, above and below, one texel away and then two. A limit that depends on the texel keeps
+  // compilers from writing both rounds out.
+  vec4 nearer;
+  vec4 farther = vec4(0.0);
+  float away = 0.0;
+  float most = isEmpty ? 2.0 : 1.0;
+  bool mayBeFilled;
+  do
   {
-    ivec2 direction = i < 2 ? ivec2(1 - 2 * i, 0) : ivec2(0, 5 - 2 * i);
-    vec2 tA = tap(direction);
-    vec2 tB = tap(2 * direction);
-    if(!IS_EMPTY(tA.r) && !IS_EMPTY(tB.r))
-    {
-      vec2 m = tB - tA;
-      result = tA - m;
-      directions = 0;
-    }
-  }
+    away += 1.0;
+    nearer = farther;
+    vec2 low = gl_FragCoord.xy - away;
+    vec2 high = gl_FragCoord.xy + away;
+    farther = vec4(tap(vec2(away, 0.0), high.x < size.x), tap(vec2(-away, 0.0), low.x > 0.0),
+                   tap(vec2(0.0, away), high.y < size.y), tap(vec2(0.0, -away), low.y > 0.0));
+    mayBeFilled = any(greaterThan(FILLERS(farther), vec4(0.0)));
+  } while(mayBeFilled && away < most);
 
+  // Of texels that are there, the loop has left the neighbours in "farther".
+  bvec2 hasLower = greaterThan(gl_FragCoord.xy, vec2(1.0));
+  bvec2 hasHigher = lessThan(gl_FragCoord.xy, size - 1.0);
+  vec2 sum = vec2(own, own * own);
   float count = 1.0;
-  if(!empty)
-  {
-    ivec2 offsets[8] = ivec2[8](ivec2(-1, -1), ivec2(0, -1), ivec2(1, -1), ivec2(-1, 0), ivec2(1, 0), ivec2(-1, 1),
-                                ivec2(0, 1), ivec2(1, 1));
-    for(int i = 0; i < 8; ++i)
-    {
-      vec2 t = tap(offsets[i]);
-      if(t.r <= 1.0)
-      {
-        result += t;
-        count += 1.0;
-      }
-    }
-  }
-  out_FragColor = vec4(result / count, 0.0, 0.0);
+  add(tap(vec2(-1.0, -1.0), hasLower.x && hasLower.y), sum, count);
+  add(farther.w, sum, count);
+  add(tap(vec2(1.0, -1.0), hasHigher.x && hasLower.y), sum, count);
+  add(farther.y, sum, count);
+  add(farther.x, sum, count);
+  add(tap(vec2(-1.0, 1.0), hasLower.x && hasHigher.y), sum, count);
+  add(farther.z, sum, count);
+  add(tap(vec2(1.0, 1.0), hasHigher.x && hasHigher.y), sum, count);
+
+  // The first direction in which both are there, or any other where there is none.
+  vec4 both = min(FILLERS(nearer), FILLERS(farther));
+  vec2 line = both.x > 0.0 ? vec2(nearer.x, farther.x)
+            : both.y > 0.0 ? vec2(nearer.y, farther.y)
+            : both.z > 0.0 ? vec2(nearer.z, farther.z)
+                           : vec2(nearer.w, farther.w);
+  vec2 squares = line * line;
+  vec2 filled = vec2(line.x - (line.y - line.x), squares.x - (squares.y - squares.x));
+  bool isFilled = any(greaterThan(both, vec4(0.0)));
+
+  vec2 nothing = vec2(own > 0.0 ? own : 1e9);
+  vec2 result = isEmpty ? (isFilled ? filled : nothing) : sum / count;
+  out_FragColor = vec4(result, 0.0, 0.0);
 }
 )");
 

@@ -30,8 +30,12 @@ constexpr double kDepthBias = 0.0005;
 
 /// GLSL main of the gradient filter: a texel that is empty is extrapolated from the two next ones of the
 /// first direction (+x, -x, +y, -y) where both are there; others become the mean of their 3 by 3 block as
-/// far as it is there. The text ahead of it has out_FragColor, `vec2 tap(ivec2 offset)`, which reads the
-/// moments around the texel, and the macro IS_EMPTY(r), which tells the mark of an empty one.
+/// far as it is there. The second moment is always the square of the first, so depths are all it reads. The text
+/// ahead of it has out_FragColor and
+/// - `float depthAt(vec2 offset)`: the depth so many texels away, anything beyond the map;
+/// - FILTER_SOURCE: the sampler that this reads;
+/// - IS_THERE(depth): whether a depth, which is then above 0, counts for means;
+/// - FILLERS(depths): a vec4 of depths, with 0 in place of what fills nothing and is to be filled itself.
 extern const QString kGradientFilter;
 
 /// The matrix in a slot; nothing for a value that is none.

@@ -220,22 +220,22 @@ void main()
 }
 )");
 
-// Goes ahead of kGradientFilter.
+// Goes ahead of kGradientFilter. A depth of exactly 1 counts for means, but fills nothing. The filter of the array
+// is off meanwhile, and the coordinates lie in the centres of texels.
 const QString kGradientHead = QStringLiteral(R"(#version 150
-#define IS_EMPTY(r) ((r) >= 1.0)
+#define FILTER_SOURCE u_FrameSampler
+#define IS_THERE(depth) ((depth) <= 1.0)
+#define FILLERS(depths) mix((depths), vec4(0.0), equal((depths), vec4(1.0)))
 
 uniform sampler2DArray u_FrameSampler;
 uniform int u_Index;
 
 out vec4 out_FragColor;
 
-// What a fetch beyond the map gives is up to the driver. Here it is what samplers of the map find: nothing.
-vec2 tap(ivec2 offset)
+float depthAt(vec2 offset)
 {
-  ivec2 texel = ivec2(gl_FragCoord.xy) + offset;
-  if(any(lessThan(texel, ivec2(0))) || any(greaterThanEqual(texel, textureSize(u_FrameSampler, 0).xy)))
-    return vec2(1e9);
-  return texelFetch(u_FrameSampler, ivec3(texel, u_Index), 0).rg;
+  vec2 scale = 1.0 / vec2(textureSize(u_FrameSampler, 0).xy);
+  return textureLod(u_FrameSampler, vec3((gl_FragCoord.xy + offset) * scale, float(u_Index)), 0.0).r;
 }
 )");
 
@@ -497,7 +497,9 @@ Texture *ShadowMapRenderPass::_gaussBlurShadowMapArray(const QSize &size, Filter
     Texture *result = _shadowMapArray;
     if (type == GradientFilter) {
         program->setUniform(QStringLiteral("u_FrameSampler"), _shadowMapArray->unit());
+        _shadowMapArray->setFilter(GL_NEAREST);
         drawLayers(_blurArray);
+        _shadowMapArray->setFilter(GL_LINEAR);
         result = _blurArray;
     } else {
         AutoBinder between(_blurArray);

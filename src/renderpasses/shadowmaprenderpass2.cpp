@@ -243,41 +243,39 @@ in VarGeom
 
 out vec4 out_FragColor;
 
-// What a fetch beyond the map gives is up to the driver. Here it is what samplers of the map find: nothing.
-vec2 depthTexelFetch(ivec3 texel)
+// The array's filter is the nearest texel, in whose centre the coordinates lie. That costs less than a fetch, which
+// has to be kept within the array.
+float depthAt(vec2 offset)
 {
-  if(any(lessThan(texel.xy, ivec2(0))) || any(greaterThanEqual(texel.xy, textureSize(u_DepthFrameSampler, 0).xy)))
-    return vec2(1e9);
-  AS_WRITTEN float d = texelFetch(u_DepthFrameSampler, texel, 0).r;
+  vec2 texel = gl_FragCoord.xy + offset;
+  vec2 scale = 1.0 / vec2(textureSize(u_DepthFrameSampler, 0).xy);
+  AS_WRITTEN float d = textureLod(u_DepthFrameSampler, vec3(texel * scale, float(In.layer)), 0.0).r;
   d = 1.0 - (2.0 * (1.0 - d));
   d += 0.0005;
-  if(d != clamp(d, 0.0005, 1.0))
-    return vec2(1e9);
-  return vec2(d, d * d);
+  return d;
 }
+
+#define IS_THERE(d) ((d) == clamp((d), 0.0005, 1.0))
 )");
 
 const QString kConversionMain = QStringLiteral(R"(
 void main()
 {
-  out_FragColor = vec4(depthTexelFetch(ivec3(gl_FragCoord.xy, In.layer)), 0.0, 0.0);
+  float d = depthAt(vec2(0.0));
+  out_FragColor = vec4(IS_THERE(d) ? vec2(d, d * d) : vec2(1e9), 0.0, 0.0);
 }
 )");
 
 // Goes ahead of kGradientFilter.
-const QString kFilterTap = QStringLiteral(R"(
-#define IS_EMPTY(r) ((r) > 1.0)
-
-vec2 tap(ivec2 offset)
-{
-  return depthTexelFetch(ivec3(ivec2(gl_FragCoord.xy) + offset, In.layer));
-}
+const QString kFilterDefines = QStringLiteral(R"(
+#define FILTER_SOURCE u_DepthFrameSampler
+#define FILLERS(depths) (depths)
 )");
 
 const QString &conversionText(ShadowMapRenderPass2::FilterType type)
 {
     static const QString plain = kConversionHead + kConversionMain;
-    static const QString filtered = kConversionHead + kFilterTap + kGradientFilter;
+    static const QString filtered = kConversionHead + kFilterDefines + kGradientFilter;
     return type == ShadowMapRenderPass2::NoFilter ? plain : filtered;
 }
 

@@ -658,7 +658,7 @@ TEST_F(LayeredPass, ADepthOfExactlyOneIsTheLastThatIsKeptAndNoEmptyTexelForTheFi
     forEachPath([&] {
         setLights({kSun});
         const ShaderEdit edit({qMakePair(biased, biased
-                                                     + " int k = (texel.x * 3 + texel.y) % 7;"
+                                                     + " int k = (int(texel.x) * 3 + int(texel.y)) % 7;"
                                                        " if(k == 0) d = 1.0; else if(k == 1) d = 1.00000012;")});
         const F::Map raw(readLayer(run(), 0));
         for (int y = 0; y < kHeight; ++y)
@@ -774,10 +774,9 @@ TEST_F(LayeredPass, LightsThatComeAfterAFrameWithoutAnyAreNamed)
     EXPECT_EQ(messages.containing(QStringLiteral("number 0 (")), 1);
 }
 
-TEST_F(LayeredPass, TheFilterIsItsFormulaOverTheUnfilteredMomentsOnEveryPath)
+// A comb and holes, so that every kind of neighbourhood is there.
+ModelData combScene(float size = 1)
 {
-    namespace F = ShadowFilters;
-    // a comb and holes, so that every kind of neighbourhood is there
     ModelData data;
     data.materials << material({1, 1, 1});
     data.meshes << quadMesh();
@@ -787,10 +786,48 @@ TEST_F(LayeredPass, TheFilterIsItsFormulaOverTheUnfilteredMomentsOnEveryPath)
         item.transform.translate(float(i * 37 % 100) / 50 - 1, float(i * 61 % 100) / 50 - 1,
                                  float(i * 17 % 20) / 10 - 1);
         item.transform.rotate(float(i * 23), 0.3f, 0.5f, 1);
-        item.transform.scale(0.02f + 0.004f * float(i % 20), 0.03f + 0.01f * float(i % 7), 1);
+        item.transform.scale(size * (0.02f + 0.004f * float(i % 20)), size * (0.03f + 0.01f * float(i % 7)), 1);
         data.items << item;
     }
-    ASSERT_TRUE(model().upload(data));
+    return data;
+}
+
+TEST_F(LayeredPass, NothingBeyondTheMapCountsForTheFilter)
+{
+    namespace F = ShadowFilters;
+    ASSERT_TRUE(model().upload(combScene(2)));
+    forEachPath([&] {
+        // a part of the scene, so that casters go on beyond the map on all sides
+        pass().setInput(kMapSize, QSize(37, 29));
+        pass().setInput(kBoundsMin, QVector3D(-0.4f, -0.4f, -1));
+        pass().setInput(kBoundsMax, QVector3D(0.4f, 0.4f, 1));
+        setLights({ShadowMapLight::directional({0, 0, -1})});
+        const ShadowRecord &record = run();
+        const F::Map raw(readLayer(record, 0));
+        int rim = 0;
+        int extrapolatedFromTheRim = 0;
+        for (int y = 0; y < raw.height; ++y) {
+            rim += raw.at(0, y).r <= 1.0;
+            rim += raw.at(raw.width - 1, y).r <= 1.0;
+            extrapolatedFromTheRim += raw.at(1, y).r > 1.0 && raw.at(0, y).r <= 1.0;
+        }
+        ASSERT_GT(rim, 10);
+        ASSERT_GT(extrapolatedFromTheRim, 1) << "two texels on there is nothing to fill it from";
+        pass().setInput(kFilterType, 3);
+        run();
+        F::Branches b;
+        // a few floats of about 1 are added up
+        EXPECT_TRUE(F::isMap(readLayer(record, 0),
+                             F::gradient(
+                                 raw, [](double r) { return r > 1.0; }, &b),
+                             2e-6));
+    });
+}
+
+TEST_F(LayeredPass, TheFilterIsItsFormulaOverTheUnfilteredMomentsOnEveryPath)
+{
+    namespace F = ShadowFilters;
+    ASSERT_TRUE(model().upload(combScene()));
     forEachPath([&] {
         setLights({ShadowMapLight::directional({0, 0, -1}), ShadowMapLight::directional({0.1f, 0.2f, -1})});
         const ShadowRecord &record = run();

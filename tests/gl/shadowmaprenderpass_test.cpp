@@ -632,6 +632,15 @@ TEST_F(ShadowMapPass, TheGradientFilterLeavesItsResultInAnotherTextureWithoutDep
     const GlCalls calls;
     const Texture *filtered = run().projectionTexture();
     EXPECT_NE(filtered, raw);
+    // the filter takes single texels, later readers are to find the array as it was
+    glBindTexture(GL_TEXTURE_2D_ARRAY, raw->textureID());
+    for (const GLenum filter : {GL_TEXTURE_MIN_FILTER, GL_TEXTURE_MAG_FILTER}) {
+        EXPECT_EQ(calls.count("glTexParameteri", {GL_TEXTURE_2D_ARRAY, double(filter), GL_NEAREST}), 1);
+        GLint value = 0;
+        glGetTexParameteriv(GL_TEXTURE_2D_ARRAY, filter, &value);
+        EXPECT_EQ(value, GL_LINEAR);
+    }
+    glBindTexture(GL_TEXTURE_2D_ARRAY, 0);
     // depth is attached for the casters only
     EXPECT_EQ(calls.count("glFramebufferTexture2D", {GL_FRAMEBUFFER, GL_DEPTH_ATTACHMENT}), 1);
     EXPECT_EQ(calls.count("glDrawArrays", {GL_TRIANGLES, 0, 6}), 2);
