@@ -124,9 +124,13 @@ public:
     bool isDrawEmpty(unsigned long long value, unsigned long long mask, Opacity opacity = Opacity::Any);
     bool hasFeatureFlags(unsigned long long flags) const;
 
-    /// Leaves out items whose box lies outside a view until resetCulling; \a viewProjection maps world
-    /// to clip space.
+    /// Leaves out items that lie outside a view until resetCulling; \a viewProjection maps world to clip space.
+    /// Items stand where objectData says now. What is left out draws no pixel in that view, whatever a GPU rounds;
+    /// what draws none may be left in. Selections of views that come again are kept, which costs neither time nor
+    /// memory then.
     void cull(const QMatrix4x4 &viewProjection);
+    /// Leaves out items that lie outside of all of so many views.
+    void cull(const QMatrix4x4 *viewProjections, int count);
     /// Takes back what cull left out.
     void resetCulling();
     /// Box of all items; both corners 0 for an empty model. It touches the vertices that triangles use. Only

@@ -59,6 +59,11 @@ class Texture;
 /// The name is looked for with no regard to words: a vendor that calls itself a corporation takes the batch
 /// path too.
 ///
+/// Each draw leaves out items whose boxes lie outside of all of its layers, which draw nothing there, as
+/// GPUModel::cull tells them; items are followed when they are moved. With a plan of the host's
+/// (setInstanceDataPlanName) nothing is known about where casters are, and all are drawn. Afterwards the model is
+/// as GPUModel::resetCulling leaves it.
+///
 /// The program for casters is built in the first frame and knows as many matrices as there are layers then:
 /// give the pass all its lights in that frame, those that are switched on later with
 /// ShadowMapLight::enabled off. Lights that come later than that cast no shadow, which is said once with their
@@ -127,6 +132,7 @@ private:
     QString _instanceDataPlanName = QStringLiteral("TarnInstance");
     ShadowMapManager::RenderData _renderData;
     GLSLMacroProcessor *_macroProcessor;
+    bool _placedByModel = false; // the casters of _depthProgram
 };
 
 } // namespace Brevane::Kvo

@@ -13,6 +13,7 @@
 #include "model/instancedatacollection.h"
 #include "model/instancedataplan.h"
 #include "model/instancedataregistry.h"
+#include "model/itemculling.h"
 #include "model/materialtexels.h"
 
 #include <epoxy/gl.h>
@@ -28,8 +29,13 @@ namespace Brevane::Kvo {
 
 namespace {
 
-// Enough for the selections of all passes; culling and odd masks evict the oldest.
+// Enough for the selections of all passes; odd masks evict the oldest.
 constexpr std::size_t kMaxSelections = 16;
+// Views that are kept while others are drawn: the layers of some shadow maps. Of large models fewer are, so that
+// there are no more items in all of them together than this.
+constexpr std::size_t kMostViews = 64;
+constexpr std::size_t kFewestViews = 8;
+constexpr std::size_t kMostItemsOfViews = std::size_t(1) << 22;
 
 // What the exact boxes of turned items may cost at most: some tenths of a second.
 constexpr std::size_t kMostBoxedVertices = std::size_t(1) << 24;
@@ -100,8 +106,6 @@ struct PlacedMesh
 struct Item
 {
     quint64 flags = 0;
-    Box box;
-    bool culled = false;
 };
 
 /// The items of one value, mask and opacity, ready to draw.
@@ -112,6 +116,24 @@ struct Selection
     GPUModel::Opacity opacity;
     std::vector<int> items;
     QSharedPointer<BufferObject> commands; // made on first indirect draw
+    bool isMade = false; ///< Otherwise only the memory is still there.
+    bool isUploaded = false;
+};
+
+/// What some views leave out, and the selections of the rest.
+struct View
+{
+    ItemCulling::Bits culled; ///< Empty: nothing.
+    std::vector<Selection> selections;
+    quint64 lastUse = 0;
+};
+
+/// The matrices that have led to a view.
+struct KnownView
+{
+    std::vector<float> matrices; ///< Empty: none any more.
+    std::size_t view = 0;
+    quint64 lastUse = 0;
 };
 
 /// A vector whose sums and products neither vanish nor overflow, whatever the unit of a mesh.
@@ -299,22 +321,35 @@ public:
     {
         if (opacity != GPUModel::Opacity::Any && materialRevision != materialData->revision()) {
             materialRevision = materialData->revision();
-            std::erase_if(selections, [](const Selection &s) { return s.opacity != GPUModel::Opacity::Any; });
+            for (View &view : views)
+                for (Selection &known : view.selections)
+                    known.isMade = known.isMade && known.opacity == GPUModel::Opacity::Any;
         }
-        for (Selection &known : selections) {
-            if (known.value == value && known.mask == mask && known.opacity == opacity)
-                return known;
+        std::vector<Selection> &selections = views[currentView].selections;
+        auto found = std::find_if(selections.begin(), selections.end(), [&](const Selection &s) {
+            return s.value == value && s.mask == mask && s.opacity == opacity;
+        });
+        if (found == selections.end()) {
+            if (selections.size() >= kMaxSelections)
+                selections.erase(selections.begin());
+            found = selections.insert(selections.end(), Selection{value, mask, opacity, {}, nullptr});
         }
-        if (selections.size() >= kMaxSelections)
-            selections.erase(selections.begin());
-        Selection made{value, mask, opacity, {}, nullptr};
+        if (!found->isMade)
+            select(*found, views[currentView].culled);
+        return *found;
+    }
+
+    void select(Selection &made, const ItemCulling::Bits &culled) const
+    {
+        made.items.clear();
         for (std::size_t i = 0; i < items.size(); ++i) {
-            const Item &item = items[i];
-            if ((item.flags & mask) == value && !item.culled && commands[i].count > 0 && hasOpacity(i, opacity))
+            const bool isCulled = !culled.empty() && ItemCulling::has(culled, i);
+            if ((items[i].flags & made.mask) == made.value && !isCulled && commands[i].count > 0
+                && hasOpacity(i, made.opacity))
                 made.items.push_back(int(i));
         }
-        selections.push_back(std::move(made));
-        return selections.back();
+        made.isMade = true;
+        made.isUploaded = false;
     }
 
     bool canDrawIndirect() const
@@ -326,6 +361,9 @@ public:
         return state && has(43, "ARB_multi_draw_indirect") && has(42, "ARB_base_instance");
     }
 
+    /// Lets selections leave out what lies outside of some views.
+    void cull(const QMatrix4x4 *viewProjections, int count);
+
     /// Fills an object that holds nothing yet. What it has taken when it fails goes with it.
     bool upload(const ModelData &data, QStringList *warnings);
     bool draw(ShaderProgram *program, TextureManager *manager, Selection &chosen, WindingType winding);
@@ -334,7 +372,8 @@ public:
 
     std::vector<Item> items;
     std::vector<DrawElementsIndirectCommand> commands;
-    std::vector<Selection> selections;
+    std::vector<View> views = std::vector<View>(1); ///< The first is that of all items.
+    std::size_t currentView = 0;
     QVector<int> maps; ///< Handles, each once.
     quint64 shareGroup = 0; ///< Where all of this lives.
     Box bounds;
@@ -365,6 +404,16 @@ private:
     void takeMaps(const ModelData &data, Upload &made);
     bool placeItems(const ModelData &data, const Upload &made, QStringList *warnings);
     void uploadGeometry(const GeometryArrays &arrays);
+    std::size_t viewWith(const ItemCulling::Bits &culled);
+
+    ItemCulling culling;
+    int placesRevision = 0; ///< Of the object data, that the culling knows.
+    std::vector<KnownView> knownViews;
+    quint64 viewUses = 0;
+    // Kept for their memory.
+    std::vector<float> wantedMatrices;
+    ItemCulling::Bits foundOutside;
+    std::vector<DrawElementsIndirectCommand> selectedCommands;
 };
 
 bool GPUModelPrivate::upload(const ModelData &data, QStringList *warnings)
@@ -429,7 +478,8 @@ bool GPUModelPrivate::placeItems(const ModelData &data, const Upload &made, QStr
         const Box box = boxes.of(mesh, item.transform);
         bounds.add(box);
         commands.push_back({mesh.indexCount, 1, mesh.firstIndex, 0, unsigned(items.size())});
-        items.push_back({item.flags, box, false});
+        items.push_back({item.flags});
+        culling.add(mesh.box.minimum, mesh.box.maximum, box.minimum, box.maximum, item.transform);
         triangles += mesh.indexCount / 3;
         appendMatrix(objectFloats, item.transform);
         appendMatrix(objectFloats, item.transform.inverted().transposed());
@@ -439,6 +489,8 @@ bool GPUModelPrivate::placeItems(const ModelData &data, const Upload &made, QStr
         warn(warnings, QStringLiteral("the model has more items than this driver can index"));
         return false;
     }
+    culling.setFirstPlaces(objectFloats);
+    placesRevision = objectData->revision();
     return true;
 }
 
@@ -521,14 +573,16 @@ bool GPUModelPrivate::draw(ShaderProgram *program, TextureManager *manager, Sele
 void GPUModelPrivate::drawIndirect(Selection &chosen)
 {
     if (!chosen.commands) {
-        std::vector<DrawElementsIndirectCommand> selected;
-        selected.reserve(chosen.items.size());
-        for (int item : chosen.items)
-            selected.push_back(commands[std::size_t(item)]);
         chosen.commands = QSharedPointer<BufferObject>::create();
         chosen.commands->setTarget(GL_DRAW_INDIRECT_BUFFER);
-        chosen.commands->uploadBytes(selected.data(), qint64(selected.size()) * qint64(sizeof selected[0]),
-                                     GL_STATIC_DRAW);
+    }
+    if (!chosen.isUploaded) {
+        selectedCommands.clear();
+        for (int item : chosen.items)
+            selectedCommands.push_back(commands[std::size_t(item)]);
+        chosen.isUploaded = chosen.commands->uploadBytes(
+            selectedCommands.data(), qint64(selectedCommands.size()) * qint64(sizeof selectedCommands[0]),
+            GL_STATIC_DRAW);
     }
     GLint before = 0;
     glGetIntegerv(GL_DRAW_INDIRECT_BUFFER_BINDING, &before);
@@ -557,6 +611,63 @@ void GPUModelPrivate::drawOneByOne(ShaderProgram *program, const Selection &chos
     }
     if (indexLocation >= 0)
         glVertexAttribI4uiv(GLuint(indexLocation), indexBefore);
+}
+
+// Matrices that were here before lead to their view at once. Others are looked at anew, and may lead to a view that
+// leaves out the same. Memory is taken over from the view that was not used for longest.
+void GPUModelPrivate::cull(const QMatrix4x4 *viewProjections, int count)
+{
+    currentView = 0;
+    if (count <= 0)
+        return;
+    if (placesRevision != objectData->revision()) {
+        placesRevision = objectData->revision();
+        culling.setPlaces(objectData->data());
+        for (KnownView &known : knownViews)
+            known.matrices.clear();
+    }
+    wantedMatrices.clear();
+    for (int i = 0; i < count; ++i)
+        wantedMatrices.insert(wantedMatrices.end(), viewProjections[i].constData(),
+                              viewProjections[i].constData() + 16);
+    ++viewUses;
+    auto known = std::find_if(knownViews.begin(), knownViews.end(),
+                              [this](const KnownView &k) { return k.matrices == wantedMatrices; });
+    if (known == knownViews.end()) {
+        if (knownViews.size() < kMostViews)
+            known = knownViews.insert(knownViews.end(), KnownView());
+        else
+            known = std::min_element(knownViews.begin(), knownViews.end(),
+                                     [](const KnownView &a, const KnownView &b) { return a.lastUse < b.lastUse; });
+        const bool isAnyOutside = culling.findOutside(viewProjections, count, foundOutside);
+        known->matrices.clear();
+        known->view = isAnyOutside ? viewWith(foundOutside) : 0;
+        known->matrices = wantedMatrices;
+    }
+    known->lastUse = viewUses;
+    currentView = known->view;
+    views[currentView].lastUse = viewUses;
+}
+
+std::size_t GPUModelPrivate::viewWith(const ItemCulling::Bits &culled)
+{
+    const auto same = std::find_if(views.begin() + 1, views.end(), [&](const View &v) { return v.culled == culled; });
+    if (same != views.end())
+        return std::size_t(same - views.begin());
+    if (views.size() < std::clamp(kMostItemsOfViews / items.size(), kFewestViews, kMostViews)) {
+        views.emplace_back().culled = culled;
+        return views.size() - 1;
+    }
+    const auto oldest = std::min_element(views.begin() + 1, views.end(),
+                                         [](const View &a, const View &b) { return a.lastUse < b.lastUse; });
+    const auto index = std::size_t(oldest - views.begin());
+    for (KnownView &known : knownViews)
+        if (known.view == index)
+            known.matrices.clear();
+    for (Selection &selection : oldest->selections)
+        selection.isMade = false;
+    oldest->culled = culled;
+    return index;
 }
 
 QVector<QVector3D> computedNormals(const QVector<QVector3D> &positions, const QVector<quint32> &indices)
@@ -634,28 +745,17 @@ bool GPUModel::hasFeatureFlags(unsigned long long flags) const
 
 void GPUModel::cull(const QMatrix4x4 &viewProjection)
 {
-    for (Item &item : d->items) {
-        // Outside when all corners lie beyond one of the six planes.
-        std::array<int, 6> beyond{};
-        for (int i = 0; i < 8 && !item.box.isEmpty(); ++i) {
-            const QVector4D p = viewProjection * QVector4D(item.box.corner(i), 1.0f);
-            for (int axis = 0; axis < 3; ++axis) {
-                beyond[std::size_t(axis)] += p[axis] < -p.w();
-                beyond[std::size_t(axis) + 3] += p[axis] > p.w();
-            }
-        }
-        item.culled = std::any_of(beyond.cbegin(), beyond.cend(), [](int corners) { return corners == 8; });
-    }
-    d->selections.clear();
+    d->cull(&viewProjection, 1);
+}
+
+void GPUModel::cull(const QMatrix4x4 *viewProjections, int count)
+{
+    d->cull(viewProjections, count);
 }
 
 void GPUModel::resetCulling()
 {
-    bool changed = false;
-    for (Item &item : d->items)
-        changed = std::exchange(item.culled, false) || changed;
-    if (changed)
-        d->selections.clear();
+    d->currentView = 0;
 }
 
 GPUModel::BoundingBox GPUModel::sceneBounds() const

@@ -14,9 +14,15 @@
 
 #include <epoxy/gl.h>
 
+#include <algorithm>
+#include <array>
+#include <iterator>
+
 namespace Brevane::Kvo {
 
 namespace {
+
+constexpr int kMostLayersToCullTo = 8;
 
 InstanceDataCollection *instanceDataIn(const QVariant &value)
 {
@@ -151,6 +157,28 @@ void drawCasterGroups(GPUModel &model, ShaderProgram *program, const CasterGroup
     }
     if (groups.unculled)
         model.draw(program, nullptr, kUnculled, kCasterGroup);
+}
+
+bool placesByModel(const QString &plan)
+{
+    const InstanceDataRegistry &registry = InstanceDataRegistry::Instance();
+    const InstanceDataPlan *ofModels = registry.getPlan(QStringLiteral("InstanceInfo"));
+    const InstanceDataPlan *used = registry.hasPlan(plan) ? registry.getPlan(plan) : nullptr;
+    return used && used->glslc() == ofModels->glslc();
+}
+
+void cullToLayers(GPUModel &model, const ShadowMapRenderData &record, int firstLayer, int count)
+{
+    std::array<QMatrix4x4, kMostLayersToCullTo> matrices;
+    if (count > kMostLayersToCullTo || firstLayer + count > record.transforms.size()) {
+        model.resetCulling();
+        return;
+    }
+    for (int i = 0; i < count; ++i) {
+        const ShadowMapRenderData::Transform &transform = record.transforms.at(firstLayer + i);
+        std::copy(std::begin(transform.m), std::end(transform.m), matrices[std::size_t(i)].data());
+    }
+    model.cull(matrices.data(), count);
 }
 
 void bindInstanceData(const QVariantList &list, ShaderProgram *program)

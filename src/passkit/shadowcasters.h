@@ -64,6 +64,12 @@ CasterGroups casterGroupsOf(GPUModel &model);
 /// and then the others.
 void drawCasterGroups(GPUModel &model, ShaderProgram *program, const CasterGroups &groups);
 
+/// Whether a plan places casters where the data of their model says. Of another one only its shaders know.
+bool placesByModel(const QString &plan);
+/// Lets a model leave out casters that draw nothing in so many layers of a record, until its resetCulling. What
+/// stands in front of a layer's range is among them, so this is not for passes that clamp depths.
+void cullToLayers(GPUModel &model, const ShadowMapRenderData &record, int firstLayer, int count);
+
 /// The layers of a record that belong to a light, light by light, for a loop over them.
 class LayersOfLights
 {

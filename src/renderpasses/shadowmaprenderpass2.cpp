@@ -332,7 +332,7 @@ ShadowMapRenderPass2::ShadowMapRenderPass2(const ShadowMapRenderPass2 &other)
       _useViewportLayer(other._useViewportLayer), _layeredTargets(other._layeredTargets),
       _layerCount(other._layerCount), _mapSize(other._mapSize), _blurPrograms(other._blurPrograms),
       _pointQuad(other._pointQuad), _instanceDataPlanName(other._instanceDataPlanName), _renderData(other._renderData),
-      _macroProcessor(new GLSLMacroProcessor(*other._macroProcessor))
+      _macroProcessor(new GLSLMacroProcessor(*other._macroProcessor)), _placedByModel(other._placedByModel)
 {}
 
 ShadowMapRenderPass2 &ShadowMapRenderPass2::operator=(const ShadowMapRenderPass2 &other)
@@ -355,6 +355,7 @@ ShadowMapRenderPass2 &ShadowMapRenderPass2::operator=(const ShadowMapRenderPass2
     _instanceDataPlanName = other._instanceDataPlanName;
     _renderData = other._renderData;
     *_macroProcessor = *other._macroProcessor;
+    _placedByModel = other._placedByModel;
     return *this;
 }
 
@@ -445,6 +446,7 @@ void ShadowMapRenderPass2::start(RenderCallbacks *)
             return;
         }
         checkPlan(_instanceDataPlanName, _depthProgram);
+        _placedByModel = placesByModel(_instanceDataPlanName);
         render = true;
     }
 
@@ -589,9 +591,12 @@ bool ShadowMapRenderPass2::_drawCasters(GPUModel *model, const QVariantList &ins
         }
         _depthProgram->setUniform(QStringLiteral("u_layerBase"), base);
         _depthProgram->setUniform(QStringLiteral("u_layerCount"), n);
+        if (_placedByModel)
+            cullToLayers(*model, _renderData, base, n);
         drawCasterGroups(*model, _depthProgram, groups);
         base += n;
     }
+    model->resetCulling();
     unbindInstanceData(instanceData, _depthProgram);
     glDisable(GL_DEPTH_CLAMP);
     openColorMask();

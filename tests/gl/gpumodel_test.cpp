@@ -1,6 +1,8 @@
 // The model by itself: what it takes and refuses of a scene, what it draws, what it keeps and gives back. The
 // passes' own tests hold what they make of it.
 
+#include "support/allocations.h"
+#include "support/culling.h"
 #include "support/draw.h"
 #include "support/gltest.h"
 #include "support/messages.h"
@@ -620,6 +622,239 @@ TEST_P(GPUModelCullingTest, LeavesOutWhatLiesBeyondAPlaneAndNothingThatReachesIn
 
 INSTANTIATE_TEST_SUITE_P(Planes, GPUModelCullingTest,
                          ::testing::Combine(::testing::Range(0, 3), ::testing::Values(-1, 1), ::testing::Bool()));
+
+namespace {
+
+constexpr int kStones = 60;
+
+/// Boxes that stand about, one to a flag bit.
+ModelData stones(std::minstd_rand &random)
+{
+    std::uniform_real_distribution<float> at(-20, 20);
+    ModelData data;
+    data.meshes << cubeMesh();
+    data.materials << material({1, 1, 1});
+    for (int i = 0; i < kStones; ++i) {
+        ModelItem item;
+        item.transform.translate(at(random), at(random), at(random));
+        item.transform.rotate(9 * at(random), 1, at(random), at(random));
+        item.transform.scale(0.5f, 0.2f, 1.5f);
+        item.flags = quint64(1) << i;
+        data.items << item;
+    }
+    return data;
+}
+
+QMatrix4x4 someView(std::minstd_rand &random)
+{
+    std::uniform_real_distribution<float> at(-20, 20);
+    QMatrix4x4 view;
+    if (random() % 2)
+        view.perspective(20 + 2 * std::abs(at(random)), 1.3f, 0.5f, 10 + std::abs(at(random)));
+    else
+        view.ortho(-7, 7, -5, 9, -3, 18);
+    view.lookAt({at(random), at(random), at(random)}, {at(random), at(random), at(random)}, {0, 1, 0.1f});
+    return view;
+}
+
+/// What a model draws of the stones, against what views show.
+void expectStonesIn(GPUModel &model, const ModelData &data, const std::vector<QMatrix4x4> &views, int *leftOut)
+{
+    model.cull(views.data(), int(views.size()));
+    for (int i = 0; i < kStones; ++i) {
+        Seen seen = Seen::No;
+        for (const QMatrix4x4 &view : views)
+            seen = std::max(seen, seenIn(view, data.meshes[0], data.items[i].transform));
+        const bool isEmpty = model.isDrawEmpty(quint64(1) << i, quint64(1) << i);
+        *leftOut += isEmpty;
+        if (seen != Seen::Unsure) {
+            ASSERT_EQ(isEmpty, seen == Seen::No) << "item " << i;
+        }
+    }
+}
+
+} // namespace
+
+TEST_F(GPUModelTest, CullingLeavesOutWhatIsInNoneOfItsViewsHoweverManyComeAndComeAgain)
+{
+    std::minstd_rand random(7);
+    const ModelData data = stones(random);
+    ASSERT_TRUE(model.upload(data));
+    // More than are kept; of some there are several at a time.
+    std::vector<std::vector<QMatrix4x4>> all;
+    for (int i = 0; i < 150; ++i) {
+        std::vector<QMatrix4x4> views;
+        for (int count = i % 3 == 0 ? 1 + i % 8 : 1; count > 0; --count)
+            views.push_back(someView(random));
+        all.push_back(views);
+    }
+    int leftOut = 0;
+    for (int round = 0; round < 600; ++round) {
+        // one of the last few more often than any
+        const std::size_t which = round % 2 ? random() % all.size() : std::size_t(round / 20 + round % 3) % all.size();
+        SCOPED_TRACE(round);
+        expectStonesIn(model, data, all[which], &leftOut);
+        if (HasFatalFailure())
+            return;
+    }
+    EXPECT_GT(leftOut, 600 * kStones / 3);
+    EXPECT_LT(leftOut, 600 * kStones * 19 / 20);
+    model.cull(nullptr, 0);
+    EXPECT_FALSE(model.isDrawEmpty(1, 1));
+}
+
+TEST_F(GPUModelTest, CullingFollowsItemsThatAreMoved)
+{
+    std::minstd_rand random(11);
+    ModelData data = stones(random);
+    ASSERT_TRUE(model.upload(data));
+    const QMatrix4x4 view = someView(random);
+    int leftOut = 0;
+    expectStonesIn(model, data, {view}, &leftOut);
+    for (int round = 0; round < 20; ++round) {
+        for (int i = round % 2; i < kStones; i += 2)
+            data.items[i].transform = stones(random).items[i].transform;
+        ASSERT_TRUE(model.objectData(0)->setData(placesOf(data)));
+        SCOPED_TRACE(round);
+        expectStonesIn(model, data, {view}, &leftOut);
+        if (HasFatalFailure())
+            return;
+    }
+    EXPECT_GT(leftOut, kStones);
+    // What cannot be told where it is, is drawn: no data, no numbers, a projection.
+    QVector<float> places = placesOf(data);
+    places.resize(places.size() - 32);
+    places[3] = 1; // into w
+    places[32 + 12] = kNaN;
+    places[64 + 13] = kInfinity;
+    ASSERT_TRUE(model.objectData(0)->setData(places));
+    QMatrix4x4 elsewhere;
+    elsewhere.ortho(1000, 1001, 1000, 1001, -1, 1);
+    model.cull(elsewhere);
+    for (int i = 0; i < kStones; ++i)
+        EXPECT_EQ(model.isDrawEmpty(quint64(1) << i, quint64(1) << i), i > 2 && i < kStones - 1) << i;
+}
+
+TEST_F(GPUModelTest, WhatTouchesAPlaneOrIsWithinTheRoundingOfAGpuIsLeftIn)
+{
+    // A box of 1e4 units whose side comes to lie at 1, where floats are 1e-3 apart on the way.
+    ModelData data;
+    data.meshes << cubeMesh();
+    data.materials << material({1, 1, 1});
+    for (const float beyond : {0.0f, 0.001f, 1.0f}) {
+        ModelItem item;
+        item.transform.translate(1e4f + 1 + beyond, 0, 0);
+        item.transform.scale(1e4f);
+        item.flags = quint64(1) << data.items.size();
+        data.items << item;
+    }
+    ASSERT_TRUE(model.upload(data));
+    QMatrix4x4 view;
+    view.ortho(-1, 1, -1, 1, -1, 1);
+    model.cull(view);
+    EXPECT_FALSE(model.isDrawEmpty(1, 1));
+    EXPECT_FALSE(model.isDrawEmpty(2, 2));
+    EXPECT_TRUE(model.isDrawEmpty(4, 4));
+    // With a near plane so near, floats hardly tell what is in front of the far plane from what is behind it.
+    data.items.resize(1);
+    data.items[0].transform.setToIdentity();
+    data.items[0].transform.translate(0, 0, -10002);
+    ASSERT_TRUE(model.upload(data));
+    QMatrix4x4 deep;
+    deep.perspective(90, 1, 1e-3f, 1e4f);
+    model.cull(deep);
+    EXPECT_FALSE(model.isDrawEmpty(1, 1));
+}
+
+TEST_F(GPUModelTest, EachOfManyViewsDrawsItsOwnItems)
+{
+    // An item to a pixel, and views of one each: more than are kept.
+    ASSERT_TRUE(model.upload(quadGridScene(kSide, kSide)));
+    for (const auto road : {GPUModel::DrawRoad::Automatic, GPUModel::DrawRoad::Loop}) {
+        model.setDrawRoad(road);
+        for (int i = 0; i < 3 * kSide * kSide / 2; ++i) {
+            const int cell = i * 37 % (kSide * kSide / 2);
+            const int x = cell % kSide;
+            const int y = cell / kSide;
+            const auto edge = [](int pixel) { return 2.0f * float(pixel) / kSide - 1; };
+            QMatrix4x4 view;
+            constexpr float kInside = 0.01f;
+            view.ortho(edge(x) + kInside, edge(x + 1) - kInside, edge(y) + kInside, edge(y + 1) - kInside, -1, 1);
+            model.cull(view);
+            const Image<float> shown =
+                picture(colors, "getKd()", [&](ShaderProgram *program) { return model.draw(program, nullptr, 0, 0); });
+            int others = 0;
+            for (int v = 0; v < kSide; ++v)
+                for (int u = 0; u < kSide; ++u)
+                    others += shown.at(u, v)[0] > 0 && (u != x || v != y);
+            ASSERT_EQ(others, 0) << "view " << i;
+            ASSERT_GT(shown.at(x, y)[0], 0) << "view " << i;
+        }
+    }
+}
+
+TEST_F(GPUModelTest, OfLargeModelsFewerViewsAreKeptAndEachIsStillItsOwn)
+{
+    // 40 heaps of triangles, one to a view and a flag bit.
+    constexpr int kHeaps = 40;
+    constexpr int kItems = 140000;
+    ModelData data;
+    ModelMesh triangle;
+    triangle.positions << QVector3D(0, 0, 0) << QVector3D(1, 0, 0) << QVector3D(0, 1, 0);
+    triangle.indices << 0 << 1 << 2;
+    data.meshes << triangle;
+    data.materials << material({1, 1, 1});
+    for (int i = 0; i < kItems; ++i) {
+        ModelItem item;
+        item.transform.translate(10.0f * float(i % kHeaps), 0, 0);
+        item.flags = quint64(1) << (i % kHeaps);
+        data.items << item;
+    }
+    ASSERT_TRUE(model.upload(data));
+    std::vector<QMatrix4x4> views(kHeaps);
+    for (int heap = 0; heap < kHeaps; ++heap)
+        views[std::size_t(heap)].ortho(10.0f * float(heap) - 1, 10.0f * float(heap) + 2, -1, 2, -1, 1);
+    std::minstd_rand random(17);
+    for (int i = 0; i < 4 * kHeaps; ++i) {
+        const auto heap = i < kHeaps ? quint64(i) : quint64(random() % kHeaps);
+        model.cull(views[std::size_t(heap)]);
+        ASSERT_FALSE(model.isDrawEmpty(quint64(1) << heap, quint64(1) << heap)) << i;
+        ASSERT_TRUE(model.isDrawEmpty(0, quint64(1) << heap)) << i;
+    }
+}
+
+TEST_F(GPUModelTest, ViewsThatComeAgainTakeNoMemoryAndNoUpload)
+{
+    if (!allocationsAreCounted())
+        GTEST_SKIP() << "allocations are not counted in this build";
+    std::minstd_rand random(13);
+    const ModelData data = stones(random);
+    ASSERT_TRUE(model.upload(data));
+    std::vector<QMatrix4x4> views;
+    for (int i = 0; i < 8; ++i)
+        views.push_back(someView(random));
+    const auto program = programOf("OBJMaterial", "getKd()");
+    Target target(GL_RGBA32F, kSide, kSide);
+    const AutoBinder framebuffer(target.framebuffer());
+    const AutoBinder bound(program.get());
+    const auto drawAll = [&] {
+        for (const QMatrix4x4 &view : views) {
+            model.cull(view);
+            model.draw(program.get(), nullptr, 0, 0);
+        }
+        model.resetCulling();
+        model.draw(program.get(), nullptr, 0, 0);
+    };
+    drawAll();
+    const GlCalls calls;
+    drawAll();
+    EXPECT_GT(calls.draws(), 1);
+    EXPECT_EQ(calls.count("glBufferData"), 0);
+    EXPECT_EQ(calls.created(), 0);
+    const AllocationCounter allocations;
+    drawAll();
+    EXPECT_EQ(allocations.count(), 0);
+}
 
 // ---- bounds
 

@@ -1,4 +1,5 @@
 #include "support/allocations.h"
+#include "support/culling.h"
 #include "support/messages.h"
 #include "support/passes.h"
 #include "support/shaderedit.h"
@@ -8,6 +9,7 @@
 #include <gl/shaderprogram.h>
 #include <model/gpumodel.h>
 #include <model/instancedatacollection.h>
+#include <model/instancedataplan.h>
 #include <model/instancedataregistry.h>
 #include <renderpasses/shadowmaprenderpass.h>
 #include <renderpasses/shadowmaprenderpass2.h>
@@ -1139,6 +1141,350 @@ TEST_F(LayeredPass, AfterTeardownTheMapsStayAsTheyAreUntilTheArraysAreMadeAgain)
         const MapComparison c = compareWithModel(readLayer(record, 0), castersOfShadowScene(), record.transforms[0]);
         EXPECT_EQ(c.wrong, 0);
         EXPECT_GT(c.covered, 400);
+    });
+}
+
+namespace {
+
+/// A plan with the getters of "InstanceInfo" in another text, so that the pass cannot know where casters are.
+QString otherPlan(const QString &name, const char *before = "", const char *after = "")
+{
+    InstanceDataRegistry &registry = InstanceDataRegistry::Instance();
+    if (!registry.hasPlan(name)) {
+        const InstanceDataPlan *known = registry.getPlan(QStringLiteral("InstanceInfo"));
+        QString text = known->glslc() + QStringLiteral("\n// Where casters are is not to be known.\n");
+        if (*before) {
+            EXPECT_TRUE(text.contains(QLatin1String(before)));
+            text.replace(QLatin1String(before), QLatin1String(after));
+        }
+        registry.addPlan(
+            new InstanceDataPlan(name, known->samplerName(), known->texelsPerDraw(), known->glslh(), text));
+    }
+    return name;
+}
+
+QString uncullablePlan()
+{
+    return otherPlan(QStringLiteral("Uncullable"));
+}
+
+/// Streets of houses on a floor, each fifth with both faces; and a tower beside the view of the camera, whose
+/// shadow falls into it.
+ModelData town()
+{
+    ModelData data;
+    data.meshes << cubeMesh() << quadMesh();
+    data.materials << material({1, 1, 1});
+    const auto add = [&](const QVector3D &place, const QVector3D &scale, float angle, quint64 flags) {
+        ModelItem item;
+        item.flags = flags;
+        item.transform.translate(place);
+        item.transform.rotate(angle, 0, 1, 0);
+        item.transform.scale(scale);
+        data.items << item;
+    };
+    for (int i = 0; i < 144; ++i) {
+        const float height = 0.4f + 0.15f * float(i * 7 % 11);
+        add({4.0f * float(i % 12) - 22, height, 4.0f * float(i / 12) - 22}, {1, height, 0.7f}, float(i * 13),
+            i % 5 ? 0 : 0x1000000000000000);
+    }
+    add({-12, 9, 19}, {1, 9, 1}, 10, 0);
+    add({0, 3, 12}, {1, 1, 1}, 0, 0x4000000000000000); // no caster
+    ModelItem floor;
+    floor.mesh = 1;
+    floor.transform.rotate(-90, 1, 0, 0);
+    floor.transform.scale(26);
+    data.items << floor;
+    return data;
+}
+
+constexpr quint64 kNoCasterFlags = 0xC000000000000000;
+
+/// Draws of casters that layers need, from the fewest to the most: where floats decide there are both.
+std::pair<int, int> drawsOf(const ModelData &data, const ShadowRecord &record, int first, int count)
+{
+    std::pair<int, int> draws{0, 0};
+    for (const ModelItem &item : data.items) {
+        if (item.flags & kNoCasterFlags)
+            continue;
+        Seen seen = Seen::No;
+        for (int layer = first; layer < first + count; ++layer)
+            seen = std::max(seen, seenIn(matrixOf(record.transforms[layer]), data.meshes[item.mesh], item.transform));
+        draws.first += seen == Seen::Yes;
+        draws.second += seen != Seen::No;
+    }
+    return draws;
+}
+
+} // namespace
+
+class LayeredPassCulling : public LayeredPass
+{
+protected:
+    /// Cascades of a camera in a street, a spot light and a point light in the middle of the town.
+    void connectTown(ShadowMapRenderPass2 &p, GPUModel &casters)
+    {
+        p.setInput(kGeometry, QVariant::fromValue(&casters));
+        p.setInput(kMapSize, QSize(kWidth, kHeight));
+        p.setInput(kFilterType, 0);
+        p.setInput(kCamera, camera);
+        p.setInput(kProjection, projection);
+        p.setInput(kBoundsMin, boundsMin);
+        p.setInput(kBoundsMax, boundsMax);
+        p.setInput(kLights, lightList({ShadowMapLight::directional({0.9f, -1, 0.1f}, 4),
+                                       ShadowMapLight::spot({6, 7, 4}, {-0.3f, -1, -0.15f}, 50),
+                                       ShadowMapLight::point({1.2f, 3, -2}, 8)}));
+    }
+    /// Draws with the pass and without any culling, and compares each layer.
+    void expectSameMaps(GPUModel &casters, int *covered)
+    {
+        const bool batch = path == ShadowPath::Batch;
+        const std::unique_ptr<ShadowMapRenderPass2> reference = makeLayeredPass(path, context());
+        connectTown(*reference, casters);
+        reference->setInstanceDataPlanName(uncullablePlan());
+        runFrame(*reference);
+        ShadowRecord &record = run();
+        const int layers = record.layerCount;
+        ASSERT_EQ(layers, 11);
+        {
+            const GlCalls calls;
+            runFrame(*reference);
+            EXPECT_EQ(calls.count("glDrawElements"), (batch ? 2 : layers) * 146) << "all of them, each time";
+        }
+        for (int layer = 0; layer < layers; ++layer) {
+            const Image<float> map = readLayer(record, layer);
+            EXPECT_TRUE(sameImage(map, readLayer(*recordOf(*reference), layer), within(0))) << "layer " << layer;
+            for (int y = 0; y < kHeight; ++y)
+                for (int x = 0; x < kWidth; ++x)
+                    *covered += map.at(x, y)[0] <= 1.0f;
+        }
+    }
+    /// Draws of casters in each layer, or batch of layers, against those that the boxes of the items call for.
+    void expectDrawsOf(const ModelData &data, int *draws)
+    {
+        const int step = path == ShadowPath::Batch ? 8 : 1;
+        const GlCalls calls;
+        const ShadowRecord &record = run();
+        std::vector<int> found;
+        if (path == ShadowPath::PerLayer) {
+            for (const QString &call : calls.sequence({"glFramebufferTextureLayer", "glDrawElements"})) {
+                if (call == QStringLiteral("glFramebufferTextureLayer"))
+                    found.push_back(0);
+                else
+                    ++found.back();
+            }
+            ASSERT_EQ(found.size(), 22u) << "moments and depth of each layer";
+            for (int layer = 0; layer < 11; ++layer) {
+                EXPECT_EQ(found[std::size_t(2 * layer)], 0);
+                found[std::size_t(layer)] = found[std::size_t(2 * layer + 1)];
+            }
+            found.resize(11);
+        }
+        std::pair<int, int> sum{0, 0};
+        for (int first = 0; first < 11; first += step) {
+            const std::pair<int, int> wanted = drawsOf(data, record, first, std::min(step, 11 - first));
+            sum.first += wanted.first;
+            sum.second += wanted.second;
+            if (path == ShadowPath::PerLayer) {
+                EXPECT_GE(found[std::size_t(first)], wanted.first) << "layer " << first;
+                EXPECT_LE(found[std::size_t(first)], wanted.second) << "layer " << first;
+            }
+        }
+        *draws = calls.count("glDrawElements");
+        EXPECT_GE(*draws, sum.first);
+        EXPECT_LE(*draws, sum.second);
+    }
+    void forEachPathWith(GPUModel &casters, const std::function<void()> &test)
+    {
+        for (const ShadowPath each : shadowPaths()) {
+            SCOPED_TRACE(nameOf(each));
+            path = each;
+            take(each);
+            connectTown(pass(), casters);
+            test();
+            if (HasFatalFailure())
+                return;
+        }
+    }
+
+    void SetUp() override
+    {
+        LayeredPass::SetUp();
+        camera.lookAt({-2, 1.5f, 21}, {3, 1, 8}, {0, 1, 0});
+        projection.perspective(45, 1.5f, 0.3f, 28);
+    }
+
+    QMatrix4x4 camera;
+    QMatrix4x4 projection;
+    QVariant boundsMin; ///< The model's, unless a test sets them.
+    QVariant boundsMax;
+    ShadowPath path = ShadowPath::Batch;
+};
+
+TEST_F(LayeredPassCulling, EachLayerDrawsWhatItSeesAndItsMapIsThatOfDrawingAll)
+{
+    const ModelData data = town();
+    ASSERT_TRUE(model().upload(data));
+    model().setDrawRoad(GPUModel::DrawRoad::Loop);
+    forEachPathWith(model(), [&] {
+        int covered = 0;
+        expectSameMaps(model(), &covered);
+        EXPECT_GT(covered, 11 * kWidth * kHeight / 3);
+        int draws = 0;
+        expectDrawsOf(data, &draws);
+        if (path != ShadowPath::Batch) {
+            EXPECT_LT(draws, 11 * 146 / 2);
+        }
+        EXPECT_GT(draws, 11);
+        // the tower is in no view of the camera, and in the map of a cascade
+        EXPECT_EQ(seenIn(projection * camera, data.meshes[0], data.items[144].transform), Seen::No);
+        EXPECT_EQ(seenIn(matrixOf(recordOf(pass())->transforms[1]), data.meshes[0], data.items[144].transform),
+                  Seen::Yes);
+        for (const quint64 flags : {quint64(0), quint64(0x1000000000000000), quint64(0x4000000000000000)})
+            EXPECT_FALSE(model().isDrawEmpty(flags, kNoCasterFlags | 0x1000000000000000))
+                << "the culling is taken back";
+        model().cull(matrixOf(recordOf(pass())->transforms[5]));
+        int again = 0;
+        expectDrawsOf(data, &again);
+        EXPECT_EQ(again, draws) << "whatever a host had culled";
+    });
+}
+
+TEST_F(LayeredPassCulling, OnTheRoadOfIndirectDrawsTheMapsAreTheSame)
+{
+    ASSERT_TRUE(model().upload(town()));
+    forEachPathWith(model(), [&] {
+        std::vector<Image<float>> maps;
+        for (const auto road : {GPUModel::DrawRoad::Loop, GPUModel::DrawRoad::Automatic}) {
+            model().setDrawRoad(road);
+            const ShadowRecord &record = run();
+            for (int layer = 0; layer < record.layerCount; ++layer)
+                maps.push_back(readLayer(record, layer));
+        }
+        for (std::size_t i = 0; i < maps.size() / 2; ++i)
+            EXPECT_TRUE(sameImage(maps[i], maps[i + maps.size() / 2], within(0))) << i;
+    });
+}
+
+TEST_F(LayeredPassCulling, ItemsThatAreMovedAndOtherModelsAreFollowed)
+{
+    ModelData data = town();
+    ASSERT_TRUE(model().upload(data));
+    model().setDrawRoad(GPUModel::DrawRoad::Loop);
+    GPUModel other;
+    ModelData otherData = town();
+    for (ModelItem &item : otherData.items)
+        item.transform.rotate(20, 0, 1, 0);
+    ASSERT_TRUE(other.upload(otherData));
+    other.setDrawRoad(GPUModel::DrawRoad::Loop);
+    // what casters are framed by stays, so that only the places differ
+    boundsMin = QVector3D(-27, 0, -27);
+    boundsMax = QVector3D(27, 18, 27);
+    forEachPathWith(model(), [&] {
+        run();
+        for (int round = 0; round < 3; ++round) {
+            for (qsizetype i = 0; i < data.items.size() - 1; ++i) {
+                QMatrix4x4 turned;
+                turned.rotate(40, 0, 1, 0);
+                data.items[i].transform = turned * data.items[i].transform;
+            }
+            ASSERT_TRUE(model().objectData(0)->setData(placesOf(data)));
+            int draws = 0;
+            int covered = 0;
+            expectDrawsOf(data, &draws);
+            expectSameMaps(model(), &covered);
+            pass().setInput(kGeometry, QVariant::fromValue(&other));
+            expectDrawsOf(otherData, &draws);
+            expectSameMaps(other, &covered);
+            pass().setInput(kGeometry, QVariant::fromValue(&model()));
+            EXPECT_GT(covered, 11 * kWidth * kHeight / 2);
+        }
+    });
+}
+
+TEST_F(LayeredPassCulling, WhatStandsInFrontOfARangeOrAcrossItIsAsGLClipsIt)
+{
+    ASSERT_TRUE(model().upload(town()));
+    model().setDrawRoad(GPUModel::DrawRoad::Loop);
+    boundsMin = QVector3D(-9, 0.2f, -9);
+    boundsMax = QVector3D(9, 1.1f, 9);
+    forEachPathWith(model(), [&] {
+        int covered = 0;
+        expectSameMaps(model(), &covered);
+        EXPECT_GT(covered, 5000);
+        int draws = 0;
+        expectDrawsOf(town(), &draws);
+    });
+}
+
+TEST_F(LayeredPassCulling, CastersThatAPlanPlacesElsewhereAreNotLeftOut)
+{
+    ModelData data = town();
+    ASSERT_TRUE(model().upload(data));
+    const QString moved =
+        otherPlan(QStringLiteral("Moved"), "return kvo_instanceMatrix(KVO_CURRENT_DRAW * 8);",
+                  "mat4 m = kvo_instanceMatrix(KVO_CURRENT_DRAW * 8); m[3].xz += vec2(16.0, 8.0); return m;");
+    GPUModel there;
+    for (ModelItem &item : data.items) {
+        QMatrix4x4 shift;
+        shift.translate(16, 0, 8);
+        item.transform = shift * item.transform;
+    }
+    ASSERT_TRUE(there.upload(data));
+    boundsMin = QVector3D(-27, 0, -27);
+    boundsMax = QVector3D(43, 18, 35);
+    forEachPathWith(there, [&] {
+        const std::unique_ptr<ShadowMapRenderPass2> placing = makeLayeredPass(path, context());
+        connectTown(*placing, model());
+        placing->setInstanceDataPlanName(moved);
+        runFrame(*placing);
+        const ShadowRecord &record = run();
+        for (int layer = 0; layer < record.layerCount; ++layer)
+            EXPECT_TRUE(sameImage(readLayer(*recordOf(*placing), layer), readLayer(record, layer), within(kDepth)))
+                << layer;
+    });
+}
+
+TEST_F(LayeredPassCulling, CopiesAndPassesThatShareAModelDrawTheSame)
+{
+    ASSERT_TRUE(model().upload(town()));
+    model().setDrawRoad(GPUModel::DrawRoad::Loop);
+    forEachPathWith(model(), [&] {
+        run();
+        int draws = 0;
+        expectDrawsOf(town(), &draws);
+        ShadowMapRenderPass2 copy(pass());
+        ShadowMapRenderPass2 assigned;
+        assigned = pass();
+        for (ShadowMapRenderPass2 *each : {&copy, &assigned}) {
+            const GlCalls calls;
+            runFrame(*each);
+            EXPECT_EQ(calls.count("glDrawElements"), draws);
+            for (int layer = 0; layer < 11; ++layer)
+                EXPECT_TRUE(
+                    sameImage(readLayer(*recordOf(*each), layer), readLayer(*recordOf(pass()), layer), within(0)));
+        }
+    });
+}
+
+TEST_F(LayeredPassCulling, SteadyDirtyFramesWithCascadesTakeNothing)
+{
+    ASSERT_TRUE(model().upload(town()));
+    forEachPathWith(model(), [&] {
+        expectSteadyFrameCreatesNothing(pass());
+        {
+            run();
+            const GlCalls calls;
+            run();
+            EXPECT_EQ(calls.count("glBufferData"), 0);
+        }
+        if (!allocationsAreCounted())
+            return;
+        const GlCalls brackets;
+        run();
+        const AllocationCounter allocations;
+        runFrame(pass());
+        EXPECT_EQ(allocations.count(), 0);
     });
 }
 
