@@ -1,9 +1,10 @@
 // Shadow maps of a model of more than 100,000 triangles in 8 layers of 1024 x 1024: both passes, the layered
-// one on each of its paths, against bare GL that makes the same calls; the layered pass against the other.
+// one on each of its paths, against bare GL that makes the same calls; the layered pass against the other, also for
+// 2,000 triangles; and a city of 1,000 items in 4 cascades against drawing all of it in each.
 //
 //   bench_shadows [MODEL] [--benchmark_out=FILE --benchmark_out_format=json]
 //
-// Without a model file a sheet of hills with spheres on it is drawn.
+// Without a model file spheres over a floor are drawn.
 
 #include "benchmain.h"
 #include "subject.h"
@@ -13,6 +14,8 @@
 #include <gl/glinfo.h>
 #include <host/sceneimport.h>
 #include <model/gpumodel.h>
+#include <model/instancedataplan.h>
+#include <model/instancedataregistry.h>
 #include <renderpasses/shadowmaprenderpass.h>
 #include <renderpasses/shadowmaprenderpass2.h>
 #include <shadows/shadowmaplight.h>
@@ -25,6 +28,7 @@
 
 using namespace Brevane::Kvo;
 using namespace Brevane::Kvo::Bench;
+using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -34,7 +38,7 @@ constexpr int kSide = 1024; // texels
 ModelMesh sphere(int rings)
 {
     ModelMesh mesh;
-    const int segments = 2 * rings;
+    const int segments = rings;
     for (int y = 0; y <= rings; ++y) {
         for (int x = 0; x <= segments; ++x) {
             const float theta = 3.14159265f * float(y) / float(rings);
@@ -53,11 +57,11 @@ ModelMesh sphere(int rings)
     return mesh;
 }
 
-// 64 spheres of 2,048 triangles over a floor; half of them with both faces.
-ModelData spheres()
+// 64 spheres over a floor, of 2 triangles for each ring and segment; half of them with both faces.
+ModelData spheres(int rings)
 {
     ModelData data;
-    data.meshes << sphere(32) << Test::quadMesh();
+    data.meshes << sphere(rings) << Test::quadMesh();
     data.materials << Test::material({1, 1, 1});
     for (int i = 0; i < 64; ++i) {
         const int column = i % 8;
@@ -132,6 +136,49 @@ private:
     PFNGLGETSTRINGIPROC _before;
 };
 
+/// A house: a box whose sides are cut into so many squares along each edge.
+ModelMesh house(int cuts)
+{
+    const ModelMesh cube = Test::cubeMesh();
+    ModelMesh mesh;
+    for (int side = 0; side < 6; ++side) {
+        const QVector3D *corners = &cube.positions[4 * side];
+        const QVector3D across = (corners[1] - corners[0]) / float(cuts);
+        const QVector3D along = (corners[3] - corners[0]) / float(cuts);
+        for (int y = 0; y < cuts; ++y) {
+            for (int x = 0; x < cuts; ++x) {
+                const auto first = quint32(mesh.positions.size());
+                const QVector3D at = corners[0] + float(x) * across + float(y) * along;
+                mesh.positions << at << at + across << at + across + along << at + along;
+                mesh.indices << first << first + 1 << first + 2 << first << first + 2 << first + 3;
+            }
+        }
+    }
+    return mesh;
+}
+
+// 999 houses in streets, and the ground.
+ModelData city(int cuts)
+{
+    ModelData data;
+    data.meshes << house(cuts) << Test::quadMesh();
+    data.materials << Test::material({1, 1, 1});
+    for (int i = 0; i < 999; ++i) {
+        const float height = 4.0f + 1.5f * float(i * 7 % 11);
+        ModelItem item;
+        item.transform.translate(20.0f * float(i % 32) - 310, height, 20.0f * float(i / 32) - 310);
+        item.transform.rotate(float(i % 4) * 3, 0, 1, 0);
+        item.transform.scale(7, height, 6);
+        data.items << item;
+    }
+    ModelItem ground;
+    ground.mesh = 1;
+    ground.transform.rotate(-90, 1, 0, 0);
+    ground.transform.scale(330);
+    data.items << ground;
+    return data;
+}
+
 enum class Path { Batch, ViewportLayer, PerLayer };
 
 std::unique_ptr<ShadowMapRenderPass2> layeredPass(Path path, Test::GLContext &context)
@@ -150,10 +197,36 @@ std::unique_ptr<ShadowMapRenderPass2> layeredPass(Path path, Test::GLContext &co
 
 void connect(RenderPassHelper &pass, GPUModel &model)
 {
-    pass.setInput(pass.findInput(QStringLiteral("Kvo_KvoGPUModel*_Geometry")), QVariant::fromValue(&model));
-    pass.setInput(pass.findInput(QStringLiteral("Kvo_QList_KvoShadowMapManagerLight*_Lights")), lights());
-    pass.setInput(pass.findInput(QStringLiteral("Kvo_int_FilterType")), 3);
-    pass.setInput(pass.findInput(QStringLiteral("Kvo_QSize_MapSize")), QSize(kSide, kSide));
+    pass.setInput(pass.findInput(u"Kvo_KvoGPUModel*_Geometry"_s), QVariant::fromValue(&model));
+    pass.setInput(pass.findInput(u"Kvo_QList_KvoShadowMapManagerLight*_Lights"_s), lights());
+    pass.setInput(pass.findInput(u"Kvo_int_FilterType"_s), 3);
+    pass.setInput(pass.findInput(u"Kvo_QSize_MapSize"_s), QSize(kSide, kSide));
+}
+
+// A camera in a street, whose view a sun lights in 4 cascades.
+void connectStreet(RenderPassHelper &pass, GPUModel &model)
+{
+    connect(pass, model);
+    QMatrix4x4 camera;
+    camera.lookAt({10, 2, 150}, {30, 3, 50}, {0, 1, 0});
+    QMatrix4x4 projection;
+    projection.perspective(50, 1.6f, 0.5f, 200);
+    pass.setInput(pass.findInput(u"Kvo_QList_KvoShadowMapManagerLight*_Lights"_s),
+                  QVariantList{QVariant::fromValue(ShadowMapLight::directional({0.6f, -1, 0.3f}, 4))});
+    pass.setInput(pass.findInput(u"Kvo_QMatrix4x4_CameraMatrix"_s), camera);
+    pass.setInput(pass.findInput(u"Kvo_QMatrix4x4_ProjectionMatrix"_s), projection);
+}
+
+// The passes' plan under another text: where casters are is not to be known, so that all of them are drawn.
+QString planOfAll()
+{
+    InstanceDataRegistry &registry = InstanceDataRegistry::Instance();
+    const InstanceDataPlan *known = registry.getPlan(u"InstanceInfo"_s);
+    const QString name = u"DrawAll"_s;
+    if (!registry.hasPlan(name))
+        registry.addPlan(new InstanceDataPlan(name, known->samplerName(), known->texelsPerDraw(), known->glslh(),
+                                              known->glslc() + u"// of another kind\n"_s));
+    return name;
 }
 
 int drawsOf(RenderPass &pass)
@@ -183,43 +256,86 @@ int main(int argc, char **argv)
     {
         GPUModel model;
         ImportReport report;
-        if (!model.upload(file.isEmpty() ? spheres() : importScene(file, ImportOptions(), &report)) || !report.ok()) {
+        if (!model.upload(file.isEmpty() ? spheres(32) : importScene(file, ImportOptions(), &report)) || !report.ok()) {
             std::fprintf(stderr, "%s\n", qPrintable(report.error));
             return 1;
         }
-        ShadowMapRenderPass plain;
-        connect(plain, model);
-        const auto batch = layeredPass(Path::Batch, context);
-        const auto perLayer = layeredPass(Path::PerLayer, context);
-        std::unique_ptr<ShadowMapRenderPass2> viewportLayer;
+        // Before the passes, which are to be gone first.
+        GPUModel small;
+        GPUModel boxes;
+        GPUModel houses;
+        small.upload(spheres(4));
+        boxes.upload(city(1));
+        houses.upload(city(6));
+
+        std::vector<std::unique_ptr<RenderPassHelper>> passes;
+        const auto plainOf = [&](GPUModel &casters) {
+            passes.push_back(std::make_unique<ShadowMapRenderPass>());
+            connect(*passes.back(), casters);
+            return passes.back().get();
+        };
+        struct NamedPath
+        {
+            Path path;
+            std::string name;
+        };
+        std::vector<NamedPath> paths{{Path::Batch, "batch"}, {Path::PerLayer, "per layer"}};
         if (hasGLExtension("GL_ARB_shader_viewport_layer_array"))
-            viewportLayer = layeredPass(Path::ViewportLayer, context);
+            paths.push_back({Path::ViewportLayer, "viewport layer"});
+        const auto layeredOf = [&](Path path, GPUModel &casters) {
+            std::unique_ptr<ShadowMapRenderPass2> pass = layeredPass(path, context);
+            connect(*pass, casters);
+            ShadowMapRenderPass2 *made = pass.get();
+            passes.push_back(std::move(pass));
+            return made;
+        };
 
         std::vector<Subject> subjects;
         const std::string size = QString::asprintf("/%dx%d", kSide, kSide).toStdString();
-        subjects.push_back({"ShadowMapRenderPass" + size, &plain, kSide, kSide});
-        subjects.push_back({"ShadowMapRenderPass2 batch" + size, batch.get(), kSide, kSide});
-        subjects.push_back({"ShadowMapRenderPass2 per layer" + size, perLayer.get(), kSide, kSide});
-        if (viewportLayer)
-            subjects.push_back({"ShadowMapRenderPass2 viewport layer" + size, viewportLayer.get(), kSide, kSide});
-        for (std::size_t i = 1; i < subjects.size(); ++i)
-            connect(static_cast<ShadowMapRenderPass2 &>(*subjects[i].pass), model);
+        subjects.push_back({"ShadowMapRenderPass" + size, plainOf(model), kSide, kSide});
+        for (const NamedPath &path : paths)
+            subjects.push_back({"ShadowMapRenderPass2 " + path.name + size, layeredOf(path.path, model), kSide, kSide});
         registerAll(subjects);
 
-        // The passes in pairs with the plain one, so that both meet the same moments.
+        // Passes in pairs, so that both meet the same moments.
         struct Pair
         {
             std::string name;
+            RenderPass *pass;
+            RenderPass *other;
             double ratio = 0;
+            double lower = 0;
+            double upper = 0;
         };
-        std::vector<Pair> pairs(subjects.size());
-        for (std::size_t i = 1; i < subjects.size(); ++i) {
-            pairs[i].name = subjects[i].name + " / ShadowMapRenderPass";
-            benchmark::RegisterBenchmark(pairs[i].name.c_str(),
-                                         [&, i](benchmark::State &state) {
+        std::vector<Pair> pairs;
+        const auto trianglesOf = [](const GPUModel &casters) { return std::to_string(casters.triangleCount()); };
+        for (std::size_t i = 0; i < paths.size(); ++i)
+            pairs.push_back({paths[i].name + " / ShadowMapRenderPass, " + trianglesOf(model) + " triangles",
+                             subjects[i + 1].pass, subjects[0].pass});
+        RenderPass *smallPlain = plainOf(small);
+        for (const NamedPath &path : paths)
+            pairs.push_back({path.name + " / ShadowMapRenderPass, " + trianglesOf(small) + " triangles",
+                             layeredOf(path.path, small), smallPlain});
+        for (GPUModel *casters : {&boxes, &houses}) {
+            for (const NamedPath &path : paths) {
+                ShadowMapRenderPass2 *culling = layeredOf(path.path, *casters);
+                ShadowMapRenderPass2 *all = layeredOf(path.path, *casters);
+                all->setInstanceDataPlanName(planOfAll());
+                connectStreet(*culling, *casters);
+                connectStreet(*all, *casters);
+                pairs.push_back(
+                    {path.name + " / the same without culling, city of " + trianglesOf(*casters), culling, all});
+            }
+        }
+        for (Pair &pair : pairs) {
+            benchmark::RegisterBenchmark(pair.name.c_str(),
+                                         [&pair](benchmark::State &state) {
                                              comparePairs(
-                                                 state, [&] { frame(*subjects[i].pass); }, [&] { frame(plain); });
-                                             pairs[i].ratio = state.counters["ratio"];
+                                                 state, [&] { frame(*pair.pass); }, [&] { frame(*pair.other); },
+                                                 PairTime::Process);
+                                             pair.ratio = state.counters["ratio"];
+                                             pair.lower = state.counters["lower"];
+                                             pair.upper = state.counters["upper"];
                                          })
                 ->UseManualTime()
                 ->Iterations(kPairs)
@@ -233,9 +349,9 @@ int main(int argc, char **argv)
         std::printf("\n%-46s %6s\n", "draws per frame", "");
         for (Subject &subject : subjects)
             std::printf("%-46s %6d\n", subject.name.c_str(), drawsOf(*subject.pass));
-        std::printf("\n%-62s %6s\n", "time against the other pass", "ratio");
-        for (std::size_t i = 1; i < pairs.size(); ++i)
-            std::printf("%-62s %6.3f\n", pairs[i].name.c_str(), pairs[i].ratio);
+        std::printf("\n%-62s %6s %16s\n", "CPU time of the process in pairs", "ratio", "quartiles");
+        for (const Pair &pair : pairs)
+            std::printf("%-62s %6.3f %7.3f to %.3f\n", pair.name.c_str(), pair.ratio, pair.lower, pair.upper);
     }
     OpenGLDeviceContext::releaseCurrent();
     return 0;

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <ctime>
+#include <utility>
 #include <vector>
 
 namespace Brevane::Kvo::Bench {
@@ -36,11 +37,17 @@ Cost costOf(Function &&function)
             processMilliseconds() - cpuStart};
 }
 
+/// The value below which a share of values lies.
+inline double quantile(std::vector<double> values, double share)
+{
+    const auto place = values.begin() + std::ptrdiff_t(share * double(values.size()));
+    std::nth_element(values.begin(), place, values.end());
+    return *place;
+}
+
 inline double median(std::vector<double> values)
 {
-    const auto middle = values.begin() + std::ptrdiff_t(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
+    return quantile(std::move(values), 0.5);
 }
 
 } // namespace Brevane::Kvo::Bench

@@ -33,7 +33,7 @@ namespace {
     X(GetTexParameteriv) X(IsEnabled) X(MemoryBarrier) X(MultiDrawElementsIndirect) X(ReadBuffer)        \
     X(ReadPixels) X(Scissor) X(StencilFunc) X(StencilMask) X(StencilOp) X(Uniform1f)                  \
     X(Uniform1fv) X(Uniform1i) X(Uniform1ui) X(Uniform2fv) X(Uniform3fv) X(Uniform4fv) X(UniformMatrix4fv)             \
-    X(UseProgram) X(VertexAttribI1ui) X(Viewport)
+    X(UseProgram) X(VertexAttribI1ui) X(Viewport) X(ViewportIndexedf)
 // clang-format on
 
 enum Function : int {
@@ -265,6 +265,7 @@ void GLReplay::run() const
         case UseProgram: glUseProgram(u(0)); break;
         case VertexAttribI1ui: glVertexAttribI1ui(u(0), u(1)); break;
         case Viewport: glViewport(i(0), i(1), i(2), i(3)); break;
+        case ViewportIndexedf: glViewportIndexedf(GLuint(i(0)), f(1), f(2), f(3), f(4)); break;
         default: break;
         }
     }
