@@ -26,14 +26,14 @@ namespace {
     X(ActiveTexture) X(BindBuffer) X(BindBufferBase) X(BindBufferRange) X(BindFramebuffer) X(BindImageTexture)         \
     X(BindTexture) X(BindVertexArray) X(BlendColor) X(BlendEquation) X(BlendFunc) X(BlendFuncSeparate)                 \
     X(BlitFramebuffer) X(BufferSubData) X(CheckFramebufferStatus) X(Clear) X(ClearBufferfi) X(ClearBufferfv)           \
-    X(ClearBufferuiv) X(ClearColor) X(ClearStencil) X(ColorMask) X(DepthFunc) X(DepthMask) X(DepthRange)               \
+    X(ClearBufferuiv) X(ClearColor) X(ClearStencil) X(ColorMask) X(CopyBufferSubData) X(DepthFunc) X(DepthMask) X(DepthRange)               \
     X(Disable) X(DrawArrays) X(DrawBuffer) X(DrawBuffers) X(DrawElements) X(Enable) X(FramebufferTexture)              \
     X(FramebufferTexture2D) X(FramebufferTextureLayer) X(FrontFace) X(GenerateMipmap) X(GetBooleanv)                   \
     X(GetFloatv) X(GetIntegeri_v) X(GetInteger64i_v) X(GetIntegerv) X(GetTexLevelParameteriv)                          \
     X(GetTexParameteriv) X(IsEnabled) X(MemoryBarrier) X(MultiDrawElementsIndirect) X(ReadBuffer)        \
-    X(ReadPixels) X(Scissor) X(StencilFunc) X(StencilMask) X(StencilOp) X(Uniform1f)                  \
+    X(ReadPixels) X(Scissor) X(StencilFunc) X(StencilFuncSeparate) X(StencilMask) X(StencilMaskSeparate) X(StencilOp) X(StencilOpSeparate) X(Uniform1f)                  \
     X(Uniform1fv) X(Uniform1i) X(Uniform1ui) X(Uniform2fv) X(Uniform3fv) X(Uniform4fv) X(UniformMatrix4fv)             \
-    X(UseProgram) X(VertexAttribI1ui) X(Viewport) X(ViewportIndexedf)
+    X(UseProgram) X(VertexAttribI1ui) X(VertexAttribI4uiv) X(Viewport) X(ViewportIndexedf)
 // clang-format on
 
 enum Function : int {
@@ -225,6 +225,9 @@ void GLReplay::run() const
         }
         case ClearColor: glClearColor(f(0), f(1), f(2), f(3)); break;
         case ClearStencil: glClearStencil(i(0)); break;
+        case CopyBufferSubData:
+            glCopyBufferSubData(u(0), u(1), GLintptr(a[2]), GLintptr(a[3]), GLsizeiptr(a[4]));
+            break;
         case ColorMask: glColorMask(a[0] != 0, a[1] != 0, a[2] != 0, a[3] != 0); break;
         case DepthFunc: glDepthFunc(u(0)); break;
         case DepthRange: glDepthRange(a[0], a[1]); break;
@@ -240,6 +243,7 @@ void GLReplay::run() const
         case FramebufferTextureLayer: glFramebufferTextureLayer(u(0), u(1), u(2), i(3), i(4)); break;
         case FrontFace: glFrontFace(u(0)); break;
         case GenerateMipmap: glGenerateMipmap(u(0)); break;
+        case VertexAttribI4uiv: break; // puts a value back that the next draw sets
         case MemoryBarrier: glMemoryBarrier(u(0)); break;
         case MultiDrawElementsIndirect: glMultiDrawElementsIndirect(u(0), u(1), pointer(a[2]), i(3), i(4)); break;
         case ReadBuffer: glReadBuffer(u(0)); break;
@@ -252,6 +256,9 @@ void GLReplay::run() const
         }
         case Scissor: glScissor(i(0), i(1), i(2), i(3)); break;
         case StencilFunc: glStencilFunc(u(0), i(1), u(2)); break;
+        case StencilFuncSeparate: glStencilFuncSeparate(u(0), u(1), i(2), u(3)); break;
+        case StencilMaskSeparate: glStencilMaskSeparate(u(0), u(1)); break;
+        case StencilOpSeparate: glStencilOpSeparate(u(0), u(1), u(2), u(3)); break;
         case StencilMask: glStencilMask(u(0)); break;
         case StencilOp: glStencilOp(u(0), u(1), u(2)); break;
         case Uniform1f: glUniform1f(i(0), f(1)); break;

@@ -5,6 +5,7 @@
 #include <epoxy/gl.h>
 
 #include <algorithm>
+#include <limits>
 
 namespace Brevane::Kvo {
 
@@ -187,6 +188,12 @@ void writeBlendEquation(ConstNumbers v)
         glBlendEquationSeparatei(i, GLenum(v[0]), GLenum(v[1]));
 }
 
+// Queries of signed numbers give the greatest of them for a mask of all bits.
+GLuint unsignedOf(GLint value)
+{
+    return value == std::numeric_limits<GLint>::max() ? ~0u : GLuint(value);
+}
+
 void readStencilFunction(Numbers v)
 {
     constexpr GLenum kQueries[] = {GL_STENCIL_FUNC,      GL_STENCIL_REF,      GL_STENCIL_VALUE_MASK,
@@ -194,7 +201,8 @@ void readStencilFunction(Numbers v)
     for (GLenum query : kQueries) {
         GLint value = 0;
         glGetIntegerv(query, &value);
-        *v++ = GLuint(value);
+        const bool isMask = query == GL_STENCIL_VALUE_MASK || query == GL_STENCIL_BACK_VALUE_MASK;
+        *v++ = isMask ? unsignedOf(value) : GLuint(value);
     }
 }
 void writeStencilFunction(ConstNumbers v)
@@ -225,7 +233,7 @@ void readStencilMask(Numbers v)
     for (GLenum query : {GL_STENCIL_WRITEMASK, GL_STENCIL_BACK_WRITEMASK}) {
         GLint value = 0;
         glGetIntegerv(query, &value);
-        *v++ = GLuint(value);
+        *v++ = unsignedOf(value);
     }
 }
 
