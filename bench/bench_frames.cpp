@@ -8,14 +8,13 @@
 // them: on a software renderer that is the work of all threads, which other programs on the machine disturb least. A slope of 1 means in proportion; steeper
 // ones are marked.
 
+#include "context.h"
 #include "glreplay.h"
 #include "loglogplot.h"
 #include "pairs.h"
 
-#include "support/glcontext.h"
 #include "support/stage.h"
 
-#include <gl/opengldevicecontext.h>
 #include <gl/texturemanager.h>
 #include <host/lights.h>
 #include <renderpasses/forwardrenderpass.h>
@@ -90,23 +89,6 @@ QJsonArray toJson(const QVector<QPointF> &points)
     return array;
 }
 
-// A share group of its own for each, so that the pool's high-water mark is of this pipeline.
-bool inContext(const std::function<void()> &body)
-{
-    Test::GLContext::Options options;
-    options.major = 4;
-    options.minor = 5;
-    options.debug = false;
-    Test::GLContext context(options);
-    if (!context.makeCurrent()) {
-        std::fprintf(stderr, "no context: %s\n", qPrintable(context.error()));
-        return false;
-    }
-    body();
-    OpenGLDeviceContext::releaseCurrent();
-    return true;
-}
-
 struct FrameRow
 {
     QString pipeline;
@@ -142,6 +124,7 @@ FrameRow measure(const QString &name, const ModelData &data, const Options &opti
     FrameRow row;
     row.pipeline = name;
     for (const QSize &size : options.sizes) {
+        // In a share group of its own, so that the pool's high-water mark is of this pipeline.
         inContext([&] {
             Stage stage(name, data, size);
             for (int i = 0; i < kWarm; ++i)

@@ -1,12 +1,8 @@
 #pragma once
 
-#include "support/glcontext.h"
-
-#include <gl/opengldevicecontext.h>
+#include "context.h"
 
 #include <benchmark/benchmark.h>
-
-#include <cstdio>
 
 namespace Brevane::Kvo::Bench {
 
@@ -15,20 +11,13 @@ namespace Brevane::Kvo::Bench {
 template <typename Body>
 int runInContext(int argc, char **argv, Body &&body)
 {
-    Test::GLContext::Options options;
-    options.major = 4;
-    options.minor = 5;
-    options.debug = false;
-    Test::GLContext context(options);
-    if (!context.makeCurrent()) {
-        std::fprintf(stderr, "no context: %s\n", qPrintable(context.error()));
-        return 1;
-    }
-    benchmark::Initialize(&argc, argv);
-    benchmark::AddCustomContext("gl", qPrintable(OpenGLDeviceContext::current()->description()));
-    body();
-    OpenGLDeviceContext::releaseCurrent();
-    return 0;
+    return inContext([&] {
+        benchmark::Initialize(&argc, argv);
+        benchmark::AddCustomContext("gl", qPrintable(OpenGLDeviceContext::current()->description()));
+        body();
+    })
+               ? 0
+               : 1;
 }
 
 } // namespace Brevane::Kvo::Bench

@@ -8,10 +8,9 @@
 // a SIMD, of 16 there (10 on the families before NAVI); latency and inverse throughput are its static estimates, for comparing
 // versions of one shader.
 
-#include "support/glcontext.h"
-#include "support/stage.h"
+#include "context.h"
 
-#include <gl/opengldevicecontext.h>
+#include "support/stage.h"
 
 #include <QCryptographicHash>
 #include <QDir>
@@ -101,34 +100,29 @@ void collect()
     shaders.clear();
 }
 
+void putFunctionsInPlace()
+{
+    // Functions are looked up at their first call, which would overwrite what is put in their place.
+    const GLuint shader = glCreateShader(GL_VERTEX_SHADER);
+    const GLuint program = glCreateProgram();
+    const char *text = "";
+    glShaderSource(shader, 1, &text, nullptr);
+    glAttachShader(program, shader);
+    glObjectLabel(GL_PROGRAM, program, 0, text);
+    glDeleteProgram(program);
+    glDeleteShader(shader);
+    realCreateShader = std::exchange(epoxy_glCreateShader, createShader);
+    realShaderSource = std::exchange(epoxy_glShaderSource, shaderSource);
+    realAttachShader = std::exchange(epoxy_glAttachShader, attachShader);
+    realObjectLabel = std::exchange(epoxy_glObjectLabel, objectLabel);
+}
+
 bool catchPrograms()
 {
     for (const QString &pipeline : Test::pipelineNames()) {
-        Test::GLContext::Options options;
-        options.major = 4;
-        options.minor = 5;
-        options.debug = false;
-        Test::GLContext context(options);
-        if (!context.makeCurrent()) {
-            std::fprintf(stderr, "no context: %s\n", qPrintable(context.error()));
-            return false;
-        }
-        if (!realCreateShader) {
-            // Functions are looked up at their first call, which would overwrite what is put in their place.
-            const GLuint shader = glCreateShader(GL_VERTEX_SHADER);
-            const GLuint program = glCreateProgram();
-            const char *text = "";
-            glShaderSource(shader, 1, &text, nullptr);
-            glAttachShader(program, shader);
-            glObjectLabel(GL_PROGRAM, program, 0, text);
-            glDeleteProgram(program);
-            glDeleteShader(shader);
-            realCreateShader = std::exchange(epoxy_glCreateShader, createShader);
-            realShaderSource = std::exchange(epoxy_glShaderSource, shaderSource);
-            realAttachShader = std::exchange(epoxy_glAttachShader, attachShader);
-            realObjectLabel = std::exchange(epoxy_glObjectLabel, objectLabel);
-        }
-        {
+        const bool hasContext = Bench::inContext([&] {
+            if (!realCreateShader)
+                putFunctionsInPlace();
             // With a map, since programs without one sample nothing.
             ModelData data = Test::threeCubes(0.5f);
             data.materials.first().map_Kd = QImage(8, 8, QImage::Format_RGBA8888);
@@ -136,9 +130,10 @@ bool catchPrograms()
             Test::Stage stage(pipeline, data, {64, 36});
             for (int frame = 0; frame < 3; ++frame)
                 stage.render();
-        }
+        });
+        if (!hasContext)
+            return false;
         collect();
-        OpenGLDeviceContext::releaseCurrent();
     }
     return true;
 }

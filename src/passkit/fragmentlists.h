@@ -16,8 +16,8 @@ bool canBuildFragmentLists();
 /// clears them through framebuffers and sets the counter.
 extern const unsigned int kListBarrier;
 
-/// The stencil in which a pass marks the pixels that have a list. It sticks to the framebuffer of the pass.
-/// Makes it where the framebuffer has none, or one of another size; the framebuffer must be bound.
+/// Gives a framebuffer, which must be bound, a new stencil of this size, in which its pass marks the pixels that have
+/// a list.
 void attachListStencil(FramebufferObject *framebuffer, const Extent &extent);
 
 /// Lets the draws of its scope reach only pixels that a cheap program marks: on a full-screen draw of a costly
