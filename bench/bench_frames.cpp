@@ -59,6 +59,7 @@ struct Options
 std::vector<double> timesOf(int rounds, const std::function<void()> &frame)
 {
     std::vector<double> times;
+    times.reserve(std::size_t(rounds));
     for (int i = 0; i < rounds; ++i)
         times.push_back(costOf(frame).cpu);
     return times;
@@ -113,9 +114,9 @@ double issuingTime(Stage &stage)
     const auto frame = [&] { stage.render(); };
     for (int i = 0; i < kWarm; ++i)
         frame();
-    std::vector<double> times;
-    for (int i = 0; i < 9; ++i)
-        times.push_back(issuingMicroseconds(1, frame));
+    std::vector<double> times(9);
+    for (double &time : times)
+        time = issuingMicroseconds(1, frame);
     return Bench::median(times);
 }
 
@@ -261,7 +262,8 @@ double items(int count, int rounds)
     data.items.clear();
     for (int i = 0; i < count; ++i) {
         ModelItem item;
-        item.transform.translate(float(i % side), float(i / side), 0);
+        const int row = i / side;
+        item.transform.translate(float(i % side), float(row), 0);
         item.transform.scale(0.4f);
         data.items << item;
     }
@@ -359,7 +361,8 @@ double maps(int count, int rounds)
         data.materials << material;
         ModelItem item;
         item.material = i;
-        item.transform.translate(2.0f * float(i % side), 2.0f * float(i / side), 0);
+        const int row = i / side;
+        item.transform.translate(2.0f * float(i % side), 2.0f * float(row), 0);
         data.items << item;
     }
     return leastMilliseconds(rounds, [&] {

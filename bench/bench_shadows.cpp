@@ -166,7 +166,8 @@ ModelData city(int cuts)
     for (int i = 0; i < 999; ++i) {
         const float height = 4.0f + 1.5f * float(i * 7 % 11);
         ModelItem item;
-        item.transform.translate(20.0f * float(i % 32) - 310, height, 20.0f * float(i / 32) - 310);
+        const int row = i / 32;
+        item.transform.translate(20.0f * float(i % 32) - 310, height, 20.0f * float(row) - 310);
         item.transform.rotate(float(i % 4) * 3, 0, 1, 0);
         item.transform.scale(7, height, 6);
         data.items << item;

@@ -593,6 +593,7 @@ void ManagedTextures::giveBack(int array)
         || !rebuild(shrunk, shrunk.pages[0].size(), int(kept.size()), kept))
         return;
     std::vector<PageSpace> pages;
+    pages.reserve(kept.size());
     for (const int page : kept)
         pages.push_back(std::move(shrunk.pages[std::size_t(page)]));
     shrunk.pages = std::move(pages);

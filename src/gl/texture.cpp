@@ -163,9 +163,9 @@ void Texture::operator delete(void *memory)
     ::operator delete(memory); // the sanitizer lets addresses rest too, and knows who uses them meanwhile
 #else
     constexpr std::size_t kResting = 256;
-    static auto *resting = new std::array<void *, kResting>{};
+    static std::array<void *, kResting> resting{};
     static std::size_t next = 0;
-    ::operator delete(std::exchange((*resting)[next], memory));
+    ::operator delete(std::exchange(resting[next], memory));
     next = (next + 1) % kResting;
 #endif
 }

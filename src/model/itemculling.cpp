@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstring>
 #include <limits>
 
 namespace Brevane::Kvo {
@@ -110,8 +109,8 @@ void ItemCulling::setPlaces(const QVector<float> &places)
         const bool wasThere = _places.size() >= first + kFloatsPerItem;
         // Items that stay where they are keep their boxes.
         if (isThere && wasThere
-            && std::memcmp(places.constData() + first, _places.constData() + first, kFloatsOfTransform * sizeof(float))
-                   == 0)
+            && std::equal(places.constData() + first, places.constData() + first + kFloatsOfTransform,
+                          _places.constData() + first))
             continue;
         constexpr std::array<float, kFloatsOfTransform> kUnknown{};
         _boxes[i] = placedBox(_meshes[i], isThere ? places.constData() + first : kUnknown.data());
