@@ -23,11 +23,12 @@ class Texture;
 /// Any number of repeating, mip-mapped images that one shader samples through a few texture units.
 ///
 /// The images lie in pages, which are layers of at most four array textures. A mip level has a rectangle of
-/// its own, with a border of one texel that repeats the opposite edge. Images that are larger
-/// than a page, and where there are many pages those that would waste much of one, are cut into tiles, whose borders
-/// hold the neighbouring texels. The small levels at the end share a rectangle. The shader finds the level of detail, wraps the coordinate inside the level and
-/// lets the hardware filter there, so that the result is that of a texture of its own. The driver makes the
-/// levels, in a texture that holds just that image, so they too are what a texture of its own would have.
+/// its own, with a border of one texel that repeats the opposite edge. Images that are larger than a page, and where
+/// there are many pages those that would waste much of one, are cut into tiles, whose borders hold the neighbouring
+/// texels. The small levels at the end share a rectangle. The shader finds the level of detail, wraps the coordinate
+/// inside the level and lets the hardware filter there, so that the result is that of a texture of its own. The
+/// driver makes the levels, in a texture that holds just that image, so they too are what a texture of its own would
+/// have.
 ///
 /// Room: a first page is as small as its images let it be. From there on arrays grow by an eighth of all pages,
 /// the smallest array first, since an array that grows exists twice for a moment. What is removed is free at

@@ -95,6 +95,21 @@ protected:
                 !gl4};
     }
 
+    /// Draws so many layers more than the node buffer holds, full-screen on a square; their count.
+    int overflow(int side, int more)
+    {
+        const int count = kNodeSide * kNodeSide / (side * side) + more;
+        std::vector<float> heights;
+        for (int i = 0; i < count; ++i)
+            heights.push_back(-5.0f + 0.1f * float(i));
+        EXPECT_TRUE(model.upload(quadStack(heights)));
+        useFlatCamera(pass);
+        pass.setInput(kViewport, QRect(0, 0, side, side));
+        glViewport(0, 0, side, side);
+        runFrame(pass);
+        return count;
+    }
+
     void useFlatCamera(VisibilityBufferRenderPass &p)
     {
         p.setInput(kProjection, flatProjection());
@@ -479,17 +494,8 @@ TEST_F(VisibilityBuffer, FlagsChooseTheItemsThatAreRecorded)
 TEST_F(VisibilityBuffer, AnOverflowingBufferEndsListsWhereNodesWereNotStored)
 {
     KVO_REQUIRE_GL4_MODE();
-    // Two layers more than the buffer holds at this size.
     constexpr int kSide = 512;
-    constexpr int kFitting = kNodeSide * kNodeSide / (kSide * kSide);
-    std::vector<float> heights;
-    for (int i = 0; i < kFitting + 2; ++i)
-        heights.push_back(-5.0f + 0.1f * float(i));
-    ASSERT_TRUE(model.upload(quadStack(heights)));
-    useFlatCamera(pass);
-    pass.setInput(kViewport, QRect(0, 0, kSide, kSide));
-    glViewport(0, 0, kSide, kSide);
-    runFrame(pass);
+    const int layers = overflow(kSide, 2);
     const Image<quint32> heads = readTexture<quint32>(outputTexture(pass, kHeadPointers));
     constexpr quint32 kCapacity = quint32(kNodeSide) * kNodeSide;
     // Pointers run on beyond the capacity, and the heads of the last pixels to be drawn are there.
@@ -499,7 +505,7 @@ TEST_F(VisibilityBuffer, AnOverflowingBufferEndsListsWhereNodesWereNotStored)
         last = std::max(last, pixel[0]);
         beyond += pixel[0] > kCapacity;
     }
-    EXPECT_EQ(last, quint32(kSide) * kSide * (kFitting + 2));
+    EXPECT_EQ(last, quint32(kSide * kSide * layers));
     EXPECT_GT(beyond, 0);
 }
 
@@ -540,15 +546,7 @@ TEST_F(VisibilityBuffer, TheRowsThatAFrameUsedAreClearedInTheNextAndNoOthers)
 TEST_F(VisibilityBuffer, AllRowsAreClearedAfterAFrameThatOverflowed)
 {
     KVO_REQUIRE_GL4_MODE();
-    constexpr int kSide = 512;
-    std::vector<float> heights;
-    for (int i = 0; i < kNodeSide * kNodeSide / (kSide * kSide) + 1; ++i)
-        heights.push_back(-5.0f + 0.1f * float(i));
-    ASSERT_TRUE(model.upload(quadStack(heights)));
-    useFlatCamera(pass);
-    pass.setInput(kViewport, QRect(0, 0, kSide, kSide));
-    glViewport(0, 0, kSide, kSide);
-    runFrame(pass);
+    overflow(512, 1);
     pass.setInput(kGeometry, QVariant());
     {
         const GlCalls calls;

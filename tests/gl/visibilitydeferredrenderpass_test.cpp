@@ -531,6 +531,12 @@ TEST_F(VisibilityShading, APixelWithoutFragmentsKeepsTheCurrentClearColor)
     EXPECT_TRUE(isPixel(chain->frame(), 3, 5, {0.25, 0.5, 0.75, 1}, kByte));
     EXPECT_TRUE(isPixel(chain->frame(), kWidth - 3, 5, {1 / std::sqrt(3.0), 1 / std::sqrt(3.0), 1 / std::sqrt(3.0), 0},
                         kByte + 1e-6));
+    // What had fragments in the frame before does not count.
+    chain->record.setInput(3, QVariant());
+    chain->recordAndSort();
+    glClearColor(0.25f, 0.5f, 0.75f, 1.0f);
+    runFrame(chain->shade);
+    EXPECT_TRUE(isPixel(chain->frame(), kWidth - 3, 5, {0.25, 0.5, 0.75, 1}, kByte));
 }
 
 TEST_F(VisibilityShading, WithoutListsDrawZeroIsTheOneThatIsRead)

@@ -458,6 +458,49 @@ TEST_F(VisibilitySort, AReplacementProgramIsUsedAsItIs)
     EXPECT_EQ(lists.read().nodes, before.nodes) << "it sorts nothing, and lacks u_NodeBufferImage";
 }
 
+TEST_F(VisibilitySort, AReplacementRunsForAllPixelsAlsoBehindFramesOfThePassesOwnProgramAndGivesWay)
+{
+    KVO_REQUIRE_IMAGE_STORES();
+    constexpr int kSide = 6;
+    // A list in one pixel only: no stencil, and no depth that came with it, may keep the others out.
+    std::vector<std::vector<Payload>> perPixel(size_t(kSide * kSide));
+    perPixel[8] = {{1, 0, 0.9f}, {2, 1, 0.1f}};
+    const Lists own(kSide, kSide, perPixel);
+    own.connect(pass);
+    runFrame(pass);
+    own.expectSorted(perPixel);
+
+    auto *program = new ShaderProgram; // the pass's from now on
+    program->addShader(GL_VERTEX_SHADER, screenVertexText());
+    program->addShader(GL_FRAGMENT_SHADER,
+                       QStringLiteral("#version 150\n#extension GL_ARB_shader_image_load_store : require\n"
+                                      "#extension GL_ARB_shading_language_420pack : require\n"
+                                      "layout(early_fragment_tests) in;\n"
+                                      "layout(rgba32ui) uniform uimage2D u_NodeBufferImage;\nvoid main() { "
+                                      "imageStore(u_NodeBufferImage, ivec2(gl_FragCoord.xy), uvec4(7u)); }\n"));
+    ASSERT_TRUE(program->compile() && program->link()) << qPrintable(program->log());
+    pass.setShaderProgram(program);
+    const std::vector<ListNode> empty(size_t(16 * kSide));
+    const auto heads = makeIntegerTexture(GL_R32UI, kSide, kSide, GL_RED_INTEGER, empty.data());
+    const auto nodes = makeIntegerTexture(GL_RGBA32UI, 16, kSide, GL_RGBA_INTEGER, empty.data());
+    pass.setInput(kHeadPointers, textureToVariant(heads.get()));
+    pass.setInput(kNodeBuffer, textureToVariant(nodes.get()));
+    pass.setInput(kNodeBufferWidth, 16);
+    for (int frame = 0; frame < 2; ++frame)
+        runFrame(pass);
+    const ListReadback read(heads.get(), nodes.get(), 16, kSide);
+    for (int y = 0; y < kSide; ++y)
+        for (int x = 0; x < 16; ++x)
+            EXPECT_EQ(read.nodes[size_t(y * 16 + x)].primitive, x < kSide ? 7u : 0u) << x << ", " << y;
+
+    pass.setShaderProgram(nullptr);
+    delete program;
+    const Lists again(kSide, kSide, perPixel);
+    again.connect(pass);
+    runFrame(pass);
+    again.expectSorted(perPixel);
+}
+
 TEST_F(VisibilitySort, TheDepthTestStaysOnAndNothingElseChanges)
 {
     KVO_REQUIRE_IMAGE_STORES();
@@ -492,6 +535,10 @@ TEST_F(VisibilitySort, TheImageIsBoundForTheDrawAndABarrierFollows)
         << "the stencil of a clean context is taken for what it is";
     EXPECT_EQ(calls.count("glClear"), 1) << "of the stencil that tells pixels with a list";
     EXPECT_EQ(calls.draws(), 2) << "one that marks them, and one that sorts";
+    const int maskClosed = calls.indexOf("glColorMask", {0, 0, 0, 0});
+    const int maskOpened = calls.indexOf("glColorMask", {1, 1, 1, 1});
+    EXPECT_TRUE(bind < maskClosed && maskClosed < draw && draw < maskOpened) << "marking writes no colour";
+    EXPECT_LT(maskOpened, calls.indexOf("glDrawArrays", {}, 1));
 }
 
 TEST_F(VisibilitySort, ASteadyFrameCreatesNothingAndTakesNothingFromTheHeap)
