@@ -26,6 +26,7 @@ namespace {
     X(ActiveTexture) X(BindBuffer) X(BindBufferBase) X(BindBufferRange) X(BindFramebuffer) X(BindImageTexture)         \
     X(BindTexture) X(BindVertexArray) X(BlendColor) X(BlendEquation) X(BlendFunc) X(BlendFuncSeparate)                 \
     X(BlitFramebuffer) X(BufferSubData) X(CheckFramebufferStatus) X(Clear) X(ClearBufferfi) X(ClearBufferfv)           \
+    X(ClearBufferiv) X(GetVertexAttribIuiv)                                                                            \
     X(ClearBufferuiv) X(ClearColor) X(ClearStencil) X(ColorMask) X(CopyBufferSubData) X(DepthFunc) X(DepthMask) X(DepthRange)               \
     X(Disable) X(DrawArrays) X(DrawBuffer) X(DrawBuffers) X(DrawElements) X(Enable) X(FramebufferTexture)              \
     X(FramebufferTexture2D) X(FramebufferTextureLayer) X(FrontFace) X(GenerateMipmap) X(GetBooleanv)                   \
@@ -218,6 +219,11 @@ void GLReplay::run() const
         case Clear: glClear(u(0)); break;
         case ClearBufferfi: glClearBufferfi(u(0), i(1), f(2), i(3)); break;
         case ClearBufferfv: glClearBufferfv(u(0), i(1), c.floats.data()); break;
+        case ClearBufferiv: {
+            constexpr GLint kZeros[4] = {};
+            glClearBufferiv(u(0), i(1), kZeros);
+            break;
+        }
         case ClearBufferuiv: {
             constexpr GLuint kZeros[4] = {};
             glClearBufferuiv(u(0), i(1), kZeros);
@@ -243,7 +249,6 @@ void GLReplay::run() const
         case FramebufferTextureLayer: glFramebufferTextureLayer(u(0), u(1), u(2), i(3), i(4)); break;
         case FrontFace: glFrontFace(u(0)); break;
         case GenerateMipmap: glGenerateMipmap(u(0)); break;
-        case VertexAttribI4uiv: break; // puts a value back that the next draw sets
         case MemoryBarrier: glMemoryBarrier(u(0)); break;
         case MultiDrawElementsIndirect: glMultiDrawElementsIndirect(u(0), u(1), pointer(a[2]), i(3), i(4)); break;
         case ReadBuffer: glReadBuffer(u(0)); break;
@@ -271,6 +276,12 @@ void GLReplay::run() const
         case UniformMatrix4fv: glUniformMatrix4fv(i(0), i(1), a[2] != 0, c.floats.data()); break;
         case UseProgram: glUseProgram(u(0)); break;
         case VertexAttribI1ui: glVertexAttribI1ui(u(0), u(1)); break;
+        case VertexAttribI4uiv: {
+            // Data of integers is not kept; passes put back what is 0, 0, 0, 1 by default.
+            constexpr GLuint kDefault[4] = {0, 0, 0, 1};
+            glVertexAttribI4uiv(u(0), kDefault);
+            break;
+        }
         case Viewport: glViewport(i(0), i(1), i(2), i(3)); break;
         case ViewportIndexedf: glViewportIndexedf(GLuint(i(0)), f(1), f(2), f(3), f(4)); break;
         default: break;
@@ -386,6 +397,7 @@ void giveAnswer(int function, unsigned parameters, Value *values)
     X(GetFloatv, (GLenum q, GLfloat * v), (q), (q, v), valuesOf(q))                                                    \
     X(GetIntegerv, (GLenum q, GLint * v), (q), (q, v), valuesOf(q))                                                    \
     X(GetIntegeri_v, (GLenum q, GLuint i, GLint * v), (q, i), (q, i, v), 1)                                            \
+    X(GetVertexAttribIuiv, (GLuint i, GLenum q, GLuint * v), (i, q), (i, q, v), 4)                                     \
     X(GetInteger64i_v, (GLenum q, GLuint i, GLint64 * v), (q, i), (q, i, v), 1)                                        \
     X(GetTexParameteriv, (GLenum t, GLenum q, GLint * v), (t, q), (t, q, v), 1)                                        \
     X(GetTexLevelParameteriv, (GLenum t, GLint l, GLenum q, GLint * v), (t, GLuint(l), q), (t, l, q, v), 1)

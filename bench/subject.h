@@ -5,7 +5,10 @@
 
 #include "support/allocations.h"
 
+#include <core/hostcode.h>
 #include <core/renderpass.h>
+#include <gl/bindings.h>
+#include <gl/hoststate.h>
 
 #include <cstdio>
 #include <memory>
@@ -48,10 +51,30 @@ inline void frame(RenderPass &pass)
     pass.endFrame(nullptr);
 }
 
+/// What a pass finds in the middle of a pipeline's frame: values at GL's defaults, and what is bound known.
+class InPipeline
+{
+private:
+    const DefaultState _state;
+    const DefaultState::Known _known{true};
+    const BindingScope _bindings;
+};
+
 inline void record(Subject &subject)
 {
     const RecorderScope recorder;
     glViewport(0, 0, subject.width, subject.height);
+    {
+        // The floor binds what it needs itself.
+        const DefaultState state;
+        const DefaultState::Known known(true);
+        for (int i = 0; i < 3; ++i)
+            frame(*subject.pass);
+        const Test::GlCalls calls;
+        frame(*subject.pass);
+        subject.bare = std::make_unique<GLReplay>(calls);
+    }
+    const InPipeline pipeline;
     for (int i = 0; i < 3; ++i)
         frame(*subject.pass);
     {
@@ -66,7 +89,6 @@ inline void record(Subject &subject)
     subject.objects = calls.created();
     subject.textureAllocations = calls.textureAllocations();
     subject.draws = calls.draws();
-    subject.bare = std::make_unique<GLReplay>(calls);
 }
 
 /// Where next to nothing is drawn, what counts is the CPU time of the thread that issues the calls: all of
@@ -74,6 +96,9 @@ inline void record(Subject &subject)
 inline void measureIssuing(benchmark::State &state, Subject &subject)
 {
     RenderPass &pass = *subject.pass;
+    // After the bare calls nothing is known any more; a pipeline's frame asks once.
+    const auto findOut = [&] { frame(pass); };
+    findOut();
     GLAnswers answers([&] { frame(pass); });
     // A model's vertices and some clears take their time also for one pixel.
     const int burst = secondsOf([&] { frame(pass); }) < 1e-3 ? kBurst : 1;
@@ -82,11 +107,17 @@ inline void measureIssuing(benchmark::State &state, Subject &subject)
     std::vector<double> over;
     for (auto iteration : state) {
         (void)iteration;
+        findOut();
         const double ours = issuingMicroseconds(burst, [&] { frame(pass); });
-        const double bare = issuingMicroseconds(burst, [&] { subject.bare->run(); });
+        const double bare = [&] {
+            const HostCode hostCode;
+            return issuingMicroseconds(burst, [&] { subject.bare->run(); });
+        }();
+        findOut();
         all.push_back(ours);
         over.push_back(ours - bare);
         own.push_back(microseconds([&] { answers.runWithoutGL(kBurst, [&] { frame(pass); }); }) / kBurst);
+        const HostCode whatGLDidNotGet;
         state.SetIterationTime(ours * 1e-6);
     }
     subject.issuing = median(all);
@@ -100,7 +131,11 @@ inline void measureIssuing(benchmark::State &state, Subject &subject)
 inline void compareTimes(benchmark::State &state, Subject &subject)
 {
     comparePairs(
-        state, [&] { frame(*subject.pass); }, [&] { subject.bare->run(); });
+        state, [&] { frame(*subject.pass); },
+        [&] {
+            const HostCode hostCode; // behind which nothing is known of what is bound
+            subject.bare->run();
+        });
     subject.ratio = state.counters["ratio"];
     subject.ours = state.counters["kvo_us"];
     subject.floor = state.counters["bare_us"];
@@ -109,6 +144,7 @@ inline void compareTimes(benchmark::State &state, Subject &subject)
 inline void compare(benchmark::State &state, Subject &subject)
 {
     glViewport(0, 0, subject.width, subject.height);
+    const InPipeline pipeline;
     if (isSmall(subject))
         measureIssuing(state, subject);
     else

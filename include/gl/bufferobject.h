@@ -72,6 +72,7 @@ private:
         qint64 offset = 0;
         qint64 size = 0; ///< 0: the whole buffer, whatever its size.
     };
+    bool _isBound() const;
     QVector<Binding> _previous;
 };
 

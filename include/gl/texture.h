@@ -73,9 +73,25 @@ private:
     friend class StorageBinder;
     friend class TextureManager;
     friend class OwnUse;
+    friend class TextureKnowledge;
+
+    // What is known of the GL texture, 0 for what is not; see gl/sampling.h.
+    struct Known
+    {
+        unsigned int minification = 0;
+        unsigned int magnification = 0;
+        unsigned int wrap[2] = {};
+        int width = 0;
+        int height = 0;
+        unsigned int internalFormat = 0;
+        unsigned int epoch = 0;
+        bool isShown = false;
+        bool isNeverKept = false;
+    };
 
     void freeStorage();
     void reuse();
+    bool _bind();
 
     std::unique_ptr<ObjectName> _name;
     unsigned int _target = 0;
@@ -86,6 +102,8 @@ private:
     quint64 _boundIn = 0; // the number of a context
     bool _readOnly = false;
     mutable bool _hadUses = false; // see OwnUse
+    unsigned int _boundEpoch = 0;
+    mutable Known _known;
 };
 
 /// Value of the texture as slots carry it: a QVariant of QObject* (see RenderPassHelper::setInput).

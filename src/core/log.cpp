@@ -1,5 +1,7 @@
 #include "core/log.h"
 
+#include "core/hostcode.h"
+
 #include <QDebug>
 
 #include <cstring>
@@ -19,11 +21,13 @@ QString fileNameOf(const char *path)
 void reportFailedAssertion(const char *file, int line, const char *condition, const QString &message)
 {
     const QString text = QString::asprintf("[ !! ] Assertion '%s' failed: %s", condition, message.toUtf8().constData());
+    const HostCode hostCode;
     qCritical("[%s:%d] %s", fileNameOf(file).toLocal8Bit().constData(), line, text.toLocal8Bit().constData());
 }
 
 void reportMessage(const char *file, int line, const QString &message)
 {
+    const HostCode hostCode;
     qDebug("[%s:%d] %s", fileNameOf(file).toLocal8Bit().constData(), line, message.toLocal8Bit().constData());
 }
 

@@ -1,5 +1,6 @@
 #include "core/renderpasshelper.h"
 
+#include "core/hostcode.h"
 #include "core/liveobjects.h"
 #include "core/log.h"
 
@@ -72,6 +73,7 @@ bool inRange(const char *operation, int index, qsizetype size)
 {
     if (index >= 0 && index < size)
         return true;
+    const HostCode hostCode;
     qCritical("%s: slot index %d is out of range, the pass has %d", operation, index, int(size));
     return false;
 }
@@ -207,6 +209,7 @@ void RenderPassHelper::reportInput(int index, const QString &what)
 {
     if (!inRange("reportInput", index, _inputStates.size()) || std::exchange(_inputStates[index].isReported, true))
         return;
+    const HostCode hostCode;
     qWarning("%s: %s %s", qPrintable(classNameOf(typeid(*this))), qPrintable(_inputs.at(index).name), qPrintable(what));
 }
 

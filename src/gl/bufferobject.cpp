@@ -5,6 +5,8 @@
 
 #include <epoxy/gl.h>
 
+#include <optional>
+
 namespace Brevane::Kvo {
 
 namespace {
@@ -24,6 +26,58 @@ GLenum bindingOf(GLenum target)
     default:
         // GL_TEXTURE_BUFFER and the copy targets: the name of the target is its own query.
         return target;
+    }
+}
+
+std::optional<BindingPoint> pointOf(GLenum target)
+{
+    switch (target) {
+    case GL_ARRAY_BUFFER: return BindingPoint::ArrayBuffer;
+    case GL_UNIFORM_BUFFER: return BindingPoint::UniformBuffer;
+    case GL_ATOMIC_COUNTER_BUFFER: return BindingPoint::AtomicCounterBuffer;
+    case GL_DRAW_INDIRECT_BUFFER: return BindingPoint::IndirectBuffer;
+    case GL_TEXTURE_BUFFER: return BindingPoint::TextureBuffer;
+    case GL_PIXEL_PACK_BUFFER: return BindingPoint::PackBuffer;
+    case GL_PIXEL_UNPACK_BUFFER: return BindingPoint::UnpackBuffer;
+    default: return {};
+    }
+}
+
+// What is really bound: with it calls to the target go where they are meant to. The one for elements is the vertex
+// array's.
+unsigned int settled(ContextState &state, GLenum target)
+{
+    const std::optional<BindingPoint> point = pointOf(target);
+    if (point)
+        state.bindings.settle(*point);
+    else if (target == GL_ELEMENT_ARRAY_BUFFER)
+        state.bindings.settle(BindingPoint::VertexArray);
+    return point ? state.bindings.bound(*point) : boundNow(bindingOf(target));
+}
+
+unsigned int take(ContextState &state, GLenum target, unsigned int name)
+{
+    if (const std::optional<BindingPoint> point = pointOf(target))
+        return state.bindings.take(*point, name);
+    const unsigned int before = settled(state, target);
+    glBindBuffer(target, name);
+    return before;
+}
+
+// Binding to an index binds to the target as well.
+unsigned int takeByIndex(ContextState &state, GLenum target, unsigned int name)
+{
+    const std::optional<BindingPoint> point = pointOf(target);
+    return point ? state.bindings.takeUnseen(*point, name) : boundNow(bindingOf(target));
+}
+
+void giveBack(ContextState &state, GLenum target, unsigned int before)
+{
+    if (const std::optional<BindingPoint> point = pointOf(target)) {
+        state.bindings.giveBack(*point, before);
+    } else {
+        settled(state, target);
+        glBindBuffer(target, before);
     }
 }
 
@@ -70,7 +124,7 @@ BufferObject::~BufferObject()
 
 bool BufferObject::bind()
 {
-    const ContextState *state = ContextState::current();
+    ContextState *state = ContextState::current();
     if (!state || !(_name->wasCreated() ? _name->isUsableIn(*state) : _name->create(NameKind::Buffer)))
         return false;
     Binding before;
@@ -78,18 +132,17 @@ bool BufferObject::bind()
     before.isIndexed = _indexed;
     before.index = _index;
     before.context = state->id;
-    before.name = boundNow(bindingOf(_target));
-    if (_indexed)
-        readIndexed(_target, _index, &before.indexedName, &before.offset, &before.size);
-    _previous.append(before);
     if (_indexed) {
+        before.name = takeByIndex(*state, _target, _name->id());
+        readIndexed(_target, _index, &before.indexedName, &before.offset, &before.size);
         if (_rangeSize > 0)
             glBindBufferRange(_target, _index, _name->id(), GLintptr(_rangeOffset), GLsizeiptr(_rangeSize));
         else
             glBindBufferBase(_target, _index, _name->id());
     } else {
-        glBindBuffer(_target, _name->id());
+        before.name = take(*state, _target, _name->id());
     }
+    _previous.append(before);
     return true;
 }
 
@@ -99,7 +152,7 @@ bool BufferObject::unbind()
         return false;
     // The target may be another one since then; and from the destructor, so may the context.
     const Binding before = _previous.takeLast();
-    const ContextState *state = ContextState::current();
+    ContextState *state = ContextState::current();
     if (!state || state->id != before.context)
         return false;
     if (before.isIndexed && before.indexedName && before.size > 0)
@@ -107,7 +160,9 @@ bool BufferObject::unbind()
                           GLsizeiptr(before.size));
     else if (before.isIndexed)
         glBindBufferBase(before.target, before.index, before.indexedName);
-    glBindBuffer(before.target, before.name);
+    if (const std::optional<BindingPoint> point = pointOf(before.target); point && before.isIndexed)
+        state->bindings.saw(*point, before.indexedName);
+    giveBack(*state, before.target, before.name);
     return true;
 }
 
@@ -115,6 +170,12 @@ bool BufferObject::isUsable() const
 {
     const ContextState *state = ContextState::current();
     return state && (!_name->wasCreated() || _name->isUsableIn(*state));
+}
+
+bool BufferObject::_isBound() const
+{
+    ContextState *state = ContextState::current();
+    return state && getBO() && settled(*state, _target) == getBO();
 }
 
 void BufferObject::setTarget(unsigned int target)
@@ -147,7 +208,7 @@ bool BufferObject::uploadBytes(const void *data, qint64 bytes, unsigned int usag
     if (bytes < 0)
         return false;
     // Bound is not enough: another buffer may have been bound to the target since.
-    const bool mustBind = _previous.isEmpty() || !getBO() || boundNow(bindingOf(_target)) != getBO();
+    const bool mustBind = _previous.isEmpty() || !_isBound();
     if (mustBind && !bind())
         return false;
     glBufferData(_target, GLsizeiptr(bytes), data, usage);
@@ -164,12 +225,12 @@ qint64 BufferObject::size() const
 
 void *BufferObject::map(unsigned int access)
 {
-    return _previous.isEmpty() || boundNow(bindingOf(_target)) != getBO() ? nullptr : glMapBuffer(_target, access);
+    return _previous.isEmpty() || !_isBound() ? nullptr : glMapBuffer(_target, access);
 }
 
 void BufferObject::unmap()
 {
-    if (!_previous.isEmpty() && boundNow(bindingOf(_target)) == getBO())
+    if (!_previous.isEmpty() && _isBound())
         glUnmapBuffer(_target);
 }
 

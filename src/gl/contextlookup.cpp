@@ -4,8 +4,6 @@
 #include "gl/contextstate.h"
 #include "gl/loadedlibrary.h"
 
-#include <utility>
-
 namespace Brevane::Kvo {
 
 NativeContext NativeContext::current()
@@ -43,14 +41,6 @@ ContextScope::~ContextScope()
 ContextScope::operator bool() const
 {
     return ContextState::current() != nullptr;
-}
-
-ContextScopePause::ContextScopePause() : _scopes(std::exchange(threadContext().openScopes, 0)) {}
-
-ContextScopePause::~ContextScopePause()
-{
-    threadContext().openScopes = _scopes;
-    threadContext().last.holds = false;
 }
 
 } // namespace Brevane::Kvo

@@ -26,21 +26,12 @@ struct ThreadContext
 {
     LastLookUp last;
     int openScopes = 0;
+    int bindingScopes = 0;
+    /// What a context's bindings are known to be holds for one epoch; another begins with each outermost
+    /// BindingScope and behind all code of the host's. Never 0 in a scope.
+    unsigned int bindingEpoch = 0;
 };
 
 ThreadContext &threadContext();
-
-/// Undoes the ContextScopes around it for its scope, where code of the host's runs.
-class ContextScopePause
-{
-public:
-    ContextScopePause();
-    ~ContextScopePause();
-    ContextScopePause(const ContextScopePause &) = delete;
-    ContextScopePause &operator=(const ContextScopePause &) = delete;
-
-private:
-    int _scopes;
-};
 
 } // namespace Brevane::Kvo

@@ -1,5 +1,7 @@
 #include "gl/contextstate.h"
 
+#include "core/hostcode.h"
+
 #include <epoxy/gl.h>
 
 #include <algorithm>
@@ -82,6 +84,7 @@ ContextState *ContextState::make(NativeContext native)
 {
     if (!epoxy_is_desktop_gl() || epoxy_gl_version() < 32) {
         const auto text = [](GLenum name) { return reinterpret_cast<const char *>(glGetString(name)); };
+        const HostCode hostCode;
         qCritical("OpenGL 3.2 or later is needed, but this context offers %s (%s, %s)", text(GL_VERSION),
                   text(GL_VENDOR), text(GL_RENDERER));
         return nullptr;

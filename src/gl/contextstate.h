@@ -1,5 +1,6 @@
 #pragma once
 
+#include "gl/bindings.h"
 #include "gl/contextlookup.h"
 #include "gl/glnames.h"
 #include "gl/opengldevicecontext.h"
@@ -50,6 +51,7 @@ public:
     QSharedPointer<ShareGroup> group;
     NameStore names;
     QSharedPointer<OpenGLDeviceContext> device;
+    Bindings bindings;
     ShaderProgram *boundProgram = nullptr;
     int version = 0;
     bool hasSamplerObjects = false;

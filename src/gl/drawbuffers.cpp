@@ -1,7 +1,6 @@
 #include "gl/drawbuffers.h"
 
 #include "core/liveobjects.h"
-#include "gl/boundnow.h"
 #include "gl/bufferobject.h"
 #include "gl/contextstate.h"
 #include "gl/glslmacroprocessor.h"
@@ -147,15 +146,22 @@ QSharedPointer<UniformBufferObject> DrawBuffers::getDrawElementsIndirectCommands
 
 bool DrawBuffers::draw()
 {
-    if (!d->vao || !ContextState::current() || boundNow(GL_CURRENT_PROGRAM) == 0)
+    ContextState *const state = ContextState::current();
+    if (!d->vao || !state)
+        return false;
+    Bindings &bindings = state->bindings;
+    bindings.settle(BindingPoint::Program);
+    bindings.settle(BindingPoint::VertexArray);
+    if (bindings.bound(BindingPoint::Program) == 0)
         return false;
     // Callers bind either this object or its vertex array; a draw from the wrong arrays is never right.
-    const bool isBound = d->vao->vertexArrayID() != 0 && boundNow(GL_VERTEX_ARRAY_BINDING) == d->vao->vertexArrayID();
+    const unsigned int arrays = d->vao->vertexArrayID();
+    const bool isBound = arrays != 0 && bindings.bound(BindingPoint::VertexArray) == arrays;
     AutoBinder self(isBound ? nullptr : this);
     if (!isBound && !self.isBound())
         return false;
     // A program that was linked after the last one that was drawn with may have its attributes elsewhere.
-    if (const ShaderProgram *program = ContextState::current()->boundProgram)
+    if (const ShaderProgram *program = state->boundProgram)
         d->vao->enableShaderProgramArrays(program);
     if (d->indices)
         glDrawElements(d->primitiveType, d->indexCount, d->indexType, nullptr);
@@ -168,7 +174,9 @@ bool DrawBuffers::draw(ShaderProgram *program)
 {
     if (!program || !program->isLinked())
         return false;
-    AutoBinder bound(boundNow(GL_CURRENT_PROGRAM) == program->programID() ? nullptr : program);
+    ContextState *const state = ContextState::current();
+    const bool isBound = state && state->bindings.bound(BindingPoint::Program) == program->programID();
+    AutoBinder bound(isBound ? nullptr : program);
     return draw();
 }
 

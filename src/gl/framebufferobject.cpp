@@ -2,6 +2,7 @@
 
 #include "core/liveobjects.h"
 #include "gl/contextstate.h"
+#include "gl/sampling.h"
 #include "gl/texture.h"
 
 #include <QVarLengthArray>
@@ -27,16 +28,10 @@ struct Attachment
     int level;
 };
 
-struct Bindings
-{
-    GLint draw = 0;
-    GLint read = 0;
-};
-
 // Names of another share group's textures mean something else in this context, or nothing.
 bool isUsableHere(const Texture *texture)
 {
-    return texture && texture->textureID() && texture->isUsable();
+    return texture && nameOf(*texture) && texture->isUsable();
 }
 
 bool isColor(GLenum point)
@@ -46,7 +41,7 @@ bool isColor(GLenum point)
 
 void applyToBound(const Attachment &a)
 {
-    const GLuint name = isUsableHere(a.texture) ? a.texture->textureID() : 0;
+    const GLuint name = isUsableHere(a.texture) ? nameOf(*a.texture) : 0;
     if (a.layers == Layers::One)
         glFramebufferTextureLayer(GL_FRAMEBUFFER, a.point, name, a.level, a.layer);
     else if (a.layers == Layers::Flat && name)
@@ -65,9 +60,8 @@ public:
     {
         if (previous.isEmpty())
             return false;
-        GLint bound = 0;
-        glGetIntegerv(GL_DRAW_FRAMEBUFFER_BINDING, &bound);
-        return GLuint(bound) == idHere();
+        ContextState *state = ContextState::current();
+        return state && state->bindings.bound(BindingPoint::DrawFramebuffer) == idHere();
     }
     auto find(GLenum point) const
     {
@@ -79,7 +73,7 @@ public:
     std::optional<GLuint> external;
     std::vector<Attachment> attachments; // by rising attachment point
     quint64 revision = 1;
-    QVarLengthArray<Bindings, 4> previous;
+    QVarLengthArray<FramebufferPair, 4> previous;
     QString label;
 };
 
@@ -104,23 +98,18 @@ FramebufferObject *FramebufferObject::wrap(unsigned int framebuffer, QObject *pa
 
 bool FramebufferObject::bind()
 {
-    if (d->external) {
-        if (!ContextState::current())
-            return false;
-    }
+    ContextState *state = ContextState::current();
+    if (!state)
+        return false;
     PerContextNames::Entry *entry = d->external ? nullptr : d->names.current();
     if (!d->external && !entry)
         return false;
 
-    Bindings before;
-    glGetIntegerv(GL_DRAW_FRAMEBUFFER_BINDING, &before.draw);
-    glGetIntegerv(GL_READ_FRAMEBUFFER_BINDING, &before.read);
-    d->previous.append(before);
-    glBindFramebuffer(GL_FRAMEBUFFER, entry ? entry->name.id() : *d->external);
+    d->previous.append(state->bindings.takeFramebuffer(entry ? entry->name.id() : *d->external));
     if (entry && entry->revision != d->revision) {
         // Made in this context just now, or changed while another context was current.
         if (entry->revision == 0)
-            ContextState::current()->labelObject(GL_FRAMEBUFFER, entry->name.id(), d->label);
+            state->labelObject(GL_FRAMEBUFFER, entry->name.id(), d->label);
         for (const Attachment &a : d->attachments)
             applyToBound(a);
         entry->revision = d->revision;
@@ -132,14 +121,10 @@ bool FramebufferObject::unbind()
 {
     if (d->previous.isEmpty())
         return false;
-    const Bindings before = d->previous.last();
+    const FramebufferPair before = d->previous.last();
     d->previous.removeLast();
-    if (before.draw == before.read) {
-        glBindFramebuffer(GL_FRAMEBUFFER, GLuint(before.draw));
-    } else {
-        glBindFramebuffer(GL_DRAW_FRAMEBUFFER, GLuint(before.draw));
-        glBindFramebuffer(GL_READ_FRAMEBUFFER, GLuint(before.read));
-    }
+    if (ContextState *state = ContextState::current())
+        state->bindings.giveBackFramebuffer(before);
     return true;
 }
 

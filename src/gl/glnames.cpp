@@ -12,6 +12,10 @@ namespace {
 
 void deleteName(NameKind kind, unsigned int name)
 {
+    if (threadContext().bindingScopes > 0) {
+        if (ContextState *state = ContextState::currentIfKnown())
+            state->bindings.aboutToDelete(kind, name);
+    }
     switch (kind) {
     case NameKind::Texture: glDeleteTextures(1, &name); break;
     case NameKind::Buffer: glDeleteBuffers(1, &name); break;

@@ -718,8 +718,12 @@ NeutralState::NeutralState(const StateRow &row) : _row(row), _stays(row.stays)
 NeutralState::~NeutralState()
 {
     _before.putBack(_stays);
-    if (_feedbackPaused)
-        glResumeTransformFeedback();
+    if (!_feedbackPaused)
+        return;
+    // It goes on with the program that began it.
+    if (ContextState *state = ContextState::current())
+        state->bindings.settle(BindingPoint::Program);
+    glResumeTransformFeedback();
 }
 
 void NeutralState::leave(std::initializer_list<StatePiece> pieces)

@@ -1,5 +1,6 @@
 #include "gl/imagefile.h"
 
+#include "core/hostcode.h"
 #include "gl/imageend.h"
 
 #include <QFile>
@@ -32,6 +33,7 @@ qint64 mostFileBytes(qint64 decoded)
 
 QImage readImageFile(const QString &path, ImageTurn turn, QString *error)
 {
+    const HostCode hostCode; // a host may have brought the format, and Qt tells its message handler of faults
     QImageReader reader(path);
     reader.setAutoTransform(turn == ImageTurn::AsMetadataSays);
     const int megabytes = QImageReader::allocationLimit();

@@ -1,5 +1,6 @@
 #include "gl/managedtextures.h"
 
+#include "core/hostcode.h"
 #include "gl/bufferobject.h"
 #include "gl/contextstate.h"
 #include "gl/framebufferobject.h"
@@ -161,6 +162,7 @@ QImage ManagedTextures::fitted(const QImage &image, const QString &label) const
     if (std::max(image.width(), image.height()) > largest) {
         fit = image.scaled(std::min(image.width(), largest), std::min(image.height(), largest), Qt::IgnoreAspectRatio,
                            Qt::SmoothTransformation);
+        const HostCode hostCode;
         qWarning("Texture '%s' is reduced from %dx%d to %dx%d, the largest that this driver holds", qPrintable(label),
                  image.width(), image.height(), fit.width(), fit.height());
     }
@@ -248,6 +250,7 @@ int ManagedTextures::add(const QImage &image, const QString &label)
     const int record = takeRecord(map.texels);
     const bool hasRoom = record >= 0 && takePieces(layout, map) && fill(pixels, layout, map);
     if (!hasRoom) {
+        const HostCode hostCode;
         qWarning("No room is left for texture '%s' of %dx%d; it reads white", qPrintable(label), map.size.width(),
                  map.size.height());
         releasePieces(map);

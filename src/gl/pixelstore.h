@@ -21,7 +21,7 @@ public:
 
 private:
     std::array<int, 16> _parameters{};
-    std::array<int, 2> _buffers{};
+    std::array<unsigned int, 2> _buffers{};
     int _alignment;
     int _clampRead = 0;
 };

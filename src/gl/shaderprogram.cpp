@@ -1,5 +1,6 @@
 #include "gl/shaderprogram.h"
 
+#include "core/hostcode.h"
 #include "gl/attributelocations.h"
 #include "gl/bufferobject.h"
 #include "gl/glinfo.h"
@@ -172,7 +173,7 @@ void ShaderProgramPrivate::deleteShaders()
 void ShaderProgramPrivate::fail(bool whileLinking)
 {
     if (const auto &handler = failureHandler(); handler && !mayFail) {
-        const ContextScopePause hostCode;
+        const HostCode hostCode;
         handler({label, log, whileLinking});
     }
 }
@@ -184,15 +185,13 @@ const LinkedProgram::Uniform *ShaderProgramPrivate::findUniform(const QString &u
 
 bool ShaderProgramPrivate::isCurrent(const ShaderProgram *q) const
 {
-    const ContextState *state = ContextState::current();
+    ContextState *state = ContextState::current();
     if (!state || !isLinked())
         return false;
     if (state->boundProgram == q)
         return true;
     // A host may have made it current with plain GL.
-    GLint current = 0;
-    glGetIntegerv(GL_CURRENT_PROGRAM, &current);
-    return GLuint(current) == id();
+    return state->bindings.bound(BindingPoint::Program) == id();
 }
 
 ShaderProgram::ShaderProgram(QObject *parent) : QObject(parent), d(std::make_unique<ShaderProgramPrivate>()) {}
@@ -216,7 +215,7 @@ void ShaderProgramPrivate::forget(const ShaderProgram *program)
         if (state->boundProgram == program) {
             state->boundProgram = before.program;
             if (state == current)
-                glUseProgram(before.name);
+                state->bindings.giveBack(BindingPoint::Program, before.name);
         }
         // Each program that is bound knows those before it.
         QVarLengthArray<ShaderProgram *, 8> known;
@@ -239,12 +238,10 @@ bool ShaderProgram::bind()
     ContextState *state = ContextState::current();
     if (!state)
         return false;
-    GLint before = 0;
-    glGetIntegerv(GL_CURRENT_PROGRAM, &before);
-    d->previous.append({GLuint(before), state->boundProgram});
     const bool usable = d->isLinked() && d->program->name.isUsableIn(*state);
     // A broken program draws nothing. Leaving the program of before in place would draw with it.
-    glUseProgram(usable ? d->id() : 0);
+    const unsigned int before = state->bindings.take(BindingPoint::Program, usable ? d->id() : 0);
+    d->previous.append({before, state->boundProgram});
     state->boundProgram = usable ? this : nullptr;
     return usable;
 }
@@ -258,7 +255,7 @@ bool ShaderProgram::unbind()
     ContextState *state = ContextState::current();
     if (!state)
         return false;
-    glUseProgram(before.name);
+    state->bindings.giveBack(BindingPoint::Program, before.name);
     state->boundProgram = before.program;
     return true;
 }

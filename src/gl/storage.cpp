@@ -1,7 +1,9 @@
 #include "gl/storage.h"
 
+#include "core/hostcode.h"
 #include "gl/contextstate.h"
 #include "gl/glinfo.h"
+#include "gl/sampling.h"
 #include "gl/texture.h"
 
 #include <QSet>
@@ -56,6 +58,7 @@ void complainOnce(GLenum internalFormat, const ImageSize &size)
     if (known.contains(text))
         return;
     known.insert(text);
+    const HostCode hostCode;
     qWarning("%s", qPrintable(text));
 }
 
@@ -74,13 +77,16 @@ bool tryImage(GLint internalFormat, const ImageSize &size, GLenum format, GLenum
 
 } // namespace
 
-StorageBinder::StorageBinder(Texture *texture) : _texture(texture)
+StorageBinder::StorageBinder(Texture *texture, Storage storage) : _texture(texture)
 {
     ContextState *state = ContextState::current();
     if (!texture || !state)
         return;
+    if (storage == Sets)
+        forgetLevel(*texture);
     if (texture->unit() >= 0 || state->hasFreeUnit()) {
-        _bound = texture->bind();
+        _bound = texture->_bind();
+        state->bindings.settleUnit();
         return;
     }
     const bool isNew = !texture->_name->wasCreated();
@@ -88,10 +94,10 @@ StorageBinder::StorageBinder(Texture *texture) : _texture(texture)
         texture->_target && (!isNew ? texture->_name->isUsableIn(*state) : texture->_name->create(NameKind::Texture));
     if (!isUsable)
         return;
-    GLint before = 0;
-    glGetIntegerv(textureBindingOf(texture->_target), &before);
-    _previous = GLuint(before);
-    glBindTexture(texture->_target, texture->_name->id());
+    Bindings &bindings = state->bindings;
+    bindings.settleUnit();
+    _unit = int(bindings.activeUnit() - GL_TEXTURE0);
+    _previous = bindings.takeTexture(_unit, texture->_target, texture->_name->id());
     if (isNew)
         state->labelObject(GL_TEXTURE, texture->_name->id(), texture->label());
     _bound = _onActiveUnit = true;
@@ -99,8 +105,8 @@ StorageBinder::StorageBinder(Texture *texture) : _texture(texture)
 
 StorageBinder::~StorageBinder()
 {
-    if (_onActiveUnit)
-        glBindTexture(_texture->_target, _previous);
+    if (ContextState *state = _onActiveUnit ? ContextState::current() : nullptr)
+        state->bindings.bindTexture(_unit, _texture->_target, _previous);
     else if (_bound)
         _texture->unbind();
 }
@@ -114,6 +120,7 @@ GLLimits currentLimits()
 bool allocateImage(unsigned int internalFormat, const ImageSize &size, unsigned int format, unsigned int type,
                    const void *pixels)
 {
+    settleActiveUnit();
     if (tryImage(GLint(internalFormat), size, format, type, pixels))
         return true;
     complainOnce(internalFormat, size);

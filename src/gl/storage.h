@@ -15,7 +15,9 @@ unsigned int textureBindingOf(unsigned int target);
 class KVO_GL_EXPORT StorageBinder
 {
 public:
-    explicit StorageBinder(Texture *texture);
+    /// Whether the storage is set, or stays as it is.
+    enum Storage { Sets, Keeps };
+    explicit StorageBinder(Texture *texture, Storage storage = Sets);
     ~StorageBinder();
     StorageBinder(const StorageBinder &) = delete;
     StorageBinder &operator=(const StorageBinder &) = delete;
@@ -27,6 +29,7 @@ private:
     Texture *_texture;
     bool _bound = false;
     bool _onActiveUnit = false;
+    int _unit = -1;
     unsigned int _previous = 0;
 };
 

@@ -1,8 +1,9 @@
 #include "gl/texture.h"
 
+#include "core/hostcode.h"
 #include "core/liveobjects.h"
-#include "gl/boundnow.h"
 #include "gl/contextstate.h"
+#include "gl/sampling.h"
 #include "gl/storage.h"
 
 #include <QVariant>
@@ -31,6 +32,158 @@ unsigned int textureBindingOf(unsigned int target)
     }
 }
 
+/// What the library knows of a texture without asking GL.
+class TextureKnowledge
+{
+public:
+    explicit TextureKnowledge(const Texture &texture) : _texture(texture), _known(texture._known) {}
+
+    /// Host code that ran while the texture was bound could reach it.
+    void noticeHostCode() const
+    {
+        if (_texture._boundEpoch != threadContext().bindingEpoch)
+            _known.isShown = true;
+    }
+    unsigned int name() const
+    {
+        _texture._hadUses = true;
+        return _texture._name->id();
+    }
+    void show() const { _known.isShown = true; }
+    void keepNothing() const { _known.isNeverKept = true; }
+    void forgetLevel() const { _known.width = _known.height = 0, _known.internalFormat = 0; }
+
+    bool has(GLenum minification, GLenum magnification, GLenum wrapS, GLenum wrapT) const
+    {
+        refresh();
+        const auto fits = [](GLenum wanted, GLenum known) { return wanted == 0 || wanted == known; };
+        return fits(minification, _known.minification) && fits(magnification, _known.magnification)
+               && fits(wrapS, _known.wrap[0]) && fits(wrapT, _known.wrap[1]);
+    }
+
+    /// Of the bound texture.
+    void setBound(GLenum minification, GLenum magnification, GLenum wrapS, GLenum wrapT) const
+    {
+        if (!_texture._previousUnits.isEmpty())
+            noticeHostCode();
+        refresh();
+        settleActiveUnit();
+        set(GL_TEXTURE_MIN_FILTER, minification, _known.minification);
+        set(GL_TEXTURE_MAG_FILTER, magnification, _known.magnification);
+        set(GL_TEXTURE_WRAP_S, wrapS, _known.wrap[0]);
+        set(GL_TEXTURE_WRAP_T, wrapT, _known.wrap[1]);
+    }
+
+    Filters filters() const
+    {
+        refresh();
+        if (!_known.minification || !_known.magnification) {
+            if (const StorageBinder bound(const_cast<Texture *>(&_texture), StorageBinder::Keeps); bound.isBound()) {
+                settleActiveUnit();
+                GLint minification = 0;
+                GLint magnification = 0;
+                glGetTexParameteriv(_texture._target, GL_TEXTURE_MIN_FILTER, &minification);
+                glGetTexParameteriv(_texture._target, GL_TEXTURE_MAG_FILTER, &magnification);
+                _known.minification = GLenum(minification);
+                _known.magnification = GLenum(magnification);
+            }
+        }
+        return {_known.minification, _known.magnification};
+    }
+
+    LevelInfo level() const
+    {
+        refresh();
+        return {_known.width, _known.height, _known.internalFormat};
+    }
+    void setLevel(const LevelInfo &info) const
+    {
+        _known.width = info.width;
+        _known.height = info.height;
+        _known.internalFormat = info.internalFormat;
+    }
+
+private:
+    // What a host has had in its hands is known until code of the host's runs again.
+    void refresh() const
+    {
+        const ThreadContext &thread = threadContext();
+        const bool holds = thread.bindingScopes > 0 && _known.epoch == thread.bindingEpoch;
+        if ((_known.isShown && !holds) || _known.isNeverKept) {
+            const Texture::Known before = _known;
+            _known = {};
+            _known.isShown = before.isShown;
+            _known.isNeverKept = before.isNeverKept;
+        }
+        _known.epoch = thread.bindingScopes > 0 ? thread.bindingEpoch : 0;
+    }
+    void set(GLenum parameter, GLenum wanted, GLenum &known) const
+    {
+        if (wanted == 0 || wanted == known)
+            return;
+        glTexParameteri(_texture._target, parameter, GLint(wanted));
+        known = wanted;
+    }
+
+    const Texture &_texture;
+    Texture::Known &_known;
+};
+
+void setSampling(Texture *texture, unsigned int minification, unsigned int magnification, unsigned int wrapS,
+                 unsigned int wrapT)
+{
+    if (!texture || TextureKnowledge(*texture).has(minification, magnification, wrapS, wrapT))
+        return;
+    if (const StorageBinder bound(texture, StorageBinder::Keeps); bound.isBound())
+        TextureKnowledge(*texture).setBound(minification, magnification, wrapS, wrapT);
+}
+
+Filters filtersOf(Texture *texture)
+{
+    return texture ? TextureKnowledge(*texture).filters() : Filters();
+}
+
+LevelInfo levelInfo(Texture *texture, unsigned int target)
+{
+    if (!texture || texture->target() != target)
+        return {};
+    const TextureKnowledge knowledge(*texture);
+    LevelInfo info = knowledge.level();
+    if (info.width > 0)
+        return info;
+    const StorageBinder bound(texture, StorageBinder::Keeps);
+    if (!bound.isBound())
+        return {};
+    settleActiveUnit();
+    GLint internalFormat = 0;
+    glGetTexLevelParameteriv(target, 0, GL_TEXTURE_WIDTH, &info.width);
+    glGetTexLevelParameteriv(target, 0, GL_TEXTURE_HEIGHT, &info.height);
+    glGetTexLevelParameteriv(target, 0, GL_TEXTURE_INTERNAL_FORMAT, &internalFormat);
+    info.internalFormat = GLenum(internalFormat);
+    knowledge.setLevel(info);
+    return info;
+}
+
+unsigned int nameOf(const Texture &texture)
+{
+    return TextureKnowledge(texture).name();
+}
+
+void keepNoSampling(const Texture &texture)
+{
+    TextureKnowledge(texture).keepNothing();
+}
+
+void show(const Texture &texture)
+{
+    TextureKnowledge(texture).show();
+}
+
+void forgetLevel(const Texture &texture)
+{
+    TextureKnowledge(texture).forgetLevel();
+}
+
 Texture::Texture(QObject *parent) : QObject(parent), _name(std::make_unique<ObjectName>())
 {
     // RenderPassHelper knows the metatype by name only.
@@ -56,7 +209,15 @@ unsigned int Texture::target() const
     return _target;
 }
 
+// Whoever binds outside of the library's code may set what it likes.
 bool Texture::bind()
+{
+    if (threadContext().bindingScopes == 0)
+        _known.isShown = true;
+    return _bind();
+}
+
+bool Texture::_bind()
 {
     _hadUses = true;
     ContextState *state = ContextState::current();
@@ -65,8 +226,8 @@ bool Texture::bind()
     if (!_previousUnits.isEmpty()) {
         if (_boundIn != state->id)
             return false;
-        _previousUnits.append(boundNow(GL_ACTIVE_TEXTURE));
-        glActiveTexture(GL_TEXTURE0 + unsigned(_unit));
+        _previousUnits.append(state->bindings.activate(_unit));
+        TextureKnowledge(*this).noticeHostCode();
         return true;
     }
     const bool isNew = !_name->wasCreated();
@@ -75,20 +236,19 @@ bool Texture::bind()
     const int unit = state->takeUnit();
     if (unit < 0) {
         static bool reported = false;
-        if (!std::exchange(reported, true))
+        if (!std::exchange(reported, true)) {
+            const HostCode hostCode;
             qCritical("No texture unit is left for texture '%s': %d are in use", qPrintable(label()),
                       state->unitCount());
+        }
         return false;
     }
     _unit = unit;
     _boundIn = state->id;
-    _previousUnits.append(boundNow(GL_ACTIVE_TEXTURE));
-    glActiveTexture(GL_TEXTURE0 + unsigned(unit));
-    _previousTexture = boundNow(textureBindingOf(_target));
-    glBindTexture(_target, _name->id());
-    _previousSampler = state->hasSamplerObjects ? boundNow(GL_SAMPLER_BINDING) : 0;
-    if (_previousSampler)
-        glBindSampler(unsigned(unit), 0);
+    _boundEpoch = threadContext().bindingEpoch;
+    _previousUnits.append(state->bindings.activate(unit));
+    _previousTexture = state->bindings.takeTexture(unit, _target, _name->id());
+    _previousSampler = state->hasSamplerObjects ? state->bindings.takeSampler(unit) : 0;
     if (isNew)
         state->labelObject(GL_TEXTURE, _name->id(), label());
     return true;
@@ -99,6 +259,7 @@ bool Texture::unbind()
 {
     if (_previousUnits.isEmpty())
         return false;
+    TextureKnowledge(*this).noticeHostCode();
     const unsigned int previousUnit = _previousUnits.last();
     _previousUnits.removeLast();
     const bool isLast = _previousUnits.isEmpty();
@@ -110,12 +271,11 @@ bool Texture::unbind()
     if (!state || state != current)
         return false;
     if (isLast) {
-        glActiveTexture(GL_TEXTURE0 + unsigned(unit));
-        glBindTexture(_target, _previousTexture);
+        state->bindings.giveBackTexture(unit, _target, _previousTexture);
         if (_previousSampler)
-            glBindSampler(unsigned(unit), _previousSampler);
+            state->bindings.giveBackSampler(unit, _previousSampler);
     }
-    glActiveTexture(previousUnit);
+    state->bindings.giveBackUnit(previousUnit);
     return true;
 }
 
@@ -142,6 +302,7 @@ bool Texture::isUsable() const
 void Texture::freeStorage()
 {
     *_name = ObjectName();
+    _known = {};
     leaveLiveObject(static_cast<QObject *>(this));
 }
 
@@ -178,6 +339,8 @@ int Texture::unit() const
 unsigned int Texture::textureID() const
 {
     _hadUses = true;
+    if (threadContext().bindingScopes == 0)
+        _known.isShown = true;
     return _name->id();
 }
 
@@ -188,14 +351,12 @@ void Texture::setFilter(unsigned int filter)
 
 void Texture::setFilter(unsigned int minification, unsigned int magnification)
 {
-    glTexParameteri(_target, GL_TEXTURE_MIN_FILTER, GLint(minification));
-    glTexParameteri(_target, GL_TEXTURE_MAG_FILTER, GLint(magnification));
+    TextureKnowledge(*this).setBound(minification, magnification, 0, 0);
 }
 
 void Texture::setWrap(unsigned int wrap)
 {
-    glTexParameteri(_target, GL_TEXTURE_WRAP_S, GLint(wrap));
-    glTexParameteri(_target, GL_TEXTURE_WRAP_T, GLint(wrap));
+    TextureKnowledge(*this).setBound(0, 0, wrap, wrap);
     if (_target == GL_TEXTURE_CUBE_MAP || _target == GL_TEXTURE_3D)
         glTexParameteri(_target, GL_TEXTURE_WRAP_R, GLint(wrap));
 }

@@ -1,11 +1,13 @@
 #include "gl/texturemanager.h"
 
+#include "core/hostcode.h"
 #include "gl/contextstate.h"
 #include "gl/glinfo.h"
 #include "gl/guards.h"
 #include "gl/imagefile.h"
 #include "gl/managedtextures.h"
 #include "gl/pixelstore.h"
+#include "gl/sampling.h"
 #include "gl/storage.h"
 #include "gl/texture.h"
 
@@ -37,18 +39,10 @@ bool hasLinearFilter(GLenum internalFormat)
     }
 }
 
-void setPoolSampling(Texture &bound, GLenum internalFormat)
+void setPoolSampling(Texture &texture, GLenum internalFormat)
 {
-    bound.setFilter(hasLinearFilter(internalFormat) ? GL_LINEAR : GL_NEAREST);
-    bound.setWrap(GL_CLAMP_TO_EDGE);
-}
-
-// Passes fill a single texel of theirs in whatever format suits it; the pool makes sure of its own.
-bool isBoundTextureOf(GLenum internalFormat)
-{
-    GLint actual = 0;
-    glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_INTERNAL_FORMAT, &actual);
-    return GLenum(actual) == internalFormat;
+    const GLenum filter = hasLinearFilter(internalFormat) ? GL_LINEAR : GL_NEAREST;
+    setSampling(&texture, filter, filter, GL_CLAMP_TO_EDGE, GL_CLAMP_TO_EDGE);
 }
 
 // Of the bound texture. False where the driver has no room.
@@ -215,10 +209,13 @@ Texture *TextureManager::tempTexture(TextureFormat format, int width, int height
             chosen = entry.get();
     }
     if (chosen) {
-        StorageBinder bound(chosen->texture.get());
         setPoolSampling(*chosen->texture, internalFormat);
-        if (width == 1 && height == 1 && !isBoundTextureOf(internalFormat))
+        // Passes fill a single texel of theirs in whatever format suits it; the pool makes sure of its own.
+        if (width == 1 && height == 1
+            && levelInfo(chosen->texture.get(), GL_TEXTURE_2D).internalFormat != internalFormat) {
+            StorageBinder bound(chosen->texture.get());
             allocate(internalFormat, 1, 1);
+        }
         ++group->counts.hits;
     } else {
         auto entry = std::make_unique<PoolEntry>();
@@ -276,9 +273,11 @@ void TextureManager::releaseTempTextureRef(Texture *texture, int count)
     PoolEntry *entry = d->find(texture);
     if (!entry)
         return;
-    if (d->debug && entry->refs < count)
+    if (d->debug && entry->refs < count) {
+        const HostCode hostCode;
         qWarning("Texture '%s' is released %d times, but has %d references", qPrintable(texture->label()), count,
                  entry->refs);
+    }
     entry->dropRefs(count);
     if (entry->refs == 0) {
         entry->releasedAt = ++d->releases;
@@ -380,6 +379,7 @@ Texture *TextureManager::textureFromFile(const QString &path, const TextureOptio
         // Not cached: the file may be readable the next time.
         if (!d->unreadable.contains(path)) {
             d->unreadable.insert(path);
+            const HostCode hostCode;
             qWarning("Image '%s' cannot be read: %s", qPrintable(path), qPrintable(error));
         }
         return nullptr;

@@ -1,7 +1,6 @@
 #include "gl/vertexarrayobject.h"
 
 #include "gl/attributelocations.h"
-#include "gl/boundnow.h"
 #include "gl/bufferobject.h"
 #include "gl/contextstate.h"
 #include "gl/guards.h"
@@ -76,8 +75,8 @@ public:
     {
         const Attribute &a = attributes[std::size_t(array.attribute)];
         const AutoBinder makeName(a.buffer->getBO() ? nullptr : a.buffer);
-        const GLuint before = boundNow(GL_ARRAY_BUFFER_BINDING);
-        glBindBuffer(GL_ARRAY_BUFFER, a.buffer->getBO());
+        Bindings &bindings = ContextState::current()->bindings;
+        const unsigned int before = bindings.take(BindingPoint::ArrayBuffer, a.buffer->getBO());
         const auto location = GLuint(array.location);
         const auto *offset = reinterpret_cast<const void *>(quintptr(a.offset));
         if (array.isInteger)
@@ -88,7 +87,7 @@ public:
         if (hasDivisors)
             glVertexAttribDivisor(location, a.divisor);
         glEnableVertexAttribArray(location);
-        glBindBuffer(GL_ARRAY_BUFFER, before);
+        bindings.giveBack(BindingPoint::ArrayBuffer, before);
     }
 
     /// Of the bound vertex array, with what other contexts did to it in theirs.
@@ -213,14 +212,14 @@ bool VertexArrayObject::bind()
     PerContextNames::Entry *entry = isUsable() ? d->names.current() : nullptr;
     if (!entry)
         return false;
-    d->previous.append(boundNow(GL_VERTEX_ARRAY_BINDING));
-    glBindVertexArray(entry->name.id());
+    ContextState *const state = ContextState::current();
+    d->previous.append(state->bindings.take(BindingPoint::VertexArray, entry->name.id()));
     if (entry->revision != d->revision) {
         d->applyAll();
         entry->revision = d->revision;
     }
     // A program that was arranged for and is bound is going to draw.
-    if (const ShaderProgram *program = ContextState::current()->boundProgram) {
+    if (const ShaderProgram *program = state->boundProgram) {
         const KnownProgram *known = program->isLinked() ? d->find(*program->d->program) : nullptr;
         if (known && !known->isArranged)
             d->arrangeIn(*entry, *program->d->program);
@@ -232,8 +231,10 @@ bool VertexArrayObject::unbind()
 {
     if (d->previous.isEmpty())
         return false;
-    glBindVertexArray(d->previous.last());
+    const unsigned int before = d->previous.last();
     d->previous.removeLast();
+    if (ContextState *state = ContextState::current())
+        state->bindings.giveBack(BindingPoint::VertexArray, before);
     return true;
 }
 

@@ -584,11 +584,8 @@ void GPUModelPrivate::drawIndirect(Selection &chosen)
             selectedCommands.data(), qint64(selectedCommands.size()) * qint64(sizeof selectedCommands[0]),
             GL_STATIC_DRAW);
     }
-    GLint before = 0;
-    glGetIntegerv(GL_DRAW_INDIRECT_BUFFER_BINDING, &before);
-    glBindBuffer(GL_DRAW_INDIRECT_BUFFER, chosen.commands->getBO());
+    const AutoBinder boundCommands(chosen.commands);
     glMultiDrawElementsIndirect(GL_TRIANGLES, GL_UNSIGNED_INT, nullptr, GLsizei(chosen.items.size()), 0);
-    glBindBuffer(GL_DRAW_INDIRECT_BUFFER, GLuint(before));
 }
 
 void GPUModelPrivate::drawOneByOne(ShaderProgram *program, const Selection &chosen) const

@@ -1,6 +1,8 @@
 #include "model/instancedatacollection.h"
 
+#include "core/hostcode.h"
 #include "core/liveobjects.h"
+#include "gl/bindings.h"
 #include "gl/bufferobject.h"
 #include "gl/contextstate.h"
 #include "gl/guards.h"
@@ -42,6 +44,7 @@ bool InstanceDataCollection::setData(const QVector<float> &data)
     glGetIntegerv(GL_MAX_TEXTURE_BUFFER_SIZE, &most);
     const qint64 texels = data.size() / kFloatsPerTexel;
     if (texels > most) {
+        const HostCode hostCode;
         qCritical("Instance data \"%s\" of %lld draws is too large: this driver's texture buffers hold %d",
                   qPrintable(_plan->name()), qlonglong(texels / _plan->texelsPerDraw()), most / _plan->texelsPerDraw());
         return false;
@@ -51,6 +54,7 @@ bool InstanceDataCollection::setData(const QVector<float> &data)
     _drawCount = int(texels / _plan->texelsPerDraw());
     _buffer->upload(data.constData(), int(data.size()), GL_STATIC_DRAW);
     AutoBinder bound(_texture.get());
+    settleActiveUnit();
     glTexBuffer(GL_TEXTURE_BUFFER, GL_RGBA32F, _buffer->getBO());
     return true;
 }

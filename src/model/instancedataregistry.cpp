@@ -1,5 +1,6 @@
 #include "model/instancedataregistry.h"
 
+#include "core/hostcode.h"
 #include "model/instancedataplan.h"
 #include "model/materialtexels.h"
 
@@ -105,6 +106,7 @@ InstanceDataPlan *InstanceDataRegistry::getPlan(const QString &name) const
     const auto found = _plans.find(name);
     if (found != _plans.end())
         return found->second;
+    const HostCode hostCode;
     qCritical("Instance data plan \"%s\" does not exist, there are: %s", qPrintable(name),
               qPrintable(planNames().join(QLatin1String(", "))));
     return nullptr;

@@ -1,5 +1,6 @@
 #include "passkit/images.h"
 
+#include "core/hostcode.h"
 #include "gl/imagefile.h"
 
 #include <QFileInfo>
@@ -28,8 +29,10 @@ QImage loadBgraImage(const QString &path, int largest)
     default: break;
     }
     image = std::move(image).convertToFormat(QImage::Format_ARGB32);
-    if (image.isNull())
+    if (image.isNull()) {
+        const HostCode hostCode;
         qWarning("Image '%s' cannot be read: %s", qPrintable(path), qPrintable(error));
+    }
     return image;
 }
 

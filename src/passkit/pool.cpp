@@ -6,6 +6,7 @@
 #include "gl/guards.h"
 #include "gl/hoststate.h"
 #include "gl/pixelstore.h"
+#include "gl/sampling.h"
 #include "gl/storage.h"
 #include "gl/texture.h"
 #include "gl/vertexarrayobject.h"
@@ -43,33 +44,22 @@ void release(Texture *texture)
 
 void setLinear(Texture *texture)
 {
-    StorageBinder bound(texture);
-    if (!bound.isBound())
-        return;
-    texture->setFilter(GL_LINEAR);
+    setSampling(texture, GL_LINEAR, GL_LINEAR);
 }
 
 void setLinearClamped(Texture *texture)
 {
-    StorageBinder bound(texture);
-    if (!bound.isBound())
-        return;
-    setLinear(texture);
-    texture->setWrap(GL_CLAMP_TO_EDGE);
+    setSampling(texture, GL_LINEAR, GL_LINEAR, GL_CLAMP_TO_EDGE, GL_CLAMP_TO_EDGE);
 }
 
-LinearFilterScope::LinearFilterScope(unsigned int target) : _target(target)
+LinearFilterScope::LinearFilterScope(Texture *texture) : _texture(texture), _before(filtersOf(texture))
 {
-    glGetTexParameteriv(target, GL_TEXTURE_MAG_FILTER, &_magFilter);
-    glGetTexParameteriv(target, GL_TEXTURE_MIN_FILTER, &_minFilter);
-    glTexParameteri(target, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
-    glTexParameteri(target, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+    setLinear(texture);
 }
 
 LinearFilterScope::~LinearFilterScope()
 {
-    glTexParameteri(_target, GL_TEXTURE_MAG_FILTER, _magFilter);
-    glTexParameteri(_target, GL_TEXTURE_MIN_FILTER, _minFilter);
+    setSampling(_texture, _before.minification, _before.magnification);
 }
 
 bool attachTarget(FramebufferObject *framebuffer, Texture *output, Texture *depthStencil)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "gl/guards.h"
+#include "gl/sampling.h"
 #include "gl/texturemanager.h"
 #include "passkit/extent.h"
 
@@ -27,25 +28,24 @@ void publish(PassSlot &output, Texture *texture, int users);
 /// Drops one reference of a pool texture; any other texture, and null, is left alone.
 void release(Texture *texture);
 
-/// Binds the texture and gives it linear filters and a wrap clamped to the edge, as bilinear taps need.
+/// Gives the texture linear filters and a wrap clamped to the edge, as bilinear taps need.
 void setLinearClamped(Texture *texture);
 
-/// Binds the texture and gives it linear filters; its wrap stays.
+/// Gives the texture linear filters; its wrap stays.
 void setLinear(Texture *texture);
 
-/// Gives the texture that is bound to the active unit linear filters for the scope.
+/// Gives a texture linear filters for the scope.
 class LinearFilterScope
 {
 public:
-    explicit LinearFilterScope(unsigned int target);
+    explicit LinearFilterScope(Texture *texture);
     ~LinearFilterScope();
     LinearFilterScope(const LinearFilterScope &) = delete;
     LinearFilterScope &operator=(const LinearFilterScope &) = delete;
 
 private:
-    unsigned int _target;
-    int _magFilter = 0;
-    int _minFilter = 0;
+    Texture *_texture;
+    Filters _before;
 };
 
 /// Attaches an output to the bound framebuffer as its only colour target, and what else the draws need. False where

@@ -1,5 +1,6 @@
 #include "passkit/programs.h"
 
+#include "gl/bindings.h"
 #include "gl/drawbuffers.h"
 #include "gl/guards.h"
 #include "gl/opengldevicecontext.h"
@@ -9,6 +10,8 @@
 #include "model/instancedataregistry.h"
 
 #include <epoxy/gl.h>
+
+#include <typeinfo>
 
 namespace Brevane::Kvo {
 
@@ -77,8 +80,11 @@ ShaderProgram *buildProgram(const ProgramRecipe &recipe, GLSLMacroProcessor *pro
 
 bool buildOnce(Held<ShaderProgram> &program, const ProgramRecipe &recipe, GLSLMacroProcessor *processor)
 {
-    if (program) {
-        program->refresh();
+    if (ShaderProgram *const known = program) {
+        // Of a class that a host derived nobody knows what it binds.
+        if (typeid(*known) != typeid(ShaderProgram))
+            BindingScope::stopTracking();
+        known->refresh();
         return false;
     }
     program = buildProgram(recipe, processor);

@@ -2,8 +2,10 @@
 
 #include "core/liveobjects.h"
 #include "core/log.h"
+#include "gl/bindings.h"
 #include "gl/guards.h"
 #include "gl/pixelstore.h"
+#include "gl/sampling.h"
 #include "gl/storage.h"
 #include "gl/texture.h"
 #include "model/gpumodel.h"
@@ -38,6 +40,7 @@ Texture *makeArray(const char *label, GLint filter, GLenum internalFormat, GLenu
     auto *texture = new Texture(nullptr);
     texture->setLabel(QLatin1String(label));
     texture->setTarget(GL_TEXTURE_2D_ARRAY);
+    keepNoSampling(*texture); // its wraps change for each use, see wrapToNoDepth
     StorageBinder bound(texture);
     texture->setFilter(GLenum(filter));
     const DefaultPixelStore pixelStore;
@@ -213,6 +216,7 @@ Texture *makeMomentsArray(const char *label, const QSize &size, int layers)
 
 void wrapToNoDepth()
 {
+    settleActiveUnit();
     constexpr float kBorder[4] = {kNoDepth, kNoDepth, kNoDepth, 1.0f};
     glTexParameterfv(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_BORDER_COLOR, kBorder);
     glTexParameteri(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_BORDER);
@@ -221,6 +225,7 @@ void wrapToNoDepth()
 
 void wrapToEdge()
 {
+    settleActiveUnit();
     glTexParameteri(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
     glTexParameteri(GL_TEXTURE_2D_ARRAY, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
 }

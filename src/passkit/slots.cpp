@@ -1,20 +1,32 @@
 #include "passkit/slots.h"
 
 #include "core/liveobjects.h"
+#include "gl/bindings.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/texture.h"
 #include "model/gpumodel.h"
 
+#include <typeinfo>
+
 namespace Brevane::Kvo {
 
 namespace {
+
+// Of a class that a host derived nobody knows what it binds.
+template <typename T>
+T *known(T *object)
+{
+    if (object && typeid(*object) != typeid(T))
+        BindingScope::stopTracking();
+    return object;
+}
 
 // An object of ours if it is still alive: a slot borrows what it names.
 template <typename T>
 T *ifAlive(QObject *object, LiveKind kind)
 {
-    return liveKindOf(object) == kind ? static_cast<T *>(object) : nullptr;
+    return liveKindOf(object) == kind ? known(static_cast<T *>(object)) : nullptr;
 }
 
 template <typename T>
@@ -51,7 +63,7 @@ Texture *objectTexture(const QVariant &value)
 
 Texture *anyTexture(const QVariant &value)
 {
-    return textureFromVariant(value);
+    return known(textureFromVariant(value));
 }
 
 GPUModel *modelOf(const QVariant &value)

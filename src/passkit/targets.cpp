@@ -6,6 +6,7 @@
 #include "gl/glinfo.h"
 #include "gl/guards.h"
 #include "gl/pixelstore.h"
+#include "gl/sampling.h"
 #include "gl/storage.h"
 #include "gl/texture.h"
 #include "gl/texturemanager.h"
@@ -84,21 +85,15 @@ Texture *makeBlackTexture()
 
 Extent sizeOf(Texture *texture)
 {
-    AutoBinder bound(texture);
-    Extent size;
-    glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_WIDTH, &size.width);
-    glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_HEIGHT, &size.height);
-    return size;
+    const LevelInfo level = levelInfo(texture, GL_TEXTURE_2D);
+    return {level.width, level.height};
 }
 
 unsigned int depthAttachmentOf(RenderPassHelper &pass, int slot, Texture *depth)
 {
-    AutoBinder bound(depth);
-    if (!bound.isBound() || depth->target() != GL_TEXTURE_2D)
+    if (depth->target() != GL_TEXTURE_2D || !depth->isUsable())
         return GL_DEPTH_STENCIL_ATTACHMENT;
-    GLint format = 0;
-    glGetTexLevelParameteriv(GL_TEXTURE_2D, 0, GL_TEXTURE_INTERNAL_FORMAT, &format);
-    switch (formatFromInternalFormat(GLenum(format))) {
+    switch (formatFromInternalFormat(levelInfo(depth, GL_TEXTURE_2D).internalFormat)) {
     case GL_DEPTH_COMPONENT: pass.acceptInput(slot); return GL_DEPTH_ATTACHMENT;
     case GL_DEPTH_STENCIL: pass.acceptInput(slot); return GL_DEPTH_STENCIL_ATTACHMENT;
     default: pass.reportInput(slot, QStringLiteral("has no depth; it is left out")); return GL_NONE;

@@ -1,5 +1,7 @@
 #include "renderpasses/backgroundimagerenderpass.h"
 
+#include "core/hostcode.h"
+#include "gl/bindings.h"
 #include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
@@ -137,7 +139,7 @@ void BackgroundImageRenderPass::teardown(RenderCallbacks *) {}
 
 void BackgroundImageRenderPass::start(RenderCallbacks *callbacks)
 {
-    const ContextScope scope;
+    const BindingScope scope;
     if (!scope)
         return;
     const Extent extent = extentOf(*this, kViewport);
@@ -154,8 +156,10 @@ void BackgroundImageRenderPass::start(RenderCallbacks *callbacks)
     if (!_fbo || extent != Extent{_width, _height}) {
         _width = extent.width;
         _height = extent.height;
-        if (!_fbo)
+        if (!_fbo) {
+            const HostCode hostCode; // may be overridden
             setup(callbacks);
+        }
     }
 
     Texture *result = tempTexture(TextureFormat::Frame, extent);

@@ -1,6 +1,6 @@
 #include "renderpasses/blendrenderpass.h"
 
-#include "gl/contextscope.h"
+#include "gl/bindings.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -251,7 +251,7 @@ BlendRenderPass::~BlendRenderPass() = default;
 
 void BlendRenderPass::start(RenderCallbacks *)
 {
-    const ContextScope scope;
+    const BindingScope scope;
     if (!scope)
         return;
     // By name: hosts derive from this pass and add slots of their own, or give one another name. Without a size

@@ -1,6 +1,6 @@
 #include "renderpasses/blurandcombinerenderpass.h"
 
-#include "gl/contextscope.h"
+#include "gl/bindings.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -115,7 +115,7 @@ BlurAndCombineRenderPass::~BlurAndCombineRenderPass() = default;
 
 void BlurAndCombineRenderPass::start(RenderCallbacks *callbacks)
 {
-    const ContextScope scope;
+    const BindingScope scope;
     if (!scope)
         return;
     const float radius = blurRadiusOf(*this, kBlurRadius);

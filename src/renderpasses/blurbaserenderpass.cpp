@@ -1,5 +1,6 @@
 #include "renderpasses/blurbaserenderpass.h"
 
+#include "core/hostcode.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/glslmacroprocessor.h"
@@ -79,6 +80,7 @@ void BlurBaseRenderPass::calculateBlurWeights()
     // The radii of our own slots are; a host that derives from this pass reads its own.
     if (const float largest = largestBlurRadius(); !(_blurRadius <= largest)) {
         const float used = std::isnan(_blurRadius) ? 0.0f : largest;
+        const HostCode hostCode;
         qWarning("BlurBaseRenderPass: there is no kernel for a radius of %g; that for %g is used", double(_blurRadius),
                  double(used));
         _blurRadius = used;

@@ -1,6 +1,6 @@
 #include "renderpasses/cameraspacezbufferrenderpass.h"
 
-#include "gl/contextscope.h"
+#include "gl/bindings.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -80,7 +80,7 @@ CameraSpaceZBufferRenderPass::~CameraSpaceZBufferRenderPass() = default;
 
 void CameraSpaceZBufferRenderPass::start(RenderCallbacks *)
 {
-    const ContextScope scope;
+    const BindingScope scope;
     if (!scope)
         return;
     const Extent extent = extentOf(*this, kViewport);

@@ -1,7 +1,8 @@
 #include "renderpasses/cubemaploaderrenderpass.h"
 
+#include "core/hostcode.h"
+#include "gl/bindings.h"
 #include "gl/bufferobject.h"
-#include "gl/contextscope.h"
 #include "gl/guards.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/pixelstore.h"
@@ -27,6 +28,7 @@ QImage loadFace(const QString &path, int largest)
 {
     QImage image = loadBgraImage(path, largest);
     if (image.width() != image.height()) {
+        const HostCode hostCode;
         qWarning("Image '%s' is no face of a cube: it has %dx%d texels", qPrintable(path), image.width(),
                  image.height());
         image = QImage();
@@ -70,7 +72,7 @@ CubemapLoaderRenderPass::~CubemapLoaderRenderPass() = default;
 
 void CubemapLoaderRenderPass::start(RenderCallbacks *)
 {
-    const ContextScope scope;
+    const BindingScope scope;
     if (!scope)
         return;
     const QString posX = _inputs[kPathPosX].value.toString();

@@ -1,6 +1,6 @@
 #include "renderpasses/deferredrenderpass.h"
 
-#include "gl/contextscope.h"
+#include "gl/bindings.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -96,7 +96,7 @@ DeferredRenderPass::~DeferredRenderPass() = default;
 
 void DeferredRenderPass::start(RenderCallbacks *)
 {
-    const ContextScope scope;
+    const BindingScope scope;
     if (!scope)
         return;
     const Extent extent = extentOf(*this, kViewport);

@@ -1,6 +1,6 @@
 #include "renderpasses/depthoffieldrenderpass.h"
 
-#include "gl/contextscope.h"
+#include "gl/bindings.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -273,7 +273,7 @@ DepthOfFieldRenderPass::~DepthOfFieldRenderPass() = default;
 
 void DepthOfFieldRenderPass::start(RenderCallbacks *)
 {
-    const ContextScope scope;
+    const BindingScope scope;
     if (!scope)
         return;
     const Extent extent = extentOf(*this, kViewport);
@@ -307,9 +307,8 @@ void DepthOfFieldRenderPass::start(RenderCallbacks *)
         glClear(GL_COLOR_BUFFER_BIT);
         AutoBinder program(_program);
         AutoBinder boundDepth(depth);
-        // Last, so that its unit is active while its filters change.
         AutoBinder boundFrame(frame);
-        const LinearFilterScope linear(GL_TEXTURE_2D);
+        const LinearFilterScope linear(frame);
         _program->setUniform(QStringLiteral("bgl_RenderedTexture"), frame->unit());
         _program->setUniform(QStringLiteral("bgl_DepthTexture"), depth->unit());
         _program->setUniform(QStringLiteral("bgl_RenderedTextureWidth"), extent.width);

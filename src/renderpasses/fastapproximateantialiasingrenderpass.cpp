@@ -1,6 +1,6 @@
 #include "renderpasses/fastapproximateantialiasingrenderpass.h"
 
-#include "gl/contextscope.h"
+#include "gl/bindings.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -97,7 +97,7 @@ FastApproximateAntiAliasingRenderPass::~FastApproximateAntiAliasingRenderPass() 
 
 void FastApproximateAntiAliasingRenderPass::start(RenderCallbacks *)
 {
-    const ContextScope scope;
+    const BindingScope scope;
     if (!scope)
         return;
     const Extent extent = extentOf(*this, kViewport);
@@ -127,7 +127,7 @@ void FastApproximateAntiAliasingRenderPass::start(RenderCallbacks *)
         glClear(GL_COLOR_BUFFER_BIT);
         AutoBinder program(_program);
         AutoBinder boundFrame(frame);
-        const LinearFilterScope linear(GL_TEXTURE_2D);
+        const LinearFilterScope linear(frame);
         _program->setUniform(QStringLiteral("u_FrameSampler"), frame->unit());
         _program->setUniform(QStringLiteral("u_Width"), _width);
         _program->setUniform(QStringLiteral("u_Height"), _height);

@@ -1,6 +1,6 @@
 #include "renderpasses/forwardrenderpass.h"
 
-#include "gl/contextscope.h"
+#include "gl/bindings.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
 #include "gl/shaderprogram.h"
@@ -84,7 +84,7 @@ ForwardRenderPass::~ForwardRenderPass()
 
 void ForwardRenderPass::start(RenderCallbacks *)
 {
-    const ContextScope scope;
+    const BindingScope scope;
     if (!scope)
         return;
     const Extent extent = extentOf(*this, kViewport);

@@ -1,6 +1,6 @@
 #include "renderpasses/gaussianblurrenderpass.h"
 
-#include "gl/contextscope.h"
+#include "gl/bindings.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -48,7 +48,7 @@ GaussianBlurRenderPass::~GaussianBlurRenderPass() = default;
 
 void GaussianBlurRenderPass::start(RenderCallbacks *)
 {
-    const ContextScope scope;
+    const BindingScope scope;
     if (!scope)
         return;
     const float radius = blurRadiusOf(*this, kBlurRadius);

@@ -1,10 +1,11 @@
 #include "renderpasses/luminanceaveragerenderpass.h"
 
-#include "gl/contextscope.h"
+#include "gl/bindings.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
 #include "gl/pixelstore.h"
+#include "gl/sampling.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "passkit/glstate.h"
@@ -105,7 +106,7 @@ LuminanceAverageRenderPass::~LuminanceAverageRenderPass() = default;
 
 void LuminanceAverageRenderPass::start(RenderCallbacks *)
 {
-    const ContextScope scope;
+    const BindingScope scope;
     if (!scope)
         return;
     const int viewportSlot = findInput(kViewport);
@@ -132,8 +133,11 @@ void LuminanceAverageRenderPass::start(RenderCallbacks *)
         AutoBinder fbo(_reductionFbo);
         replaceTarget(_reductionFbo, GL_COLOR_ATTACHMENT0, kTarget, {reducedWidth, reducedHeight});
         AutoBinder reduced(_reductionFbo->attachment(GL_COLOR_ATTACHMENT0));
-        glTexParameteri(GL_TEXTURE_2D, GL_TEXTURE_MIN_FILTER, GL_NEAREST_MIPMAP_NEAREST);
+        setSampling(_reductionFbo->attachment(GL_COLOR_ATTACHMENT0), GL_NEAREST_MIPMAP_NEAREST, 0);
+        settleActiveUnit();
         glGenerateMipmap(GL_TEXTURE_2D);
+        // With its levels the texture may have got other memory, which Mesa sees when it is attached.
+        _reductionFbo->attach(_reductionFbo->attachment(GL_COLOR_ATTACHMENT0), GL_COLOR_ATTACHMENT0, 0);
     }
     if (made(_averageFbo, "LuminanceAverageRenderPass average")) {
         _averageWidth = 1;
@@ -164,6 +168,7 @@ void LuminanceAverageRenderPass::start(RenderCallbacks *)
     }
     {
         AutoBinder bound(reduced);
+        settleActiveUnit();
         glGenerateMipmap(GL_TEXTURE_2D);
     }
     const Blocks blocks = summable({reduced, float(_averageWidth), float(_averageHeight)}, _averageHeight);

@@ -1,6 +1,6 @@
 #include "renderpasses/modeldeferredpass.h"
 
-#include "gl/contextscope.h"
+#include "gl/bindings.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -84,7 +84,7 @@ ModelDeferredPass::~ModelDeferredPass() = default;
 // The light is fixed to the camera, so the matrices of inputs 1 and 2 do not enter.
 void ModelDeferredPass::start(RenderCallbacks *)
 {
-    const ContextScope scope;
+    const BindingScope scope;
     if (!scope)
         return;
     const Extent extent = extentOf(*this, kViewport);

@@ -1,6 +1,6 @@
 #include "renderpasses/modelrenderpass.h"
 
-#include "gl/contextscope.h"
+#include "gl/bindings.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
 #include "gl/shaderprogram.h"
@@ -118,7 +118,7 @@ ModelRenderPass::~ModelRenderPass()
 
 void ModelRenderPass::start(RenderCallbacks *)
 {
-    const ContextScope scope;
+    const BindingScope scope;
     if (!scope)
         return;
     const Extent extent = extentOf(*this, kViewport);

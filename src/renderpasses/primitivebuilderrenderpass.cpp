@@ -1,7 +1,7 @@
 #include "renderpasses/primitivebuilderrenderpass.h"
 
+#include "gl/bindings.h"
 #include "gl/bufferobject.h"
-#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/guards.h"
 #include "gl/opengldevicecontext.h"
@@ -105,7 +105,7 @@ void PrimitiveBuilderRenderPass::start(RenderCallbacks *)
     const int geometry = findOutput(geometryName());
     // What cannot be built without a context is built when there is one; what another share group has is
     // built anew.
-    const ContextScope scope;
+    const BindingScope scope;
     if (scope && (_dirty || (!_drawBuffers && _drawBuffers.any()))) {
         _dirty = false;
         _drawBuffers = build();

@@ -1,13 +1,14 @@
 #include "renderpasses/scalableambientobscurancerenderpass.h"
 
 #include "core/log.h"
-#include "gl/contextscope.h"
+#include "gl/bindings.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/glinfo.h"
 #include "gl/glslmacroprocessor.h"
 #include "gl/guards.h"
 #include "gl/opengldevicecontext.h"
+#include "gl/sampling.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "passkit/limits.h"
@@ -222,12 +223,9 @@ void main()
 constexpr int kGLSL400 = 40; // the OpenGL version that brought it
 constexpr int kMostLogOffset = 1000; // more than any float has an exponent
 
-// The attachment for a depth texture; it must be bound.
-unsigned int attachmentOf(const Texture *depth)
+unsigned int attachmentOf(Texture *depth)
 {
-    GLint internalFormat = 0;
-    glGetTexLevelParameteriv(depth->target(), 0, GL_TEXTURE_INTERNAL_FORMAT, &internalFormat);
-    switch (formatFromInternalFormat(unsigned(internalFormat))) {
+    switch (formatFromInternalFormat(levelInfo(depth, depth->target()).internalFormat)) {
     case GL_DEPTH_COMPONENT: return GL_DEPTH_ATTACHMENT;
     case GL_DEPTH_STENCIL: return GL_DEPTH_STENCIL_ATTACHMENT;
     default: KVO_ASSERT(false, "Unhandled depth format"); return GL_NONE;
@@ -265,7 +263,7 @@ ScalableAmbientObscuranceRenderPass::~ScalableAmbientObscuranceRenderPass() = de
 
 void ScalableAmbientObscuranceRenderPass::start(RenderCallbacks *)
 {
-    const ContextScope scope;
+    const BindingScope scope;
     if (!scope)
         return;
     const Extent viewport = extentOf(*this, kViewport);

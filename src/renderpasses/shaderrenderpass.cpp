@@ -1,6 +1,7 @@
 #include "renderpasses/shaderrenderpass.h"
 
-#include "gl/contextscope.h"
+#include "core/hostcode.h"
+#include "gl/bindings.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -18,6 +19,8 @@
 #include <QVarLengthArray>
 
 #include <epoxy/gl.h>
+
+#include <typeinfo>
 
 #include <algorithm>
 
@@ -55,8 +58,8 @@ QString uniformName(const QString &slot, QLatin1StringView prefix)
     return QStringLiteral("u_") + slot.mid(prefix.size());
 }
 
-// Filters and wrap of a bound texture, which only some kinds of textures have.
-void setSampling(const Texture &texture)
+// Filters and wrap, which only some kinds of textures have.
+void setLinearWhereItFilters(Texture &texture)
 {
     switch (texture.target()) {
     case GL_TEXTURE_BUFFER:
@@ -64,10 +67,7 @@ void setSampling(const Texture &texture)
     case GL_TEXTURE_2D_MULTISAMPLE_ARRAY: return;
     default: break;
     }
-    glTexParameteri(texture.target(), GL_TEXTURE_MAG_FILTER, GL_LINEAR);
-    glTexParameteri(texture.target(), GL_TEXTURE_MIN_FILTER, GL_LINEAR);
-    glTexParameteri(texture.target(), GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
-    glTexParameteri(texture.target(), GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+    setLinearClamped(&texture);
 }
 
 // As many of the wanted colour targets as the driver can draw to at a time; 8 are always there.
@@ -198,7 +198,7 @@ void ShaderRenderPass::_buildProgram()
 
 void ShaderRenderPass::start(RenderCallbacks *)
 {
-    const ContextScope scope;
+    const BindingScope scope;
     if (!scope)
         return;
     bool clear = _clear;
@@ -257,10 +257,15 @@ void ShaderRenderPass::start(RenderCallbacks *)
             Texture *texture = textures[_textureInputs[s]];
             if (!texture || !texture->bind())
                 continue;
-            setSampling(*texture);
+            setLinearWhereItFilters(*texture);
             _program->setUniform(_samplerNames[s], texture->unit());
         }
-        setUniforms();
+        if (typeid(*this) == typeid(ShaderRenderPass)) {
+            setUniforms();
+        } else {
+            const HostCode hostCode;
+            setUniforms();
+        }
         glViewport(0, 0, _width, _height);
 
         DrawBuffers *drawn = geometry ? geometry : _quad.data();

@@ -1,8 +1,8 @@
 #include "renderpasses/shadowmaprenderpass.h"
 
 #include "core/log.h"
+#include "gl/bindings.h"
 #include "gl/bufferobject.h"
-#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/glslmacroprocessor.h"
@@ -339,7 +339,7 @@ void ShadowMapRenderPass::setInstanceDataPlanName(const QString &name)
 
 void ShadowMapRenderPass::start(RenderCallbacks *)
 {
-    const ContextScope scope;
+    const BindingScope scope;
     if (!scope)
         return;
     GPUModel *model = castersIn(_inputs[kGeometry].value, __FILE__, __LINE__);

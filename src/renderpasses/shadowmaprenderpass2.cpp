@@ -1,7 +1,7 @@
 #include "renderpasses/shadowmaprenderpass2.h"
 
 #include "core/log.h"
-#include "gl/contextscope.h"
+#include "gl/bindings.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/glinfo.h"
@@ -372,7 +372,7 @@ void ShadowMapRenderPass2::setInstanceDataPlanName(const QString &name)
 
 void ShadowMapRenderPass2::start(RenderCallbacks *)
 {
-    const ContextScope scope;
+    const BindingScope scope;
     if (!scope)
         return;
     GPUModel *model = castersIn(_inputs[kGeometry].value, __FILE__, __LINE__);

@@ -1,9 +1,12 @@
 #include "renderpasses/skyboxrenderpass.h"
 
+#include "core/hostcode.h"
+#include "gl/bindings.h"
 #include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
+#include "gl/sampling.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "passkit/limits.h"
@@ -187,11 +190,12 @@ void SkyboxRenderPass::setup(RenderCallbacks *)
 
 void SkyboxRenderPass::start(RenderCallbacks *callbacks)
 {
-    const ContextScope scope;
+    const BindingScope scope;
     if (!scope)
         return;
     const Extent extent = extentOf(*this, kViewport);
     if (!_fbo || extent != Extent{_width, _height}) {
+        const HostCode hostCode; // either may be overridden
         teardown(callbacks);
         _width = extent.width;
         _height = extent.height;
@@ -245,18 +249,14 @@ void SkyboxRenderPass::start(RenderCallbacks *callbacks)
     if (background) {
         source = background;
         program = _backgroundProgram;
-        AutoBinder bound(source);
-        glTexParameteri(source->target(), GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+        setSampling(source, GL_LINEAR, 0);
     } else if (cubemap) {
         source = cubemap;
         program = _cubeProgram;
     } else if (latLongMap) {
         source = latLongMap;
         program = _latLongProgram;
-        AutoBinder bound(source);
-        glTexParameteri(source->target(), GL_TEXTURE_WRAP_S, GL_REPEAT);
-        glTexParameteri(source->target(), GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
-        glTexParameteri(source->target(), GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+        setSampling(source, GL_LINEAR, 0, GL_REPEAT, GL_CLAMP_TO_EDGE);
     }
     if (source && canDraw) {
         AutoBinder boundProgram(program);

@@ -1,5 +1,7 @@
 #include "renderpasses/smaarenderpass.h"
 
+#include "core/hostcode.h"
+#include "gl/bindings.h"
 #include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
@@ -383,7 +385,7 @@ void SMAARenderPass::teardown(RenderCallbacks *)
 
 void SMAARenderPass::start(RenderCallbacks *callbacks)
 {
-    const ContextScope scope;
+    const BindingScope scope;
     if (!scope)
         return;
     const Extent extent = extentOf(*this, kViewport);
@@ -405,6 +407,7 @@ void SMAARenderPass::start(RenderCallbacks *callbacks)
     const bool isCurrent = extent == Extent{_width, _height} && predication == _predication && mode == _mode
                            && supportTransparency == _supportTransparency;
     if (!isCurrent || !_edgeFbo) {
+        const HostCode hostCode; // either may be overridden
         teardown(callbacks);
         _width = extent.width;
         _height = extent.height;

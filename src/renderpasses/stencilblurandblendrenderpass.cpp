@@ -1,6 +1,6 @@
 #include "renderpasses/stencilblurandblendrenderpass.h"
 
-#include "gl/contextscope.h"
+#include "gl/bindings.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -84,7 +84,7 @@ StencilBlurAndBlendRenderPass::~StencilBlurAndBlendRenderPass() = default;
 
 void StencilBlurAndBlendRenderPass::start(RenderCallbacks *callbacks)
 {
-    const ContextScope scope;
+    const BindingScope scope;
     if (!scope)
         return;
     const float radius = blurRadiusOf(*this, kBlurRadius);

@@ -1,6 +1,6 @@
 #include "renderpasses/temporalaarenderpass.h"
 
-#include "gl/contextscope.h"
+#include "gl/bindings.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -90,7 +90,7 @@ TemporalAARenderPass::~TemporalAARenderPass()
 
 void TemporalAARenderPass::start(RenderCallbacks *)
 {
-    const ContextScope scope;
+    const BindingScope scope;
     if (!scope)
         return;
     const Extent viewport = extentOf(*this, kViewport);

@@ -1,6 +1,6 @@
 #include "renderpasses/textureloaderrenderpass.h"
 
-#include "gl/contextscope.h"
+#include "gl/bindings.h"
 #include "gl/guards.h"
 #include "gl/pixelstore.h"
 #include "gl/storage.h"
@@ -32,7 +32,7 @@ TextureLoaderRenderPass::~TextureLoaderRenderPass() = default;
 
 void TextureLoaderRenderPass::start(RenderCallbacks *)
 {
-    const ContextScope scope;
+    const BindingScope scope;
     if (!scope)
         return;
     if (!_texture) {

@@ -1,6 +1,6 @@
 #include "renderpasses/transparencyrenderpass.h"
 
-#include "gl/contextscope.h"
+#include "gl/bindings.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -167,7 +167,7 @@ TransparencyRenderPass::~TransparencyRenderPass()
 
 void TransparencyRenderPass::start(RenderCallbacks *)
 {
-    const ContextScope scope;
+    const BindingScope scope;
     if (!scope)
         return;
     const Extent extent = extentOf(*this, kViewport);

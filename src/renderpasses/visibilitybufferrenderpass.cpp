@@ -1,8 +1,8 @@
 #include "renderpasses/visibilitybufferrenderpass.h"
 
 #include "core/log.h"
+#include "gl/bindings.h"
 #include "gl/bufferobject.h"
-#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/glinfo.h"
@@ -224,7 +224,7 @@ void VisibilityBufferRenderPass::chooseMode()
 
 void VisibilityBufferRenderPass::start(RenderCallbacks *)
 {
-    const ContextScope scope;
+    const BindingScope scope;
     if (!scope)
         return;
     chooseMode();

@@ -1,7 +1,8 @@
 #include "renderpasses/visibilitydeferredrenderpass.h"
 
+#include "core/hostcode.h"
+#include "gl/bindings.h"
 #include "gl/bufferobject.h"
-#include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/glinfo.h"
@@ -154,6 +155,7 @@ Texture *bufferView(const QSharedPointer<BufferObject> &buffer, unsigned int for
     auto *view = new Texture(nullptr);
     view->setTarget(GL_TEXTURE_BUFFER);
     AutoBinder bound(view);
+    settleActiveUnit();
     glTexBuffer(GL_TEXTURE_BUFFER, format, buffer->getBO());
     return view;
 }
@@ -181,7 +183,7 @@ VisibilityDeferredRenderPass::~VisibilityDeferredRenderPass() = default;
 
 void VisibilityDeferredRenderPass::start(RenderCallbacks *)
 {
-    const ContextScope scope;
+    const BindingScope scope;
     if (!scope)
         return;
     const Extent extent = extentOf(*this, kViewport);
@@ -320,10 +322,12 @@ void VisibilityDeferredRenderPass::makeBufferTextures(DrawBuffers &geometry)
     if (const auto indices = geometry.indexBO())
         append(indices, GL_R32I);
     const int limit = DrawBuffers::maxShaderReadableCommands();
-    if (geometry.drawElementsIndirectCommandCount() > limit)
+    if (geometry.drawElementsIndirectCommandCount() > limit) {
+        const HostCode hostCode;
         qWarning("VisibilityDeferredRenderPass: the model has %d draws and the shader reads %d; fragments of the "
                  "others are shaded without normal and texture coordinate",
                  geometry.drawElementsIndirectCommandCount(), limit);
+    }
 }
 
 } // namespace Brevane::Kvo

@@ -1,6 +1,6 @@
 #include "renderpasses/visibilitysortrenderpass.h"
 
-#include "gl/contextscope.h"
+#include "gl/bindings.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -266,7 +266,7 @@ VisibilitySortRenderPass::~VisibilitySortRenderPass() = default;
 
 void VisibilitySortRenderPass::start(RenderCallbacks *)
 {
-    const ContextScope scope;
+    const BindingScope scope;
     // The mode stays what it was found to be, so it is not asked of no context.
     if (!_modeChosen && scope) {
         _modeChosen = true;

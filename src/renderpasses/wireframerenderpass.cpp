@@ -1,6 +1,6 @@
 #include "renderpasses/wireframerenderpass.h"
 
-#include "gl/contextscope.h"
+#include "gl/bindings.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -104,7 +104,7 @@ WireframeRenderPass::~WireframeRenderPass() = default;
 
 void WireframeRenderPass::start(RenderCallbacks *)
 {
-    const ContextScope scope;
+    const BindingScope scope;
     if (!scope)
         return;
     const int viewportSlot = findInput(kViewport);

@@ -1,5 +1,6 @@
 #include "shadows/shadowmapmanager.h"
 
+#include "core/hostcode.h"
 #include "shadows/lightframes.h"
 
 #include "gl/contextstate.h"
@@ -146,6 +147,7 @@ public:
         _now.append(message);
         if (isKnown)
             return;
+        const HostCode hostCode;
         if (type == QtCriticalMsg)
             qCritical("%s", qPrintable(message));
         else
@@ -203,6 +205,7 @@ bool endsBefore(const ShaderProgram &program, const QString &array, int count)
 
 void warnOfMissingRoom(const ShaderProgram &program, const ShadowMapRenderData &data)
 {
+    const HostCode hostCode;
     if (endsBefore(program, kTransforms, data.layerCount))
         qWarning("Shadows: program '%s' has no room for %d layers; the last ones cast no shadow (see "
                  "ShadowMapManager::setup)",

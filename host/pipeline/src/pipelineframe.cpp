@@ -1,7 +1,9 @@
 #include "pipelineframe.h"
 
+#include "core/hostcode.h"
 #include "core/renderpass.h"
 #include "debuggroup.h"
+#include "gl/bindings.h"
 #include "gl/givenup.h"
 #include "gl/hoststate.h"
 #include "gl/opengldevicecontext.h"
@@ -13,6 +15,7 @@
 #include <epoxy/gl.h>
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 namespace Brevane::Kvo {
@@ -26,6 +29,26 @@ bool names(const QVariant &value, const Texture *texture)
         return std::any_of(list.begin(), list.end(), [texture](const QVariant &v) { return names(v, texture); });
     }
     return textureFromVariant(value) == texture;
+}
+
+/// Around a call to a pass, whose class may be the host's.
+class MaybeHostCode
+{
+public:
+    explicit MaybeHostCode(bool isHostCode)
+    {
+        if (isHostCode)
+            _hostCode.emplace();
+    }
+
+private:
+    std::optional<HostCode> _hostCode;
+};
+
+QVariant outputOf(const LinkSource &source, bool isOurs)
+{
+    const MaybeHostCode host(!isOurs);
+    return source.from->pass->output(source.output);
 }
 
 } // namespace
@@ -53,15 +76,20 @@ void PipelineFrame::run(RenderCallbacks *callbacks)
     if (!_givenUp.isEmpty())
         freeGivenUp();
     const DefaultState state;
+    const BindingScope bindings;
     faults.clear();
     _ledger.beginFrame();
     _hosts[HostValues::Frame] = number;
-    for (const Step &step : _steps)
+    for (const Step &step : _steps) {
+        const MaybeHostCode host(!step.row);
         step.node->pass->beginFrame(callbacks);
+    }
     for (Step &step : _steps)
         runStep(step, callbacks);
-    for (const Step &step : _steps)
+    for (const Step &step : _steps) {
+        const MaybeHostCode host(!step.row);
         step.node->pass->endFrame(callbacks);
+    }
     ++number;
     report();
     TextureManager &textures = TextureManager::Instance();
@@ -72,6 +100,7 @@ void PipelineFrame::run(RenderCallbacks *callbacks)
 void PipelineFrame::runStep(Step &step, RenderCallbacks *callbacks)
 {
     Node &node = *step.node;
+    const MaybeHostCode host(!step.row);
     const DebugGroup group(_hasDebugGroups, node.label.constData());
     passInputs(step);
     setViewport(step);
@@ -88,8 +117,10 @@ void PipelineFrame::runStep(Step &step, RenderCallbacks *callbacks)
     if (timing)
         node.timer.end();
     checkReferences(step);
-    if (observer)
+    if (observer) {
+        const HostCode hostCode;
         observer(node.name, node.pass.get());
+    }
     // The next one, and the host, find nothing of this one.
     if (step.row && !observer)
         DefaultState::resetAfter(*step.row);
@@ -121,7 +152,7 @@ PipelineFrame::Step PipelineFrame::makeStep(Node *node) const
         if (std::holds_alternative<HostSource>(source))
             step.hosts.push_back(i);
         if (const auto *link = std::get_if<LinkSource>(&source)) {
-            step.links.push_back({i, *link});
+            step.links.push_back({i, *link, stateRowOf(*link->from->pass) != nullptr});
             step.inputPorts.push_back({pass.inputName(i)});
         }
     }
@@ -159,7 +190,7 @@ void PipelineFrame::passInputs(Step &step)
         pass.setInput(input, _hosts.of(std::get<HostSource>(step.node->sources[size_t(input)])));
     for (size_t i = 0; i < step.links.size(); ++i) {
         const Step::Link &link = step.links[i];
-        const QVariant value = link.source.from->pass->output(link.source.output);
+        const QVariant value = outputOf(link.source, link.isOurs);
         step.inputPorts[i].texture = textureFromVariant(value);
         pass.setInput(link.input, value);
     }
@@ -182,7 +213,7 @@ QVariant PipelineFrame::valueOf(const InputPort &input) const
     if (const auto *host = std::get_if<HostSource>(&source))
         return _hosts.of(*host);
     if (const auto *link = std::get_if<LinkSource>(&source))
-        return link->from->pass->output(link->output);
+        return outputOf(*link, stateRowOf(*link->from->pass) != nullptr);
     return input.node->pass->defaultValue(input.index);
 }
 
@@ -206,6 +237,7 @@ void PipelineFrame::report()
         if (_reported.contains(fault))
             continue;
         _reported.insert(fault);
+        const HostCode hostCode;
         qWarning("%s", qPrintable(fault));
     }
 }

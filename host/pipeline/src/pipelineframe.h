@@ -59,6 +59,7 @@ private:
         {
             int input;
             LinkSource source;
+            bool isOurs; ///< Whether the source is a pass of the library's, exactly.
         };
 
         Node *node = nullptr;
