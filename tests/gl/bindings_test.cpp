@@ -14,6 +14,7 @@
 #include <gl/bufferobject.h>
 #include <gl/guards.h>
 #include <gl/opengldevicecontext.h>
+#include <gl/pixelstore.h>
 #include <gl/texturemanager.h>
 #include <host/pipeline.h>
 #include <model/gpumodel.h>
@@ -786,7 +787,6 @@ TEST_F(LibraryBindings, FiltersThatAHostChangedArePromisedAgain)
         {
             const HostCode hostCode;
             change();
-            ASSERT_EQ(filterOf(texture), GLenum(GL_NEAREST));
         }
         EXPECT_EQ(take(), texture);
         const HostCode hostCode;
@@ -805,6 +805,74 @@ TEST_F(LibraryBindings, FiltersThatAHostChangedArePromisedAgain)
     const HostCode hostCode;
     EXPECT_EQ(filterOf(texture), GLenum(GL_LINEAR));
     TextureManager::Instance().trim(-1);
+}
+
+// Whoever took a binding counts on it when one that was taken inside is given back; the host's comes back at the end.
+TEST_F(LibraryBindings, OfOuterGuardsAreBackAtOnceAndThoseOfTheHostAtTheEnd)
+{
+    const Target outer(GL_RGBA8, 2, 2);
+    const Target inner(GL_RGBA8, 2, 2);
+    const auto program = makeProgram(s("#version 150\nout vec4 out_Color;\nvoid main() { out_Color = vec4(1); }\n"));
+    const auto other = makeProgram(s("#version 150\nout vec4 out_Color;\nvoid main() { out_Color = vec4(0); }\n"));
+    const BindingScope scope;
+    const GlCalls calls;
+    {
+        const AutoBinder target(outer.framebuffer());
+        const AutoBinder bound(program.get());
+        {
+            const AutoBinder innerTarget(inner.framebuffer());
+            const AutoBinder innerProgram(other.get());
+        }
+        EXPECT_EQ(GLuint(integer(GL_DRAW_FRAMEBUFFER_BINDING)), outer.framebuffer()->getFBO());
+        EXPECT_EQ(GLuint(integer(GL_READ_FRAMEBUFFER_BINDING)), outer.framebuffer()->getFBO());
+        EXPECT_EQ(GLuint(integer(GL_CURRENT_PROGRAM)), program->programID());
+    }
+    EXPECT_EQ(GLuint(integer(GL_CURRENT_PROGRAM)), program->programID()) << "owed, and nobody can see it";
+    const HostCode hostCode;
+    EXPECT_EQ(integer(GL_CURRENT_PROGRAM), 0);
+    EXPECT_EQ(integer(GL_DRAW_FRAMEBUFFER_BINDING), 0);
+}
+
+// GL takes off what is deleted; a name that is gone is not bound again, which GL would refuse.
+TEST_F(LibraryBindings, OwedToWhatIsDeletedMeanwhileAreNoLongerOwed)
+{
+    auto texture = makeSolidTexture(2, 2, {1, 0, 0, 1});
+    auto target = std::make_unique<Target>(GL_RGBA8, 2, 2);
+    const Target other(GL_RGBA8, 2, 2);
+    glBindTexture(GL_TEXTURE_2D, texture->textureID());
+    glBindFramebuffer(GL_FRAMEBUFFER, target->framebuffer()->getFBO());
+    {
+        const BindingScope scope;
+        {
+            const AutoBinder bound(image.get());
+            const AutoBinder framebuffer(other.framebuffer());
+        }
+        texture.reset();
+        target.reset();
+    }
+    EXPECT_EQ(integer(GL_TEXTURE_BINDING_2D), 0);
+    EXPECT_EQ(integer(GL_DRAW_FRAMEBUFFER_BINDING), 0);
+    EXPECT_EQ(integer(GL_READ_FRAMEBUFFER_BINDING), 0);
+}
+
+TEST_F(LibraryBindings, OfPixelsAreAskedForAgainBehindCodeOfTheHosts)
+{
+    const BindingScope scope;
+    for (int i = 0; i < 2; ++i) {
+        const GlCalls calls;
+        const DefaultPixelStore pixelStore;
+        EXPECT_EQ(calls.count("glGetIntegerv") > 0, i == 0) << qPrintable(calls.toString());
+    }
+    {
+        const HostCode hostCode;
+        glPixelStorei(GL_UNPACK_SKIP_PIXELS, 3);
+    }
+    {
+        const DefaultPixelStore pixelStore;
+        EXPECT_EQ(integer(GL_UNPACK_SKIP_PIXELS), 0);
+    }
+    EXPECT_EQ(integer(GL_UNPACK_SKIP_PIXELS), 3);
+    glPixelStorei(GL_UNPACK_SKIP_PIXELS, 0);
 }
 
 } // namespace Brevane::Kvo
