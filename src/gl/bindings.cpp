@@ -312,6 +312,12 @@ void Bindings::bindTexture(int unit, unsigned int target, unsigned int name)
     }
 }
 
+void Bindings::settleTexture(int unit, unsigned int target)
+{
+    if (const Slot *s = textureSlot(unit, target); s && s->owes)
+        bindTexture(unit, target, s->owed);
+}
+
 // The unit that is to be active stays the same.
 void Bindings::activateForNow(int unit)
 {
@@ -364,8 +370,7 @@ void Bindings::settleUnits()
         const int unit = std::countr_zero(left);
         Unit &u = _units[std::size_t(unit)];
         for (std::size_t i = 0; i < kTargets; ++i) {
-            if (u.textures[i].owes)
-                bindTexture(unit, kTextureTargets[i], u.textures[i].owed);
+            settleTexture(unit, kTextureTargets[i]);
         }
         if (std::exchange(u.sampler.owes, false)) {
             glBindSampler(GLuint(unit), u.sampler.owed);
@@ -469,16 +474,15 @@ void BindingScope::stopTracking()
     ++thread.bindingEpoch;
 }
 
-void takeFramebuffer(unsigned int target, unsigned int name)
+void bindFramebufferNow(unsigned int target, unsigned int name)
 {
-    if (ContextState *state = ContextState::current())
-        state->bindings.take(target == GL_READ_FRAMEBUFFER ? ReadFramebuffer : DrawFramebuffer, name);
-}
-
-void leaveFramebuffer(unsigned int target, unsigned int name)
-{
-    if (ContextState *state = ContextState::current())
-        state->bindings.giveBack(target == GL_READ_FRAMEBUFFER ? ReadFramebuffer : DrawFramebuffer, name);
+    glBindFramebuffer(target, name);
+    ContextState *const state = ContextState::current();
+    if (!state)
+        return;
+    state->bindings.saw(target == GL_READ_FRAMEBUFFER ? ReadFramebuffer : DrawFramebuffer, name);
+    // Copies from one to the other, and objects that were bound in between for a moment may be owed there.
+    state->bindings.settle(target == GL_READ_FRAMEBUFFER ? DrawFramebuffer : ReadFramebuffer);
 }
 
 void settleActiveUnit()

@@ -67,6 +67,8 @@ public:
     /// To the active unit, which is \a unit.
     unsigned int takeTexture(int unit, unsigned int target, unsigned int name);
     void giveBackTexture(int unit, unsigned int target, unsigned int before);
+    /// Brings back what is owed to a unit, as settle does.
+    void settleTexture(int unit, unsigned int target);
     /// Binds at once, and leaves the active unit the one it is.
     void bindTexture(int unit, unsigned int target, unsigned int name);
     /// Takes the sampler off a unit, which is active, and returns its name.
@@ -136,9 +138,9 @@ private:
     int _before;
 };
 
-/// Binds a framebuffer for drawing or for reading, and ends that with the one that is left there.
-KVO_GL_EXPORT void takeFramebuffer(unsigned int target, unsigned int name);
-KVO_GL_EXPORT void leaveFramebuffer(unsigned int target, unsigned int name);
+/// Binds a framebuffer for drawing or for reading at once, and for good: what was bound before does not come
+/// back. What is owed to the other one is settled.
+KVO_GL_EXPORT void bindFramebufferNow(unsigned int target, unsigned int name);
 /// See Bindings::settleUnit; of the current context.
 KVO_GL_EXPORT void settleActiveUnit();
 

@@ -151,14 +151,22 @@ LevelInfo levelInfo(Texture *texture, unsigned int target)
     LevelInfo info = knowledge.level();
     if (info.width > 0)
         return info;
-    const StorageBinder bound(texture, StorageBinder::Keeps);
-    if (!bound.isBound())
-        return {};
-    settleActiveUnit();
+    ContextState *const state = ContextState::current();
     GLint internalFormat = 0;
-    glGetTexLevelParameteriv(target, 0, GL_TEXTURE_WIDTH, &info.width);
-    glGetTexLevelParameteriv(target, 0, GL_TEXTURE_HEIGHT, &info.height);
-    glGetTexLevelParameteriv(target, 0, GL_TEXTURE_INTERNAL_FORMAT, &internalFormat);
+    int unit = -1;
+    {
+        const StorageBinder bound(texture, StorageBinder::Keeps);
+        if (!bound.isBound())
+            return {};
+        unit = texture->unit();
+        settleActiveUnit();
+        glGetTexLevelParameteriv(target, 0, GL_TEXTURE_WIDTH, &info.width);
+        glGetTexLevelParameteriv(target, 0, GL_TEXTURE_HEIGHT, &info.height);
+        glGetTexLevelParameteriv(target, 0, GL_TEXTURE_INTERNAL_FORMAT, &internalFormat);
+    }
+    // A question leaves no trace: whoever binds the texture next does so where it says that it does.
+    if (unit >= 0)
+        state->bindings.settleTexture(unit, target);
     info.internalFormat = GLenum(internalFormat);
     knowledge.setLevel(info);
     return info;

@@ -182,14 +182,14 @@ void TextureToScreenRenderPass::start(RenderCallbacks *)
     made(_drawFbo, "TextureToScreenRenderPass target");
 
     if (textureOut) {
-        takeFramebuffer(GL_DRAW_FRAMEBUFFER, nameOf(_drawFbo));
+        bindFramebufferNow(GL_DRAW_FRAMEBUFFER, nameOf(_drawFbo));
         glFramebufferTexture(GL_DRAW_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, textureOut->textureID(), 0);
         glDrawBuffer(GL_COLOR_ATTACHMENT0);
     } else if (framebufferOut && nameOf(framebufferOut) != 0) {
-        takeFramebuffer(GL_DRAW_FRAMEBUFFER, framebufferOut->getFBO());
+        bindFramebufferNow(GL_DRAW_FRAMEBUFFER, framebufferOut->getFBO());
         glDrawBuffer(GL_COLOR_ATTACHMENT0);
     } else {
-        takeFramebuffer(GL_DRAW_FRAMEBUFFER, 0);
+        bindFramebufferNow(GL_DRAW_FRAMEBUFFER, 0);
     }
 
     if (_superSampling)
@@ -201,7 +201,7 @@ void TextureToScreenRenderPass::start(RenderCallbacks *)
 
     if (textureOut)
         glFramebufferTexture(GL_DRAW_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, 0, 0);
-    leaveFramebuffer(GL_DRAW_FRAMEBUFFER, 0);
+    bindFramebufferNow(GL_DRAW_FRAMEBUFFER, 0);
     manager.releaseTempTextureRef(texture, 1);
 }
 
@@ -211,7 +211,7 @@ void TextureToScreenRenderPass::copy(Texture *texture, std::span<const QRect> so
 {
     const bool linear = qvariant_cast<bool>(_inputs[kLinearFilter].value);
     made(_readFbo, "TextureToScreenRenderPass source");
-    takeFramebuffer(GL_READ_FRAMEBUFFER, nameOf(_readFbo));
+    bindFramebufferNow(GL_READ_FRAMEBUFFER, nameOf(_readFbo));
     glFramebufferTexture(GL_READ_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, texture->textureID(), 0);
     glReadBuffer(GL_COLOR_ATTACHMENT0);
     if (isComplete(GL_READ_FRAMEBUFFER) && isComplete(GL_DRAW_FRAMEBUFFER)) {
@@ -219,7 +219,7 @@ void TextureToScreenRenderPass::copy(Texture *texture, std::span<const QRect> so
             blit(sources[i], destinations[i], blitFilter(linear, sources[i], destinations[i]));
     }
     glFramebufferTexture(GL_READ_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, 0, 0);
-    leaveFramebuffer(GL_READ_FRAMEBUFFER, 0);
+    bindFramebufferNow(GL_READ_FRAMEBUFFER, 0);
 }
 
 // Blocks of the whole texture into each destination.

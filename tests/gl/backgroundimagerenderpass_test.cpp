@@ -405,19 +405,14 @@ TEST_F(BackgroundImage, TexturesAreBoundInTheirOrder)
     runFrame(*owned);
     const GlCalls calls;
     runFrame(*owned);
-    // The depth texture, which is bound already when its format is asked, keeps the first unit.
-    std::vector<double> units;
-    for (const GlCall &call : calls.calls("glUniform1i"))
-        units.push_back(call.args[1]);
-    ASSERT_GE(units.size(), 4u);
-    units.resize(4);
-    EXPECT_EQ(units, (std::vector<double>{1, 2, 3, 4})) << "two images, normals, colours";
-    EXPECT_EQ(calls.count("glBindTexture", {GL_TEXTURE_2D, double(depth->textureID())}), 1);
     const int frameAt = calls.indexOf("glBindTexture", {GL_TEXTURE_2D, double(frameTexture->textureID())});
     const int normalAt = calls.indexOf("glBindTexture", {GL_TEXTURE_2D, double(normalTexture->textureID())});
+    // The first bind of the depth texture asks for its format.
+    const int depthAt = calls.indexOf("glBindTexture", {GL_TEXTURE_2D, double(depth->textureID())}, 1);
     const int programAt = calls.indexOf("glUseProgram");
     ASSERT_GE(programAt, 0);
-    EXPECT_LT(programAt, normalAt);
+    EXPECT_LT(programAt, depthAt);
+    EXPECT_LT(depthAt, normalAt);
     EXPECT_LT(normalAt, frameAt);
 }
 

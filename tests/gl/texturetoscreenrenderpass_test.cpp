@@ -428,10 +428,11 @@ TEST_F(ScreenPass, ABlitBindsTheTargetThenTheSourceThenCopiesThenUnbindsBoth)
                   .join(u' '),
               QStringLiteral("glBindFramebuffer glFramebufferTexture glDrawBuffer glBindFramebuffer "
                              "glFramebufferTexture glReadBuffer glBlitFramebuffer glFramebufferTexture "
-                             "glFramebufferTexture glBindFramebuffer"));
+                             "glBindFramebuffer glFramebufferTexture glBindFramebuffer"));
     EXPECT_EQ(calls.count("glDrawBuffer", {GL_COLOR_ATTACHMENT0}), 1);
     EXPECT_EQ(calls.count("glReadBuffer", {GL_COLOR_ATTACHMENT0}), 1);
-    EXPECT_EQ(calls.count("glBindFramebuffer", {GL_FRAMEBUFFER, 0}), 1) << "for both";
+    EXPECT_EQ(calls.count("glBindFramebuffer", {GL_READ_FRAMEBUFFER, 0}), 1);
+    EXPECT_EQ(calls.count("glBindFramebuffer", {GL_DRAW_FRAMEBUFFER, 0}), 1);
 }
 
 TEST_F(ScreenPass, WithNoTargetTheDefaultFramebufferIsDrawnTo)
