@@ -1,6 +1,7 @@
 #include "gl/hoststate.h"
 
 #include "gl/contextstate.h"
+#include "gl/pixelstore.h"
 
 #include <epoxy/gl.h>
 
@@ -786,14 +787,66 @@ void DefaultState::resetAll()
     }
 }
 
+struct DefaultState::Known::Bindings
+{
+    Bindings();
+    ~Bindings();
+    Bindings(const Bindings &) = delete;
+    Bindings &operator=(const Bindings &) = delete;
+
+    DefaultPixelStore pixelStore;
+    std::vector<GLuint> samplers; // by unit
+};
+
+DefaultState::Known::Bindings::Bindings()
+{
+    const ContextState *state = ContextState::current();
+    if (!state || !state->hasSamplerObjects)
+        return;
+    GLint active = 0;
+    glGetIntegerv(GL_ACTIVE_TEXTURE, &active);
+    for (int unit = 0; unit < state->unitCount(); ++unit) {
+        GLint name = 0;
+        glActiveTexture(GL_TEXTURE0 + GLenum(unit));
+        glGetIntegerv(GL_SAMPLER_BINDING, &name);
+        samplers.push_back(GLuint(name));
+        if (name)
+            glBindSampler(GLuint(unit), 0);
+    }
+    glActiveTexture(GLenum(active));
+}
+
+DefaultState::Known::Bindings::~Bindings()
+{
+    pixelStore.resume();
+    for (GLuint unit = 0; unit < samplers.size(); ++unit) {
+        const GLuint name = samplers[unit];
+        glBindSampler(unit, name && glIsSampler(name) ? name : 0);
+    }
+}
+
 DefaultState::Known::Known(bool known) : _before(knownToBeDefault)
 {
     knownToBeDefault = known ? ContextState::current() : nullptr;
+    if (!known && ContextState::current())
+        _bindings = std::make_unique<Bindings>();
 }
 
 DefaultState::Known::~Known()
 {
     knownToBeDefault = _before;
+}
+
+KeptStencilFunction::KeptStencilFunction()
+{
+    // There is a driver that knows of a new attachment only once somebody asks whether all fit together.
+    glCheckFramebufferStatus(GL_DRAW_FRAMEBUFFER);
+    readStencilFunction(_before.data());
+}
+
+KeptStencilFunction::~KeptStencilFunction()
+{
+    writeStencilFunction(_before.data());
 }
 
 } // namespace Brevane::Kvo

@@ -5,6 +5,7 @@
 #include <array>
 #include <bitset>
 #include <initializer_list>
+#include <memory>
 #include <vector>
 
 namespace Brevane::Kvo {
@@ -167,6 +168,20 @@ private:
     StateValues _before;
 };
 
+/// Keeps the stencil function for its scope, the reference values included. GL tells those only while a
+/// framebuffer with a stencil is bound, as one has to be when the scope begins.
+class KVO_GL_EXPORT KeptStencilFunction
+{
+public:
+    KeptStencilFunction();
+    ~KeptStencilFunction();
+    KeptStencilFunction(const KeptStencilFunction &) = delete;
+    KeptStencilFunction &operator=(const KeptStencilFunction &) = delete;
+
+private:
+    std::array<double, 6> _before;
+};
+
 /// All of a context's values at GL's default, and all as before at the end of the scope; with them the
 /// program, the vertex array, the framebuffers, the active unit and the array buffer.
 class KVO_GL_EXPORT DefaultState
@@ -182,8 +197,9 @@ public:
     /// The same after code that may have changed anything.
     static void resetAll();
 
-    /// As long as one exists, all values are known to be at their defaults: the guards of passes ask
-    /// nothing.
+    /// While code runs within the scope. Of passes of the library it is known that they find all values at their
+    /// defaults: their guards ask nothing. Any other code finds at the default, too, what the library's own code
+    /// guards wherever it matters: the moving of pixels and sampler objects, which are as before afterwards.
     class KVO_GL_EXPORT Known
     {
     public:
@@ -193,7 +209,9 @@ public:
         Known &operator=(const Known &) = delete;
 
     private:
+        struct Bindings;
         const ContextState *_before;
+        std::unique_ptr<Bindings> _bindings;
     };
 
 private:

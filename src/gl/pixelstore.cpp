@@ -51,6 +51,15 @@ DefaultPixelStore::DefaultPixelStore(int alignment) : _alignment(alignment)
     state->bindings.knowPixelStore(isKnown && _alignment == kDefaultAlignment);
 }
 
+void DefaultPixelStore::resume() const
+{
+    for (std::size_t i = 0; i < kParameters.size(); ++i)
+        glPixelStorei(kParameters[i], wanted(i, _alignment));
+    for (const GLenum target : kBuffers)
+        glBindBuffer(target, 0);
+    glClampColor(GL_CLAMP_READ_COLOR, GL_FIXED_ONLY);
+}
+
 DefaultPixelStore::~DefaultPixelStore()
 {
     bool wasDefault = _clampRead != GL_TRUE;

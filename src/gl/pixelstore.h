@@ -16,6 +16,8 @@ public:
     /// \a alignment is that of rows, in both directions; GL's default is 4.
     explicit DefaultPixelStore(int alignment = 4);
     ~DefaultPixelStore();
+    /// Sets all of it, when code within the scope may have changed anything.
+    void resume() const;
     DefaultPixelStore(const DefaultPixelStore &) = delete;
     DefaultPixelStore &operator=(const DefaultPixelStore &) = delete;
 

@@ -43,7 +43,6 @@ MarkedPixels::MarkedPixels(DrawBuffers &quad)
 MarkedPixels::~MarkedPixels()
 {
     glDisable(GL_STENCIL_TEST);
-    glStencilFunc(GL_ALWAYS, 0, ~0u);
     glStencilMask(~0u);
 }
 

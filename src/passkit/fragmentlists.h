@@ -1,5 +1,6 @@
 #pragma once
 
+#include "gl/hoststate.h"
 #include "passkit/extent.h"
 
 namespace Brevane::Kvo {
@@ -23,7 +24,8 @@ void attachListStencil(FramebufferObject *framebuffer, const Extent &extent);
 /// Lets the draws of its scope reach only pixels that a cheap program marks: on a full-screen draw of a costly
 /// one, the others would pay for it as well. Marked is what the program, which must be bound, does not discard.
 ///
-/// For a framebuffer with attachListStencil, with the stencil state at its default; leaves it there.
+/// For a framebuffer with attachListStencil, with the stencil state at its default; leaves it there, but for the
+/// stencil function, which is as before afterwards.
 class MarkedPixels
 {
 public:
@@ -31,6 +33,9 @@ public:
     ~MarkedPixels();
     MarkedPixels(const MarkedPixels &) = delete;
     MarkedPixels &operator=(const MarkedPixels &) = delete;
+
+private:
+    KeptStencilFunction _function;
 };
 
 } // namespace Brevane::Kvo

@@ -1,11 +1,14 @@
 #include "passkit/slots.h"
 
 #include "core/liveobjects.h"
+#include "core/renderpasshelper.h"
 #include "gl/bindings.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/texture.h"
 #include "model/gpumodel.h"
+
+#include <epoxy/gl.h>
 
 #include <typeinfo>
 
@@ -64,6 +67,38 @@ Texture *objectTexture(const QVariant &value)
 Texture *anyTexture(const QVariant &value)
 {
     return known(textureFromVariant(value));
+}
+
+Texture *ofKind(RenderPassHelper &pass, int slot, Texture *texture, TextureKind kind)
+{
+    const GLenum target = texture ? texture->target() : GLenum(GL_NONE);
+    const bool fits =
+        kind == TextureKind::Cube
+            ? target == GL_TEXTURE_CUBE_MAP
+            : target == GL_TEXTURE_2D || (kind == TextureKind::PlainOrSamples && target == GL_TEXTURE_2D_MULTISAMPLE);
+    if (fits || target == GL_NONE) {
+        pass.acceptInput(slot);
+        return fits ? texture : nullptr;
+    }
+    pass.reportInput(slot,
+                     QStringLiteral("is a texture of GL target 0x%1, which the pass does not read; it is left out")
+                         .arg(target, 4, 16, QLatin1Char('0')));
+    return nullptr;
+}
+
+Texture *typedTexture(RenderPassHelper &pass, int slot, TextureKind kind)
+{
+    return ofKind(pass, slot, typedTexture(pass.inputValue(slot)), kind);
+}
+
+Texture *objectTexture(RenderPassHelper &pass, int slot, TextureKind kind)
+{
+    return ofKind(pass, slot, objectTexture(pass.inputValue(slot)), kind);
+}
+
+Texture *anyTexture(RenderPassHelper &pass, int slot, TextureKind kind)
+{
+    return ofKind(pass, slot, anyTexture(pass.inputValue(slot)), kind);
 }
 
 GPUModel *modelOf(const QVariant &value)

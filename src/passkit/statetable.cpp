@@ -158,10 +158,10 @@ const std::vector<StateRow> &stateTable()
           counts(P::BlendColor, kBlending), clearColor(0, 0, 0, 0), on(P::DepthTest, kWithModel)}},
         {"VisibilitySortRenderPass",
          {drawsInHostViewport(), on(P::DepthTest)},
-         {P::StencilFunction, P::StencilOperation, P::StencilMask, P::ClearStencil}},
+         {P::StencilOperation, P::StencilMask, P::ClearStencil}},
         {"VisibilityDeferredRenderPass",
          {drawsInHostViewport(), clearsToCurrent()},
-         {P::StencilFunction, P::StencilOperation, P::StencilMask, P::ClearStencil}},
+         {P::StencilOperation, P::StencilMask, P::ClearStencil}},
         {"TransparencyRenderPass",
          {drawsInHostViewport(), clearsToCurrent(),
           counts(P::DepthFunction, "The pass has no depth function of its own: a host with a reversed depth buffer "

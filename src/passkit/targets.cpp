@@ -89,15 +89,31 @@ Extent sizeOf(Texture *texture)
     return {level.width, level.height};
 }
 
-unsigned int depthAttachmentOf(RenderPassHelper &pass, int slot, Texture *depth)
+unsigned int depthAttachmentOf(RenderPassHelper &pass, int slot, Texture *depth, unsigned int target)
 {
-    if (depth->target() != GL_TEXTURE_2D || !depth->isUsable())
+    if (depth->target() == GL_NONE || !depth->isUsable())
+        return GL_NONE;
+    if (depth->target() != target) {
+        pass.reportInput(slot, QStringLiteral("is not of the kind of the texture that is drawn to; it is left out"));
+        return GL_NONE;
+    }
+    if (target != GL_TEXTURE_2D)
         return GL_DEPTH_STENCIL_ATTACHMENT;
     switch (formatFromInternalFormat(levelInfo(depth, GL_TEXTURE_2D).internalFormat)) {
     case GL_DEPTH_COMPONENT: pass.acceptInput(slot); return GL_DEPTH_ATTACHMENT;
     case GL_DEPTH_STENCIL: pass.acceptInput(slot); return GL_DEPTH_STENCIL_ATTACHMENT;
     default: pass.reportInput(slot, QStringLiteral("has no depth; it is left out")); return GL_NONE;
     }
+}
+
+bool canDrawTo(RenderPassHelper &pass, int slot)
+{
+    if (glCheckFramebufferStatus(GL_DRAW_FRAMEBUFFER) == GL_FRAMEBUFFER_COMPLETE) {
+        pass.acceptInput(slot);
+        return true;
+    }
+    pass.reportInput(slot, QStringLiteral("is nothing that can be drawn to; nothing is"));
+    return false;
 }
 
 void giveUpTargets(const Held<FramebufferObject> &framebuffer)

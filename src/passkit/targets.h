@@ -66,9 +66,13 @@ Texture *transparentTexel(Held<Texture> &kept);
 Extent sizeOf(Texture *texture);
 
 /// Where a depth texture of the host's is attached: GL_DEPTH_STENCIL_ATTACHMENT, or GL_DEPTH_ATTACHMENT
-/// when it has depth but no stencil. GL_NONE for a texture without depth, which is said once with the names
-/// of pass and slot.
-unsigned int depthAttachmentOf(RenderPassHelper &pass, int slot, Texture *depth);
+/// when it has depth but no stencil. GL_NONE for a texture without depth, or of another GL target than the
+/// textures have that it is to be attached with, which is said once with the names of pass and slot.
+unsigned int depthAttachmentOf(RenderPassHelper &pass, int slot, Texture *depth, unsigned int target);
+
+/// Whether the bound framebuffer can be drawn to. What the host has put into \a slot is the reason if not, which
+/// is said once.
+bool canDrawTo(RenderPassHelper &pass, int slot);
 
 /// Lets the targets of a framebuffer outlive it, for destructors of passes whose targets somebody may still
 /// read: see OpenGLDeviceContext::giveUp. Not while a copy of the pass has the framebuffer.

@@ -148,8 +148,8 @@ void BackgroundImageRenderPass::start(RenderCallbacks *callbacks)
     const float fadeFloor = _inputs[kFadeRatioFloor].value.toFloat();
     const int floorMaterial = _inputs[kFloorMaterialId].value.toInt();
     Texture *depth = typedTexture(_inputs[kDepth].value);
-    Texture *frame = typedTexture(_inputs[kFrame].value);
-    Texture *normal = typedTexture(_inputs[kNormal].value);
+    Texture *frame = typedTexture(*this, kFrame);
+    Texture *normal = typedTexture(*this, kNormal);
 
     loadOnce(_fadeTexture1, _inputs[kFadeImageUrl1].value);
     loadOnce(_fadeTexture2, _inputs[kFadeImageUrl2].value);
@@ -164,7 +164,7 @@ void BackgroundImageRenderPass::start(RenderCallbacks *callbacks)
 
     Texture *result = tempTexture(TextureFormat::Frame, extent);
     GLenum depthPoint = GL_DEPTH_STENCIL_ATTACHMENT;
-    if (depth && (depthPoint = depthAttachmentOf(*this, kDepth, depth)) == GL_NONE) {
+    if (depth && (depthPoint = depthAttachmentOf(*this, kDepth, depth, GL_TEXTURE_2D)) == GL_NONE) {
         release(std::exchange(depth, nullptr));
         depthPoint = GL_DEPTH_STENCIL_ATTACHMENT;
     }

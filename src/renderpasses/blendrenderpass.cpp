@@ -260,6 +260,10 @@ void BlendRenderPass::start(RenderCallbacks *)
     const int output = findOutput(kFrame);
     if (viewportSlot < 0 || output < 0)
         return;
+    const auto textureOf = [this](const QString &name) {
+        const int slot = findInput(name);
+        return slot < 0 ? nullptr : anyTexture(*this, slot);
+    };
     const auto valueOf = [this](const QString &name) {
         const int slot = findInput(name);
         return slot < 0 ? QVariant() : _inputs[slot].value;
@@ -272,8 +276,8 @@ void BlendRenderPass::start(RenderCallbacks *)
     const float brightness = hasValue(brightnessValue) ? brightnessValue.toFloat() : 1.0f;
     if (hasValue(modeValue))
         _blendMode = modeValue.toInt();
-    Texture *frameA = anyTexture(valueOf(kFrameA));
-    Texture *frameB = anyTexture(valueOf(kFrameB));
+    Texture *frameA = textureOf(kFrameA);
+    Texture *frameB = textureOf(kFrameB);
     frameA = frameA ? frameA : transparentTexel(_fallbackTexture);
     frameB = frameB ? frameB : transparentTexel(_fallbackTexture);
 

@@ -124,13 +124,14 @@ void BlurAndCombineRenderPass::start(RenderCallbacks *callbacks)
     RenderPassHelper::start(callbacks);
 
     Texture *normalFrame = typedTexture(_inputs[kNormalFrame].value);
-    Texture *blurFrame = typedTexture(_inputs[kBlurFrame].value);
+    Texture *blurFrame = typedTexture(*this, kBlurFrame);
     if (radius <= 0.0f || _glowAmount <= 0.0f) {
         publish(_outputs[kOutput], normalFrame, _numOutputUsers[kOutput]);
         release(normalFrame);
         release(blurFrame);
         return;
     }
+    normalFrame = ofKind(*this, kNormalFrame, normalFrame);
     const bool hasOtherTaps = (_blurRadius != radius || _weights.isEmpty()) && takeBlurRadius(radius);
     if (!_blurProgram || !_blurAndAddProgram || hasOtherTaps) {
         _blurProgram.giveUp();

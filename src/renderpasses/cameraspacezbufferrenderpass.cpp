@@ -85,7 +85,7 @@ void CameraSpaceZBufferRenderPass::start(RenderCallbacks *)
         return;
     const Extent extent = extentOf(*this, kViewport);
     const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
-    Texture *depth = typedTexture(_inputs[kDepth].value);
+    Texture *depth = typedTexture(*this, kDepth);
 
     made(_fbo, "CameraSpaceZBufferRenderPass");
     _width = extent.width;

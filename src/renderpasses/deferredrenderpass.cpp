@@ -104,9 +104,9 @@ void DeferredRenderPass::start(RenderCallbacks *)
     const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
     const QMatrix4x4 projectionInverseTransposed = projection.inverted().transposed();
     const QMatrix4x4 cameraInverseTransposed = camera.inverted().transposed();
-    Texture *normal = objectTexture(_inputs[kNormal].value);
-    Texture *texCoord = objectTexture(_inputs[kTexCoord].value);
-    Texture *depth = objectTexture(_inputs[kDepth].value);
+    Texture *normal = objectTexture(*this, kNormal);
+    Texture *texCoord = objectTexture(*this, kTexCoord);
+    Texture *depth = objectTexture(*this, kDepth);
     if (!depth) {
         if (!_fallbackTexture)
             _fallbackTexture = makeBlackTexture();

@@ -277,12 +277,12 @@ void DepthOfFieldRenderPass::start(RenderCallbacks *)
     if (!scope)
         return;
     const Extent extent = extentOf(*this, kViewport);
-    Texture *frame = objectTexture(_inputs[kFrame].value);
+    Texture *frame = objectTexture(*this, kFrame);
     if (!frame) {
         _outputs[kFrameOut].value = QVariant();
         return;
     }
-    Texture *depth = objectTexture(_inputs[kDepth].value);
+    Texture *depth = objectTexture(*this, kDepth);
     if (!depth)
         depth = TextureManager::Instance().solidTexture(QColor(Qt::white));
     const float focalDepth = _inputs[kFocalDepth].value.toFloat();

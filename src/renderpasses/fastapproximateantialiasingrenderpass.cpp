@@ -105,7 +105,7 @@ void FastApproximateAntiAliasingRenderPass::start(RenderCallbacks *)
     const float rcpFrame = validOr(_inputs[kRcpFrameQuality].value, 1.0f);
     const float threshold = validOr(_inputs[kEdgeThresholdQuality].value, 0.166f);
     const float thresholdMin = validOr(_inputs[kEdgeThresholdMinQuality].value, 0.0f);
-    Texture *frame = objectTexture(_inputs[kFrame].value);
+    Texture *frame = objectTexture(*this, kFrame);
     if (!frame) {
         _outputs[kFrameOut].value = QVariant();
         return;

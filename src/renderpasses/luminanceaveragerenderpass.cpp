@@ -117,7 +117,7 @@ void LuminanceAverageRenderPass::start(RenderCallbacks *)
         return;
     const QRect viewport = qvariant_cast<QRect>(_inputs[viewportSlot].value);
     const Extent extent = extentOf(*this, viewportSlot);
-    Texture *texture = objectTexture(_inputs[textureSlot].value);
+    Texture *texture = objectTexture(*this, textureSlot);
     if (!texture) {
         if (!_fallbackTexture)
             _fallbackTexture = makeBlackTexture();

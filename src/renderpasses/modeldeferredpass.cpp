@@ -89,7 +89,7 @@ void ModelDeferredPass::start(RenderCallbacks *)
         return;
     const Extent extent = extentOf(*this, kViewport);
     const auto textureOr = [this](Input input) {
-        Texture *texture = objectTexture(_inputs[input].value);
+        Texture *texture = objectTexture(*this, input);
         return texture ? texture : _defaultTexture.get();
     };
     Texture *diffuse = textureOr(kDiffuse);

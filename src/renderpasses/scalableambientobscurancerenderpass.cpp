@@ -271,9 +271,9 @@ void ScalableAmbientObscuranceRenderPass::start(RenderCallbacks *)
     if (divider == 0.0f)
         divider = 1.0f;
     const Extent extent = dividedExtent(*this, kResolutionDivider, viewport, divider);
-    Texture *depth = anyTexture(_inputs[kDepth].value);
-    Texture *position = anyTexture(_inputs[kPosition].value);
-    Texture *normal = anyTexture(_inputs[kNormal].value);
+    Texture *depth = anyTexture(*this, kDepth, TextureKind::PlainOrSamples);
+    Texture *position = anyTexture(*this, kPosition);
+    Texture *normal = anyTexture(*this, kNormal);
 
     made(_fbo, "ScalableAmbientObscuranceRenderPass");
     _width = extent.width;

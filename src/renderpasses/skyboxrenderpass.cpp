@@ -203,15 +203,17 @@ void SkyboxRenderPass::start(RenderCallbacks *callbacks)
     }
     const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
     const auto camera = qvariant_cast<QMatrix4x4>(_inputs[kCameraMatrix].value);
-    Texture *cubemap = typedTexture(_inputs[kCubemap].value);
-    Texture *latLongMap = typedTexture(_inputs[kLatLongMap].value);
-    Texture *background = typedTexture(_inputs[kBackground].value);
+    Texture *cubemap = typedTexture(*this, kCubemap, TextureKind::Cube);
+    Texture *latLongMap = typedTexture(*this, kLatLongMap);
+    Texture *background = typedTexture(*this, kBackground);
     Texture *frame = typedTexture(_inputs[kFrame].value);
     Texture *depth = typedTexture(_inputs[kDepth].value);
 
     const bool ownsFrame = !frame;
     GLenum depthPoint = GL_DEPTH_STENCIL_ATTACHMENT;
-    if (depth && (depthPoint = depthAttachmentOf(*this, kDepth, depth)) == GL_NONE) {
+    if (depth
+        && (depthPoint = depthAttachmentOf(*this, kDepth, depth, frame ? frame->target() : GLenum(GL_TEXTURE_2D)))
+               == GL_NONE) {
         release(std::exchange(depth, nullptr));
         depthPoint = GL_DEPTH_STENCIL_ATTACHMENT;
     }
@@ -225,7 +227,9 @@ void SkyboxRenderPass::start(RenderCallbacks *callbacks)
     AutoBinder fbo(_fbo);
     const bool hasTarget = _fbo->attach(frame, GL_COLOR_ATTACHMENT0, 0);
     _fbo->attach(depth, depthPoint, 0);
-    const bool canDraw = hasTarget && _quad && !(extent.isEmpty() && (ownsFrame || ownsDepth));
+    const bool isEmpty = extent.isEmpty() && (ownsFrame || ownsDepth);
+    const bool canDraw =
+        hasTarget && _quad && !isEmpty && ((ownsFrame && ownsDepth) || canDrawTo(*this, ownsFrame ? kDepth : kFrame));
     if (cubemap || latLongMap || background) {
         _fbo->setDrawBuffers();
         if (ownsFrame && canDraw) {

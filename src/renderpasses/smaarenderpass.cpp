@@ -391,9 +391,9 @@ void SMAARenderPass::start(RenderCallbacks *callbacks)
     const Extent extent = extentOf(*this, kViewport);
     auto mode = qvariant_cast<int>(_inputs[kMode].value);
     const bool predication = hasValue(_inputs[kPredicate].value);
-    Texture *frame = objectTexture(_inputs[kFrame].value);
-    Texture *predicate = objectTexture(_inputs[kPredicate].value);
-    Texture *depth = objectTexture(_inputs[kDepth].value);
+    Texture *frame = objectTexture(*this, kFrame);
+    Texture *predicate = objectTexture(*this, kPredicate);
+    Texture *depth = objectTexture(*this, kDepth);
     if (!frame) {
         _outputs[kFrameOut].value = QVariant();
         release(predicate);

@@ -91,13 +91,14 @@ void StencilBlurAndBlendRenderPass::start(RenderCallbacks *callbacks)
     RenderPassHelper::start(callbacks);
 
     Texture *normalFrame = typedTexture(_inputs[kNormalFrame].value);
-    Texture *blurFrame = typedTexture(_inputs[kBlurFrame].value);
+    Texture *blurFrame = typedTexture(*this, kBlurFrame);
     if (radius <= 0.0f) {
         publish(_outputs[kOutput], normalFrame, _numOutputUsers[kOutput]);
         release(normalFrame);
         release(blurFrame);
         return;
     }
+    normalFrame = ofKind(*this, kNormalFrame, normalFrame);
     const bool rebuilt = _blurRadius != radius;
     const bool hasOtherTaps = (rebuilt || _weights.isEmpty()) && takeBlurRadius(radius);
     if (!_blurProgram || !_blurAndAddProgram || hasOtherTaps) {

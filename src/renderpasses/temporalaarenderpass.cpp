@@ -108,6 +108,7 @@ void TemporalAARenderPass::start(RenderCallbacks *)
         release(frame);
         return;
     }
+    frame = ofKind(*this, kFrame, frame);
 
     // A scale of 0 or less leaves no size to divide by.
     const float divisor = scale <= 0.0f ? 1.0f : scale;

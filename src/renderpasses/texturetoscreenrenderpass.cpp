@@ -129,6 +129,49 @@ bool isComplete(GLenum target)
     return glCheckFramebufferStatus(target) == GL_FRAMEBUFFER_COMPLETE;
 }
 
+// What GL asks about both sides of a copy.
+struct BlitSide
+{
+    bool hasIntegers = false;
+    GLint samples = 0;
+};
+
+bool hasIntegers(GLenum framebuffer)
+{
+    GLint type = GL_FLOAT;
+    glGetFramebufferAttachmentParameteriv(framebuffer, GL_COLOR_ATTACHMENT0, GL_FRAMEBUFFER_ATTACHMENT_COMPONENT_TYPE,
+                                          &type);
+    return type == GL_INT || type == GL_UNSIGNED_INT;
+}
+
+// Of the texture that is attached to the framebuffer for reading.
+BlitSide sourceOf(Texture *texture)
+{
+    BlitSide side{hasIntegers(GL_READ_FRAMEBUFFER)};
+    if (texture->target() == GL_TEXTURE_2D_MULTISAMPLE) {
+        const AutoBinder bound(texture);
+        glGetTexLevelParameteriv(GL_TEXTURE_2D_MULTISAMPLE, 0, GL_TEXTURE_SAMPLES, &side.samples);
+    }
+    return side;
+}
+
+BlitSide targetNow()
+{
+    BlitSide side;
+    GLint name = 0;
+    glGetIntegerv(GL_DRAW_FRAMEBUFFER_BINDING, &name);
+    side.hasIntegers = name != 0 && hasIntegers(GL_DRAW_FRAMEBUFFER);
+    glGetIntegerv(GL_SAMPLES, &side.samples);
+    return side;
+}
+
+bool canBlit(const BlitSide &from, const BlitSide &to, bool hasSameSize)
+{
+    const bool bothSampled = from.samples > 0 && to.samples > 0;
+    return from.hasIntegers == to.hasIntegers && (hasSameSize || (from.samples == 0 && to.samples == 0))
+           && (!bothSampled || from.samples == to.samples);
+}
+
 } // namespace
 
 TextureToScreenRenderPass::TextureToScreenRenderPass()
@@ -215,8 +258,19 @@ void TextureToScreenRenderPass::copy(Texture *texture, std::span<const QRect> so
     glFramebufferTexture(GL_READ_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, texture->textureID(), 0);
     glReadBuffer(GL_COLOR_ATTACHMENT0);
     if (isComplete(GL_READ_FRAMEBUFFER) && isComplete(GL_DRAW_FRAMEBUFFER)) {
-        for (std::size_t i = 0; i < destinations.size(); ++i)
-            blit(sources[i], destinations[i], blitFilter(linear, sources[i], destinations[i]));
+        const BlitSide from = sourceOf(texture), to = targetNow();
+        bool isWhole = true;
+        for (std::size_t i = 0; i < destinations.size(); ++i) {
+            const bool isPossible = canBlit(from, to, sources[i].size() == destinations[i].size());
+            isWhole = isWhole && isPossible;
+            if (isPossible)
+                blit(sources[i], destinations[i], blitFilter(linear, sources[i], destinations[i]));
+        }
+        if (isWhole)
+            acceptInput(kTexture);
+        else
+            reportInput(kTexture, u"cannot be copied to the target: one has integers and the other has not, or samples "
+                                  "do not match; it is left out"_s);
     }
     glFramebufferTexture(GL_READ_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, 0, 0);
     bindFramebufferNow(GL_READ_FRAMEBUFFER, 0);

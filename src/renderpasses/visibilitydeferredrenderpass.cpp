@@ -188,7 +188,7 @@ void VisibilityDeferredRenderPass::start(RenderCallbacks *)
         return;
     const Extent extent = extentOf(*this, kViewport);
     const auto textureOr = [this](Input input) {
-        Texture *texture = objectTexture(_inputs[input].value);
+        Texture *texture = objectTexture(*this, input);
         return texture ? texture : _fallbackTexture.get();
     };
     Texture *headPointers = textureOr(kHeadPointers);

@@ -279,8 +279,8 @@ void VisibilitySortRenderPass::start(RenderCallbacks *)
         return;
 
     const Extent extent = extentOf(*this, kViewport);
-    Texture *headPointers = objectTexture(_inputs[kHeadPointers].value);
-    Texture *nodeBuffer = objectTexture(_inputs[kNodeBuffer].value);
+    Texture *headPointers = objectTexture(*this, kHeadPointers);
+    Texture *nodeBuffer = objectTexture(*this, kNodeBuffer);
     const int nodeBufferWidth = nodeBufferWidthOf(*this, kNodeBufferWidth);
     if (!headPointers || !nodeBuffer || nodeBufferWidth == 0 || extent.isEmpty())
         return;

@@ -119,7 +119,7 @@ void WireframeRenderPass::start(RenderCallbacks *)
 
     const QRect viewport = qvariant_cast<QRect>(_inputs[viewportSlot].value);
     const Extent extent = extentOf(*this, viewportSlot);
-    Texture *id = objectTexture(_inputs[idSlot].value);
+    Texture *id = objectTexture(*this, idSlot);
     if (!id) {
         _outputs[frameSlot].value = QVariant();
         return;

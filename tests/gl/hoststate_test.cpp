@@ -1144,22 +1144,6 @@ TEST_P(HostStates, OfPassesBesideItInAPipelineLeaveAPassAlone)
     EXPECT_TRUE(frame(true) == alone) << "the picture is another one";
 }
 
-TEST(HostStateTable, HasARowForEveryPassAndARoadForEveryRow)
-{
-    for (const StateRow &row : stateTable()) {
-        const auto isOfRow = [&](const Road &road) { return qstrcmp(road.className, row.className) == 0; };
-        EXPECT_TRUE(std::any_of(roads().begin(), roads().end(), isOfRow)) << row.className;
-        for (const StateException &exception : row.exceptions) {
-            const bool isTaken = std::any_of(roads().begin(), roads().end(), [&](const Road &road) {
-                return isOfRow(road) && applies(exception, road);
-            });
-            EXPECT_TRUE(isTaken) << "no road is '" << exception.when << "' of " << row.className;
-        }
-    }
-    for (const Road &road : roads())
-        EXPECT_NE(findStateRow(road.className), nullptr) << road.className;
-}
-
 class HostPixelStates : public GLTest
 {
 protected:
@@ -1199,6 +1183,125 @@ protected:
         EXPECT_EQ(count, 19);
     }
 };
+
+// What moves pixels and how textures are sampled is default state too, for a pass of the host's as for one of ours.
+TEST_F(HostPixelStates, AreTheDefaultForEveryPassOfAPipeline)
+{
+    struct Seen
+    {
+        std::vector<double> numbers;
+        bool operator==(const Seen &) const = default;
+    };
+    static const auto look = [] {
+        Seen seen;
+        const auto add = [&seen](GLenum query) {
+            GLdouble value = 0;
+            glGetDoublev(query, &value);
+            seen.numbers.push_back(value);
+        };
+        for (GLenum query : {GL_UNPACK_ALIGNMENT, GL_UNPACK_ROW_LENGTH, GL_UNPACK_SKIP_ROWS, GL_UNPACK_SKIP_PIXELS,
+                             GL_UNPACK_SWAP_BYTES, GL_UNPACK_LSB_FIRST, GL_UNPACK_IMAGE_HEIGHT, GL_UNPACK_SKIP_IMAGES,
+                             GL_PACK_ALIGNMENT, GL_PACK_ROW_LENGTH, GL_PACK_SKIP_ROWS, GL_PACK_SKIP_PIXELS,
+                             GL_PACK_SWAP_BYTES, GL_PACK_LSB_FIRST, GL_PACK_IMAGE_HEIGHT, GL_PACK_SKIP_IMAGES,
+                             GL_PIXEL_UNPACK_BUFFER_BINDING, GL_PIXEL_PACK_BUFFER_BINDING, GL_CLAMP_READ_COLOR})
+            add(query);
+        if (hasStatePiece(StatePiece::Samplers)) {
+            GLint active = 0;
+            glGetIntegerv(GL_ACTIVE_TEXTURE, &active);
+            for (GLenum unit = 0; unit < 16; ++unit) {
+                glActiveTexture(GL_TEXTURE0 + unit);
+                add(GL_SAMPLER_BINDING);
+            }
+            glActiveTexture(GLenum(active));
+        }
+        return seen;
+    };
+    class Spoiler : public RenderPassHelper
+    {
+    public:
+        explicit Spoiler(const HostState &s) : state(s) {}
+        void start(RenderCallbacks *) override
+        {
+            found = look();
+            set = state.set();
+        }
+        const HostState &state;
+        std::unique_ptr<HostState::Set> set; // its objects live on
+        Seen found;
+    };
+    class Probe : public RenderPassHelper
+    {
+    public:
+        void start(RenderCallbacks *) override { found = look(); }
+        Seen found;
+    };
+    const Seen clean = look();
+    int count = 0;
+    for (const HostState &state : hostStates()) {
+        if (state.piece != StatePiece::PixelUnpacking && state.piece != StatePiece::PixelPacking
+            && state.piece != StatePiece::PixelBuffers && state.piece != StatePiece::Samplers)
+            continue;
+        ++count;
+        const ::testing::ScopedTrace trace(__FILE__, __LINE__, state.name);
+        Pipeline pipeline;
+        auto first = std::make_unique<Spoiler>(state);
+        auto second = std::make_unique<Probe>();
+        Spoiler *const spoiler = first.get();
+        Probe *const probe = second.get();
+        ASSERT_TRUE(pipeline.add(QStringLiteral("First"), std::move(first)));
+        ASSERT_TRUE(pipeline.add(QStringLiteral("Second"), std::move(second)));
+        std::unique_ptr<HostState::Set> hosts = state.set();
+        const Seen before = look();
+        EXPECT_FALSE(before == clean);
+        EXPECT_TRUE(pipeline.render());
+        EXPECT_EQ(spoiler->found.numbers, clean.numbers) << "comes from the host";
+        EXPECT_EQ(probe->found.numbers, clean.numbers) << "comes from the pass before";
+        EXPECT_EQ(look().numbers, before.numbers) << "the host's is not as before";
+        spoiler->set.reset();
+        hosts.reset();
+        cleanContext();
+    }
+    EXPECT_EQ(count, hasStatePiece(StatePiece::Samplers) ? 20 : 19);
+}
+
+// GL answers what a reference value is by the stencil of the framebuffer that is bound, which may have none.
+TEST_P(HostStates, KeepTheStencilReferenceOfAHostWhoseFramebufferHasNoStencil)
+{
+    if (find(road, StateException::Left, StatePiece::StencilFunction))
+        GTEST_SKIP() << "left changed, as the table says";
+    const Target stencil(GL_RGBA8, 4, 4, true);
+    Scene scene(*shared);
+    const Inputs inputs = road.inputs(scene);
+    cleanContext();
+    const std::unique_ptr<RenderPass> pass = makePass(road);
+    setInputs(*pass, inputs);
+    glStencilFuncSeparate(GL_FRONT, GL_ALWAYS, 7, ~0u);
+    glStencilFuncSeparate(GL_BACK, GL_EQUAL, 9, 0xf);
+    for (int frame = 0; frame < road.frames; ++frame)
+        pass->start(nullptr);
+    AutoBinder bound(stencil.framebuffer());
+    GLint front = 0, back = 0;
+    glGetIntegerv(GL_STENCIL_REF, &front);
+    glGetIntegerv(GL_STENCIL_BACK_REF, &back);
+    EXPECT_EQ(front, 7);
+    EXPECT_EQ(back, 9);
+}
+
+TEST(HostStateTable, HasARowForEveryPassAndARoadForEveryRow)
+{
+    for (const StateRow &row : stateTable()) {
+        const auto isOfRow = [&](const Road &road) { return qstrcmp(road.className, row.className) == 0; };
+        EXPECT_TRUE(std::any_of(roads().begin(), roads().end(), isOfRow)) << row.className;
+        for (const StateException &exception : row.exceptions) {
+            const bool isTaken = std::any_of(roads().begin(), roads().end(), [&](const Road &road) {
+                return isOfRow(road) && applies(exception, road);
+            });
+            EXPECT_TRUE(isTaken) << "no road is '" << exception.when << "' of " << row.className;
+        }
+    }
+    for (const Road &road : roads())
+        EXPECT_NE(findStateRow(road.className), nullptr) << road.className;
+}
 
 TEST_F(HostPixelStates, LeaveTheUploadOfAModelAlone)
 {

@@ -5,6 +5,7 @@
 #include "support/passtable.h"
 #include "support/passvalues.h"
 
+#include <gl/guards.h>
 #include <gl/opengldevicecontext.h>
 #include <gl/shaderprogram.h>
 #include <gl/texturemanager.h>
@@ -28,6 +29,8 @@
 
 #include <QElapsedTimer>
 #include <QFile>
+#include <QImage>
+#include <QSizeF>
 
 #include <epoxy/gl.h>
 
@@ -38,6 +41,7 @@
 #include <functional>
 #include <limits>
 #include <ostream>
+#include <random>
 
 // What a host may put into a slot by mistake: every number of every pass, at its worst.
 
@@ -454,6 +458,218 @@ TEST_P(EveryNumber, AtItsWorstHarmsNothingAndTheNextSaneFrameIsRight)
     }
     RecordProperty("slots", slotsTried);
     RecordProperty("values", valuesTried);
+    pass->teardown(nullptr);
+    pass->teardownContextData(nullptr);
+}
+
+namespace {
+
+// What a host may put into a slot by mistake that is no number of the slot's type: values of every type that
+// there is, and objects of the right class in a state, or of a kind, that no slot is for.
+class Strangers
+{
+public:
+    Strangers()
+    {
+        cube.setTarget(GL_TEXTURE_CUBE_MAP);
+        specify(cube, GL_TEXTURE_CUBE_MAP, [] {
+            for (GLenum face = 0; face < 6; ++face)
+                glTexImage2D(GL_TEXTURE_CUBE_MAP_POSITIVE_X + face, 0, GL_RGBA8, 2, 2, 0, GL_RGBA, GL_UNSIGNED_BYTE,
+                             nullptr);
+        });
+        layers.setTarget(GL_TEXTURE_2D_ARRAY);
+        specify(layers, GL_TEXTURE_2D_ARRAY,
+                [] { glTexImage3D(GL_TEXTURE_2D_ARRAY, 0, GL_RGBA8, 4, 4, 3, 0, GL_RGBA, GL_UNSIGNED_BYTE, nullptr); });
+        volume.setTarget(GL_TEXTURE_3D);
+        specify(volume, GL_TEXTURE_3D,
+                [] { glTexImage3D(GL_TEXTURE_3D, 0, GL_RGBA8, 4, 4, 4, 0, GL_RGBA, GL_UNSIGNED_BYTE, nullptr); });
+        integers = makeTexture(GL_R32UI, 4, 4, static_cast<const quint32 *>(nullptr));
+        depth = makeTexture(GL_DEPTH_COMPONENT32F, 3, 5, static_cast<const float *>(nullptr));
+        blank.setTarget(GL_TEXTURE_2D);
+        specify(blank, GL_TEXTURE_2D, [] {});
+        samples.setTarget(GL_TEXTURE_2D_MULTISAMPLE);
+        specify(samples, GL_NONE,
+                [] { glTexImage2DMultisample(GL_TEXTURE_2D_MULTISAMPLE, 4, GL_RGBA8, kWidth, kHeight, GL_TRUE); });
+        auto dead = std::make_unique<Texture>();
+        AutoBinder(dead.get());
+        gone = textureToVariant(dead.get());
+        auto deadModel = std::make_unique<GPUModel>();
+        goneModel = QVariant::fromValue(deadModel.get());
+    }
+
+    std::vector<NamedValue> all()
+    {
+        const QVariant nan = qQNaN();
+        ShadowMapLight light = ShadowMapLight::spot({kNan, kInfinity, 0}, {0, 0, 0}, kNan, -kInfinity);
+        light.cascades = kMin;
+        ShadowMapLight many = ShadowMapLight::directional({0, 0, 0}, kMax);
+        ShadowMapLight none = ShadowMapLight::point({kHuge, kHuge, kHuge}, kHuge);
+        none.type = ShadowMapLight::Type(77);
+        QVariantList nested{nan, text("x"), QVariant()};
+        for (int i = 0; i < 50; ++i)
+            nested = {QVariant(nested)};
+        return {{"nothing", {}},
+                {"a long text", QString(100000, u'x')},
+                {"no text", QString()},
+                {"a text with a zero", QString(QChar(0)) + text("a")},
+                {"a folder", text("/")},
+                {"a device that never ends", text("/dev/zero")},
+                {"a device that never begins", text("/dev/tty")},
+                {"an address", text("http://127.0.0.1:9/x.png")},
+                {"bytes", QByteArray("1e400")},
+                {"NaN", nan},
+                {"1e308", 1e308},
+                {"a long integer", std::numeric_limits<qlonglong>::min()},
+                {"an unsigned integer", ~0u},
+                {"a list of nothing", QVariantList{{}, {}, {}}},
+                {"a nested list", nested},
+                {"a map", QVariantMap{{text("x"), 1}}},
+                {"texts", QStringList{text("1"), text("2")}},
+                {"a rectangle of numbers", QRectF(qQNaN(), 1e300, -1e300, qInf())},
+                {"a size of numbers", QSizeF(qQNaN(), 1e300)},
+                {"an image", QImage(4, 4, QImage::Format_Grayscale8)},
+                {"no image", QImage()},
+                {"nullptr", QVariant::fromValue(nullptr)},
+                {"a pointer", QVariant::fromValue(static_cast<void *>(this))},
+                {"a foreign object", QVariant::fromValue<QObject *>(&foreign)},
+                {"no object", QVariant::fromValue<QObject *>(nullptr)},
+                {"no texture", QVariant::fromValue<Texture *>(nullptr)},
+                {"no model", QVariant::fromValue<GPUModel *>(nullptr)},
+                {"no geometry", QVariant::fromValue<DrawBuffers *>(nullptr)},
+                {"no framebuffer", QVariant::fromValue<FramebufferObject *>(nullptr)},
+                {"an empty texture", textureToVariant(&empty)},
+                {"a typed empty texture", QVariant::fromValue(&empty)},
+                {"a texture without an image", textureToVariant(&blank)},
+                {"samples", textureToVariant(&samples)},
+                {"a cube map", textureToVariant(&cube)},
+                {"a texture with layers", textureToVariant(&layers)},
+                {"a volume", textureToVariant(&volume)},
+                {"integers", textureToVariant(integers.get())},
+                {"a depth", textureToVariant(depth.get())},
+                {"a texture that is gone", gone},
+                {"an empty model", QVariant::fromValue(&model)},
+                {"a model that is gone", goneModel},
+                {"empty geometry", QVariant::fromValue(&geometry)},
+                {"empty geometry as an object", QVariant::fromValue<QObject *>(&geometry)},
+                {"an empty framebuffer", framebufferToVariant(&framebuffer)},
+                {"textures in a list",
+                 QVariantList{textureToVariant(&cube), gone, QVariant::fromValue<QObject *>(&foreign)}},
+                {"lights that are none", QVariantList{QVariant::fromValue(light), QVariant::fromValue(many),
+                                                      QVariant::fromValue(none), nan, gone}},
+                {"rectangles in a list", QVariantList{QRect(0, 0, kMax, kMax), QRect(), nan, text("x")}}};
+    }
+
+private:
+    template <typename Specify>
+    static void specify(Texture &texture, GLenum target, Specify &&image)
+    {
+        const AutoBinder bound(&texture);
+        image();
+        if (target != GL_NONE)
+            glTexParameteri(target, GL_TEXTURE_MIN_FILTER, GL_NEAREST);
+    }
+
+    QObject foreign;
+    Texture empty, blank, samples, cube, layers, volume;
+    std::unique_ptr<Texture> integers, depth;
+    GPUModel model;
+    DrawBuffers geometry;
+    FramebufferObject framebuffer;
+    QVariant gone, goneModel;
+};
+
+class EverySlot : public EveryNumber
+{
+protected:
+    // One keeps a mean of all frames of a view, those that it was given by mistake too.
+    void restart()
+    {
+        if (qstrcmp(GetParam().className, "TemporalAARenderPass") != 0)
+            return;
+        int dirty = 0;
+        while (!isNumber(GetParam().inputs[size_t(dirty)], "Kvo_bool_Dirty"))
+            ++dirty;
+        pass->setInput(dirty, true);
+        runFrame(*pass);
+        pass->setInput(dirty, false);
+    }
+};
+
+// All but the base class, which has no slots.
+std::vector<PassRow> rowsWithSlots()
+{
+    std::vector<PassRow> rows = passTable();
+    std::erase_if(rows, [](const PassRow &row) { return row.inputs.empty(); });
+    return rows;
+}
+
+INSTANTIATE_TEST_SUITE_P(Passes, EverySlot, ::testing::ValuesIn(rowsWithSlots()),
+                         [](const auto &row) { return std::string(row.param.className); });
+
+} // namespace
+
+TEST_P(EverySlot, TakesStrangersAndTheNextSaneFrameIsRight)
+{
+    makePass();
+    const std::vector<Picture> reference = picturesOf(*pass);
+    Strangers strangers;
+    for (int slot = 0; slot < pass->numInputs(); ++slot) {
+        const InputRow &input = GetParam().inputs[size_t(slot)];
+        for (const NamedValue &stranger : strangers.all()) {
+            const ::testing::ScopedTrace trace(__FILE__, __LINE__, stranger.name + " in " + input.name);
+            const MessageCapture messages;
+            pass->setInput(slot, stranger.value);
+            EXPECT_LT(secondsOfFrame(*pass), kFirstFrame);
+            runFrame(*pass);
+            EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+            pass->setInput(slot, right(input));
+            restart();
+            settle();
+            expectSame(picturesOf(*pass), reference);
+            if (HasFatalFailure())
+                return;
+        }
+    }
+    pass->teardown(nullptr);
+    pass->teardownContextData(nullptr);
+}
+
+// What harms nothing alone may do so with others: any values in any slots, and objects that are not there.
+TEST_P(EverySlot, TakesAnyMixtureAndTheNextSaneFrameIsRight)
+{
+    makePass();
+    const std::vector<Picture> reference = picturesOf(*pass);
+    Strangers strangers;
+    const std::vector<NamedValue> all = strangers.all();
+    std::mt19937 random(7);
+    const auto below = [&random](size_t count) { return size_t(random() % count); };
+    for (int round = 0; round < (kIsSanitized ? 30 : 120) && pass->numInputs() > 0; ++round) {
+        std::string mixture = "round " + std::to_string(round);
+        const MessageCapture messages;
+        for (int slot = 0; slot < pass->numInputs(); ++slot) {
+            const InputRow &input = GetParam().inputs[size_t(slot)];
+            const std::vector<NamedValue> numbers = worst(input);
+            const size_t kind = below(4);
+            const bool isNumber = kind == 1 && !numbers.empty();
+            if (kind > 1)
+                continue;
+            const NamedValue &value = isNumber ? numbers[below(numbers.size())] : all[below(all.size())];
+            mixture += "; " + value.name + " in " + input.name;
+            pass->setInput(slot, value.value);
+        }
+        const ::testing::ScopedTrace trace(__FILE__, __LINE__, mixture);
+        EXPECT_LT(secondsOfFrame(*pass), kFirstFrame);
+        runFrame(*pass);
+        EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+        for (int slot = 0; slot < pass->numInputs(); ++slot)
+            pass->setInput(slot, right(GetParam().inputs[size_t(slot)]));
+        restart();
+        settle();
+        expectSame(picturesOf(*pass), reference);
+        TextureManager::Instance().trim(-1);
+        if (HasFatalFailure())
+            return;
+    }
     pass->teardown(nullptr);
     pass->teardownContextData(nullptr);
 }

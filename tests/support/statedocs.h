@@ -76,7 +76,8 @@ inline QString hostStatePage()
         "- after `start` the piece is as it was before.\n\n"
         "Under `Pipeline` nothing below is an exception: every pass starts from GL's defaults, with the viewport of its\n"
         "input and a transparent black clear colour or the one of `setClearColor`, and after the frame all is as the\n"
-        "host had set it.\n\n"
+        "host had set it. One thing GL does not tell: a stencil reference value reads as 0 while the framebuffer that is\n"
+        "bound has no stencil, so a host that keeps one for later sets it again after the frame.\n\n"
         "## The host's value counts\n\n"
         "| Pass | State | When | Why |\n|---|---|---|---|\n");
     const auto cell = [](const char *text) { return QString::fromLatin1(text); };
