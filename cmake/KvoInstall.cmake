@@ -25,6 +25,13 @@ foreach(tool kvorender kvoview)
   install(TARGETS ${tool} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} OPTIONAL)
 endforeach()
 
+# A helper of the libraries, which look for it there.
+if(TARGET kvo-import)
+  file(RELATIVE_PATH libexec_to_lib ${CMAKE_INSTALL_FULL_LIBEXECDIR}/kvo ${CMAKE_INSTALL_FULL_LIBDIR})
+  set_target_properties(kvo-import PROPERTIES INSTALL_RPATH "\$ORIGIN/${libexec_to_lib}")
+  install(TARGETS kvo-import RUNTIME DESTINATION ${CMAKE_INSTALL_LIBEXECDIR}/kvo)
+endif()
+
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Kvo)
 install(EXPORT KvoTargets NAMESPACE Kvo:: DESTINATION ${package_dir})
 configure_package_config_file(

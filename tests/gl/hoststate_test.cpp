@@ -849,6 +849,12 @@ protected:
         GLTest::TearDown();
     }
 
+    // What is in targets then, clears left out too, is any memory.
+    static bool leavesDrawsOut(const HostState *state)
+    {
+        return state && state->piece == StatePiece::ConditionalRendering;
+    }
+
     // Runs the pass in the context as it is, and reads what it hands out in a clean one.
     Picture run(const HostState *state, Counts *counts)
     {
@@ -882,7 +888,7 @@ protected:
             set.reset();
             cleanContext();
         }
-        return isEmptied ? Picture() : pictureOf(road, *pass, scene);
+        return isEmptied || leavesDrawsOut(state) ? Picture() : pictureOf(road, *pass, scene);
     }
 
     void expectStateAfter(const HostState &state, const HostState::Set &set, const std::vector<double> &before,
@@ -1061,7 +1067,7 @@ TEST_P(HostStates, LeaveAFrameOfAPipelineAlone)
             set.reset();
             cleanContext();
         }
-        const Picture picture = pictureOf(road, *pipeline->pass(name), scene);
+        const Picture picture = leavesDrawsOut(state) ? Picture() : pictureOf(road, *pipeline->pass(name), scene);
         if (!isSlow())
             pipeline.reset();
         return picture;

@@ -1,6 +1,7 @@
 #include "gallery.h"
 
 #include "host/imageoutput.h"
+#include "host/isolatedimport.h"
 #include "host/pipelinegraph.h"
 
 #include <epoxy/gl.h>
@@ -223,7 +224,7 @@ bool Gallery::loadModels()
     for (const QString &file : std::as_const(files)) {
         auto model = std::make_unique<Model>();
         ImportReport report;
-        model->data = importScene(file, ImportOptions(), &report);
+        model->data = importSceneIsolated(file, ImportOptions(), ImportLimits(), &report);
         if (!report.ok())
             return fail(report.error);
         model->name = QFileInfo(file).completeBaseName();

@@ -4,9 +4,9 @@
 #include "host/fragmentlists.h"
 #include "host/imagecomparison.h"
 #include "host/imageoutput.h"
+#include "host/isolatedimport.h"
 #include "host/lights.h"
 #include "host/pipelinefile.h"
-#include "host/sceneimport.h"
 #include "host/slotname.h"
 #include "report.h"
 #include "scene.h"
@@ -135,7 +135,7 @@ bool Renderer::loadModel()
     timer.start();
     progress(QStringLiteral("reading %1").arg(_commandLine.model));
     ImportReport report;
-    ModelData data = importScene(_commandLine.model, ImportOptions(), &report);
+    ModelData data = importSceneIsolated(_commandLine.model, ImportOptions(), ImportLimits(), &report);
     if (!report.ok()) {
         complainOf(report.warnings);
         return fail(report.error);

@@ -1,4 +1,5 @@
 #include "gl/shaderprogram.h"
+#include "host/isolatedimport.h"
 #include "host/pipelinefile.h"
 #include "messages.h"
 #include "options.h"
@@ -58,7 +59,7 @@ std::optional<ExitCode> readModel(const Settings &settings, ModelData *data)
     if (settings.model.isEmpty())
         return std::nullopt;
     ImportReport report;
-    *data = importScene(settings.model, ImportOptions(), &report);
+    *data = importSceneIsolated(settings.model, ImportOptions(), ImportLimits(), &report);
     complainOf(report.warnings);
     if (!report.ok()) {
         complain(report.error);

@@ -1,10 +1,9 @@
 #include "importimages.h"
 
-#include "gl/imageend.h"
+#include "host/imageinput.h"
 
 #include <QBuffer>
 #include <QFileInfo>
-#include <QImageReader>
 #include <QUrl>
 
 #include <assimp/scene.h>
@@ -13,17 +12,10 @@ namespace Brevane::Kvo {
 
 namespace {
 
+// Maps are of display values.
 QImage decode(QIODevice *device, QString *reason)
 {
-    QImageReader reader(device);
-    // The content decides, whatever the name says.
-    reader.setDecideFormatFromContent(true);
-    if (!holdsWholeImage(*device, reader.format(), reason))
-        return QImage();
-    QImage image = reader.read();
-    if (image.isNull())
-        *reason = reader.errorString();
-    return image;
+    return displayImage(readImage(device, reason));
 }
 
 QImage embeddedImage(const aiTexture &texture, QString *reason)

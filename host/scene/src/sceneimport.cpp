@@ -20,6 +20,7 @@
 #include <cmath>
 #include <exception>
 #include <limits>
+#include <new>
 #include <vector>
 
 namespace Brevane::Kvo {
@@ -336,6 +337,8 @@ ModelData importScene(const QString &path, const ImportOptions &options, ImportR
         // The importer and what it calls may throw; nothing of that leaves this function.
         try {
             data = readScene(path, options, report);
+        } catch (const std::bad_alloc &) {
+            report->error = QStringLiteral("there is not enough memory for it");
         } catch (const std::exception &exception) {
             report->error = QString::fromLocal8Bit(exception.what());
         } catch (...) {

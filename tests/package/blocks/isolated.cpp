@@ -1,0 +1,8 @@
+#include "host/isolatedimport.h"
+
+using namespace Brevane::Kvo;
+
+void load(const QString &path)
+{
+    // BLOCK
+}

@@ -1,0 +1,73 @@
+// kvo-import MODEL MEGABYTES images|no-images CREASE-ANGLE
+//
+// Reads a model and writes it to standard output for importSceneIsolated, which starts this program: what ends it, ends
+// no host. Not for people.
+
+#include <host/modeltransport.h>
+#include <host/sceneimport.h>
+
+#include <QFile>
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#ifdef __linux__
+#include <sys/prctl.h>
+#endif
+
+#include <csignal>
+#include <cstdio>
+#include <new>
+
+using namespace Brevane::Kvo;
+
+namespace {
+
+void limit(int resource, rlim_t most)
+{
+    const rlimit both{most, most};
+    setrlimit(resource, &both);
+}
+
+// Nothing is to be seen of a crash but its message, and nothing is to outlive the host.
+void confine(qint64 megabytes)
+{
+    limit(RLIMIT_CORE, 0);
+#ifdef __linux__
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+#endif
+#ifndef __SANITIZE_ADDRESS__ // which takes address space by the terabyte
+    if (megabytes > 0)
+        limit(RLIMIT_AS, rlim_t(megabytes) << 20);
+#endif
+    std::set_new_handler([] { _exit(int(ImportExit::NoMemory)); });
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    if (argc != 5) {
+        std::fprintf(stderr, "kvo-import is started by the library that reads models\n");
+        return int(ImportExit::Usage);
+    }
+    confine(QByteArray(argv[2]).toLongLong());
+    // What an importer prints must not get between the bytes of the model.
+    const int output = dup(STDOUT_FILENO);
+    dup2(STDERR_FILENO, STDOUT_FILENO);
+
+    ImportOptions options;
+    options.loadImages = QByteArray(argv[3]) == "images";
+    options.creaseAngle = QByteArray(argv[4]).toFloat();
+    ImportReport report;
+    const ModelData data = importScene(QFile::decodeName(argv[1]), options, &report);
+    QFile file;
+    QString error;
+    if (!file.open(output, QIODevice::WriteOnly) || !writeModel(&file, data, report, &error) || !file.flush()) {
+        std::fprintf(stderr, "the model cannot be handed over: %s\n", qPrintable(error));
+        return int(ImportExit::NotWritten);
+    }
+    // The importer has nothing more to say; taking all down again would only take time.
+    file.close();
+    _exit(int(ImportExit::Done));
+}
