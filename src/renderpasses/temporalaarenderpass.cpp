@@ -156,6 +156,10 @@ void TemporalAARenderPass::start(RenderCallbacks *)
         } else {
             // 0 the first time: that frame replaces the restart frame.
             const int n = _frameCount;
+            // What is not a number stays so under a weight of 0.
+            constexpr GLfloat kNothing[] = {0.0f, 0.0f, 0.0f, 0.0f};
+            if (n == 0 && canDraw)
+                glClearBufferfv(GL_COLOR, 0, kNothing);
             const float c = float(n) / float(n + 1);
             _frameCount = n + 1;
             glEnable(GL_BLEND);

@@ -490,6 +490,7 @@ public:
         samples.setTarget(GL_TEXTURE_2D_MULTISAMPLE);
         specify(samples, GL_NONE,
                 [] { glTexImage2DMultisample(GL_TEXTURE_2D_MULTISAMPLE, 4, GL_RGBA8, kWidth, kHeight, GL_TRUE); });
+        noNumbers = makeTexture(Image<float>(kWidth, kHeight, {kNan, kInfinity, -kInfinity, kNan}));
         auto dead = std::make_unique<Texture>();
         AutoBinder(dead.get());
         gone = textureToVariant(dead.get());
@@ -546,6 +547,7 @@ public:
                 {"a volume", textureToVariant(&volume)},
                 {"integers", textureToVariant(integers.get())},
                 {"a depth", textureToVariant(depth.get())},
+                {"a picture of no numbers", textureToVariant(noNumbers.get())},
                 {"a texture that is gone", gone},
                 {"an empty model", QVariant::fromValue(&model)},
                 {"a model that is gone", goneModel},
@@ -571,7 +573,7 @@ private:
 
     QObject foreign;
     Texture empty, blank, samples, cube, layers, volume;
-    std::unique_ptr<Texture> integers, depth;
+    std::unique_ptr<Texture> integers, depth, noNumbers;
     GPUModel model;
     DrawBuffers geometry;
     FramebufferObject framebuffer;

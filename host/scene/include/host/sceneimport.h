@@ -39,8 +39,9 @@ struct ImportReport
 /// turns into an exponent and dims the highlight. Colour factors, which are linear there, turn into
 /// display values, as the images that they multiply are.
 ///
-/// Images, of all kinds that readImage knows, come from the file itself or from beside it (paths are relative to the file; a missing folder
-/// or another case of letters is forgiven). One that cannot be read gives a warning, and white.
+/// Images, of all kinds that readImage knows, come from the file itself or from beside it (paths are
+/// relative to the file; a missing folder or another case of letters is forgiven). One that cannot be read
+/// gives a warning, and white.
 ///
 /// On some damaged files the importer ends the process, by an assertion or by taking all memory: importSceneIsolated
 /// is for files of others.
