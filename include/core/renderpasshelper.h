@@ -3,7 +3,9 @@
 #include "core/export.h"
 #include "core/passslot.h"
 #include "core/renderpass.h"
+#include "core/slotinfo.h"
 
+#include <QVarLengthArray>
 #include <QVector>
 
 namespace Brevane::Kvo {
@@ -60,6 +62,13 @@ public:
     /// Index of the output of that name, or -1.
     int findOutput(const QString &name) const;
 
+    /// What an input is for; null for a slot of which nothing is said, as those that a host adds by name.
+    const SlotInfo *inputInfo(int index) const;
+    /// The same of an output.
+    const SlotInfo *outputInfo(int index) const;
+    /// What the pass is for, as its class or the nearest one above it that says so; null for none.
+    const PassInfo *passInfo() const;
+
     /// The value in an input, as it is stored; invalid for an index out of range.
     QVariant inputValue(int index) const;
     /// Says in a warning what becomes of a value that is out of range: "CLASS: INPUT WHAT". Once, and
@@ -74,6 +83,11 @@ protected:
     int addInput(const QString &name, const QVariant &defaultValue = QVariant(), int index = -1);
     /// Appends an output with an invalid value and gives its index.
     int addOutput(const QString &name, int index = -1);
+
+    /// Says what the slots are that were declared last, as many as \a info has: a constructor calls this once
+    /// its slots are there. A class that adds slots to those of another describes its own alone; a slot that it
+    /// gives another name keeps its description. \a info is kept by its address, so it has to be static.
+    void describe(const PassInfo &info);
 
     /// The form in which setInput stores textures for this pass; AsGiven unless set.
     void setTextureForm(TextureForm form);
@@ -90,7 +104,16 @@ private:
         bool isReported = false;
     };
 
+    // Where the slots of a description begin.
+    struct Description
+    {
+        const PassInfo *info;
+        int firstInput;
+        int firstOutput;
+    };
+
     QVector<InputState> _inputStates;
+    QVarLengthArray<Description, 2> _descriptions;
     TextureForm _textureForm = TextureForm::AsGiven;
     unsigned int _errorCode = 0;
 };

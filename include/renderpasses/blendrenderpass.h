@@ -15,17 +15,17 @@ class Texture;
 
 /// Composes two images of premultiplied colour with one of 26 blend functions in one draw.
 ///
-/// | # | Input                       | Type    | Meaning                                                      |
-/// |---|-----------------------------|---------|--------------------------------------------------------------|
-/// | 0 | Kvo_QRect_Viewport          | QRect   | size of the target; its corner is the corner of the GL viewport |
-/// | 1 | Kvo_KvoTexture*_FrameA      | texture | source; none: transparent black                              |
-/// | 2 | Kvo_KvoTexture*_FrameB      | texture | destination; none: transparent black                         |
-/// | 3 | Int_BlendMode               | int     | a BlendMode, kept for later frames; others give transparent black |
-/// | 4 | brightness                  | float   | scale on all four channels of frame B; 1 when not connected  |
+/// | # | Input                  | Type    | Range  | Meaning |
+/// |---|------------------------|---------|--------|-----|
+/// | 0 | Kvo_QRect_Viewport     | QRect   | pixels | size of the target; its corner is the corner of the GL viewport |
+/// | 1 | Kvo_KvoTexture*_FrameA | texture |        | source; none: transparent black |
+/// | 2 | Kvo_KvoTexture*_FrameB | texture |        | destination; none: transparent black |
+/// | 3 | Int_BlendMode          | int     |        | a BlendMode, kept for later frames; others give transparent black |
+/// | 4 | brightness             | float   | 0 to 4 | scale on all four channels of frame B; none: 1 |
 ///
-/// | # | Output                   | Format        |
-/// |---|--------------------------|---------------|
-/// | 0 | Kvo_KvoTexture*_Frame    | pool format 7 |
+/// | # | Output                | Type    | Format        | Meaning |
+/// |---|-----------------------|---------|---------------|-----|
+/// | 0 | Kvo_KvoTexture*_Frame | texture | pool format 7 | A composed with B |
 ///
 /// The Porter-Duff operators, the separable modes of SVG compositing in their premultiplied forms, and
 /// two of our own (InvertAndAdd, MultiplyKeepAlpha). Overlay compares the destination's colour with 1,
@@ -39,6 +39,19 @@ class Texture;
 class KVO_RENDERPASSES_EXPORT BlendRenderPass : public RenderPassHelper
 {
 public:
+    /// Indices of the inputs.
+    enum Input : int {
+        InViewport,
+        InFrameA,
+        InFrameB,
+        InBlendMode,
+        InBrightness,
+    };
+    /// Indices of the outputs.
+    enum Output : int {
+        OutFrame,
+    };
+
     enum BlendMode : int {
         blendClear,
         blendSrc,

@@ -8,18 +8,18 @@ class Texture;
 
 /// Glow: keeps the bright pixels of an image, blurs them and adds them to a frame.
 ///
-/// | # | Input                           | Type    | Meaning                                                |
-/// |---|---------------------------------|---------|--------------------------------------------------------|
-/// | 0 | Kvo_QRect_Viewport              | QRect   | size of all images                                     |
-/// | 1 | Kvo_KvoTexture*_NormalFrame     | texture | the frame; none: transparent black                     |
-/// | 2 | Kvo_float_BlurRadius            | float   | sigma in texels; 0 or less: the frame passes through   |
-/// | 3 | Kvo_float_GlowThreshold         | float   | luminance below which nothing glows; 0 or less: all glows |
-/// | 4 | Kvo_float_GlowAmount            | float   | strength; 0 or less: the frame passes through          |
-/// | 5 | Kvo_KvoTexture*_BlurFrame       | texture | what glows; none: transparent black                    |
+/// | # | Input                       | Type    | Range             | Meaning |
+/// |---|-----------------------------|---------|-------------------|-----|
+/// | 0 | Kvo_QRect_Viewport          | QRect   | pixels            | size of all images |
+/// | 1 | Kvo_KvoTexture*_NormalFrame | texture |                   | the frame; none: transparent black |
+/// | 2 | Kvo_float_BlurRadius        | float   | 0 to 511 texels   | sigma in texels; 0 or less: the frame passes through |
+/// | 3 | Kvo_float_GlowThreshold     | float   | 0 to 16 luminance | luminance below which nothing glows; 0 or less: all glows |
+/// | 4 | Kvo_float_GlowAmount        | float   | 0 to 4            | strength; 0 or less: the frame passes through |
+/// | 5 | Kvo_KvoTexture*_BlurFrame   | texture |                   | what glows; none: transparent black |
 ///
-/// | # | Output                   | Format                             |
-/// |---|--------------------------|------------------------------------|
-/// | 0 | Kvo_KvoTexture*_Output   | pool format 7, or the frame itself |
+/// | # | Output                 | Type    | Format                             | Meaning |
+/// |---|------------------------|---------|------------------------------------|-----|
+/// | 0 | Kvo_KvoTexture*_Output | texture | pool format 7, or the frame itself | the frame with its glow |
 ///
 /// Both blur stages apply the amount, so the glow scales with its square: 0.5 adds a quarter of the
 /// blurred image. Luminance has the weights 0.2125, 0.7154, 0.0721. Inputs are given back to the pool.
@@ -34,6 +34,20 @@ class Texture;
 class KVO_RENDERPASSES_EXPORT BlurAndCombineRenderPass : public BlurBaseRenderPass
 {
 public:
+    /// Indices of the inputs.
+    enum Input : int {
+        InViewport,
+        InNormalFrame,
+        InBlurRadius,
+        InGlowThreshold,
+        InGlowAmount,
+        InBlurFrame,
+    };
+    /// Indices of the outputs.
+    enum Output : int {
+        OutOutput,
+    };
+
     BlurAndCombineRenderPass();
     BlurAndCombineRenderPass(const BlurAndCombineRenderPass &other);
     BlurAndCombineRenderPass &operator=(const BlurAndCombineRenderPass &other);

@@ -15,15 +15,15 @@ class ShaderProgram;
 /// Turns depth into positions in camera space, for passes that work in screen space such as
 /// ScalableAmbientObscuranceRenderPass: unprojects every texel by the inverse projection.
 ///
-/// | # | Input                               | Type       | Meaning                                    |
-/// |---|-------------------------------------|------------|--------------------------------------------|
-/// | 0 | Kvo_QRect_Viewport                  | QRect      | size of the target, pixels                 |
-/// | 1 | Kvo_KvoTexture*_Depth               | texture    | window depth; none: the far plane          |
-/// | 2 | Kvo_QMatrix4x4_ProjectionMatrix     | QMatrix4x4 | camera to clip space                       |
+/// | # | Input                           | Type       | Range  | Meaning |
+/// |---|---------------------------------|------------|--------|-----|
+/// | 0 | Kvo_QRect_Viewport              | QRect      | pixels | size of the target |
+/// | 1 | Kvo_KvoTexture*_Depth           | texture    |        | window depth; none: the far plane |
+/// | 2 | Kvo_QMatrix4x4_ProjectionMatrix | QMatrix4x4 |        | camera to clip space |
 ///
-/// | # | Output                   | Format                                                              |
-/// |---|--------------------------|---------------------------------------------------------------------|
-/// | 0 | Kvo_KvoTexture*_Frame    | pool format 6 (GL_RGBA32F): the position in xyz, 1 in w             |
+/// | # | Output                | Type    | Format                     | Meaning |
+/// |---|-----------------------|---------|----------------------------|-----|
+/// | 0 | Kvo_KvoTexture*_Frame | texture | pool format 6 (GL_RGBA32F) | the position in xyz, 1 in w |
 ///
 /// A depth of 1 gives the position on the far plane: nothing tells a background apart. Positions are in
 /// units of the scene, with z negative in front of the camera. The output carries the references of its
@@ -35,6 +35,17 @@ class ShaderProgram;
 class KVO_RENDERPASSES_EXPORT CameraSpaceZBufferRenderPass : public RenderPassHelper
 {
 public:
+    /// Indices of the inputs.
+    enum Input : int {
+        InViewport,
+        InDepth,
+        InProjectionMatrix,
+    };
+    /// Indices of the outputs.
+    enum Output : int {
+        OutFrame,
+    };
+
     CameraSpaceZBufferRenderPass();
     CameraSpaceZBufferRenderPass(const CameraSpaceZBufferRenderPass &other);
     CameraSpaceZBufferRenderPass &operator=(const CameraSpaceZBufferRenderPass &other);

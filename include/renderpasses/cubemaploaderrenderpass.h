@@ -14,18 +14,18 @@ class Texture;
 /// Turns six image files into a cube map, for SkyboxRenderPass. Every set of files that was ever loaded
 /// is kept, so that going back to an earlier one costs no file access.
 ///
-/// | # | Input                         | Type    | Default | Face |
-/// |---|-------------------------------|---------|---------|------|
-/// | 0 | Kvo_QString_CubemapPathPosX   | QString | none    | +x   |
-/// | 1 | Kvo_QString_CubemapPathNegX   | QString | none    | -x   |
-/// | 2 | Kvo_QString_CubemapPathPosY   | QString | none    | +y   |
-/// | 3 | Kvo_QString_CubemapPathNegY   | QString | none    | -y   |
-/// | 4 | Kvo_QString_CubemapPathPosZ   | QString | none    | +z   |
-/// | 5 | Kvo_QString_CubemapPathNegZ   | QString | none    | -z   |
+/// | # | Input                       | Type    | Meaning |
+/// |---|-----------------------------|---------|-----|
+/// | 0 | Kvo_QString_CubemapPathPosX | QString | image file of the face +x |
+/// | 1 | Kvo_QString_CubemapPathNegX | QString | image file of the face -x |
+/// | 2 | Kvo_QString_CubemapPathPosY | QString | image file of the face +y |
+/// | 3 | Kvo_QString_CubemapPathNegY | QString | image file of the face -y |
+/// | 4 | Kvo_QString_CubemapPathPosZ | QString | image file of the face +z |
+/// | 5 | Kvo_QString_CubemapPathNegZ | QString | image file of the face -z |
 ///
-/// | # | Output                    | Format                                                              |
-/// |---|---------------------------|---------------------------------------------------------------------|
-/// | 0 | Kvo_KvoTexture*_Cubemap   | cube map, GL_RGBA with mip levels, linear filters, clamped to the edge |
+/// | # | Output                  | Type    | Format                                                                 | Meaning |
+/// |---|-------------------------|---------|------------------------------------------------------------------------|-----|
+/// | 0 | Kvo_KvoTexture*_Cubemap | texture | cube map, GL_RGBA with mip levels, linear filters, clamped to the edge | the six faces |
 ///
 /// Faces are stored top row first, as cube maps have them: seen from the middle of the cube, with +y up
 /// for the four faces around, every image stands upright and mirrored left to right. An
@@ -47,6 +47,20 @@ class Texture;
 class KVO_RENDERPASSES_EXPORT CubemapLoaderRenderPass : public RenderPassHelper
 {
 public:
+    /// Indices of the inputs.
+    enum Input : int {
+        InCubemapPathPosX,
+        InCubemapPathNegX,
+        InCubemapPathPosY,
+        InCubemapPathNegY,
+        InCubemapPathPosZ,
+        InCubemapPathNegZ,
+    };
+    /// Indices of the outputs.
+    enum Output : int {
+        OutCubemap,
+    };
+
     CubemapLoaderRenderPass();
     /// Holds the same textures as its source; the last one that lets go of them deletes them.
     CubemapLoaderRenderPass(const CubemapLoaderRenderPass &other);

@@ -16,18 +16,18 @@ class Texture;
 /// Shades a G-buffer, as GBufferRenderPass draws it, with one light that stands in the world at
 /// (100, 100, 100): a grey Lambert image. The smallest consumer of a G-buffer, and an example of one.
 ///
-/// | # | Input                               | Type       | Meaning                                     |
-/// |---|-------------------------------------|------------|---------------------------------------------|
-/// | 0 | Kvo_QRect_Viewport                  | QRect      | size of the target, pixels                  |
-/// | 1 | Kvo_QMatrix4x4_ProjectionMatrix     | QMatrix4x4 | P, camera to clip space                     |
-/// | 2 | Kvo_QMatrix4x4_CameraMatrix         | QMatrix4x4 | C, world to camera space                    |
-/// | 3 | Kvo_KvoTexture*_Normal              | texture    | normal in object space; none: no light      |
-/// | 4 | Kvo_KvoTexture*_TexCoord            | texture    | bound, without effect on the picture        |
-/// | 5 | Kvo_KvoTexture*_Depth               | texture    | window depth; none: 0 everywhere            |
+/// | # | Input                           | Type       | Range  | Meaning |
+/// |---|---------------------------------|------------|--------|-----|
+/// | 0 | Kvo_QRect_Viewport              | QRect      | pixels | size of the target |
+/// | 1 | Kvo_QMatrix4x4_ProjectionMatrix | QMatrix4x4 |        | P, camera to clip space |
+/// | 2 | Kvo_QMatrix4x4_CameraMatrix     | QMatrix4x4 |        | C, world to camera space |
+/// | 3 | Kvo_KvoTexture*_Normal          | texture    |        | normal in object space; none: no light |
+/// | 4 | Kvo_KvoTexture*_TexCoord        | texture    |        | bound, without effect on the picture |
+/// | 5 | Kvo_KvoTexture*_Depth           | texture    |        | window depth; none: 0 everywhere |
 ///
-/// | # | Output                   | Format                     |
-/// |---|--------------------------|----------------------------|
-/// | 0 | Kvo_KvoTexture*_Frame    | GL_RGBA, owned by the pass |
+/// | # | Output                | Type    | Format                     | Meaning |
+/// |---|-----------------------|---------|----------------------------|-----|
+/// | 0 | Kvo_KvoTexture*_Frame | texture | GL_RGBA, owned by the pass | the shaded image |
 ///
 /// With d the depth at texture coordinate (u, v), a pixel is
 ///
@@ -49,6 +49,20 @@ class Texture;
 class KVO_RENDERPASSES_EXPORT DeferredRenderPass : public RenderPassHelper
 {
 public:
+    /// Indices of the inputs.
+    enum Input : int {
+        InViewport,
+        InProjectionMatrix,
+        InCameraMatrix,
+        InNormal,
+        InTexCoord,
+        InDepth,
+    };
+    /// Indices of the outputs.
+    enum Output : int {
+        OutFrame,
+    };
+
     DeferredRenderPass();
     DeferredRenderPass(const DeferredRenderPass &other);
     DeferredRenderPass &operator=(const DeferredRenderPass &other);

@@ -14,18 +14,18 @@ class ShaderProgram;
 
 /// FXAA 3.11 (Timothy Lottes) at its PC quality path, preset 12, in one draw. Green stands for luma.
 ///
-/// | # | Input                                | Type    | When invalid | Meaning                                  |
-/// |---|--------------------------------------|---------|--------------|------------------------------------------|
-/// | 0 | Kvo_QRect_Viewport                   | QRect   |              | size of the image                        |
-/// | 1 | Kvo_KvoTexture*_Frame                | texture |              | the image; none: the output is invalid   |
-/// | 2 | Kvo_float_SubPixelQuality            | float   | 0.75         | removal of sub-pixel aliasing, 0 to 1    |
-/// | 3 | Kvo_float_RcpFrameQuality            | float   | 1            | scale of the horizontal texel step only  |
-/// | 4 | Kvo_float_EdgeThresholdQuality       | float   | 0.166        | least contrast of an edge, relative      |
-/// | 5 | Kvo_float_EdgeThresholdMinQuality    | float   | 0            | least contrast of an edge, absolute      |
+/// | # | Input                             | Type    | Range  | Meaning |
+/// |---|-----------------------------------|---------|--------|-----|
+/// | 0 | Kvo_QRect_Viewport                | QRect   | pixels | size of the image |
+/// | 1 | Kvo_KvoTexture*_Frame             | texture |        | the image; none: the output is invalid |
+/// | 2 | Kvo_float_SubPixelQuality         | float   | 0 to 1 | removal of sub-pixel aliasing; none: 0.75 |
+/// | 3 | Kvo_float_RcpFrameQuality         | float   | 0 to 4 | scale of the horizontal texel step only; none: 1 |
+/// | 4 | Kvo_float_EdgeThresholdQuality    | float   | 0 to 1 | least contrast of an edge, relative; none: 0.166 |
+/// | 5 | Kvo_float_EdgeThresholdMinQuality | float   | 0 to 1 | least contrast of an edge, absolute; none: 0 |
 ///
-/// | # | Output                   | Format                                                       |
-/// |---|--------------------------|--------------------------------------------------------------|
-/// | 0 | Kvo_KvoTexture*_Frame    | pool format 3; alpha is the larger of the source's and the luma |
+/// | # | Output                | Type    | Format        | Meaning |
+/// |---|-----------------------|---------|---------------|-----|
+/// | 0 | Kvo_KvoTexture*_Frame | texture | pool format 3 | the image with smooth edges; alpha is the larger of the source's and the luma |
 ///
 /// An image of another size than the viewport is read through its linear filter, between its texels.
 ///
@@ -36,6 +36,20 @@ class ShaderProgram;
 class KVO_RENDERPASSES_EXPORT FastApproximateAntiAliasingRenderPass : public RenderPassHelper
 {
 public:
+    /// Indices of the inputs.
+    enum Input : int {
+        InViewport,
+        InFrame,
+        InSubPixelQuality,
+        InRcpFrameQuality,
+        InEdgeThresholdQuality,
+        InEdgeThresholdMinQuality,
+    };
+    /// Indices of the outputs.
+    enum Output : int {
+        OutFrame,
+    };
+
     FastApproximateAntiAliasingRenderPass();
     FastApproximateAntiAliasingRenderPass(const FastApproximateAntiAliasingRenderPass &other);
     FastApproximateAntiAliasingRenderPass &operator=(const FastApproximateAntiAliasingRenderPass &other);

@@ -11,17 +11,17 @@ class ShaderProgram;
 
 /// Draws a model in one step, lit by the directional light of ModelDeferredPass.
 ///
-/// | # | Input                               | Type       | Meaning                                   |
-/// |---|-------------------------------------|------------|-------------------------------------------|
-/// | 0 | Kvo_QRect_Viewport                  | QRect      | size of the targets, pixels               |
-/// | 1 | Kvo_QMatrix4x4_ProjectionMatrix     | QMatrix4x4 | camera to clip space                      |
-/// | 2 | Kvo_QMatrix4x4_CameraMatrix         | QMatrix4x4 | world to camera space                     |
-/// | 3 | Kvo_KvoGPUModel*_Geometry           | GPUModel*  | what to draw; none: the targets are cleared |
+/// | # | Input                           | Type       | Range  | Meaning |
+/// |---|---------------------------------|------------|--------|-----|
+/// | 0 | Kvo_QRect_Viewport              | QRect      | pixels | size of the targets |
+/// | 1 | Kvo_QMatrix4x4_ProjectionMatrix | QMatrix4x4 |        | camera to clip space |
+/// | 2 | Kvo_QMatrix4x4_CameraMatrix     | QMatrix4x4 |        | world to camera space |
+/// | 3 | Kvo_KvoGPUModel*_Geometry       | GPUModel*  |        | what to draw; none: the targets are cleared |
 ///
-/// | # | Output                   | Format   | Content                                                   |
-/// |---|--------------------------|----------|-----------------------------------------------------------|
-/// | 0 | Kvo_KvoTexture*_Frame    | GL_RGBA  | lit colour, opacity in alpha                              |
-/// | 1 | Kvo_KvoTexture*_Id       | GL_RGBA  | number of the triangle plus 1, clamped by the format      |
+/// | # | Output                | Type    | Format                   | Meaning |
+/// |---|-----------------------|---------|--------------------------|-----|
+/// | 0 | Kvo_KvoTexture*_Frame | texture | GL_RGBA, 8 bits, nearest | lit colour, opacity in alpha |
+/// | 1 | Kvo_KvoTexture*_Id    | texture | GL_RGBA, 8 bits, nearest | number of the triangle plus 1, clamped by the format |
 ///
 /// Normals are interpolated and not made unit length again. The pass does not set the GL viewport. Its
 /// GL objects are not deleted with the pass (others may read them) but given up, see
@@ -33,6 +33,19 @@ class ShaderProgram;
 class KVO_RENDERPASSES_EXPORT ForwardRenderPass : public RenderPassHelper
 {
 public:
+    /// Indices of the inputs.
+    enum Input : int {
+        InViewport,
+        InProjectionMatrix,
+        InCameraMatrix,
+        InGeometry,
+    };
+    /// Indices of the outputs.
+    enum Output : int {
+        OutFrame,
+        OutId,
+    };
+
     ForwardRenderPass();
     ForwardRenderPass(const ForwardRenderPass &other);
     ForwardRenderPass &operator=(const ForwardRenderPass &other);

@@ -7,18 +7,18 @@ namespace Brevane::Kvo {
 /// Blurs an image in two stages, horizontal and vertical, at a lower resolution if wanted, and only
 /// where a stencil buffer holds one material if wanted.
 ///
-/// | # | Input                           | Type    | Default | Meaning                                          |
-/// |---|---------------------------------|---------|---------|--------------------------------------------------|
-/// | 0 | Kvo_QRect_Viewport              | QRect   | none    | size of the image                                |
-/// | 1 | Kvo_KvoTexture*_Input           | texture | none    | image to blur; none: black                       |
-/// | 2 | Kvo_float_BlurRadius            | float   | none    | sigma in texels of the target; up to 1 the input passes through |
-/// | 3 | Kvo_float_ResolutionDivider     | float   | 1       | the target is the viewport divided by this, at least 0.01 |
-/// | 4 | Kvo_KvoTexture*_Stencil         | texture | none    | depth and stencil; restricts the blur            |
-/// | 5 | Kvo_int_StencilMaterial         | int     | -1      | material to blur; the stencil holds it plus 1; negative: everything |
+/// | # | Input                       | Type    | Default | Range           | Meaning |
+/// |---|-----------------------------|---------|---------|-----------------|-----|
+/// | 0 | Kvo_QRect_Viewport          | QRect   | none    | pixels          | size of the image |
+/// | 1 | Kvo_KvoTexture*_Input       | texture | none    |                 | image to blur; none: black |
+/// | 2 | Kvo_float_BlurRadius        | float   | none    | 0 to 511 texels | sigma in texels of the target; up to 1 the input passes through |
+/// | 3 | Kvo_float_ResolutionDivider | float   | 1       | 0.01 to 64      | the target is the viewport divided by this, at least 0.01 |
+/// | 4 | Kvo_KvoTexture*_Stencil     | texture | none    |                 | depth and stencil; restricts the blur |
+/// | 5 | Kvo_int_StencilMaterial     | int     | -1      | -1 to 254       | material to blur; the stencil holds it plus 1; negative: everything |
 ///
-/// | # | Output                   | Format                            |
-/// |---|--------------------------|-----------------------------------|
-/// | 0 | Kvo_KvoTexture*_Output   | pool format 7, or the input itself |
+/// | # | Output                 | Type    | Format                             | Meaning |
+/// |---|------------------------|---------|------------------------------------|-----|
+/// | 0 | Kvo_KvoTexture*_Output | texture | pool format 7, or the input itself | the blurred image |
 ///
 /// Where the stencil does not hold the material the result is opaque black. Inputs are given back to
 /// the pool, except a stencil texture that is wired with a negative material: its reference stays.
@@ -37,6 +37,20 @@ namespace Brevane::Kvo {
 class KVO_RENDERPASSES_EXPORT GaussianBlurRenderPass : public BlurBaseRenderPass
 {
 public:
+    /// Indices of the inputs.
+    enum Input : int {
+        InViewport,
+        InInput,
+        InBlurRadius,
+        InResolutionDivider,
+        InStencil,
+        InStencilMaterial,
+    };
+    /// Indices of the outputs.
+    enum Output : int {
+        OutOutput,
+    };
+
     /// \a stencilMask as in BlurBaseRenderPass; it is independent of the stencil inputs.
     explicit GaussianBlurRenderPass(float stencilMask = 0.0f);
     GaussianBlurRenderPass(const GaussianBlurRenderPass &other);

@@ -12,19 +12,19 @@ class ShaderProgram;
 /// Draws plain geometry, with neither materials nor instance data, into normal, texture coordinate, id
 /// and depth targets. PrimitiveBuilderRenderPass makes such geometry, DeferredRenderPass shades it.
 ///
-/// | # | Input                               | Type         | Meaning                                 |
-/// |---|-------------------------------------|--------------|-----------------------------------------|
-/// | 0 | Kvo_QRect_Viewport                  | QRect        | size of the targets, pixels             |
-/// | 1 | Kvo_QMatrix4x4_ProjectionMatrix     | QMatrix4x4   | camera to clip space                    |
-/// | 2 | Kvo_QMatrix4x4_CameraMatrix         | QMatrix4x4   | world to camera space                   |
-/// | 3 | Kvo_KvoDrawBuffers*_Geometry        | DrawBuffers* | what to draw, or a QVariantList of such |
+/// | # | Input                           | Type         | Range  | Meaning |
+/// |---|---------------------------------|--------------|--------|-----|
+/// | 0 | Kvo_QRect_Viewport              | QRect        | pixels | size of the targets |
+/// | 1 | Kvo_QMatrix4x4_ProjectionMatrix | QMatrix4x4   |        | camera to clip space |
+/// | 2 | Kvo_QMatrix4x4_CameraMatrix     | QMatrix4x4   |        | world to camera space |
+/// | 3 | Kvo_KvoDrawBuffers*_Geometry    | DrawBuffers* |        | what to draw, or a QVariantList of such |
 ///
-/// | # | Output                     | Format                | Content                                   |
-/// |---|----------------------------|-----------------------|-------------------------------------------|
-/// | 0 | Kvo_KvoTexture*_Normal     | GL_RGB32F             | normal in object space, interpolated and not of unit length |
-/// | 1 | Kvo_KvoTexture*_TexCoord   | GL_RG32F              | texture coordinates                       |
-/// | 2 | Kvo_KvoTexture*_Depth      | GL_DEPTH_COMPONENT32F | window depth                              |
-/// | 3 | Kvo_KvoTexture*_Id         | GL_R32F               | number of the triangle in its draw plus 1 |
+/// | # | Output                   | Type    | Format                                  | Meaning |
+/// |---|--------------------------|---------|-----------------------------------------|-----|
+/// | 0 | Kvo_KvoTexture*_Normal   | texture | GL_RGB32F, colour attachment 0          | normal in object space, interpolated and not of unit length |
+/// | 1 | Kvo_KvoTexture*_TexCoord | texture | GL_RG32F, colour attachment 1           | texture coordinates |
+/// | 2 | Kvo_KvoTexture*_Depth    | texture | GL_DEPTH_COMPONENT32F, depth attachment | window depth |
+/// | 3 | Kvo_KvoTexture*_Id       | texture | GL_R32F, colour attachment 2            | number of the triangle in its draw plus 1 |
 ///
 /// Geometry has the attributes "va_Vertex", "va_Normal" and "va_TexCoord". The elements of a list are
 /// drawn in their order into the same targets, with depth test; numbers of triangles begin anew with each.
@@ -41,6 +41,21 @@ class ShaderProgram;
 class KVO_RENDERPASSES_EXPORT GBufferRenderPass : public RenderPassHelper
 {
 public:
+    /// Indices of the inputs.
+    enum Input : int {
+        InViewport,
+        InProjectionMatrix,
+        InCameraMatrix,
+        InGeometry,
+    };
+    /// Indices of the outputs.
+    enum Output : int {
+        OutNormal,
+        OutTexCoord,
+        OutDepth,
+        OutId,
+    };
+
     GBufferRenderPass();
     GBufferRenderPass(const GBufferRenderPass &other);
     GBufferRenderPass &operator=(const GBufferRenderPass &other);

@@ -15,15 +15,15 @@ class ShaderProgram;
 /// Fills a target with a vertical gradient of two colours, or with one colour: the usual first step of
 /// a frame.
 ///
-/// | # | Input                    | Type   | Default        | Meaning                                            |
-/// |---|--------------------------|--------|----------------|----------------------------------------------------|
-/// | 0 | Kvo_QRect_Viewport       | QRect  | none           | size of the target, pixels                         |
-/// | 1 | Kvo_QColor_ColorTop      | QColor | grey 64        | colour at the top, or the solid colour; none: nothing is drawn |
-/// | 2 | Kvo_QColor_ColorBottom   | QColor | grey 153       | colour at the bottom; none: a solid fill           |
+/// | # | Input                  | Type   | Default | Range  | Meaning |
+/// |---|------------------------|--------|---------|--------|-----|
+/// | 0 | Kvo_QRect_Viewport     | QRect  | none    | pixels | size of the target |
+/// | 1 | Kvo_QColor_ColorTop    | QColor | #404040 |        | colour at the top, or the solid colour; none: nothing is drawn |
+/// | 2 | Kvo_QColor_ColorBottom | QColor | #999999 |        | colour at the bottom; none: a solid fill |
 ///
-/// | # | Output                   | Format                       |
-/// |---|--------------------------|------------------------------|
-/// | 0 | Kvo_KvoTexture*_Frame    | GL_RGBA32F, owned by the pass |
+/// | # | Output                | Type    | Format                                 | Meaning |
+/// |---|-----------------------|---------|----------------------------------------|-----|
+/// | 0 | Kvo_KvoTexture*_Frame | texture | GL_RGBA32F, nearest, owned by the pass | the gradient |
 ///
 /// The solid fill is opaque whatever alpha its colour has, since it stands for a background; the
 /// gradient keeps the alphas of its colours. A size change replaces the texture. Error code -1 records
@@ -37,6 +37,17 @@ class ShaderProgram;
 class KVO_RENDERPASSES_EXPORT GradientRenderPass : public RenderPassHelper
 {
 public:
+    /// Indices of the inputs.
+    enum Input : int {
+        InViewport,
+        InColorTop,
+        InColorBottom,
+    };
+    /// Indices of the outputs.
+    enum Output : int {
+        OutFrame,
+    };
+
     GradientRenderPass();
     GradientRenderPass(const GradientRenderPass &other);
     GradientRenderPass &operator=(const GradientRenderPass &other);

@@ -16,15 +16,15 @@ class Texture;
 /// Reduces an image to its average colour in two full-screen steps, and reads the luminance of that back
 /// to the host: the number that an exposure control needs.
 ///
-/// | # | Input                    | Type    | Meaning                                                   |
-/// |---|--------------------------|---------|-----------------------------------------------------------|
-/// | 0 | Kvo_QRect_Viewport       | QRect   | size of the image, pixels; its corner should be at 0, 0    |
-/// | 1 | Kvo_KvoTexture*_Texture  | texture | the image; none: black                                     |
+/// | # | Input                   | Type    | Range  | Meaning |
+/// |---|-------------------------|---------|--------|-----|
+/// | 0 | Kvo_QRect_Viewport      | QRect   | pixels | size of the image; its corner should be at 0, 0 |
+/// | 1 | Kvo_KvoTexture*_Texture | texture |        | the image; none: black |
 ///
-/// | # | Output                     | Type    | Content                                                |
-/// |---|----------------------------|---------|--------------------------------------------------------|
-/// | 0 | Kvo_KvoTexture*_Frame      | texture | 1 by 1, GL_RGBA32F, owned by the pass: the average      |
-/// | 1 | Kvo_float_averageLuminance | float   | 0.7152 G + 0.2126 R + 0.0722 B of it, of this frame     |
+/// | # | Output                     | Type    | Format                                | Meaning |
+/// |---|----------------------------|---------|---------------------------------------|-----|
+/// | 0 | Kvo_KvoTexture*_Frame      | texture | 1 by 1, GL_RGBA32F, owned by the pass | the average |
+/// | 1 | Kvo_float_averageLuminance | float   |                                       | 0.7152 G + 0.2126 R + 0.0722 B of it, of this frame |
 ///
 /// The first step averages blocks of the image into a texture of an eighth of the viewport's width and
 /// height, the second averages that. A block is (image width / reduced width) by (image height / reduced
@@ -50,6 +50,17 @@ class Texture;
 class KVO_RENDERPASSES_EXPORT LuminanceAverageRenderPass : public RenderPassHelper
 {
 public:
+    /// Indices of the inputs.
+    enum Input : int {
+        InViewport,
+        InTexture,
+    };
+    /// Indices of the outputs.
+    enum Output : int {
+        OutFrame,
+        OutAverageLuminance,
+    };
+
     LuminanceAverageRenderPass();
     LuminanceAverageRenderPass(const LuminanceAverageRenderPass &other);
     LuminanceAverageRenderPass &operator=(const LuminanceAverageRenderPass &other);

@@ -11,20 +11,20 @@ class ShaderProgram;
 
 /// Draws a model into the targets that deferred shading reads: diffuse, specular, normal, id, depth.
 ///
-/// | # | Input                               | Type       | Meaning                                   |
-/// |---|-------------------------------------|------------|-------------------------------------------|
-/// | 0 | Kvo_QRect_Viewport                  | QRect      | size of the targets, pixels               |
-/// | 1 | Kvo_QMatrix4x4_ProjectionMatrix     | QMatrix4x4 | camera to clip space                      |
-/// | 2 | Kvo_QMatrix4x4_CameraMatrix         | QMatrix4x4 | world to camera space                     |
-/// | 3 | Kvo_KvoGPUModel*_Geometry           | GPUModel*  | what to draw; none: the targets are cleared |
+/// | # | Input                           | Type       | Range  | Meaning |
+/// |---|---------------------------------|------------|--------|-----|
+/// | 0 | Kvo_QRect_Viewport              | QRect      | pixels | size of the targets |
+/// | 1 | Kvo_QMatrix4x4_ProjectionMatrix | QMatrix4x4 |        | camera to clip space |
+/// | 2 | Kvo_QMatrix4x4_CameraMatrix     | QMatrix4x4 |        | world to camera space |
+/// | 3 | Kvo_KvoGPUModel*_Geometry       | GPUModel*  |        | what to draw; none: the targets are cleared |
 ///
-/// | # | Output                     | Format                | Content                                        |
-/// |---|----------------------------|-----------------------|------------------------------------------------|
-/// | 0 | Kvo_KvoTexture*_Diffuse    | GL_RGBA32F            | Kd times map, opacity in alpha                 |
-/// | 1 | Kvo_KvoTexture*_Specular   | GL_RGBA32F            | Ks times map, exponent in alpha                |
-/// | 2 | Kvo_KvoTexture*_Normal     | GL_RGB32F             | unit normal in camera space                    |
-/// | 3 | Kvo_KvoTexture*_Depth      | GL_DEPTH_COMPONENT32F | window depth                                   |
-/// | 4 | Kvo_KvoTexture*_Id         | GL_R32F               | number of the triangle in its draw plus 1; 0 is background |
+/// | # | Output                   | Type    | Format                                  | Meaning |
+/// |---|--------------------------|---------|-----------------------------------------|-----|
+/// | 0 | Kvo_KvoTexture*_Diffuse  | texture | GL_RGBA32F, colour attachment 0         | Kd times map, opacity in alpha |
+/// | 1 | Kvo_KvoTexture*_Specular | texture | GL_RGBA32F, colour attachment 1         | Ks times map, exponent in alpha |
+/// | 2 | Kvo_KvoTexture*_Normal   | texture | GL_RGB32F, colour attachment 2          | unit normal in camera space |
+/// | 3 | Kvo_KvoTexture*_Depth    | texture | GL_DEPTH_COMPONENT32F, depth attachment | window depth |
+/// | 4 | Kvo_KvoTexture*_Id       | texture | GL_R32F, colour attachment 3            | number of the triangle in its draw plus 1; 0 is background |
 ///
 /// The pass does not set the GL viewport: the host does, to the size of input 0. The targets belong to
 /// the pass until it is destroyed; then they are given up, see OpenGLDeviceContext::giveUp.
@@ -36,6 +36,22 @@ class ShaderProgram;
 class KVO_RENDERPASSES_EXPORT ModelRenderPass : public RenderPassHelper
 {
 public:
+    /// Indices of the inputs.
+    enum Input : int {
+        InViewport,
+        InProjectionMatrix,
+        InCameraMatrix,
+        InGeometry,
+    };
+    /// Indices of the outputs.
+    enum Output : int {
+        OutDiffuse,
+        OutSpecular,
+        OutNormal,
+        OutDepth,
+        OutId,
+    };
+
     ModelRenderPass();
     ModelRenderPass(const ModelRenderPass &other);
     ModelRenderPass &operator=(const ModelRenderPass &other);

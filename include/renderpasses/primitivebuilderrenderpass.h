@@ -16,9 +16,9 @@ class DrawBuffers;
 ///
 /// The pass has no inputs.
 ///
-/// | # | Output                         | Type         | Content                                     |
-/// |---|--------------------------------|--------------|---------------------------------------------|
-/// | 0 | Kvo_KvoDrawBuffers*_Geometry   | DrawBuffers* | all primitives; null with none added        |
+/// | # | Output                       | Type         | Meaning |
+/// |---|------------------------------|--------------|-----|
+/// | 0 | Kvo_KvoDrawBuffers*_Geometry | DrawBuffers* | all primitives, in the order of adding; null with none added |
 ///
 /// The geometry has the attributes "va_Vertex" (3 floats), "va_TexCoord" (2) and "va_Normal" (3), and
 /// indices of type GL_UNSIGNED_INT, in the order in which primitives were added. Indices are absolute
@@ -35,6 +35,11 @@ class DrawBuffers;
 class KVO_RENDERPASSES_EXPORT PrimitiveBuilderRenderPass : public RenderPassHelper
 {
 public:
+    /// Indices of the outputs.
+    enum Output : int {
+        OutGeometry,
+    };
+
     PrimitiveBuilderRenderPass();
     PrimitiveBuilderRenderPass(const PrimitiveBuilderRenderPass &other);
     PrimitiveBuilderRenderPass &operator=(const PrimitiveBuilderRenderPass &other);

@@ -18,27 +18,27 @@ class Texture;
 /// ambient light with. After McGuire, Mara and Luebke, "Scalable Ambient Obscurance" (HPG 2012), with
 /// the falloff of medium contrast, and without their depth pyramid and their blur: the image is noisy.
 ///
-/// | #  | Input                                | Type       | Default | Meaning                                |
-/// |----|--------------------------------------|------------|---------|----------------------------------------|
-/// | 0  | Kvo_QRect_Viewport                   | QRect      | none    | size before the divider, pixels        |
-/// | 1  | Kvo_QMatrix4x4_ProjectionMatrix      | QMatrix4x4 | none    | camera to clip space                   |
-/// | 2  | Kvo_QMatrix4x4_CameraMatrix          | QMatrix4x4 | none    | world to camera space, for world normals |
-/// | 3  | Kvo_float_NearPlane                  | float      | none    | distance of the near plane             |
-/// | 4  | Kvo_float_FarPlane                   | float      | none    | distance of the far plane              |
-/// | 5  | Kvo_KvoTexture*_Depth                | texture    | none    | window depth, may be multisampled; none: nothing is obscured |
-/// | 6  | Kvo_float_SAORadius                  | float      | 0.08    | radius, units of the scene             |
-/// | 7  | Kvo_float_SAOBias                    | float      | 0.03    | distance that does not count, against obscurance of smooth surfaces |
-/// | 8  | Kvo_float_SAOIntensity               | float      | 1       | strength                               |
-/// | 9  | Kvo_KvoTexture*_CameraSpacePosition  | texture    | none    | positions of CameraSpaceZBufferRenderPass; none: from the depth |
-/// | 10 | Kvo_KvoTexture*_Normal               | texture    | none    | normals, see setNormalProcessing; none: from the positions |
-/// | 11 | Kvo_float_SaoNumSamples              | float      | 11      | taps per pixel, without its fraction   |
-/// | 12 | Kvo_float_SaoNumLogMaxOffset         | float      | 3       | radii of 2 to this power read finer levels of the depth, if it has any |
-/// | 13 | Kvo_float_SaoNumSpiralTurns          | float      | 3       | turns of the spiral, without its fraction |
-/// | 14 | Kvo_float_ResolutionDivider          | float      | 1       | the output is the viewport divided by this; 0 counts as 1 |
+/// | #  | Input                               | Type       | Default | Range                      | Meaning |
+/// |----|-------------------------------------|------------|---------|----------------------------|-----|
+/// | 0  | Kvo_QRect_Viewport                  | QRect      | none    | pixels                     | size before the divider |
+/// | 1  | Kvo_QMatrix4x4_ProjectionMatrix     | QMatrix4x4 | none    |                            | camera to clip space |
+/// | 2  | Kvo_QMatrix4x4_CameraMatrix         | QMatrix4x4 | none    |                            | world to camera space, for world normals |
+/// | 3  | Kvo_float_NearPlane                 | float      | none    | from 0 units of the scene  | distance of the near plane |
+/// | 4  | Kvo_float_FarPlane                  | float      | none    | from 0 units of the scene  | distance of the far plane |
+/// | 5  | Kvo_KvoTexture*_Depth               | texture    | none    |                            | window depth, may be multisampled; none: nothing is obscured |
+/// | 6  | Kvo_float_SAORadius                 | float      | 0.08    | 0 to 50 units of the scene | how far away things hide |
+/// | 7  | Kvo_float_SAOBias                   | float      | 0.03    | 0 to 50 units of the scene | distance that does not count, against obscurance of smooth surfaces |
+/// | 8  | Kvo_float_SAOIntensity              | float      | 1       | 0 to 100                   | strength |
+/// | 9  | Kvo_KvoTexture*_CameraSpacePosition | texture    | none    |                            | positions of CameraSpaceZBufferRenderPass; none: from the depth |
+/// | 10 | Kvo_KvoTexture*_Normal              | texture    | none    |                            | normals, see setNormalProcessing; none: from the positions |
+/// | 11 | Kvo_float_SaoNumSamples             | float      | 11      | 0 to 1024 taps             | taps per pixel, without its fraction |
+/// | 12 | Kvo_float_SaoNumLogMaxOffset        | float      | 3       | 0 to 16                    | radii of 2 to this power read finer levels of the depth, if it has any |
+/// | 13 | Kvo_float_SaoNumSpiralTurns         | float      | 3       | 0 to 65536 turns           | turns of the spiral, without its fraction |
+/// | 14 | Kvo_float_ResolutionDivider         | float      | 1       | 0 to 64                    | the output is the viewport divided by this; 0 counts as 1 |
 ///
-/// | # | Output                   | Format                                                              |
-/// |---|--------------------------|---------------------------------------------------------------------|
-/// | 0 | Kvo_KvoTexture*_Frame    | pool format 3, size of the viewport divided by the divider, rounded down |
+/// | # | Output                | Type    | Format                                                                   | Meaning |
+/// |---|-----------------------|---------|--------------------------------------------------------------------------|-----|
+/// | 0 | Kvo_KvoTexture*_Frame | texture | pool format 3, size of the viewport divided by the divider, rounded down | 1 where nothing is hidden |
 ///
 /// What is farther than 50 units, and with positions from depth the background at depth 1, stays at 1. A
 /// pixel with a single tap on the background does so too. Taps outside the depth read what the driver
@@ -68,6 +68,29 @@ class Texture;
 class KVO_RENDERPASSES_EXPORT ScalableAmbientObscuranceRenderPass : public RenderPassHelper
 {
 public:
+    /// Indices of the inputs.
+    enum Input : int {
+        InViewport,
+        InProjectionMatrix,
+        InCameraMatrix,
+        InNearPlane,
+        InFarPlane,
+        InDepth,
+        InSAORadius,
+        InSAOBias,
+        InSAOIntensity,
+        InCameraSpacePosition,
+        InNormal,
+        InSaoNumSamples,
+        InSaoNumLogMaxOffset,
+        InSaoNumSpiralTurns,
+        InResolutionDivider,
+    };
+    /// Indices of the outputs.
+    enum Output : int {
+        OutFrame,
+    };
+
     /// What the normal texture holds.
     enum NormalProcessing : int {
         NormalTransposeInvert = 0, ///< Normals of the world; they are turned into camera space.

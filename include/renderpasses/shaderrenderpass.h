@@ -55,6 +55,11 @@ class Texture;
 class KVO_RENDERPASSES_EXPORT ShaderRenderPass : public RenderPassHelper
 {
 public:
+    /// Indices of the inputs.
+    enum Input : int {
+        InViewport,
+    };
+
     /// How fragments are combined with what is in the targets.
     enum BlendMode : int {
         BlendNone, ///< Blending off.

@@ -21,21 +21,21 @@ class Texture;
 /// casters are drawn from the light, every texel keeps depth and depth squared, and a filter goes over the
 /// whole. All maps are drawn anew every frame, one layer at a time; ShadowMapRenderPass2 can do less.
 ///
-/// | # | Input                                       | Type           | Default    | Meaning                                |
-/// |---|---------------------------------------------|----------------|------------|----------------------------------------|
-/// | 0 | Kvo_KvoGPUModel*_Geometry                   | GPUModel*      | none       | the casters                            |
-/// | 1 | Kvo_QList_InstanceData                      | list           | none       | InstanceDataCollection* as QObject*, bound while casters are drawn |
-/// | 2 | Kvo_QList_KvoShadowMapManagerLight*_Lights  | list           | none       | ShadowMapLight, see ShadowMapManager::processLights |
-/// | 3 | Kvo_QMatrix4x4_ProjectionMatrix             | QMatrix4x4     | none       | viewing camera: camera to clip space   |
-/// | 4 | Kvo_QMatrix4x4_CameraMatrix                 | QMatrix4x4     | none       | viewing camera: world to camera space  |
-/// | 5 | Kvo_QVector3D_SceneBoundsMin                | QVector3D      | none       | the scene's box in world space; none: the model's |
-/// | 6 | Kvo_QVector3D_SceneBoundsMax                | QVector3D      | none       |                                        |
-/// | 7 | Kvo_int_FilterType                          | int            | 1          | FilterType                             |
-/// | 8 | Kvo_QSize_MapSize                           | QSize          | (512, 512) | texels of every layer                  |
+/// | # | Input                                      | Type       | Default    | Range              | Meaning |
+/// |---|--------------------------------------------|------------|------------|--------------------|-----|
+/// | 0 | Kvo_KvoGPUModel*_Geometry                  | GPUModel*  | none       |                    | the casters |
+/// | 1 | Kvo_QList_InstanceData                     | list       | none       |                    | InstanceDataCollection* as QObject*, bound while casters are drawn |
+/// | 2 | Kvo_QList_KvoShadowMapManagerLight*_Lights | list       | none       |                    | ShadowMapLight, see ShadowMapManager::processLights |
+/// | 3 | Kvo_QMatrix4x4_ProjectionMatrix            | QMatrix4x4 | none       |                    | viewing camera: camera to clip space |
+/// | 4 | Kvo_QMatrix4x4_CameraMatrix                | QMatrix4x4 | none       |                    | viewing camera: world to camera space |
+/// | 5 | Kvo_QVector3D_SceneBoundsMin               | QVector3D  | none       | units of the scene | lower corner of the scene's box in world space; none: the model's |
+/// | 6 | Kvo_QVector3D_SceneBoundsMax               | QVector3D  | none       | units of the scene | upper corner of the scene's box in world space; none: the model's |
+/// | 7 | Kvo_int_FilterType                         | int        | 1          |                    | 0 none, 1 gaussian, 2 edgeAwareGaussian, 3 gradient; how the moments are smoothed; others: gaussian |
+/// | 8 | Kvo_QSize_MapSize                          | QSize      | [512, 512] | 1 to 16384 texels  | width and height of every layer |
 ///
-/// | # | Output                     | Value                                                                   |
-/// |---|----------------------------|-------------------------------------------------------------------------|
-/// | 0 | Kvo_QVariant_ShadowMapData | ShadowMapManager::RenderData as QObject*; pass and texture stay the owners |
+/// | # | Output                     | Type     | Meaning |
+/// |---|----------------------------|----------|-----|
+/// | 0 | Kvo_QVariant_ShadowMapData | QObject* | ShadowMapManager::RenderData as QObject*; pass and texture stay the owners |
 ///
 /// The maps are GL_RG32F. Channel R holds z over w plus 0.0005, from 0 to 1, channel G its square; a texel
 /// without a caster, and all that lies outside of a map, reads 1e9 in both. Casters in the front half of
@@ -61,6 +61,23 @@ class Texture;
 class KVO_RENDERPASSES_EXPORT ShadowMapRenderPass : public RenderPassHelper
 {
 public:
+    /// Indices of the inputs.
+    enum Input : int {
+        InGeometry,
+        InInstanceData,
+        InLights,
+        InProjectionMatrix,
+        InCameraMatrix,
+        InSceneBoundsMin,
+        InSceneBoundsMax,
+        InFilterType,
+        InMapSize,
+    };
+    /// Indices of the outputs.
+    enum Output : int {
+        OutShadowMapData,
+    };
+
     /// How the maps are filtered. Other values act as GaussianFilter.
     enum FilterType : int {
         NoFilter = 0, ///< The moments as they were drawn.

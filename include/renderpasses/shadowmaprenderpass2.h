@@ -21,22 +21,22 @@ class Texture;
 /// layers at a time where the driver is good at that, and as depth alone: the moments and their filter
 /// follow in one draw for all layers.
 ///
-/// | # | Input                                       | Type           | Default    | Meaning                                |
-/// |---|---------------------------------------------|----------------|------------|----------------------------------------|
-/// | 0 | Kvo_KvoGPUModel*_Geometry                   | GPUModel*      | none       | the casters                            |
-/// | 1 | Kvo_QList_InstanceData                      | list           | none       | InstanceDataCollection* as QObject*, bound while casters are drawn |
-/// | 2 | Kvo_QList_KvoShadowMapManagerLight*_Lights  | list           | none       | ShadowMapLight, see ShadowMapManager::processLights |
-/// | 3 | Kvo_bool_Dirty                              | bool           | none       | lights, casters or camera have changed; none: true |
-/// | 4 | Kvo_QMatrix4x4_ProjectionMatrix             | QMatrix4x4     | none       | viewing camera: camera to clip space   |
-/// | 5 | Kvo_QMatrix4x4_CameraMatrix                 | QMatrix4x4     | none       | viewing camera: world to camera space  |
-/// | 6 | Kvo_QVector3D_SceneBoundsMin                | QVector3D      | none       | the scene's box in world space; none: the model's |
-/// | 7 | Kvo_QVector3D_SceneBoundsMax                | QVector3D      | none       |                                        |
-/// | 8 | Kvo_int_FilterType                          | int            | 3          | 0: none; all others: 3 by 3 box that leaves empty texels out and extrapolates into them |
-/// | 9 | Kvo_QSize_MapSize                           | QSize          | (512, 512) | texels of every layer                  |
+/// | # | Input                                      | Type       | Default    | Range              | Meaning |
+/// |---|--------------------------------------------|------------|------------|--------------------|-----|
+/// | 0 | Kvo_KvoGPUModel*_Geometry                  | GPUModel*  | none       |                    | the casters |
+/// | 1 | Kvo_QList_InstanceData                     | list       | none       |                    | InstanceDataCollection* as QObject*, bound while casters are drawn |
+/// | 2 | Kvo_QList_KvoShadowMapManagerLight*_Lights | list       | none       |                    | ShadowMapLight, see ShadowMapManager::processLights |
+/// | 3 | Kvo_bool_Dirty                             | bool       | none       |                    | lights, casters or camera have changed; none: true |
+/// | 4 | Kvo_QMatrix4x4_ProjectionMatrix            | QMatrix4x4 | none       |                    | viewing camera: camera to clip space |
+/// | 5 | Kvo_QMatrix4x4_CameraMatrix                | QMatrix4x4 | none       |                    | viewing camera: world to camera space |
+/// | 6 | Kvo_QVector3D_SceneBoundsMin               | QVector3D  | none       | units of the scene | lower corner of the scene's box in world space; none: the model's |
+/// | 7 | Kvo_QVector3D_SceneBoundsMax               | QVector3D  | none       | units of the scene | upper corner of the scene's box in world space; none: the model's |
+/// | 8 | Kvo_int_FilterType                         | int        | 3          |                    | 0 none, 3 gradient; how the moments are smoothed; others: gradient |
+/// | 9 | Kvo_QSize_MapSize                          | QSize      | [512, 512] | 1 to 16384 texels  | width and height of every layer |
 ///
-/// | # | Output                     | Value                                                                   |
-/// |---|----------------------------|-------------------------------------------------------------------------|
-/// | 0 | Kvo_QVariant_ShadowMapData | ShadowMapManager::RenderData as QObject*; pass and texture stay the owners |
+/// | # | Output                     | Type     | Meaning |
+/// |---|----------------------------|----------|-----|
+/// | 0 | Kvo_QVariant_ShadowMapData | QObject* | ShadowMapManager::RenderData as QObject*; pass and texture stay the owners |
 ///
 /// The maps have the format of ShadowMapRenderPass, and agree with its maps but for three things. What lies in
 /// the back part of what is in front of the range, with z over w from -1 to 0, hides the casters behind it
@@ -90,6 +90,24 @@ class Texture;
 class KVO_RENDERPASSES_EXPORT ShadowMapRenderPass2 : public RenderPassHelper
 {
 public:
+    /// Indices of the inputs.
+    enum Input : int {
+        InGeometry,
+        InInstanceData,
+        InLights,
+        InDirty,
+        InProjectionMatrix,
+        InCameraMatrix,
+        InSceneBoundsMin,
+        InSceneBoundsMax,
+        InFilterType,
+        InMapSize,
+    };
+    /// Indices of the outputs.
+    enum Output : int {
+        OutShadowMapData,
+    };
+
     /// How the maps are filtered. Other values act as GradientFilter.
     enum FilterType : int {
         NoFilter = 0,

@@ -15,20 +15,20 @@ class ShaderProgram;
 /// Fills the part of a frame that no geometry covers with an environment: a background image, a cube map
 /// or a latitude-longitude map. It draws into the frame that comes in, or into a fresh one.
 ///
-/// | # | Input                              | Type       | Default | Meaning                                     |
-/// |---|------------------------------------|------------|---------|---------------------------------------------|
-/// | 0 | Kvo_QRect_Viewport                 | QRect      | none    | size of what the pass makes itself          |
-/// | 1 | Kvo_QMatrix4x4_ProjectionMatrix    | QMatrix4x4 | none    | camera to clip space; none: identity        |
-/// | 2 | Kvo_QMatrix4x4_CameraMatrix        | QMatrix4x4 | none    | world to camera space; none: identity       |
-/// | 3 | Kvo_KvoTexture*_Cubemap            | texture    | none    | second choice: a cube map                   |
-/// | 4 | Kvo_KvoTexture*_LatLongMap         | texture    | none    | third choice: see directionToLatLong_Tarn   |
-/// | 5 | Kvo_KvoTexture*_Background         | texture    | none    | first choice: an image that fills the frame, top row first |
-/// | 6 | Kvo_KvoTexture*_Frame              | texture    | none    | colour target; none: a pool texture of format 7 |
-/// | 7 | Kvo_KvoTexture*_Depth              | texture    | none    | tells what is covered; none: nothing is     |
+/// | # | Input                           | Type       | Range  | Meaning |
+/// |---|---------------------------------|------------|--------|-----|
+/// | 0 | Kvo_QRect_Viewport              | QRect      | pixels | size of what the pass makes itself |
+/// | 1 | Kvo_QMatrix4x4_ProjectionMatrix | QMatrix4x4 |        | camera to clip space; none: identity |
+/// | 2 | Kvo_QMatrix4x4_CameraMatrix     | QMatrix4x4 |        | world to camera space; none: identity |
+/// | 3 | Kvo_KvoTexture*_Cubemap         | texture    |        | second choice: a cube map |
+/// | 4 | Kvo_KvoTexture*_LatLongMap      | texture    |        | third choice: see directionToLatLong_Tarn |
+/// | 5 | Kvo_KvoTexture*_Background      | texture    |        | first choice: an image that fills the frame, top row first |
+/// | 6 | Kvo_KvoTexture*_Frame           | texture    |        | colour target; none: a pool texture of format 7, opaque black |
+/// | 7 | Kvo_KvoTexture*_Depth           | texture    |        | tells what is covered; none: nothing is |
 ///
-/// | # | Output                   | Format                                              |
-/// |---|--------------------------|-----------------------------------------------------|
-/// | 0 | Kvo_KvoTexture*_Frame    | the frame that came in, or a pool texture           |
+/// | # | Output                | Type    | Format                                                | Meaning |
+/// |---|-----------------------|---------|-------------------------------------------------------|-----|
+/// | 0 | Kvo_KvoTexture*_Frame | texture | the frame that came in, or a pool texture of format 7 | the frame with what was painted |
 ///
 /// A depth input with a stencil covers pixels whose stencil is not 0. One without a stencil, as the model
 /// passes make it, covers pixels whose depth is less than 1.
@@ -49,6 +49,22 @@ class ShaderProgram;
 class KVO_RENDERPASSES_EXPORT SkyboxRenderPass : public RenderPassHelper
 {
 public:
+    /// Indices of the inputs.
+    enum Input : int {
+        InViewport,
+        InProjectionMatrix,
+        InCameraMatrix,
+        InCubemap,
+        InLatLongMap,
+        InBackground,
+        InFrame,
+        InDepth,
+    };
+    /// Indices of the outputs.
+    enum Output : int {
+        OutFrame,
+    };
+
     SkyboxRenderPass();
     /// Holds the same GL objects as its source; the last one that lets go of them deletes them.
     SkyboxRenderPass(const SkyboxRenderPass &other);

@@ -22,21 +22,21 @@ class Texture;
 /// previous frame, with velocities from the depth buffer. CameraJitterPass in mode 2 supplies the two
 /// sample positions.
 ///
-/// | # | Input                               | Type       | Default | Meaning                                     |
-/// |---|-------------------------------------|------------|---------|---------------------------------------------|
-/// | 0 | Kvo_QRect_Viewport                  | QRect      | none    | size of all images                          |
-/// | 1 | Kvo_KvoTexture*_Frame               | texture    | none    | display-ready image; none: the output is invalid |
-/// | 2 | Kvo_int_Mode                        | int        | 1       | 1: temporal; others: single frame           |
-/// | 3 | Kvo_bool_SupportTransparency        | bool       | false   | keep velocity beside alpha instead of in it |
-/// | 4 | Kvo_KvoTexture*_Predicate           | texture    | none    | edges of this raise the threshold less      |
-/// | 5 | Kvo_KvoTexture*_Depth               | texture    | none    | window depth; none: single frame            |
-/// | 6 | Kvo_QMatrix4x4_CameraMatrix         | QMatrix4x4 | none    | world to camera space                       |
-/// | 7 | Kvo_QMatrix4x4_ProjectionMatrix     | QMatrix4x4 | none    | camera to clip space                        |
-/// | 8 | Kvo_int_JitterIndex                 | int        | none    | of CameraJitterPass; -1: drawn without jitter; none reads as 0 |
+/// | # | Input                           | Type       | Default | Range   | Meaning |
+/// |---|---------------------------------|------------|---------|---------|-----|
+/// | 0 | Kvo_QRect_Viewport              | QRect      | none    | pixels  | size of all images |
+/// | 1 | Kvo_KvoTexture*_Frame           | texture    | none    |         | display-ready image; none: the output is invalid |
+/// | 2 | Kvo_int_Mode                    | int        | 1       |         | 0 singleFrame, 1 temporal; others: a single frame |
+/// | 3 | Kvo_bool_SupportTransparency    | bool       | false   |         | keep velocity beside alpha instead of in it |
+/// | 4 | Kvo_KvoTexture*_Predicate       | texture    | none    |         | edges of this raise the threshold less |
+/// | 5 | Kvo_KvoTexture*_Depth           | texture    | none    |         | window depth; none: single frame |
+/// | 6 | Kvo_QMatrix4x4_CameraMatrix     | QMatrix4x4 | none    |         | world to camera space |
+/// | 7 | Kvo_QMatrix4x4_ProjectionMatrix | QMatrix4x4 | none    |         | camera to clip space |
+/// | 8 | Kvo_int_JitterIndex             | int        | none    | -1 to 1 | of CameraJitterPass; -1: drawn without jitter; none reads as 0 |
 ///
-/// | # | Output                   | Format                                                    |
-/// |---|--------------------------|-----------------------------------------------------------|
-/// | 0 | Kvo_KvoTexture*_Frame    | pool format 3; alpha 1 in temporal mode without transparency |
+/// | # | Output                | Type    | Format        | Meaning |
+/// |---|-----------------------|---------|---------------|-----|
+/// | 0 | Kvo_KvoTexture*_Frame | texture | pool format 3 | the image with smooth edges; alpha 1 in temporal mode without transparency |
 ///
 /// For SMAA 1x set the mode to 0 and the jitter index to -1: with the index that an unconnected slot reads as, the
 /// weights are those of a frame that was drawn a quarter of a pixel aside.
@@ -54,6 +54,23 @@ class Texture;
 class KVO_RENDERPASSES_EXPORT SMAARenderPass : public RenderPassHelper
 {
 public:
+    /// Indices of the inputs.
+    enum Input : int {
+        InViewport,
+        InFrame,
+        InMode,
+        InSupportTransparency,
+        InPredicate,
+        InDepth,
+        InCameraMatrix,
+        InProjectionMatrix,
+        InJitterIndex,
+    };
+    /// Indices of the outputs.
+    enum Output : int {
+        OutFrame,
+    };
+
     SMAARenderPass();
     SMAARenderPass(const SMAARenderPass &other);
     SMAARenderPass &operator=(const SMAARenderPass &other);

@@ -9,16 +9,16 @@ class Texture;
 /// Blurs an image that covers its area only in part, such as a masked layer, and adds it to a frame.
 /// The alpha of the image is the mask: texels with alpha 0 are not blurred. No stencil buffer is used.
 ///
-/// | # | Input                           | Type    | Meaning                                              |
-/// |---|---------------------------------|---------|------------------------------------------------------|
-/// | 0 | Kvo_QRect_Viewport              | QRect   | size of all images                                   |
-/// | 1 | Kvo_KvoTexture*_NormalFrame     | texture | the frame; none: transparent black                   |
-/// | 2 | Kvo_float_BlurRadius            | float   | sigma in texels; 0 or less: the frame passes through |
-/// | 3 | Kvo_KvoTexture*_BlurFrame       | texture | the masked image; none: transparent black            |
+/// | # | Input                       | Type    | Range           | Meaning |
+/// |---|-----------------------------|---------|-----------------|-----|
+/// | 0 | Kvo_QRect_Viewport          | QRect   | pixels          | size of all images |
+/// | 1 | Kvo_KvoTexture*_NormalFrame | texture |                 | the frame; none: transparent black |
+/// | 2 | Kvo_float_BlurRadius        | float   | 0 to 511 texels | sigma in texels; 0 or less: the frame passes through |
+/// | 3 | Kvo_KvoTexture*_BlurFrame   | texture |                 | the masked image; none: transparent black |
 ///
-/// | # | Output                   | Format                             |
-/// |---|--------------------------|------------------------------------|
-/// | 0 | Kvo_KvoTexture*_Output   | pool format 7, or the frame itself |
+/// | # | Output                 | Type    | Format                             | Meaning |
+/// |---|------------------------|---------|------------------------------------|-----|
+/// | 0 | Kvo_KvoTexture*_Output | texture | pool format 7, or the frame itself | the frame under the blurred image |
 ///
 /// A covered texel at the edge of the mask still takes what lies outside into its sum. Alpha adds like
 /// the colours, and nothing is clamped. Inputs are given back to the pool.
@@ -33,6 +33,18 @@ class Texture;
 class KVO_RENDERPASSES_EXPORT StencilBlurAndBlendRenderPass : public BlurBaseRenderPass
 {
 public:
+    /// Indices of the inputs.
+    enum Input : int {
+        InViewport,
+        InNormalFrame,
+        InBlurRadius,
+        InBlurFrame,
+    };
+    /// Indices of the outputs.
+    enum Output : int {
+        OutOutput,
+    };
+
     StencilBlurAndBlendRenderPass();
     StencilBlurAndBlendRenderPass(const StencilBlurAndBlendRenderPass &other);
     StencilBlurAndBlendRenderPass &operator=(const StencilBlurAndBlendRenderPass &other);

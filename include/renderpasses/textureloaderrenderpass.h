@@ -14,13 +14,13 @@ class Texture;
 /// the path changes. Unlike CubemapLoaderRenderPass it flips the image, replaces what it cannot load by
 /// white, and remembers no earlier images.
 ///
-/// | # | Input                     | Type    | Default | Meaning                                    |
-/// |---|---------------------------|---------|---------|--------------------------------------------|
-/// | 0 | Kvo_QString_TexturePath   | QString | none    | an image file that Qt reads, or a resource |
+/// | # | Input                   | Type    | Meaning |
+/// |---|-------------------------|---------|-----|
+/// | 0 | Kvo_QString_TexturePath | QString | an image file that Qt reads, or a resource |
 ///
-/// | # | Output                    | Format                                                            |
-/// |---|---------------------------|-------------------------------------------------------------------|
-/// | 0 | Kvo_KvoTexture*_Texture   | GL_RGBA with mip levels, bottom row first, GL's default filters   |
+/// | # | Output                  | Type    | Format                                                          | Meaning |
+/// |---|-------------------------|---------|-----------------------------------------------------------------|-----|
+/// | 0 | Kvo_KvoTexture*_Texture | texture | GL_RGBA with mip levels, bottom row first, GL's default filters | the image |
 ///
 /// A path that is no file gives a single white texel; so does a file that cannot be read or is too large
 /// for the driver, with one message. The path counts as loaded either way: a file that changes, or turns
@@ -34,6 +34,15 @@ class Texture;
 class KVO_RENDERPASSES_EXPORT TextureLoaderRenderPass : public RenderPassHelper
 {
 public:
+    /// Indices of the inputs.
+    enum Input : int {
+        InTexturePath,
+    };
+    /// Indices of the outputs.
+    enum Output : int {
+        OutTexture,
+    };
+
     TextureLoaderRenderPass();
     /// Holds the same texture as its source.
     TextureLoaderRenderPass(const TextureLoaderRenderPass &other);

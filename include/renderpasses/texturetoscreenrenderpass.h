@@ -21,16 +21,16 @@ class Texture;
 /// the host, over one or more pairs of rectangles. Either a plain blit, or a shader that averages blocks
 /// of source texels, for a source larger than the target.
 ///
-/// | # | Input                                | Type                | Meaning                                     |
-/// |---|--------------------------------------|---------------------|---------------------------------------------|
-/// | 0 | Kvo_QRect_Viewport                   | QRect               | stands in for an empty list of rectangles   |
-/// | 1 | Kvo_KvoTexture*_Texture              | texture             | the image                                   |
-/// | 2 | Kvo_Bool_EnableSuperSampling         | bool                | when given, chooses the averaging path      |
-/// | 3 | Kvo_QRect_ViewportOut                | QRect or list       | destination rectangles                      |
-/// | 4 | Kvo_KvoTexture*_TextureOut           | texture             | target, wins over input 7                   |
-/// | 5 | Kvo_Bool_LinearFilter                | bool                | lets a blit that scales filter linearly     |
-/// | 6 | Kvo_QVariant_Rects                   | QRect or list       | source rectangles                           |
-/// | 7 | Kvo_KvoFramebuffer*_FramebufferOut   | FramebufferObject*  | target                                      |
+/// | # | Input                              | Type               | Range  | Meaning |
+/// |---|------------------------------------|--------------------|--------|-----|
+/// | 0 | Kvo_QRect_Viewport                 | QRect              | pixels | stands in for an empty list of rectangles |
+/// | 1 | Kvo_KvoTexture*_Texture            | texture            |        | the image |
+/// | 2 | Kvo_Bool_EnableSuperSampling       | bool               |        | when given, chooses the averaging path |
+/// | 3 | Kvo_QRect_ViewportOut              | QRect              | pixels | destination rectangles |
+/// | 4 | Kvo_KvoTexture*_TextureOut         | texture            |        | target, wins over input 7 |
+/// | 5 | Kvo_Bool_LinearFilter              | bool               |        | lets a blit that scales filter linearly |
+/// | 6 | Kvo_QVariant_Rects                 | QRect              | pixels | source rectangles |
+/// | 7 | Kvo_KvoFramebuffer*_FramebufferOut | FramebufferObject* |        | target |
 ///
 /// No outputs. Surplus rectangles of the longer list are left out. A blit is linear when the flag is on
 /// and the destination's width or its height differs from the source's width, so a source that is not
@@ -50,6 +50,18 @@ class Texture;
 class KVO_RENDERPASSES_EXPORT TextureToScreenRenderPass : public RenderPassHelper
 {
 public:
+    /// Indices of the inputs.
+    enum Input : int {
+        InViewport,
+        InTexture,
+        InEnableSuperSampling,
+        InViewportOut,
+        InTextureOut,
+        InLinearFilter,
+        InRects,
+        InFramebufferOut,
+    };
+
     TextureToScreenRenderPass();
     TextureToScreenRenderPass(const TextureToScreenRenderPass &other);
     TextureToScreenRenderPass &operator=(const TextureToScreenRenderPass &other);

@@ -20,18 +20,18 @@ class Texture;
 /// with the number of layers, at the price of an approximate order. VisibilityBufferRenderPass and what
 /// follows it is the exact way.
 ///
-/// | # | Input                               | Type       | Meaning                                   |
-/// |---|-------------------------------------|------------|-------------------------------------------|
-/// | 0 | Kvo_QRect_Viewport                  | QRect      | size of the targets, pixels               |
-/// | 1 | Kvo_QMatrix4x4_ProjectionMatrix     | QMatrix4x4 | camera to clip space                      |
-/// | 2 | Kvo_QMatrix4x4_CameraMatrix         | QMatrix4x4 | world to camera space                     |
-/// | 3 | Kvo_KvoGPUModel*_Geometry           | GPUModel*  | what to draw; none: the frame is cleared  |
-/// | 4 | Kvo_KvoTexture*_Texture             | Texture*   | not read                                  |
+/// | # | Input                           | Type       | Range  | Meaning |
+/// |---|---------------------------------|------------|--------|-----|
+/// | 0 | Kvo_QRect_Viewport              | QRect      | pixels | size of the targets |
+/// | 1 | Kvo_QMatrix4x4_ProjectionMatrix | QMatrix4x4 |        | camera to clip space |
+/// | 2 | Kvo_QMatrix4x4_CameraMatrix     | QMatrix4x4 |        | world to camera space |
+/// | 3 | Kvo_KvoGPUModel*_Geometry       | GPUModel*  |        | what to draw; none: the frame is cleared |
+/// | 4 | Kvo_KvoTexture*_Texture         | texture    |        | not read |
 ///
-/// | # | Output                | Format                | Content                                         |
-/// |---|-----------------------|-----------------------|-------------------------------------------------|
-/// | 0 | Kvo_KvoTexture*_Frame | GL_RGBA32F            | (1 - r) * average colour + r * opaque colour    |
-/// | 1 | Kvo_KvoTexture*_Depth | GL_DEPTH_COMPONENT32F | window depth of the opaque fragments            |
+/// | # | Output                | Type    | Format                         | Meaning |
+/// |---|-----------------------|---------|--------------------------------|-----|
+/// | 0 | Kvo_KvoTexture*_Frame | texture | GL_RGBA32F, nearest            | (1 - r) * average colour + r * opaque colour |
+/// | 1 | Kvo_KvoTexture*_Depth | texture | GL_DEPTH_COMPONENT32F, nearest | window depth of the opaque fragments |
 ///
 /// Materials with an opacity of 1 or more are opaque. The transparent ones in front of them, with colour
 /// c, opacity a and window depth z, give w = z^-5, r = product of (1 - a), average = sum of c w / sum of
@@ -47,6 +47,20 @@ class Texture;
 class KVO_RENDERPASSES_EXPORT TransparencyRenderPass : public RenderPassHelper
 {
 public:
+    /// Indices of the inputs.
+    enum Input : int {
+        InViewport,
+        InProjectionMatrix,
+        InCameraMatrix,
+        InGeometry,
+        InTexture,
+    };
+    /// Indices of the outputs.
+    enum Output : int {
+        OutFrame,
+        OutDepth,
+    };
+
     TransparencyRenderPass();
     TransparencyRenderPass(const TransparencyRenderPass &other);
     TransparencyRenderPass &operator=(const TransparencyRenderPass &other);

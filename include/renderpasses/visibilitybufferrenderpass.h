@@ -23,19 +23,19 @@ struct Extent;
 /// every fragment of every pixel, as an identity and a depth, with no colour. VisibilitySortRenderPass
 /// orders what is recorded, VisibilityDeferredRenderPass shades it.
 ///
-/// | # | Input                               | Type       | Meaning                                   |
-/// |---|-------------------------------------|------------|-------------------------------------------|
-/// | 0 | Kvo_QRect_Viewport                  | QRect      | size of the lists' image, pixels          |
-/// | 1 | Kvo_QMatrix4x4_ProjectionMatrix     | QMatrix4x4 | camera to clip space                      |
-/// | 2 | Kvo_QMatrix4x4_CameraMatrix         | QMatrix4x4 | world to camera space                     |
-/// | 3 | Kvo_KvoGPUModel*_Geometry           | GPUModel*  | what to draw; none: all lists are empty   |
+/// | # | Input                           | Type       | Range  | Meaning |
+/// |---|---------------------------------|------------|--------|-----|
+/// | 0 | Kvo_QRect_Viewport              | QRect      | pixels | size of the lists' image |
+/// | 1 | Kvo_QMatrix4x4_ProjectionMatrix | QMatrix4x4 |        | camera to clip space |
+/// | 2 | Kvo_QMatrix4x4_CameraMatrix     | QMatrix4x4 |        | world to camera space |
+/// | 3 | Kvo_KvoGPUModel*_Geometry       | GPUModel*  |        | what to draw; none: all lists are empty |
 ///
-/// | # | Output                       | Format                     | Content                            |
-/// |---|------------------------------|----------------------------|------------------------------------|
-/// | 0 | Kvo_KvoTexture*_HeadPointers | GL_R32UI                   | where the list of a pixel begins   |
-/// | 1 | Kvo_KvoTexture*_NodeBuffer   | GL_RGBA32UI or GL_RGBA32I  | the nodes                          |
-/// | 2 | Kvo_int_NodeBufferWidth      | int                        | texels in a row of the node buffer |
-/// | 3 | Kvo_KvoTexture*_Depth        | -                          | never written                      |
+/// | # | Output                       | Type    | Format                    | Meaning |
+/// |---|------------------------------|---------|---------------------------|-----|
+/// | 0 | Kvo_KvoTexture*_HeadPointers | texture | GL_R32UI                  | where the list of a pixel begins |
+/// | 1 | Kvo_KvoTexture*_NodeBuffer   | texture | GL_RGBA32UI or GL_RGBA32I | the nodes |
+/// | 2 | Kvo_int_NodeBufferWidth      | int     |                           | texels in a row of the node buffer |
+/// | 3 | Kvo_KvoTexture*_Depth        | texture | none                      | never written |
 ///
 /// A head pointer, and the pointer of a node, is 0 for none or n + 1 for node n, which is the texel
 /// (n % width, n / width) of the node buffer. A node is (next pointer, gl_PrimitiveID + 1, bits of the
@@ -57,6 +57,21 @@ struct Extent;
 class KVO_RENDERPASSES_EXPORT VisibilityBufferRenderPass : public RenderPassHelper
 {
 public:
+    /// Indices of the inputs.
+    enum Input : int {
+        InViewport,
+        InProjectionMatrix,
+        InCameraMatrix,
+        InGeometry,
+    };
+    /// Indices of the outputs.
+    enum Output : int {
+        OutHeadPointers,
+        OutNodeBuffer,
+        OutNodeBufferWidth,
+        OutDepth,
+    };
+
     /// Records the items whose flags, ANDed with \a drawFlagsMask, equal \a drawFlagsValue; all of them
     /// by default.
     explicit VisibilityBufferRenderPass(unsigned long long drawFlagsValue = 0, unsigned long long drawFlagsMask = 0);

@@ -22,19 +22,19 @@ class UniformBufferObject;
 /// the directional light of ModelDeferredPass, and blends front to back until the list ends or a
 /// fragment is opaque.
 ///
-/// | # | Input                           | Type       | Meaning                                          |
-/// |---|---------------------------------|------------|--------------------------------------------------|
-/// | 0 | Kvo_QRect_Viewport              | QRect      | size of the frame, pixels                        |
-/// | 1 | Kvo_QMatrix4x4_ProjectionMatrix | QMatrix4x4 | camera to clip space, as the lists were recorded |
-/// | 2 | Kvo_QMatrix4x4_CameraMatrix     | QMatrix4x4 | world to camera space, as the lists were recorded |
-/// | 3 | Kvo_KvoTexture*_HeadPointers    | Texture*   | head pointers; none: the frame is only cleared   |
-/// | 4 | Kvo_KvoTexture*_NodeBuffer      | Texture*   | nodes; none: the frame is only cleared           |
-/// | 5 | Kvo_int_NodeBufferWidth         | int        | texels in a row of the node buffer               |
-/// | 6 | Kvo_KvoGPUModel*_Geometry       | GPUModel*  | the recorded model; none: the frame is only cleared |
+/// | # | Input                           | Type       | Range             | Meaning |
+/// |---|---------------------------------|------------|-------------------|-----|
+/// | 0 | Kvo_QRect_Viewport              | QRect      | pixels            | size of the frame |
+/// | 1 | Kvo_QMatrix4x4_ProjectionMatrix | QMatrix4x4 |                   | camera to clip space, as the lists were recorded |
+/// | 2 | Kvo_QMatrix4x4_CameraMatrix     | QMatrix4x4 |                   | world to camera space, as the lists were recorded |
+/// | 3 | Kvo_KvoTexture*_HeadPointers    | texture    |                   | head pointers; none: the frame is only cleared |
+/// | 4 | Kvo_KvoTexture*_NodeBuffer      | texture    |                   | nodes; none: the frame is only cleared |
+/// | 5 | Kvo_int_NodeBufferWidth         | int        | 0 to 65536 texels | texels in a row of the node buffer |
+/// | 6 | Kvo_KvoGPUModel*_Geometry       | GPUModel*  |                   | the recorded model; none: the frame is only cleared |
 ///
-/// | # | Output                | Format  | Content                                                       |
-/// |---|-----------------------|---------|---------------------------------------------------------------|
-/// | 0 | Kvo_KvoTexture*_Frame | GL_RGBA | colour, and in alpha the transmittance behind the last fragment |
+/// | # | Output                | Type    | Format                   | Meaning |
+/// |---|-----------------------|---------|--------------------------|-----|
+/// | 0 | Kvo_KvoTexture*_Frame | texture | GL_RGBA, 8 bits, nearest | colour, and in alpha the transmittance behind the last fragment |
 ///
 /// Per fragment with colour c and opacity a, from (0, 0, 0, 1): the colour is mixed with c by a; alpha
 /// becomes a + (1 - a) alpha; alpha * a * c is added to the colour; alpha becomes (1 - a) alpha. Colours
@@ -57,6 +57,21 @@ class UniformBufferObject;
 class KVO_RENDERPASSES_EXPORT VisibilityDeferredRenderPass : public RenderPassHelper
 {
 public:
+    /// Indices of the inputs.
+    enum Input : int {
+        InViewport,
+        InProjectionMatrix,
+        InCameraMatrix,
+        InHeadPointers,
+        InNodeBuffer,
+        InNodeBufferWidth,
+        InGeometry,
+    };
+    /// Indices of the outputs.
+    enum Output : int {
+        OutFrame,
+    };
+
     VisibilityDeferredRenderPass();
     VisibilityDeferredRenderPass(const VisibilityDeferredRenderPass &other);
     VisibilityDeferredRenderPass &operator=(const VisibilityDeferredRenderPass &other);

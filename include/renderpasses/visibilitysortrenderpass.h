@@ -17,12 +17,18 @@ class Texture;
 /// fragment of a pixel comes to the head of its list. One full-screen draw, in which every pixel sorts
 /// its own list.
 ///
-/// | # | Input                        | Type     | Meaning                                            |
-/// |---|------------------------------|----------|----------------------------------------------------|
-/// | 0 | Kvo_QRect_Viewport           | QRect    | size of the lists' image, pixels                   |
-/// | 1 | Kvo_KvoTexture*_HeadPointers | Texture* | head pointers; none: nothing is sorted             |
-/// | 2 | Kvo_KvoTexture*_NodeBuffer   | Texture* | nodes, sorted in place; none: nothing is sorted    |
-/// | 3 | Kvo_int_NodeBufferWidth      | int      | texels in a row of the node buffer; 0: no sorting  |
+/// | # | Input                        | Type    | Range             | Meaning |
+/// |---|------------------------------|---------|-------------------|-----|
+/// | 0 | Kvo_QRect_Viewport           | QRect   | pixels            | size of the lists' image |
+/// | 1 | Kvo_KvoTexture*_HeadPointers | texture |                   | head pointers; none: nothing is sorted |
+/// | 2 | Kvo_KvoTexture*_NodeBuffer   | texture |                   | nodes, sorted in place; none: nothing is sorted |
+/// | 3 | Kvo_int_NodeBufferWidth      | int     | 0 to 65536 texels | texels in a row of the node buffer; 0: no sorting |
+///
+/// | # | Output                       | Type    | Format    | Meaning |
+/// |---|------------------------------|---------|-----------|-----|
+/// | 0 | Kvo_KvoTexture*_HeadPointers | texture | the input | head pointers, as they came |
+/// | 1 | Kvo_KvoTexture*_NodeBuffer   | texture | the input | nodes in order |
+/// | 2 | Kvo_int_NodeBufferWidth      | int     |           | texels in a row of the node buffer, as it came |
 ///
 /// The outputs 0 to 2 are the inputs 1 to 3, by the same names, handed on as they are.
 ///
@@ -40,6 +46,20 @@ class Texture;
 class KVO_RENDERPASSES_EXPORT VisibilitySortRenderPass : public RenderPassHelper
 {
 public:
+    /// Indices of the inputs.
+    enum Input : int {
+        InViewport,
+        InHeadPointers,
+        InNodeBuffer,
+        InNodeBufferWidth,
+    };
+    /// Indices of the outputs.
+    enum Output : int {
+        OutHeadPointers,
+        OutNodeBuffer,
+        OutNodeBufferWidth,
+    };
+
     VisibilitySortRenderPass();
     VisibilitySortRenderPass(const VisibilitySortRenderPass &other);
     VisibilitySortRenderPass &operator=(const VisibilitySortRenderPass &other);

@@ -16,15 +16,15 @@ class ShaderProgram;
 /// neighbours show something else. Another primitive counts 1, another tessellated triangle of the same
 /// primitive 0.33.
 ///
-/// | # | Input                       | Type    | Meaning                                                       |
-/// |---|-----------------------------|---------|---------------------------------------------------------------|
-/// | 0 | Kvo_QRect_Viewport          | QRect   | size of the target and the GL viewport                        |
-/// | 1 | Kvo_KvoTexture*_Id          | texture | red: primitive, blue: tessellated triangle, whole numbers; none: the output is null |
-/// | 2 | Kvo_QColor_WireColor        | QColor  | colour of a full edge; opaque black when not connected        |
+/// | # | Input                | Type    | Range  | Meaning |
+/// |---|----------------------|---------|--------|-----|
+/// | 0 | Kvo_QRect_Viewport   | QRect   | pixels | size of the target and the GL viewport |
+/// | 1 | Kvo_KvoTexture*_Id   | texture |        | red: primitive, blue: tessellated triangle, whole numbers; none: the output is null |
+/// | 2 | Kvo_QColor_WireColor | QColor  |        | colour of a full edge; opaque black when not connected |
 ///
-/// | # | Output                   | Format                                              |
-/// |---|--------------------------|-----------------------------------------------------|
-/// | 0 | Kvo_KvoTexture*_Frame    | pool format 3; colour and alpha scaled alike        |
+/// | # | Output                | Type    | Format        | Meaning |
+/// |---|-----------------------|---------|---------------|-----|
+/// | 0 | Kvo_KvoTexture*_Frame | texture | pool format 3 | the wires; colour and alpha scaled alike |
 ///
 /// At the border neighbours are read as the id texture's wrap says. The input is given back to the pool.
 ///
@@ -35,6 +35,17 @@ class ShaderProgram;
 class KVO_RENDERPASSES_EXPORT WireframeRenderPass : public RenderPassHelper
 {
 public:
+    /// Indices of the inputs.
+    enum Input : int {
+        InViewport,
+        InId,
+        InWireColor,
+    };
+    /// Indices of the outputs.
+    enum Output : int {
+        OutFrame,
+    };
+
     WireframeRenderPass();
     WireframeRenderPass(const WireframeRenderPass &other);
     WireframeRenderPass &operator=(const WireframeRenderPass &other);

@@ -88,6 +88,13 @@ int indexOf(const QVector<PassSlot> &slots_, const QString &name)
     return found == slots_.cend() ? -1 : int(found - slots_.cbegin());
 }
 
+// The slot of that number in a table whose first one has another number; null for one beyond.
+const SlotInfo *slotAt(std::span<const SlotInfo> table, int first, int index)
+{
+    const int position = index - first;
+    return position >= 0 && position < int(table.size()) ? &table[std::size_t(position)] : nullptr;
+}
+
 // Without namespaces and template arguments.
 QString classNameOf(const std::type_info &type)
 {
@@ -200,6 +207,27 @@ int RenderPassHelper::findOutput(const QString &name) const
     return indexOf(_outputs, name);
 }
 
+const SlotInfo *RenderPassHelper::inputInfo(int index) const
+{
+    for (const Description &d : _descriptions)
+        if (const SlotInfo *info = slotAt(d.info->inputs, d.firstInput, index))
+            return info;
+    return nullptr;
+}
+
+const SlotInfo *RenderPassHelper::outputInfo(int index) const
+{
+    for (const Description &d : _descriptions)
+        if (const SlotInfo *info = slotAt(d.info->outputs, d.firstOutput, index))
+            return info;
+    return nullptr;
+}
+
+const PassInfo *RenderPassHelper::passInfo() const
+{
+    return _descriptions.isEmpty() ? nullptr : _descriptions.last().info;
+}
+
 QVariant RenderPassHelper::inputValue(int index) const
 {
     return inRange("inputValue", index, _inputs.size()) ? _inputs.at(index).value : QVariant();
@@ -236,6 +264,14 @@ int RenderPassHelper::addOutput(const QString &name, int index)
     _outputs.append({name, QVariant()});
     _numOutputUsers.append(0);
     return position;
+}
+
+void RenderPassHelper::describe(const PassInfo &info)
+{
+    const int firstInput = numInputs() - int(info.inputs.size());
+    const int firstOutput = numOutputs() - int(info.outputs.size());
+    KVO_ASSERT(firstInput >= 0 && firstOutput >= 0, "'%s' describes more slots than there are", info.className);
+    _descriptions.append({&info, firstInput, firstOutput});
 }
 
 void RenderPassHelper::setTextureForm(TextureForm form)

@@ -102,6 +102,47 @@ Texture *orTransparent(Texture *texture)
     return texture ? texture : TextureManager::Instance().solidTexture(QColor(Qt::transparent));
 }
 
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport", .meaning = "size of the result", .kind = SlotKind::Area, .unit = "pixels"},
+    {.name = "Kvo_KvoTexture*_Frame",
+     .meaning = "the frame; required (none: transparent black)",
+     .kind = SlotKind::Texture},
+    {.name = "Kvo_KvoTexture*_Depth",
+     .meaning = "depth and stencil of the frame; has no effect on the picture",
+     .kind = SlotKind::Texture},
+    {.name = "Kvo_string_FadeImageUrl1", .meaning = "path of the first image", .kind = SlotKind::Path},
+    {.name = "Kvo_string_FadeImageUrl2", .meaning = "path of the second image", .kind = SlotKind::Path},
+    {.name = "Kvo_float_FadeRatio",
+     .meaning = "weight of the first image",
+     .kind = SlotKind::Factor,
+     .range = {0, 1, 0.05}},
+    {.name = "Kvo_float_FadeRatio2",
+     .meaning = "weight of the second image",
+     .kind = SlotKind::Factor,
+     .range = {0, 1, 0.05}},
+    {.name = "Kvo_KvoTexture*_Normal",
+     .meaning = "alpha: material id plus 1, with either sign; 0: nothing was drawn. None: nothing was drawn anywhere",
+     .kind = SlotKind::Texture},
+    {.name = "Kvo_int_FloorMaterialId",
+     .meaning = "material of the floor; -1: there is none",
+     .kind = SlotKind::Index,
+     .range = {-1, 65535, 1}},
+    {.name = "Kvo_float_FadeRatioFloor",
+     .meaning = "share of the frame on the floor",
+     .kind = SlotKind::Factor,
+     .range = {0, 1, 0.05}},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoTexture*_Frame",
+     .meaning = "the frame in front of its background",
+     .kind = SlotKind::Texture,
+     .format = "pool format 7"},
+};
+
+constexpr PassInfo kInfo = {"BackgroundImageRenderPass", "Puts a cross-fade of two image files behind a finished frame",
+                            Reach::texels(0), kInputInfo, kOutputInfo};
+
 } // namespace
 
 BackgroundImageRenderPass::BackgroundImageRenderPass()
@@ -118,6 +159,7 @@ BackgroundImageRenderPass::BackgroundImageRenderPass()
     addInput(QStringLiteral("Kvo_int_FloorMaterialId"), -1, kFloorMaterialId);
     addInput(QStringLiteral("Kvo_float_FadeRatioFloor"), QVariant(), kFadeRatioFloor);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Frame"), kFrameOut);
+    describe(kInfo);
 }
 
 BackgroundImageRenderPass::BackgroundImageRenderPass(const BackgroundImageRenderPass &other) = default;

@@ -235,6 +235,63 @@ const ProgramRecipe &blendProgram()
     return recipe;
 }
 
+constexpr SlotChoice kBlendModes[] = {
+    {BlendRenderPass::blendClear, "clear", "nothing"},
+    {BlendRenderPass::blendSrc, "src", "the source"},
+    {BlendRenderPass::blendDst, "dst", "the destination"},
+    {BlendRenderPass::blendSrcOver, "srcOver", "source over destination"},
+    {BlendRenderPass::blendDstOver, "dstOver", "destination over source"},
+    {BlendRenderPass::blendSrcIn, "srcIn", "source where the destination is"},
+    {BlendRenderPass::blendDstIn, "dstIn", "destination where the source is"},
+    {BlendRenderPass::blendSrcOut, "srcOut", "source where the destination is not"},
+    {BlendRenderPass::blendDstOut, "dstOut", "destination where the source is not"},
+    {BlendRenderPass::blendSrcAtop, "srcAtop", "source over the destination, where that is"},
+    {BlendRenderPass::blendDstAtop, "dstAtop", "destination over the source, where that is"},
+    {BlendRenderPass::blendXor, "xor", "each where the other is not"},
+    {BlendRenderPass::blendAdd, "add", "sum"},
+    {BlendRenderPass::blendMultiply, "multiply", "product"},
+    {BlendRenderPass::blendScreen, "screen", "inverse of the product of the inverses"},
+    {BlendRenderPass::blendOverlay, "overlay", "multiply or screen, by the destination"},
+    {BlendRenderPass::blendDarken, "darken", "the darker one"},
+    {BlendRenderPass::blendLighten, "lighten", "the lighter one"},
+    {BlendRenderPass::blendColorDodge, "colorDodge", "destination brightened by the source"},
+    {BlendRenderPass::blendColorBurn, "colorBurn", "destination darkened by the source"},
+    {BlendRenderPass::blendHardLight, "hardLight", "multiply or screen, by the source"},
+    {BlendRenderPass::blendSoftLight, "softLight", "a gentle hardLight"},
+    {BlendRenderPass::blendExclusion, "exclusion", "sum less twice the product"},
+    {BlendRenderPass::blendDifference, "difference", "distance of the two"},
+    {BlendRenderPass::blendInvertAndAdd, "invertAndAdd",
+     "where both are, the mean of the source and the inverse of the destination"},
+    {BlendRenderPass::blendMultiplyKeepAlpha, "multiplyKeepAlpha", "product of all four channels"},
+};
+
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport",
+     .meaning = "size of the target; its corner is the corner of the GL viewport",
+     .kind = SlotKind::Area,
+     .unit = "pixels"},
+    {.name = "Kvo_KvoTexture*_FrameA", .meaning = "source; none: transparent black", .kind = SlotKind::Texture},
+    {.name = "Kvo_KvoTexture*_FrameB", .meaning = "destination; none: transparent black", .kind = SlotKind::Texture},
+    {.name = "Int_BlendMode",
+     .meaning = "a BlendMode, kept for later frames; others give transparent black",
+     .kind = SlotKind::Choice,
+     .choices = kBlendModes},
+    {.name = "brightness",
+     .meaning = "scale on all four channels of frame B; none: 1",
+     .kind = SlotKind::Factor,
+     .range = {0, 4, 0.05}},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoTexture*_Frame",
+     .meaning = "A composed with B",
+     .kind = SlotKind::Texture,
+     .format = "pool format 7"},
+};
+
+constexpr PassInfo kInfo = {"BlendRenderPass", "Composes two images with one of 26 blend functions", Reach::texels(0),
+                            kInputInfo, kOutputInfo};
+
 } // namespace
 
 BlendRenderPass::BlendRenderPass(BlendMode mode) : _blendMode(mode)
@@ -242,6 +299,7 @@ BlendRenderPass::BlendRenderPass(BlendMode mode) : _blendMode(mode)
     for (const QString &input : {kViewport, kFrameA, kFrameB, kBlendMode, kBrightness})
         addInput(input);
     addOutput(kFrame);
+    describe(kInfo);
 }
 
 BlendRenderPass::BlendRenderPass(const BlendRenderPass &other) = default;

@@ -94,6 +94,37 @@ void main()
 }
 )");
 
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport", .meaning = "size of all images", .kind = SlotKind::Area, .unit = "pixels"},
+    {.name = "Kvo_KvoTexture*_NormalFrame", .meaning = "the frame; none: transparent black", .kind = SlotKind::Texture},
+    {.name = "Kvo_float_BlurRadius",
+     .meaning = "sigma in texels; 0 or less: the frame passes through",
+     .kind = SlotKind::Radius,
+     .unit = "texels",
+     .range = {0, 511, 0.5}},
+    {.name = "Kvo_float_GlowThreshold",
+     .meaning = "luminance below which nothing glows; 0 or less: all glows",
+     .kind = SlotKind::Threshold,
+     .unit = "luminance",
+     .range = {0, 16, 0.05}},
+    {.name = "Kvo_float_GlowAmount",
+     .meaning = "strength; 0 or less: the frame passes through",
+     .kind = SlotKind::Factor,
+     .range = {0, 4, 0.05}},
+    {.name = "Kvo_KvoTexture*_BlurFrame", .meaning = "what glows; none: transparent black", .kind = SlotKind::Texture},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoTexture*_Output",
+     .meaning = "the frame with its glow",
+     .kind = SlotKind::Texture,
+     .format = "pool format 7, or the frame itself"},
+};
+
+constexpr PassInfo kInfo = {"BlurAndCombineRenderPass",
+                            "Glow: keeps the bright pixels of an image, blurs them and adds them to a frame",
+                            Reach::of("Kvo_float_BlurRadius", 2, 2), kInputInfo, kOutputInfo};
+
 } // namespace
 
 BlurAndCombineRenderPass::BlurAndCombineRenderPass() : BlurBaseRenderPass(1.0f)
@@ -106,6 +137,7 @@ BlurAndCombineRenderPass::BlurAndCombineRenderPass() : BlurBaseRenderPass(1.0f)
     addInput(QStringLiteral("Kvo_float_GlowAmount"), QVariant(), kGlowAmount);
     addInput(QStringLiteral("Kvo_KvoTexture*_BlurFrame"), QVariant(), kBlurFrame);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Output"), kOutput);
+    describe(kInfo);
 }
 
 BlurAndCombineRenderPass::BlurAndCombineRenderPass(const BlurAndCombineRenderPass &other) = default;

@@ -62,11 +62,19 @@ void main()
 }
 )");
 
+constexpr PassInfo kInfo = {"BlurBaseRenderPass",
+                            "What the separable blur passes have in common; it draws nothing itself",
+                            Reach::texels(0),
+                            {},
+                            {}};
+
 } // namespace
 
 BlurBaseRenderPass::BlurBaseRenderPass(float stencilMask)
     : _stencilMask(stencilMask), _samplesCountName(QStringLiteral("SAMPLES_COUNT"))
-{}
+{
+    describe(kInfo);
+}
 
 BlurBaseRenderPass::BlurBaseRenderPass(const BlurBaseRenderPass &other) = default;
 BlurBaseRenderPass &BlurBaseRenderPass::operator=(const BlurBaseRenderPass &other) = default;

@@ -29,6 +29,38 @@ void assign(QVariant &variant, const QMatrix4x4 &matrix)
         variant = matrix;
 }
 
+constexpr SlotChoice kModes[] = {
+    {0, "none", "the true projection"},
+    {1, "randomAfterChange", "random for 30 frames after a change"},
+    {2, "alternating", "two positions in turn"},
+    {3, "random", "random in every frame"},
+};
+
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport",
+     .meaning = "its size turns pixels into clip space",
+     .kind = SlotKind::Area,
+     .unit = "pixels"},
+    {.name = "Kvo_QMatrix4x4_ProjectionMatrix", .meaning = "the true projection", .kind = SlotKind::Matrix},
+    {.name = "Kvo_QMatrix4x4_CameraMatrix", .meaning = "only to notice motion", .kind = SlotKind::Matrix},
+    {.name = "Kvo_bool_Dirty", .meaning = "the image has changed for another reason", .kind = SlotKind::Switch},
+    {.name = "Kvo_int_JitterMode",
+     .meaning = "where the samples of a pixel lie; others: random",
+     .kind = SlotKind::Choice,
+     .choices = kModes},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_QMatrix4x4_ProjectionMatrix", .meaning = "the jittered projection", .kind = SlotKind::Matrix},
+    {.name = "Kvo_int_JitterIndex",
+     .meaning = "0 or 1 in mode 2, else -1; SMAARenderPass reads it",
+     .kind = SlotKind::Index},
+};
+
+constexpr PassInfo kInfo = {"CameraJitterPass",
+                            "Shifts a projection by a part of a pixel from frame to frame, for temporal antialiasing",
+                            Reach::texels(0), kInputInfo, kOutputInfo};
+
 } // namespace
 
 CameraJitterPass::CameraJitterPass() : _jitterTable{QVector2D(0.25f, -0.25f), QVector2D(-0.25f, 0.25f)}
@@ -40,6 +72,7 @@ CameraJitterPass::CameraJitterPass() : _jitterTable{QVector2D(0.25f, -0.25f), QV
     addInput(QStringLiteral("Kvo_int_JitterMode"), int(kTable), kJitterMode);
     addOutput(QStringLiteral("Kvo_QMatrix4x4_ProjectionMatrix"), kProjectionOut);
     addOutput(QStringLiteral("Kvo_int_JitterIndex"), kJitterIndex);
+    describe(kInfo);
 }
 
 CameraJitterPass::CameraJitterPass(const CameraJitterPass &other) = default;

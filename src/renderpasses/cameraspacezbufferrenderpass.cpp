@@ -61,6 +61,22 @@ const ProgramRecipe &unprojectionProgram()
     return recipe;
 }
 
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport", .meaning = "size of the target", .kind = SlotKind::Area, .unit = "pixels"},
+    {.name = "Kvo_KvoTexture*_Depth", .meaning = "window depth; none: the far plane", .kind = SlotKind::Texture},
+    {.name = "Kvo_QMatrix4x4_ProjectionMatrix", .meaning = "camera to clip space", .kind = SlotKind::Matrix},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoTexture*_Frame",
+     .meaning = "the position in xyz, 1 in w",
+     .kind = SlotKind::Texture,
+     .format = "pool format 6 (GL_RGBA32F)"},
+};
+
+constexpr PassInfo kInfo = {"CameraSpaceZBufferRenderPass", "Turns depth into positions in camera space",
+                            Reach::texels(0), kInputInfo, kOutputInfo};
+
 } // namespace
 
 CameraSpaceZBufferRenderPass::CameraSpaceZBufferRenderPass()
@@ -70,6 +86,7 @@ CameraSpaceZBufferRenderPass::CameraSpaceZBufferRenderPass()
     addInput(QStringLiteral("Kvo_KvoTexture*_Depth"), QVariant(), kDepth);
     addInput(QStringLiteral("Kvo_QMatrix4x4_ProjectionMatrix"), QVariant(), kProjectionMatrix);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Frame"), kFrame);
+    describe(kInfo);
 }
 
 CameraSpaceZBufferRenderPass::CameraSpaceZBufferRenderPass(const CameraSpaceZBufferRenderPass &other) = default;

@@ -52,6 +52,25 @@ void uploadFace(GLenum face, const QImage &image)
     glTexImage2D(face, 0, GL_RGBA, image.width(), image.height(), 0, GL_BGRA, GL_UNSIGNED_BYTE, nullptr);
 }
 
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QString_CubemapPathPosX", .meaning = "image file of the face +x", .kind = SlotKind::Path},
+    {.name = "Kvo_QString_CubemapPathNegX", .meaning = "image file of the face -x", .kind = SlotKind::Path},
+    {.name = "Kvo_QString_CubemapPathPosY", .meaning = "image file of the face +y", .kind = SlotKind::Path},
+    {.name = "Kvo_QString_CubemapPathNegY", .meaning = "image file of the face -y", .kind = SlotKind::Path},
+    {.name = "Kvo_QString_CubemapPathPosZ", .meaning = "image file of the face +z", .kind = SlotKind::Path},
+    {.name = "Kvo_QString_CubemapPathNegZ", .meaning = "image file of the face -z", .kind = SlotKind::Path},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoTexture*_Cubemap",
+     .meaning = "the six faces",
+     .kind = SlotKind::Texture,
+     .format = "cube map, GL_RGBA with mip levels, linear filters, clamped to the edge"},
+};
+
+constexpr PassInfo kInfo = {"CubemapLoaderRenderPass", "Turns six image files into a cube map", Reach::texels(0),
+                            kInputInfo, kOutputInfo};
+
 } // namespace
 
 CubemapLoaderRenderPass::CubemapLoaderRenderPass()
@@ -63,6 +82,7 @@ CubemapLoaderRenderPass::CubemapLoaderRenderPass()
     addInput(QStringLiteral("Kvo_QString_CubemapPathPosZ"), QVariant(), kPathPosZ);
     addInput(QStringLiteral("Kvo_QString_CubemapPathNegZ"), QVariant(), kPathNegZ);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Cubemap"), kCubemap);
+    describe(kInfo);
 }
 
 CubemapLoaderRenderPass::CubemapLoaderRenderPass(const CubemapLoaderRenderPass &other) = default;

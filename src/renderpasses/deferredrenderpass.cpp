@@ -75,6 +75,26 @@ const ProgramRecipe &lambertProgram()
     return recipe;
 }
 
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport", .meaning = "size of the target", .kind = SlotKind::Area, .unit = "pixels"},
+    {.name = "Kvo_QMatrix4x4_ProjectionMatrix", .meaning = "P, camera to clip space", .kind = SlotKind::Matrix},
+    {.name = "Kvo_QMatrix4x4_CameraMatrix", .meaning = "C, world to camera space", .kind = SlotKind::Matrix},
+    {.name = "Kvo_KvoTexture*_Normal", .meaning = "normal in object space; none: no light", .kind = SlotKind::Texture},
+    {.name = "Kvo_KvoTexture*_TexCoord", .meaning = "bound, without effect on the picture", .kind = SlotKind::Texture},
+    {.name = "Kvo_KvoTexture*_Depth", .meaning = "window depth; none: 0 everywhere", .kind = SlotKind::Texture},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoTexture*_Frame",
+     .meaning = "the shaded image",
+     .kind = SlotKind::Texture,
+     .format = "GL_RGBA, owned by the pass"},
+};
+
+constexpr PassInfo kInfo = {"DeferredRenderPass",
+                            "Shades a G-buffer with one light in the world, as a grey Lambert image", Reach::texels(0),
+                            kInputInfo, kOutputInfo};
+
 } // namespace
 
 DeferredRenderPass::DeferredRenderPass()
@@ -87,6 +107,7 @@ DeferredRenderPass::DeferredRenderPass()
     addInput(QStringLiteral("Kvo_KvoTexture*_TexCoord"), QVariant(), kTexCoord);
     addInput(QStringLiteral("Kvo_KvoTexture*_Depth"), QVariant(), kDepth);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Frame"), kFrame);
+    describe(kInfo);
 }
 
 DeferredRenderPass::DeferredRenderPass(const DeferredRenderPass &other) = default;

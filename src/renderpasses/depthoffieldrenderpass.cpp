@@ -250,6 +250,43 @@ const ProgramRecipe &lensProgram()
     return recipe;
 }
 
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport", .meaning = "size of the target", .kind = SlotKind::Area, .unit = "pixels"},
+    {.name = "Kvo_KvoTexture*_Frame", .meaning = "the image; none: the output is invalid", .kind = SlotKind::Texture},
+    {.name = "Kvo_KvoTexture*_Depth", .meaning = "window depth in the first channel", .kind = SlotKind::Texture},
+    {.name = "Kvo_float_FocalDepth",
+     .meaning = "distance in focus; used without autofocus",
+     .kind = SlotKind::Distance,
+     .unit = "metres",
+     .range = {0.1, 100, 0.1}},
+    {.name = "Kvo_float_FocalLength",
+     .meaning = "focal length of the lens",
+     .kind = SlotKind::Distance,
+     .unit = "millimetres",
+     .range = {1, 1000, 1}},
+    {.name = "Kvo_float_FStop",
+     .meaning = "aperture",
+     .kind = SlotKind::Plain,
+     .unit = "f-number",
+     .range = {0.5, 128, 0.5}},
+    {.name = "Kvo_bool_AutoFocus", .meaning = "focus on the depth at input 7", .kind = SlotKind::Switch},
+    {.name = "Kvo_QVector2D_Focus",
+     .meaning = "autofocus point, (0, 0) at the lower left",
+     .kind = SlotKind::Position,
+     .unit = "of the image",
+     .range = {0, 1, 0.01}},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoTexture*_Frame",
+     .meaning = "the image with its depth of field",
+     .kind = SlotKind::Texture,
+     .format = "GL_RGBA32F, owned by the pass"},
+};
+
+constexpr PassInfo kInfo = {"DepthOfFieldRenderPass", "Blurs a frame by the circle of confusion of a thin lens",
+                            Reach::wholeFrame(), kInputInfo, kOutputInfo};
+
 } // namespace
 
 DepthOfFieldRenderPass::DepthOfFieldRenderPass()
@@ -264,6 +301,7 @@ DepthOfFieldRenderPass::DepthOfFieldRenderPass()
     addInput(QStringLiteral("Kvo_bool_AutoFocus"), QVariant(), kAutoFocus);
     addInput(QStringLiteral("Kvo_QVector2D_Focus"), QVariant(), kFocus);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Frame"), kFrameOut);
+    describe(kInfo);
 }
 
 DepthOfFieldRenderPass::DepthOfFieldRenderPass(const DepthOfFieldRenderPass &other) = default;

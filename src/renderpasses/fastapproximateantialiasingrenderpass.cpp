@@ -74,6 +74,37 @@ float validOr(const QVariant &value, float fallback)
     return value.isValid() ? qvariant_cast<float>(value) : fallback;
 }
 
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport", .meaning = "size of the image", .kind = SlotKind::Area, .unit = "pixels"},
+    {.name = "Kvo_KvoTexture*_Frame", .meaning = "the image; none: the output is invalid", .kind = SlotKind::Texture},
+    {.name = "Kvo_float_SubPixelQuality",
+     .meaning = "removal of sub-pixel aliasing; none: 0.75",
+     .kind = SlotKind::Factor,
+     .range = {0, 1, 0.05}},
+    {.name = "Kvo_float_RcpFrameQuality",
+     .meaning = "scale of the horizontal texel step only; none: 1",
+     .kind = SlotKind::Factor,
+     .range = {0, 4, 0.05}},
+    {.name = "Kvo_float_EdgeThresholdQuality",
+     .meaning = "least contrast of an edge, relative; none: 0.166",
+     .kind = SlotKind::Threshold,
+     .range = {0, 1, 0.01}},
+    {.name = "Kvo_float_EdgeThresholdMinQuality",
+     .meaning = "least contrast of an edge, absolute; none: 0",
+     .kind = SlotKind::Threshold,
+     .range = {0, 1, 0.01}},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoTexture*_Frame",
+     .meaning = "the image with smooth edges; alpha is the larger of the source's and the luma",
+     .kind = SlotKind::Texture,
+     .format = "pool format 3"},
+};
+
+constexpr PassInfo kInfo = {"FastApproximateAntiAliasingRenderPass", "FXAA 3.11: smooths the edges of one frame",
+                            Reach::of("Kvo_float_RcpFrameQuality", 21, 23), kInputInfo, kOutputInfo};
+
 } // namespace
 
 FastApproximateAntiAliasingRenderPass::FastApproximateAntiAliasingRenderPass()
@@ -86,6 +117,7 @@ FastApproximateAntiAliasingRenderPass::FastApproximateAntiAliasingRenderPass()
     addInput(QStringLiteral("Kvo_float_EdgeThresholdQuality"), QVariant(), kEdgeThresholdQuality);
     addInput(QStringLiteral("Kvo_float_EdgeThresholdMinQuality"), QVariant(), kEdgeThresholdMinQuality);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Frame"), kFrameOut);
+    describe(kInfo);
 }
 
 FastApproximateAntiAliasingRenderPass::FastApproximateAntiAliasingRenderPass(

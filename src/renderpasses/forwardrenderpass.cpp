@@ -59,6 +59,30 @@ const ProgramRecipe &forwardProgram()
     return recipe;
 }
 
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport", .meaning = "size of the targets", .kind = SlotKind::Area, .unit = "pixels"},
+    {.name = "Kvo_QMatrix4x4_ProjectionMatrix", .meaning = "camera to clip space", .kind = SlotKind::Matrix},
+    {.name = "Kvo_QMatrix4x4_CameraMatrix", .meaning = "world to camera space", .kind = SlotKind::Matrix},
+    {.name = "Kvo_KvoGPUModel*_Geometry",
+     .meaning = "what to draw; none: the targets are cleared",
+     .kind = SlotKind::Model},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoTexture*_Frame",
+     .meaning = "lit colour, opacity in alpha",
+     .kind = SlotKind::Texture,
+     .format = "GL_RGBA, 8 bits, nearest"},
+    {.name = "Kvo_KvoTexture*_Id",
+     .meaning = "number of the triangle plus 1, clamped by the format",
+     .kind = SlotKind::Texture,
+     .format = "GL_RGBA, 8 bits, nearest"},
+};
+
+constexpr PassInfo kInfo = {"ForwardRenderPass",
+                            "Draws a model in one step, lit by a light that is fixed to the camera", Reach::texels(0),
+                            kInputInfo, kOutputInfo};
+
 } // namespace
 
 ForwardRenderPass::ForwardRenderPass()
@@ -69,6 +93,7 @@ ForwardRenderPass::ForwardRenderPass()
     addInput(QStringLiteral("Kvo_KvoGPUModel*_Geometry"), QVariant(), kGeometry);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Frame"), kFrame);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Id"), kId);
+    describe(kInfo);
 }
 
 ForwardRenderPass::ForwardRenderPass(const ForwardRenderPass &other) = default;

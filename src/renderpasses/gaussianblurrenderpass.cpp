@@ -28,6 +28,37 @@ const StateRow &kState = stateRow("GaussianBlurRenderPass");
 enum Input { kViewport, kInput, kBlurRadius, kResolutionDivider, kStencil, kStencilMaterial };
 enum Output { kOutput };
 
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport", .meaning = "size of the image", .kind = SlotKind::Area, .unit = "pixels"},
+    {.name = "Kvo_KvoTexture*_Input", .meaning = "image to blur; none: black", .kind = SlotKind::Texture},
+    {.name = "Kvo_float_BlurRadius",
+     .meaning = "sigma in texels of the target; up to 1 the input passes through",
+     .kind = SlotKind::Radius,
+     .unit = "texels",
+     .range = {0, 511, 0.5}},
+    {.name = "Kvo_float_ResolutionDivider",
+     .meaning = "the target is the viewport divided by this, at least 0.01",
+     .kind = SlotKind::Divider,
+     .range = {0.01, 64, 0.5}},
+    {.name = "Kvo_KvoTexture*_Stencil", .meaning = "depth and stencil; restricts the blur", .kind = SlotKind::Texture},
+    {.name = "Kvo_int_StencilMaterial",
+     .meaning = "material to blur; the stencil holds it plus 1; negative: everything",
+     .kind = SlotKind::Index,
+     .range = {-1, 254, 1}},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoTexture*_Output",
+     .meaning = "the blurred image",
+     .kind = SlotKind::Texture,
+     .format = "pool format 7, or the input itself"},
+};
+
+constexpr PassInfo kInfo = {
+    "GaussianBlurRenderPass",
+    "Blurs an image, at a lower resolution or only where a stencil holds one material if wanted",
+    Reach::of("Kvo_float_BlurRadius", 2, 2, "Kvo_float_ResolutionDivider"), kInputInfo, kOutputInfo};
+
 } // namespace
 
 GaussianBlurRenderPass::GaussianBlurRenderPass(float stencilMask) : BlurBaseRenderPass(stencilMask)
@@ -40,6 +71,7 @@ GaussianBlurRenderPass::GaussianBlurRenderPass(float stencilMask) : BlurBaseRend
     addInput(QStringLiteral("Kvo_KvoTexture*_Stencil"), QVariant(), kStencil);
     addInput(QStringLiteral("Kvo_int_StencilMaterial"), -1, kStencilMaterial);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Output"), kOutput);
+    describe(kInfo);
 }
 
 GaussianBlurRenderPass::GaussianBlurRenderPass(const GaussianBlurRenderPass &other) = default;

@@ -79,6 +79,38 @@ const ProgramRecipe &gBufferProgram()
     return recipe;
 }
 
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport", .meaning = "size of the targets", .kind = SlotKind::Area, .unit = "pixels"},
+    {.name = "Kvo_QMatrix4x4_ProjectionMatrix", .meaning = "camera to clip space", .kind = SlotKind::Matrix},
+    {.name = "Kvo_QMatrix4x4_CameraMatrix", .meaning = "world to camera space", .kind = SlotKind::Matrix},
+    {.name = "Kvo_KvoDrawBuffers*_Geometry",
+     .meaning = "what to draw, or a QVariantList of such",
+     .kind = SlotKind::Geometry},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoTexture*_Normal",
+     .meaning = "normal in object space, interpolated and not of unit length",
+     .kind = SlotKind::Texture,
+     .format = "GL_RGB32F, colour attachment 0"},
+    {.name = "Kvo_KvoTexture*_TexCoord",
+     .meaning = "texture coordinates",
+     .kind = SlotKind::Texture,
+     .format = "GL_RG32F, colour attachment 1"},
+    {.name = "Kvo_KvoTexture*_Depth",
+     .meaning = "window depth",
+     .kind = SlotKind::Texture,
+     .format = "GL_DEPTH_COMPONENT32F, depth attachment"},
+    {.name = "Kvo_KvoTexture*_Id",
+     .meaning = "number of the triangle in its draw plus 1",
+     .kind = SlotKind::Texture,
+     .format = "GL_R32F, colour attachment 2"},
+};
+
+constexpr PassInfo kInfo = {"GBufferRenderPass",
+                            "Draws plain geometry into normal, texture coordinate, id and depth targets",
+                            Reach::texels(0), kInputInfo, kOutputInfo};
+
 } // namespace
 
 GBufferRenderPass::GBufferRenderPass()
@@ -91,6 +123,7 @@ GBufferRenderPass::GBufferRenderPass()
     addOutput(QStringLiteral("Kvo_KvoTexture*_TexCoord"), kTexCoord);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Depth"), kDepth);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Id"), kId);
+    describe(kInfo);
 }
 
 GBufferRenderPass::GBufferRenderPass(const GBufferRenderPass &other) = default;

@@ -75,6 +75,25 @@ void fillSolid(const QColor &color, bool canDraw)
         glClear(GL_COLOR_BUFFER_BIT);
 }
 
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport", .meaning = "size of the target", .kind = SlotKind::Area, .unit = "pixels"},
+    {.name = "Kvo_QColor_ColorTop",
+     .meaning = "colour at the top, or the solid colour; none: nothing is drawn",
+     .kind = SlotKind::Color},
+    {.name = "Kvo_QColor_ColorBottom", .meaning = "colour at the bottom; none: a solid fill", .kind = SlotKind::Color},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoTexture*_Frame",
+     .meaning = "the gradient",
+     .kind = SlotKind::Texture,
+     .format = "GL_RGBA32F, nearest, owned by the pass"},
+};
+
+constexpr PassInfo kInfo = {"GradientRenderPass",
+                            "Fills a target with a vertical gradient of two colours, or with one colour",
+                            Reach::texels(0), kInputInfo, kOutputInfo};
+
 } // namespace
 
 GradientRenderPass::GradientRenderPass()
@@ -83,6 +102,7 @@ GradientRenderPass::GradientRenderPass()
     addInput(QStringLiteral("Kvo_QColor_ColorTop"), QColor(64, 64, 64), kColorTop);
     addInput(QStringLiteral("Kvo_QColor_ColorBottom"), QColor(153, 153, 153), kColorBottom);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Frame"), kFrame);
+    describe(kInfo);
 }
 
 GradientRenderPass::GradientRenderPass(const GradientRenderPass &other) = default;

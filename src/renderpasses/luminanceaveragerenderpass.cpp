@@ -88,6 +88,28 @@ float readLuminance()
     return float(0.7152 * double(pixel[1]) + 0.2126 * double(pixel[0]) + 0.0722 * double(pixel[2]));
 }
 
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport",
+     .meaning = "size of the image; its corner should be at 0, 0",
+     .kind = SlotKind::Area,
+     .unit = "pixels"},
+    {.name = "Kvo_KvoTexture*_Texture", .meaning = "the image; none: black", .kind = SlotKind::Texture},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoTexture*_Frame",
+     .meaning = "the average",
+     .kind = SlotKind::Texture,
+     .format = "1 by 1, GL_RGBA32F, owned by the pass"},
+    {.name = "Kvo_float_averageLuminance",
+     .meaning = "0.7152 G + 0.2126 R + 0.0722 B of it, of this frame",
+     .kind = SlotKind::Plain},
+};
+
+constexpr PassInfo kInfo = {"LuminanceAverageRenderPass",
+                            "Reduces an image to its average colour and tells the host its luminance",
+                            Reach::wholeFrame(), kInputInfo, kOutputInfo};
+
 } // namespace
 
 LuminanceAverageRenderPass::LuminanceAverageRenderPass()
@@ -97,6 +119,7 @@ LuminanceAverageRenderPass::LuminanceAverageRenderPass()
     addInput(kTexture);
     addOutput(kFrame);
     addOutput(kLuminance);
+    describe(kInfo);
 }
 
 LuminanceAverageRenderPass::LuminanceAverageRenderPass(const LuminanceAverageRenderPass &other) = default;

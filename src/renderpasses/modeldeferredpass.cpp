@@ -61,6 +61,29 @@ const ProgramRecipe &shadingProgram()
     return recipe;
 }
 
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport", .meaning = "size of the target", .kind = SlotKind::Area, .unit = "pixels"},
+    {.name = "Kvo_QMatrix4x4_ProjectionMatrix", .meaning = "not used", .kind = SlotKind::Matrix},
+    {.name = "Kvo_QMatrix4x4_CameraMatrix", .meaning = "not used", .kind = SlotKind::Matrix},
+    {.name = "Kvo_KvoTexture*_Diffuse", .meaning = "diffuse colour Kd, opacity in alpha", .kind = SlotKind::Texture},
+    {.name = "Kvo_KvoTexture*_Specular",
+     .meaning = "specular colour Ks, exponent Ns in alpha",
+     .kind = SlotKind::Texture},
+    {.name = "Kvo_KvoTexture*_Normal", .meaning = "unit normal N in camera space", .kind = SlotKind::Texture},
+    {.name = "Kvo_KvoTexture*_Depth", .meaning = "not used", .kind = SlotKind::Texture},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoTexture*_Frame",
+     .meaning = "the shaded image",
+     .kind = SlotKind::Texture,
+     .format = "GL_RGBA, 8 bits, nearest, owned by the pass"},
+};
+
+constexpr PassInfo kInfo = {"ModelDeferredPass",
+                            "Shades the targets of ModelRenderPass with one light that is fixed to the camera",
+                            Reach::texels(0), kInputInfo, kOutputInfo};
+
 } // namespace
 
 ModelDeferredPass::ModelDeferredPass()
@@ -74,6 +97,7 @@ ModelDeferredPass::ModelDeferredPass()
     addInput(QStringLiteral("Kvo_KvoTexture*_Normal"), QVariant(), kNormal);
     addInput(QStringLiteral("Kvo_KvoTexture*_Depth"), QVariant(), kDepth);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Frame"), kFrame);
+    describe(kInfo);
 }
 
 ModelDeferredPass::ModelDeferredPass(const ModelDeferredPass &other) = default;
@@ -88,7 +112,7 @@ void ModelDeferredPass::start(RenderCallbacks *)
     if (!scope)
         return;
     const Extent extent = extentOf(*this, kViewport);
-    const auto textureOr = [this](Input input) {
+    const auto textureOr = [this](int input) {
         Texture *texture = objectTexture(*this, input);
         return texture ? texture : _defaultTexture.get();
     };

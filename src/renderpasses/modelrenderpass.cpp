@@ -92,6 +92,41 @@ const ProgramRecipe &modelProgram(bool discardsOnDiffuseAlpha)
     return discardsOnDiffuseAlpha ? discarding : plain;
 }
 
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport", .meaning = "size of the targets", .kind = SlotKind::Area, .unit = "pixels"},
+    {.name = "Kvo_QMatrix4x4_ProjectionMatrix", .meaning = "camera to clip space", .kind = SlotKind::Matrix},
+    {.name = "Kvo_QMatrix4x4_CameraMatrix", .meaning = "world to camera space", .kind = SlotKind::Matrix},
+    {.name = "Kvo_KvoGPUModel*_Geometry",
+     .meaning = "what to draw; none: the targets are cleared",
+     .kind = SlotKind::Model},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoTexture*_Diffuse",
+     .meaning = "Kd times map, opacity in alpha",
+     .kind = SlotKind::Texture,
+     .format = "GL_RGBA32F, colour attachment 0"},
+    {.name = "Kvo_KvoTexture*_Specular",
+     .meaning = "Ks times map, exponent in alpha",
+     .kind = SlotKind::Texture,
+     .format = "GL_RGBA32F, colour attachment 1"},
+    {.name = "Kvo_KvoTexture*_Normal",
+     .meaning = "unit normal in camera space",
+     .kind = SlotKind::Texture,
+     .format = "GL_RGB32F, colour attachment 2"},
+    {.name = "Kvo_KvoTexture*_Depth",
+     .meaning = "window depth",
+     .kind = SlotKind::Texture,
+     .format = "GL_DEPTH_COMPONENT32F, depth attachment"},
+    {.name = "Kvo_KvoTexture*_Id",
+     .meaning = "number of the triangle in its draw plus 1; 0 is background",
+     .kind = SlotKind::Texture,
+     .format = "GL_R32F, colour attachment 3"},
+};
+
+constexpr PassInfo kInfo = {"ModelRenderPass", "Draws a model into the targets that deferred shading reads",
+                            Reach::texels(0), kInputInfo, kOutputInfo};
+
 } // namespace
 
 ModelRenderPass::ModelRenderPass()
@@ -105,6 +140,7 @@ ModelRenderPass::ModelRenderPass()
     addOutput(QStringLiteral("Kvo_KvoTexture*_Normal"), kNormal);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Depth"), kDepth);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Id"), kId);
+    describe(kInfo);
 }
 
 ModelRenderPass::ModelRenderPass(const ModelRenderPass &other) = default;

@@ -88,11 +88,21 @@ const QString &geometryName()
     return name;
 }
 
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoDrawBuffers*_Geometry",
+     .meaning = "all primitives, in the order of adding; null with none added",
+     .kind = SlotKind::Geometry},
+};
+
+constexpr PassInfo kInfo = {
+    "PrimitiveBuilderRenderPass", "Builds one piece of geometry of cubes and quads", Reach::texels(0), {}, kOutputInfo};
+
 } // namespace
 
 PrimitiveBuilderRenderPass::PrimitiveBuilderRenderPass()
 {
     addOutput(geometryName());
+    describe(kInfo);
 }
 
 PrimitiveBuilderRenderPass::PrimitiveBuilderRenderPass(const PrimitiveBuilderRenderPass &other) = default;

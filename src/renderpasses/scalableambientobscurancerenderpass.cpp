@@ -232,6 +232,73 @@ unsigned int attachmentOf(Texture *depth)
     }
 }
 
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport", .meaning = "size before the divider", .kind = SlotKind::Area, .unit = "pixels"},
+    {.name = "Kvo_QMatrix4x4_ProjectionMatrix", .meaning = "camera to clip space", .kind = SlotKind::Matrix},
+    {.name = "Kvo_QMatrix4x4_CameraMatrix",
+     .meaning = "world to camera space, for world normals",
+     .kind = SlotKind::Matrix},
+    {.name = "Kvo_float_NearPlane",
+     .meaning = "distance of the near plane",
+     .kind = SlotKind::Distance,
+     .unit = "units of the scene",
+     .range = {0.0}},
+    {.name = "Kvo_float_FarPlane",
+     .meaning = "distance of the far plane",
+     .kind = SlotKind::Distance,
+     .unit = "units of the scene",
+     .range = {0.0}},
+    {.name = "Kvo_KvoTexture*_Depth",
+     .meaning = "window depth, may be multisampled; none: nothing is obscured",
+     .kind = SlotKind::Texture},
+    {.name = "Kvo_float_SAORadius",
+     .meaning = "how far away things hide",
+     .kind = SlotKind::Radius,
+     .unit = "units of the scene",
+     .range = {0, 50, 0.01}},
+    {.name = "Kvo_float_SAOBias",
+     .meaning = "distance that does not count, against obscurance of smooth surfaces",
+     .kind = SlotKind::Distance,
+     .unit = "units of the scene",
+     .range = {0, 50, 0.01}},
+    {.name = "Kvo_float_SAOIntensity", .meaning = "strength", .kind = SlotKind::Factor, .range = {0, 100, 0.1}},
+    {.name = "Kvo_KvoTexture*_CameraSpacePosition",
+     .meaning = "positions of CameraSpaceZBufferRenderPass; none: from the depth",
+     .kind = SlotKind::Texture},
+    {.name = "Kvo_KvoTexture*_Normal",
+     .meaning = "normals, see setNormalProcessing; none: from the positions",
+     .kind = SlotKind::Texture},
+    {.name = "Kvo_float_SaoNumSamples",
+     .meaning = "taps per pixel, without its fraction",
+     .kind = SlotKind::Count,
+     .unit = "taps",
+     .range = {0, kMostObscuranceTaps, 1}},
+    {.name = "Kvo_float_SaoNumLogMaxOffset",
+     .meaning = "radii of 2 to this power read finer levels of the depth, if it has any",
+     .kind = SlotKind::Plain,
+     .range = {0, 16, 1}},
+    {.name = "Kvo_float_SaoNumSpiralTurns",
+     .meaning = "turns of the spiral, without its fraction",
+     .kind = SlotKind::Count,
+     .unit = "turns",
+     .range = {0, kMostSpiralTurns, 1}},
+    {.name = "Kvo_float_ResolutionDivider",
+     .meaning = "the output is the viewport divided by this; 0 counts as 1",
+     .kind = SlotKind::Divider,
+     .range = {0, 64, 0.5}},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoTexture*_Frame",
+     .meaning = "1 where nothing is hidden",
+     .kind = SlotKind::Texture,
+     .format = "pool format 3, size of the viewport divided by the divider, rounded down"},
+};
+
+constexpr PassInfo kInfo = {"ScalableAmbientObscuranceRenderPass",
+                            "How much of the surroundings of each pixel is hidden by geometry nearby",
+                            Reach::wholeFrame(), kInputInfo, kOutputInfo};
+
 } // namespace
 
 ScalableAmbientObscuranceRenderPass::ScalableAmbientObscuranceRenderPass()
@@ -252,6 +319,7 @@ ScalableAmbientObscuranceRenderPass::ScalableAmbientObscuranceRenderPass()
     addInput(QStringLiteral("Kvo_float_SaoNumSpiralTurns"), 3.0f, kNumSpiralTurns);
     addInput(QStringLiteral("Kvo_float_ResolutionDivider"), 1.0f, kResolutionDivider);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Frame"), kFrame);
+    describe(kInfo);
 }
 
 ScalableAmbientObscuranceRenderPass::ScalableAmbientObscuranceRenderPass(

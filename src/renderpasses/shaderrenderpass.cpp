@@ -100,6 +100,19 @@ bool isPlainUniform(int type)
     }
 }
 
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport",
+     .meaning = "size of the targets; none: of the first connected image",
+     .kind = SlotKind::Area,
+     .unit = "pixels"},
+};
+
+constexpr PassInfo kInfo = {"ShaderRenderPass",
+                            "Runs a program of the host's, with slots that the host adds by name",
+                            Reach::wholeFrame(),
+                            kInputInfo,
+                            {}};
+
 } // namespace
 
 ShaderRenderPass::ShaderRenderPass()
@@ -107,6 +120,7 @@ ShaderRenderPass::ShaderRenderPass()
       _name(QStringLiteral("ShaderRenderPass"))
 {
     addInput(viewportName(), QVariant(), 0);
+    describe(kInfo);
 }
 
 ShaderRenderPass::ShaderRenderPass(const ShaderRenderPass &other) = default;

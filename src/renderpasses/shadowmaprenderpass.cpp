@@ -281,6 +281,58 @@ DrawBuffers *makeQuad()
     return quad;
 }
 
+constexpr SlotChoice kFilters[] = {
+    {ShadowMapRenderPass::NoFilter, "none", "the moments as they were drawn"},
+    {ShadowMapRenderPass::GaussianFilter, "gaussian",
+     "7 by 7 Gaussian; texels without casters are blended in as they are"},
+    {ShadowMapRenderPass::EdgeAwareGaussianFilter, "edgeAwareGaussian",
+     "the same without such texels, which are extrapolated from neighbours"},
+    {ShadowMapRenderPass::GradientFilter, "gradient",
+     "3 by 3 box without such texels, which are extrapolated from neighbours"},
+};
+
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_KvoGPUModel*_Geometry", .meaning = "the casters", .kind = SlotKind::Model},
+    {.name = "Kvo_QList_InstanceData",
+     .meaning = "InstanceDataCollection* as QObject*, bound while casters are drawn",
+     .kind = SlotKind::List},
+    {.name = "Kvo_QList_KvoShadowMapManagerLight*_Lights",
+     .meaning = "ShadowMapLight, see ShadowMapManager::processLights",
+     .kind = SlotKind::List},
+    {.name = "Kvo_QMatrix4x4_ProjectionMatrix",
+     .meaning = "viewing camera: camera to clip space",
+     .kind = SlotKind::Matrix},
+    {.name = "Kvo_QMatrix4x4_CameraMatrix",
+     .meaning = "viewing camera: world to camera space",
+     .kind = SlotKind::Matrix},
+    {.name = "Kvo_QVector3D_SceneBoundsMin",
+     .meaning = "lower corner of the scene's box in world space; none: the model's",
+     .kind = SlotKind::Position,
+     .unit = "units of the scene"},
+    {.name = "Kvo_QVector3D_SceneBoundsMax",
+     .meaning = "upper corner of the scene's box in world space; none: the model's",
+     .kind = SlotKind::Position,
+     .unit = "units of the scene"},
+    {.name = "Kvo_int_FilterType",
+     .meaning = "how the moments are smoothed; others: gaussian",
+     .kind = SlotKind::Choice,
+     .choices = kFilters},
+    {.name = "Kvo_QSize_MapSize",
+     .meaning = "width and height of every layer",
+     .kind = SlotKind::Size,
+     .unit = "texels",
+     .range = {1, 16384}},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_QVariant_ShadowMapData",
+     .meaning = "ShadowMapManager::RenderData as QObject*; pass and texture stay the owners",
+     .kind = SlotKind::Record},
+};
+
+constexpr PassInfo kInfo = {"ShadowMapRenderPass", "Draws shadow maps of all lights, in every frame", Reach::texels(0),
+                            kInputInfo, kOutputInfo};
+
 } // namespace
 
 ShadowMapRenderPass::ShadowMapRenderPass() : _macroProcessor(new GLSLMacroProcessor)
@@ -297,6 +349,7 @@ ShadowMapRenderPass::ShadowMapRenderPass() : _macroProcessor(new GLSLMacroProces
     addOutput(QStringLiteral("Kvo_QVariant_ShadowMapData"), 0);
     _macroProcessor->addIncludePath(QStringLiteral(":/Media/Shaders"));
     DrawBuffers::setup(_macroProcessor);
+    describe(kInfo);
 }
 
 ShadowMapRenderPass::ShadowMapRenderPass(const ShadowMapRenderPass &other)

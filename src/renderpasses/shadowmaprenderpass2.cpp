@@ -289,6 +289,58 @@ void drop(Held<FramebufferObject> &framebuffer)
     framebuffer = nullptr;
 }
 
+constexpr SlotChoice kFilters[] = {
+    {ShadowMapRenderPass2::NoFilter, "none", "the moments as they were drawn"},
+    {ShadowMapRenderPass2::GradientFilter, "gradient",
+     "3 by 3 box that leaves empty texels out and extrapolates into them"},
+};
+
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_KvoGPUModel*_Geometry", .meaning = "the casters", .kind = SlotKind::Model},
+    {.name = "Kvo_QList_InstanceData",
+     .meaning = "InstanceDataCollection* as QObject*, bound while casters are drawn",
+     .kind = SlotKind::List},
+    {.name = "Kvo_QList_KvoShadowMapManagerLight*_Lights",
+     .meaning = "ShadowMapLight, see ShadowMapManager::processLights",
+     .kind = SlotKind::List},
+    {.name = "Kvo_bool_Dirty",
+     .meaning = "lights, casters or camera have changed; none: true",
+     .kind = SlotKind::Switch},
+    {.name = "Kvo_QMatrix4x4_ProjectionMatrix",
+     .meaning = "viewing camera: camera to clip space",
+     .kind = SlotKind::Matrix},
+    {.name = "Kvo_QMatrix4x4_CameraMatrix",
+     .meaning = "viewing camera: world to camera space",
+     .kind = SlotKind::Matrix},
+    {.name = "Kvo_QVector3D_SceneBoundsMin",
+     .meaning = "lower corner of the scene's box in world space; none: the model's",
+     .kind = SlotKind::Position,
+     .unit = "units of the scene"},
+    {.name = "Kvo_QVector3D_SceneBoundsMax",
+     .meaning = "upper corner of the scene's box in world space; none: the model's",
+     .kind = SlotKind::Position,
+     .unit = "units of the scene"},
+    {.name = "Kvo_int_FilterType",
+     .meaning = "how the moments are smoothed; others: gradient",
+     .kind = SlotKind::Choice,
+     .choices = kFilters},
+    {.name = "Kvo_QSize_MapSize",
+     .meaning = "width and height of every layer",
+     .kind = SlotKind::Size,
+     .unit = "texels",
+     .range = {1, 16384}},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_QVariant_ShadowMapData",
+     .meaning = "ShadowMapManager::RenderData as QObject*; pass and texture stay the owners",
+     .kind = SlotKind::Record},
+};
+
+constexpr PassInfo kInfo = {"ShadowMapRenderPass2",
+                            "Draws shadow maps of all lights in frames that call for it, several layers at a time",
+                            Reach::texels(0), kInputInfo, kOutputInfo};
+
 } // namespace
 
 ShadowMapRenderPass2::ShadowMapRenderPass2() : _macroProcessor(new GLSLMacroProcessor)
@@ -304,6 +356,7 @@ ShadowMapRenderPass2::ShadowMapRenderPass2() : _macroProcessor(new GLSLMacroProc
     addInput(QStringLiteral("Kvo_int_FilterType"), int(GradientFilter), kFilterType);
     addInput(QStringLiteral("Kvo_QSize_MapSize"), QSize(512, 512), kMapSize);
     addOutput(QStringLiteral("Kvo_QVariant_ShadowMapData"), 0);
+    describe(kInfo);
     _macroProcessor->addIncludePath(QStringLiteral(":/Media/Shaders"));
     DrawBuffers::setup(_macroProcessor);
 

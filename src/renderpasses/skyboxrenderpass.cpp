@@ -156,6 +156,41 @@ private:
     AutoEnabler _test;
 };
 
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport",
+     .meaning = "size of what the pass makes itself",
+     .kind = SlotKind::Area,
+     .unit = "pixels"},
+    {.name = "Kvo_QMatrix4x4_ProjectionMatrix",
+     .meaning = "camera to clip space; none: identity",
+     .kind = SlotKind::Matrix},
+    {.name = "Kvo_QMatrix4x4_CameraMatrix",
+     .meaning = "world to camera space; none: identity",
+     .kind = SlotKind::Matrix},
+    {.name = "Kvo_KvoTexture*_Cubemap", .meaning = "second choice: a cube map", .kind = SlotKind::Texture},
+    {.name = "Kvo_KvoTexture*_LatLongMap",
+     .meaning = "third choice: see directionToLatLong_Tarn",
+     .kind = SlotKind::Texture},
+    {.name = "Kvo_KvoTexture*_Background",
+     .meaning = "first choice: an image that fills the frame, top row first",
+     .kind = SlotKind::Texture},
+    {.name = "Kvo_KvoTexture*_Frame",
+     .meaning = "colour target; none: a pool texture of format 7, opaque black",
+     .kind = SlotKind::Texture},
+    {.name = "Kvo_KvoTexture*_Depth", .meaning = "tells what is covered; none: nothing is", .kind = SlotKind::Texture},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoTexture*_Frame",
+     .meaning = "the frame with what was painted",
+     .kind = SlotKind::Texture,
+     .format = "the frame that came in, or a pool texture of format 7"},
+};
+
+constexpr PassInfo kInfo = {"SkyboxRenderPass",
+                            "Fills what a frame does not cover with an image, a cube map or a panorama",
+                            Reach::wholeFrame(), kInputInfo, kOutputInfo};
+
 } // namespace
 
 SkyboxRenderPass::SkyboxRenderPass()
@@ -170,6 +205,7 @@ SkyboxRenderPass::SkyboxRenderPass()
     addInput(QStringLiteral("Kvo_KvoTexture*_Frame"), QVariant(), kFrame);
     addInput(QStringLiteral("Kvo_KvoTexture*_Depth"), QVariant(), kDepth);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Frame"), kFrameOut);
+    describe(kInfo);
 }
 
 SkyboxRenderPass::SkyboxRenderPass(const SkyboxRenderPass &other) = default;

@@ -285,6 +285,43 @@ QVector4D subsampleIndices(int jitterIndex)
     }
 }
 
+constexpr SlotChoice kModes[] = {
+    {0, "singleFrame", "SMAA 1x"},
+    {1, "temporal", "SMAA T2x"},
+};
+
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport", .meaning = "size of all images", .kind = SlotKind::Area, .unit = "pixels"},
+    {.name = "Kvo_KvoTexture*_Frame",
+     .meaning = "display-ready image; none: the output is invalid",
+     .kind = SlotKind::Texture},
+    {.name = "Kvo_int_Mode", .meaning = "others: a single frame", .kind = SlotKind::Choice, .choices = kModes},
+    {.name = "Kvo_bool_SupportTransparency",
+     .meaning = "keep velocity beside alpha instead of in it",
+     .kind = SlotKind::Switch},
+    {.name = "Kvo_KvoTexture*_Predicate",
+     .meaning = "edges of this raise the threshold less",
+     .kind = SlotKind::Texture},
+    {.name = "Kvo_KvoTexture*_Depth", .meaning = "window depth; none: single frame", .kind = SlotKind::Texture},
+    {.name = "Kvo_QMatrix4x4_CameraMatrix", .meaning = "world to camera space", .kind = SlotKind::Matrix},
+    {.name = "Kvo_QMatrix4x4_ProjectionMatrix", .meaning = "camera to clip space", .kind = SlotKind::Matrix},
+    {.name = "Kvo_int_JitterIndex",
+     .meaning = "of CameraJitterPass; -1: drawn without jitter; none reads as 0",
+     .kind = SlotKind::Index,
+     .range = {-1, 1, 1}},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoTexture*_Frame",
+     .meaning = "the image with smooth edges; alpha 1 in temporal mode without transparency",
+     .kind = SlotKind::Texture,
+     .format = "pool format 3"},
+};
+
+constexpr PassInfo kInfo = {"SMAARenderPass",
+                            "SMAA: smooths the edges of a frame, in temporal mode with the help of the frame before",
+                            Reach::wholeFrame(), kInputInfo, kOutputInfo};
+
 } // namespace
 
 SMAARenderPass::SMAARenderPass() : _smaaMetrics(metricsOf(_width, _height))
@@ -300,6 +337,7 @@ SMAARenderPass::SMAARenderPass() : _smaaMetrics(metricsOf(_width, _height))
     addInput(QStringLiteral("Kvo_QMatrix4x4_ProjectionMatrix"), QVariant(), kProjectionMatrix);
     addInput(QStringLiteral("Kvo_int_JitterIndex"), QVariant(), kJitterIndex);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Frame"), kFrameOut);
+    describe(kInfo);
 }
 
 SMAARenderPass::SMAARenderPass(const SMAARenderPass &other) = default;

@@ -64,6 +64,30 @@ void main()
 }
 )");
 
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport", .meaning = "size of all images", .kind = SlotKind::Area, .unit = "pixels"},
+    {.name = "Kvo_KvoTexture*_NormalFrame", .meaning = "the frame; none: transparent black", .kind = SlotKind::Texture},
+    {.name = "Kvo_float_BlurRadius",
+     .meaning = "sigma in texels; 0 or less: the frame passes through",
+     .kind = SlotKind::Radius,
+     .unit = "texels",
+     .range = {0, 511, 0.5}},
+    {.name = "Kvo_KvoTexture*_BlurFrame",
+     .meaning = "the masked image; none: transparent black",
+     .kind = SlotKind::Texture},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoTexture*_Output",
+     .meaning = "the frame under the blurred image",
+     .kind = SlotKind::Texture,
+     .format = "pool format 7, or the frame itself"},
+};
+
+constexpr PassInfo kInfo = {"StencilBlurAndBlendRenderPass",
+                            "Blurs a masked image without its surroundings bleeding in, and lays it over a frame",
+                            Reach::of("Kvo_float_BlurRadius", 2, 2), kInputInfo, kOutputInfo};
+
 } // namespace
 
 StencilBlurAndBlendRenderPass::StencilBlurAndBlendRenderPass() : BlurBaseRenderPass(1.0f)
@@ -74,6 +98,7 @@ StencilBlurAndBlendRenderPass::StencilBlurAndBlendRenderPass() : BlurBaseRenderP
     addInput(QStringLiteral("Kvo_float_BlurRadius"), QVariant(), kBlurRadius);
     addInput(QStringLiteral("Kvo_KvoTexture*_BlurFrame"), QVariant(), kBlurFrame);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Output"), kOutput);
+    describe(kInfo);
 }
 
 StencilBlurAndBlendRenderPass::StencilBlurAndBlendRenderPass(const StencilBlurAndBlendRenderPass &other) = default;

@@ -49,6 +49,31 @@ const ProgramRecipe &copyProgram()
     return recipe;
 }
 
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport", .meaning = "size of the image", .kind = SlotKind::Area, .unit = "pixels"},
+    {.name = "Kvo_KvoTexture*_Frame", .meaning = "this frame; none: the mean is cleared", .kind = SlotKind::Texture},
+    {.name = "Kvo_QMatrix4x4_ProjectionMatrix",
+     .meaning = "to notice changes: the one without jitter",
+     .kind = SlotKind::Matrix},
+    {.name = "Kvo_QMatrix4x4_CameraMatrix", .meaning = "to notice changes", .kind = SlotKind::Matrix},
+    {.name = "Kvo_bool_Dirty", .meaning = "pass this frame through", .kind = SlotKind::Switch},
+    {.name = "Kvo_Float_ViewportScale",
+     .meaning = "the mean's size is the viewport's divided by this; 0 or less: 1",
+     .kind = SlotKind::Divider,
+     .range = {0.01, 64, 0.5}},
+    {.name = "Kvo_Bool_ViewportScale_Enable", .meaning = "false: a scale of 1", .kind = SlotKind::Switch},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoTexture*_Frame",
+     .meaning = "the mean of the frames",
+     .kind = SlotKind::Texture,
+     .format = "pool format 3, kept by the pass and overwritten next frame; or the frame itself"},
+};
+
+constexpr PassInfo kInfo = {"TemporalAARenderPass", "Averages the frames of a still picture", Reach::texels(1),
+                            kInputInfo, kOutputInfo};
+
 } // namespace
 
 TemporalAARenderPass::TemporalAARenderPass()
@@ -62,6 +87,7 @@ TemporalAARenderPass::TemporalAARenderPass()
     addInput(QStringLiteral("Kvo_Float_ViewportScale"), 1.0f, kViewportScale);
     addInput(QStringLiteral("Kvo_Bool_ViewportScale_Enable"), true, kViewportScaleEnable);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Frame"), kFrameOut);
+    describe(kInfo);
 }
 
 TemporalAARenderPass::TemporalAARenderPass(const TemporalAARenderPass &other) = default;

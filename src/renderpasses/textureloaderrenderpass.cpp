@@ -17,12 +17,29 @@ namespace {
 enum Input { kTexturePath };
 enum Output { kTexture };
 
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QString_TexturePath",
+     .meaning = "an image file that Qt reads, or a resource",
+     .kind = SlotKind::Path},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoTexture*_Texture",
+     .meaning = "the image",
+     .kind = SlotKind::Texture,
+     .format = "GL_RGBA with mip levels, bottom row first, GL's default filters"},
+};
+
+constexpr PassInfo kInfo = {"TextureLoaderRenderPass", "Turns an image file into a texture", Reach::texels(0),
+                            kInputInfo, kOutputInfo};
+
 } // namespace
 
 TextureLoaderRenderPass::TextureLoaderRenderPass()
 {
     addInput(QStringLiteral("Kvo_QString_TexturePath"), QVariant(), kTexturePath);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Texture"), kTexture);
+    describe(kInfo);
 }
 
 TextureLoaderRenderPass::TextureLoaderRenderPass(const TextureLoaderRenderPass &other) = default;

@@ -172,6 +172,28 @@ bool canBlit(const BlitSide &from, const BlitSide &to, bool hasSameSize)
            && (!bothSampled || from.samples == to.samples);
 }
 
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport",
+     .meaning = "stands in for an empty list of rectangles",
+     .kind = SlotKind::Area,
+     .unit = "pixels"},
+    {.name = "Kvo_KvoTexture*_Texture", .meaning = "the image", .kind = SlotKind::Texture},
+    {.name = "Kvo_Bool_EnableSuperSampling",
+     .meaning = "when given, chooses the averaging path",
+     .kind = SlotKind::Switch},
+    {.name = "Kvo_QRect_ViewportOut", .meaning = "destination rectangles", .kind = SlotKind::Area, .unit = "pixels"},
+    {.name = "Kvo_KvoTexture*_TextureOut", .meaning = "target, wins over input 7", .kind = SlotKind::Texture},
+    {.name = "Kvo_Bool_LinearFilter", .meaning = "lets a blit that scales filter linearly", .kind = SlotKind::Switch},
+    {.name = "Kvo_QVariant_Rects", .meaning = "source rectangles", .kind = SlotKind::Area, .unit = "pixels"},
+    {.name = "Kvo_KvoFramebuffer*_FramebufferOut", .meaning = "target", .kind = SlotKind::Framebuffer},
+};
+
+constexpr PassInfo kInfo = {"TextureToScreenRenderPass",
+                            "Copies a texture to a framebuffer: the last step of a frame",
+                            Reach::wholeFrame(),
+                            kInputInfo,
+                            {}};
+
 } // namespace
 
 TextureToScreenRenderPass::TextureToScreenRenderPass()
@@ -185,6 +207,7 @@ TextureToScreenRenderPass::TextureToScreenRenderPass()
     addInput(QStringLiteral("Kvo_Bool_LinearFilter"), QVariant(), kLinearFilter);
     addInput(QStringLiteral("Kvo_QVariant_Rects"), QVariant(), kRects);
     addInput(QStringLiteral("Kvo_KvoFramebuffer*_FramebufferOut"), QVariant(), kFramebufferOut);
+    describe(kInfo);
 }
 
 TextureToScreenRenderPass::TextureToScreenRenderPass(const TextureToScreenRenderPass &other) = default;

@@ -142,6 +142,30 @@ void setMatrices(ShaderProgram *program, const QMatrix4x4 &projection, const QMa
         program->setUniform(QStringLiteral("u_CameraMatrix"), camera);
 }
 
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport", .meaning = "size of the targets", .kind = SlotKind::Area, .unit = "pixels"},
+    {.name = "Kvo_QMatrix4x4_ProjectionMatrix", .meaning = "camera to clip space", .kind = SlotKind::Matrix},
+    {.name = "Kvo_QMatrix4x4_CameraMatrix", .meaning = "world to camera space", .kind = SlotKind::Matrix},
+    {.name = "Kvo_KvoGPUModel*_Geometry",
+     .meaning = "what to draw; none: the frame is cleared",
+     .kind = SlotKind::Model},
+    {.name = "Kvo_KvoTexture*_Texture", .meaning = "not read", .kind = SlotKind::Texture},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoTexture*_Frame",
+     .meaning = "(1 - r) * average colour + r * opaque colour",
+     .kind = SlotKind::Texture,
+     .format = "GL_RGBA32F, nearest"},
+    {.name = "Kvo_KvoTexture*_Depth",
+     .meaning = "window depth of the opaque fragments",
+     .kind = SlotKind::Texture,
+     .format = "GL_DEPTH_COMPONENT32F, nearest"},
+};
+
+constexpr PassInfo kInfo = {"TransparencyRenderPass", "Weighted blended order-independent transparency of a model",
+                            Reach::texels(0), kInputInfo, kOutputInfo};
+
 } // namespace
 
 TransparencyRenderPass::TransparencyRenderPass()
@@ -153,6 +177,7 @@ TransparencyRenderPass::TransparencyRenderPass()
     addInput(QStringLiteral("Kvo_KvoTexture*_Texture"), QVariant(), kTexture);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Frame"), kFrame);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Depth"), kDepth);
+    describe(kInfo);
 }
 
 TransparencyRenderPass::TransparencyRenderPass(const TransparencyRenderPass &other) = default;

@@ -186,6 +186,32 @@ void clearToZero(const QPair<int, unsigned int> &target)
         glClearBufferuiv(GL_COLOR, target.first, kUnsigned);
 }
 
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport", .meaning = "size of the lists' image", .kind = SlotKind::Area, .unit = "pixels"},
+    {.name = "Kvo_QMatrix4x4_ProjectionMatrix", .meaning = "camera to clip space", .kind = SlotKind::Matrix},
+    {.name = "Kvo_QMatrix4x4_CameraMatrix", .meaning = "world to camera space", .kind = SlotKind::Matrix},
+    {.name = "Kvo_KvoGPUModel*_Geometry",
+     .meaning = "what to draw; none: all lists are empty",
+     .kind = SlotKind::Model},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoTexture*_HeadPointers",
+     .meaning = "where the list of a pixel begins",
+     .kind = SlotKind::Texture,
+     .format = "GL_R32UI"},
+    {.name = "Kvo_KvoTexture*_NodeBuffer",
+     .meaning = "the nodes",
+     .kind = SlotKind::Texture,
+     .format = "GL_RGBA32UI or GL_RGBA32I"},
+    {.name = "Kvo_int_NodeBufferWidth", .meaning = "texels in a row of the node buffer", .kind = SlotKind::Count},
+    {.name = "Kvo_KvoTexture*_Depth", .meaning = "never written", .kind = SlotKind::Texture, .format = "none"},
+};
+
+constexpr PassInfo kInfo = {"VisibilityBufferRenderPass",
+                            "Records every fragment of a model: the first step of exact transparency", Reach::texels(0),
+                            kInputInfo, kOutputInfo};
+
 } // namespace
 
 VisibilityBufferRenderPass::VisibilityBufferRenderPass(unsigned long long drawFlagsValue,
@@ -200,6 +226,7 @@ VisibilityBufferRenderPass::VisibilityBufferRenderPass(unsigned long long drawFl
     addOutput(QStringLiteral("Kvo_KvoTexture*_NodeBuffer"), kNodeBuffer);
     addOutput(QStringLiteral("Kvo_int_NodeBufferWidth"), kNodeBufferWidth);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Depth"), kDepth);
+    describe(kInfo);
 }
 
 VisibilityBufferRenderPass::VisibilityBufferRenderPass(const VisibilityBufferRenderPass &other) = default;

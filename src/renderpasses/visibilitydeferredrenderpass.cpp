@@ -160,6 +160,41 @@ Texture *bufferView(const QSharedPointer<BufferObject> &buffer, unsigned int for
     return view;
 }
 
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport", .meaning = "size of the frame", .kind = SlotKind::Area, .unit = "pixels"},
+    {.name = "Kvo_QMatrix4x4_ProjectionMatrix",
+     .meaning = "camera to clip space, as the lists were recorded",
+     .kind = SlotKind::Matrix},
+    {.name = "Kvo_QMatrix4x4_CameraMatrix",
+     .meaning = "world to camera space, as the lists were recorded",
+     .kind = SlotKind::Matrix},
+    {.name = "Kvo_KvoTexture*_HeadPointers",
+     .meaning = "head pointers; none: the frame is only cleared",
+     .kind = SlotKind::Texture},
+    {.name = "Kvo_KvoTexture*_NodeBuffer",
+     .meaning = "nodes; none: the frame is only cleared",
+     .kind = SlotKind::Texture},
+    {.name = "Kvo_int_NodeBufferWidth",
+     .meaning = "texels in a row of the node buffer",
+     .kind = SlotKind::Count,
+     .unit = "texels",
+     .range = {0, kWidestNodeBuffer, 1}},
+    {.name = "Kvo_KvoGPUModel*_Geometry",
+     .meaning = "the recorded model; none: the frame is only cleared",
+     .kind = SlotKind::Model},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoTexture*_Frame",
+     .meaning = "colour, and in alpha the transmittance behind the last fragment",
+     .kind = SlotKind::Texture,
+     .format = "GL_RGBA, 8 bits, nearest"},
+};
+
+constexpr PassInfo kInfo = {"VisibilityDeferredRenderPass",
+                            "Shades sorted fragment lists: the last step of exact transparency", Reach::texels(0),
+                            kInputInfo, kOutputInfo};
+
 } // namespace
 
 VisibilityDeferredRenderPass::VisibilityDeferredRenderPass()
@@ -173,6 +208,7 @@ VisibilityDeferredRenderPass::VisibilityDeferredRenderPass()
     addInput(QStringLiteral("Kvo_int_NodeBufferWidth"), QVariant(), kNodeBufferWidth);
     addInput(QStringLiteral("Kvo_KvoGPUModel*_Geometry"), QVariant(), kGeometry);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Frame"), kFrame);
+    describe(kInfo);
 }
 
 VisibilityDeferredRenderPass::VisibilityDeferredRenderPass(const VisibilityDeferredRenderPass &other) = default;
@@ -187,7 +223,7 @@ void VisibilityDeferredRenderPass::start(RenderCallbacks *)
     if (!scope)
         return;
     const Extent extent = extentOf(*this, kViewport);
-    const auto textureOr = [this](Input input) {
+    const auto textureOr = [this](int input) {
         Texture *texture = objectTexture(*this, input);
         return texture ? texture : _fallbackTexture.get();
     };

@@ -245,6 +245,39 @@ const ProgramRecipe &sortProgram()
     return recipe;
 }
 
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport", .meaning = "size of the lists' image", .kind = SlotKind::Area, .unit = "pixels"},
+    {.name = "Kvo_KvoTexture*_HeadPointers",
+     .meaning = "head pointers; none: nothing is sorted",
+     .kind = SlotKind::Texture},
+    {.name = "Kvo_KvoTexture*_NodeBuffer",
+     .meaning = "nodes, sorted in place; none: nothing is sorted",
+     .kind = SlotKind::Texture},
+    {.name = "Kvo_int_NodeBufferWidth",
+     .meaning = "texels in a row of the node buffer; 0: no sorting",
+     .kind = SlotKind::Count,
+     .unit = "texels",
+     .range = {0, kWidestNodeBuffer, 1}},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoTexture*_HeadPointers",
+     .meaning = "head pointers, as they came",
+     .kind = SlotKind::Texture,
+     .format = "the input"},
+    {.name = "Kvo_KvoTexture*_NodeBuffer",
+     .meaning = "nodes in order",
+     .kind = SlotKind::Texture,
+     .format = "the input"},
+    {.name = "Kvo_int_NodeBufferWidth",
+     .meaning = "texels in a row of the node buffer, as it came",
+     .kind = SlotKind::Count},
+};
+
+constexpr PassInfo kInfo = {"VisibilitySortRenderPass",
+                            "Orders fragment lists by depth: the second step of exact transparency", Reach::texels(0),
+                            kInputInfo, kOutputInfo};
+
 } // namespace
 
 VisibilitySortRenderPass::VisibilitySortRenderPass()
@@ -257,6 +290,7 @@ VisibilitySortRenderPass::VisibilitySortRenderPass()
     addOutput(QStringLiteral("Kvo_KvoTexture*_HeadPointers"), kSortedHeadPointers);
     addOutput(QStringLiteral("Kvo_KvoTexture*_NodeBuffer"), kSortedNodeBuffer);
     addOutput(QStringLiteral("Kvo_int_NodeBufferWidth"), kSortedNodeBufferWidth);
+    describe(kInfo);
 }
 
 VisibilitySortRenderPass::VisibilitySortRenderPass(const VisibilitySortRenderPass &other) = default;

@@ -86,6 +86,29 @@ const ProgramRecipe &edgeProgram()
     return recipe;
 }
 
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport",
+     .meaning = "size of the target and the GL viewport",
+     .kind = SlotKind::Area,
+     .unit = "pixels"},
+    {.name = "Kvo_KvoTexture*_Id",
+     .meaning = "red: primitive, blue: tessellated triangle, whole numbers; none: the output is null",
+     .kind = SlotKind::Texture},
+    {.name = "Kvo_QColor_WireColor",
+     .meaning = "colour of a full edge; opaque black when not connected",
+     .kind = SlotKind::Color},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoTexture*_Frame",
+     .meaning = "the wires; colour and alpha scaled alike",
+     .kind = SlotKind::Texture,
+     .format = "pool format 3"},
+};
+
+constexpr PassInfo kInfo = {"WireframeRenderPass", "Draws a wireframe from an id image", Reach::texels(1), kInputInfo,
+                            kOutputInfo};
+
 } // namespace
 
 WireframeRenderPass::WireframeRenderPass()
@@ -95,6 +118,7 @@ WireframeRenderPass::WireframeRenderPass()
     addInput(kId);
     addInput(kWireColor);
     addOutput(kFrame);
+    describe(kInfo);
 }
 
 WireframeRenderPass::WireframeRenderPass(const WireframeRenderPass &other) = default;

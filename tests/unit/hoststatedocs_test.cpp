@@ -1,3 +1,4 @@
+#include "support/docfiles.h"
 #include "support/statedocs.h"
 
 #include <passkit/statetable.h>
@@ -11,25 +12,6 @@ using namespace Brevane::Kvo;
 using namespace Brevane::Kvo::Test;
 
 namespace {
-
-QString fileText(const QString &path)
-{
-    QFile file(path);
-    EXPECT_TRUE(file.open(QIODevice::ReadOnly)) << qPrintable(path);
-    return QString::fromUtf8(file.readAll());
-}
-
-void writeText(const QString &path, const QString &text)
-{
-    QFile file(path);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly)) << qPrintable(path);
-    file.write(text.toUtf8());
-}
-
-bool isWriting()
-{
-    return qEnvironmentVariableIsSet("KVO_WRITE_DOCS");
-}
 
 const QString kDirectory = QStringLiteral(KVO_SOURCE_DIR);
 

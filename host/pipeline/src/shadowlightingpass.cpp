@@ -76,6 +76,42 @@ void main()
 }
 )");
 
+// The viewport is described above this class.
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_KvoTexture*_Diffuse", .meaning = "diffuse colour", .kind = SlotKind::Texture},
+    {.name = "Kvo_KvoTexture*_Specular", .meaning = "specular colour, exponent in alpha", .kind = SlotKind::Texture},
+    {.name = "Kvo_KvoTexture*_Normal", .meaning = "unit normal in camera space", .kind = SlotKind::Texture},
+    {.name = "Kvo_KvoTexture*_Depth", .meaning = "window depth; 1 is background", .kind = SlotKind::Texture},
+    {.name = "Kvo_QMatrix4x4_ProjectionMatrix",
+     .meaning = "camera to clip space, as the model was drawn with",
+     .kind = SlotKind::Matrix},
+    {.name = "Kvo_QMatrix4x4_CameraMatrix", .meaning = "world to camera space, likewise", .kind = SlotKind::Matrix},
+    {.name = "Kvo_QVariant_ShadowMapData",
+     .meaning = "of a shadow pass; none: only the ambient light",
+     .kind = SlotKind::Record},
+    {.name = "Kvo_QColor_Ambient",
+     .meaning = "light from everywhere, less where normals look down",
+     .kind = SlotKind::Color},
+    {.name = "Kvo_float_LightBleeding",
+     .meaning = "see ShadowMapManager::Sampling",
+     .kind = SlotKind::Factor,
+     .range = {0, 0.99, 0.01}},
+    {.name = "Kvo_float_MinimumVariance",
+     .meaning = "see ShadowMapManager::Sampling",
+     .kind = SlotKind::Threshold,
+     .range = {0, 1, 1e-6}},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoTexture*_Frame",
+     .meaning = "the lit image; alpha 0 where nothing was drawn",
+     .kind = SlotKind::Texture,
+     .format = "pool format 3"},
+};
+
+constexpr PassInfo kInfo = {"ShadowLightingPass", "Lights what ModelRenderPass drew with the lights of a shadow pass",
+                            Reach::texels(0), kInputInfo, kOutputInfo};
+
 } // namespace
 
 ShadowLightingPass::ShadowLightingPass()
@@ -92,6 +128,7 @@ ShadowLightingPass::ShadowLightingPass()
     addInput(QStringLiteral("Kvo_float_MinimumVariance"), ShadowMapManager::Sampling().minimumVariance,
              kMinimumVariance);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Frame"), 0);
+    describe(kInfo);
     setFragmentShaderSource(kFragmentShader);
     setName(QStringLiteral("ShadowLightingPass"));
 }
