@@ -63,6 +63,7 @@ struct SlotInfo
     SlotRange range = {}; ///< Of a number, or of each part of a size or a position.
     std::span<const SlotChoice> choices = {};
     const char *format = ""; ///< Of the texture in an output.
+    bool hasEffect = true; ///< False: the pass takes the value and never reads it, or never writes the output.
 };
 
 /// How far around a pixel a pass reads what it is given, as an upper bound: what a part of a picture needs around

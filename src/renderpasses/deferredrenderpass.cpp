@@ -80,7 +80,10 @@ constexpr SlotInfo kInputInfo[] = {
     {.name = "Kvo_QMatrix4x4_ProjectionMatrix", .meaning = "P, camera to clip space", .kind = SlotKind::Matrix},
     {.name = "Kvo_QMatrix4x4_CameraMatrix", .meaning = "C, world to camera space", .kind = SlotKind::Matrix},
     {.name = "Kvo_KvoTexture*_Normal", .meaning = "normal in object space; none: no light", .kind = SlotKind::Texture},
-    {.name = "Kvo_KvoTexture*_TexCoord", .meaning = "bound, without effect on the picture", .kind = SlotKind::Texture},
+    {.name = "Kvo_KvoTexture*_TexCoord",
+     .meaning = "bound, without effect on the picture",
+     .kind = SlotKind::Texture,
+     .hasEffect = false},
     {.name = "Kvo_KvoTexture*_Depth", .meaning = "window depth; none: 0 everywhere", .kind = SlotKind::Texture},
 };
 

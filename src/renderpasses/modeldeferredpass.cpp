@@ -63,14 +63,14 @@ const ProgramRecipe &shadingProgram()
 
 constexpr SlotInfo kInputInfo[] = {
     {.name = "Kvo_QRect_Viewport", .meaning = "size of the target", .kind = SlotKind::Area, .unit = "pixels"},
-    {.name = "Kvo_QMatrix4x4_ProjectionMatrix", .meaning = "not used", .kind = SlotKind::Matrix},
-    {.name = "Kvo_QMatrix4x4_CameraMatrix", .meaning = "not used", .kind = SlotKind::Matrix},
+    {.name = "Kvo_QMatrix4x4_ProjectionMatrix", .meaning = "not used", .kind = SlotKind::Matrix, .hasEffect = false},
+    {.name = "Kvo_QMatrix4x4_CameraMatrix", .meaning = "not used", .kind = SlotKind::Matrix, .hasEffect = false},
     {.name = "Kvo_KvoTexture*_Diffuse", .meaning = "diffuse colour Kd, opacity in alpha", .kind = SlotKind::Texture},
     {.name = "Kvo_KvoTexture*_Specular",
      .meaning = "specular colour Ks, exponent Ns in alpha",
      .kind = SlotKind::Texture},
     {.name = "Kvo_KvoTexture*_Normal", .meaning = "unit normal N in camera space", .kind = SlotKind::Texture},
-    {.name = "Kvo_KvoTexture*_Depth", .meaning = "not used", .kind = SlotKind::Texture},
+    {.name = "Kvo_KvoTexture*_Depth", .meaning = "not used", .kind = SlotKind::Texture, .hasEffect = false},
 };
 
 constexpr SlotInfo kOutputInfo[] = {

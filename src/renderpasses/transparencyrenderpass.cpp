@@ -149,7 +149,7 @@ constexpr SlotInfo kInputInfo[] = {
     {.name = "Kvo_KvoGPUModel*_Geometry",
      .meaning = "what to draw; none: the frame is cleared",
      .kind = SlotKind::Model},
-    {.name = "Kvo_KvoTexture*_Texture", .meaning = "not read", .kind = SlotKind::Texture},
+    {.name = "Kvo_KvoTexture*_Texture", .meaning = "not read", .kind = SlotKind::Texture, .hasEffect = false},
 };
 
 constexpr SlotInfo kOutputInfo[] = {

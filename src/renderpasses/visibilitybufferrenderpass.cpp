@@ -205,7 +205,11 @@ constexpr SlotInfo kOutputInfo[] = {
      .kind = SlotKind::Texture,
      .format = "GL_RGBA32UI or GL_RGBA32I"},
     {.name = "Kvo_int_NodeBufferWidth", .meaning = "texels in a row of the node buffer", .kind = SlotKind::Count},
-    {.name = "Kvo_KvoTexture*_Depth", .meaning = "never written", .kind = SlotKind::Texture, .format = "none"},
+    {.name = "Kvo_KvoTexture*_Depth",
+     .meaning = "never written",
+     .kind = SlotKind::Texture,
+     .format = "none",
+     .hasEffect = false},
 };
 
 constexpr PassInfo kInfo = {"VisibilityBufferRenderPass",

@@ -3,6 +3,8 @@
 #include <QDir>
 #include <QFile>
 #include <QImage>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QRegularExpression>
 
 // The program as a whole, as people start it: exit codes, messages, files.
@@ -178,6 +180,19 @@ TEST_F(KvoRender, TellsWhatThereIs)
                              "in   Kvo_QColor_ColorTop = #404040", "out  Kvo_KvoTexture*_Depth",
                              "call addCube(float, QVector3D)", "in   Kvo_float_SAORadius = 0.08"})
         EXPECT_TRUE(outcome.out.contains(QLatin1StringView(text))) << text;
+    outcome = run(words("--list GaussianBlurRenderPass"));
+    EXPECT_EQ(outcome.exitCode, 0);
+    for (const char *text : {"GaussianBlurRenderPass: Blurs an image",
+                             "in   Kvo_float_ResolutionDivider  float        1        0.01 to 64", "0 to 511 texels",
+                             "out  Kvo_KvoTexture*_Output"})
+        EXPECT_TRUE(outcome.out.contains(QLatin1StringView(text))) << text << "\n" << qPrintable(outcome.out);
+    EXPECT_TRUE(run(words("--list BlendRenderPass")).out.contains(QStringLiteral("  18  colorDodge")));
+    EXPECT_TRUE(run(words("--list ShaderRenderPass")).out.contains(QStringLiteral("  addInput(QString)")));
+    expectFailure(words("--list GaussianBlurPass"), 2,
+                  "there is no pass class 'GaussianBlurPass'; did you mean 'GaussianBlurRenderPass'?");
+    outcome = run(words("--schema"));
+    EXPECT_EQ(outcome.exitCode, 0);
+    EXPECT_TRUE(QJsonDocument::fromJson(outcome.out.toUtf8()).object().contains(QStringLiteral("$defs")));
     outcome = run(words("--gl-info"));
     EXPECT_EQ(outcome.exitCode, 0);
     EXPECT_TRUE(outcome.out.contains(QStringLiteral("OpenGL ")));
@@ -190,6 +205,23 @@ TEST_F(KvoRender, TellsWhatThereIs)
     outcome = run(words("--version"));
     EXPECT_EQ(outcome.exitCode, 0);
     EXPECT_TRUE(outcome.out.startsWith(QStringLiteral("kvorender 0."))) << qPrintable(outcome.out);
+}
+
+TEST_F(KvoRender, WarnsOfOptionsWithoutEffectAndOfValuesBeyondSense)
+{
+    const auto warned = [this](const char *options, const char *warning) {
+        const Outcome outcome = succeed(words(options) << words("-p gradient -s 8x8 -o out.png"));
+        EXPECT_TRUE(outcome.err.contains(QStringLiteral("kvorender: warning: %1\n").arg(QLatin1StringView(warning))))
+            << qPrintable(outcome.err);
+    };
+    write("sky.png", QByteArray());
+    warned("--light point:1,2,3", "@lights has no effect: no input is bound to it");
+    warned("--path sky=sky.png", "@paths.sky has no effect: no input is bound to it");
+    warned("--camera yaw=20", "--camera has no effect: the pipeline asks for no camera");
+    warned("--scale fit", "--scale, --floor and --opacity have no effect without a model");
+    const Outcome outcome = succeed(QStringList{kBox} << words("-p gradient -s 8x8 -o out.png"));
+    EXPECT_TRUE(outcome.err.contains(QStringLiteral("warning: the model has no effect: the pipeline draws none\n")))
+        << qPrintable(outcome.err);
 }
 
 TEST_F(KvoRender, KeepsQuietWhenTold)
@@ -245,9 +277,9 @@ TEST_F(KvoRender, NamesWrongSlots)
     expectFailure(words("-o out.png --set Gradient.ColorTop=12"), 2, "'Kvo_QColor_ColorTop' takes");
     expectFailure(
         words("-p taa -o out.png --set Jitter.JitterMode=1.5"), 2,
-        "--set Jitter.JitterMode=1.5: pass 'Jitter': 'Kvo_int_JitterMode' takes a whole number, not the number 1.5");
+        "--set Jitter.JitterMode=1.5: pass 'Jitter': 'Kvo_int_JitterMode' takes one of none, randomAfterChange, alternating, random, or a whole number, not the number 1.5");
     expectFailure(words("-p fxaa -o out.png --set Scene.Int_BlendMode=over"), 2,
-                  "'Int_BlendMode' takes a whole number, not the text \"over\"");
+                  "multiplyKeepAlpha, or a whole number, not the text \"over\"");
     expectFailure(words("-o out.png --set Present.ViewportOut=@viewport[0,0]"), 2, "'[0,0]' is no part of a rectangle");
     expectFailure(words("-o out.png --set ColorTop"), 2, "--set takes PASS.SLOT=VALUE, not 'ColorTop'");
     expectFailure(words("-o out.png --dump Gradient.Viewport=a.png"), 2,

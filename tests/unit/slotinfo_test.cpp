@@ -83,6 +83,9 @@ void expectGoodInfo(const RenderPassHelper &pass, const SlotInfo *info, const QS
     if (isInput && isNumber(*info)) {
         EXPECT_TRUE(std::isfinite(info->range.least)) << named(pass, slot) << " has no range";
     }
+    static const QRegularExpression kNothing(
+        QStringLiteral("not used|not read|without effect|no effect|never written"));
+    EXPECT_EQ(!info->hasEffect, kNothing.match(QString::fromLatin1(info->meaning)).hasMatch()) << named(pass, slot);
     if (isInput) {
         EXPECT_STREQ(info->format, "") << named(pass, slot) << ": a format is for outputs";
     } else if (info->kind == SlotKind::Texture) {

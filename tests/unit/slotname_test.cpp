@@ -40,9 +40,18 @@ TEST(SlotName, TakesTheElementTypeOfAListApart)
     EXPECT_EQ(plain.name, s("InstanceData"));
 }
 
+TEST(SlotName, OfTheBlendModeSaysItsTypeInItsOwnWay)
+{
+    const SlotName name = SlotName::parse(s("Int_BlendMode"));
+    EXPECT_EQ(name.type, s("int"));
+    EXPECT_EQ(name.name, s("BlendMode"));
+    EXPECT_TRUE(slotTypesMatch(s("Int_BlendMode"), s("Kvo_int_Mode")));
+    EXPECT_FALSE(slotTypesMatch(s("Int_BlendMode"), s("Kvo_float_Gain")));
+}
+
 TEST(SlotName, TakesANameWithoutPrefixAsItIs)
 {
-    for (const char *text : {"Int_BlendMode", "brightness", "", "Kvo_", "Kvo_float"}) {
+    for (const char *text : {"brightness", "Int_", "", "Kvo_", "Kvo_float"}) {
         const SlotName name = SlotName::parse(s(text));
         EXPECT_EQ(name.type, QString()) << text;
         EXPECT_EQ(name.name, s(text));

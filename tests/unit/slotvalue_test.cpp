@@ -1,5 +1,7 @@
 #include <host/slotvalue.h>
 
+#include <core/slotinfo.h>
+
 #include <QColor>
 #include <QMatrix4x4>
 #include <QRect>
@@ -14,20 +16,20 @@ using namespace Brevane::Kvo;
 namespace {
 
 // The value of a text; fails the test where the text does not fit.
-QVariant parsed(const char *slot, const char *text, const QVariant &hint = QVariant())
+QVariant parsed(const char *slot, const char *text, const QVariant &hint = QVariant(), const SlotInfo *info = nullptr)
 {
     QVariant value;
     QString error;
-    EXPECT_TRUE(parseSlotValue(QString::fromLatin1(slot), QString::fromUtf8(text), &value, &error, hint))
+    EXPECT_TRUE(parseSlotValue(QString::fromLatin1(slot), QString::fromUtf8(text), &value, &error, hint, info))
         << qPrintable(error);
     return value;
 }
 
-QString errorOf(const char *slot, const char *text)
+QString errorOf(const char *slot, const char *text, const SlotInfo *info = nullptr)
 {
     QVariant value(77);
     QString error;
-    EXPECT_FALSE(parseSlotValue(QString::fromLatin1(slot), QString::fromUtf8(text), &value, &error)) << text;
+    EXPECT_FALSE(parseSlotValue(QString::fromLatin1(slot), QString::fromUtf8(text), &value, &error, {}, info)) << text;
     EXPECT_EQ(value, QVariant(77)) << "a failure leaves the value alone";
     return error;
 }
@@ -108,10 +110,27 @@ TEST(SlotValue, ADefaultValueStandsInForAMissingTypeWord)
 TEST(SlotValue, SlotsOfOurPassesWithoutATypeWordAreStillTyped)
 {
     EXPECT_EQ(parsed("Int_BlendMode", "3").metaType(), QMetaType::fromType<int>());
-    EXPECT_EQ(parsed("brightness", "2").metaType(), QMetaType::fromType<float>());
     EXPECT_EQ(errorOf("Int_BlendMode", "1.5"),
               QStringLiteral("'Int_BlendMode' takes a whole number, not the number 1.5"));
-    EXPECT_EQ(errorOf("brightness", "much"), QStringLiteral("'brightness' takes a number, not the text \"much\""));
+    const SlotInfo scale{.name = "brightness", .meaning = "scale", .range = {0, 4}};
+    EXPECT_EQ(parsed("brightness", "2", {}, &scale).metaType(), QMetaType::fromType<float>());
+    EXPECT_EQ(errorOf("brightness", "much", &scale),
+              QStringLiteral("'brightness' takes a number, not the text \"much\""));
+}
+
+TEST(SlotValue, AChoiceGoesByItsNameOrItsNumber)
+{
+    static constexpr SlotChoice kChoices[] = {{0, "none", "nothing"}, {3, "colorDodge", "much"}};
+    const SlotInfo mode{.name = "Kvo_int_Mode", .meaning = "mode", .kind = SlotKind::Choice, .choices = kChoices};
+    EXPECT_EQ(parsed("Kvo_int_Mode", "colorDodge", {}, &mode), QVariant(3));
+    EXPECT_EQ(parsed("Kvo_int_Mode", "\"none\"", {}, &mode), QVariant(0));
+    EXPECT_EQ(parsed("Kvo_int_Mode", "7", {}, &mode), QVariant(7)) << "what the pass makes of it is its business";
+    EXPECT_EQ(parsed("Kvo_int_Mode", "null", {}, &mode), QVariant());
+    EXPECT_EQ(errorOf("Kvo_int_Mode", "colordodge", &mode),
+              QStringLiteral("'Kvo_int_Mode' takes one of none, colorDodge, or a whole number, not the text "
+                             "\"colordodge\"; did you mean 'colorDodge'?"));
+    EXPECT_EQ(errorOf("Kvo_int_Mode", "1.5", &mode),
+              QStringLiteral("'Kvo_int_Mode' takes one of none, colorDodge, or a whole number, not the number 1.5"));
 }
 
 TEST(SlotValue, SaysWhatASlotTakes)

@@ -46,6 +46,8 @@ Examples
   kvorender engine.glb -p deferred-model --dump Model.Normal=normal.png --dump Model.Depth=depth.exr
   kvorender engine.glb -n 100 --timings
   kvorender --gallery out/gallery
+  kvorender --list GaussianBlurRenderPass
+  kvorender --schema > kvo-pipeline.schema.json
   kvorender -p gradient --set 'Gradient.ColorTop=#204060' -o backdrop.png
 )";
 
@@ -195,10 +197,16 @@ void CommandLine::declare(Options *options)
                   false,
                   // What speaks of the passes of one pipeline, or of one picture.
                   {u"output"_s, u"set"_s, u"path"_s, u"dump"_s, u"compare"_s, u"inspect-oit"_s, u"oit-lengths"_s,
-                   u"print"_s, u"timings"_s, u"list"_s, u"gl-info"_s}});
+                   u"print"_s, u"timings"_s, u"list"_s, u"schema"_s, u"gl-info"_s}});
 
     options->section(u"Information"_s);
-    options->add({{u"list"_s}, {}, u"pipelines, host values, and all passes with their slots"_s, {}, into(&list)});
+    options->add({{u"list"_s},
+                  {},
+                  u"pipelines, host values, and all passes with their slots; in place of the model, the name of a pass "
+                  u"for all about its slots"_s,
+                  {},
+                  into(&list)});
+    options->add({{u"schema"_s}, {}, u"a JSON Schema of pipeline files, for editors, to stdout"_s, {}, into(&schema)});
     options->add({{u"gl-info"_s}, {}, u"what the driver offers"_s, {}, into(&glInfo)});
     options->add(
         {{u"gl-debug"_s}, {}, u"report OpenGL errors as they happen, and fail if there are any"_s, {}, into(&debug)});
@@ -241,8 +249,8 @@ std::optional<ExitCode> CommandLine::read(const QStringList &arguments)
                                     .arg(outside->x())
                                     .arg(outside->y()));
     // Each of these asks for something to be written.
-    const QStringList results{u"output"_s, u"dump"_s,    u"compare"_s, u"inspect-oit"_s, u"oit-lengths"_s,
-                              u"print"_s,  u"timings"_s, u"gallery"_s, u"list"_s,        u"gl-info"_s};
+    const QStringList results{u"output"_s,  u"dump"_s,    u"compare"_s, u"inspect-oit"_s, u"oit-lengths"_s, u"print"_s,
+                              u"timings"_s, u"gallery"_s, u"list"_s,    u"gl-info"_s,     u"schema"_s};
     if (std::none_of(results.begin(), results.end(), [&](const QString &name) { return options.isSet(name); }))
         return Options::mistake(u"nothing to do: give one of --%1"_s.arg(results.join(u", --"_s)));
     return std::nullopt;

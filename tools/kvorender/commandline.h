@@ -56,7 +56,8 @@ struct CommandLine
     bool timings = false;
     bool quiet = false;
     bool debug = false;
-    bool list = false;
+    bool list = false; ///< Of the pass class that is named in place of a model, or of everything.
+    bool schema = false;
     bool glInfo = false;
 
     /// Reads the program's arguments. An exit code when the program is to end at once: after --help and --version,

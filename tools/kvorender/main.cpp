@@ -2,10 +2,13 @@
 #include "gallery.h"
 #include "host/headlesscontext.h"
 #include "host/pipelinefile.h"
+#include "host/pipelineschema.h"
 #include "renderer.h"
 #include "report.h"
 
 #include <QCoreApplication>
+
+#include <cstdio>
 
 using namespace Brevane::Kvo;
 
@@ -16,7 +19,14 @@ int inform(const CommandLine &commandLine)
     // Some passes look at the context when they are made, so it comes first, where there is one.
     QString error;
     const std::unique_ptr<HeadlessContext> context = HeadlessContext::create(&error);
-    if (commandLine.list)
+    if (commandLine.schema)
+        std::fputs(pipelineSchema().constData(), stdout);
+    if (commandLine.list && !commandLine.model.isEmpty()) {
+        if (!printPassTable(commandLine.model, &error)) {
+            complain(error);
+            return kUsage;
+        }
+    } else if (commandLine.list)
         printList(pipelineSearchPath(commandLine.pipelines.folders));
     if (!commandLine.glInfo)
         return kSuccess;
@@ -37,7 +47,7 @@ int main(int argc, char *argv[])
     CommandLine commandLine;
     if (const std::optional<ExitCode> end = commandLine.read(QCoreApplication::arguments()))
         return *end;
-    if (commandLine.list || commandLine.glInfo)
+    if (commandLine.list || commandLine.glInfo || commandLine.schema)
         return inform(commandLine);
     return commandLine.gallery.isEmpty() ? Renderer(commandLine).run() : Gallery(commandLine).run();
 }

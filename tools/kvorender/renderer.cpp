@@ -15,6 +15,7 @@
 #include <QElapsedTimer>
 #include <QFileInfo>
 
+#include <algorithm>
 #include <cstdio>
 
 using namespace Brevane::Kvo;
@@ -74,8 +75,26 @@ bool Renderer::loadPipeline()
         if (!QFileInfo::exists(path))
             return fail(QStringLiteral("--path %1: there is no file '%2'").arg(name, path));
     }
-    complainOf(_pipeline.warnings());
+    complainOf(_pipeline.warnings() + optionsWithoutEffect());
     return true;
+}
+
+// Those that the pipeline cannot tell by itself.
+QStringList Renderer::optionsWithoutEffect() const
+{
+    const auto usesAny = [this](std::initializer_list<const char *> hosts) {
+        return std::any_of(hosts.begin(), hosts.end(),
+                           [this](const char *host) { return _pipeline.uses(QString::fromLatin1(host)); });
+    };
+    QStringList found;
+    // A camera looks at the model, whether it is drawn or not.
+    if (!_commandLine.model.isEmpty() && !usesAny({"model", "opaque", "camera", "projection"}))
+        found << QStringLiteral("the model has no effect: the pipeline draws none");
+    if (_commandLine.model.isEmpty() && _commandLine.sceneIsGiven)
+        found << QStringLiteral("--scale, --floor and --opacity have no effect without a model");
+    if (!_commandLine.camera.isEmpty() && !usesAny({"camera", "projection", "near", "far"}))
+        found << QStringLiteral("--camera has no effect: the pipeline asks for no camera");
+    return found;
 }
 
 bool Renderer::checkOutputs()

@@ -22,6 +22,7 @@ private:
     using Step = bool (Renderer::*)();
 
     bool loadPipeline();
+    QStringList optionsWithoutEffect() const;
     bool checkOutputs();
     bool openContext();
     bool loadModel();

@@ -1,12 +1,15 @@
 #include "report.h"
 
+#include "core/renderpasshelper.h"
 #include "host/passfactory.h"
 #include "host/pipelinefile.h"
+#include "host/slotname.h"
 #include "host/slotvalue.h"
 
 #include <epoxy/gl.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <memory>
 
@@ -17,7 +20,9 @@ namespace {
 void printPass(const QString &className)
 {
     const std::unique_ptr<RenderPass> pass = passFactory().make(className);
-    std::printf("  %s\n", qPrintable(className));
+    const auto *helper = dynamic_cast<const RenderPassHelper *>(pass.get());
+    const PassInfo *info = helper ? helper->passInfo() : nullptr;
+    std::printf("  %-38s %s\n", qPrintable(className), info ? info->meaning : "");
     for (int i = 0; i < pass->numInputs(); ++i) {
         const QVariant value = pass->defaultValue(i);
         const QString text = value.isValid() ? QStringLiteral(" = ") + describeSlotValue(value) : QString();
@@ -28,6 +33,46 @@ void printPass(const QString &className)
     for (const PassOperation &operation : passFactory().operations(className))
         std::printf("    call %s(%s)\n", qPrintable(operation.name),
                     qPrintable(operation.argumentTypes.join(QLatin1StringView(", "))));
+}
+
+QString rangeText(const SlotInfo &info)
+{
+    QString text;
+    if (std::isfinite(info.range.least))
+        text = std::isfinite(info.range.most) ? QStringLiteral("%1 to %2").arg(info.range.least).arg(info.range.most)
+                                              : QStringLiteral("from %1").arg(info.range.least);
+    return (text + QLatin1Char(' ') + QLatin1StringView(info.unit)).trimmed();
+}
+
+// Columns as wide as what is in them; the last one ends where it ends.
+void printTable(const QVector<QStringList> &rows)
+{
+    QVector<qsizetype> widths(rows.isEmpty() ? 0 : rows.first().size(), 0);
+    for (const QStringList &row : rows)
+        for (qsizetype i = 0; i + 1 < row.size(); ++i)
+            widths[i] = std::max(widths[i], row[i].size());
+    for (const QStringList &row : rows) {
+        QString line;
+        for (qsizetype i = 0; i < row.size(); ++i)
+            line += QStringLiteral("  ") + row[i].leftJustified(widths[i]);
+        while (line.endsWith(QLatin1Char(' ')))
+            line.chop(1);
+        std::puts(qPrintable(line));
+    }
+}
+
+// "in   BlurRadius   float   none   0 to 511 texels   sigma ..."
+QStringList slotRow(const char *way, const QString &slot, const QString &value, const SlotInfo *info)
+{
+    const SlotName name = SlotName::parse(slot);
+    return {QLatin1StringView(way),
+            slot,
+            name.type.isEmpty() ? QStringLiteral("-") : name.type,
+            value,
+            info ? rangeText(*info) : QString(),
+            info ? QString::fromLatin1(info->meaning)
+                       + (*info->format ? QStringLiteral("; %1").arg(info->format) : QString())
+                 : QString()};
 }
 
 const char *glText(GLenum name)
@@ -56,6 +101,45 @@ void printList(const QStringList &searchPath)
     std::puts("\nPasses");
     for (const QString &className : passFactory().classNames())
         printPass(className);
+}
+
+bool printPassTable(const QString &className, QString *error)
+{
+    const std::unique_ptr<RenderPass> pass = passFactory().make(className);
+    if (!pass) {
+        *error = QStringLiteral("there is no pass class '%1'%2")
+                     .arg(className, nearestNameHint(className, passFactory().classNames()));
+        return false;
+    }
+    const auto *helper = dynamic_cast<const RenderPassHelper *>(pass.get());
+    if (const PassInfo *info = helper ? helper->passInfo() : nullptr)
+        std::printf("%s: %s\n\n", qPrintable(className), info->meaning);
+    QVector<QStringList> rows{{QString(), QStringLiteral("slot"), QStringLiteral("type"), QStringLiteral("default"),
+                               QStringLiteral("range"), QStringLiteral("meaning")}};
+    for (int i = 0; i < pass->numInputs(); ++i)
+        rows << slotRow("in", pass->inputName(i), describeSlotValue(pass->defaultValue(i)),
+                        helper ? helper->inputInfo(i) : nullptr);
+    for (int i = 0; i < pass->numOutputs(); ++i)
+        rows << slotRow("out", pass->outputName(i), QString(), helper ? helper->outputInfo(i) : nullptr);
+    printTable(rows);
+    for (int i = 0; helper && i < pass->numInputs(); ++i) {
+        const SlotInfo *info = helper->inputInfo(i);
+        if (!info || info->choices.empty())
+            continue;
+        std::printf("\n%s is one of\n", qPrintable(pass->inputName(i)));
+        QVector<QStringList> choices;
+        for (const SlotChoice &choice : info->choices)
+            choices << QStringList{QString::number(choice.value), QLatin1StringView(choice.name),
+                                   QLatin1StringView(choice.meaning)};
+        printTable(choices);
+    }
+    const QVector<PassOperation> operations = passFactory().operations(className);
+    if (!operations.isEmpty())
+        std::puts("\ncalls");
+    for (const PassOperation &operation : operations)
+        std::printf("  %s(%s)\n", qPrintable(operation.name),
+                    qPrintable(operation.argumentTypes.join(QLatin1StringView(", "))));
+    return true;
 }
 
 void printGlInfo(const HeadlessContext &context)

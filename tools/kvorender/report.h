@@ -9,6 +9,8 @@
 
 /// Prints pipelines, host values and passes with their slots.
 void printList(const QStringList &searchPath);
+/// Prints all that there is to know about the slots of a class. False with the nearest name for an unknown one.
+bool printPassTable(const QString &className, QString *error);
 /// Prints what the driver of the current context offers.
 void printGlInfo(const Brevane::Kvo::HeadlessContext &context);
 /// Prints how full fragment lists are, and the list of each pixel (in picture coordinates) with the

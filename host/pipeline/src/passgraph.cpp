@@ -1,6 +1,6 @@
 #include "passgraph.h"
 
-#include "core/renderpass.h"
+#include "core/renderpasshelper.h"
 #include "failure.h"
 #include "host/slotname.h"
 
@@ -103,9 +103,21 @@ QString InputPort::slot() const
     return node->pass->inputName(index);
 }
 
+const SlotInfo *InputPort::info() const
+{
+    const auto *pass = dynamic_cast<const RenderPassHelper *>(node->pass.get());
+    return pass ? pass->inputInfo(index) : nullptr;
+}
+
 QString OutputPort::slot() const
 {
     return node->pass->outputName(index);
+}
+
+const SlotInfo *OutputPort::info() const
+{
+    const auto *pass = dynamic_cast<const RenderPassHelper *>(node->pass.get());
+    return pass ? pass->outputInfo(index) : nullptr;
 }
 
 Node *PassGraph::find(const QString &name, QString *error) const

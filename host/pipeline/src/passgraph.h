@@ -17,6 +17,7 @@ namespace Brevane::Kvo {
 
 class RenderPass;
 struct Node;
+struct SlotInfo;
 
 /// Where an input takes its value from.
 struct DefaultSource
@@ -65,6 +66,8 @@ struct InputPort
     explicit operator bool() const { return node != nullptr; }
     QString slot() const;
     Source &source() const { return node->source(index); }
+    /// What the pass says of it, if anything.
+    const SlotInfo *info() const;
     /// The link into it, if it has one.
     const LinkSource *link() const { return std::get_if<LinkSource>(&source()); }
 };
@@ -77,6 +80,7 @@ struct OutputPort
 
     explicit operator bool() const { return node != nullptr; }
     QString slot() const;
+    const SlotInfo *info() const;
 };
 
 /// Whether a text is made of letters, digits, '_' and '-' alone.

@@ -9,6 +9,7 @@
 #include "hostvalues.h"
 #include "model/gpumodel.h"
 #include "passgraph.h"
+#include "pipelinechecks.h"
 #include "pipelineframe.h"
 
 #include <QMatrix4x4>
@@ -269,7 +270,7 @@ bool Pipeline::setValueText(const QString &pass, const QString &slot, const QStr
     QString reason;
     if (!inputSlot(pass, slot, &name, &hint, error))
         return false;
-    if (!parseSlotValue(name, text, &value, &reason, hint))
+    if (!parseSlotValue(name, text, &value, &reason, hint, inputInfo(pass, name)))
         return fail(error, QStringLiteral("pass '%1': %2").arg(pass, reason));
     return setValue(pass, name, value, error);
 }
@@ -283,6 +284,12 @@ bool Pipeline::inputSlot(const QString &pass, const QString &slot, QString *full
     *fullName = input.slot();
     *defaultValue = input.node->pass->defaultValue(input.index);
     return true;
+}
+
+const SlotInfo *Pipeline::inputInfo(const QString &pass, const QString &slot) const
+{
+    const InputPort input = d->graph.input(pass, slot, nullptr);
+    return input ? input.info() : nullptr;
 }
 
 bool Pipeline::reset(const QString &pass, const QString &slot, QString *error)
@@ -339,14 +346,7 @@ bool Pipeline::uses(const QString &hostValue) const
 
 QStringList Pipeline::warnings() const
 {
-    QStringList result;
-    for (const auto &node : d->graph.nodes()) {
-        const int index = viewportInputOf(*node->pass);
-        if (index >= 0 && std::holds_alternative<DefaultSource>(node->source(index))
-            && node->pass->defaultValue(index).toRect().isEmpty())
-            result << QStringLiteral("pass '%1' has no viewport, so its pictures are empty").arg(node->name);
-    }
-    return result;
+    return likelyMistakes(d->graph, d->hosts);
 }
 
 QVariant Pipeline::output(const QString &pass, const QString &slot, QString *error) const

@@ -32,7 +32,9 @@ public:
             complain(root.line, QStringLiteral("a pipeline is an object with \"passes\", not %1").arg(root.describe()));
             return;
         }
-        checkMembers(root, {QStringLiteral("description"), QStringLiteral("passes"), QStringLiteral("lights")},
+        checkMembers(root,
+                     {QStringLiteral("$schema"), QStringLiteral("description"), QStringLiteral("passes"),
+                      QStringLiteral("lights")},
                      QStringLiteral("a pipeline"));
         const Json *description = root.member(QStringLiteral("description"));
         if (description && !description->isString())
@@ -292,7 +294,7 @@ private:
         if (!_pipeline->inputSlot(pass, slot, &name, &hint, error))
             return false;
         QVariant value;
-        if (!slotValueFromJson(name, json, &value, error, hint)) {
+        if (!slotValueFromJson(name, json, &value, error, hint, _pipeline->inputInfo(pass, name))) {
             *error = QStringLiteral("pass '%1': %2").arg(pass, *error);
             return false;
         }

@@ -9,6 +9,8 @@ namespace Brevane::Kvo {
 namespace {
 
 constexpr QLatin1StringView kPrefix("Kvo_");
+// The one slot that is named in another way says its type too.
+constexpr QLatin1StringView kIntPrefix("Int_");
 
 // One spelling for each type.
 QString canonicalType(const QString &type)
@@ -59,6 +61,11 @@ bool lacksOnePiece(const QString &text, const QString &whole)
 SlotName SlotName::parse(const QString &slot)
 {
     SlotName result;
+    if (slot.startsWith(kIntPrefix) && slot.size() > kIntPrefix.size()) {
+        result.type = QStringLiteral("int");
+        result.name = slot.mid(kIntPrefix.size());
+        return result;
+    }
     const qsizetype typeEnd = slot.indexOf(QLatin1Char('_'), kPrefix.size());
     if (!slot.startsWith(kPrefix) || typeEnd < 0) {
         result.name = slot;

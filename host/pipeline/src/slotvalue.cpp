@@ -1,5 +1,6 @@
 #include "host/slotvalue.h"
 
+#include "core/slotinfo.h"
 #include "host/slotname.h"
 #include "json.h"
 #include "slotvaluejson.h"
@@ -204,39 +205,39 @@ constexpr TypeReader kReaders[] = {
 
 constexpr TypeReader kAnyReader = {"", QMetaType::UnknownType, toAnything, "a plain value"};
 
-struct UntypedSlot
+const TypeReader *readerFor(const QString &slot, const QVariant &hint, const SlotInfo *info)
 {
-    const char *slot;
-    const char *type;
-};
-
-// Slots of our passes with neither a type in their name nor a default value.
-constexpr UntypedSlot kUntypedSlots[] = {
-    {"Int_BlendMode", "int"},
-    {"brightness", "float"},
-};
-
-QString typeOf(const QString &slot)
-{
-    for (const UntypedSlot &untyped : kUntypedSlots)
-        if (slot == QLatin1StringView(untyped.slot))
-            return QLatin1StringView(untyped.type);
-    return SlotName::parse(slot).type;
-}
-
-const TypeReader *readerFor(const QString &slot, const QVariant &hint)
-{
-    const QString type = typeOf(slot);
+    const QString type = SlotName::parse(slot).type;
     for (const TypeReader &reader : kReaders)
         if (type == QLatin1StringView(reader.type))
             return &reader;
     if (!type.isEmpty())
         return nullptr;
-    if (hint.isValid())
-        for (const TypeReader &reader : kReaders)
-            if (reader.metaType == hint.metaType().id())
-                return &reader;
+    // Numbers of the library that do not say their type are fractions.
+    const int hinted = hint.isValid()                             ? hint.metaType().id()
+                       : info && std::isfinite(info->range.least) ? int(QMetaType::Float)
+                                                                  : int(QMetaType::UnknownType);
+    for (const TypeReader &reader : kReaders)
+        if (hinted != QMetaType::UnknownType && reader.metaType == hinted)
+            return &reader;
     return &kAnyReader;
+}
+
+QStringList namesOf(std::span<const SlotChoice> choices)
+{
+    QStringList names;
+    for (const SlotChoice &choice : choices)
+        names << QLatin1StringView(choice.name);
+    return names;
+}
+
+// One of the choices by its name, or any number. Null for another type of value.
+Parsed toChoice(const Json &json, const SlotInfo &info)
+{
+    for (const SlotChoice &choice : info.choices)
+        if (json.isString() && json.string == QLatin1StringView(choice.name))
+            return Parsed(choice.value);
+    return toInt(json);
 }
 
 QString joined(std::initializer_list<double> values)
@@ -247,16 +248,41 @@ QString joined(std::initializer_list<double> values)
     return QStringLiteral("[%1]").arg(texts.join(QLatin1StringView(", ")));
 }
 
+QString quotedJson(const QString &text)
+{
+    QString result(QLatin1Char('"'));
+    for (const QChar c : text) {
+        if (c == QLatin1Char('"') || c == QLatin1Char('\\'))
+            result += QLatin1Char('\\') + c;
+        else if (c == QLatin1Char('\n'))
+            result += QLatin1StringView("\\n");
+        else if (c.unicode() < 0x20)
+            result += QStringLiteral("\\u%1").arg(int(c.unicode()), 4, 16, QLatin1Char('0'));
+        else
+            result += c;
+    }
+    return result + QLatin1Char('"');
+}
+
 } // namespace
 
-bool slotValueFromJson(const QString &slot, const Json &json, QVariant *value, QString *error, const QVariant &hint)
+bool slotValueFromJson(const QString &slot, const Json &json, QVariant *value, QString *error, const QVariant &hint,
+                       const SlotInfo *info)
 {
-    const TypeReader *reader = readerFor(slot, hint);
+    const TypeReader *reader = readerFor(slot, hint, info);
     if (!reader) {
         *error = QStringLiteral("'%1' takes a link or a host value, not %2").arg(slot, json.describe());
         return false;
     }
-    const Parsed parsed = json.isNull() ? Parsed(QVariant()) : reader->read(json);
+    const bool isChoice = info && !info->choices.empty();
+    const Parsed parsed = json.isNull() ? Parsed(QVariant()) : isChoice ? toChoice(json, *info) : reader->read(json);
+    if (!parsed && isChoice) {
+        const QStringList names = namesOf(info->choices);
+        *error = QStringLiteral("'%1' takes one of %2, or a whole number, not %3%4")
+                     .arg(slot, names.join(QLatin1StringView(", ")), json.describe(),
+                          json.isString() ? nearestNameHint(json.string, names) : QString());
+        return false;
+    }
     if (!parsed) {
         *error = QStringLiteral("'%1' takes %2, not %3").arg(slot, QLatin1StringView(reader->expects), json.describe());
         return false;
@@ -265,12 +291,13 @@ bool slotValueFromJson(const QString &slot, const Json &json, QVariant *value, Q
     return true;
 }
 
-bool parseSlotValue(const QString &slot, const QString &text, QVariant *value, QString *error, const QVariant &hint)
+bool parseSlotValue(const QString &slot, const QString &text, QVariant *value, QString *error, const QVariant &hint,
+                    const SlotInfo *info)
 {
     Json json;
     int line = 0;
     QString reason;
-    const TypeReader *reader = readerFor(slot, hint);
+    const TypeReader *reader = readerFor(slot, hint, info);
     const bool takesText = reader && reader->read == toText;
     const bool quoted = text.trimmed().startsWith(QLatin1Char('"'));
     if ((takesText && !quoted) || !Json::parse(text.toUtf8(), &json, &line, &reason)) {
@@ -278,7 +305,76 @@ bool parseSlotValue(const QString &slot, const QString &text, QVariant *value, Q
         json.type = Json::Type::String;
         json.string = text;
     }
-    return slotValueFromJson(slot, json, value, error, hint);
+    return slotValueFromJson(slot, json, value, error, hint, info);
+}
+
+bool slotValueToJson(const QVariant &value, QString *text)
+{
+    // As few digits as give the same float again.
+    const auto number = [](float f) {
+        return QString::number(double(f), 'g', QString::number(double(f), 'g', 7).toFloat() == f ? 7 : 9);
+    };
+    const auto list = [&](std::initializer_list<float> parts) {
+        QStringList texts;
+        for (const float part : parts)
+            texts << number(part);
+        return QStringLiteral("[%1]").arg(texts.join(QLatin1StringView(", ")));
+    };
+    switch (value.metaType().id()) {
+    case QMetaType::UnknownType: *text = QStringLiteral("null"); return true;
+    case QMetaType::Bool: *text = value.toBool() ? QStringLiteral("true") : QStringLiteral("false"); return true;
+    case QMetaType::Int: *text = QString::number(value.toInt()); return true;
+    case QMetaType::Double: *text = QString::number(value.toDouble(), 'g', 17); return std::isfinite(value.toDouble());
+    case QMetaType::Float: *text = number(value.toFloat()); return std::isfinite(value.toFloat());
+    case QMetaType::QString: *text = quotedJson(value.toString()); return true;
+    case QMetaType::QColor: {
+        const QColor color = qvariant_cast<QColor>(value);
+        // What eight bits do not hold goes as fractions.
+        const QColor rounded(color.red(), color.green(), color.blue(), color.alpha());
+        const auto same = [](float a, float b) { return std::abs(a - b) < 1e-6f; };
+        const bool isWhole = same(color.redF(), rounded.redF()) && same(color.greenF(), rounded.greenF())
+                             && same(color.blueF(), rounded.blueF()) && same(color.alphaF(), rounded.alphaF());
+        *text = isWhole ? quotedJson(describeSlotValue(color))
+                        : list({color.redF(), color.greenF(), color.blueF(), color.alphaF()});
+        return color.isValid();
+    }
+    case QMetaType::QRect:
+    case QMetaType::QSize: *text = describeSlotValue(value); return true;
+    case QMetaType::QPoint: *text = joined({double(value.toPoint().x()), double(value.toPoint().y())}); return true;
+    case QMetaType::QVector2D: {
+        const QVector2D v = qvariant_cast<QVector2D>(value);
+        *text = list({v.x(), v.y()});
+        return true;
+    }
+    case QMetaType::QVector3D: {
+        const QVector3D v = qvariant_cast<QVector3D>(value);
+        *text = list({v.x(), v.y(), v.z()});
+        return true;
+    }
+    case QMetaType::QVector4D: {
+        const QVector4D v = qvariant_cast<QVector4D>(value);
+        *text = list({v.x(), v.y(), v.z(), v.w()});
+        return true;
+    }
+    case QMetaType::QMatrix4x4: {
+        QStringList parts;
+        const auto m = qvariant_cast<QMatrix4x4>(value);
+        for (int row = 0; row < 4; ++row)
+            for (int column = 0; column < 4; ++column)
+                parts << number(m(row, column));
+        *text = QStringLiteral("[%1]").arg(parts.join(QLatin1StringView(", ")));
+        return true;
+    }
+    case QMetaType::QVariantList: {
+        QStringList parts;
+        for (const QVariant &part : value.toList())
+            if (!slotValueToJson(part, &parts.emplace_back()))
+                return false;
+        *text = QStringLiteral("[%1]").arg(parts.join(QLatin1StringView(", ")));
+        return true;
+    }
+    default: return false;
+    }
 }
 
 QString describeSlotValue(const QVariant &value)

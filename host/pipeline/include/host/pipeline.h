@@ -21,6 +21,7 @@ class FramebufferObject;
 class GPUModel;
 class PipelinePrivate;
 class RenderCallbacks;
+struct SlotInfo;
 
 /// How long a pass took, in milliseconds, over the frames that are remembered.
 struct PassTiming
@@ -139,13 +140,18 @@ public:
     /// The full name and the default value of an input.
     bool inputSlot(const QString &pass, const QString &slot, QString *fullName, QVariant *defaultValue,
                    QString *error = nullptr) const;
+    /// What the pass says of an input: its meaning, unit, range and choices. Null for unknown names, and for slots
+    /// of which nothing is said.
+    const SlotInfo *inputInfo(const QString &pass, const QString &slot) const;
     /// "Pass.Slot" that feeds an input, "@name" for a host value, otherwise empty.
     QString source(const QString &pass, const QString &slot) const;
     /// All inputs of a pass, in the order of its slots; none for unknown names.
     QVector<PassInput> inputs(const QString &pass) const;
     /// Whether any input is bound to that host value.
     bool uses(const QString &hostValue) const;
-    /// What is likely a mistake though it runs: passes without a viewport.
+    /// What is likely a mistake though it runs: passes without a viewport, values beyond what makes sense, null
+    /// where a value belongs, files that are not there, links that nothing reads, lights and paths that no input
+    /// is bound to.
     QStringList warnings() const;
 
     // Outputs

@@ -10,7 +10,8 @@ namespace Brevane::Kvo {
 /// The name of a slot, taken apart: "Kvo_<type>_<name>".
 ///
 /// "Kvo_QList_KvoShadowMapManagerLight*_Lights" is the type "QList" of elements
-/// "KvoShadowMapManagerLight*" under the name "Lights". A name without the prefix is all name, and its
+/// "KvoShadowMapManagerLight*" under the name "Lights"; "Int_BlendMode" is an "int" under the name
+/// "BlendMode". Another name without the prefix is all name, and its
 /// type is empty: unknown.
 struct KVO_PIPELINE_EXPORT SlotName
 {

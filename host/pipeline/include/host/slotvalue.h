@@ -7,7 +7,7 @@
 
 namespace Brevane::Kvo {
 
-class RenderPass;
+struct SlotInfo;
 
 /// A value for a slot from its text, read by the type word of the slot:
 ///
@@ -24,10 +24,11 @@ class RenderPass;
 /// | QVariant, unknown       | a number, true or false, text; four numbers are a QRect              |
 ///
 /// null is an empty value for every type. Quotes around text may be left out. \a hint stands in for the
-/// type of a slot whose name has none: pass the default value of the slot. Models, textures and
+/// type of a slot whose name has none: pass the default value of the slot. \a info, where the pass says it,
+/// lets one of a number of choices go by its name ("colorDodge"). Models, textures and
 /// framebuffers have no text form. False, with the reason, for a text that does not fit.
 KVO_PIPELINE_EXPORT bool parseSlotValue(const QString &slot, const QString &text, QVariant *value, QString *error,
-                                        const QVariant &hint = QVariant());
+                                        const QVariant &hint = QVariant(), const SlotInfo *info = nullptr);
 
 /// A slot value for people: "[0, 0, 640, 480]", "#40404080", "none" …
 KVO_PIPELINE_EXPORT QString describeSlotValue(const QVariant &value);
