@@ -73,21 +73,23 @@ void drawFrame(const char *path, bool *ok)
     camera.lookAt({-2.5f, 2.2f, 4.5f}, {0, 0, 0}, {0, 1, 0});
     const QRect viewport(0, 0, kWidth, kHeight);
 
-    // One frame. Inputs and outputs are counted in the order of the tables in the headers.
+    // One frame. Each class has names for its inputs and outputs.
+    using Geometry = GBufferRenderPass;
+    using Lighting = DeferredRenderPass;
     glViewport(0, 0, kWidth, kHeight);
     shapes.start(nullptr);
-    geometry.setInput(0, viewport);
-    geometry.setInput(1, projection);
-    geometry.setInput(2, camera);
-    geometry.setInput(3, shapes.output(0));
+    geometry.setInput(Geometry::InViewport, viewport);
+    geometry.setInput(Geometry::InProjectionMatrix, projection);
+    geometry.setInput(Geometry::InCameraMatrix, camera);
+    geometry.setInput(Geometry::InGeometry, shapes.output(PrimitiveBuilderRenderPass::OutGeometry));
     geometry.start(nullptr);
-    lighting.setInput(0, viewport);
-    lighting.setInput(2, camera);
-    lighting.setInput(3, geometry.output(0)); // normals
-    lighting.setInput(5, geometry.output(2)); // depth
+    lighting.setInput(Lighting::InViewport, viewport);
+    lighting.setInput(Lighting::InCameraMatrix, camera);
+    lighting.setInput(Lighting::InNormal, geometry.output(Geometry::OutNormal));
+    lighting.setInput(Lighting::InDepth, geometry.output(Geometry::OutDepth));
     lighting.start(nullptr);
 
-    *ok = writePicture(textureFromVariant(lighting.output(0)), path);
+    *ok = writePicture(textureFromVariant(lighting.output(Lighting::OutFrame)), path);
 }
 
 } // namespace
