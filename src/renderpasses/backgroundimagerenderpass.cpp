@@ -141,7 +141,7 @@ constexpr SlotInfo kOutputInfo[] = {
      .format = "pool format 7"},
 };
 
-constexpr PassInfo kInfo = {"BackgroundImageRenderPass", "Puts a cross-fade of two image files behind a finished frame",
+constexpr PassInfo kInfo = {"BackgroundImageRenderPass", "puts a cross-fade of two image files behind a finished frame",
                             Reach::texels(0), kInputInfo, kOutputInfo};
 
 } // namespace

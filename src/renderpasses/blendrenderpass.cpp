@@ -289,7 +289,7 @@ constexpr SlotInfo kOutputInfo[] = {
      .format = "pool format 7"},
 };
 
-constexpr PassInfo kInfo = {"BlendRenderPass", "Composes two images with one of 26 blend functions", Reach::texels(0),
+constexpr PassInfo kInfo = {"BlendRenderPass", "composes two images with one of 26 blend functions", Reach::texels(0),
                             kInputInfo, kOutputInfo};
 
 } // namespace

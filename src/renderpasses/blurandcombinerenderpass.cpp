@@ -122,7 +122,7 @@ constexpr SlotInfo kOutputInfo[] = {
 };
 
 constexpr PassInfo kInfo = {"BlurAndCombineRenderPass",
-                            "Glow: keeps the bright pixels of an image, blurs them and adds them to a frame",
+                            "glow: keeps the bright pixels of an image, blurs them and adds them to a frame",
                             Reach::of("Kvo_float_BlurRadius", 2, 2), kInputInfo, kOutputInfo};
 
 } // namespace

@@ -63,7 +63,7 @@ void main()
 )");
 
 constexpr PassInfo kInfo = {"BlurBaseRenderPass",
-                            "What the separable blur passes have in common; it draws nothing itself",
+                            "what the separable blur passes have in common; it draws nothing itself",
                             Reach::texels(0),
                             {},
                             {}};

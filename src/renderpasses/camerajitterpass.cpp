@@ -58,7 +58,7 @@ constexpr SlotInfo kOutputInfo[] = {
 };
 
 constexpr PassInfo kInfo = {"CameraJitterPass",
-                            "Shifts a projection by a part of a pixel from frame to frame, for temporal antialiasing",
+                            "shifts a projection by a part of a pixel from frame to frame, for temporal antialiasing",
                             Reach::texels(0), kInputInfo, kOutputInfo};
 
 } // namespace

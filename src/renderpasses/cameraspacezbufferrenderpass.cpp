@@ -74,7 +74,7 @@ constexpr SlotInfo kOutputInfo[] = {
      .format = "pool format 6 (GL_RGBA32F)"},
 };
 
-constexpr PassInfo kInfo = {"CameraSpaceZBufferRenderPass", "Turns depth into positions in camera space",
+constexpr PassInfo kInfo = {"CameraSpaceZBufferRenderPass", "turns depth into positions in camera space",
                             Reach::texels(0), kInputInfo, kOutputInfo};
 
 } // namespace

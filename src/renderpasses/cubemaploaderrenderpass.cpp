@@ -68,7 +68,7 @@ constexpr SlotInfo kOutputInfo[] = {
      .format = "cube map, GL_RGBA with mip levels, linear filters, clamped to the edge"},
 };
 
-constexpr PassInfo kInfo = {"CubemapLoaderRenderPass", "Turns six image files into a cube map", Reach::texels(0),
+constexpr PassInfo kInfo = {"CubemapLoaderRenderPass", "turns six image files into a cube map", Reach::texels(0),
                             kInputInfo, kOutputInfo};
 
 } // namespace

@@ -95,7 +95,7 @@ constexpr SlotInfo kOutputInfo[] = {
 };
 
 constexpr PassInfo kInfo = {"DeferredRenderPass",
-                            "Shades a G-buffer with one light in the world, as a grey Lambert image", Reach::texels(0),
+                            "shades a G-buffer with one light in the world, as a grey Lambert image", Reach::texels(0),
                             kInputInfo, kOutputInfo};
 
 } // namespace

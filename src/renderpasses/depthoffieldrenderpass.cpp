@@ -284,7 +284,7 @@ constexpr SlotInfo kOutputInfo[] = {
      .format = "GL_RGBA32F, owned by the pass"},
 };
 
-constexpr PassInfo kInfo = {"DepthOfFieldRenderPass", "Blurs a frame by the circle of confusion of a thin lens",
+constexpr PassInfo kInfo = {"DepthOfFieldRenderPass", "blurs a frame by the circle of confusion of a thin lens",
                             Reach::wholeFrame(), kInputInfo, kOutputInfo};
 
 } // namespace

@@ -80,7 +80,7 @@ constexpr SlotInfo kOutputInfo[] = {
 };
 
 constexpr PassInfo kInfo = {"ForwardRenderPass",
-                            "Draws a model in one step, lit by a light that is fixed to the camera", Reach::texels(0),
+                            "draws a model in one step, lit by a light that is fixed to the camera", Reach::texels(0),
                             kInputInfo, kOutputInfo};
 
 } // namespace

@@ -56,7 +56,7 @@ constexpr SlotInfo kOutputInfo[] = {
 
 constexpr PassInfo kInfo = {
     "GaussianBlurRenderPass",
-    "Blurs an image, at a lower resolution or only where a stencil holds one material if wanted",
+    "blurs an image, at a lower resolution or only where a stencil holds one material if wanted",
     Reach::of("Kvo_float_BlurRadius", 2, 2, "Kvo_float_ResolutionDivider"), kInputInfo, kOutputInfo};
 
 } // namespace

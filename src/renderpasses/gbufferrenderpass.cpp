@@ -108,7 +108,7 @@ constexpr SlotInfo kOutputInfo[] = {
 };
 
 constexpr PassInfo kInfo = {"GBufferRenderPass",
-                            "Draws plain geometry into normal, texture coordinate, id and depth targets",
+                            "draws plain geometry into normal, texture coordinate, id and depth targets",
                             Reach::texels(0), kInputInfo, kOutputInfo};
 
 } // namespace

@@ -91,7 +91,7 @@ constexpr SlotInfo kOutputInfo[] = {
 };
 
 constexpr PassInfo kInfo = {"GradientRenderPass",
-                            "Fills a target with a vertical gradient of two colours, or with one colour",
+                            "fills a target with a vertical gradient of two colours, or with one colour",
                             Reach::texels(0), kInputInfo, kOutputInfo};
 
 } // namespace

@@ -107,7 +107,7 @@ constexpr SlotInfo kOutputInfo[] = {
 };
 
 constexpr PassInfo kInfo = {"LuminanceAverageRenderPass",
-                            "Reduces an image to its average colour and tells the host its luminance",
+                            "reduces an image to its average colour and tells the host its luminance",
                             Reach::wholeFrame(), kInputInfo, kOutputInfo};
 
 } // namespace

@@ -81,7 +81,7 @@ constexpr SlotInfo kOutputInfo[] = {
 };
 
 constexpr PassInfo kInfo = {"ModelDeferredPass",
-                            "Shades the targets of ModelRenderPass with one light that is fixed to the camera",
+                            "shades the targets of ModelRenderPass with one light that is fixed to the camera",
                             Reach::texels(0), kInputInfo, kOutputInfo};
 
 } // namespace

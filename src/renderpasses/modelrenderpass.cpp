@@ -124,7 +124,7 @@ constexpr SlotInfo kOutputInfo[] = {
      .format = "GL_R32F, colour attachment 3"},
 };
 
-constexpr PassInfo kInfo = {"ModelRenderPass", "Draws a model into the targets that deferred shading reads",
+constexpr PassInfo kInfo = {"ModelRenderPass", "draws a model into the targets that deferred shading reads",
                             Reach::texels(0), kInputInfo, kOutputInfo};
 
 } // namespace

@@ -95,7 +95,7 @@ constexpr SlotInfo kOutputInfo[] = {
 };
 
 constexpr PassInfo kInfo = {
-    "PrimitiveBuilderRenderPass", "Builds one piece of geometry of cubes and quads", Reach::texels(0), {}, kOutputInfo};
+    "PrimitiveBuilderRenderPass", "builds one piece of geometry of cubes and quads", Reach::texels(0), {}, kOutputInfo};
 
 } // namespace
 

@@ -296,7 +296,7 @@ constexpr SlotInfo kOutputInfo[] = {
 };
 
 constexpr PassInfo kInfo = {"ScalableAmbientObscuranceRenderPass",
-                            "How much of the surroundings of each pixel is hidden by geometry nearby",
+                            "how much of the surroundings of each pixel is hidden by geometry nearby",
                             Reach::wholeFrame(), kInputInfo, kOutputInfo};
 
 } // namespace

@@ -108,7 +108,7 @@ constexpr SlotInfo kInputInfo[] = {
 };
 
 constexpr PassInfo kInfo = {"ShaderRenderPass",
-                            "Runs a program of the host's, with slots that the host adds by name",
+                            "runs a program of yours over textures or geometry, with slots that you name",
                             Reach::wholeFrame(),
                             kInputInfo,
                             {}};

@@ -330,7 +330,7 @@ constexpr SlotInfo kOutputInfo[] = {
      .kind = SlotKind::Record},
 };
 
-constexpr PassInfo kInfo = {"ShadowMapRenderPass", "Draws shadow maps of all lights, in every frame", Reach::texels(0),
+constexpr PassInfo kInfo = {"ShadowMapRenderPass", "draws shadow maps of all lights, in every frame", Reach::texels(0),
                             kInputInfo, kOutputInfo};
 
 } // namespace

@@ -338,7 +338,7 @@ constexpr SlotInfo kOutputInfo[] = {
 };
 
 constexpr PassInfo kInfo = {"ShadowMapRenderPass2",
-                            "Draws shadow maps of all lights in frames that call for it, several layers at a time",
+                            "draws shadow maps of all lights in frames that call for it, several layers at a time",
                             Reach::texels(0), kInputInfo, kOutputInfo};
 
 } // namespace

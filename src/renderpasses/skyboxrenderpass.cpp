@@ -188,7 +188,7 @@ constexpr SlotInfo kOutputInfo[] = {
 };
 
 constexpr PassInfo kInfo = {"SkyboxRenderPass",
-                            "Fills what a frame does not cover with an image, a cube map or a panorama",
+                            "fills what a frame does not cover with an image, a cube map or a panorama",
                             Reach::wholeFrame(), kInputInfo, kOutputInfo};
 
 } // namespace

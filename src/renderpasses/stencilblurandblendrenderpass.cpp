@@ -85,7 +85,7 @@ constexpr SlotInfo kOutputInfo[] = {
 };
 
 constexpr PassInfo kInfo = {"StencilBlurAndBlendRenderPass",
-                            "Blurs a masked image without its surroundings bleeding in, and lays it over a frame",
+                            "blurs a masked image without its surroundings bleeding in, and lays it over a frame",
                             Reach::of("Kvo_float_BlurRadius", 2, 2), kInputInfo, kOutputInfo};
 
 } // namespace

@@ -71,7 +71,7 @@ constexpr SlotInfo kOutputInfo[] = {
      .format = "pool format 3, kept by the pass and overwritten next frame; or the frame itself"},
 };
 
-constexpr PassInfo kInfo = {"TemporalAARenderPass", "Averages the frames of a still picture", Reach::texels(1),
+constexpr PassInfo kInfo = {"TemporalAARenderPass", "averages the frames of a still picture", Reach::texels(1),
                             kInputInfo, kOutputInfo};
 
 } // namespace

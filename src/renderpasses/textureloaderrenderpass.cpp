@@ -30,7 +30,7 @@ constexpr SlotInfo kOutputInfo[] = {
      .format = "GL_RGBA with mip levels, bottom row first, GL's default filters"},
 };
 
-constexpr PassInfo kInfo = {"TextureLoaderRenderPass", "Turns an image file into a texture", Reach::texels(0),
+constexpr PassInfo kInfo = {"TextureLoaderRenderPass", "turns an image file into a texture", Reach::texels(0),
                             kInputInfo, kOutputInfo};
 
 } // namespace

@@ -189,7 +189,7 @@ constexpr SlotInfo kInputInfo[] = {
 };
 
 constexpr PassInfo kInfo = {"TextureToScreenRenderPass",
-                            "Copies a texture to a framebuffer: the last step of a frame",
+                            "copies a texture to the screen, a framebuffer or a texture: the last step of a frame",
                             Reach::wholeFrame(),
                             kInputInfo,
                             {}};

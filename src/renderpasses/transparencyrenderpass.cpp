@@ -163,7 +163,7 @@ constexpr SlotInfo kOutputInfo[] = {
      .format = "GL_DEPTH_COMPONENT32F, nearest"},
 };
 
-constexpr PassInfo kInfo = {"TransparencyRenderPass", "Weighted blended order-independent transparency of a model",
+constexpr PassInfo kInfo = {"TransparencyRenderPass", "weighted blended order-independent transparency of a model",
                             Reach::texels(0), kInputInfo, kOutputInfo};
 
 } // namespace

@@ -213,7 +213,7 @@ constexpr SlotInfo kOutputInfo[] = {
 };
 
 constexpr PassInfo kInfo = {"VisibilityBufferRenderPass",
-                            "Records every fragment of a model: the first step of exact transparency", Reach::texels(0),
+                            "records every fragment of a model: the first step of exact transparency", Reach::texels(0),
                             kInputInfo, kOutputInfo};
 
 } // namespace

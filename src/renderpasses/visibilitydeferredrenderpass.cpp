@@ -192,7 +192,7 @@ constexpr SlotInfo kOutputInfo[] = {
 };
 
 constexpr PassInfo kInfo = {"VisibilityDeferredRenderPass",
-                            "Shades sorted fragment lists: the last step of exact transparency", Reach::texels(0),
+                            "shades sorted fragment lists: the last step of exact transparency", Reach::texels(0),
                             kInputInfo, kOutputInfo};
 
 } // namespace

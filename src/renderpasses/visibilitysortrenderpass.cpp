@@ -275,7 +275,7 @@ constexpr SlotInfo kOutputInfo[] = {
 };
 
 constexpr PassInfo kInfo = {"VisibilitySortRenderPass",
-                            "Orders fragment lists by depth: the second step of exact transparency", Reach::texels(0),
+                            "orders fragment lists by depth: the second step of exact transparency", Reach::texels(0),
                             kInputInfo, kOutputInfo};
 
 } // namespace

@@ -106,7 +106,7 @@ constexpr SlotInfo kOutputInfo[] = {
      .format = "pool format 3"},
 };
 
-constexpr PassInfo kInfo = {"WireframeRenderPass", "Draws a wireframe from an id image", Reach::texels(1), kInputInfo,
+constexpr PassInfo kInfo = {"WireframeRenderPass", "draws a wireframe from an id image", Reach::texels(1), kInputInfo,
                             kOutputInfo};
 
 } // namespace

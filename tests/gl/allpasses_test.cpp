@@ -209,19 +209,19 @@ class AllPasses : public GLTest
 
 } // namespace
 
-TEST_F(AllPasses, ThereAreThirtyThreeAndEachHasOneRowAndOneHeader)
+TEST_F(AllPasses, EachHasOneRowAndOneHeader)
 {
     QSet<QString> rows;
     for (const PassRow &row : passTable())
         rows.insert(text(row.className));
-    EXPECT_EQ(int(passTable().size()), kPassClasses);
-    EXPECT_EQ(rows.size(), kPassClasses);
+    EXPECT_EQ(rows.size(), qsizetype(passTable().size()));
 
     QSet<QString> headers;
     for (const QString &file : QDir(text(KVO_SOURCE_DIR "/include/renderpasses")).entryList({text("*.h")}))
         headers.insert(file);
     EXPECT_TRUE(headers.remove(text("export.h")));
-    EXPECT_EQ(headers.size(), kPassClasses);
+    EXPECT_TRUE(headers.remove(text("passes.h")));
+    EXPECT_EQ(headers.size(), rows.size());
     for (const QString &name : rows)
         EXPECT_TRUE(headers.contains(name.toLower() + text(".h"))) << qPrintable(name);
 

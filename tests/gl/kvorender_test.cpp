@@ -182,7 +182,7 @@ TEST_F(KvoRender, TellsWhatThereIs)
         EXPECT_TRUE(outcome.out.contains(QLatin1StringView(text))) << text;
     outcome = run(words("--list GaussianBlurRenderPass"));
     EXPECT_EQ(outcome.exitCode, 0);
-    for (const char *text : {"GaussianBlurRenderPass: Blurs an image",
+    for (const char *text : {"GaussianBlurRenderPass: blurs an image",
                              "in   Kvo_float_ResolutionDivider  float        1        0.01 to 64", "0 to 511 texels",
                              "out  Kvo_KvoTexture*_Output"})
         EXPECT_TRUE(outcome.out.contains(QLatin1StringView(text))) << text << "\n" << qPrintable(outcome.out);

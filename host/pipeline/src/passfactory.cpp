@@ -3,38 +3,7 @@
 #include "host/shadowlightingpass.h"
 #include "passkit/statetable.h"
 #include "passrows.h"
-#include "renderpasses/backgroundimagerenderpass.h"
-#include "renderpasses/blendrenderpass.h"
-#include "renderpasses/blurandcombinerenderpass.h"
-#include "renderpasses/camerajitterpass.h"
-#include "renderpasses/cameraspacezbufferrenderpass.h"
-#include "renderpasses/cubemaploaderrenderpass.h"
-#include "renderpasses/deferredrenderpass.h"
-#include "renderpasses/depthoffieldrenderpass.h"
-#include "renderpasses/fastapproximateantialiasingrenderpass.h"
-#include "renderpasses/forwardrenderpass.h"
-#include "renderpasses/gaussianblurrenderpass.h"
-#include "renderpasses/gbufferrenderpass.h"
-#include "renderpasses/gradientrenderpass.h"
-#include "renderpasses/luminanceaveragerenderpass.h"
-#include "renderpasses/modeldeferredpass.h"
-#include "renderpasses/modelrenderpass.h"
-#include "renderpasses/primitivebuilderrenderpass.h"
-#include "renderpasses/scalableambientobscurancerenderpass.h"
-#include "renderpasses/shaderrenderpass.h"
-#include "renderpasses/shadowmaprenderpass.h"
-#include "renderpasses/shadowmaprenderpass2.h"
-#include "renderpasses/skyboxrenderpass.h"
-#include "renderpasses/smaarenderpass.h"
-#include "renderpasses/stencilblurandblendrenderpass.h"
-#include "renderpasses/temporalaarenderpass.h"
-#include "renderpasses/textureloaderrenderpass.h"
-#include "renderpasses/texturetoscreenrenderpass.h"
-#include "renderpasses/transparencyrenderpass.h"
-#include "renderpasses/visibilitybufferrenderpass.h"
-#include "renderpasses/visibilitydeferredrenderpass.h"
-#include "renderpasses/visibilitysortrenderpass.h"
-#include "renderpasses/wireframerenderpass.h"
+#include "renderpasses/passes.h"
 
 #include <typeinfo>
 
@@ -67,42 +36,15 @@ constexpr Entry entry(const char *className)
     return {className, makePass<Pass>, isExactly<Pass>};
 }
 
-// A new pass takes an include above and a line here.
+// All that a pipeline can run: the passes of the library but the base that others derive from, and the host's own.
 constexpr Entry kPasses[] = {
-    entry<BackgroundImageRenderPass>("BackgroundImageRenderPass"),
-    entry<BlendRenderPass>("BlendRenderPass"),
-    entry<BlurAndCombineRenderPass>("BlurAndCombineRenderPass"),
-    entry<CameraJitterPass>("CameraJitterPass"),
-    entry<CameraSpaceZBufferRenderPass>("CameraSpaceZBufferRenderPass"),
-    entry<DeferredRenderPass>("DeferredRenderPass"),
-    entry<CubemapLoaderRenderPass>("CubemapLoaderRenderPass"),
-    entry<DepthOfFieldRenderPass>("DepthOfFieldRenderPass"),
-    entry<FastApproximateAntiAliasingRenderPass>("FastApproximateAntiAliasingRenderPass"),
-    entry<ForwardRenderPass>("ForwardRenderPass"),
-    entry<GBufferRenderPass>("GBufferRenderPass"),
-    entry<GaussianBlurRenderPass>("GaussianBlurRenderPass"),
-    entry<GradientRenderPass>("GradientRenderPass"),
-    entry<LuminanceAverageRenderPass>("LuminanceAverageRenderPass"),
-    entry<ModelDeferredPass>("ModelDeferredPass"),
-    entry<ModelRenderPass>("ModelRenderPass"),
-    entry<PrimitiveBuilderRenderPass>("PrimitiveBuilderRenderPass"),
-    entry<ScalableAmbientObscuranceRenderPass>("ScalableAmbientObscuranceRenderPass"),
-    entry<SMAARenderPass>("SMAARenderPass"),
-    entry<ShaderRenderPass>("ShaderRenderPass"),
-    entry<ShadowLightingPass>("ShadowLightingPass"),
-    entry<ShadowMapRenderPass>("ShadowMapRenderPass"),
-    entry<ShadowMapRenderPass2>("ShadowMapRenderPass2"),
-    entry<SkyboxRenderPass>("SkyboxRenderPass"),
-    entry<StencilBlurAndBlendRenderPass>("StencilBlurAndBlendRenderPass"),
-    entry<TemporalAARenderPass>("TemporalAARenderPass"),
-    entry<TextureLoaderRenderPass>("TextureLoaderRenderPass"),
-    entry<TextureToScreenRenderPass>("TextureToScreenRenderPass"),
-    entry<TransparencyRenderPass>("TransparencyRenderPass"),
-    entry<VisibilityBufferRenderPass>("VisibilityBufferRenderPass"),
-    entry<VisibilityDeferredRenderPass>("VisibilityDeferredRenderPass"),
-    entry<VisibilitySortRenderPass>("VisibilitySortRenderPass"),
-    entry<WireframeRenderPass>("WireframeRenderPass"),
+#define KVO_ENTRY(Pass) entry<Pass>(#Pass),
+    KVO_EVERY_PASS(KVO_ENTRY)
+#undef KVO_ENTRY
+        entry<ShadowLightingPass>("ShadowLightingPass"),
 };
+
+constexpr const char *kOnlyToDeriveFrom = "BlurBaseRenderPass";
 
 // Adds a slot, by its name, to a pass whose slots the host names.
 template <bool isInput>
@@ -176,8 +118,10 @@ PassFactory &passFactory()
 
 PassFactory::PassFactory()
 {
-    for (const Entry &entry : kPasses)
-        add(QLatin1StringView(entry.className), entry.maker);
+    for (const Entry &entry : kPasses) {
+        if (qstrcmp(entry.className, kOnlyToDeriveFrom) != 0)
+            add(QLatin1StringView(entry.className), entry.maker);
+    }
     addOperations();
 }
 

@@ -109,7 +109,7 @@ constexpr SlotInfo kOutputInfo[] = {
      .format = "pool format 3"},
 };
 
-constexpr PassInfo kInfo = {"ShadowLightingPass", "Lights what ModelRenderPass drew with the lights of a shadow pass",
+constexpr PassInfo kInfo = {"ShadowLightingPass", "lights what ModelRenderPass drew with the lights of a shadow pass",
                             Reach::texels(0), kInputInfo, kOutputInfo};
 
 } // namespace
