@@ -349,6 +349,23 @@ TEST(PipelineFile, NamesAFileThatCannotBeRead)
     EXPECT_TRUE(errors[0].startsWith(s("cannot read pipeline '/no/such/file.json': "))) << qPrintable(errors[0]);
 }
 
+TEST(PipelineFile, MayHaveComments)
+{
+    Pipeline pipeline;
+    EXPECT_EQ(load(R"(// A file
+{ /* of one
+     pass */ "passes": [ // here
+    { "name": "A//B", "class" /**/ : "GradientRenderPass" } /* "x": [ */ ] } // done)",
+                   &pipeline),
+              QStringList{s("test.json:4: 'A//B' is no name for a pass: use letters, digits, '_' and '-'")});
+    EXPECT_EQ(errorsOf("{ /* one\ntwo\nthree */ \"pases\": [] }")[0],
+              s("test.json:3: a pipeline has no \"pases\"; did you mean 'passes'?"));
+    EXPECT_EQ(errorsOf("{ \"passes\": [\n /* open"), QStringList{s("test.json:2: a comment without its closing '*/'")});
+    EXPECT_EQ(errorsOf("{ \"passes\": [] } /* open"),
+              QStringList{s("test.json:1: a comment without its closing '*/'")});
+    EXPECT_EQ(errorsOf("{ / }").size(), 1);
+}
+
 TEST(PipelineFile, TakesChoicesByName)
 {
     Pipeline pipeline;

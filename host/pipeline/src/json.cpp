@@ -4,7 +4,9 @@
 
 #include <cmath>
 
-// QJsonDocument tells no lines of values, which is what a message about a wrong slot name needs.
+// QJsonDocument tells no lines of values, which is what a message about a wrong slot name needs. The libraries that
+// tell where a value stands keep members in a map: they forget the order of the inputs of a file, which savePipeline
+// keeps, know no place of a name, and of a name that stands twice only the last value. So this parser stays.
 
 namespace Brevane::Kvo {
 
@@ -23,7 +25,7 @@ public:
         if (!value(result, 0))
             return false;
         skipSpace();
-        return atEnd() || fail(QStringLiteral("text after the end of the document"));
+        return (atEnd() || fail(QStringLiteral("text after the end of the document"))) && _error.isEmpty();
     }
 
     int line() const { return _line; }
@@ -57,15 +59,38 @@ private:
         return true;
     }
 
+    bool startsWith(QLatin1StringView text) const { return QStringView(_text).mid(_at, text.size()) == text; }
+
     void skipSpace()
     {
         for (; !atEnd(); ++_at) {
             const char16_t c = _text[_at].unicode();
             if (c == u'\n')
                 ++_line;
+            else if (startsWith(QLatin1StringView("//")) || startsWith(QLatin1StringView("/*")))
+                skipComment();
             else if (c != u' ' && c != u'\t' && c != u'\r')
                 return;
         }
+    }
+
+    // To its last character.
+    void skipComment()
+    {
+        const bool isLine = startsWith(QLatin1StringView("//"));
+        const qsizetype end =
+            isLine ? _text.indexOf(QLatin1Char('\n'), _at) - 1 : _text.indexOf(QLatin1StringView("*/"), _at + 2) + 1;
+        if (isLine) {
+            _at = end < 0 ? _text.size() - 1 : end;
+            return;
+        }
+        if (end <= 0) {
+            fail(QStringLiteral("a comment without its closing '*/'"));
+            _at = _text.size() - 1;
+            return;
+        }
+        _line += int(QStringView(_text).mid(_at, end - _at).count(QLatin1Char('\n')));
+        _at = end;
     }
 
     bool value(Json *result, int depth)
@@ -73,6 +98,14 @@ private:
         if (depth > kMaxDepth)
             return fail(QStringLiteral("nested more than %1 deep").arg(kMaxDepth));
         result->line = _line;
+        result->from = _at;
+        const bool ok = valueOfAnyType(result, depth);
+        result->to = _at;
+        return ok;
+    }
+
+    bool valueOfAnyType(Json *result, int depth)
+    {
         switch (peek().unicode()) {
         case u'{': return object(result, depth);
         case u'[': return array(result, depth);
@@ -96,6 +129,7 @@ private:
         while (true) {
             Json::Member member;
             member.line = _line;
+            member.from = _at;
             if (peek() != QLatin1Char('"'))
                 return fail(QStringLiteral("expected a name in double quotes, found %1").arg(found()));
             if (!string(&member.key))

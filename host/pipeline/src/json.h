@@ -8,7 +8,7 @@
 
 namespace Brevane::Kvo {
 
-/// A JSON value that remembers the line it stands on.
+/// A JSON value that remembers where it stands. Comments, // to the end of a line and /* */, count as space.
 struct Json
 {
     enum class Type { Null, Bool, Number, String, Array, Object };
@@ -16,6 +16,8 @@ struct Json
 
     Type type = Type::Null;
     int line = 1;
+    qsizetype from = 0; ///< Of its first character in the text.
+    qsizetype to = 0; ///< Behind its last one.
     bool boolean = false;
     double number = 0.0;
     QString string;
@@ -32,7 +34,7 @@ struct Json
     /// "a number", "a string" … for messages.
     QString describe() const;
 
-    /// Parses a whole text. On failure gives false, with the line and the reason.
+    /// Parses a whole text; places are counted in the text as QString. On failure gives false, with the line and the reason.
     static bool parse(const QByteArray &text, Json *result, int *errorLine, QString *error);
 };
 
@@ -40,6 +42,7 @@ struct Json::Member
 {
     QString key;
     int line = 1;
+    qsizetype from = 0; ///< Of the key.
     Json value;
 };
 

@@ -148,6 +148,12 @@ bool Pipeline::setClearColor(const QString &pass, const QColor &color, QString *
     return true;
 }
 
+QColor Pipeline::clearColor(const QString &pass) const
+{
+    const Node *node = d->graph.find(pass);
+    return node ? node->clearColor : QColor();
+}
+
 bool Pipeline::rename(const QString &name, const QString &newName, QString *error)
 {
     Node *node = d->graph.find(name, error);

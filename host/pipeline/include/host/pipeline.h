@@ -102,6 +102,8 @@ public:
     /// Sets GL's clear colour to this right before the pass starts, for passes that clear to what is
     /// current. An invalid colour takes the setting back, to GL's default of transparent black.
     bool setClearColor(const QString &pass, const QColor &color, QString *error = nullptr);
+    /// What was set; invalid: GL's default.
+    QColor clearColor(const QString &pass) const;
     /// Puts another pass in the place of one, with all links and values. Fails when the new pass lacks a
     /// slot that is in use.
     bool replace(const QString &name, std::unique_ptr<RenderPass> pass, QString *error = nullptr);

@@ -53,6 +53,9 @@ struct PipelineFileInfo
 ///
 /// Types are directional, spot and point; the other members are those of ShadowMapLight.
 ///
+/// Comments may stand where space may: // to the end of the line, and /* */. A member "$schema" is for editors (see
+/// pipelineSchema).
+///
 /// Passes of \a pipeline stay, so that files can be added to one
 /// another.
 ///
@@ -62,6 +65,16 @@ KVO_PIPELINE_EXPORT bool loadPipeline(const QString &path, Pipeline *pipeline, Q
 /// The same from a text; \a fileName stands in messages.
 KVO_PIPELINE_EXPORT bool loadPipelineText(const QByteArray &text, const QString &fileName, Pipeline *pipeline,
                                           QStringList *errors);
+
+/// Writes a pipeline to a file, so that loadPipeline gives the same one. What stands in the file at \a path already, or
+/// in \a original, the text that the pipeline was loaded from, keeps its place, its comments and its way of writing:
+/// only what differs is changed, inputs and passes that are new come behind the others, and those that are gone are
+/// taken out. Calls and lights stay as they are there.
+///
+/// False, with a line for each reason and the file as it was, when something has no text: a pass that was added as
+/// an object, one of a class with calls that the file does not have yet, a value that is a pointer.
+KVO_PIPELINE_EXPORT bool savePipeline(const Pipeline &pipeline, const QString &path, QStringList *errors,
+                                      const QByteArray &original = {});
 
 /// Folders where pipelines are looked for by name: those given, then share/kvo/pipelines of the
 /// installation that the program belongs to, then the source tree that this library was built from.
