@@ -2,6 +2,13 @@
 
 file(GLOB host_includes CONFIGURE_DEPENDS LIST_DIRECTORIES true ${PROJECT_SOURCE_DIR}/host/*/include)
 list(TRANSFORM host_includes APPEND / OUTPUT_VARIABLE host_contents)
+# Headers of toolkits that this build leaves out stay out of the installation.
+foreach(toolkit Widgets Quick Vtk)
+  if(NOT TARGET Kvo${toolkit})
+    string(TOLOWER ${toolkit} folder)
+    list(REMOVE_ITEM host_contents ${PROJECT_SOURCE_DIR}/host/${folder}/include/)
+  endif()
+endforeach()
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ ${host_contents}
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kvo
   FILES_MATCHING PATTERN "*.h")
@@ -34,6 +41,11 @@ endif()
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/Kvo)
 install(EXPORT KvoTargets NAMESPACE Kvo:: DESTINATION ${package_dir})
+foreach(toolkit Widgets Quick Vtk)
+  if(TARGET Kvo${toolkit})
+    install(EXPORT Kvo${toolkit}Targets NAMESPACE Kvo:: DESTINATION ${package_dir})
+  endif()
+endforeach()
 configure_package_config_file(
   ${PROJECT_SOURCE_DIR}/cmake/KvoConfig.cmake.in ${PROJECT_BINARY_DIR}/KvoConfig.cmake
   INSTALL_DESTINATION ${package_dir}
@@ -56,13 +68,18 @@ kvo_pkg_config(kvo-pipeline "Chains of Kvo render passes, from code and from fil
 kvo_pkg_config(kvo-images "Pictures and values of Kvo's textures" kvo-passes -lKvoImages)
 kvo_pkg_config(kvo-scene "Models and cameras for Kvo render passes" "kvo-pipeline, kvo-images" -lKvoScene)
 kvo_pkg_config(kvo-headless "OpenGL without a window for Kvo render passes" kvo-images -lKvoHeadless)
+if(TARGET KvoWidgets)
+  kvo_pkg_config(kvo-widgets "A viewport for Qt's widgets" "kvo-scene, Qt6OpenGLWidgets >= 6.4" -lKvoWidgets)
+endif()
 kvo_pkg_config(kvo "${PROJECT_DESCRIPTION}" "kvo-pipeline, kvo-images, kvo-scene, kvo-headless" "")
 
 # One source per public header, which includes nothing else. A GL header that came along would show in
-# GL_VERSION_1_1, which all of them define.
+# GL_VERSION_1_1, which all of them define. Those for toolkits bring what their toolkit's headers do, and are the first
+# that their sources include.
 if(KVO_BUILD_TESTS)
   file(GLOB_RECURSE public_headers CONFIGURE_DEPENDS
     ${PROJECT_SOURCE_DIR}/include/*.h ${PROJECT_SOURCE_DIR}/host/*/include/*.h)
+  list(FILTER public_headers EXCLUDE REGEX "/host/(widgets|quick|vtk)/")
   set(check_sources)
   foreach(header IN LISTS public_headers)
     string(REGEX REPLACE "^.*/include/" "" name ${header})

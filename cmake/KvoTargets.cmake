@@ -13,10 +13,14 @@ if(KVO_SANITIZE)
 endif()
 
 # kvo_library(Core HEADERS … SOURCES … LINK … PRIVATE_LINK …)
-# makes the shared library KvoCore with the alias Kvo::Core and its install rules.
+# makes the shared library KvoCore with the alias Kvo::Core and its install rules. EXPORT names another file of targets
+# than KvoTargets, for libraries that need what others do not.
 function(kvo_library name)
-  cmake_parse_arguments(ARG "" "" "HEADERS;SOURCES;LINK;PRIVATE_LINK" ${ARGN})
+  cmake_parse_arguments(ARG "" "EXPORT" "HEADERS;SOURCES;LINK;PRIVATE_LINK" ${ARGN})
   set(target Kvo${name})
+  if(NOT ARG_EXPORT)
+    set(ARG_EXPORT KvoTargets)
+  endif()
   add_library(${target} SHARED ${ARG_SOURCES} ${ARG_HEADERS})
   add_library(Kvo::${name} ALIAS ${target})
   target_link_libraries(${target} PUBLIC ${ARG_LINK} PRIVATE ${ARG_PRIVATE_LINK} $<BUILD_INTERFACE:kvo_options>)
@@ -26,7 +30,7 @@ function(kvo_library name)
     VERSION ${PROJECT_VERSION}
     SOVERSION ${PROJECT_VERSION_MAJOR}
     INSTALL_RPATH "\$ORIGIN")
-  install(TARGETS ${target} EXPORT KvoTargets
+  install(TARGETS ${target} EXPORT ${ARG_EXPORT}
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kvo)
 endfunction()

@@ -4,6 +4,7 @@
 #include "gl/attributelocations.h"
 #include "gl/bufferobject.h"
 #include "gl/glinfo.h"
+#include "gl/shaderfailurelistener.h"
 #include "gl/shadermessages.h"
 #include "gl/shaderprogram_p.h"
 #include "gl/texturemanager.h"
@@ -172,10 +173,13 @@ void ShaderProgramPrivate::deleteShaders()
 
 void ShaderProgramPrivate::fail(bool whileLinking)
 {
-    if (const auto &handler = failureHandler(); handler && !mayFail) {
-        const HostCode hostCode;
-        handler({label, log, whileLinking});
-    }
+    if (mayFail)
+        return;
+    const HostCode hostCode;
+    const ShaderFailure failure{label, log, whileLinking};
+    if (const auto &handler = failureHandler())
+        handler(failure);
+    ShaderFailureListener::tell(failure);
 }
 
 const LinkedProgram::Uniform *ShaderProgramPrivate::findUniform(const QString &uniformName) const

@@ -1,13 +1,13 @@
 #include "gl/shaderprogram.h"
 #include "host/isolatedimport.h"
 #include "host/pipelinefile.h"
+#include "host/viewportwidget.h"
 #include "messages.h"
 #include "options.h"
 #include "scenesettings.h"
 #include "window.h"
 
 #include <QApplication>
-#include <QSurfaceFormat>
 
 #include <limits>
 
@@ -29,8 +29,9 @@ std::optional<ExitCode> readOptions(Settings *settings)
 {
     Options options(
         u"Usage: kvoview [MODEL] [options]\n\nShows a 3D model through a pipeline of passes in a window.\n\n"
-        u"Drag turns, right drag moves, the wheel zooms, a double click shows all. The pipeline is\n"
-        u"read again when its file changes."_s,
+        u"Drag turns, right drag moves, the wheel zooms to the cursor, a click selects, a double click\n"
+        u"shows all, 1, 3, 7 and 0 are standard views, 5 switches perspective. The pipeline is read\n"
+        u"again when its file changes."_s,
         u"a model file: glTF, OBJ, FBX, Collada, STL, PLY, 3DS and more"_s);
     options.section(u"What to show"_s);
     addPipelineOptions(&options, &settings->pipelines, false);
@@ -75,10 +76,7 @@ std::optional<ExitCode> readModel(const Settings &settings, ModelData *data)
 
 int main(int argc, char **argv)
 {
-    QSurfaceFormat format;
-    format.setVersion(4, 5); // the nearest that the driver has comes
-    format.setProfile(QSurfaceFormat::CoreProfile);
-    QSurfaceFormat::setDefaultFormat(format);
+    ViewportWidget::setDefaultFormat();
     const QApplication application(argc, argv);
     startMessages(u"kvoview"_s);
     ShaderProgram::setFailureHandler([](const ShaderFailure &failure) {

@@ -1,8 +1,9 @@
 #include "window.h"
 
+#include "host/pipeline.h"
 #include "host/pipelinefile.h"
+#include "host/viewportwidget.h"
 #include "messages.h"
-#include "view.h"
 
 #include <QComboBox>
 #include <QCoreApplication>
@@ -13,9 +14,13 @@
 using namespace Brevane::Kvo;
 using namespace Qt::StringLiterals;
 
-Window::Window(const ModelData &model, const QStringList &searchPath) : _view(new View(model)), _choice(new QComboBox)
+Window::Window(const ModelData &model, const QStringList &searchPath)
+    : _view(new ViewportWidget), _choice(new QComboBox)
 {
     setCentralWidget(_view);
+    _view->setMinimumSize(160, 90);
+    _view->setModel(model);
+    _view->setTimingEnabled(true);
     _choice->setFocusPolicy(Qt::NoFocus);
     for (const PipelineFileInfo &info : listPipelines(searchPath)) {
         _choice->addItem(info.name, info.path);
@@ -26,14 +31,17 @@ Window::Window(const ModelData &model, const QStringList &searchPath) : _view(ne
     bar->addWidget(_choice);
     connect(_choice, &QComboBox::currentIndexChanged, this,
             [this](int index) { load(_choice->itemData(index).toString()); });
-    connect(&_watcher, &QFileSystemWatcher::fileChanged, this, [this](const QString &path) { load(path); });
-    _view->setFrameHandler([this](const QString &problem) { afterFrame(problem); });
+    connect(_view, &ViewportWidget::pipelineReloaded, this, &Window::report);
+    connect(_view, &ViewportWidget::errorsChanged, this, &Window::fail);
+    connect(_view, &ViewportWidget::faultsChanged, this, &Window::fail);
+    connect(_view, &ViewportWidget::frameDrawn, this, &Window::afterFrame);
     resize(1280, 800);
 }
 
+// What the view says at its end is not for a window that is half gone.
 Window::~Window()
 {
-    _view->setFrameHandler({});
+    _view->disconnect(this);
 }
 
 bool Window::open(const QString &path, const QString &name)
@@ -49,25 +57,27 @@ bool Window::open(const QString &path, const QString &name)
 
 bool Window::load(const QString &path)
 {
-    _mistakes.clear();
-    if (!_view->setPipeline(path, &_mistakes)) {
-        for (const QString &line : std::as_const(_mistakes))
-            complain(line);
-        statusBar()->showMessage(_mistakes.value(0));
-    }
-    // Editors replace files, and a file that was replaced is no longer watched.
-    if (!_watcher.files().isEmpty())
-        _watcher.removePaths(_watcher.files());
-    _watcher.addPath(path);
+    QStringList mistakes;
+    _view->setPipelineFile(path, &mistakes);
+    report(mistakes);
     setWindowTitle(u"%1 – kvoview"_s.arg(_choice->currentText()));
-    return _mistakes.isEmpty();
+    return mistakes.isEmpty();
+}
+
+void Window::report(const QStringList &mistakes)
+{
+    _mistakes = mistakes;
+    for (const QString &line : mistakes)
+        complain(line);
+    statusBar()->showMessage(mistakes.value(0));
 }
 
 void Window::run(int frames)
 {
     _lastFrame = frames;
     show();
-    _view->setRunning(true);
+    // For so many frames to come, something has to change in each.
+    _view->setRunning(frames > 0);
 }
 
 bool Window::grab(const QString &file)
@@ -75,18 +85,34 @@ bool Window::grab(const QString &file)
     return _view->grabFramebuffer().save(file);
 }
 
-void Window::afterFrame(const QString &problem)
+void Window::fail(const QStringList &problems)
 {
-    if (!problem.isEmpty()) {
-        statusBar()->showMessage(problem.section(u'\n', 0, 0));
-        if (problem != _problem)
-            complain(problem);
-        _problem = problem;
-        _failed = true;
-    } else if (_mistakes.isEmpty()) {
-        statusBar()->showMessage(_view->times());
+    if (problems.isEmpty())
+        return;
+    complain(problems.join(u'\n'));
+    _mistakes = problems;
+    statusBar()->showMessage(problems.first());
+    _failed = true;
+}
+
+QString Window::times() const
+{
+    double gpu = 0.0;
+    double cpu = 0.0;
+    if (Pipeline *pipeline = _view->pipeline()) {
+        for (const PassTiming &timing : pipeline->timings()) {
+            gpu += timing.gpuMedian;
+            cpu += timing.cpuMedian;
+        }
     }
-    if (_lastFrame > 0 && _view->frameCount() == _lastFrame)
+    return u"GPU %1 ms, CPU %2 ms"_s.arg(gpu, 0, 'f', 2).arg(cpu, 0, 'f', 2);
+}
+
+void Window::afterFrame(int number)
+{
+    if (_mistakes.isEmpty())
+        statusBar()->showMessage(times());
+    if (_lastFrame > 0 && number == _lastFrame)
         QMetaObject::invokeMethod(
             this, [] { QCoreApplication::quit(); }, Qt::QueuedConnection);
 }

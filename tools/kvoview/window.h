@@ -2,13 +2,15 @@
 
 #include "host/sceneimport.h"
 
-#include <QFileSystemWatcher>
 #include <QMainWindow>
 #include <QString>
 #include <QStringList>
 
 class QComboBox;
-class View;
+
+namespace Brevane::Kvo {
+class ViewportWidget;
+}
 
 /// A view of a model, and the pipelines to see it through. A pipeline's file is read again when it changes.
 class Window : public QMainWindow
@@ -29,13 +31,14 @@ public:
 
 private:
     bool load(const QString &path);
-    void afterFrame(const QString &problem);
+    void report(const QStringList &mistakes);
+    void fail(const QStringList &problems);
+    void afterFrame(int number);
+    QString times() const;
 
-    View *_view;
+    Brevane::Kvo::ViewportWidget *_view;
     QComboBox *_choice;
-    QFileSystemWatcher _watcher;
     QStringList _mistakes; ///< In the file of the pipeline.
-    QString _problem; ///< Of the frames, printed once.
     int _lastFrame = 0; ///< 0: none.
     bool _failed = false;
 };

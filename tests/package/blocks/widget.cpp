@@ -1,6 +1,8 @@
 #include "gl/framebufferobject.h"
 #include "host/pipeline.h"
 
+#include <QSize>
+
 #include <memory>
 
 using namespace Brevane::Kvo;
@@ -11,8 +13,7 @@ struct Widget
     virtual ~Widget() = default;
     virtual void paintGL() = 0;
     unsigned int defaultFramebufferObject() const { return 1; }
-    int width() const { return 1280; }
-    int height() const { return 720; }
+    QSize size() const { return QSize(1280, 720); }
     int devicePixelRatio() const { return 1; }
 };
 

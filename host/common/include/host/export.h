@@ -27,3 +27,21 @@
 #else
 #define KVO_HEADLESS_EXPORT Q_DECL_IMPORT
 #endif
+
+#if defined(KvoWidgets_EXPORTS)
+#define KVO_WIDGETS_EXPORT Q_DECL_EXPORT
+#else
+#define KVO_WIDGETS_EXPORT Q_DECL_IMPORT
+#endif
+
+#if defined(KvoQuick_EXPORTS)
+#define KVO_QUICK_EXPORT Q_DECL_EXPORT
+#else
+#define KVO_QUICK_EXPORT Q_DECL_IMPORT
+#endif
+
+#if defined(KvoVtk_EXPORTS)
+#define KVO_VTK_EXPORT Q_DECL_EXPORT
+#else
+#define KVO_VTK_EXPORT Q_DECL_IMPORT
+#endif

@@ -16,7 +16,7 @@ class Texture;
 
 /// A framebuffer that stands for the window where there is none: 8-bit colour with alpha, depth and
 /// stencil. Belongs to the context that is current at resize; destroy it before that context.
-class KVO_HEADLESS_EXPORT ScreenTarget
+class KVO_IMAGES_EXPORT ScreenTarget
 {
 public:
     ScreenTarget();

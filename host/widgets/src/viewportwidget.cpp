@@ -1,0 +1,574 @@
+#include "host/viewportwidget.h"
+
+#include "filewatch.h"
+#include "gl/framebufferobject.h"
+#include "host/pipeline.h"
+#include "host/viewportrenderer.h"
+
+#include <QApplication>
+#include <QMouseEvent>
+#include <QNativeGestureEvent>
+#include <QOffscreenSurface>
+#include <QOpenGLContext>
+#include <QPointingDevice>
+#include <QRubberBand>
+#include <QSurfaceFormat>
+#include <QTouchEvent>
+#include <QWheelEvent>
+
+#include <algorithm>
+#include <cmath>
+#include <optional>
+
+namespace Brevane::Kvo {
+
+namespace {
+
+constexpr float kDegreesPerUnit = 0.4f;
+constexpr double kZoomPerStep = 1.15; // a step of a wheel has 120 eighths of a degree
+constexpr double kStep = 120.0;
+constexpr float kUsualAspect = 16.0f / 9.0f;
+
+/// The widget's context, unless it is current anyway, as in paintGL.
+class Current
+{
+public:
+    explicit Current(QOpenGLWidget *widget)
+        : _widget(widget->isValid() && QOpenGLContext::currentContext() != widget->context() ? widget : nullptr)
+    {
+        if (_widget)
+            _widget->makeCurrent();
+    }
+    ~Current()
+    {
+        if (_widget)
+            _widget->doneCurrent();
+    }
+    Current(const Current &) = delete;
+    Current &operator=(const Current &) = delete;
+
+private:
+    QOpenGLWidget *_widget;
+};
+
+} // namespace
+
+class ViewportWidgetPrivate
+{
+public:
+    enum class Drag { None, Orbit, Pan, Area };
+
+    explicit ViewportWidgetPrivate(ViewportWidget *widget) : q(widget) {}
+
+    QSize pixels() const { return q->size() * q->devicePixelRatio(); }
+    QPoint pixelAt(const QPointF &position) const
+    {
+        const double ratio = q->devicePixelRatio();
+        return {int(std::floor(position.x() * ratio)), int(std::floor(position.y() * ratio))};
+    }
+    float aspect() const { return q->height() > 0 ? float(q->width()) / float(q->height()) : kUsualAspect; }
+    void fitIfDue();
+    /// The surface under the cursor, which the hand has hold of.
+    std::optional<QVector3D> surfaceAt(const QPointF &position);
+    void report(const ViewportFrame &frame);
+
+    ViewportWidget *q;
+    ViewportRenderer renderer;
+    FileWatch watch;
+    bool isRunning = false;
+    bool isSelecting = true;
+    bool isFitDue = true;
+    bool isTargetNew = true;
+    int frames = 0;
+    QStringList errors;
+    QStringList faults;
+
+    Drag drag = Drag::None;
+    bool isClick = false;
+    QPointF pressed;
+    QPointF last;
+    std::optional<QVector3D> held; ///< What a drag pans, or a wheel zooms to.
+    std::optional<QPointF> zoomedAt; ///< Where the wheel was turned last.
+    std::unique_ptr<QRubberBand> band;
+    QPointF touchCentre;
+    double touchSpread = 0.0;
+    qsizetype touches = 0;
+};
+
+void ViewportWidgetPrivate::fitIfDue()
+{
+    if (!std::exchange(isFitDue, false))
+        return;
+    OrbitCamera camera = renderer.camera();
+    camera.setScene(renderer.bounds());
+    camera.fit(aspect());
+    renderer.setCamera(camera);
+}
+
+std::optional<QVector3D> ViewportWidgetPrivate::surfaceAt(const QPointF &position)
+{
+    const Current current(q);
+    const Pick pick = renderer.pick(pixelAt(position), pixels());
+    return pick.isHit() ? std::optional(pick.position) : std::nullopt;
+}
+
+void ViewportWidgetPrivate::report(const ViewportFrame &frame)
+{
+    if (frame.errors != errors)
+        Q_EMIT q->errorsChanged(errors = frame.errors);
+    if (frame.faults != faults)
+        Q_EMIT q->faultsChanged(faults = frame.faults);
+    for (const QString &failure : frame.shaderFailures)
+        Q_EMIT q->shaderFailed(failure);
+    if (frame.isDrawn)
+        Q_EMIT q->frameDrawn(frames);
+}
+
+ViewportWidget::ViewportWidget(QWidget *parent)
+    : QOpenGLWidget(parent), d(std::make_unique<ViewportWidgetPrivate>(this))
+{
+    setFocusPolicy(Qt::StrongFocus);
+    setAttribute(Qt::WA_AcceptTouchEvents);
+    // What was drawn stays, so that a paint event without a change costs nothing.
+    setUpdateBehavior(PartialUpdate);
+    resize(960, 600);
+    d->watch.setHandler([this] {
+        QStringList mistakes;
+        {
+            const Current current(this);
+            d->renderer.reload(&mistakes);
+        }
+        update();
+        Q_EMIT pipelineReloaded(mistakes);
+    });
+}
+
+ViewportWidget::~ViewportWidget()
+{
+    // The context outlives this part of the widget.
+    if (context())
+        context()->disconnect(this);
+    const Current current(this);
+    d->renderer.releaseContext();
+    d.reset();
+}
+
+void ViewportWidget::setDefaultFormat()
+{
+    QSurfaceFormat format = QSurfaceFormat::defaultFormat();
+    format.setVersion(4, 5); // the nearest that the driver has comes
+    format.setProfile(QSurfaceFormat::CoreProfile);
+    format.setDepthBufferSize(24);
+    format.setStencilBufferSize(8);
+    QSurfaceFormat::setDefaultFormat(format);
+}
+
+void ViewportWidget::setModel(const ModelData &model)
+{
+    const Current current(this);
+    d->renderer.setModel(model);
+    d->isFitDue = true;
+    update();
+}
+
+void ViewportWidget::setModel(GPUModel *model, GPUModel *opaque)
+{
+    const Current current(this);
+    d->renderer.setModel(model, opaque);
+    d->isFitDue = true;
+    update();
+}
+
+bool ViewportWidget::setPipelineFile(const QString &nameOrPath, QStringList *errors)
+{
+    {
+        // Some passes look at the context when they are made; a widget that was not shown has none yet.
+        QOffscreenSurface surface;
+        QOpenGLContext trial;
+        if (!isValid()) {
+            surface.create();
+            trial.create() && trial.makeCurrent(&surface);
+        }
+        const Current current(this);
+        if (!d->renderer.setPipelineFile(nameOrPath, errors))
+            return false;
+    }
+    d->watch.setFile(d->renderer.pipelineFile());
+    update();
+    return true;
+}
+
+QString ViewportWidget::pipelineFile() const
+{
+    return d->renderer.pipelineFile();
+}
+
+void ViewportWidget::setPipeline(std::unique_ptr<Pipeline> pipeline)
+{
+    const Current current(this);
+    d->watch.setFile(QString());
+    d->renderer.setPipeline(std::move(pipeline));
+    update();
+}
+
+Pipeline *ViewportWidget::pipeline() const
+{
+    return d->renderer.pipeline();
+}
+
+void ViewportWidget::setTimingEnabled(bool enabled)
+{
+    d->renderer.setTimingEnabled(enabled);
+}
+
+void ViewportWidget::setSlotValues(const QVariantMap &values)
+{
+    d->renderer.setSlotValues(values);
+    update();
+}
+
+QVariantMap ViewportWidget::slotValues() const
+{
+    return d->renderer.slotValues();
+}
+
+void ViewportWidget::invalidate()
+{
+    d->renderer.invalidate();
+    update();
+}
+
+void ViewportWidget::setRunning(bool running)
+{
+    d->isRunning = running;
+    update();
+}
+
+bool ViewportWidget::isSettled() const
+{
+    return !d->renderer.needsFrame();
+}
+
+void ViewportWidget::setSettlingFrames(int frames)
+{
+    d->renderer.setSettlingFrames(frames);
+    update();
+}
+
+int ViewportWidget::frameCount() const
+{
+    return d->frames;
+}
+
+OrbitCamera ViewportWidget::camera() const
+{
+    // What a fit that is due will make of it.
+    d->fitIfDue();
+    return d->renderer.camera();
+}
+
+void ViewportWidget::setCamera(const OrbitCamera &camera)
+{
+    d->isFitDue = false;
+    change(camera);
+}
+
+void ViewportWidget::change(const OrbitCamera &camera)
+{
+    if (camera == d->renderer.camera())
+        return;
+    d->renderer.setCamera(camera);
+    update();
+    Q_EMIT cameraChanged();
+}
+
+void ViewportWidget::fit()
+{
+    OrbitCamera moved = camera();
+    moved.setScene(d->renderer.bounds());
+    moved.fit(d->aspect());
+    change(moved);
+}
+
+void ViewportWidget::look(OrbitCamera::View view)
+{
+    OrbitCamera turned = camera();
+    turned.look(view);
+    change(turned);
+}
+
+void ViewportWidget::setOrthographic(bool orthographic)
+{
+    OrbitCamera other = camera();
+    other.setOrthographic(orthographic);
+    change(other);
+}
+
+void ViewportWidget::setUp(const QVector3D &up)
+{
+    OrbitCamera turned = camera();
+    turned.setUp(up);
+    change(turned);
+}
+
+Pick ViewportWidget::pickAt(const QPoint &position)
+{
+    const Current current(this);
+    return d->renderer.pick(d->pixelAt(position), d->pixels());
+}
+
+QVector<int> ViewportWidget::itemsIn(const QRect &area)
+{
+    const Current current(this);
+    const QRect whole = area.normalized();
+    const QPoint corner = d->pixelAt(whole.topLeft());
+    const QPoint behind = d->pixelAt(whole.bottomRight() + QPoint(1, 1));
+    return d->renderer.itemsIn(QRect(corner, behind - QPoint(1, 1)), d->pixels());
+}
+
+QVector<int> ViewportWidget::selection() const
+{
+    return d->renderer.selection();
+}
+
+void ViewportWidget::setSelection(const QVector<int> &items)
+{
+    if (items == d->renderer.selection())
+        return;
+    d->renderer.setSelection(items);
+    update();
+    Q_EMIT selectionChanged(items);
+}
+
+void ViewportWidget::select(const QVector<int> &items)
+{
+    if (d->isSelecting)
+        setSelection(items);
+}
+
+void ViewportWidget::setOutline(const QColor &color, float width)
+{
+    d->renderer.setOutline(color, width);
+    update();
+}
+
+void ViewportWidget::setSelecting(bool selecting)
+{
+    d->isSelecting = selecting;
+}
+
+QImage ViewportWidget::grabPicture(const QSize &size, QString *error)
+{
+    // A widget that was never shown has no context yet; this makes it.
+    if (!isValid())
+        grabFramebuffer();
+    const Current current(this);
+    d->fitIfDue();
+    const QImage picture = d->renderer.grab(size, error);
+    update();
+    return picture;
+}
+
+void ViewportWidget::initializeGL()
+{
+    // A widget that comes into another window gets another context.
+    connect(
+        context(), &QOpenGLContext::aboutToBeDestroyed, this,
+        [this] {
+            const Current current(this);
+            d->renderer.releaseContext();
+        },
+        Qt::DirectConnection);
+    d->isTargetNew = true;
+}
+
+void ViewportWidget::resizeGL(int, int)
+{
+    d->isTargetNew = true;
+}
+
+void ViewportWidget::paintGL()
+{
+    const bool isNew = std::exchange(d->isTargetNew, false);
+    d->fitIfDue();
+    if (!d->isRunning && !isNew && !d->renderer.needsFrame())
+        return;
+    if (isNew)
+        d->renderer.invalidate();
+    const std::unique_ptr<FramebufferObject> screen(FramebufferObject::wrap(defaultFramebufferObject()));
+    const ViewportFrame frame = d->renderer.render(screen.get(), d->pixels());
+    d->frames += frame.isDrawn ? 1 : 0;
+    if (d->isRunning || d->renderer.needsFrame())
+        update();
+    d->report(frame);
+}
+
+bool ViewportWidget::event(QEvent *event)
+{
+    switch (event->type()) {
+    case QEvent::TouchBegin:
+    case QEvent::TouchUpdate:
+    case QEvent::TouchEnd:
+    case QEvent::TouchCancel:
+        touch(*static_cast<QTouchEvent *>(event));
+        event->accept();
+        return true;
+    case QEvent::NativeGesture:
+        if (gesture(*static_cast<QNativeGestureEvent *>(event)))
+            return true;
+        break;
+    default: break;
+    }
+    return QOpenGLWidget::event(event);
+}
+
+void ViewportWidget::touch(const QTouchEvent &event)
+{
+    QVector<QPointF> fingers;
+    if (event.type() != QEvent::TouchEnd && event.type() != QEvent::TouchCancel) {
+        for (const QEventPoint &point : event.points())
+            if (point.state() != QEventPoint::Released)
+                fingers.append(point.position());
+    }
+    QPointF centre;
+    for (const QPointF &finger : std::as_const(fingers))
+        centre += finger / double(fingers.size());
+    double spread = 0.0;
+    for (const QPointF &finger : std::as_const(fingers))
+        spread += std::hypot(finger.x() - centre.x(), finger.y() - centre.y()) / double(fingers.size());
+    // A finger more or less moves the centre, but not the hand.
+    if (fingers.size() == d->touches && !fingers.isEmpty()) {
+        OrbitCamera moved = camera();
+        const QPointF by = centre - d->touchCentre;
+        if (fingers.size() == 1) {
+            moved.orbit(-kDegreesPerUnit * float(by.x()), kDegreesPerUnit * float(by.y()));
+        } else {
+            moved.pan(d->touchCentre, centre, size(), d->held);
+            if (spread > 0.0 && d->touchSpread > 0.0)
+                moved.zoom(float(spread / d->touchSpread), centre, size(), d->held);
+        }
+        change(moved);
+    } else if (fingers.size() > 1) {
+        d->held = d->surfaceAt(centre);
+    }
+    d->touches = fingers.size();
+    d->touchCentre = centre;
+    d->touchSpread = spread;
+}
+
+bool ViewportWidget::gesture(const QNativeGestureEvent &event)
+{
+    OrbitCamera moved = camera();
+    switch (event.gestureType()) {
+    case Qt::ZoomNativeGesture:
+        moved.zoom(float(std::max(0.1, 1.0 + event.value())), event.position(), size(), d->surfaceAt(event.position()));
+        break;
+    case Qt::PanNativeGesture: moved.pan(QPointF(), event.delta(), size()); break;
+    case Qt::SmartZoomNativeGesture: fit(); return true;
+    default: return false;
+    }
+    change(moved);
+    return true;
+}
+
+void ViewportWidget::mousePressEvent(QMouseEvent *event)
+{
+    using Drag = ViewportWidgetPrivate::Drag;
+    d->pressed = d->last = event->position();
+    d->zoomedAt.reset();
+    d->isClick = event->button() == Qt::LeftButton;
+    if (event->button() == Qt::LeftButton && event->modifiers().testFlag(Qt::ControlModifier)) {
+        d->drag = Drag::Area;
+    } else if (event->button() == Qt::LeftButton && !event->modifiers().testFlag(Qt::ShiftModifier)) {
+        d->drag = Drag::Orbit;
+    } else {
+        d->drag = Drag::Pan;
+        d->held = d->surfaceAt(event->position());
+    }
+}
+
+void ViewportWidget::mouseMoveEvent(QMouseEvent *event)
+{
+    using Drag = ViewportWidgetPrivate::Drag;
+    const QPointF at = event->position();
+    if (d->isClick && (at - d->pressed).manhattanLength() < QApplication::startDragDistance())
+        return;
+    d->isClick = false;
+    OrbitCamera moved = camera();
+    switch (d->drag) {
+    case Drag::None: return;
+    case Drag::Orbit:
+        moved.orbit(-kDegreesPerUnit * float(at.x() - d->last.x()), kDegreesPerUnit * float(at.y() - d->last.y()));
+        break;
+    case Drag::Pan: moved.pan(d->last, at, size(), d->held); break;
+    case Drag::Area:
+        if (!d->band)
+            d->band = std::make_unique<QRubberBand>(QRubberBand::Rectangle, this);
+        d->band->setGeometry(QRect(d->pressed.toPoint(), at.toPoint()).normalized());
+        d->band->show();
+        break;
+    }
+    // What is held is a place in the world: it stays what it is while it moves on the picture.
+    d->last = at;
+    change(moved);
+}
+
+void ViewportWidget::mouseReleaseEvent(QMouseEvent *event)
+{
+    using Drag = ViewportWidgetPrivate::Drag;
+    const Drag drag = std::exchange(d->drag, Drag::None);
+    if (std::exchange(d->isClick, false)) {
+        const Pick pick = pickAt(event->position().toPoint());
+        select(pick.isHit() ? QVector<int>{pick.item} : QVector<int>());
+        Q_EMIT clicked(pick);
+    } else if (drag == Drag::Area) {
+        if (d->band)
+            d->band->hide();
+        const QVector<int> items = itemsIn(QRect(d->pressed.toPoint(), event->position().toPoint()).normalized());
+        select(items);
+        Q_EMIT areaSelected(items);
+    }
+}
+
+void ViewportWidget::mouseDoubleClickEvent(QMouseEvent *)
+{
+    d->isClick = false;
+    fit();
+}
+
+void ViewportWidget::wheelEvent(QWheelEvent *event)
+{
+    const bool isTrackpad = event->device() && event->device()->type() == QInputDevice::DeviceType::TouchPad
+                            && !event->pixelDelta().isNull() && !event->modifiers().testFlag(Qt::ControlModifier);
+    OrbitCamera moved = camera();
+    if (isTrackpad) {
+        moved.pan(QPointF(), event->pixelDelta(), size());
+    } else {
+        // The surface at the cursor stays there, so that turning on needs no further look.
+        if (d->zoomedAt != event->position()) {
+            d->held = d->surfaceAt(event->position());
+            d->zoomedAt = event->position();
+        }
+        const double steps = double(event->angleDelta().y()) / kStep;
+        moved.zoom(float(std::pow(kZoomPerStep, steps)), event->position(), size(), d->held);
+    }
+    change(moved);
+    event->accept();
+}
+
+void ViewportWidget::keyPressEvent(QKeyEvent *event)
+{
+    using View = OrbitCamera::View;
+    const bool isOpposite = event->modifiers().testFlag(Qt::ControlModifier);
+    switch (event->key()) {
+    case Qt::Key_F: fit(); break;
+    case Qt::Key_1: look(isOpposite ? View::Back : View::Front); break;
+    case Qt::Key_3: look(isOpposite ? View::Left : View::Right); break;
+    case Qt::Key_7: look(isOpposite ? View::Bottom : View::Top); break;
+    case Qt::Key_0: look(View::Isometric); break;
+    case Qt::Key_5: setOrthographic(!camera().isOrthographic()); break;
+    default: QOpenGLWidget::keyPressEvent(event);
+    }
+}
+
+} // namespace Brevane::Kvo
