@@ -71,6 +71,9 @@ kvo_pkg_config(kvo-headless "OpenGL without a window for Kvo render passes" kvo-
 if(TARGET KvoWidgets)
   kvo_pkg_config(kvo-widgets "A viewport for Qt's widgets" "kvo-scene, Qt6OpenGLWidgets >= 6.4" -lKvoWidgets)
 endif()
+if(TARGET KvoQuick)
+  kvo_pkg_config(kvo-quick "A viewport for QML" "kvo-scene, Qt6Quick >= 6.4" -lKvoQuick)
+endif()
 kvo_pkg_config(kvo "${PROJECT_DESCRIPTION}" "kvo-pipeline, kvo-images, kvo-scene, kvo-headless" "")
 
 # One source per public header, which includes nothing else. A GL header that came along would show in

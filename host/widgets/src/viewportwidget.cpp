@@ -2,6 +2,7 @@
 
 #include "filewatch.h"
 #include "gl/framebufferobject.h"
+#include "host/camerahand.h"
 #include "host/pipeline.h"
 #include "host/viewportrenderer.h"
 
@@ -24,9 +25,7 @@ namespace Brevane::Kvo {
 
 namespace {
 
-constexpr float kDegreesPerUnit = 0.4f;
-constexpr double kZoomPerStep = 1.15; // a step of a wheel has 120 eighths of a degree
-constexpr double kStep = 120.0;
+constexpr double kStep = 120.0; // of a wheel, in eighths of a degree
 constexpr float kUsualAspect = 16.0f / 9.0f;
 
 /// The widget's context, unless it is current anyway, as in paintGL.
@@ -56,8 +55,6 @@ private:
 class ViewportWidgetPrivate
 {
 public:
-    enum class Drag { None, Orbit, Pan, Area };
-
     explicit ViewportWidgetPrivate(ViewportWidget *widget) : q(widget) {}
 
     QSize pixels() const { return q->size() * q->devicePixelRatio(); }
@@ -83,16 +80,8 @@ public:
     QStringList errors;
     QStringList faults;
 
-    Drag drag = Drag::None;
-    bool isClick = false;
-    QPointF pressed;
-    QPointF last;
-    std::optional<QVector3D> held; ///< What a drag pans, or a wheel zooms to.
-    std::optional<QPointF> zoomedAt; ///< Where the wheel was turned last.
+    CameraHand hand{[this](const QPointF &at) { return surfaceAt(at); }};
     std::unique_ptr<QRubberBand> band;
-    QPointF touchCentre;
-    double touchSpread = 0.0;
-    qsizetype touches = 0;
 };
 
 void ViewportWidgetPrivate::fitIfDue()
@@ -430,30 +419,9 @@ void ViewportWidget::touch(const QTouchEvent &event)
             if (point.state() != QEventPoint::Released)
                 fingers.append(point.position());
     }
-    QPointF centre;
-    for (const QPointF &finger : std::as_const(fingers))
-        centre += finger / double(fingers.size());
-    double spread = 0.0;
-    for (const QPointF &finger : std::as_const(fingers))
-        spread += std::hypot(finger.x() - centre.x(), finger.y() - centre.y()) / double(fingers.size());
-    // A finger more or less moves the centre, but not the hand.
-    if (fingers.size() == d->touches && !fingers.isEmpty()) {
-        OrbitCamera moved = camera();
-        const QPointF by = centre - d->touchCentre;
-        if (fingers.size() == 1) {
-            moved.orbit(-kDegreesPerUnit * float(by.x()), kDegreesPerUnit * float(by.y()));
-        } else {
-            moved.pan(d->touchCentre, centre, size(), d->held);
-            if (spread > 0.0 && d->touchSpread > 0.0)
-                moved.zoom(float(spread / d->touchSpread), centre, size(), d->held);
-        }
-        change(moved);
-    } else if (fingers.size() > 1) {
-        d->held = d->surfaceAt(centre);
-    }
-    d->touches = fingers.size();
-    d->touchCentre = centre;
-    d->touchSpread = spread;
+    OrbitCamera moved = camera();
+    d->hand.touch(&moved, fingers, size());
+    change(moved);
 }
 
 bool ViewportWidget::gesture(const QNativeGestureEvent &event)
@@ -473,58 +441,35 @@ bool ViewportWidget::gesture(const QNativeGestureEvent &event)
 
 void ViewportWidget::mousePressEvent(QMouseEvent *event)
 {
-    using Drag = ViewportWidgetPrivate::Drag;
-    d->pressed = d->last = event->position();
-    d->zoomedAt.reset();
-    d->isClick = event->button() == Qt::LeftButton;
-    if (event->button() == Qt::LeftButton && event->modifiers().testFlag(Qt::ControlModifier)) {
-        d->drag = Drag::Area;
-    } else if (event->button() == Qt::LeftButton && !event->modifiers().testFlag(Qt::ShiftModifier)) {
-        d->drag = Drag::Orbit;
-    } else {
-        d->drag = Drag::Pan;
-        d->held = d->surfaceAt(event->position());
-    }
+    d->hand.press(event->button(), event->modifiers(), event->position());
 }
 
 void ViewportWidget::mouseMoveEvent(QMouseEvent *event)
 {
-    using Drag = ViewportWidgetPrivate::Drag;
-    const QPointF at = event->position();
-    if (d->isClick && (at - d->pressed).manhattanLength() < QApplication::startDragDistance())
-        return;
-    d->isClick = false;
     OrbitCamera moved = camera();
-    switch (d->drag) {
-    case Drag::None: return;
-    case Drag::Orbit:
-        moved.orbit(-kDegreesPerUnit * float(at.x() - d->last.x()), kDegreesPerUnit * float(at.y() - d->last.y()));
-        break;
-    case Drag::Pan: moved.pan(d->last, at, size(), d->held); break;
-    case Drag::Area:
+    d->hand.move(&moved, event->position(), size(), QApplication::startDragDistance());
+    change(moved);
+    if (d->hand.drag() == CameraHand::Drag::Area) {
         if (!d->band)
             d->band = std::make_unique<QRubberBand>(QRubberBand::Rectangle, this);
-        d->band->setGeometry(QRect(d->pressed.toPoint(), at.toPoint()).normalized());
+        d->band->setGeometry(QRect(d->hand.pressedAt().toPoint(), event->position().toPoint()).normalized());
         d->band->show();
-        break;
     }
-    // What is held is a place in the world: it stays what it is while it moves on the picture.
-    d->last = at;
-    change(moved);
 }
 
 void ViewportWidget::mouseReleaseEvent(QMouseEvent *event)
 {
-    using Drag = ViewportWidgetPrivate::Drag;
-    const Drag drag = std::exchange(d->drag, Drag::None);
-    if (std::exchange(d->isClick, false)) {
+    bool wasClick = false;
+    const CameraHand::Drag drag = d->hand.release(&wasClick);
+    if (d->band)
+        d->band->hide();
+    if (wasClick) {
         const Pick pick = pickAt(event->position().toPoint());
         select(pick.isHit() ? QVector<int>{pick.item} : QVector<int>());
         Q_EMIT clicked(pick);
-    } else if (drag == Drag::Area) {
-        if (d->band)
-            d->band->hide();
-        const QVector<int> items = itemsIn(QRect(d->pressed.toPoint(), event->position().toPoint()).normalized());
+    } else if (drag == CameraHand::Drag::Area) {
+        const QRect area = QRect(d->hand.pressedAt().toPoint(), event->position().toPoint()).normalized();
+        const QVector<int> items = itemsIn(area);
         select(items);
         Q_EMIT areaSelected(items);
     }
@@ -532,7 +477,7 @@ void ViewportWidget::mouseReleaseEvent(QMouseEvent *event)
 
 void ViewportWidget::mouseDoubleClickEvent(QMouseEvent *)
 {
-    d->isClick = false;
+    d->hand.cancelClick();
     fit();
 }
 
@@ -541,17 +486,10 @@ void ViewportWidget::wheelEvent(QWheelEvent *event)
     const bool isTrackpad = event->device() && event->device()->type() == QInputDevice::DeviceType::TouchPad
                             && !event->pixelDelta().isNull() && !event->modifiers().testFlag(Qt::ControlModifier);
     OrbitCamera moved = camera();
-    if (isTrackpad) {
+    if (isTrackpad)
         moved.pan(QPointF(), event->pixelDelta(), size());
-    } else {
-        // The surface at the cursor stays there, so that turning on needs no further look.
-        if (d->zoomedAt != event->position()) {
-            d->held = d->surfaceAt(event->position());
-            d->zoomedAt = event->position();
-        }
-        const double steps = double(event->angleDelta().y()) / kStep;
-        moved.zoom(float(std::pow(kZoomPerStep, steps)), event->position(), size(), d->held);
-    }
+    else
+        d->hand.wheel(&moved, double(event->angleDelta().y()) / kStep, event->position(), size());
     change(moved);
     event->accept();
 }

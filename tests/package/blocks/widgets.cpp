@@ -9,6 +9,6 @@ using namespace Brevane::Kvo;
 int main(int argc, char **argv)
 {
     const QString path;
-// BLOCK
+    // BLOCK
     return QApplication::exec();
 }
