@@ -1,0 +1,9 @@
+// needs kvo-quick
+#include <QQuickWindow>
+
+using namespace Brevane::Kvo;
+
+int main()
+{
+// BLOCK
+}

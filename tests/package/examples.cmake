@@ -1,0 +1,41 @@
+# The programs in examples/, against the installed package: each draws a picture, which is looked at.
+
+set(examples ${CMAKE_CURRENT_SOURCE_DIR}/../../examples)
+set(model /usr/share/assimp/models/glTF2/BoxTextured-glTF-Binary/BoxTextured.glb)
+find_program(XVFB_RUN xvfb-run)
+find_package(X11 QUIET)
+add_executable(checkpicture checkpicture.cpp)
+target_link_libraries(checkpicture PRIVATE Qt6::Gui)
+
+# example(NAME SOURCE PICTURE SIZE TONES LIBRARIES … ARGUMENTS …)
+function(example name source picture size tones)
+  cmake_parse_arguments(ARG "" "" "LIBRARIES;ARGUMENTS" ${ARGN})
+  foreach(library IN LISTS ARG_LIBRARIES)
+    if(NOT TARGET ${library})
+      message(STATUS "example ${name} is left out: there is no ${library} here")
+      return()
+    endif()
+  endforeach()
+  add_executable(example_${name} ${examples}/${source})
+  target_link_libraries(example_${name} PRIVATE ${ARG_LIBRARIES})
+  add_test(NAME example.${name}.run
+    COMMAND ${XVFB_RUN} -a -s "-screen 0 1280x800x24" $<TARGET_FILE:example_${name}> ${ARG_ARGUMENTS} ${picture})
+  set_tests_properties(example.${name}.run PROPERTIES TIMEOUT 120
+    ENVIRONMENT "QT_QPA_PLATFORM=xcb;QT_XCB_GL_INTEGRATION=xcb_glx")
+  string(REPLACE "x" ";" size ${size})
+  add_test(NAME example.${name}.picture COMMAND checkpicture ${picture} ${size} ${tones})
+  set_tests_properties(example.${name}.picture PROPERTIES DEPENDS example.${name}.run)
+endfunction()
+
+example(egl egl.cpp egl.ppm 320x180 3 LIBRARIES Kvo::RenderPasses PkgConfig::epoxy)
+example(glx glx.cpp glx.ppm 640x400 200 LIBRARIES Kvo::Scene PkgConfig::epoxy X11::X11 ARGUMENTS ${model})
+example(widget widget.cpp widget.png 960x600 1000 LIBRARIES Kvo::Widgets ARGUMENTS ${model} viewport)
+example(quick quick/main.cpp quick.png 960x600 1000 LIBRARIES Kvo::Quick ARGUMENTS ${model})
+if(TARGET example_quick)
+  qt_add_resources(example_quick qml PREFIX / BASE ${examples}/quick FILES ${examples}/quick/Viewer.qml)
+endif()
+if(TARGET Kvo::Vtk)
+  find_package(VTK 9.1 QUIET OPTIONAL_COMPONENTS FiltersSources IOImage InteractionStyle RenderingUI)
+endif()
+example(vtk vtk.cpp vtk.png 640x480 1000
+  LIBRARIES Kvo::Vtk VTK::FiltersSources VTK::IOImage VTK::InteractionStyle VTK::RenderingUI)
