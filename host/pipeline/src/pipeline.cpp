@@ -287,8 +287,10 @@ bool Pipeline::inputSlot(const QString &pass, const QString &slot, QString *full
     const InputPort input = d->graph.input(pass, slot, error);
     if (!input)
         return false;
-    *fullName = input.slot();
-    *defaultValue = input.node->pass->defaultValue(input.index);
+    if (fullName)
+        *fullName = input.slot();
+    if (defaultValue)
+        *defaultValue = input.node->pass->defaultValue(input.index);
     return true;
 }
 
@@ -364,7 +366,7 @@ QVariant Pipeline::output(const QString &pass, const QString &slot, QString *err
 bool Pipeline::outputSlot(const QString &pass, const QString &slot, QString *fullName, QString *error) const
 {
     const OutputPort output = d->graph.output(pass, slot, error);
-    if (output)
+    if (output && fullName)
         *fullName = output.slot();
     return bool(output);
 }

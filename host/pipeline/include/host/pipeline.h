@@ -139,7 +139,7 @@ public:
     bool setValueText(const QString &pass, const QString &slot, const QString &text, QString *error = nullptr);
     /// Puts an input back to its default.
     bool reset(const QString &pass, const QString &slot, QString *error = nullptr);
-    /// The full name and the default value of an input.
+    /// The full name and the default value of an input, each where it is asked for.
     bool inputSlot(const QString &pass, const QString &slot, QString *fullName, QVariant *defaultValue,
                    QString *error = nullptr) const;
     /// What the pass says of an input: its meaning, unit, range and choices. Null for unknown names, and for slots
