@@ -125,6 +125,10 @@ class Image(np.ndarray):
         """Writes it as a file of the kind that the ending names: .png, .jpg, .bmp …"""
         _kvo.save(np.asarray(self), os.fspath(path))
 
+    def __array_wrap__(self, array: np.ndarray, context: Any = None) -> Any:
+        # Sums and the like are numbers.
+        return array[()] if array.ndim == 0 else super().__array_wrap__(array, context)
+
     def _is_picture(self) -> bool:
         return self.dtype == np.uint8 and self.ndim == 3 and self.shape[2] in (3, 4) and self.size > 0
 
@@ -251,7 +255,8 @@ class Light:
             elif isinstance(value, str):
                 parts.append(f"{name}={value}")
             else:
-                parts.append(f"{name}={_numbers(value, 3, name)}")
+                numbers = _numbers(value, 3, name)
+                parts.append(f"{name}=[{numbers}]" if name == "color" else f"{name}={numbers}")
         self._text = ":".join(parts)
 
     def __repr__(self) -> str:
@@ -364,7 +369,7 @@ def _slot_text(value: Any) -> str:
     if value is None:
         return "null"
     if isinstance(value, str):
-        return "@@" + value[1:] if value.startswith("@") else json.dumps(value)
+        return json.dumps(value)
     if isinstance(value, (bool, np.bool_)):
         return "true" if value else "false"
     if isinstance(value, (int, np.integer)):
@@ -498,15 +503,21 @@ class Pipeline:
         as out vec4 o_NAME. ``values`` are numbers, vectors, colours and matrices by name: uniform u_NAME.
         The texture coordinate comes as in vec2 vo_TexCoord.
         """
+        names = {slot: f"Kvo_{_type_word(value)}_{slot}" for slot, value in (values or {}).items()}
+        version, line, rest = fragment.partition("\n")
+        if names and not version.lstrip().startswith("#version"):
+            raise ValueError("the first line of a shader says its #version")
+        # The library calls such uniforms by the whole name of the slot.
+        defines = "".join(f"#define u_{slot} {full}\n" for slot, full in names.items())
         added = self.add(name, "ShaderRenderPass")
         sources = dict(inputs or {})
         for slot in sources:
             added.addInput(f"Kvo_KvoTexture*_{slot}")
-        for slot, value in (values or {}).items():
-            added.addInput(f"Kvo_{_type_word(value)}_{slot}")
+        for full in names.values():
+            added.addInput(full)
         for slot in outputs:
             added.addOutput(f"Kvo_KvoTexture*_{slot}")
-        added.setFragmentShaderSource(fragment)
+        added.setFragmentShaderSource(version + line + defines + rest)
         for slot, source in sources.items():
             if isinstance(source, str):
                 self.connect(source, f"{name}.{slot}")
@@ -562,6 +573,8 @@ class Pipeline:
             self._pipeline.set_texture(name, slot, value._texture)
         elif isinstance(value, Model):
             self._pipeline.set_model(name, slot, value._model)
+        elif isinstance(value, str) and value.startswith("@"):
+            self._pipeline.set_string(name, slot, value)  # as a text that binds to a host value it would be read
         else:
             self._pipeline.set_text(name, slot, _slot_text(value))
 

@@ -8,6 +8,8 @@
 #include "host/passfactory.h"
 #include "host/pipelinefile.h"
 
+#include <pybind11/stl.h>
+
 #include <QBuffer>
 #include <QCoreApplication>
 #include <QImageWriter>

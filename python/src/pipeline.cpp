@@ -433,10 +433,15 @@ py::dict PipelineObject::render(int width, int height, const std::shared_ptr<Mod
         if (picture && !failure) {
             const AutoBinder bound(_screen->framebuffer());
             glReadBuffer(GL_COLOR_ATTACHMENT0);
-            glPixelStorei(GL_PACK_ALIGNMENT, 1);
+            // Some drivers turn the rows on their way.
+            const bool canTurn = epoxy_has_gl_extension("GL_MESA_pack_invert");
+            if (canTurn)
+                glPixelStorei(GL_PACK_INVERT_MESA, GL_TRUE);
             glReadPixels(0, 0, width, height, GL_RGBA, GL_UNSIGNED_BYTE, pixels);
-            glPixelStorei(GL_PACK_ALIGNMENT, 4);
-            turnRows(pixels, width, height);
+            if (canTurn)
+                glPixelStorei(GL_PACK_INVERT_MESA, GL_FALSE);
+            else
+                turnRows(pixels, width, height);
         }
     });
     if (failure)
@@ -589,6 +594,10 @@ void bindPipeline(py::module_ &module)
         .def("set_text",
              [](Self &self, const QString &pass, const QString &slot, const QString &text) {
                  self.attempt([&](Pipeline &p, QString *error) { return p.setValueText(pass, slot, text, error); });
+             })
+        .def("set_string",
+             [](Self &self, const QString &pass, const QString &slot, const QString &text) {
+                 self.attempt([&](Pipeline &p, QString *error) { return p.setValue(pass, slot, text, error); });
              })
         .def("set_texture", &Self::setTexture)
         .def("set_model", &Self::setSlotModel)

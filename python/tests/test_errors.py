@@ -1,0 +1,132 @@
+"""Whatever comes in: an exception with a message, never a crash, and all works afterwards."""
+
+import math
+
+import numpy as np
+import pytest
+from conftest import rectangle
+
+import kvo
+
+
+@pytest.fixture(scope="module")
+def forward():
+    return kvo.Pipeline("forward")
+
+
+TRIANGLE = [[0, 0, 0], [1, 0, 0], [0, 1, 0]]
+MISTAKES = {
+    "a file that is not there": (kvo.Error, lambda p: kvo.Model("/nowhere/model.glb"), "/nowhere/model.glb"),
+    "a model of a number": (TypeError, lambda p: kvo.Model(3), ""),
+    "a pipeline that is not there": (kvo.Error, lambda p: kvo.Pipeline("forwrad"), "forward"),
+    "vertices of text": (TypeError, lambda p: kvo.Model.from_arrays([["a", "b", "c"]]), "vertices"),
+    "vertices of complex numbers": (TypeError, lambda p: kvo.Model.from_arrays(np.ones((3, 3), complex)), "vertices"),
+    "vertices of objects": (TypeError, lambda p: kvo.Model.from_arrays([[None] * 3] * 3), "vertices"),
+    "flat vertices": (ValueError, lambda p: kvo.Model.from_arrays([1.0, 2, 3]), "(n, 3)"),
+    "vertices of two": (ValueError, lambda p: kvo.Model.from_arrays([[1.0, 2]] * 3), "(n, 3)"),
+    "four vertices without indices": (ValueError, lambda p: kvo.Model.from_arrays(np.zeros((4, 3))), "multiple"),
+    "vertices that are no numbers": (ValueError, lambda p: kvo.Model.from_arrays([[math.nan] * 3] * 3), "finite"),
+    "an index beyond": (ValueError, lambda p: kvo.Model.from_arrays(TRIANGLE, [[0, 1, 3]]), "3"),
+    "a negative index": (ValueError, lambda p: kvo.Model.from_arrays(TRIANGLE, [[0, 1, -1]]), "-1"),
+    "indices with fractions": (TypeError, lambda p: kvo.Model.from_arrays(TRIANGLE, [[0, 1, 1.5]]), "indices"),
+    "normals of another length": (
+        ValueError,
+        lambda p: kvo.Model.from_arrays(TRIANGLE, [[0, 1, 2]], normals=[[0, 0, 1]]),
+        "normals",
+    ),
+    "a map of floats": (TypeError, lambda p: kvo.Model.from_arrays(TRIANGLE, diffuse_map=np.ones((2, 2))), "uint8"),
+    "a map without texels": (
+        ValueError,
+        lambda p: kvo.Model.from_arrays(TRIANGLE, diffuse_map=np.ones((0, 2), np.uint8)),
+        "shape",
+    ),
+    "an opacity of 2": (ValueError, lambda p: kvo.Model.from_arrays(TRIANGLE, opacity=2), "0 to 1"),
+    "an item of no mesh": (IndexError, lambda p: kvo.Model().add_item(0), "mesh 0"),
+    "a transform of nine": (
+        ValueError,
+        lambda p: kvo.Model.from_arrays(TRIANGLE, transforms=np.eye(3)[None]),
+        "transform",
+    ),
+    "a material that is not there": (kvo.Error, lambda p: rectangle().set_opacity(0.5, "glass"), "glass"),
+    "a scale of 0": (ValueError, lambda p: rectangle().scale(0), "above 0"),
+    "a pass that is not there": (KeyError, lambda p: p["Forwrad"], "Forwrad"),
+    "an input that is not there": (AttributeError, lambda p: p["Forward"].Colour, "Colour"),
+    "a value for an input that is not there": (kvo.Error, lambda p: p.set("Forward", "Viewprt", 1), "Viewport"),
+    "a value of the wrong type": (kvo.Error, lambda p: p.set("Forward", "Viewport", "wide"), "Viewport"),
+    "a value that is not a number": (ValueError, lambda p: p.set("Forward", "Viewport", [0, 0, math.nan, 1]), "nan"),
+    "a value of no kind": (TypeError, lambda p: p.set("Forward", "Viewport", object()), "object"),
+    "a class that is not there": (kvo.Error, lambda p: p.add("X", "BlendPass"), "Blend"),
+    "a name that is taken": (kvo.Error, lambda p: p.add("Forward", "BlendRenderPass"), "Forward"),
+    "an output without a pass": (ValueError, lambda p: p.render(rectangle(), outputs=["Depth"]), "Pass.Slot"),
+    "an output that is not there": (kvo.Error, lambda p: p.render(rectangle(), outputs=["Forward.Dpth"]), "Forward"),
+    "a size of 0": (ValueError, lambda p: p.render(rectangle(), (0, 10)), "pixel"),
+    "a negative size": (ValueError, lambda p: p.render(rectangle(), (10, -1)), "pixel"),
+    "a size beyond the driver": (kvo.Error, lambda p: p.render(rectangle(), (100000, 10)), "100000"),
+    "a size of three": (ValueError, lambda p: p.render(rectangle(), (1, 2, 3)), ""),
+    "no frames": (ValueError, lambda p: p.render(rectangle(), frames=0), "frame"),
+    "no model": (kvo.Error, lambda p: p.render(size=(4, 4)), "model"),
+    "a model that is a path": (TypeError, lambda p: p.render("a.glb"), "Model"),
+    "a camera of a number": (TypeError, lambda p: p.render(rectangle(), (4, 4), 3), "camera"),
+    "a camera of nonsense": (kvo.Error, lambda p: p.render(rectangle(), (4, 4), "yow=3"), "yow"),
+    "a camera at no place": (ValueError, lambda p: kvo.Camera(eye=(0, math.inf, 0)), "finite"),
+    "a camera at two numbers": (ValueError, lambda p: kvo.Camera(eye=(0, 1)), "3"),
+    "matrices of three": (
+        ValueError,
+        lambda p: p.render(rectangle(), (4, 4), kvo.Camera.from_matrices(np.eye(3), np.eye(4), 1, 2)),
+        "(4, 4)",
+    ),
+    "a light of a kind that is not there": (ValueError, lambda p: kvo.Light("area"), "area"),
+    "a light without a direction": (ValueError, lambda p: kvo.Light("directional"), "direction"),
+    "a light with a setting that is not there": (
+        kvo.Error,
+        lambda p: p.set_lights([kvo.Light("point", position=(0, 0, 0), brightness=3.0)]),
+        "brightness",
+    ),
+    "texels of text": (TypeError, lambda p: kvo.Texture("abc"), ""),
+    "texels of whole numbers": (TypeError, lambda p: kvo.Texture(np.zeros((2, 2), np.int32)), "int32"),
+    "texels of five channels": (ValueError, lambda p: kvo.Texture(np.zeros((2, 2, 5), np.uint8)), "channels"),
+    "no texels": (ValueError, lambda p: kvo.Texture(np.zeros((0, 2), np.uint8)), "shape"),
+    "too many texels": (kvo.Error, lambda p: kvo.Texture(np.zeros((1, 100000), np.uint8)), "100000"),
+    "an out of floats": (TypeError, lambda p: p.render(rectangle(), (4, 4), out=np.zeros((4, 4, 4))), "uint8"),
+    "an out of another size": (
+        ValueError,
+        lambda p: p.render(rectangle(), (4, 4), out=np.zeros((4, 5, 4), np.uint8)),
+        "(4, 4, 4)",
+    ),
+    "an out that is not contiguous": (
+        ValueError,
+        lambda p: p.render(rectangle(), (4, 4), out=np.zeros((4, 8, 4), np.uint8)[:, ::2]),
+        "contiguous",
+    ),
+    "a path that is not there": (FileNotFoundError, lambda p: p.set_path("sky", "/nowhere.png"), "/nowhere.png"),
+    "a picture in a folder that is not there": (
+        kvo.Error,
+        lambda p: kvo.render(size=(4, 4)).save("/nowhere/a.png"),
+        "/nowhere",
+    ),
+    "a colour of text": (ValueError, lambda p: kvo.render(size=(4, 4), background="reddish"), "reddish"),
+}
+
+
+@pytest.mark.parametrize("name", MISTAKES)
+def test_is_an_exception(forward, name):
+    kind, mistake, words = MISTAKES[name]
+    with pytest.raises(kind) as caught:
+        mistake(forward)
+    assert words in str(caught.value)
+    assert forward.render(rectangle(), (8, 8)).any()
+
+
+def test_a_read_only_array_is_not_written_to(forward):
+    out = np.zeros((4, 4, 4), np.uint8)
+    out.flags.writeable = False
+    with pytest.raises(ValueError, match="writable"):
+        forward.render(rectangle(), (4, 4), out=out)
+    assert not out.any()
+
+
+def test_what_is_said_is_a_warning(tmp_path):
+    (tmp_path / "broken.obj").write_text("mtllib broken.mtl\nusemtl a\nv 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n")
+    (tmp_path / "broken.mtl").write_text("newmtl a\nmap_Kd missing.png\n")
+    with pytest.warns(kvo.Warning, match="missing.png"):
+        kvo.Model(tmp_path / "broken.obj")
