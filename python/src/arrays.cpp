@@ -23,8 +23,8 @@ std::string textOf(const py::array &array)
     return textOf(std::vector<py::ssize_t>(array.shape(), array.shape() + array.ndim()));
 }
 
-py::array checked(const py::object &object, const std::vector<py::ssize_t> &shape, const char *name,
-                  const char *kinds, const char *wanted)
+py::array checked(const py::object &object, const std::vector<py::ssize_t> &shape, const char *name, const char *kinds,
+                  const char *wanted)
 {
     py::array array = py::array::ensure(object);
     if (!array) {

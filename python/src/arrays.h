@@ -4,8 +4,8 @@
 
 #include <pybind11/numpy.h>
 
-#include <QMatrix4x4>
 #include <QImage>
+#include <QMatrix4x4>
 
 namespace KvoPython {
 

@@ -232,8 +232,7 @@ void bindModel(py::module_ &module)
              py::arg("name"))
         .def("add_material", &Model::addMaterial, py::arg("name"), py::arg("diffuse"), py::arg("specular"),
              py::arg("shininess"), py::arg("opacity"), py::arg("diffuse_map"), py::arg("specular_map"))
-        .def("add_item", &Model::addItem, py::arg("mesh"), py::arg("material"), py::arg("transform"),
-             py::arg("flags"))
+        .def("add_item", &Model::addItem, py::arg("mesh"), py::arg("material"), py::arg("transform"), py::arg("flags"))
         .def("set_opacity", &Model::setOpacity, py::arg("opacity"), py::arg("material"))
         .def("scale", &Model::scale)
         .def("fit", &Model::fit)

@@ -78,8 +78,8 @@ PYBIND11_MODULE(_kvo, module)
 
     const auto &error = py::register_exception<Error>(module, "Error", PyExc_RuntimeError);
     py::register_exception<ContextError>(module, "ContextError", error.ptr());
-    module.attr("Warning") = py::reinterpret_steal<py::object>(
-        PyErr_NewException("kvo._kvo.Warning", PyExc_UserWarning, nullptr));
+    module.attr("Warning") =
+        py::reinterpret_steal<py::object>(PyErr_NewException("kvo._kvo.Warning", PyExc_UserWarning, nullptr));
 
     py::class_<Gpu, std::shared_ptr<Gpu>>(module, "Context")
         .def(py::init<bool>(), py::arg("debug"))

@@ -122,8 +122,8 @@ View settled(const View &view, const GPUModel::BoundingBox &bounds, float aspect
     QString error;
     if (!Camera::parse(view.camera, bounds, aspect, &camera, &error))
         throw Error(error);
-    return {view.camera, true, camera.cameraMatrix(), camera.projectionMatrix(aspect), camera.nearPlane,
-            camera.farPlane};
+    return {view.camera,      true,           camera.cameraMatrix(), camera.projectionMatrix(aspect),
+            camera.nearPlane, camera.farPlane};
 }
 
 } // namespace
@@ -161,8 +161,9 @@ void TextureObject::set(const py::object &object)
     const py::ssize_t width = array.shape(1);
     // GL's first row is the lowest.
     const py::array turned = array[py::make_tuple(py::slice(py::none(), py::none(), py::int_(-1)))];
-    const py::array bytes = isByte ? py::array(py::array_t<std::uint8_t, py::array::c_style>::ensure(turned))
-                                   : py::array(py::array_t<float, py::array::c_style | py::array::forcecast>::ensure(turned));
+    const py::array bytes =
+        isByte ? py::array(py::array_t<std::uint8_t, py::array::c_style>::ensure(turned))
+               : py::array(py::array_t<float, py::array::c_style | py::array::forcecast>::ensure(turned));
     constexpr GLenum kFormats[] = {GL_RED, GL_RG, GL_RGB, GL_RGBA};
     constexpr GLint kBytes[] = {GL_R8, GL_RG8, GL_RGB8, GL_RGBA8};
     constexpr GLint kFloats[] = {GL_R32F, GL_RG32F, GL_RGB32F, GL_RGBA32F};
@@ -400,7 +401,8 @@ py::dict PipelineObject::render(int width, int height, const std::shared_ptr<Mod
             throw Error(QStringLiteral("the pipeline draws a model: give one"));
         GPUModel *const all = _model ? _model->all() : nullptr;
         p.setModel(all, _model ? _model->opaque() : nullptr);
-        const View view = settled(wanted, all ? all->sceneBounds() : GPUModel::BoundingBox(), float(width) / float(height));
+        const View view =
+            settled(wanted, all ? all->sceneBounds() : GPUModel::BoundingBox(), float(width) / float(height));
         p.setCamera(view.camera_, view.projection, view.nearPlane, view.farPlane);
         p.setViewport(QRect(0, 0, width, height));
         p.setScreen(_screen->framebuffer());
@@ -466,10 +468,11 @@ py::list inputsOf(PipelineObject &self, const QString &pass)
         entry["slot"] = input.slot;
         const bool hasSource = input.kind == PassInput::Kind::Link || input.kind == PassInput::Kind::Host;
         entry["value"] = hasSource ? py::object(py::none()) : objectOf(input.value);
-        entry["source"] = input.kind == PassInput::Kind::Link
-                              ? py::object(py::cast(input.sourcePass + QLatin1Char('.') + SlotName::parse(input.source).name))
-                          : input.kind == PassInput::Kind::Host ? py::object(py::cast(input.source))
-                                                                : py::object(py::none());
+        entry["source"] =
+            input.kind == PassInput::Kind::Link
+                ? py::object(py::cast(input.sourcePass + QLatin1Char('.') + SlotName::parse(input.source).name))
+            : input.kind == PassInput::Kind::Host ? py::object(py::cast(input.source))
+                                                  : py::object(py::none());
         entry["is_default"] = input.kind == PassInput::Kind::Default;
         list.append(entry);
     }
@@ -624,7 +627,8 @@ void bindPipeline(py::module_ &module)
         .def("order", [](Self &self) { return listOf(self.ask([](Pipeline &p) { return p.order(); })); })
         .def("warnings", [](Self &self) { return listOf(self.ask([](Pipeline &p) { return p.warnings(); })); })
         .def("faults", [](Self &self) { return listOf(self.ask([](Pipeline &p) { return p.faults(); })); })
-        .def("uses", [](Self &self, const QString &name) { return self.ask([&](Pipeline &p) { return p.uses(name); }); })
+        .def("uses",
+             [](Self &self, const QString &name) { return self.ask([&](Pipeline &p) { return p.uses(name); }); })
         .def("graph", [](Self &self) { return self.ask([](Pipeline &p) { return pipelineGraph(p); }); })
         .def("set_timing",
              [](Self &self, bool enabled) { self.ask([&](Pipeline &p) { p.setTimingEnabled(enabled); }); })
@@ -636,7 +640,8 @@ void bindPipeline(py::module_ &module)
     module.def("camera_view", [](const QString &text, const py::object &bounds, float aspect) {
         const auto corners = floats(bounds, {2, 3}, "bounds");
         const float *const c = corners.data();
-        const View view = settled({text, false, {}, {}, 0, 0}, {QVector3D(c[0], c[1], c[2]), QVector3D(c[3], c[4], c[5])}, aspect);
+        const View view =
+            settled({text, false, {}, {}, 0, 0}, {QVector3D(c[0], c[1], c[2]), QVector3D(c[3], c[4], c[5])}, aspect);
         return py::make_tuple(arrayOf(view.camera_), arrayOf(view.projection), view.nearPlane, view.farPlane);
     });
 }
