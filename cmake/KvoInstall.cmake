@@ -15,7 +15,11 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ ${host_contents}
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/pipelines
   DESTINATION ${CMAKE_INSTALL_DATADIR}/kvo
   FILES_MATCHING PATTERN "*.json" PATTERN "*.frag" PATTERN "*.vert" PATTERN "*.geom" PATTERN "*.png")
-install(FILES ${PROJECT_SOURCE_DIR}/LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES LICENSE README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(DIRECTORY docs DESTINATION ${CMAKE_INSTALL_DOCDIR})
+# Programs to begin with: their sources.
+install(DIRECTORY examples DESTINATION ${CMAKE_INSTALL_DOCDIR} PATTERN CMakeLists.txt EXCLUDE)
+install(DIRECTORY python/examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples/python PATTERN __pycache__ EXCLUDE)
 
 # How far the library folder lies below the prefix: programs find the libraries, and the pkg-config files the prefix,
 # by relative paths, so that an installed tree can be moved.

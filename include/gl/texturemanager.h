@@ -113,9 +113,11 @@ public:
     int trim(int maxIdleFrames, qint64 maxBytes = -1);
     /// State of the pool in the current share group.
     TexturePoolStatistics statistics() const;
-    /// With debugging on, a release below zero references is reported with the texture's label.
+    /// With debugging on, a release below zero references is reported with the texture's label, and under Pipeline
+    /// with the name of the pass that took it.
     void setDebug(bool enabled);
-    /// One line per pool texture that still has references: label, format, size, count.
+    /// One line per pool texture that still has references: label, format, size, count, and under Pipeline the name
+    /// of the pass that took it.
     QStringList leakedReferences() const;
 
     /// A texture loaded from a file and cached under its path and options. Null for a file that

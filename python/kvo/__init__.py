@@ -42,6 +42,11 @@ PathLike = Union[str, "os.PathLike[str]"]
 
 _ENVIRONMENT = "KVO_PIPELINES"
 
+# The program that reads models, where this package runs from a build folder; an installation knows its own.
+_importer = Path(__file__).parents[2] / "bin" / "kvo-import"
+if _importer.is_file():
+    os.environ.setdefault("KVO_IMPORT_PROGRAM", str(_importer))
+
 
 def _folders() -> list[str]:
     """Where pipelines are looked for: what the environment names, then what was installed with this package."""
@@ -266,15 +271,17 @@ class Light:
 class Model:
     """A model: meshes, materials, and items that show a mesh in a material at a place.
 
-    ``Model("engine.glb")`` reads a file of any kind that assimp knows. ``Model()`` is empty, for ``add_mesh``,
+    ``Model("engine.glb")`` reads a file of any kind that assimp knows, in a process of its own, since damaged files
+    crash it; ``isolated=False`` does without. ``Model()`` is empty, for ``add_mesh``,
     ``add_material`` and ``add_item``; ``from_arrays`` does all three. It goes to a GPU when it is first drawn there.
     """
 
-    def __init__(self, path: PathLike | None = None, *, images: bool = True, crease_angle: float = 66.0) -> None:
+    def __init__(self, path: PathLike | None = None, *, images: bool = True, crease_angle: float = 66.0,
+                 isolated: bool = True) -> None:  # fmt: skip
         if path is None:
             self._model = _kvo.Model()
         else:
-            self._model = _kvo.Model.load(os.fspath(path), images, crease_angle)
+            self._model = _kvo.Model.load(os.fspath(path), images, crease_angle, isolated)
 
     @staticmethod
     def from_arrays(vertices: Any, indices: Any = None, *, normals: Any = None, uvs: Any = None,
@@ -418,7 +425,18 @@ class Pass:
 
     @property
     def outputs(self) -> list[str]:
-        return [_short(slot) for slot in self._pipeline._pipeline.outputs(self._name)]
+        return [_short(entry["slot"]) for entry in self._pipeline._pipeline.outputs(self._name)]
+
+    def help(self, slot: str | None = None) -> str:
+        """What the pass is for and what its slots mean, with units, ranges and choices; or one slot alone."""
+        entries = self._inputs() + self._pipeline._pipeline.outputs(self._name)
+        if slot is not None:
+            for entry in entries:
+                if slot in (entry["slot"], _short(entry["slot"])):
+                    return _described(entry)
+            raise KeyError(f"{self.class_name} '{self._name}' has no slot '{slot}'")
+        lines = [f"{self.class_name}: {self._pipeline._pipeline.meaning(self._name)}"]
+        return "\n".join(lines + ["  " + _described(entry) for entry in entries])
 
     def set(self, **values: Any) -> Pass:
         """Gives inputs values, several at a time."""
@@ -466,6 +484,23 @@ def _short(slot: str) -> str:
     return slot.rsplit("_", 1)[-1]
 
 
+def _described(entry: Mapping[str, Any]) -> str:
+    parts = [entry["meaning"]]
+    least, most = entry.get("least", -math.inf), entry.get("most", math.inf)
+    unit = f" {entry['unit']}" if entry.get("unit") else ""
+    if math.isfinite(least) and math.isfinite(most):
+        parts.append(f"{least:g} to {most:g}{unit}")
+    elif math.isfinite(least):
+        parts.append(f"at least {least:g}{unit}")
+    elif unit:
+        parts.append(unit.strip())
+    if entry.get("choices"):
+        parts.append(", ".join(entry["choices"]))
+    if entry.get("format"):
+        parts.append(entry["format"])
+    return f"{_short(entry['slot'])}: {'; '.join(part for part in parts if part)}"
+
+
 def _split(output: str) -> tuple[str, str]:
     name, dot, slot = output.rpartition(".")
     if not dot:
@@ -485,6 +520,11 @@ class Pipeline:
     def load(self, name: PathLike) -> None:
         """Reads a pipeline file in the place of what there is. A file with mistakes changes nothing."""
         self._pipeline.load(os.fspath(name), _folders())
+
+    def save(self, path: PathLike) -> None:
+        """Writes it as a pipeline file. What a file at that path has already keeps its place, its comments and its way
+        of writing. Error where something has no text, such as a Texture."""
+        self._pipeline.save(os.fspath(path))
 
     # Passes
 

@@ -35,7 +35,10 @@ QtMessageHandler handlerBefore = nullptr;
 
 void onMessage(QtMsgType type, const QMessageLogContext &context, const QString &message)
 {
-    if (type == QtDebugMsg || type == QtInfoMsg || type == QtFatalMsg) {
+    // What is there for those who develop passes is of no use to a script.
+    if (type == QtDebugMsg || type == QtInfoMsg)
+        return;
+    if (type == QtFatalMsg) {
         if (handlerBefore)
             handlerBefore(type, context, message);
         return;

@@ -4,6 +4,7 @@
 
 #include "convert.h"
 
+#include "host/isolatedimport.h"
 #include "host/sceneimport.h"
 
 #include <algorithm>
@@ -38,7 +39,7 @@ void UploadedModel::free()
     _opaque.reset();
 }
 
-std::shared_ptr<Model> Model::load(const QString &path, bool images, float creaseAngle)
+std::shared_ptr<Model> Model::load(const QString &path, bool images, float creaseAngle, bool isolated)
 {
     auto model = std::make_shared<Model>();
     ImportReport report;
@@ -47,7 +48,8 @@ std::shared_ptr<Model> Model::load(const QString &path, bool images, float creas
         ImportOptions options;
         options.loadImages = images;
         options.creaseAngle = creaseAngle;
-        model->_data = importScene(path, options, &report);
+        model->_data = isolated ? importSceneIsolated(path, options, ImportLimits(), &report)
+                                : importScene(path, options, &report);
     }
     raiseSaid();
     raiseWarnings(report.warnings);
@@ -227,7 +229,8 @@ void bindModel(py::module_ &module)
 {
     py::class_<Model, std::shared_ptr<Model>>(module, "Model")
         .def(py::init<>())
-        .def_static("load", &Model::load, py::arg("path"), py::arg("images"), py::arg("crease_angle"))
+        .def_static("load", &Model::load, py::arg("path"), py::arg("images"), py::arg("crease_angle"),
+                    py::arg("isolated"))
         .def("add_mesh", &Model::addMesh, py::arg("vertices"), py::arg("indices"), py::arg("normals"), py::arg("uvs"),
              py::arg("name"))
         .def("add_material", &Model::addMaterial, py::arg("name"), py::arg("diffuse"), py::arg("specular"),

@@ -32,7 +32,7 @@ class Model
 {
 public:
     Model() = default;
-    static std::shared_ptr<Model> load(const QString &path, bool images, float creaseAngle);
+    static std::shared_ptr<Model> load(const QString &path, bool images, float creaseAngle, bool isolated);
 
     int addMesh(const py::object &vertices, const py::object &indices, const py::object &normals, const py::object &uvs,
                 const QString &name);

@@ -5,6 +5,8 @@
 
 #include <pybind11/stl.h>
 
+#include "core/renderpasshelper.h"
+#include "core/slotinfo.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
 #include "gl/texture.h"
@@ -459,12 +461,43 @@ py::dict PipelineObject::render(int width, int height, const std::shared_ptr<Mod
 
 namespace {
 
+// What a pass says of a slot, which may be nothing.
+py::dict described(const SlotInfo *info)
+{
+    py::dict entry;
+    entry["meaning"] = info ? info->meaning : "";
+    if (!info)
+        return entry;
+    entry["unit"] = info->unit;
+    entry["format"] = info->format;
+    entry["least"] = info->range.least;
+    entry["most"] = info->range.most;
+    py::list choices;
+    for (const SlotChoice &choice : info->choices)
+        choices.append(choice.name);
+    entry["choices"] = choices;
+    return entry;
+}
+
+RenderPassHelper *helperOf(Pipeline &pipeline, const QString &pass)
+{
+    return dynamic_cast<RenderPassHelper *>(pipeline.pass(pass));
+}
+
 py::list inputsOf(PipelineObject &self, const QString &pass)
 {
-    const QVector<PassInput> inputs = self.ask([&](Pipeline &p) { return p.inputs(pass); });
+    QVector<PassInput> inputs;
+    std::vector<const SlotInfo *> infos; // of the class: they stay
+    self.ask([&](Pipeline &p) {
+        inputs = p.inputs(pass);
+        const RenderPassHelper *const helper = helperOf(p, pass);
+        for (int i = 0; i < int(inputs.size()); ++i)
+            infos.push_back(helper ? helper->inputInfo(i) : nullptr);
+    });
     py::list list;
-    for (const PassInput &input : inputs) {
-        py::dict entry;
+    for (qsizetype i = 0; i < inputs.size(); ++i) {
+        const PassInput &input = inputs[i];
+        py::dict entry = described(infos[std::size_t(i)]);
         entry["slot"] = input.slot;
         const bool hasSource = input.kind == PassInput::Kind::Link || input.kind == PassInput::Kind::Host;
         entry["value"] = hasSource ? py::object(py::none()) : objectOf(input.value);
@@ -479,15 +512,41 @@ py::list inputsOf(PipelineObject &self, const QString &pass)
     return list;
 }
 
-std::vector<QString> outputsOf(PipelineObject &self, const QString &pass)
+py::list outputsOf(PipelineObject &self, const QString &pass)
+{
+    QStringList names;
+    std::vector<const SlotInfo *> infos;
+    self.ask([&](Pipeline &p) {
+        const RenderPass *const object = p.pass(pass);
+        const RenderPassHelper *const helper = helperOf(p, pass);
+        for (int i = 0; object && i < object->numOutputs(); ++i) {
+            names << object->outputName(i);
+            infos.push_back(helper ? helper->outputInfo(i) : nullptr);
+        }
+    });
+    py::list list;
+    for (qsizetype i = 0; i < names.size(); ++i) {
+        py::dict entry = described(infos[std::size_t(i)]);
+        entry["slot"] = names[i];
+        list.append(entry);
+    }
+    return list;
+}
+
+const char *meaningOf(PipelineObject &self, const QString &pass)
 {
     return self.ask([&](Pipeline &p) {
-        std::vector<QString> names;
-        const RenderPass *const object = p.pass(pass);
-        for (int i = 0; object && i < object->numOutputs(); ++i)
-            names.push_back(object->outputName(i));
-        return names;
+        const RenderPassHelper *const helper = helperOf(p, pass);
+        const PassInfo *const info = helper ? helper->passInfo() : nullptr;
+        return info ? info->meaning : "";
     });
+}
+
+void save(PipelineObject &self, const QString &path)
+{
+    QStringList errors;
+    if (!self.ask([&](Pipeline &p) { return savePipeline(p, path, &errors); }))
+        throw Error(errors.join(QLatin1Char('\n')));
 }
 
 py::list timingsOf(PipelineObject &self)
@@ -548,6 +607,7 @@ void bindPipeline(py::module_ &module)
         .def(py::init<std::shared_ptr<Gpu>>())
         .def("load", [](Self &self, const QString &name,
                         const std::vector<QString> &folders) { self.load(name, stringsOf(folders)); })
+        .def("save", &save)
         .def("add",
              [](Self &self, const QString &name, const QString &className) {
                  self.attempt([&](Pipeline &p, QString *error) { return p.add(name, className, error); });
@@ -621,6 +681,7 @@ void bindPipeline(py::module_ &module)
         .def("operations", [](Self &self, const QString &pass) { return listOf(self.operations(pass)); })
         .def("inputs", &inputsOf)
         .def("outputs", &outputsOf)
+        .def("meaning", &meaningOf)
         .def("class_name",
              [](Self &self, const QString &pass) { return self.ask([&](Pipeline &p) { return p.className(pass); }); })
         .def("pass_names", [](Self &self) { return listOf(self.ask([](Pipeline &p) { return p.passNames(); })); })

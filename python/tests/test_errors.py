@@ -1,10 +1,11 @@
 """Whatever comes in: an exception with a message, never a crash, and all works afterwards."""
 
 import math
+import warnings
 
 import numpy as np
 import pytest
-from conftest import rectangle
+from conftest import ENGINE, rectangle
 
 import kvo
 
@@ -130,3 +131,25 @@ def test_what_is_said_is_a_warning(tmp_path):
     (tmp_path / "broken.mtl").write_text("newmtl a\nmap_Kd missing.png\n")
     with pytest.warns(kvo.Warning, match="missing.png"):
         kvo.Model(tmp_path / "broken.obj")
+
+
+def test_damaged_models_are_errors_and_no_crashes(tmp_path):
+    """Flipped bits and cut ends: some can be read all the same."""
+    whole = ENGINE.read_bytes()
+    random = np.random.default_rng(3)
+    failed = 0
+    for i in range(24):
+        data = bytearray(whole)
+        # In the JSON in front, mostly, where most can go wrong.
+        for _ in range(1 + i % 4):
+            data[int(random.integers(12, 40000 if i % 3 else len(data)))] ^= 1 << int(random.integers(8))
+        path = tmp_path / f"{i}.glb"
+        path.write_bytes(data[: len(data) // 2] if i % 6 == 5 else data)
+        with warnings.catch_warnings():
+            warnings.simplefilter("ignore", kvo.Warning)
+            try:
+                kvo.Model(path)
+            except kvo.Error as error:
+                assert str(path) in str(error)
+                failed += 1
+    assert failed > 3

@@ -181,3 +181,34 @@ def test_the_observer_sees_each_pass_and_may_read():
     with pytest.raises(KeyError, match="Model"):
         pipeline.render(rectangle(), (16, 16), on_pass=fails)
     assert pipeline.render(rectangle(), (16, 16)).any(), "it goes on as before"
+
+
+def test_slots_say_what_they_are():
+    pipeline = kvo.Pipeline()
+    blur = pipeline.add("Blur", "GaussianBlurRenderPass")
+    blend = pipeline.add("Blend", "BlendRenderPass")
+    assert "0 to 511 texels" in blur.help("BlurRadius")
+    assert "colorDodge" in blend.help("BlendMode")
+    assert blur.help().startswith("GaussianBlurRenderPass: Blurs") and "Output" in blur.help()
+    for entry in pipeline:
+        assert all(line.split(": ", 1)[1] for line in entry.help().splitlines())
+    blend.BlendMode = "colorDodge"
+    assert blend.BlendMode == 18
+    with pytest.raises(kvo.Error, match="colorDodge"):
+        blend.BlendMode = "colourDodge"
+    with pytest.raises(KeyError, match="Radius"):
+        blur.help("Radius")
+
+
+def test_a_pipeline_is_saved_and_read_again(tmp_path):
+    pipeline = kvo.Pipeline("glow")
+    pipeline["Glow"].GlowAmount = 0.75
+    pipeline.save(tmp_path / "mine.json")
+    again = kvo.Pipeline(tmp_path / "mine.json")
+    assert again.order == pipeline.order and again["Glow"].GlowAmount == 0.75
+    model = rectangle()
+    assert (again.render(model, (64, 36)) == pipeline.render(model, (64, 36))).all()
+    pipeline.add("Extra", "FastApproximateAntiAliasingRenderPass", Frame=kvo.Texture(np.ones((2, 2, 4))))
+    with pytest.raises(kvo.Error, match="Extra"):
+        pipeline.save(tmp_path / "mine.json")
+    assert kvo.Pipeline(tmp_path / "mine.json").order == again.order

@@ -55,7 +55,7 @@ void DefaultPixelStore::resume() const
 {
     for (std::size_t i = 0; i < kParameters.size(); ++i)
         glPixelStorei(kParameters[i], wanted(i, _alignment));
-    for (const GLenum target : kBuffers)
+    for (const GLenum target : {GL_PIXEL_UNPACK_BUFFER, GL_PIXEL_PACK_BUFFER})
         glBindBuffer(target, 0);
     glClampColor(GL_CLAMP_READ_COLOR, GL_FIXED_ONLY);
 }

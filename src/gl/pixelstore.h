@@ -16,7 +16,7 @@ public:
     /// \a alignment is that of rows, in both directions; GL's default is 4.
     explicit DefaultPixelStore(int alignment = 4);
     ~DefaultPixelStore();
-    /// Sets all of it, when code within the scope may have changed anything.
+    /// Sets all of it, when code of the host's within the scope may have changed anything; see HostCode.
     void resume() const;
     DefaultPixelStore(const DefaultPixelStore &) = delete;
     DefaultPixelStore &operator=(const DefaultPixelStore &) = delete;

@@ -7,6 +7,7 @@
 #include "gl/imagefile.h"
 #include "gl/managedtextures.h"
 #include "gl/pixelstore.h"
+#include "gl/pooltaker.h"
 #include "gl/sampling.h"
 #include "gl/storage.h"
 #include "gl/texture.h"
@@ -64,8 +65,13 @@ struct PoolEntry
     quint64 releasedAt = 0; // rising number, the latest release is the largest
     qint64 lastFrame = 0;
     int tag = -1;
+    QString taker; ///< Who took it last, where that was said.
     TexturePoolStatistics *counts = nullptr; ///< Of its group.
 
+    QString name() const
+    {
+        return taker.isEmpty() ? texture->label() : QStringLiteral("%1, taken by '%2'").arg(texture->label(), taker);
+    }
     void addRefs(int count)
     {
         if (refs == 0) {
@@ -255,6 +261,7 @@ Texture *TextureManager::tempTexture(TextureFormat format, int width, int height
     chosen->addRefs(1);
     chosen->lastFrame = d->frame;
     chosen->tag = tag;
+    chosen->taker = PoolTaker::current();
     return chosen->texture.get();
 }
 
@@ -275,7 +282,8 @@ void TextureManager::releaseTempTextureRef(Texture *texture, int count)
         return;
     if (d->debug && entry->refs < count) {
         const HostCode hostCode;
-        qWarning("Texture '%s' is released %d times, but has %d references", qPrintable(texture->label()), count,
+        qWarning("Texture '%s'%s is released %d times, but has %d references", qPrintable(texture->label()),
+                 entry->taker.isEmpty() ? "" : qPrintable(QStringLiteral(", taken by '%1',").arg(entry->taker)), count,
                  entry->refs);
     }
     entry->dropRefs(count);
@@ -354,8 +362,7 @@ QStringList TextureManager::leakedReferences() const
     if (const GroupTextures *group = d->current()) {
         for (const auto &entry : group->pool) {
             if (entry->refs > 0)
-                lines.append(
-                    QStringLiteral("%1: %2 references").arg(entry->texture->label(), QString::number(entry->refs)));
+                lines.append(QStringLiteral("%1: %2 references").arg(entry->name(), QString::number(entry->refs)));
         }
     }
     return lines;

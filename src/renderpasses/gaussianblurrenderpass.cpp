@@ -106,7 +106,8 @@ void GaussianBlurRenderPass::start(RenderCallbacks *)
     const Extent viewport = extentOf(*this, kViewport);
     const Extent extent = dividedExtent(*this, kResolutionDivider, viewport, divider);
     const int material = stencilMaterialOf(*this, kStencilMaterial);
-    if (stencil && material >= 0 && depthAttachmentOf(*this, kStencil, stencil, GL_TEXTURE_2D) != GL_DEPTH_STENCIL_ATTACHMENT)
+    if (stencil && material >= 0
+        && depthAttachmentOf(*this, kStencil, stencil, GL_TEXTURE_2D) != GL_DEPTH_STENCIL_ATTACHMENT)
         release(std::exchange(stencil, nullptr));
     const bool restricted = stencil && material >= 0;
     // The framebuffer always has a depth-stencil attachment. A stencil that is wired but not used keeps

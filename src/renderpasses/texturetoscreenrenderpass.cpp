@@ -150,6 +150,7 @@ BlitSide sourceOf(Texture *texture)
     BlitSide side{hasIntegers(GL_READ_FRAMEBUFFER)};
     if (texture->target() == GL_TEXTURE_2D_MULTISAMPLE) {
         const AutoBinder bound(texture);
+        settleActiveUnit();
         glGetTexLevelParameteriv(GL_TEXTURE_2D_MULTISAMPLE, 0, GL_TEXTURE_SAMPLES, &side.samples);
     }
     return side;

@@ -385,3 +385,26 @@ TEST_F(KvoRender, RefusesNumbersThatAreNoneAndPicturesBeyondTheDriver)
     expectFailure(QStringList{kBox} << words("-p glow -o out.png --size 60000x60000"), 1,
                   "a picture of 60000x60000 is not possible here: each side has to be from 1 to");
 }
+
+// A blur gives a stencil texture back only when it has a material to look for: the count stays open.
+TEST_F(KvoRender, AFaultInTheChainIsAFailureAndThePictureThereAllTheSame)
+{
+    write("leak.json", R"({ "passes": [
+        { "name": "A", "class": "ShaderRenderPass", "calls": [{ "addOutput": ["Kvo_KvoTexture*_Frame"] },
+          { "setFragmentShaderSource": ["#version 150\nout vec4 o_Frame;\nvoid main() { o_Frame = vec4(1.0); }"] }],
+          "inputs": { "Viewport": "@viewport" } },
+        { "name": "B", "class": "ShaderRenderPass", "calls": [{ "addOutput": ["Kvo_KvoTexture*_Frame"] },
+          { "setFragmentShaderSource": ["#version 150\nout vec4 o_Frame;\nvoid main() { o_Frame = vec4(1.0); }"] }],
+          "inputs": { "Viewport": "@viewport" } },
+        { "name": "Soft", "class": "GaussianBlurRenderPass",
+          "inputs": { "Viewport": "@viewport", "BlurRadius": 2, "Input": { "from": "A.Frame" },
+                      "Stencil": { "from": "B.Frame" } } },
+        { "name": "Present", "class": "TextureToScreenRenderPass",
+          "inputs": { "Viewport": "@viewport", "Texture": { "from": "Soft.Output" }, "FramebufferOut": "@screen" } }
+    ] })");
+    const Outcome outcome = run(words("-p leak.json -s 8x8 -o out.png"));
+    EXPECT_EQ(outcome.exitCode, 1);
+    EXPECT_TRUE(outcome.err.contains(QStringLiteral("pass 'Soft' did not give back"))) << qPrintable(outcome.err);
+    EXPECT_TRUE(outcome.err.contains(QStringLiteral("1 fault(s) in pipeline"))) << qPrintable(outcome.err);
+    EXPECT_EQ(QImage(path("out.png")).size(), QSize(8, 8));
+}

@@ -11,6 +11,8 @@
 #include <gl/texture.h>
 #include <gl/texturemanager.h>
 #include <host/camera.h>
+
+#include <host/passfactory.h>
 #include <host/pipeline.h>
 #include <host/pipelinefile.h>
 #include <host/screentarget.h>
@@ -429,6 +431,41 @@ TEST_F(PipelineFrames, NamesTheBlurThatKeepsAStencilWithANegativeMaterial)
     TextureManager::Instance().releaseTempTextureRef(kept, 1);
 }
 
+// Each texture input of each class, fed from the pool: nothing stays taken, and nothing is given back twice.
+TEST_F(PipelineFrames, GivesBackForPassesThatTakeNoPartInTheCounting)
+{
+    int inputs = 0;
+    for (const QString &className : passFactory().classNames()) {
+        const std::unique_ptr<RenderPass> made = passFactory().make(className);
+        for (int i = 0; i < made->numInputs(); ++i) {
+            const QString slot = made->inputName(i);
+            if (!slot.contains(s("Texture*")))
+                continue;
+            SCOPED_TRACE(qPrintable(className + u' ' + slot));
+            pipeline = std::make_unique<Pipeline>();
+            addPool("Image");
+            ASSERT_TRUE(pipeline->add(s("Reader"), className));
+            pipeline->bindStandard();
+            pipeline->setViewport(QRect(0, 0, kSize, kSize));
+            ASSERT_TRUE(pipeline->connect(s("Image"), s("Frame"), s("Reader"), slot));
+            int taken = -1;
+            for (int frame = 0; frame < 6; ++frame) {
+                render();
+                const bool keepsStencil = className == s("GaussianBlurRenderPass") && slot.endsWith(s("_Stencil"));
+                if (!keepsStencil)
+                    EXPECT_EQ(pipeline->faults(), QStringList()) << "frame " << frame;
+                const int now = TextureManager::Instance().statistics().inUse;
+                if (frame > 2 && !keepsStencil)
+                    EXPECT_EQ(now, taken) << "frame " << frame;
+                taken = now;
+            }
+            ++inputs;
+        }
+    }
+    EXPECT_GT(inputs, 40);
+    pipeline.reset();
+}
+
 TEST_F(PipelineFrames, NamesAPassThatGivesItsInputBackTwice)
 {
     addPool("A");
@@ -461,6 +498,24 @@ TEST_F(PipelineFrames, NamesAPassThatKeepsMoreAndMoreOfItsOutput)
     EXPECT_EQ(faultsAfter(1),
               QStringList{s("pass 'Leak' keeps 4 references on textures of its output 'Kvo_KvoTexture*_Frame', "
                             "and the number grows")});
+}
+
+TEST_F(PipelineFrames, NamesWhoTookATextureThatIsStillTaken)
+{
+    addPool("Maker");
+    addPool("Greedy", PoolPass::Habit::KeepsInput);
+    link("Maker.Frame", "Greedy.A");
+    render();
+    TextureManager &manager = TextureManager::Instance();
+    const QStringList left = manager.leakedReferences();
+    ASSERT_EQ(left.size(), 1);
+    EXPECT_TRUE(left.first().contains(s("taken by 'Maker': 1 references"))) << qPrintable(left.first());
+    Texture *kept = textureFromVariant(pipeline->output(s("Maker"), s("Frame")));
+    manager.setDebug(true);
+    const MessageCapture messages;
+    manager.releaseTempTextureRef(kept, 2);
+    manager.setDebug(false);
+    EXPECT_EQ(messages.containing(s("taken by 'Maker', is released 2 times")), 1);
 }
 
 TEST_F(PipelineFrames, WarnsOfAFaultOnce)

@@ -2,6 +2,7 @@
 
 #include <gl/drawbuffers.h>
 #include <gl/opengldevicecontext.h>
+#include <gl/shaderprogram.h>
 #include <gl/texturemanager.h>
 
 #include <QSharedPointer>
@@ -50,6 +51,13 @@ GLContext &GLTest::context()
 {
     return *mainContext;
 }
+
+GLTest::GLTest()
+    : _shaderFailures([](const ShaderFailure &failure) {
+          std::printf("[ shader   ] '%s' failed to %s:\n%s\n", qPrintable(failure.label),
+                      failure.whileLinking ? "link" : "compile", qPrintable(failure.log));
+      })
+{}
 
 void GLTest::SetUp()
 {

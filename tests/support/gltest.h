@@ -4,6 +4,7 @@
 #include "support/glcontext.h"
 
 #include <gl/glinfo.h>
+#include <gl/shaderfailurelistener.h>
 
 #include <gtest/gtest.h>
 
@@ -16,6 +17,7 @@ namespace Brevane::Kvo::Test {
 class GLTest : public ::testing::Test
 {
 protected:
+    GLTest();
     void SetUp() override;
     void TearDown() override;
 
@@ -40,6 +42,8 @@ private:
     };
     static Objects liveObjects();
 
+    // What a shader that failed was: a test that wants one to fail reads it between its own lines.
+    const ShaderFailureListener _shaderFailures;
     Objects _before;
     bool _leakedReferencesExpected = false;
 };

@@ -295,7 +295,14 @@ bool Renderer::renderFrames()
     total.start();
     sinceProgress.start();
     const int frames = _commandLine.frames;
+    QStringList faults;
+    const auto noteFaults = [&] {
+        for (const QString &fault : _pipeline.faults())
+            if (!faults.contains(fault))
+                faults << fault;
+    };
     const auto before = [&](int frame) {
+        noteFaults();
         if (frame == frames - 1)
             observe();
         if (sinceProgress.elapsed() < kProgressInterval || frame == 0)
@@ -306,6 +313,10 @@ bool Renderer::renderFrames()
     QString error;
     if (!::renderFrames(&_pipeline, &_screen, frames, before, &error))
         return fail(error);
+    noteFaults();
+    // The pipeline has said each of them.
+    if (!faults.isEmpty())
+        fail(QStringLiteral("%1 fault(s) in pipeline '%2'").arg(faults.size()).arg(_pipelinePath));
     progress(QStringLiteral("%1 frame(s) of %2x%3 in %4 s")
                  .arg(frames)
                  .arg(_commandLine.size.width())
@@ -315,7 +326,7 @@ bool Renderer::renderFrames()
         printValue(print, _pipeline.output(print.pass, print.slot));
     if (_commandLine.timings)
         printTimings(_pipeline.timings(true), frames == 1);
-    return _exitCode == kSuccess;
+    return faults.size() > 0 || _exitCode == kSuccess;
 }
 
 bool Renderer::writePicture()

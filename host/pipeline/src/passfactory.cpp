@@ -1,5 +1,6 @@
 #include "host/passfactory.h"
 
+#include "host/layercompositionpass.h"
 #include "host/shadowlightingpass.h"
 #include "passkit/statetable.h"
 #include "passrows.h"
@@ -41,7 +42,8 @@ constexpr Entry kPasses[] = {
 #define KVO_ENTRY(Pass) entry<Pass>(#Pass),
     KVO_EVERY_PASS(KVO_ENTRY)
 #undef KVO_ENTRY
-        entry<ShadowLightingPass>("ShadowLightingPass"),
+        entry<LayerCompositionPass>("LayerCompositionPass"),
+    entry<ShadowLightingPass>("ShadowLightingPass"),
 };
 
 constexpr const char *kOnlyToDeriveFrom = "BlurBaseRenderPass";

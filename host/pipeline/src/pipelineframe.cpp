@@ -7,6 +7,7 @@
 #include "gl/givenup.h"
 #include "gl/hoststate.h"
 #include "gl/opengldevicecontext.h"
+#include "gl/pooltaker.h"
 #include "gl/texture.h"
 #include "gl/texturemanager.h"
 #include "hostvalues.h"
@@ -15,6 +16,7 @@
 #include <epoxy/gl.h>
 
 #include <algorithm>
+#include <array>
 #include <optional>
 #include <utility>
 
@@ -49,6 +51,22 @@ QVariant outputOf(const LinkSource &source, bool isOurs)
 {
     const MaybeHostCode host(!isOurs);
     return source.from->pass->output(source.output);
+}
+
+// Passes of the library that read images without giving references back: they work on what its makers keep. An image
+// of the pool would stay taken for good.
+ReferenceLedger::GivingBack givingBackOf(const StateRow *row)
+{
+    constexpr std::array kWithoutCounting{
+        "DeferredRenderPass",           "DepthOfFieldRenderPass",
+        "LuminanceAverageRenderPass",   "ModelDeferredPass",
+        "TextureToScreenRenderPass",    "TransparencyRenderPass",
+        "VisibilityDeferredRenderPass", "VisibilitySortRenderPass",
+    };
+    const bool counts = !row || std::none_of(kWithoutCounting.begin(), kWithoutCounting.end(), [row](const char *name) {
+        return qstrcmp(name, row->className) == 0;
+    });
+    return counts ? ReferenceLedger::GivingBack::Pass : ReferenceLedger::GivingBack::Ledger;
 }
 
 } // namespace
@@ -112,6 +130,7 @@ void PipelineFrame::runStep(Step &step, RenderCallbacks *callbacks)
     {
         const GivenUpCollector collector(_givenUp);
         const DefaultState::Known known(step.row != nullptr);
+        const PoolTaker taker(node.name);
         node.pass->start(callbacks);
     }
     if (timing)
@@ -146,6 +165,7 @@ PipelineFrame::Step PipelineFrame::makeStep(Node *node) const
     step.node = node;
     RenderPass &pass = *node->pass;
     step.row = stateRowOf(pass);
+    step.givingBack = givingBackOf(step.row);
     step.viewportInput = viewportInputOf(pass);
     for (int i = 0; i < int(node->sources.size()); ++i) {
         const Source &source = node->sources[size_t(i)];
@@ -222,7 +242,7 @@ void PipelineFrame::checkReferences(Step &step)
     RenderPass &pass = *step.node->pass;
     for (size_t i = 0; i < step.outputs.size(); ++i)
         step.outputPorts[i].texture = textureFromVariant(pass.output(step.outputs[i]));
-    _ledger.afterStart(step.node->name, step.inputPorts, step.outputPorts, step.held, &faults);
+    _ledger.afterStart(step.node->name, step.givingBack, step.inputPorts, step.outputPorts, step.held, &faults);
     if (pass.errorCode() == step.node->errorCode)
         return;
     step.node->errorCode = pass.errorCode();

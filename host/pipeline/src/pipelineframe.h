@@ -63,6 +63,7 @@ private:
         };
 
         Node *node = nullptr;
+        ReferenceLedger::GivingBack givingBack = ReferenceLedger::GivingBack::Pass;
         const StateRow *row = nullptr; ///< What the pass leaves changed; null: not known.
         int viewportInput = -1;
         std::vector<Link> links;

@@ -51,8 +51,8 @@ void ReferenceLedger::beforeStart(std::vector<Port> &inputs)
     }
 }
 
-void ReferenceLedger::afterStart(const QString &pass, std::vector<Port> &inputs, std::vector<Port> &outputs,
-                                 std::vector<Held> &held, QStringList *faults)
+void ReferenceLedger::afterStart(const QString &pass, GivingBack givingBack, std::vector<Port> &inputs,
+                                 std::vector<Port> &outputs, std::vector<Held> &held, QStringList *faults)
 {
     for (const Port &input : inputs)
         if (refsOf(input.texture) != kNotPooled)
@@ -66,19 +66,21 @@ void ReferenceLedger::afterStart(const QString &pass, std::vector<Port> &inputs,
     for (auto input = inputs.begin(); input != inputs.end(); ++input) {
         input->seen = std::any_of(inputs.begin(), input, [&](const Port &p) { return p.texture == input->texture; });
         if (!input->seen && !holds(outputs, input->texture))
-            checkInput(pass, *input, faults);
+            checkInput(pass, givingBack, *input, faults);
     }
     for (size_t i = 0; i < outputs.size(); ++i)
         checkOutput(pass, outputs[i], held[i], faults);
 }
 
-void ReferenceLedger::checkInput(const QString &pass, const Port &input, QStringList *faults)
+void ReferenceLedger::checkInput(const QString &pass, GivingBack givingBack, const Port &input, QStringList *faults)
 {
     const int refs = refsOf(input.texture);
     if (refs == kNotPooled || entryOf(input.texture).broken)
         return;
     const int surplus = refs - owedOn(input.texture);
-    if (surplus > input.surplusBefore) {
+    if (surplus > input.surplusBefore && givingBack == GivingBack::Ledger) {
+        TextureManager::Instance().releaseTempTextureRef(input.texture, surplus - input.surplusBefore);
+    } else if (surplus > input.surplusBefore) {
         faults->append(
             QStringLiteral("pass '%1' did not give back the texture of its input '%2': %3 reference(s) too many")
                 .arg(pass, input.slot, QString::number(surplus - input.surplusBefore)));

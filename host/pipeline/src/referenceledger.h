@@ -39,9 +39,14 @@ public:
     void beginFrame();
     /// Before the start of a pass: its linked inputs.
     void beforeStart(std::vector<Port> &inputs);
+    /// Who gives back the references of linked inputs.
+    enum class GivingBack {
+        Pass,
+        Ledger, ///< For a pass that takes no part in the counting: what it leaves is given back behind it.
+    };
     /// After it: the outputs, with the textures they hold now. Faults are added to \a faults.
-    void afterStart(const QString &pass, std::vector<Port> &inputs, std::vector<Port> &outputs, std::vector<Held> &held,
-                    QStringList *faults);
+    void afterStart(const QString &pass, GivingBack givingBack, std::vector<Port> &inputs, std::vector<Port> &outputs,
+                    std::vector<Held> &held, QStringList *faults);
 
 private:
     struct Entry
@@ -53,7 +58,7 @@ private:
 
     Entry &entryOf(Texture *texture);
     int &owedOn(Texture *texture) { return entryOf(texture).owed; }
-    void checkInput(const QString &pass, const Port &input, QStringList *faults);
+    void checkInput(const QString &pass, GivingBack givingBack, const Port &input, QStringList *faults);
     void checkOutput(const QString &pass, const Port &output, Held &held, QStringList *faults);
 
     std::vector<Entry> _entries;

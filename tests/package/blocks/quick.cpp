@@ -5,5 +5,5 @@ using namespace Brevane::Kvo;
 
 int main()
 {
-// BLOCK
+    // BLOCK
 }

@@ -8,5 +8,5 @@ using namespace Brevane::Kvo;
 
 void use(vtkRenderer *renderer)
 {
-// BLOCK
+    // BLOCK
 }
