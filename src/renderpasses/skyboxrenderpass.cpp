@@ -239,7 +239,8 @@ void SkyboxRenderPass::start(RenderCallbacks *callbacks)
     }
     const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
     const auto camera = qvariant_cast<QMatrix4x4>(_inputs[kCameraMatrix].value);
-    Texture *cubemap = typedTexture(*this, kCubemap, TextureKind::Cube);
+    Texture *const givenCubemap = typedTexture(_inputs[kCubemap].value);
+    Texture *cubemap = ofKind(*this, kCubemap, givenCubemap, TextureKind::Cube);
     Texture *latLongMap = typedTexture(*this, kLatLongMap);
     Texture *background = typedTexture(*this, kBackground);
     Texture *frame = typedTexture(_inputs[kFrame].value);
@@ -316,7 +317,7 @@ void SkyboxRenderPass::start(RenderCallbacks *callbacks)
     glDisable(GL_STENCIL_TEST);
 
     publish(_outputs[kFrameOut], _fbo->attachment(GL_COLOR_ATTACHMENT0), _numOutputUsers[kFrameOut]);
-    release(cubemap);
+    release(givenCubemap); // also one of the pool, which is none
     release(latLongMap);
     release(background);
     release(_fbo->detach(GL_COLOR_ATTACHMENT0));

@@ -50,6 +50,11 @@ QMatrix4x4 matrix(const aiMatrix4x4 &m)
     return QMatrix4x4(m.a1, m.a2, m.a3, m.a4, m.b1, m.b2, m.b3, m.b4, m.c1, m.c2, m.c3, m.c4, m.d1, m.d2, m.d3, m.d4);
 }
 
+bool isFinite(const QVector3D &v)
+{
+    return std::isfinite(v.x()) && std::isfinite(v.y()) && std::isfinite(v.z());
+}
+
 bool isFinite(const QMatrix4x4 &m)
 {
     return std::all_of(m.constData(), m.constData() + 16, [](float f) { return std::isfinite(f); });
@@ -68,11 +73,20 @@ QVector<QVector2D> projectedTexCoords(const ModelMesh &mesh)
     }
     const QVector3D extent = high - low;
     const float largest = std::max({extent.x(), extent.y(), extent.z()});
-    const float scale = largest > 0.0f && std::isfinite(largest) ? 1.0f / largest : 0.0f;
+    const float scale = largest > 0.0f ? 1.0f / largest : 0.0f;
+    // Two numbers of a file may be further apart than a float goes, or as near as not to be divided by.
+    const bool inDouble = !isFinite(extent) || !std::isfinite(scale);
+    double width = 0.0;
+    for (int i = 0; i < 3; ++i)
+        width = std::max(width, double(high[i]) - double(low[i]));
+    const auto place = [&](const QVector3D &p, int i) {
+        return inDouble ? float((double(p[i]) - double(low[i])) / width) : (p[i] - low[i]) * scale;
+    };
     QVector<QVector2D> result;
     result.reserve(mesh.positions.size());
     for (qsizetype i = 0; i < mesh.positions.size(); ++i) {
-        const QVector3D p = (mesh.positions[i] - low) * scale;
+        const QVector3D &position = mesh.positions[i];
+        const QVector3D p(place(position, 0), place(position, 1), place(position, 2));
         const QVector3D n = mesh.normals.isEmpty() ? QVector3D(0, 0, 1) : mesh.normals[i];
         const float x = std::abs(n.x()), y = std::abs(n.y()), z = std::abs(n.z());
         if (x >= y && x >= z)
@@ -240,13 +254,25 @@ private:
             else if (!isAbout(scale, known))
                 known = -1.0f;
         }
+        for (const ModelItem &item : std::as_const(_data.items)) {
+            QMatrix4x4 rest = item.transform;
+            rest.scale(1.0f / scales[size_t(item.mesh)]);
+            if (!isFinite(rest))
+                scales[size_t(item.mesh)] = -1.0f;
+        }
         for (qsizetype i = 0; i < _data.meshes.size(); ++i) {
             float &scale = scales[size_t(i)];
             if (!(scale > 0.0f) || !std::isfinite(scale) || !std::isfinite(1.0f / scale) || isAbout(scale, 1.0f)) {
                 scale = 1.0f;
                 continue;
             }
-            for (QVector3D &position : _data.meshes[i].positions)
+            QVector<QVector3D> &positions = _data.meshes[i].positions;
+            const auto staysFinite = [scale](const QVector3D &p) { return isFinite(p * scale); };
+            if (!std::all_of(positions.cbegin(), positions.cend(), staysFinite)) {
+                scale = 1.0f;
+                continue;
+            }
+            for (QVector3D &position : positions)
                 position *= scale;
         }
         for (ModelItem &item : _data.items)
