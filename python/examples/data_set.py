@@ -16,17 +16,6 @@ import kvo
 
 SIZE = (160, 120)  # width, height
 
-try:
-    from tqdm import tqdm as _tqdm
-
-    def tqdm(things):
-        return _tqdm(things, disable=None)  # silent where nobody looks
-
-except ImportError:
-
-    def tqdm(things):
-        return things
-
 
 def directions(count):
     """Directions that cover the upper part of a sphere evenly: yaw and pitch."""
@@ -68,10 +57,10 @@ def main(path, count=500, output="data-set.npz"):
     pipeline = kvo.Pipeline("deferred-model")
     views = directions(int(count))
     data = {name: [] for name in ("image", "depth", "normal", "diffuse", "view", "projection")}
-    for yaw, pitch in tqdm(views):
-        camera = kvo.orbit(yaw=yaw, pitch=pitch)
+    cameras = [kvo.orbit(yaw=yaw, pitch=pitch) for yaw, pitch in views]
+    outputs = ["image", "Model.Depth", "Model.Normal", "Model.Diffuse"]
+    for camera, out in zip(cameras, pipeline.views(model, SIZE, cameras, outputs=outputs)):
         view, projection, _, _ = camera.matrices(model, SIZE)
-        out = pipeline.render(model, SIZE, camera, outputs=["image", "Model.Depth", "Model.Normal", "Model.Diffuse"])
         data["image"].append(np.asarray(out["image"]))
         data["depth"].append(out["Model.Depth"])
         data["normal"].append(out["Model.Normal"].astype(np.float16))

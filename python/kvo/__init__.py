@@ -672,6 +672,14 @@ class Pipeline:
             result["image"] = result["image"].view(Image)
         return result["image"] if names is None else {name: result[name] for name in names}
 
+    def views(self, model: Model | None, size: tuple[int, int], cameras: Iterable[Camera | str], *,
+              outputs: Iterable[str] | None = None, frames: int = 1, progress: bool = True) -> Iterator[Any]:  # fmt: skip
+        """What ``render`` gives, for one camera after the other. On a terminal tqdm, where it is installed, tells how
+        far it is."""
+        names = None if outputs is None else list(outputs)
+        for camera in _watched(cameras) if progress else cameras:
+            yield self.render(model, size, camera, frames=frames, outputs=names)
+
     def output(self, output: str) -> Any:
         """The value of an output as the last frame left it. A texture may have been used again since its pass: read
         it by ``render(outputs=…)``, or in ``on_pass``."""
@@ -707,6 +715,14 @@ class Pipeline:
 
     def __repr__(self) -> str:
         return f"<kvo.Pipeline: {' > '.join(self.order)}>"
+
+
+def _watched(things: Iterable[Any]) -> Iterable[Any]:
+    try:
+        from tqdm import tqdm
+    except ImportError:
+        return things
+    return tqdm(list(things), disable=None, unit="view")  # silent where nobody looks
 
 
 def _type_word(value: Any) -> str:

@@ -212,3 +212,13 @@ def test_a_pipeline_is_saved_and_read_again(tmp_path):
     with pytest.raises(kvo.Error, match="Extra"):
         pipeline.save(tmp_path / "mine.json")
     assert kvo.Pipeline(tmp_path / "mine.json").order == again.order
+
+
+def test_views_are_what_render_gives():
+    pipeline = kvo.Pipeline("deferred-model")
+    model = rectangle()
+    cameras = [kvo.orbit(yaw=yaw) for yaw in (0, 20, 40)]
+    for camera, out in zip(cameras, pipeline.views(model, (16, 12), cameras, outputs=["Model.Depth"])):
+        expected = pipeline.render(model, (16, 12), camera, outputs=["Model.Depth"])
+        assert (out["Model.Depth"] == expected["Model.Depth"]).all()
+    assert len(list(pipeline.views(model, (16, 12), iter(cameras), progress=False))) == 3
