@@ -20,7 +20,7 @@ struct ImportLimits
 ///
 /// The report's error names file and reason: that there is no such program and where it was looked for, a crash with
 /// the last words of the importer, a limit that was not enough, or what the importer says. The calling thread waits;
-/// no event loop is needed, and no signal handler is touched. Importing takes some 20 milliseconds more.
+/// no event loop is needed, and no signal handler is touched. The process takes some 50 milliseconds to start.
 KVO_SCENE_EXPORT ModelData importSceneIsolated(const QString &path, const ImportOptions &options = ImportOptions(),
                                                const ImportLimits &limits = ImportLimits(),
                                                ImportReport *report = nullptr);
