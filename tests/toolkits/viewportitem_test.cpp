@@ -174,6 +174,24 @@ TEST_F(ViewportItemTest, ShowsWhatThePipelineDrawsInATargetOfItsOwn)
     }
 }
 
+TEST_F(ViewportItemTest, AnotherSizeIsDrawnAnew)
+{
+    const ModelData data = importScene(kModel);
+    const auto view = open(withModel("smaa"));
+    ViewportItem *item = itemOf(*view);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return item->camera().scene().maximum == boxOf(data).maximum; }, 20000));
+    ASSERT_TRUE(settle(item));
+    const OrbitCamera camera = item->camera();
+    for (const QSize &size : {QSize(180, 170), QSize(90, 40), QSize(kWidth, kHeight)}) {
+        item->setSize(size);
+        ASSERT_TRUE(settle(item));
+        EXPECT_TRUE(item->camera() == camera) << "or something else has it drawn";
+        const QImage shown = view->grabWindow().copy(40, 20, size.width(), size.height());
+        const QImage expected = expectedPicture(data, kPipelines + u"smaa.json"_s, camera, size);
+        EXPECT_EQ(differing(shown, expected, QRect(QPoint(), size)), 0) << size.width();
+    }
+}
+
 TEST_F(ViewportItemTest, SlotValuesComeAndGo)
 {
     const ModelData data = importScene(kModel);
