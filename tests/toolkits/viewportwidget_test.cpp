@@ -4,6 +4,7 @@
 #include "support/glcalls.h"
 #include "support/messages.h"
 #include "support/scenes.h"
+#include "toolkits/pictures.h"
 #include "toolkits/raycast.h"
 
 #include <gl/opengldevicecontext.h>
@@ -99,22 +100,6 @@ std::unique_ptr<ViewportWidget> viewOf(const ModelData &data, const char *pipeli
     EXPECT_TRUE(view->setPipelineFile(kPipelines + QLatin1StringView(pipeline) + u".json"_s, &errors))
         << qPrintable(errors.join(u'\n'));
     return view;
-}
-
-// Share of pixels that differ by more than a few steps.
-double differing(const QImage &a, const QImage &b)
-{
-    if (a.size() != b.size())
-        return 1;
-    int count = 0;
-    for (int y = 0; y < a.height(); ++y) {
-        for (int x = 0; x < a.width(); ++x) {
-            const QColor one = a.pixelColor(x, y), other = b.pixelColor(x, y);
-            count += std::abs(one.red() - other.red()) > 3 || std::abs(one.green() - other.green()) > 3
-                     || std::abs(one.blue() - other.blue()) > 3;
-        }
-    }
-    return double(count) / double(a.width() * a.height());
 }
 
 void drag(QWidget &widget, Qt::MouseButton button, const QPoint &from, const QPoint &to,
