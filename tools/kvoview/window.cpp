@@ -11,6 +11,8 @@
 #include <QStatusBar>
 #include <QToolBar>
 
+#include <utility>
+
 using namespace Brevane::Kvo;
 using namespace Qt::StringLiterals;
 
@@ -67,8 +69,8 @@ bool Window::load(const QString &path)
 void Window::report(const QStringList &mistakes)
 {
     _mistakes = mistakes;
-    for (const QString &line : mistakes)
-        complain(line);
+    _isNew = mistakes.isEmpty();
+    complainOf(mistakes);
     statusBar()->showMessage(mistakes.value(0));
 }
 
@@ -110,6 +112,9 @@ QString Window::times() const
 
 void Window::afterFrame(int number)
 {
+    // A pipeline is there with its first frame.
+    if (std::exchange(_isNew, false) && _view->pipeline())
+        complainOf(_view->pipeline()->warnings());
     if (_mistakes.isEmpty())
         statusBar()->showMessage(times());
     if (_lastFrame > 0 && number == _lastFrame)

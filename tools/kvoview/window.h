@@ -39,6 +39,7 @@ private:
     Brevane::Kvo::ViewportWidget *_view;
     QComboBox *_choice;
     QStringList _mistakes; ///< In the file of the pipeline.
+    bool _isNew = false; ///< The pipeline: what is likely a mistake in it has not been said yet.
     int _lastFrame = 0; ///< 0: none.
     bool _failed = false;
 };
