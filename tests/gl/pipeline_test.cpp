@@ -452,11 +452,11 @@ TEST_F(PipelineFrames, GivesBackForPassesThatTakeNoPartInTheCounting)
             for (int frame = 0; frame < 6; ++frame) {
                 render();
                 const bool keepsStencil = className == s("GaussianBlurRenderPass") && slot.endsWith(s("_Stencil"));
-                if (!keepsStencil)
-                    EXPECT_EQ(pipeline->faults(), QStringList()) << "frame " << frame;
                 const int now = TextureManager::Instance().statistics().inUse;
-                if (frame > 2 && !keepsStencil)
-                    EXPECT_EQ(now, taken) << "frame " << frame;
+                if (!keepsStencil) {
+                    EXPECT_EQ(pipeline->faults(), QStringList()) << "frame " << frame;
+                    EXPECT_TRUE(frame <= 2 || now == taken) << now << " in frame " << frame << ", then " << taken;
+                }
                 taken = now;
             }
             ++inputs;
