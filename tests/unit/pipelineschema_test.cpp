@@ -80,7 +80,7 @@ private:
             if (!isKnown && (more == QJsonValue(false) || (more.isObject() && !accepts(more.toObject(), object[key]))))
                 return false;
         }
-        for (const QJsonValue &name : schema[u"required"_s].toArray())
+        for (const QJsonValue name : schema[u"required"_s].toArray())
             if (!object.contains(name.toString()))
                 return false;
         return object.size() >= schema[u"minProperties"_s].toInt(0)

@@ -220,7 +220,7 @@ QJsonObject commonDefinitions()
                        {u"contentOf"_s, closedObject({{u"contentOf"_s, text}}, {u"contentOf"_s})}};
     for (const auto &[type, values] : valuesOfTypes().asKeyValueRange()) {
         QJsonArray schemas = sourcesOf(type);
-        for (const QJsonValue &value : values)
+        for (const QJsonValue value : values)
             schemas << value;
         result[u"input "_s + type] = anyOf(schemas);
     }
