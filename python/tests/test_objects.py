@@ -189,7 +189,7 @@ def test_slots_say_what_they_are():
     blend = pipeline.add("Blend", "BlendRenderPass")
     assert "0 to 511 texels" in blur.help("BlurRadius")
     assert "colorDodge" in blend.help("BlendMode")
-    assert blur.help().startswith("GaussianBlurRenderPass: Blurs") and "Output" in blur.help()
+    assert blur.help().startswith("GaussianBlurRenderPass: blurs") and "Output" in blur.help()
     for entry in pipeline:
         assert all(line.split(": ", 1)[1] for line in entry.help().splitlines())
     blend.BlendMode = "colorDodge"

@@ -485,6 +485,12 @@ void bindFramebufferNow(unsigned int target, unsigned int name)
     state->bindings.settle(target == GL_READ_FRAMEBUFFER ? DrawFramebuffer : ReadFramebuffer);
 }
 
+unsigned int boundFramebuffer(unsigned int target)
+{
+    ContextState *const state = ContextState::current();
+    return state ? state->bindings.bound(target == GL_READ_FRAMEBUFFER ? ReadFramebuffer : DrawFramebuffer) : 0;
+}
+
 void settleActiveUnit()
 {
     if (ContextState *state = ContextState::current())

@@ -141,6 +141,8 @@ private:
 /// Binds a framebuffer for drawing or for reading at once, and for good: what was bound before does not come
 /// back. What is owed to the other one is settled.
 KVO_GL_EXPORT void bindFramebufferNow(unsigned int target, unsigned int name);
+/// What is bound for drawing or for reading, without asking GL where it is known.
+KVO_GL_EXPORT unsigned int boundFramebuffer(unsigned int target);
 /// See Bindings::settleUnit; of the current context.
 KVO_GL_EXPORT void settleActiveUnit();
 

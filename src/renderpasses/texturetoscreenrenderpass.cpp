@@ -159,9 +159,7 @@ BlitSide sourceOf(Texture *texture)
 BlitSide targetNow()
 {
     BlitSide side;
-    GLint name = 0;
-    glGetIntegerv(GL_DRAW_FRAMEBUFFER_BINDING, &name);
-    side.hasIntegers = name != 0 && hasIntegers(GL_DRAW_FRAMEBUFFER);
+    side.hasIntegers = boundFramebuffer(GL_DRAW_FRAMEBUFFER) != 0 && hasIntegers(GL_DRAW_FRAMEBUFFER);
     glGetIntegerv(GL_SAMPLES, &side.samples);
     return side;
 }

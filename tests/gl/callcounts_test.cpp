@@ -115,7 +115,10 @@ TEST_P(CallCounts, AreHardlyMoreThanThePictureNeeds)
     runFrame(*pass);
     const GlCalls::Pause pause;
     print(calls, *bare);
-    EXPECT_LE(double(calls.all().size()), 1.3 * bare->callCount()) << qPrintable(calls.toString());
+    // A copy asks three things first that GL wants of both sides: any host texture may be one side, and any
+    // framebuffer the other.
+    const int questions = qstrcmp(GetParam().className, "TextureToScreenRenderPass") == 0 ? 3 : 0;
+    EXPECT_LE(double(calls.all().size()), 1.3 * bare->callCount() + questions) << qPrintable(calls.toString());
 }
 
 } // namespace Brevane::Kvo

@@ -531,8 +531,8 @@ TEST_F(VisibilitySort, TheImageIsBoundForTheDrawAndABarrierFollows)
     EXPECT_LT(bind, draw);
     EXPECT_LT(draw, unbind);
     EXPECT_LT(unbind, barrier);
-    EXPECT_EQ(calls.count("glStencilFuncSeparate") + calls.count("glStencilMaskSeparate"), 0)
-        << "the stencil of a clean context is taken for what it is";
+    EXPECT_EQ(calls.count("glStencilMaskSeparate"), 0) << "the stencil of a clean context is taken for what it is";
+    EXPECT_EQ(calls.count("glStencilFuncSeparate"), 2) << "the function comes back as it was, front and back";
     EXPECT_EQ(calls.count("glClear"), 1) << "of the stencil that tells pixels with a list";
     EXPECT_EQ(calls.draws(), 2) << "one that marks them, and one that sorts";
     const int maskClosed = calls.indexOf("glColorMask", {0, 0, 0, 0});

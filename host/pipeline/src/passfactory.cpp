@@ -106,8 +106,11 @@ void PassFactory::addOperations()
 const StateRow *stateRowOf(const RenderPass &pass)
 {
     for (const Entry &entry : kPasses) {
-        if (entry.isExactly(pass))
-            return findStateRow(entry.className);
+        if (!entry.isExactly(pass))
+            continue;
+        const StateRow *const row = findStateRow(entry.className);
+        // The host's own passes are programmable ones, and leave what those leave.
+        return row ? row : findStateRow("ShaderRenderPass");
     }
     return nullptr;
 }
