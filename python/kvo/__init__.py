@@ -613,8 +613,6 @@ class Pipeline:
             self._pipeline.set_texture(name, slot, value._texture)
         elif isinstance(value, Model):
             self._pipeline.set_model(name, slot, value._model)
-        elif isinstance(value, str) and value.startswith("@"):
-            self._pipeline.set_string(name, slot, value)  # as a text that binds to a host value it would be read
         else:
             self._pipeline.set_text(name, slot, _slot_text(value))
 

@@ -658,10 +658,6 @@ void bindPipeline(py::module_ &module)
              [](Self &self, const QString &pass, const QString &slot, const QString &text) {
                  self.attempt([&](Pipeline &p, QString *error) { return p.setValueText(pass, slot, text, error); });
              })
-        .def("set_string",
-             [](Self &self, const QString &pass, const QString &slot, const QString &text) {
-                 self.attempt([&](Pipeline &p, QString *error) { return p.setValue(pass, slot, text, error); });
-             })
         .def("set_texture", &Self::setTexture)
         .def("set_model", &Self::setSlotModel)
         .def("set_path",

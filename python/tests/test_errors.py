@@ -105,6 +105,8 @@ MISTAKES = {
         lambda p: kvo.render(size=(4, 4)).save("/nowhere/a.png"),
         "/nowhere",
     ),
+    "a scale of text": (ValueError, lambda p: kvo.render(ENGINE, size=(4, 4), scale="big"), "fit"),
+    "a scale of a model": (ValueError, lambda p: kvo.render(rectangle(), size=(4, 4), scale=2), "files"),
     "a colour of text": (ValueError, lambda p: kvo.render(size=(4, 4), background="reddish"), "reddish"),
 }
 

@@ -122,6 +122,26 @@ def test_matrices_are_those_of_the_formula():
     assert (near, far) == (0.5, 30)
 
 
+def test_orbits_are_those_of_the_formula():
+    bounds = np.array([[-1, -1, -1], [1, 1, 1]], float)
+
+    def eye_of(**settings):
+        view, projection, *_ = kvo.orbit(**settings).matrices(bounds, (100, 100))
+        return np.linalg.inv(view)[:3, 3], projection
+
+    yaw, pitch = np.radians(35), np.radians(25)
+    direction = [np.sin(yaw) * np.cos(pitch), np.sin(pitch), np.cos(yaw) * np.cos(pitch)]
+    eye, _ = eye_of(yaw=35, pitch=25, distance=4, target=(1, 2, 3))
+    assert np.abs(eye - np.array([1, 2, 3]) - 4 * np.array(direction)).max() < 1e-5
+    fits, _ = eye_of(yaw=35, pitch=25)
+    near, _ = eye_of(yaw=35, pitch=25, zoom=2)
+    assert np.abs(fits - 2 * near).max() < 1e-5, "twice as near to the middle, which is the origin"
+    _, projection = eye_of(fov=30)
+    assert abs(projection[1, 1] - 1 / np.tan(np.radians(15))) < 1e-5
+    up_z, _ = eye_of(yaw=0, pitch=0, distance=2, up=(0, 0, 1))
+    assert np.abs(up_z - [0, -2, 0]).max() < 1e-5
+
+
 def test_a_picture_goes_into_an_array_of_the_callers():
     pipeline = kvo.Pipeline("gradient")
     out = np.zeros((16, 8, 4), np.uint8)
