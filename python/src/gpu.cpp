@@ -8,6 +8,7 @@
 #include <QtGlobal>
 
 #include <algorithm>
+#include <cstdio>
 #include <utility>
 
 using namespace Brevane::Kvo;
@@ -28,21 +29,24 @@ std::vector<Gpu *> &allGpus()
     return gpus;
 }
 
-// Messages come within a turn, or from Qt in whatever thread.
+// Who says something outside of our turns is somebody else that uses Qt in this process.
+thread_local int turns = 0;
 std::mutex saidMutex;
 Said said;
 QtMessageHandler handlerBefore = nullptr;
 
 void onMessage(QtMsgType type, const QMessageLogContext &context, const QString &message)
 {
+    if (turns == 0 || type == QtFatalMsg) {
+        if (handlerBefore)
+            handlerBefore(type, context, message);
+        else
+            std::fprintf(stderr, "%s\n", qPrintable(qFormatLogMessage(type, context, message)));
+        return;
+    }
     // What is there for those who develop passes is of no use to a script.
     if (type == QtDebugMsg || type == QtInfoMsg)
         return;
-    if (type == QtFatalMsg) {
-        if (handlerBefore)
-            handlerBefore(type, context, message);
-        return;
-    }
     const std::lock_guard lock(saidMutex);
     said.warnings << message;
 }
@@ -54,6 +58,12 @@ Turn::Turn() : _lock(libraryMutex(), std::defer_lock)
     if (PyGILState_Check())
         _released.emplace();
     _lock.lock();
+    ++turns;
+}
+
+Turn::~Turn()
+{
+    --turns;
 }
 
 Gpu::Gpu(bool debug)
@@ -181,6 +191,14 @@ void listenToLibrary()
         const std::lock_guard lock(saidMutex);
         said.failures << QStringLiteral("shader program '%1' failed:\n%2").arg(failure.label, failure.log);
     });
+}
+
+ForgetFailuresOfExceptions::~ForgetFailuresOfExceptions()
+{
+    if (std::uncaught_exceptions() == _exceptions)
+        return;
+    const std::lock_guard lock(saidMutex);
+    said.failures.clear();
 }
 
 Said takeSaid()

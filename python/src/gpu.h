@@ -7,6 +7,7 @@
 #include <QString>
 #include <QStringList>
 
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -38,7 +39,7 @@ class Turn
 {
 public:
     Turn();
-    ~Turn() = default;
+    ~Turn();
     Turn(const Turn &) = delete;
     Turn &operator=(const Turn &) = delete;
 
@@ -132,21 +133,34 @@ void raiseSaid();
 /// So do these.
 void raiseWarnings(const QStringList &warnings);
 
+/// An exception says more than the failures that came before it: they are not left for a call that has nothing to do
+/// with them.
+class ForgetFailuresOfExceptions
+{
+public:
+    ForgetFailuresOfExceptions() : _exceptions(std::uncaught_exceptions()) {}
+    ~ForgetFailuresOfExceptions();
+    ForgetFailuresOfExceptions(const ForgetFailuresOfExceptions &) = delete;
+    ForgetFailuresOfExceptions &operator=(const ForgetFailuresOfExceptions &) = delete;
+
+private:
+    int _exceptions;
+};
+
 /// Work with the library, with what it has to say.
 template <typename Work>
 auto inTurn(Work &&work)
 {
+    const auto run = [&] {
+        const Turn turn;
+        const ForgetFailuresOfExceptions forget;
+        return work();
+    };
     if constexpr (std::is_void_v<decltype(work())>) {
-        {
-            const Turn turn;
-            work();
-        }
+        run();
         raiseSaid();
     } else {
-        auto result = [&] {
-            const Turn turn;
-            return work();
-        }();
+        auto result = run();
         raiseSaid();
         return result;
     }

@@ -155,3 +155,17 @@ def test_damaged_models_are_errors_and_no_crashes(tmp_path):
                 assert str(path) in str(error)
                 failed += 1
     assert failed > 3
+
+
+def test_a_failure_is_told_once_by_the_call_that_it_belongs_to():
+    pipeline = kvo.Pipeline()
+    pipeline.shader("Broken", "#version 150\nout vec4 o_Frame;\nvoid main() { o_Frame = vec4(nothing); }")
+    pipeline.add("Reader", "LuminanceAverageRenderPass")
+
+    def fails(name):
+        raise KeyError(name)
+
+    # The shader fails, and then the caller's own function does: the first reason is told.
+    with pytest.raises(kvo.Error, match="nothing"):
+        pipeline.render(size=(4, 4), outputs=["Broken.Frame"], on_pass=fails)
+    assert kvo.render(size=(4, 4)).any(), "nothing of it is left for another call"
