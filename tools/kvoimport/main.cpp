@@ -30,7 +30,7 @@ void limit(int resource, rlim_t most)
 }
 
 // Nothing is to be seen of a crash but its message, and nothing is to outlive the host.
-void confine(qint64 megabytes)
+void confine([[maybe_unused]] qint64 megabytes)
 {
     limit(RLIMIT_CORE, 0);
 #ifdef __linux__
