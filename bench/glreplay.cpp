@@ -26,7 +26,7 @@ namespace {
     X(ActiveTexture) X(BindBuffer) X(BindBufferBase) X(BindBufferRange) X(BindFramebuffer) X(BindImageTexture)         \
     X(BindTexture) X(BindVertexArray) X(BlendColor) X(BlendEquation) X(BlendFunc) X(BlendFuncSeparate)                 \
     X(BlitFramebuffer) X(BufferSubData) X(CheckFramebufferStatus) X(Clear) X(ClearBufferfi) X(ClearBufferfv)           \
-    X(ClearBufferiv) X(GetVertexAttribIuiv)                                                                            \
+    X(ClearBufferiv) X(GetFramebufferAttachmentParameteriv) X(GetVertexAttribIuiv)                                     \
     X(ClearBufferuiv) X(ClearColor) X(ClearStencil) X(ColorMask) X(CopyBufferSubData) X(DepthFunc) X(DepthMask) X(DepthRange)               \
     X(Disable) X(DrawArrays) X(DrawBuffer) X(DrawBuffers) X(DrawElements) X(Enable) X(FramebufferTexture)              \
     X(FramebufferTexture2D) X(FramebufferTextureLayer) X(FrontFace) X(GenerateMipmap) X(GetBooleanv)                   \
@@ -398,6 +398,7 @@ void giveAnswer(int function, unsigned parameters, Value *values)
     X(GetIntegerv, (GLenum q, GLint * v), (q), (q, v), valuesOf(q))                                                    \
     X(GetIntegeri_v, (GLenum q, GLuint i, GLint * v), (q, i), (q, i, v), 1)                                            \
     X(GetVertexAttribIuiv, (GLuint i, GLenum q, GLuint * v), (i, q), (i, q, v), 4)                                     \
+    X(GetFramebufferAttachmentParameteriv, (GLenum t, GLenum a, GLenum q, GLint * v), (t, a, q), (t, a, q, v), 1)      \
     X(GetInteger64i_v, (GLenum q, GLuint i, GLint64 * v), (q, i), (q, i, v), 1)                                        \
     X(GetTexParameteriv, (GLenum t, GLenum q, GLint * v), (t, q), (t, q, v), 1)                                        \
     X(GetTexLevelParameteriv, (GLenum t, GLint l, GLenum q, GLint * v), (t, GLuint(l), q), (t, l, q, v), 1)
