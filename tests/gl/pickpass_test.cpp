@@ -1,8 +1,10 @@
 #include "support/draw.h"
 #include "support/gltest.h"
 #include "support/image.h"
+#include "support/messages.h"
 #include "support/scenes.h"
 
+#include <gl/framebufferobject.h>
 #include <gl/shaderfailurelistener.h>
 #include <gl/shaderprogram.h>
 #include <gl/texturemanager.h>
@@ -187,6 +189,29 @@ TEST_F(PickPassTest, OutlineRunsAroundTheChosenItems)
             }
         }
     }
+}
+
+TEST_F(PickPassTest, AFramebufferThatIsGoneIsNone)
+{
+    auto gone = std::make_unique<FramebufferObject>();
+    line.setItems({0});
+    line.setInput(OutlinePass::kFramebufferOut, QVariant::fromValue(gone.get()));
+    gone.reset();
+    line.start(nullptr);
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+}
+
+TEST_F(PickPassTest, APictureBeyondTheDriversRoomShowsNothingAndTakesNoMemory)
+{
+    const MessageCapture messages;
+    for (const QRect &area : {QRect(), QRect(0, 0, 1 << 30, 1 << 30)}) {
+        pick.setInput(PickPass::kViewport, QRect(0, 0, 1 << 30, 1 << 30));
+        pick.setInput(PickPass::kArea, area);
+        pick.start(nullptr);
+        EXPECT_FALSE(pick.at({3, 3}).isHit());
+        EXPECT_TRUE(pick.itemsIn(QRect(0, 0, 1 << 30, 1 << 30)).isEmpty());
+    }
+    EXPECT_GT(messages.containing(QStringLiteral("more than the driver has room for")), 0);
 }
 
 TEST_F(PickPassTest, LeavesTheHostsState)

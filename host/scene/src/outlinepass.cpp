@@ -174,7 +174,10 @@ void OutlinePass::start(RenderCallbacks *)
     glViewport(0, 0, size.width(), size.height());
     drawMask(mask);
     {
+        // One that is gone reads as none.
         auto *target = qvariant_cast<FramebufferObject *>(_inputs[kFramebufferOut].value);
+        if (liveKindOf(target) != LiveKind::Framebuffer)
+            target = nullptr;
         const AutoBinder onto(target);
         if (!target)
             glBindFramebuffer(GL_FRAMEBUFFER, 0);
@@ -191,7 +194,9 @@ void OutlinePass::start(RenderCallbacks *)
         const auto quad = OpenGLDeviceContext::current()->screenQuad();
         quad->VAO()->enableShaderProgramArrays(_lineProgram);
         const AutoBinder boundQuad(quad.data());
-        quad->draw();
+        // A context without a window has no framebuffer 0.
+        if (glCheckFramebufferStatus(GL_DRAW_FRAMEBUFFER) == GL_FRAMEBUFFER_COMPLETE)
+            quad->draw();
     }
     pool.releaseTempTextureRef(mask, 1);
 }

@@ -7,6 +7,7 @@
 #include "gl/hoststate.h"
 #include "gl/pixelstore.h"
 #include "gl/pooledtexture.h"
+#include "gl/sampling.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "gl/texturemanager.h"
@@ -105,6 +106,14 @@ void PickPass::start(RenderCallbacks *)
     Texture *item = pool.tempTexture(TextureFormat::FourIndex32, _drawn.width(), _drawn.height());
     Texture *position = pool.tempTexture(TextureFormat::Position, _drawn.width(), _drawn.height());
     Texture *depth = pool.tempTexture(TextureFormat::Depth32, _drawn.width(), _drawn.height());
+    // Beyond what the driver has room for, which the pool has said, a single texel stands in: nothing to look at.
+    const LevelInfo level = levelInfo(item, GL_TEXTURE_2D);
+    if (QSize(level.width, level.height) != _drawn.size()) {
+        for (Texture *texture : {item, position, depth})
+            pool.releaseTempTextureRef(texture, 1);
+        _drawn = QRect();
+        return;
+    }
     if (!_fbo) {
         _fbo = new FramebufferObject;
         _fbo->setLabel(QStringLiteral("PickPass"));
