@@ -7,6 +7,7 @@
 #include <gl/framebufferobject.h>
 #include <gl/shaderfailurelistener.h>
 #include <gl/shaderprogram.h>
+#include <gl/texture.h>
 #include <gl/texturemanager.h>
 #include <host/outlinepass.h>
 #include <host/pickpass.h>
@@ -208,6 +209,7 @@ TEST_F(PickPassTest, APictureBeyondTheDriversRoomShowsNothingAndTakesNoMemory)
         pick.setInput(PickPass::kViewport, QRect(0, 0, 1 << 30, 1 << 30));
         pick.setInput(PickPass::kArea, area);
         pick.start(nullptr);
+        EXPECT_EQ(textureFromVariant(pick.output(PickPass::kItem)), nullptr);
         EXPECT_FALSE(pick.at({3, 3}).isHit());
         EXPECT_TRUE(pick.itemsIn(QRect(0, 0, 1 << 30, 1 << 30)).isEmpty());
     }
