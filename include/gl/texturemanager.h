@@ -62,6 +62,12 @@ struct TextureOptions
     bool mipmaps = false; ///< Whether the texture gets mip levels and a trilinear filter.
 };
 
+/// What the values of a managed texture are.
+enum class ManagedKind {
+    Data, ///< Numbers that count as they are, or colours for formulas that take them so: normals, roughness, masks.
+    Color, ///< Colours as sRGB encodes them: decoded before filtering, in the mip levels too. Alpha is not encoded.
+};
+
 /// State of the pool of temporary textures.
 struct TexturePoolStatistics
 {
@@ -136,15 +142,16 @@ public:
     /// one too large for the driver is reduced, with a message. 0, which reads white, for a null image and
     /// where the driver has no room, which a message with label and size says. The handle carries one reference.
     /// GL's error flag is empty afterwards: only so can the driver say that its memory is at an end.
-    int addManagedTexture(const QImage &image, const QString &label = QString());
+    /// Those of kind Color have handles of their own, which a shader passes to managedColor().
+    int addManagedTexture(const QImage &image, const QString &label = QString(), ManagedKind kind = ManagedKind::Data);
     /// Drops a handle of the current share group. Its room is used again; with the next draw that reads managed
     /// textures, or the next trim, images move together where much room is free, and empty pages are given back.
-    void removeManagedTexture(int handle);
-    /// Live handles in the current share group.
+    void removeManagedTexture(int handle, ManagedKind kind = ManagedKind::Data);
+    /// Live handles of both kinds in the current share group.
     int managedTextureCount() const;
     /// What a shader has to be able to read for all managed textures there ever were: 0 nothing, 1 one array of
     /// pages, 2 one array with levels that are cut into tiles, 3 to 5 two to four arrays. The number never shrinks.
-    int managedPageClasses() const;
+    int managedPageClasses(ManagedKind kind = ManagedKind::Data) const;
 
 private:
     friend class ShareGroup;
@@ -152,7 +159,7 @@ private:
     friend class GPUModelPrivate;
     TextureManager();
     void dropShareGroup(quint64 id);
-    void removeManagedTextures(quint64 shareGroup, const QVector<int> &handles);
+    void removeManagedTextures(quint64 shareGroup, const QVector<int> &handles, ManagedKind kind);
     Q_DISABLE_COPY(TextureManager)
 
     std::unique_ptr<TextureManagerPrivate> d;

@@ -9,9 +9,11 @@
 #include <QStringList>
 #include <QVector2D>
 #include <QVector3D>
+#include <QVector4D>
 #include <QVector>
 
 #include <memory>
+#include <optional>
 
 namespace Brevane::Kvo {
 
@@ -27,14 +29,47 @@ enum WindingType {
     CounterClockwiseWinding = 1, ///< GL's default, and what all passes use.
 };
 
-/// A triangle mesh in object space. normals and texCoords are empty or as long as positions.
+/// A triangle mesh in object space. normals, texCoords and tangents are empty or as long as positions.
 struct ModelMesh
 {
     QString name;
     QVector<QVector3D> positions;
     QVector<QVector3D> normals;
     QVector<QVector2D> texCoords;
+    /// The way that the first texture coordinate grows, and in w 1 or -1: the second one grows along
+    /// w * cross(normal, tangent). Only normal maps need them; empty: computed where one is, see computedTangents.
+    QVector<QVector4D> tangents;
     QVector<quint32> indices; ///< Three per triangle.
+};
+
+/// What the alpha of a base colour map does.
+enum class AlphaMode {
+    Opaque, ///< Nothing.
+    Mask, ///< Nothing is drawn where opacity times alpha is below ModelSurface::alphaCutoff.
+    Blend, ///< It counts as opacity.
+};
+
+/// A surface in the terms of physically based shading: metalness and roughness. Numbers are in linear light.
+///
+/// Colour maps are display-ready (sRGB) images, decoded before they are filtered; the others count as they are. Maps
+/// multiply the numbers beside them, and null ones read white.
+struct ModelSurface
+{
+    QVector3D baseColor{1.0f, 1.0f, 1.0f}; ///< Diffuse colour of what is no metal, specular colour of a metal.
+    float metalness = 0.0f; ///< 0 to 1.
+    float roughness = 1.0f; ///< As one perceives it, 0 to 1: its square is the width of the microfacet distribution.
+    QVector3D emission{0.0f, 0.0f, 0.0f}; ///< Radiance, of any size.
+    float normalScale = 1.0f; ///< Of the x and y of the normal map.
+    float occlusionStrength = 1.0f; ///< 0: the occlusion map does not count.
+    float alphaCutoff = 0.5f;
+    AlphaMode alphaMode = AlphaMode::Opaque;
+    bool isTwoSided = true; ///< Otherwise back faces are not drawn.
+    bool isUnlit = false; ///< The base colour is what one sees.
+    QImage map_baseColor; ///< A colour map; alpha as alphaMode says.
+    QImage map_metalRoughness; ///< Roughness in g, metalness in b.
+    QImage map_normal; ///< x, y and z from -1 to 1, as 0 to 255; y is up where texture coordinates are.
+    QImage map_occlusion; ///< In r: how much of the light from around arrives.
+    QImage map_emission; ///< A colour map.
 };
 
 /// A surface in the terms of OBJ material files. Shading multiplies colours and maps as they are and
@@ -48,7 +83,14 @@ struct ModelMaterial
     float D = 1.0f; ///< Opacity, 0 to 1.
     QImage map_Kd; ///< Diffuse map; null reads white.
     QImage map_Ks; ///< Specular map; null reads white.
+    /// The same surface in physical terms, for passes that read those. None: surfaceOf makes one of the others.
+    std::optional<ModelSurface> surface;
 };
+
+/// A material in physical terms: its own surface, or one that comes near to what the other terms say. That has no
+/// metal, the roughness whose highlight is as wide as that of the exponent, the colour decoded and the diffuse map.
+/// Opacity is in either case ModelMaterial::D.
+KVO_GL_EXPORT ModelSurface surfaceOf(const ModelMaterial &material);
 
 /// One draw item: a mesh in a material at a place.
 struct ModelItem
@@ -70,6 +112,10 @@ struct ModelData
 /// Normals of length 1 for the vertices of triangles, weighted by the areas around each; +z where there is no area.
 /// All indices are below the number of positions.
 KVO_GL_EXPORT QVector<QVector3D> computedNormals(const QVector<QVector3D> &positions, const QVector<quint32> &indices);
+/// Tangents for the vertices of a mesh that has normals and texture coordinates (see ModelMesh::tangents): the
+/// directions in the triangles around each, weighted by their angles there and made perpendicular to the normal; any
+/// such direction where the texture coordinates say none. All indices are below the number of positions.
+KVO_GL_EXPORT QVector<QVector4D> computedTangents(const ModelMesh &mesh);
 
 /// A scene as it lives on the GPU: one vertex and one index buffer, one draw command per item, and
 /// object and material data in buffers that shaders read by the index of the draw.
@@ -144,6 +190,11 @@ public:
     InstanceDataCollection *objectData(int index);
     /// Per-draw data of that batch under the plan "OBJMaterial"; null for other indices.
     InstanceDataCollection *materialData(int index);
+    /// Per-draw data of that batch under the plan "SurfaceMaterial"; null for other indices. It is made, and the maps
+    /// of the surfaces go to the GPU, when it is asked for first: models that are drawn otherwise do not pay for
+    /// them. Until then the model keeps the images. A pass asks before it builds the program that reads them, since
+    /// managed textures decide how that reads.
+    InstanceDataCollection *surfaceData(int index);
 
     int itemCount() const;
     qint64 triangleCount() const;

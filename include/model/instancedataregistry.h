@@ -15,6 +15,11 @@ class InstanceDataPlan;
 /// - "InstanceInfo": getModelMatrix() and getModelNormalMatrix(), both mat4;
 /// - "OBJMaterial": getKd() and getKs() (vec3), getNs() and getD() (float), getMap_Kd() and getMap_Ks()
 ///   (int handles for managedTexture);
+/// - "SurfaceMaterial": materials in physical terms, see ModelSurface: getBaseColor() and getEmission() (vec3),
+///   getOpacity(), getMetalness(), getRoughness(), getNormalScale(), getOcclusionStrength() and getAlphaCutoff()
+///   (float), getAlphaMode() (int, as AlphaMode), isTwoSided() and isUnlit() (bool), getMap_BaseColor() and
+///   getMap_Emission() (handles for managedColor), getMap_MetalRoughness(), getMap_Normal() and getMap_Occlusion()
+///   (handles for managedTexture). A model has data for it from GPUModel::surfaceData on;
 /// - "TarnInstance": the getters of "InstanceInfo", for shadow casters.
 class KVO_GL_EXPORT InstanceDataRegistry
 {

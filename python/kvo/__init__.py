@@ -316,6 +316,21 @@ class Model:
         """
         return self._model.add_material(name, diffuse, specular, shininess, opacity, diffuse_map, specular_map)
 
+    def set_surface(self, material: int, *, base_color: Sequence[float] = (1, 1, 1), metalness: float = 0,
+                    roughness: float = 1, emission: Sequence[float] = (0, 0, 0), base_color_map: Any = None,
+                    metal_roughness_map: Any = None, normal_map: Any = None, occlusion_map: Any = None,
+                    emission_map: Any = None, normal_scale: float = 1, occlusion_strength: float = 1,
+                    alpha_mode: str = "opaque", alpha_cutoff: float = 0.5, two_sided: bool = True,
+                    unlit: bool = False) -> None:  # fmt: skip
+        """Gives a material its surface in physical terms, which pipelines such as "studio" shade.
+
+        Colours are (r, g, b) in linear light. Maps are arrays as in ``add_material``; those of colours are decoded from
+        sRGB, of ``metal_roughness_map`` roughness is in g and metalness in b, ``occlusion_map`` counts with its r.
+        ``alpha_mode`` is "opaque", "mask" or "blend". Without a surface a material gets one from its other colours.
+        """
+        values = {name: value for name, value in locals().items() if name not in ("self", "material")}
+        self._model.set_surface(material, values)
+
     def add_item(self, mesh: int, material: int = 0, transform: Any = None, flags: int = 0) -> int:
         """Shows a mesh in a material, object to world by ``transform`` (4, 4), and gives the item's number."""
         return self._model.add_item(mesh, material, transform, flags)

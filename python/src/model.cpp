@@ -16,6 +16,93 @@ using namespace Brevane::Kvo;
 
 namespace KvoPython {
 
+namespace {
+
+QVector3D colorOf(const py::object &object, const char *what)
+{
+    const auto three = floats(object, {3}, what);
+    return QVector3D(three.data()[0], three.data()[1], three.data()[2]);
+}
+
+/// A number of a surface, and from where to where it makes sense.
+struct SurfaceNumber
+{
+    const char *name;
+    float ModelSurface::*member;
+    float least;
+    float most;
+};
+
+constexpr float kAny = std::numeric_limits<float>::max();
+constexpr SurfaceNumber kSurfaceNumbers[] = {
+    {"metalness", &ModelSurface::metalness, 0.0f, 1.0f},
+    {"roughness", &ModelSurface::roughness, 0.0f, 1.0f},
+    {"normal_scale", &ModelSurface::normalScale, -kAny, kAny},
+    {"occlusion_strength", &ModelSurface::occlusionStrength, 0.0f, 1.0f},
+    {"alpha_cutoff", &ModelSurface::alphaCutoff, 0.0f, kAny},
+};
+constexpr std::pair<const char *, QVector3D ModelSurface::*> kSurfaceColors[] = {
+    {"base_color", &ModelSurface::baseColor}, {"emission", &ModelSurface::emission}};
+constexpr std::pair<const char *, QImage ModelSurface::*> kSurfaceMaps[] = {
+    {"base_color_map", &ModelSurface::map_baseColor}, {"metal_roughness_map", &ModelSurface::map_metalRoughness},
+    {"normal_map", &ModelSurface::map_normal},        {"occlusion_map", &ModelSurface::map_occlusion},
+    {"emission_map", &ModelSurface::map_emission},
+};
+constexpr std::pair<const char *, bool ModelSurface::*> kSurfaceSwitches[] = {{"two_sided", &ModelSurface::isTwoSided},
+                                                                              {"unlit", &ModelSurface::isUnlit}};
+constexpr std::pair<const char *, AlphaMode> kAlphaModes[] = {
+    {"opaque", AlphaMode::Opaque}, {"mask", AlphaMode::Mask}, {"blend", AlphaMode::Blend}};
+
+void readAlphaMode(ModelSurface *surface, const py::object &value)
+{
+    const auto mode = value.cast<std::string>();
+    for (const auto &[name, alphaMode] : kAlphaModes) {
+        if (mode == name) {
+            surface->alphaMode = alphaMode;
+            return;
+        }
+    }
+    throw py::value_error("alpha_mode is 'opaque', 'mask' or 'blend', not '" + mode + "'");
+}
+
+void readSurfaceValue(ModelSurface *surface, const char *name, const py::object &value)
+{
+    const auto isIt = [name](const char *candidate) { return std::strcmp(candidate, name) == 0; };
+    for (const SurfaceNumber &number : kSurfaceNumbers) {
+        if (!isIt(number.name))
+            continue;
+        const auto given = value.cast<float>();
+        if (!(given >= number.least && given <= number.most))
+            throw py::value_error(std::string(name)
+                                  + (number.most == 1.0f ? " is from 0 to 1" : " is a number, and not below 0"));
+        surface->*number.member = given;
+        return;
+    }
+    for (const auto &[color, member] : kSurfaceColors) {
+        if (isIt(color)) {
+            surface->*member = colorOf(value, name);
+            return;
+        }
+    }
+    for (const auto &[map, member] : kSurfaceMaps) {
+        if (isIt(map)) {
+            surface->*member = imageOf(value, name);
+            return;
+        }
+    }
+    for (const auto &[flag, member] : kSurfaceSwitches) {
+        if (isIt(flag)) {
+            surface->*member = value.cast<bool>();
+            return;
+        }
+    }
+    if (!isIt("alpha_mode"))
+        throw py::type_error(std::string("a surface has no '") + name + "'");
+    readAlphaMode(surface, value);
+}
+
+} // namespace
+
 UploadedModel::UploadedModel(std::shared_ptr<Gpu> gpu, const ModelData &data, QStringList *warnings)
     : Resource(std::move(gpu)), _all(std::make_unique<GPUModel>())
 {
@@ -104,12 +191,8 @@ int Model::addMaterial(const QString &name, const py::object &diffuse, const py:
 {
     ModelMaterial material;
     material.name = name;
-    const auto color = [](const py::object &object, const char *what) {
-        const auto three = floats(object, {3}, what);
-        return QVector3D(three.data()[0], three.data()[1], three.data()[2]);
-    };
-    material.Kd = color(diffuse, "diffuse");
-    material.Ks = color(specular, "specular");
+    material.Kd = colorOf(diffuse, "diffuse");
+    material.Ks = colorOf(specular, "specular");
     if (!(opacity >= 0.0f && opacity <= 1.0f))
         throw py::value_error("opacity is from 0 to 1");
     if (!(shininess >= 0.0f && std::isfinite(shininess)))
@@ -122,6 +205,22 @@ int Model::addMaterial(const QString &name, const py::object &diffuse, const py:
     changed();
     _data.materials.append(std::move(material));
     return int(_data.materials.size()) - 1;
+}
+
+void Model::setSurface(int material, const py::dict &values)
+{
+    const int materials = std::get<1>(counts());
+    if (material < 0 || material >= materials)
+        throw py::index_error("there is no material " + std::to_string(material) + " among "
+                              + std::to_string(materials));
+    ModelSurface surface;
+    for (const auto &[key, value] : values) {
+        const auto name = key.cast<std::string>();
+        readSurfaceValue(&surface, name.c_str(), py::reinterpret_borrow<py::object>(value));
+    }
+    const Turn turn;
+    changed();
+    _data.materials[material].surface = std::move(surface);
 }
 
 int Model::addItem(int mesh, int material, const py::object &transform, quint64 flags)
@@ -235,6 +334,7 @@ void bindModel(py::module_ &module)
              py::arg("name"))
         .def("add_material", &Model::addMaterial, py::arg("name"), py::arg("diffuse"), py::arg("specular"),
              py::arg("shininess"), py::arg("opacity"), py::arg("diffuse_map"), py::arg("specular_map"))
+        .def("set_surface", &Model::setSurface, py::arg("material"), py::arg("values"))
         .def("add_item", &Model::addItem, py::arg("mesh"), py::arg("material"), py::arg("transform"), py::arg("flags"))
         .def("set_opacity", &Model::setOpacity, py::arg("opacity"), py::arg("material"))
         .def("scale", &Model::scale)

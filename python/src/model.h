@@ -38,6 +38,8 @@ public:
                 const QString &name);
     int addMaterial(const QString &name, const py::object &diffuse, const py::object &specular, float shininess,
                     float opacity, const py::object &diffuseMap, const py::object &specularMap);
+    /// Gives a material its surface in physical terms. \a values: what is not the default, by the names that Python has.
+    void setSurface(int material, const py::dict &values);
     int addItem(int mesh, int material, const py::object &transform, quint64 flags);
     void setOpacity(float opacity, const QString &material);
     void scale(float factor);

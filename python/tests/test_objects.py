@@ -1,5 +1,7 @@
 """Pipelines, passes, models and textures as objects."""
 
+import json
+
 import numpy as np
 import pytest
 from conftest import rectangle
@@ -135,6 +137,44 @@ def test_models_from_arrays_with_materials_maps_and_transforms():
     assert np.allclose(diffuse[left][:, :3], (1, 0, 0), atol=1 / 255)
     green = diffuse[right][:, 1]
     assert green.max() > 0.9 and green.min() < 0.1 and np.allclose(diffuse[right][:, 0], 0, atol=1 / 255)
+
+
+SURFACES = {"passes": [{"name": "S", "class": "SurfacePass", "inputs": {
+    "Viewport": "@viewport", "ProjectionMatrix": "@projection", "CameraMatrix": "@camera", "Geometry": "@model"}}]}
+
+
+def test_a_surface_in_physical_terms_reaches_the_shaders(tmp_path):
+    path = tmp_path / "surfaces.json"
+    path.write_text(json.dumps(SURFACES))
+    model = rectangle(diffuse=(1, 1, 1))
+    grey = np.full((4, 4, 3), 188, np.uint8)  # half of the light
+    rough = np.zeros((4, 4, 3), np.uint8)
+    rough[..., 1], rough[..., 2] = 128, 255
+    pipeline = kvo.Pipeline(path)
+    camera = kvo.Camera(eye=(0, 0, 5), target=(0, 0, 0), near=1, far=20)
+
+    def centre():
+        out = pipeline.render(model, (32, 32), camera, outputs=["S.BaseColor", "S.Surface", "S.Emission"])
+        return [out[name][16, 16] for name in ("S.BaseColor", "S.Surface", "S.Emission")]
+
+    model.set_surface(0, base_color=(1, 0.5, 0.25), metalness=0.5, roughness=0.8, emission=(0, 2, 4),
+                      base_color_map=grey, metal_roughness_map=rough, unlit=True)  # fmt: skip
+    base, surface, emission = centre()
+    assert np.allclose(base, (0.5, 0.25, 0.125, 1), atol=0.005)
+    assert np.allclose(surface, (0.8 * 128 / 255, 0.5, 1, 0), atol=1 / 255)
+    assert np.allclose(emission[:3], (0, 2, 4), rtol=1 / 32)
+    model.set_surface(0)
+    base, surface, emission = centre()
+    assert np.allclose(base, 1) and np.allclose(surface, (1, 0, 1, 1)) and not emission[:3].any()
+
+    for wrong, error in (({"metalness": 2}, ValueError), ({"roughness": float("nan")}, ValueError),
+                         ({"base_color": (1, 2)}, ValueError), ({"alpha_mode": "thin"}, ValueError),
+                         ({"normal_map": np.zeros(3)}, (TypeError, ValueError)), ({"shine": 1}, TypeError)):  # fmt: skip
+        with pytest.raises(error):
+            model.set_surface(0, **wrong)
+    with pytest.raises(IndexError, match="no material 7"):
+        model.set_surface(7)
+    assert np.allclose(centre()[0], 1), "what was refused changed nothing"
 
 
 def test_a_model_that_changes_is_drawn_as_it_is():

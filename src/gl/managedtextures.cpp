@@ -39,17 +39,27 @@ constexpr int kNoTiles = 20;
 // Levels of at most this side share a rectangle.
 constexpr int kTailSide = 32;
 
-const QString &tableUniform()
+/// What the shader calls the table and the pages.
+struct Uniforms
 {
-    static const QString name = QStringLiteral("kvo_ManagedTable");
-    return name;
+    QString table;
+    std::array<QString, 4> pages;
+};
+
+const Uniforms &uniformsOf(ManagedKind kind)
+{
+    static const Uniforms data{QStringLiteral("kvo_ManagedTable"),
+                               {QStringLiteral("kvo_ManagedPages0"), QStringLiteral("kvo_ManagedPages1"),
+                                QStringLiteral("kvo_ManagedPages2"), QStringLiteral("kvo_ManagedPages3")}};
+    static const Uniforms color{QStringLiteral("kvo_ManagedColorTable"),
+                                {QStringLiteral("kvo_ManagedColorPages0"), QStringLiteral("kvo_ManagedColorPages1"),
+                                 QStringLiteral("kvo_ManagedColorPages2"), QStringLiteral("kvo_ManagedColorPages3")}};
+    return kind == ManagedKind::Color ? color : data;
 }
 
-const QString &pagesUniform(int array)
+GLint internalFormatOf(ManagedKind kind)
 {
-    static const std::array names{QStringLiteral("kvo_ManagedPages0"), QStringLiteral("kvo_ManagedPages1"),
-                                  QStringLiteral("kvo_ManagedPages2"), QStringLiteral("kvo_ManagedPages3")};
-    return names[std::size_t(array)];
+    return kind == ManagedKind::Color ? GL_SRGB8_ALPHA8 : GL_RGBA8;
 }
 
 GLint limit(GLenum query)
@@ -73,13 +83,13 @@ bool takeErrors()
     return hadNoMemory;
 }
 
-void specifyPages(Texture &bound, const QSize &size, int layers)
+void specifyPages(Texture &bound, ManagedKind kind, const QSize &size, int layers)
 {
     bound.setFilter(GL_LINEAR);
     bound.setWrap(GL_CLAMP_TO_EDGE);
     const DefaultPixelStore pixelStore;
-    glTexImage3D(GL_TEXTURE_2D_ARRAY, 0, GL_RGBA8, size.width(), size.height(), layers, 0, GL_RGBA, GL_UNSIGNED_BYTE,
-                 nullptr);
+    glTexImage3D(GL_TEXTURE_2D_ARRAY, 0, internalFormatOf(kind), size.width(), size.height(), layers, 0, GL_RGBA,
+                 GL_UNSIGNED_BYTE, nullptr);
 }
 
 std::unique_ptr<Texture> arrayTexture(const QString &label)
@@ -149,8 +159,9 @@ QSize gridOf(const QSize &size, int tile)
 
 } // namespace
 
-ManagedTextures::ManagedTextures()
-    : _pageSide(std::min(kPageSide, limit(GL_MAX_TEXTURE_SIZE))), _mostLayers(limit(GL_MAX_ARRAY_TEXTURE_LAYERS))
+ManagedTextures::ManagedTextures(ManagedKind kind)
+    : _kind(kind), _pageSide(std::min(kPageSide, limit(GL_MAX_TEXTURE_SIZE))),
+      _mostLayers(limit(GL_MAX_ARRAY_TEXTURE_LAYERS))
 {}
 
 ManagedTextures::~ManagedTextures() = default;
@@ -293,8 +304,8 @@ bool ManagedTextures::fill(const QImage &pixels, const Layout &layout, const Map
     const DefaultPixelStore pixelStore;
     StorageBinder bound(&source);
     takeErrors();
-    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, map.size.width(), map.size.height(), 0, GL_RGBA, GL_UNSIGNED_BYTE,
-                 pixels.constBits());
+    glTexImage2D(GL_TEXTURE_2D, 0, internalFormatOf(_kind), map.size.width(), map.size.height(), 0, GL_RGBA,
+                 GL_UNSIGNED_BYTE, pixels.constBits());
     if (takeErrors())
         return false;
     glGenerateMipmap(GL_TEXTURE_2D);
@@ -489,7 +500,7 @@ bool ManagedTextures::rebuild(Array &array, const QSize &size, int layers, const
     if (!bound.isBound())
         return false;
     takeErrors();
-    specifyPages(*texture, size, layers);
+    specifyPages(*texture, _kind, size, layers);
     if (takeErrors())
         return false;
     FramebufferObject reader;
@@ -609,14 +620,14 @@ void ManagedTextures::giveBack(int array)
     }
 }
 
-bool ManagedTextures::isReadBy(const ShaderProgram *program)
+bool ManagedTextures::isReadBy(const ShaderProgram *program, ManagedKind kind)
 {
-    return program && program->hasUniform(tableUniform());
+    return program && program->hasUniform(uniformsOf(kind).table);
 }
 
 void ManagedTextures::bind(ShaderProgram *program)
 {
-    if (!isReadBy(program))
+    if (!isReadBy(program, _kind))
         return;
     tidy();
     if (!_tableBuffer) {
@@ -627,7 +638,7 @@ void ManagedTextures::bind(ShaderProgram *program)
         _tableTexture->setLabel(QStringLiteral("managed texture table"));
         _emptyPages = arrayTexture(QStringLiteral("no managed textures"));
         StorageBinder bound(_emptyPages.get());
-        specifyPages(*_emptyPages, QSize(1, 1), 1);
+        specifyPages(*_emptyPages, _kind, QSize(1, 1), 1);
     }
     if (std::exchange(_tableChanged, false)) {
         if (_table.isEmpty())
@@ -637,20 +648,20 @@ void ManagedTextures::bind(ShaderProgram *program)
         glTexBuffer(GL_TEXTURE_BUFFER, GL_RGBA32F, _tableBuffer->getBO());
     }
     _tableTexture->bind();
-    program->setUniform(tableUniform(), _tableTexture->unit());
+    program->setUniform(uniformsOf(_kind).table, _tableTexture->unit());
     _emptyPages->bind();
     for (int i = 0; i < kArrays; ++i) {
         // A sampler that is left alone would share unit 0 with samplers of other types, which GL refuses.
         Texture *pages = _arrays[std::size_t(i)].texture.get();
         if (pages)
             pages->bind();
-        program->setUniform(pagesUniform(i), (pages ? pages : _emptyPages.get())->unit());
+        program->setUniform(uniformsOf(_kind).pages[std::size_t(i)], (pages ? pages : _emptyPages.get())->unit());
     }
 }
 
 void ManagedTextures::unbind(ShaderProgram *program)
 {
-    if (!isReadBy(program) || !_tableTexture)
+    if (!isReadBy(program, _kind) || !_tableTexture)
         return;
     for (int i = kArrays - 1; i >= 0; --i) {
         if (Texture *pages = _arrays[std::size_t(i)].texture.get())

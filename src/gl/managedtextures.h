@@ -1,6 +1,7 @@
 #pragma once
 
 #include "gl/pagespace.h"
+#include "gl/texturemanager.h"
 
 #include <QHash>
 #include <QRect>
@@ -20,6 +21,8 @@ class BufferObject;
 class ShaderProgram;
 class Texture;
 
+inline constexpr ManagedKind kManagedKinds[] = {ManagedKind::Data, ManagedKind::Color};
+
 /// Any number of repeating, mip-mapped images that one shader samples through a few texture units.
 ///
 /// The images lie in pages, which are layers of at most four array textures. A mip level has a rectangle of
@@ -35,10 +38,13 @@ class Texture;
 /// once; the next bind moves images out of pages that are hardly used and gives back pages that are empty.
 ///
 /// A handle is the number of the image's record in a table that the shader reads, plus 1.
+///
+/// There is one such object for each kind. Of colours the pages and the textures that the levels are made in are
+/// sRGB ones, so that the driver decodes texels before it filters them.
 class ManagedTextures
 {
 public:
-    ManagedTextures();
+    explicit ManagedTextures(ManagedKind kind);
     ~ManagedTextures();
 
     /// 0 when the image is null or there is no room, which a message says. GL's error flag is empty afterwards.
@@ -55,8 +61,8 @@ public:
     /// Moves images together where much was removed, and gives back the pages that are empty then.
     void tidy();
 
-    /// Whether a program reads managed textures.
-    static bool isReadBy(const ShaderProgram *program);
+    /// Whether a program reads managed textures of a kind.
+    static bool isReadBy(const ShaderProgram *program, ManagedKind kind);
 
 private:
     static constexpr int kArrays = 4;
@@ -133,6 +139,7 @@ private:
     PageSpace &pageOf(const Piece &piece);
     QRect rectOf(const Piece &piece) const;
 
+    ManagedKind _kind;
     int _pageSide = 0;
     int _mostLayers = 0;
     std::array<Array, kArrays> _arrays;

@@ -4,6 +4,7 @@
 #include "gl/attributelocations.h"
 #include "gl/bufferobject.h"
 #include "gl/glinfo.h"
+#include "gl/managedtextures.h"
 #include "gl/shaderfailurelistener.h"
 #include "gl/shadermessages.h"
 #include "gl/shaderprogram_p.h"
@@ -36,6 +37,19 @@ QString stageDefine(int stage)
     case GL_GEOMETRY_SHADER: return QStringLiteral("KVO_STAGE_GEOMETRY");
     default: return QStringLiteral("KVO_STAGE_OTHER");
     }
+}
+
+/// The file of the library that samples managed textures of a kind, and what says to it how much there is to read.
+struct ManagedSource
+{
+    const char *file;
+    const char *define;
+};
+
+constexpr ManagedSource managedSource(ManagedKind kind)
+{
+    return kind == ManagedKind::Color ? ManagedSource{"ManagedColor.glslc", "KVO_MANAGED_COLOR_PAGES"}
+                                      : ManagedSource{"TextureManager.glslc", "KVO_MANAGED_PAGES"};
 }
 
 // Making a shader of a stage that the context lacks is an error of GL.
@@ -91,10 +105,10 @@ const GLSLMacroProcessor &ShaderProgramPrivate::processorInUse() const
     return processor ? *processor : byDefault;
 }
 
-bool ShaderProgramPrivate::readsManagedTextures() const
+bool ShaderProgramPrivate::readsManagedTextures(ManagedKind kind) const
 {
-    return std::any_of(sources.cbegin(), sources.cend(), [](const Source &source) {
-        return source.isFile && source.name == QLatin1String("TextureManager.glslc");
+    return std::any_of(sources.cbegin(), sources.cend(), [kind](const Source &source) {
+        return source.isFile && source.name == QLatin1StringView(managedSource(kind).file);
     });
 }
 
@@ -280,10 +294,13 @@ bool ShaderProgram::compile()
         d->log = QStringLiteral("program '%1' has no shaders").arg(d->label);
 
     QList<QPair<QString, QString>> defines{{QString(), QStringLiteral("1")}};
-    d->managedPages = -1;
-    if (d->mayShare && d->readsManagedTextures()) {
-        d->managedPages = TextureManager::Instance().managedPageClasses();
-        defines.append({QStringLiteral("KVO_MANAGED_PAGES"), QString::number(d->managedPages)});
+    for (const ManagedKind kind : kManagedKinds) {
+        int &pages = d->managedPages[std::size_t(kind)];
+        pages = -1;
+        if (d->mayShare && d->readsManagedTextures(kind)) {
+            pages = TextureManager::Instance().managedPageClasses(kind);
+            defines.append({QLatin1StringView(managedSource(kind).define), QString::number(pages)});
+        }
     }
     for (const ShaderProgramPrivate::Source &source : std::as_const(d->sources)) {
         QString text = source.text;
@@ -527,7 +544,11 @@ void ShaderProgram::setMayShare(bool mayShare)
 
 bool ShaderProgram::refresh()
 {
-    if (d->managedPages < 0 || d->managedPages >= TextureManager::Instance().managedPageClasses())
+    const auto hasOutgrown = [this](ManagedKind kind) {
+        const int pages = d->managedPages[std::size_t(kind)];
+        return pages >= 0 && pages < TextureManager::Instance().managedPageClasses(kind);
+    };
+    if (std::none_of(std::begin(kManagedKinds), std::end(kManagedKinds), hasOutgrown))
         return false;
     compile();
     link();

@@ -3,9 +3,12 @@
 #include "gl/contextstate.h"
 #include "gl/glslmacroprocessor.h"
 #include "gl/linkedprogram.h"
+#include "gl/texturemanager.h"
 
 #include <QVarLengthArray>
 #include <QVector>
+
+#include <array>
 
 namespace Brevane::Kvo {
 
@@ -38,7 +41,7 @@ public:
     const GLSLMacroProcessor &processorInUse() const;
     /// Lets every stage know the index of a draw, in the sources that are processed and not yet compiled.
     void addDrawIndex();
-    bool readsManagedTextures() const;
+    bool readsManagedTextures(ManagedKind kind) const;
     QString stageTitle(int stage, const QString &sourceName, int number = 0) const;
     bool compileStage(Compiled &compiled, const QString &title);
     void deleteShaders();
@@ -57,7 +60,8 @@ public:
     QString label;
     bool mayShare = false;
     bool mayFail = false;
-    int managedPages = -1; // TextureManager::managedPageClasses it was built for; -1: all there can be
+    // TextureManager::managedPageClasses it was built for, by kind; -1: all there can be
+    std::array<int, 2> managedPages{-1, -1};
     bool compiledWell = false;
     QByteArray shareKey; // of the texts that compile processed
     QVarLengthArray<Previous, 4> previous;

@@ -20,6 +20,7 @@
 #include <epoxy/gl.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <map>
 #include <vector>
@@ -98,8 +99,17 @@ struct GroupTextures
     QHash<QRgb, Texture *> solid;
     QHash<QString, Texture *> files;
     std::vector<std::unique_ptr<Texture>> owned;
-    std::unique_ptr<ManagedTextures> managed;
+    std::array<std::unique_ptr<ManagedTextures>, 2> managed; ///< By kind; null where there never was one.
     TexturePoolStatistics counts;
+
+    ManagedTextures *managedIfAny(ManagedKind kind) const { return managed[std::size_t(kind)].get(); }
+    ManagedTextures &managedOf(ManagedKind kind)
+    {
+        std::unique_ptr<ManagedTextures> &textures = managed[std::size_t(kind)];
+        if (!textures)
+            textures = std::make_unique<ManagedTextures>(kind);
+        return *textures;
+    }
 };
 
 QImage loadImage(const QString &path, const TextureOptions &options, QString *error)
@@ -323,8 +333,10 @@ int TextureManager::trim(int maxIdleFrames, qint64 maxBytes)
         const bool isOld = isFree(**at) && d->frame - (*at)->lastFrame > maxIdleFrames;
         at = isOld ? free(at) : at + 1;
     }
-    if (group->managed)
-        group->managed->tidy();
+    for (const auto &managed : group->managed) {
+        if (managed)
+            managed->tidy();
+    }
     while (maxBytes >= 0 && group->counts.bytes > maxBytes) {
         auto oldest = group->pool.end();
         for (auto at = group->pool.begin(); at != group->pool.end(); ++at) {
@@ -436,57 +448,60 @@ Texture *TextureManager::solidTexture(const QColor &color)
 void TextureManager::bindManagedTextures(ShaderProgram *program)
 {
     GroupTextures *group = d->current();
-    if (!group || !ManagedTextures::isReadBy(program))
-        return;
-    if (!group->managed)
-        group->managed = std::make_unique<ManagedTextures>();
-    group->managed->bind(program);
+    for (const ManagedKind kind : kManagedKinds) {
+        if (group && ManagedTextures::isReadBy(program, kind))
+            group->managedOf(kind).bind(program);
+    }
 }
 
 void TextureManager::unbindManagedTextures(ShaderProgram *program)
 {
     GroupTextures *group = d->current();
-    if (group && group->managed)
-        group->managed->unbind(program);
+    for (const ManagedKind kind : {ManagedKind::Color, ManagedKind::Data}) {
+        if (group && group->managedIfAny(kind))
+            group->managedIfAny(kind)->unbind(program);
+    }
 }
 
-int TextureManager::addManagedTexture(const QImage &image, const QString &label)
+int TextureManager::addManagedTexture(const QImage &image, const QString &label, ManagedKind kind)
 {
     GroupTextures *group = d->current();
     if (!group || image.isNull())
         return 0;
-    if (!group->managed)
-        group->managed = std::make_unique<ManagedTextures>();
-    return group->managed->add(image, label);
+    return group->managedOf(kind).add(image, label);
 }
 
-void TextureManager::removeManagedTexture(int handle)
+void TextureManager::removeManagedTexture(int handle, ManagedKind kind)
 {
     GroupTextures *group = d->current();
-    if (group && group->managed)
-        group->managed->remove(handle);
+    if (group && group->managedIfAny(kind))
+        group->managedIfAny(kind)->remove(handle);
 }
 
 // Handles are numbers of their share group, and mean other images in another one.
-void TextureManager::removeManagedTextures(quint64 shareGroup, const QVector<int> &handles)
+void TextureManager::removeManagedTextures(quint64 shareGroup, const QVector<int> &handles, ManagedKind kind)
 {
     const auto group = d->groups.find(shareGroup);
-    if (group == d->groups.end() || !group->second.managed)
+    if (group == d->groups.end() || !group->second.managedIfAny(kind))
         return;
     for (const int handle : handles)
-        group->second.managed->remove(handle);
+        group->second.managedIfAny(kind)->remove(handle);
 }
 
 int TextureManager::managedTextureCount() const
 {
-    const GroupTextures *group = d->current();
-    return group && group->managed ? group->managed->count() : 0;
+    int count = 0;
+    for (const ManagedKind kind : kManagedKinds) {
+        const GroupTextures *group = d->current();
+        count += group && group->managedIfAny(kind) ? group->managedIfAny(kind)->count() : 0;
+    }
+    return count;
 }
 
-int TextureManager::managedPageClasses() const
+int TextureManager::managedPageClasses(ManagedKind kind) const
 {
     const GroupTextures *group = d->current();
-    return group && group->managed ? group->managed->pageClasses() : 0;
+    return group && group->managedIfAny(kind) ? group->managedIfAny(kind)->pageClasses() : 0;
 }
 
 void TextureManager::dropShareGroup(quint64 id)

@@ -4,7 +4,6 @@
 #include "gl/attributelocations.h"
 #include "gl/bufferobject.h"
 #include "gl/contextstate.h"
-#include "gl/direction.h"
 #include "gl/drawbuffers.h"
 #include "gl/guards.h"
 #include "gl/shaderprogram.h"
@@ -136,30 +135,17 @@ struct KnownView
     quint64 lastUse = 0;
 };
 
-/// A vector whose sums and products neither vanish nor overflow, whatever the unit of a mesh.
-struct WideVector
+// Without making a surface of materials that have none.
+bool hasMap(const ModelMaterial &material, QImage ModelSurface::*map)
 {
-    double x = 0, y = 0, z = 0;
-
-    explicit WideVector(const QVector3D &v) : x(double(v.x())), y(double(v.y())), z(double(v.z())) {}
-    WideVector() = default;
-    WideVector(double x_, double y_, double z_) : x(x_), y(y_), z(z_) {}
-    WideVector operator-(const WideVector &b) const { return {x - b.x, y - b.y, z - b.z}; }
-    void operator+=(const WideVector &b) { x += b.x, y += b.y, z += b.z; }
-    WideVector cross(const WideVector &b) const { return {y * b.z - z * b.y, z * b.x - x * b.z, x * b.y - y * b.x}; }
-    /// Scaled so that its largest component is 1, which fits into floats.
-    QVector3D narrowed() const
-    {
-        const double largest = std::max({std::abs(x), std::abs(y), std::abs(z)});
-        return largest > 0.0 ? QVector3D(float(x / largest), float(y / largest), float(z / largest)) : QVector3D();
-    }
-};
+    return material.surface && !(*material.surface.*map).isNull();
+}
 
 /// The geometry of all meshes in the arrays that become the buffers.
 class GeometryArrays
 {
 public:
-    PlacedMesh add(const ModelMesh &mesh, QStringList *warnings)
+    PlacedMesh add(const ModelMesh &mesh, bool hasNormalMap, QStringList *warnings)
     {
         PlacedMesh placed;
         placed.firstIndex = unsigned(indices.size());
@@ -172,6 +158,8 @@ public:
             && std::all_of(mesh.normals.cbegin(), mesh.normals.cend(), [](const QVector3D &n) { return isFinite(n); });
         const bool hasTexCoords = mesh.texCoords.size() == mesh.positions.size();
         const QVector<QVector3D> normals_ = hasNormals ? mesh.normals : computedNormals(mesh.positions, good);
+        if (hasNormalMap)
+            addTangents(mesh, normals_, good);
         for (qsizetype i = 0; i < mesh.positions.size(); ++i) {
             // Vertices that no triangle uses still take their place; what is not finite becomes 0.
             const QVector3D p = isFinite(mesh.positions[i]) ? mesh.positions[i] : QVector3D();
@@ -198,9 +186,26 @@ public:
     std::vector<float> positions;
     std::vector<float> normals;
     std::vector<float> texCoords;
+    std::vector<float> tangents; ///< Up to the last mesh that needs them; empty where none does.
     std::vector<quint32> indices;
 
 private:
+    /// Of the vertices that are added next.
+    void addTangents(const ModelMesh &mesh, const QVector<QVector3D> &normals_, const QVector<quint32> &good)
+    {
+        const bool hasTangents = mesh.tangents.size() == mesh.positions.size()
+                                 && std::all_of(mesh.tangents.cbegin(), mesh.tangents.cend(), [](const QVector4D &t) {
+                                        return isFinite(t.toVector3D()) && std::isfinite(t.w());
+                                    });
+        ModelMesh usable = mesh;
+        usable.normals = normals_;
+        usable.indices = good;
+        const QVector<QVector4D> added = hasTangents ? mesh.tangents : computedTangents(usable);
+        tangents.resize(positions.size() / 3 * 4, 0.0f);
+        for (const QVector4D &t : added)
+            tangents.insert(tangents.end(), {t.x(), t.y(), t.z(), t.w()});
+    }
+
     static QVector<quint32> usableTriangles(const ModelMesh &mesh, QStringList *warnings)
     {
         QVector<quint32> good;
@@ -304,9 +309,11 @@ public:
         objectData = std::make_unique<InstanceDataCollection>(registry.getPlan(QStringLiteral("InstanceInfo")));
         materialData = std::make_unique<InstanceDataCollection>(registry.getPlan(QStringLiteral("OBJMaterial")));
     }
-    ~GPUModelPrivate() { removeMaps(); }
-
-    void removeMaps() { TextureManager::Instance().removeManagedTextures(shareGroup, std::exchange(maps, {})); }
+    ~GPUModelPrivate()
+    {
+        for (const ManagedKind kind : {ManagedKind::Data, ManagedKind::Color})
+            TextureManager::Instance().removeManagedTextures(shareGroup, maps[std::size_t(kind)], kind);
+    }
 
     bool hasOpacity(std::size_t item, GPUModel::Opacity opacity) const
     {
@@ -374,7 +381,7 @@ public:
     std::vector<DrawElementsIndirectCommand> commands;
     std::vector<View> views = std::vector<View>(1); ///< The first is that of all items.
     std::size_t currentView = 0;
-    QVector<int> maps; ///< Handles, each once.
+    std::array<QVector<int>, 2> maps; ///< Handles by kind, each once.
     quint64 shareGroup = 0; ///< Where all of this lives.
     Box bounds;
     qint64 triangles = 0;
@@ -385,6 +392,9 @@ public:
     QSharedPointer<VertexArrayObject> indirectArrays;
     std::unique_ptr<InstanceDataCollection> objectData;
     std::unique_ptr<InstanceDataCollection> materialData;
+    std::unique_ptr<InstanceDataCollection> surfaceData; ///< Null until it is asked for.
+
+    void makeSurfaceData();
 
 private:
     /// The handles of the two maps of a material.
@@ -400,12 +410,23 @@ private:
         std::vector<PlacedMesh> meshes;
         std::vector<MaterialMaps> maps; ///< By material.
     };
+    /// The surface of an item, until there is data of it.
+    struct ItemSurface
+    {
+        std::size_t surface; ///< In surfaces.
+        float opacity;
+    };
     static bool placeMeshes(const ModelData &data, Upload &made, QStringList *warnings);
+    int handleOf(const QImage &image, const QString &name, ManagedKind kind);
+    void keepSurfaces(const ModelData &data);
     void takeMaps(const ModelData &data, Upload &made);
     bool placeItems(const ModelData &data, const Upload &made, QStringList *warnings);
     void uploadGeometry(const GeometryArrays &arrays);
     std::size_t viewWith(const ItemCulling::Bits &culled);
 
+    std::array<QHash<qint64, int>, 2> handles; ///< By kind and image: materials often share a map.
+    std::vector<std::pair<QString, ModelSurface>> surfaces; ///< By material, with its name.
+    std::vector<ItemSurface> itemSurfaces;
     ItemCulling culling;
     int placesRevision = 0; ///< Of the object data, that the culling knows.
     std::vector<KnownView> knownViews;
@@ -422,6 +443,7 @@ bool GPUModelPrivate::upload(const ModelData &data, QStringList *warnings)
     if (!placeMeshes(data, made, warnings))
         return false;
     takeMaps(data, made);
+    keepSurfaces(data);
     if (!placeItems(data, made, warnings))
         return false;
     uploadGeometry(made.arrays);
@@ -430,8 +452,15 @@ bool GPUModelPrivate::upload(const ModelData &data, QStringList *warnings)
 
 bool GPUModelPrivate::placeMeshes(const ModelData &data, Upload &made, QStringList *warnings)
 {
+    std::vector<bool> hasNormalMap(std::size_t(data.meshes.size()), false);
+    for (const ModelItem &item : data.items) {
+        const bool isUsable = item.mesh >= 0 && item.mesh < data.meshes.size() && item.material >= 0
+                              && item.material < data.materials.size();
+        if (isUsable && hasMap(data.materials[item.material], &ModelSurface::map_normal))
+            hasNormalMap[std::size_t(item.mesh)] = true;
+    }
     for (const ModelMesh &mesh : data.meshes) {
-        made.meshes.push_back(made.arrays.add(mesh, warnings));
+        made.meshes.push_back(made.arrays.add(mesh, hasNormalMap[made.meshes.size()], warnings));
         if (made.arrays.isTooLarge()) {
             warn(warnings, QStringLiteral("the model has more vertices or indices than a buffer can hold"));
             return false;
@@ -440,23 +469,73 @@ bool GPUModelPrivate::placeMeshes(const ModelData &data, Upload &made, QStringLi
     return true;
 }
 
+int GPUModelPrivate::handleOf(const QImage &image, const QString &name, ManagedKind kind)
+{
+    if (image.isNull())
+        return 0;
+    QHash<qint64, int> &known = handles[std::size_t(kind)];
+    const auto found = known.constFind(image.cacheKey());
+    if (found != known.cend())
+        return *found;
+    const int handle = TextureManager::Instance().addManagedTexture(image, name, kind);
+    if (handle > 0)
+        maps[std::size_t(kind)].append(handle);
+    known.insert(image.cacheKey(), handle);
+    return handle;
+}
+
 void GPUModelPrivate::takeMaps(const ModelData &data, Upload &made)
 {
-    QHash<qint64, int> byImage; // materials often share a map
-    const auto handleOf = [&](const QImage &image, const QString &name) {
-        if (image.isNull())
-            return 0;
-        const auto known = byImage.constFind(image.cacheKey());
-        if (known != byImage.cend())
-            return *known;
-        const int handle = TextureManager::Instance().addManagedTexture(image, name);
-        if (handle > 0)
-            maps.append(handle);
-        byImage.insert(image.cacheKey(), handle);
-        return handle;
-    };
     for (const ModelMaterial &m : data.materials)
-        made.maps.push_back({handleOf(m.map_Kd, m.name), handleOf(m.map_Ks, m.name)});
+        made.maps.push_back(
+            {handleOf(m.map_Kd, m.name, ManagedKind::Data), handleOf(m.map_Ks, m.name, ManagedKind::Data)});
+}
+
+void GPUModelPrivate::keepSurfaces(const ModelData &data)
+{
+    for (const ModelMaterial &m : data.materials)
+        surfaces.emplace_back(m.name, surfaceOf(m));
+}
+
+void GPUModelPrivate::makeSurfaceData()
+{
+    if (surfaceData)
+        return;
+    surfaceData = std::make_unique<InstanceDataCollection>(
+        InstanceDataRegistry::Instance().getPlan(QStringLiteral("SurfaceMaterial")));
+    QVector<float> floats;
+    floats.reserve(qsizetype(itemSurfaces.size()) * kSurfaceFloats);
+    for (const ItemSurface &item : itemSurfaces) {
+        const auto &[name, s] = surfaces[item.surface];
+        const auto color = [this, &name = name](const QImage &map) {
+            return float(handleOf(map, name, ManagedKind::Color));
+        };
+        const auto data = [this, &name = name](const QImage &map) {
+            return float(handleOf(map, name, ManagedKind::Data));
+        };
+        const SurfaceTexels texels{{s.baseColor.x(), s.baseColor.y(), s.baseColor.z()},
+                                   item.opacity,
+                                   s.metalness,
+                                   s.roughness,
+                                   s.normalScale,
+                                   s.occlusionStrength,
+                                   {s.emission.x(), s.emission.y(), s.emission.z()},
+                                   s.alphaCutoff,
+                                   color(s.map_baseColor),
+                                   color(s.map_emission),
+                                   data(s.map_metalRoughness),
+                                   data(s.map_normal),
+                                   data(s.map_occlusion),
+                                   float(int(s.alphaMode)),
+                                   float(s.isTwoSided),
+                                   float(s.isUnlit)};
+        for (const float value : std::bit_cast<std::array<float, kSurfaceFloats>>(texels))
+            floats.append(value);
+    }
+    // More draws than the driver can index were refused with the model; this has five texels for the eight of places.
+    surfaceData->setData(floats);
+    surfaces.clear();
+    itemSurfaces.clear();
 }
 
 bool GPUModelPrivate::placeItems(const ModelData &data, const Upload &made, QStringList *warnings)
@@ -484,6 +563,7 @@ bool GPUModelPrivate::placeItems(const ModelData &data, const Upload &made, QStr
         appendMatrix(objectFloats, item.transform);
         appendMatrix(objectFloats, item.transform.inverted().transposed());
         appendMaterial(materialFloats, data.materials[item.material], itemMaps.Kd, itemMaps.Ks);
+        itemSurfaces.push_back({std::size_t(item.material), data.materials[item.material].D});
     }
     if (!objectData->setData(objectFloats) || !materialData->setData(materialFloats)) {
         warn(warnings, QStringLiteral("the model has more items than this driver can index"));
@@ -499,6 +579,12 @@ void GPUModelPrivate::uploadGeometry(const GeometryArrays &arrays)
     const auto vertices = floatBuffer(arrays.positions);
     const auto normals = floatBuffer(arrays.normals);
     const auto texCoords = floatBuffer(arrays.texCoords);
+    QSharedPointer<BufferObject> tangents;
+    if (!arrays.tangents.empty()) {
+        std::vector<float> ofAll = arrays.tangents;
+        ofAll.resize(arrays.positions.size() / 3 * 4, 0.0f);
+        tangents = floatBuffer(ofAll);
+    }
     const auto indices = QSharedPointer<BufferObject>::create();
     indices->setTarget(GL_ELEMENT_ARRAY_BUFFER);
     const auto makeArrays = [&] {
@@ -506,6 +592,8 @@ void GPUModelPrivate::uploadGeometry(const GeometryArrays &arrays)
         vao->upload(QStringLiteral("va_Vertex"), vertices, 3, GL_FLOAT);
         vao->upload(QStringLiteral("va_TexCoord"), texCoords, 2, GL_FLOAT);
         vao->upload(QStringLiteral("va_Normal"), normals, 3, GL_FLOAT);
+        if (tangents)
+            vao->upload(QStringLiteral("va_Tangent"), tangents, 4, GL_FLOAT);
         return vao;
     };
     // Where draws are issued one by one, the index of the draw is a constant attribute, so the arrays
@@ -545,6 +633,9 @@ bool GPUModelPrivate::draw(ShaderProgram *program, TextureManager *manager, Sele
     const AutoBinder bound(ContextState::current()->boundProgram == program ? nullptr : program);
     objectData->bind(program, manager);
     materialData->bind(program, nullptr);
+    const bool readsSurfaces = surfaceData && program->hasUniform(surfaceData->plan()->samplerName());
+    if (readsSurfaces)
+        surfaceData->bind(program, nullptr);
     GLint frontFace = GL_CCW;
     if (winding == ClockwiseWinding) {
         glGetIntegerv(GL_FRONT_FACE, &frontFace);
@@ -565,6 +656,8 @@ bool GPUModelPrivate::draw(ShaderProgram *program, TextureManager *manager, Sele
 
     if (winding == ClockwiseWinding)
         glFrontFace(GLenum(frontFace));
+    if (readsSurfaces)
+        surfaceData->unbind(program, nullptr);
     materialData->unbind(program, nullptr);
     objectData->unbind(program, manager);
     return true;
@@ -667,25 +760,6 @@ std::size_t GPUModelPrivate::viewWith(const ItemCulling::Bits &culled)
     return index;
 }
 
-QVector<QVector3D> computedNormals(const QVector<QVector3D> &positions, const QVector<quint32> &indices)
-{
-    std::vector<WideVector> sums(std::size_t(positions.size()));
-    for (qsizetype i = 0; i + 2 < indices.size(); i += 3) {
-        const std::array<quint32, 3> corners{indices[i], indices[i + 1], indices[i + 2]};
-        const WideVector a(positions[corners[0]]);
-        const WideVector normal = (WideVector(positions[corners[1]]) - a).cross(WideVector(positions[corners[2]]) - a);
-        for (const quint32 corner : corners)
-            sums[corner] += normal;
-    }
-    QVector<QVector3D> normals;
-    normals.reserve(positions.size());
-    for (const WideVector &sum : sums) {
-        const QVector3D normal = directionOf(sum.narrowed());
-        normals.append(normal.isNull() ? QVector3D(0.0f, 0.0f, 1.0f) : normal);
-    }
-    return normals;
-}
-
 GPUModel::GPUModel() : d(std::make_unique<GPUModelPrivate>())
 {
     static const int registered = qRegisterMetaType<GPUModel *>();
@@ -775,6 +849,17 @@ InstanceDataCollection *GPUModel::objectData(int index)
 InstanceDataCollection *GPUModel::materialData(int index)
 {
     return index == 0 ? d->materialData.get() : nullptr;
+}
+
+InstanceDataCollection *GPUModel::surfaceData(int index)
+{
+    // In another share group its buffers would be made where nobody reads them.
+    const ContextState *state = ContextState::current();
+    if (index != 0)
+        return nullptr;
+    if (!d->surfaceData && state && state->group->id() == d->shareGroup)
+        d->makeSurfaceData();
+    return d->surfaceData.get();
 }
 
 int GPUModel::itemCount() const

@@ -48,6 +48,7 @@ ModelData everything()
         mesh.positions << QVector3D(float(i) * 0.1f, -0.0f, std::numeric_limits<float>::denorm_min());
         mesh.normals << QVector3D(0, 0, 1);
         mesh.texCoords << QVector2D(float(i), 1e30f);
+        mesh.tangents << QVector4D(float(i), 0, 1, -1);
     }
     mesh.indices = {0, 1, 2, 4, 5, 6};
     data.meshes << mesh << ModelMesh();
@@ -60,6 +61,23 @@ ModelData everything()
     two.D = 0.25f;
     two.map_Kd = pattern(3, 4, QImage::Format_RGBA32FPx4);
     two.map_Ks = shared;
+    ModelSurface surface;
+    surface.baseColor = {0.1f, 0.2f, 0.3f};
+    surface.metalness = 0.4f;
+    surface.roughness = 0.5f;
+    surface.emission = {6, 7, 8};
+    surface.normalScale = -0.9f;
+    surface.occlusionStrength = 0.25f;
+    surface.alphaCutoff = 0.75f;
+    surface.alphaMode = AlphaMode::Blend;
+    surface.isTwoSided = false;
+    surface.isUnlit = true;
+    surface.map_baseColor = shared;
+    surface.map_metalRoughness = pattern(2, 7, QImage::Format_RGB32);
+    surface.map_normal = pattern(4, 4, QImage::Format_RGB888);
+    surface.map_occlusion = pattern(1, 9, QImage::Format_Grayscale8);
+    surface.map_emission = pattern(3, 3, QImage::Format_RGBA8888);
+    two.surface = surface;
     data.materials << one << two << ModelMaterial();
     ModelItem item;
     item.mesh = 1;
@@ -103,6 +121,7 @@ void expectSame(const ModelData &a, const ModelData &b)
         EXPECT_TRUE(sameBits(a.meshes[i].positions, b.meshes[i].positions));
         EXPECT_TRUE(sameBits(a.meshes[i].normals, b.meshes[i].normals));
         EXPECT_TRUE(sameBits(a.meshes[i].texCoords, b.meshes[i].texCoords));
+        EXPECT_TRUE(sameBits(a.meshes[i].tangents, b.meshes[i].tangents));
         EXPECT_TRUE(sameBits(a.meshes[i].indices, b.meshes[i].indices));
     }
     ASSERT_EQ(a.materials.size(), b.materials.size());
@@ -114,6 +133,19 @@ void expectSame(const ModelData &a, const ModelData &b)
         EXPECT_EQ(m.map_Ks.colorTable(), n.map_Ks.colorTable());
         EXPECT_EQ(m.map_Kd, n.map_Kd);
         EXPECT_EQ(m.map_Ks, n.map_Ks);
+        ASSERT_EQ(m.surface.has_value(), n.surface.has_value());
+        if (!m.surface)
+            continue;
+        const ModelSurface &s = *m.surface, &t = *n.surface;
+        EXPECT_EQ(s.baseColor, t.baseColor);
+        EXPECT_EQ(s.emission, t.emission);
+        EXPECT_EQ(std::tie(s.metalness, s.roughness, s.normalScale, s.occlusionStrength, s.alphaCutoff, s.alphaMode,
+                           s.isTwoSided, s.isUnlit),
+                  std::tie(t.metalness, t.roughness, t.normalScale, t.occlusionStrength, t.alphaCutoff, t.alphaMode,
+                           t.isTwoSided, t.isUnlit));
+        for (const auto map : {&ModelSurface::map_baseColor, &ModelSurface::map_metalRoughness,
+                               &ModelSurface::map_normal, &ModelSurface::map_occlusion, &ModelSurface::map_emission})
+            EXPECT_EQ(s.*map, t.*map);
     }
     ASSERT_EQ(a.items.size(), b.items.size());
     for (qsizetype i = 0; i < a.items.size(); ++i) {
@@ -251,6 +283,7 @@ TEST(ModelTransport, RefusesNumbersThatCannotBe)
     refuses("part of a triangle", [](ModelData &d) { d.meshes[0].indices << 0; });
     refuses("normals", [](ModelData &d) { d.meshes[0].normals.removeLast(); });
     refuses("texture coordinates", [](ModelData &d) { d.meshes[0].texCoords << QVector2D(); });
+    refuses("tangents", [](ModelData &d) { d.meshes[0].tangents << QVector4D(); });
     refuses("a position", [nan](ModelData &d) { d.meshes[0].positions[3].setY(nan); });
     refuses("a colour", [nan](ModelData &d) { d.materials[1].Kd.setX(nan); });
     refuses("an opacity", [nan](ModelData &d) { d.materials[1].D = nan; });

@@ -329,6 +329,191 @@ TEST_F(SceneImport, NodesOfAGltfFileShareAMeshAndStackTheirTransforms)
     EXPECT_NEAR(material.Ns, 30.0f, 0.01f) << "2 / 0.5^4 - 2";
 }
 
+namespace {
+
+// A glTF file of one triangle in a material, with images by their names.
+QByteArray triangleIn(const QByteArray &material, const QByteArrayList &images = {})
+{
+    const float positions[9] = {0, 0, 0, 1, 0, 0, 0, 1, 0};
+    const float coords[6] = {0, 0, 1, 0, 0, 1};
+    QByteArray buffer(reinterpret_cast<const char *>(positions), sizeof positions);
+    buffer.append(reinterpret_cast<const char *>(coords), sizeof coords);
+    QByteArray textures, files;
+    for (qsizetype i = 0; i < images.size(); ++i) {
+        textures += (i ? ", " : "") + QByteArray("{\"source\": ") + QByteArray::number(i) + "}";
+        files += (i ? ", " : "") + QByteArray("{\"uri\": \"") + images[i] + "\"}";
+    }
+    return R"({ "asset": {"version": "2.0"}, "scene": 0, "scenes": [{"nodes": [0]}], "nodes": [{"mesh": 0}],
+        "extensionsUsed": ["KHR_materials_pbrSpecularGlossiness", "KHR_materials_unlit"],
+        "materials": [)"
+           + material + "], \"textures\": [" + textures + "], \"images\": [" + files + R"(],
+        "meshes": [{"primitives": [{"attributes": {"POSITION": 0, "TEXCOORD_0": 1, "TEXCOORD_1": 1}, "material": 0}]}],
+        "accessors": [{"bufferView": 0, "componentType": 5126, "count": 3, "type": "VEC3", "min": [0,0,0], "max": [1,1,0]},
+                      {"bufferView": 1, "componentType": 5126, "count": 3, "type": "VEC2"}],
+        "bufferViews": [{"buffer": 0, "byteLength": 36}, {"buffer": 0, "byteOffset": 36, "byteLength": 24}],
+        "buffers": [{"byteLength": 60, "uri": "data:application/octet-stream;base64,)"
+           + buffer.toBase64() + "\"}] }";
+}
+
+double decodedByte(int byte)
+{
+    const double v = byte / 255.0;
+    return v <= 0.04045 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4);
+}
+
+} // namespace
+
+TEST_F(SceneImport, SurfacesOfMetallicRoughnessArriveInFull)
+{
+    for (const char *name : {"base.png", "metal.png", "normal.png", "light.png", "glow.png"}) {
+        QImage image(2, 2, QImage::Format_ARGB32);
+        image.fill(qRgba(10, 20, 30, 40));
+        image.setText(QStringLiteral("Name"), QLatin1String(name));
+        ASSERT_TRUE(image.save(folder.filePath(QLatin1String(name))));
+    }
+    const ModelData data =
+        importText("full.gltf", triangleIn(R"({ "doubleSided": true, "alphaMode": "MASK", "alphaCutoff": 0.25,
+        "pbrMetallicRoughness": {"baseColorFactor": [0.5, 0.25, 1, 0.75], "metallicFactor": 0.3, "roughnessFactor": 0.6,
+            "baseColorTexture": {"index": 0}, "metallicRoughnessTexture": {"index": 1}},
+        "normalTexture": {"index": 2, "scale": 0.7}, "occlusionTexture": {"index": 3, "strength": 0.4},
+        "emissiveTexture": {"index": 4}, "emissiveFactor": [1, 0.5, 0.25] })",
+                                           {"base.png", "metal.png", "normal.png", "light.png", "glow.png"}));
+    ASSERT_TRUE(report.ok()) << qPrintable(report.error);
+    EXPECT_EQ(report.warnings, QStringList());
+    EXPECT_EQ(report.images, 5);
+    const ModelMaterial &material = data.materials.at(data.items.at(0).material);
+    ASSERT_TRUE(material.surface);
+    const ModelSurface &s = *material.surface;
+    EXPECT_EQ(s.baseColor, QVector3D(0.5f, 0.25f, 1.0f));
+    EXPECT_EQ(material.D, 0.75f);
+    EXPECT_EQ(s.metalness, 0.3f);
+    EXPECT_EQ(s.roughness, 0.6f);
+    EXPECT_EQ(s.normalScale, 0.7f);
+    EXPECT_EQ(s.occlusionStrength, 0.4f);
+    EXPECT_EQ(s.emission, QVector3D(1.0f, 0.5f, 0.25f));
+    EXPECT_EQ(int(s.alphaMode), int(AlphaMode::Mask));
+    EXPECT_EQ(s.alphaCutoff, 0.25f);
+    EXPECT_TRUE(s.isTwoSided);
+    EXPECT_FALSE(s.isUnlit);
+    const auto nameOf = [](const QImage &image) { return image.text(QStringLiteral("Name")); };
+    EXPECT_EQ(nameOf(s.map_baseColor), QStringLiteral("base.png"));
+    EXPECT_EQ(nameOf(s.map_metalRoughness), QStringLiteral("metal.png"));
+    EXPECT_EQ(nameOf(s.map_normal), QStringLiteral("normal.png"));
+    EXPECT_EQ(nameOf(s.map_occlusion), QStringLiteral("light.png"));
+    EXPECT_EQ(nameOf(s.map_emission), QStringLiteral("glow.png"));
+    EXPECT_EQ(s.map_baseColor.cacheKey(), material.map_Kd.cacheKey()) << "one image is one";
+}
+
+TEST_F(SceneImport, SurfacesHaveTheDefaultsOfGltf)
+{
+    const ModelData data = importText("plain.gltf", triangleIn(R"({ "extensions": {"KHR_materials_unlit": {}},
+        "pbrMetallicRoughness": {}, "alphaMode": "BLEND" })"));
+    ASSERT_TRUE(report.ok()) << qPrintable(report.error);
+    const auto surface = data.materials.at(data.items.at(0).material).surface;
+    ASSERT_TRUE(surface);
+    EXPECT_EQ(surface->baseColor, QVector3D(1, 1, 1));
+    EXPECT_EQ(surface->metalness, 1.0f);
+    EXPECT_EQ(surface->roughness, 1.0f);
+    EXPECT_EQ(surface->emission, QVector3D());
+    EXPECT_EQ(int(surface->alphaMode), int(AlphaMode::Blend));
+    EXPECT_FALSE(surface->isTwoSided);
+    EXPECT_TRUE(surface->isUnlit);
+}
+
+// Of the colours that a metal share gives, the share and the base colour come back.
+TEST_F(SceneImport, SpecularGlossinessBecomesMetalnessAndRoughness)
+{
+    for (const double metalness : {0.0, 0.3, 0.8, 1.0}) {
+        const double base[3] = {0.9, 0.6, 0.4};
+        QByteArray diffuse, specular;
+        for (const double b : base) {
+            diffuse += QByteArray::number(b * (1 - metalness)) + ", ";
+            specular += QByteArray::number(0.04 * (1 - metalness) + b * metalness) + ", ";
+        }
+        specular.chop(2);
+        const ModelData data = importText(
+            "sg.gltf",
+            triangleIn("{ \"extensions\": {\"KHR_materials_pbrSpecularGlossiness\": {\"diffuseFactor\": [" + diffuse
+                       + "1], \"specularFactor\": [" + specular + "], \"glossinessFactor\": 0.7}} }"));
+        ASSERT_TRUE(report.ok()) << qPrintable(report.error);
+        const auto surface = data.materials.at(data.items.at(0).material).surface;
+        ASSERT_TRUE(surface);
+        EXPECT_NEAR(surface->metalness, metalness, 1e-4);
+        EXPECT_NEAR(surface->roughness, 0.3, 1e-6);
+        for (int i = 0; i < 3; ++i)
+            EXPECT_NEAR(surface->baseColor[i], base[i], 1e-3) << metalness;
+    }
+}
+
+TEST_F(SceneImport, MapsOfSpecularGlossinessAreConvertedTexelByTexel)
+{
+    // The left texel is a metal (black, and gold reflected), the right one is none.
+    QImage colors(2, 1, QImage::Format_ARGB32);
+    colors.setPixel(0, 0, qRgba(0, 0, 0, 255));
+    colors.setPixel(1, 0, qRgba(200, 100, 50, 128));
+    QImage gloss(2, 1, QImage::Format_ARGB32);
+    gloss.setPixel(0, 0, qRgba(255, 200, 80, 204));
+    gloss.setPixel(1, 0, qRgba(20, 20, 20, 51));
+    ASSERT_TRUE(colors.save(folder.filePath(QStringLiteral("d.png"))));
+    ASSERT_TRUE(gloss.save(folder.filePath(QStringLiteral("s.png"))));
+    const ModelData data =
+        importText("sgm.gltf", triangleIn(R"({ "extensions": {"KHR_materials_pbrSpecularGlossiness": {
+        "diffuseFactor": [1, 1, 1, 1], "diffuseTexture": {"index": 0}, "specularGlossinessTexture": {"index": 1},
+        "specularFactor": [1, 1, 1], "glossinessFactor": 0.5}} })",
+                                          {"d.png", "s.png"}));
+    ASSERT_TRUE(report.ok()) << qPrintable(report.error);
+    const auto surface = data.materials.at(data.items.at(0).material).surface;
+    ASSERT_TRUE(surface);
+    ASSERT_EQ(surface->map_baseColor.size(), QSize(2, 1));
+    const QRgb metal = surface->map_baseColor.pixel(0, 0);
+    for (const auto &[found, expected] : {std::pair(qRed(metal), 255), {qGreen(metal), 200}, {qBlue(metal), 80}})
+        EXPECT_NEAR(decodedByte(found), decodedByte(expected), 0.01);
+    EXPECT_EQ(surface->map_baseColor.pixel(1, 0), qRgba(200, 100, 50, 128));
+    const double metalness = double(surface->metalness), roughness = double(surface->roughness);
+    EXPECT_NEAR(metalness * qBlue(surface->map_metalRoughness.pixel(0, 0)) / 255.0, 1.0, 0.01);
+    EXPECT_NEAR(metalness * qBlue(surface->map_metalRoughness.pixel(1, 0)) / 255.0, 0.0, 0.01);
+    EXPECT_NEAR(roughness * qGreen(surface->map_metalRoughness.pixel(0, 0)) / 255.0, 1 - 0.5 * 0.8, 0.003);
+    EXPECT_NEAR(roughness * qGreen(surface->map_metalRoughness.pixel(1, 0)) / 255.0, 1 - 0.5 * 0.2, 0.003);
+}
+
+TEST_F(SceneImport, AMapForOtherTextureCoordinatesIsLeftOutAndNamed)
+{
+    QImage image(2, 2, QImage::Format_RGB32);
+    image.fill(Qt::red);
+    ASSERT_TRUE(image.save(folder.filePath(QStringLiteral("ao.png"))));
+    const ModelData data = importText("uv.gltf", triangleIn(R"({ "name": "wall", "pbrMetallicRoughness": {},
+        "occlusionTexture": {"index": 0, "texCoord": 1} })",
+                                                            {"ao.png"}));
+    ASSERT_TRUE(report.ok()) << qPrintable(report.error);
+    EXPECT_TRUE(data.materials.at(data.items.at(0).material).surface->map_occlusion.isNull());
+    ASSERT_EQ(report.warnings.size(), 1);
+    EXPECT_EQ(report.warnings[0], QStringLiteral("material 'wall': image 'ao.png' is left out: it is for texture "
+                                                 "coordinates 1, and only set 0 is read"));
+}
+
+TEST_F(SceneImport, OtherMaterialsHaveASurfaceOnlyWhereItSaysMore)
+{
+    QImage image(2, 2, QImage::Format_RGB32);
+    image.fill(Qt::blue);
+    ASSERT_TRUE(image.save(folder.filePath(QStringLiteral("n.png"))));
+    write("two.mtl", "newmtl A\nKd 0.5 0.5 0.5\nNs 30\nnewmtl B\nKd 0.5 0.5 0.5\nNs 30\nKe 2 1 0\nnorm n.png\n");
+    const QString path = write("two.obj", QByteArray("mtllib two.mtl\nusemtl A\n") + kTriangle + "usemtl B\nf 3 2 1\n");
+    const ModelData data = importScene(path, ImportOptions(), &report);
+    ASSERT_TRUE(report.ok()) << qPrintable(report.error);
+    for (const ModelMaterial &material : data.materials) {
+        if (material.name == QStringLiteral("A")) {
+            EXPECT_FALSE(material.surface);
+        }
+        if (material.name == QStringLiteral("B")) {
+            ASSERT_TRUE(material.surface);
+            EXPECT_EQ(material.surface->emission, QVector3D(2, 1, 0));
+            EXPECT_FALSE(material.surface->map_normal.isNull());
+            EXPECT_TRUE(material.surface->isTwoSided);
+            EXPECT_NEAR(material.surface->baseColor.x(), decodedByte(128), 0.003);
+        }
+    }
+}
+
 TEST_F(SceneImport, AScaleThatAllItemsShareMovesIntoTheMesh)
 {
     const float positions[9] = {0, 0, 0, 1, 0, 0, 0, 1, 0};

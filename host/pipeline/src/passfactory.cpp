@@ -2,6 +2,7 @@
 
 #include "host/layercompositionpass.h"
 #include "host/shadowlightingpass.h"
+#include "host/surfacepass.h"
 #include "passkit/statetable.h"
 #include "passrows.h"
 #include "renderpasses/passes.h"
@@ -44,6 +45,7 @@ constexpr Entry kPasses[] = {
 #undef KVO_ENTRY
         entry<LayerCompositionPass>("LayerCompositionPass"),
     entry<ShadowLightingPass>("ShadowLightingPass"),
+    entry<SurfacePass>("SurfacePass"),
 };
 
 constexpr const char *kOnlyToDeriveFrom = "BlurBaseRenderPass";

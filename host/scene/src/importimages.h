@@ -19,6 +19,7 @@ public:
 
     /// Null, with a warning, for one that cannot be read.
     QImage load(const QString &name, const QString &material);
+    void warn(const QString &message) { *_warnings << message; }
     /// Images that could be read.
     int count() const { return _count; }
 

@@ -1,6 +1,8 @@
 #include "importmaterial.h"
 
 #include "importimages.h"
+#include "importsurface.h"
+#include "materialreading.h"
 
 #include <assimp/GltfMaterial.h>
 #include <assimp/material.h>
@@ -13,36 +15,7 @@ namespace Brevane::Kvo {
 namespace {
 
 constexpr float kMaxExponent = 1024.0f;
-constexpr float kDielectric = 0.04f; // Share of light that glass, plastic and the like reflect head-on.
 constexpr float kDiffuseShareOfMetal = 0.5f;
-
-float number(const aiMaterial &material, const char *key, float fallback)
-{
-    ai_real value = fallback;
-    if (material.Get(key, 0, 0, value) != AI_SUCCESS || !std::isfinite(value))
-        return fallback;
-    return value;
-}
-
-bool color(const aiMaterial &material, const char *key, QVector3D *rgb, float *alpha = nullptr)
-{
-    aiColor4D value(0, 0, 0, 1);
-    if (material.Get(key, 0, 0, value) != AI_SUCCESS)
-        return false;
-    for (const float component : {value.r, value.g, value.b, value.a})
-        if (!std::isfinite(component))
-            return false;
-    *rgb = QVector3D(std::max(value.r, 0.0f), std::max(value.g, 0.0f), std::max(value.b, 0.0f));
-    if (alpha)
-        *alpha = value.a;
-    return true;
-}
-
-bool has(const aiMaterial &material, const char *key)
-{
-    const aiMaterialProperty *property = nullptr;
-    return aiGetMaterialProperty(&material, key, 0, 0, &property) == AI_SUCCESS;
-}
 
 QVector3D displayed(const QVector3D &linear)
 {
@@ -82,10 +55,10 @@ QImage map(const aiMaterial &material, std::initializer_list<aiTextureType> type
 void readMetallicRoughness(const aiMaterial &source, ModelMaterial *material)
 {
     QVector3D base = material->Kd;
-    color(source, "$clr.base", &base, &material->D);
+    materialColor(source, "$clr.base", &base, &material->D);
     base = displayed(base);
-    const float metallic = std::clamp(number(source, "$mat.metallicFactor", 1.0f), 0.0f, 1.0f);
-    const float roughness = std::clamp(number(source, "$mat.roughnessFactor", 1.0f), 0.0f, 1.0f);
+    const float metallic = std::clamp(materialNumber(source, "$mat.metallicFactor", 1.0f), 0.0f, 1.0f);
+    const float roughness = std::clamp(materialNumber(source, "$mat.roughnessFactor", 1.0f), 0.0f, 1.0f);
     material->Kd = base * (1.0f - metallic * (1.0f - kDiffuseShareOfMetal));
     // A wide highlight spreads the light that a narrow one gathers.
     material->Ks = mixed(QVector3D(kDielectric, kDielectric, kDielectric), base, metallic) * (1.0f - roughness);
@@ -94,9 +67,9 @@ void readMetallicRoughness(const aiMaterial &source, ModelMaterial *material)
 
 void readSpecularGlossiness(const aiMaterial &source, ModelMaterial *material)
 {
-    color(source, "$clr.diffuse", &material->Kd, &material->D);
-    color(source, "$clr.specular", &material->Ks);
-    const float glossiness = std::clamp(number(source, "$mat.glossinessFactor", 1.0f), 0.0f, 1.0f);
+    materialColor(source, "$clr.diffuse", &material->Kd, &material->D);
+    materialColor(source, "$clr.specular", &material->Ks);
+    const float glossiness = std::clamp(materialNumber(source, "$mat.glossinessFactor", 1.0f), 0.0f, 1.0f);
     material->Kd = displayed(material->Kd);
     material->Ks = displayed(material->Ks) * glossiness;
     material->Ns = exponentOfRoughness(1.0f - glossiness);
@@ -104,17 +77,17 @@ void readSpecularGlossiness(const aiMaterial &source, ModelMaterial *material)
 
 void readClassic(const aiMaterial &source, ModelMaterial *material)
 {
-    color(source, "$clr.diffuse", &material->Kd);
-    color(source, "$clr.specular", &material->Ks);
+    materialColor(source, "$clr.diffuse", &material->Kd);
+    materialColor(source, "$clr.specular", &material->Ks);
     // Some formats keep the strength of the highlight apart from its colour.
-    material->Ks *= std::clamp(number(source, "$mat.shinpercent", 1.0f), 0.0f, 1.0f);
-    material->Ns = std::clamp(number(source, "$mat.shininess", 0.0f), 0.0f, kMaxExponent);
+    material->Ks *= std::clamp(materialNumber(source, "$mat.shinpercent", 1.0f), 0.0f, 1.0f);
+    material->Ns = std::clamp(materialNumber(source, "$mat.shininess", 0.0f), 0.0f, kMaxExponent);
     // No exponent or 0 means "no highlight" in these files, but a highlight everywhere in the formula.
     if (material->Ns < 1.0f) {
         material->Ns = 1.0f;
         material->Ks = QVector3D(0.0f, 0.0f, 0.0f);
     }
-    material->D = number(source, "$mat.opacity", 1.0f);
+    material->D = materialNumber(source, "$mat.opacity", 1.0f);
 }
 
 } // namespace
@@ -124,9 +97,9 @@ ModelMaterial importMaterial(const aiMaterial &source, ImportImages *images)
     ModelMaterial material;
     material.name = QString::fromUtf8(source.GetName().C_Str());
     // In this order: a file with specular and glossiness states base colour and metal as well.
-    if (has(source, "$mat.glossinessFactor"))
+    if (materialHas(source, "$mat.glossinessFactor"))
         readSpecularGlossiness(source, &material);
-    else if (has(source, "$mat.metallicFactor") && has(source, "$clr.base"))
+    else if (materialHas(source, "$mat.metallicFactor") && materialHas(source, "$clr.base"))
         readMetallicRoughness(source, &material);
     else
         readClassic(source, &material);
@@ -137,6 +110,7 @@ ModelMaterial importMaterial(const aiMaterial &source, ImportImages *images)
     material.D = std::clamp(material.D, 0.0f, 1.0f);
     material.map_Kd = map(source, {aiTextureType_BASE_COLOR, aiTextureType_DIFFUSE}, images, material.name);
     material.map_Ks = map(source, {aiTextureType_SPECULAR}, images, material.name);
+    material.surface = importSurface(source, material, images);
     return material;
 }
 

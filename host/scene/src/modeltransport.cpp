@@ -16,7 +16,7 @@ namespace {
 
 // "KVOMODL" and the version. It changes with every change of what follows.
 constexpr quint64 kMagic = 0x4b564f4d4f444c00u;
-constexpr quint64 kVersion = 1;
+constexpr quint64 kVersion = 2;
 // Everything stands at a multiple of this.
 constexpr qsizetype kWord = sizeof(quint64);
 constexpr int kMostSide = 1 << 16; // of an image
@@ -109,6 +109,15 @@ void writeImage(Writer *writer, const QImage &image)
         writer->bytes(image.constScanLine(y), lineBytes(image.width(), image.depth()));
 }
 
+// In the order in which they are written.
+constexpr QImage ModelSurface::*kSurfaceMaps[] = {&ModelSurface::map_baseColor, &ModelSurface::map_metalRoughness,
+                                                  &ModelSurface::map_normal, &ModelSurface::map_occlusion,
+                                                  &ModelSurface::map_emission};
+constexpr float ModelSurface::*kSurfaceNumbers[] = {&ModelSurface::metalness, &ModelSurface::roughness,
+                                                    &ModelSurface::normalScale, &ModelSurface::occlusionStrength,
+                                                    &ModelSurface::alphaCutoff};
+constexpr QVector3D ModelSurface::*kSurfaceColors[] = {&ModelSurface::baseColor, &ModelSurface::emission};
+
 // The different images of the materials, and which of them a material has.
 class ImageTable
 {
@@ -116,7 +125,7 @@ public:
     explicit ImageTable(const QVector<ModelMaterial> &materials)
     {
         for (const ModelMaterial &material : materials)
-            for (const QImage &image : {material.map_Kd, material.map_Ks})
+            for (const QImage &image : imagesOf(material))
                 if (!image.isNull() && !_numbers.contains(image.cacheKey())) {
                     _numbers.insert(image.cacheKey(), _images.size());
                     _images << image;
@@ -130,6 +139,16 @@ public:
     }
 
 private:
+    static QVector<QImage> imagesOf(const ModelMaterial &material)
+    {
+        QVector<QImage> images{material.map_Kd, material.map_Ks};
+        for (const auto map : kSurfaceMaps) {
+            if (material.surface)
+                images << *material.surface.*map;
+        }
+        return images;
+    }
+
     QVector<QImage> _images;
     QHash<qint64, qsizetype> _numbers;
 };
@@ -277,11 +296,13 @@ ModelMesh readMesh(Reader *reader)
     mesh.positions = reader->finiteList<QVector3D>();
     mesh.normals = reader->finiteList<QVector3D>();
     mesh.texCoords = reader->finiteList<QVector2D>();
+    mesh.tangents = reader->finiteList<QVector4D>();
     mesh.indices = reader->list<quint32>();
     const qsizetype vertices = mesh.positions.size();
     reader->require((mesh.normals.isEmpty() || mesh.normals.size() == vertices)
-                        && (mesh.texCoords.isEmpty() || mesh.texCoords.size() == vertices),
-                    "a mesh has not as many normals or texture coordinates as vertices");
+                        && (mesh.texCoords.isEmpty() || mesh.texCoords.size() == vertices)
+                        && (mesh.tangents.isEmpty() || mesh.tangents.size() == vertices),
+                    "a mesh has not as many normals, texture coordinates or tangents as vertices");
     reader->require(mesh.indices.size() % 3 == 0
                         && std::all_of(mesh.indices.cbegin(), mesh.indices.cend(),
                                        [vertices](quint32 index) { return qsizetype(index) < vertices; }),
@@ -303,7 +324,33 @@ ModelMaterial readMaterial(Reader *reader, const QVector<QImage> &images)
     material.D = reader->finite<float>();
     material.map_Kd = image();
     material.map_Ks = image();
+    if (reader->integer(1) == 0)
+        return material;
+    ModelSurface surface;
+    for (const auto color : kSurfaceColors)
+        surface.*color = reader->finite<QVector3D>();
+    for (const auto number : kSurfaceNumbers)
+        surface.*number = reader->finite<float>();
+    surface.alphaMode = AlphaMode(reader->integer(int(AlphaMode::Blend)));
+    surface.isTwoSided = reader->integer(1) == 1;
+    surface.isUnlit = reader->integer(1) == 1;
+    for (const auto map : kSurfaceMaps)
+        surface.*map = image();
+    material.surface = surface;
     return material;
+}
+
+void writeSurface(Writer *writer, const ModelSurface &surface, const ImageTable &images)
+{
+    for (const auto color : kSurfaceColors)
+        writer->bytes(&(surface.*color), sizeof(QVector3D));
+    for (const auto number : kSurfaceNumbers)
+        writer->bytes(&(surface.*number), sizeof(float));
+    writer->number(quint64(surface.alphaMode));
+    writer->number(surface.isTwoSided);
+    writer->number(surface.isUnlit);
+    for (const auto map : kSurfaceMaps)
+        writer->number(images.numberOf(surface.*map));
 }
 
 ModelItem readItem(Reader *reader, const ModelData &data)
@@ -343,6 +390,7 @@ bool writeModel(QIODevice *device, const ModelData &data, const ImportReport &re
         writer.list(mesh.positions);
         writer.list(mesh.normals);
         writer.list(mesh.texCoords);
+        writer.list(mesh.tangents);
         writer.list(mesh.indices);
     }
     writer.number(quint64(data.materials.size()));
@@ -354,6 +402,9 @@ bool writeModel(QIODevice *device, const ModelData &data, const ImportReport &re
         writer.bytes(&material.D, sizeof material.D);
         writer.number(images.numberOf(material.map_Kd));
         writer.number(images.numberOf(material.map_Ks));
+        writer.number(material.surface.has_value());
+        if (material.surface)
+            writeSurface(&writer, *material.surface, images);
     }
     writer.number(quint64(data.items.size()));
     for (const ModelItem &item : data.items) {
@@ -392,9 +443,9 @@ bool readModel(const QByteArray &bytes, ModelData *data, ImportReport *report, Q
     QVector<QImage> images;
     for (qsizetype n = reader.count(4 * kWord); n > 0 && reader.ok(); --n)
         images << readImage(&reader);
-    for (qsizetype n = reader.count(5 * kWord); n > 0 && reader.ok(); --n)
+    for (qsizetype n = reader.count(6 * kWord); n > 0 && reader.ok(); --n)
         model.meshes << readMesh(&reader);
-    for (qsizetype n = reader.count(9 * kWord); n > 0 && reader.ok(); --n)
+    for (qsizetype n = reader.count(10 * kWord); n > 0 && reader.ok(); --n)
         model.materials << readMaterial(&reader, images);
     const qsizetype items = reader.count(11 * kWord);
     reader.require(items == 0 || (!model.meshes.isEmpty() && !model.materials.isEmpty()),

@@ -13,6 +13,7 @@
 #include "gl/texturemanager.h"
 #include "model/gpumodel.h"
 #include "modelprogram.h"
+#include "pooledoutput.h"
 
 #include <epoxy/gl.h>
 
@@ -66,13 +67,6 @@ QMatrix4x4 enlargement(const QRect &area, const QSize &picture)
                      y - float(2 * area.y() + area.height()) / float(area.height()));
     matrix.scale(x, y);
     return matrix;
-}
-
-void hand(PassSlot &output, Texture *texture, int users)
-{
-    output.value = textureToVariant(texture);
-    TextureManager::Instance().addTempTextureRef(texture, users);
-    TextureManager::Instance().releaseTempTextureRef(texture, 1);
 }
 
 } // namespace
@@ -147,8 +141,8 @@ void PickPass::start(RenderCallbacks *)
         }
         _fbo->detachAll();
     }
-    hand(_outputs[kItem], item, _numOutputUsers[kItem]);
-    hand(_outputs[kPosition], position, _numOutputUsers[kPosition]);
+    handOut(_outputs[kItem], item, _numOutputUsers[kItem]);
+    handOut(_outputs[kPosition], position, _numOutputUsers[kPosition]);
     pool.releaseTempTextureRef(depth, 1);
 }
 

@@ -39,6 +39,11 @@ struct ImportReport
 /// turns into an exponent and dims the highlight. Colour factors, which are linear there, turn into
 /// display values, as the images that they multiply are.
 ///
+/// For passes that shade physically a material also gets its surface in those terms (ModelSurface), where the file
+/// has it: metallic-roughness as it is; specular-glossiness turned into it, maps texel by texel; of other kinds of
+/// materials normal and emission maps. Of the maps those for the first set of texture coordinates are read, and
+/// tangents are computed. Back faces are left out where a glTF file says so, and nowhere else.
+///
 /// Images, of all kinds that readImage knows, come from the file itself or from beside it (paths are
 /// relative to the file; a missing folder or another case of letters is forgiven). One that cannot be read
 /// gives a warning, and white.
