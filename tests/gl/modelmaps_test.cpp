@@ -10,6 +10,7 @@
 #include <gl/opengldevicecontext.h>
 #include <gl/texture.h>
 #include <gl/texturemanager.h>
+#include <host/surfacepass.h>
 #include <model/gpumodel.h>
 #include <model/instancedatacollection.h>
 #include <renderpasses/forwardrenderpass.h>
@@ -93,6 +94,23 @@ class ForwardSubject : public OnePass<ForwardRenderPass>
     double tolerance() const override { return 0.5 / 255 + 1e-5; }
 };
 
+/// Colours and maps of colours are decoded, each for itself.
+class SurfaceSubject : public OnePass<SurfacePass>
+{
+    std::array<double, 4> expected(const Vector3 &Kd) const override
+    {
+        const auto decoded = [](double v) { return v <= 0.04045 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4); };
+        std::array<double, 4> color{0, 0, 0, 1};
+        for (std::size_t i = 0; i < 3; ++i) {
+            const auto factor = double(kKd[int(i)]);
+            color[i] = decoded(factor) * decoded(Kd[i] / factor);
+        }
+        return color;
+    }
+    /// Rasterisers on the CPU decode by a polynomial.
+    double tolerance() const override { return 0.002; }
+};
+
 class TransparencySubject : public OnePass<TransparencyRenderPass>
 {
     std::array<double, 4> expected(const Vector3 &Kd) const override
@@ -150,6 +168,7 @@ const std::vector<SubjectRow> &subjects()
 {
     static const std::vector<SubjectRow> rows{
         {"modelrenderpass.cpp", [] { return std::make_unique<ModelSubject>(); }},
+        {"surfacepass.cpp", [] { return std::make_unique<SurfaceSubject>(); }},
         {"forwardrenderpass.cpp", [] { return std::make_unique<ForwardSubject>(); }},
         {"transparencyrenderpass.cpp", [] { return std::make_unique<TransparencySubject>(); }},
         {"visibilitydeferredrenderpass.cpp", [] { return std::make_unique<VisibilitySubject>(); }}};
@@ -303,8 +322,11 @@ std::vector<std::tuple<std::size_t, Way>> rows()
     for (std::size_t row = 0; row < subjects().size(); ++row) {
         for (const Way way : {Way::AnotherModel, Way::UploadedAgain, Way::MaterialData}) {
             // The shading of fragment lists stays with the buffers that it saw first.
-            const bool followsBuffers = QLatin1StringView(subjects()[row].source) != "visibilitydeferredrenderpass.cpp";
-            if (way != Way::UploadedAgain || followsBuffers)
+            const QLatin1StringView source(subjects()[row].source);
+            const bool followsBuffers = source != QLatin1StringView("visibilitydeferredrenderpass.cpp");
+            // It has data of its own.
+            const bool readsMaterialData = source != QLatin1StringView("surfacepass.cpp");
+            if ((way != Way::UploadedAgain || followsBuffers) && (way == Way::AnotherModel || readsMaterialData))
                 all.emplace_back(row, way);
         }
     }
