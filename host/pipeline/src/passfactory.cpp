@@ -1,5 +1,6 @@
 #include "host/passfactory.h"
 
+#include "host/environmentpass.h"
 #include "host/layercompositionpass.h"
 #include "host/shadowlightingpass.h"
 #include "host/surfacepass.h"
@@ -43,7 +44,8 @@ constexpr Entry kPasses[] = {
 #define KVO_ENTRY(Pass) entry<Pass>(#Pass),
     KVO_EVERY_PASS(KVO_ENTRY)
 #undef KVO_ENTRY
-        entry<LayerCompositionPass>("LayerCompositionPass"),
+        entry<EnvironmentPass>("EnvironmentPass"),
+    entry<LayerCompositionPass>("LayerCompositionPass"),
     entry<ShadowLightingPass>("ShadowLightingPass"),
     entry<SurfacePass>("SurfacePass"),
 };

@@ -1,0 +1,72 @@
+#pragma once
+
+#include "host/export.h"
+#include "shadows/shadowmaplight.h"
+
+#include <QImage>
+#include <QString>
+#include <QStringList>
+#include <QVector3D>
+#include <QVector>
+#include <qfloat16.h>
+
+#include <array>
+#include <optional>
+
+namespace Brevane::Kvo {
+
+/// Light from all around, made ready for shading: a picture of it, what it does to rough and to matt surfaces, and
+/// the one light in it that casts shadows. Plain data, computed without GL.
+///
+/// Directions are those of a world with +y up. Values are linear radiance with the primaries of sRGB.
+struct Environment
+{
+    /// Steps of roughness, from 0 (mirror) to 1, in which specular is kept.
+    static constexpr int kLevels = 9;
+    /// Side of the tile for a mirror, and of those for the other steps.
+    static constexpr int kSharpSide = 512;
+    static constexpr int kSoftSide = 128;
+    static constexpr int kAtlasWidth = kSharpSide;
+    static constexpr int kAtlasHeight = kSharpSide + 2 * kSoftSide;
+
+    /// The picture, RGBA: a latitude-longitude map, bottom row first. The centre looks along -z, the right half has +x
+    /// in its middle.
+    QVector<qfloat16> radiance;
+    int width = 0;
+    int height = 0;
+
+    /// What a surface of some roughness mirrors, RGBA, bottom row first: the mean of the radiance around a direction,
+    /// weighted with the distribution of GGX (Trowbridge and Reitz) and the cosine, for a viewer above the surface.
+    /// Tiles in octahedral projection with +y in the middle; the centres of border texels lie on the border, so that
+    /// bilinear taps need no margin. The mirror is below, the others above it, four in a row.
+    QVector<qfloat16> specular;
+
+    /// Irradiance by pi, which is what a white matt surface shows: coefficients of the nine spherical harmonics up to
+    /// order 2, in their usual order (Ramamoorthi and Hanrahan, 2001). Damped as far as it takes to be nowhere negative.
+    std::array<QVector3D, 9> irradiance{};
+
+    /// A light of its own; not in the above. Its colour may be black.
+    ShadowMapLight key;
+};
+
+/// The names of the environments that are computed: "studio" (soft boxes in a grey room), "overcast" (a sky of
+/// clouds), "sun" (a clear sky, its sun as the key light).
+KVO_PIPELINE_EXPORT QStringList environmentNames();
+/// One of those; nothing for another name.
+KVO_PIPELINE_EXPORT std::optional<Environment> environmentNamed(const QString &name);
+
+/// The environment of a latitude-longitude picture, top row first. Floats are taken as linear, pictures of 8 bits as
+/// sRGB. What is more than 40 times as bright as the mean, as the sun is, becomes the key light, at its place and with
+/// its energy.
+KVO_PIPELINE_EXPORT Environment environmentOf(const QImage &picture);
+
+/// How much specular light of a GGX surface under even light comes back, in two numbers: F0 times the first and the
+/// second added, for a Fresnel term of Schlick's. \a side squared pairs; x is the root of the cosine of the view, y is
+/// the roughness, the first and the last texel at 0 and at 1.
+KVO_PIPELINE_EXPORT QVector<float> specularTable(int side);
+
+/// The place of a direction in octahedral projection, each from 0 to 1, and back.
+KVO_PIPELINE_EXPORT QPointF octahedral(const QVector3D &direction);
+KVO_PIPELINE_EXPORT QVector3D octahedralDirection(const QPointF &place);
+
+} // namespace Brevane::Kvo
