@@ -76,7 +76,9 @@ Scene sceneFor(const QString &name)
     scene.data.materials[0].map_Kd = checks;
     if (!drawsOpaqueFirst && has(pipeline, {"VisibilityBufferRenderPass", "TransparencyRenderPass"}))
         setOpacity(&scene.data, QString(), kOpacity);
-    if (has(pipeline, {"ShadowMapRenderPass", "ShadowMapRenderPass2", "ScalableAmbientObscuranceRenderPass"})) {
+    const bool hasGround = has(pipeline, {"StagePass"});
+    if (!hasGround
+        && has(pipeline, {"ShadowMapRenderPass", "ShadowMapRenderPass2", "ScalableAmbientObscuranceRenderPass"})) {
         addFloor(&scene.data);
         scene.zoom = kZoomOnFloor;
     }

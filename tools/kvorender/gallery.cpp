@@ -62,7 +62,7 @@ SceneSettings settingsFor(const Pipeline &pipeline, const ModelData &model)
         settings.opacities << qMakePair(material, kOpacity);
     if (has(pipeline, {"ScalableAmbientObscuranceRenderPass"}))
         settings.scale = SceneSettings::kScaleToFit;
-    settings.floor = has(pipeline, {"ShadowMapRenderPass", "ShadowMapRenderPass2"});
+    settings.floor = has(pipeline, {"ShadowMapRenderPass", "ShadowMapRenderPass2"}) && !has(pipeline, {"StagePass"});
     return settings;
 }
 

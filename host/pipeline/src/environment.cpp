@@ -527,14 +527,14 @@ struct BuiltIn
 Rgb studio(const Direction &d)
 {
     static const SoftBox kBoxes[] = {
-        {{-0.62f, 0.72f, 0.42f}, 0.42f, 0.42f, 0.07f, {5.2f, 5.0f, 4.7f}},
-        {{0.95f, 0.25f, 0.55f}, 0.55f, 0.75f, 0.20f, {1.1f, 1.15f, 1.25f}},
-        {{0.05f, 1.0f, -0.15f}, 0.75f, 0.45f, 0.12f, {2.4f, 2.4f, 2.4f}},
-        {{0.75f, 0.35f, -0.85f}, 0.12f, 0.75f, 0.05f, {4.5f, 4.6f, 4.8f}},
-        {{-0.95f, 0.30f, -0.75f}, 0.10f, 0.70f, 0.05f, {3.2f, 3.2f, 3.3f}},
+        {{-0.62f, 0.72f, 0.42f}, 0.42f, 0.42f, 0.07f, {4.6f, 4.4f, 4.1f}},
+        {{0.95f, 0.25f, 0.55f}, 0.50f, 0.70f, 0.20f, {0.75f, 0.79f, 0.86f}},
+        {{0.10f, 1.0f, -0.35f}, 0.60f, 0.30f, 0.10f, {1.5f, 1.5f, 1.5f}},
+        {{0.75f, 0.35f, -0.85f}, 0.12f, 0.75f, 0.05f, {4.2f, 4.3f, 4.5f}},
+        {{-0.95f, 0.30f, -0.75f}, 0.10f, 0.70f, 0.05f, {2.8f, 2.8f, 2.9f}},
     };
-    const Rgb wall = mix({0.34f, 0.345f, 0.36f}, {0.55f, 0.555f, 0.57f}, smooth(-0.1f, 0.9f, d.y));
-    Rgb color = mix(wall, {0.46f, 0.455f, 0.45f}, smooth(0.0f, -0.5f, d.y));
+    const Rgb wall = mix({0.20f, 0.205f, 0.215f}, {0.42f, 0.425f, 0.44f}, smooth(-0.1f, 0.9f, d.y));
+    Rgb color = mix(wall, {0.33f, 0.325f, 0.32f}, smooth(0.0f, -0.5f, d.y));
     for (const SoftBox &box : kBoxes)
         color += box.from(d);
     return color;
@@ -562,7 +562,7 @@ Rgb sunny(const Direction &d)
 }
 
 constexpr BuiltIn kBuiltIn[] = {
-    {"studio", studio, {-0.62f, 0.82f, 0.42f}, {0.95f, 0.92f, 0.87f}},
+    {"studio", studio, {-0.62f, 0.82f, 0.42f}, {1.2f, 1.16f, 1.1f}},
     {"overcast", overcast, {-0.25f, 1.0f, 0.3f}, {0.12f, 0.12f, 0.125f}},
     {"sun", sunny, kSun, {2.5f, 2.3f, 1.95f}},
 };

@@ -4,6 +4,8 @@
 #include "host/layercompositionpass.h"
 #include "host/shadowlightingpass.h"
 #include "host/surfacepass.h"
+#include "host/shadowshaderpass.h"
+#include "host/stagepass.h"
 #include "passkit/statetable.h"
 #include "passrows.h"
 #include "renderpasses/passes.h"
@@ -48,6 +50,8 @@ constexpr Entry kPasses[] = {
     entry<LayerCompositionPass>("LayerCompositionPass"),
     entry<ShadowLightingPass>("ShadowLightingPass"),
     entry<SurfacePass>("SurfacePass"),
+    entry<ShadowShaderPass>("ShadowShaderPass"),
+    entry<StagePass>("StagePass"),
 };
 
 constexpr const char *kOnlyToDeriveFrom = "BlurBaseRenderPass";
@@ -90,21 +94,23 @@ void PassFactory::addOperations()
         passOperation<&ShadowMapRenderPass::setInstanceDataPlanName>(QStringLiteral("setInstanceDataPlanName")));
     add("ShadowMapRenderPass2",
         passOperation<&ShadowMapRenderPass2::setInstanceDataPlanName>(QStringLiteral("setInstanceDataPlanName")));
-    add("ShaderRenderPass", passOperation<&ShaderRenderPass::setName>(QStringLiteral("setName")));
-    add("ShaderRenderPass",
-        passOperation<&ShaderRenderPass::setVertexShaderSource>(QStringLiteral("setVertexShaderSource")));
-    add("ShaderRenderPass",
-        passOperation<&ShaderRenderPass::setFragmentShaderSource>(QStringLiteral("setFragmentShaderSource")));
-    add("ShaderRenderPass",
-        passOperation<&ShaderRenderPass::setGeometryShaderSource>(QStringLiteral("setGeometryShaderSource")));
-    add("ShaderRenderPass", passOperation<&ShaderRenderPass::setTessellationControlShaderSource>(
-                                QStringLiteral("setTessellationControlShaderSource")));
-    add("ShaderRenderPass", passOperation<&ShaderRenderPass::setTessellationEvaluationShaderSource>(
-                                QStringLiteral("setTessellationEvaluationShaderSource")));
-    add("ShaderRenderPass", passOperation<&ShaderRenderPass::setClear>(QStringLiteral("setClear")));
-    add("ShaderRenderPass", passOperation<&ShaderRenderPass::setBlend>(QStringLiteral("setBlend")));
-    add("ShaderRenderPass", slotOperation<true>());
-    add("ShaderRenderPass", slotOperation<false>());
+    for (const char *programmable : {"ShaderRenderPass", "ShadowShaderPass"}) {
+        add(programmable, passOperation<&ShaderRenderPass::setName>(QStringLiteral("setName")));
+        add(programmable,
+            passOperation<&ShaderRenderPass::setVertexShaderSource>(QStringLiteral("setVertexShaderSource")));
+        add(programmable,
+            passOperation<&ShaderRenderPass::setFragmentShaderSource>(QStringLiteral("setFragmentShaderSource")));
+        add(programmable,
+            passOperation<&ShaderRenderPass::setGeometryShaderSource>(QStringLiteral("setGeometryShaderSource")));
+        add(programmable, passOperation<&ShaderRenderPass::setTessellationControlShaderSource>(
+                              QStringLiteral("setTessellationControlShaderSource")));
+        add(programmable, passOperation<&ShaderRenderPass::setTessellationEvaluationShaderSource>(
+                              QStringLiteral("setTessellationEvaluationShaderSource")));
+        add(programmable, passOperation<&ShaderRenderPass::setClear>(QStringLiteral("setClear")));
+        add(programmable, passOperation<&ShaderRenderPass::setBlend>(QStringLiteral("setBlend")));
+        add(programmable, slotOperation<true>());
+        add(programmable, slotOperation<false>());
+    }
 }
 
 const StateRow *stateRowOf(const RenderPass &pass)

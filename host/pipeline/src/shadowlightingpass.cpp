@@ -6,9 +6,6 @@
 #include <QColor>
 #include <QMatrix4x4>
 
-#include <algorithm>
-#include <cmath>
-
 namespace Brevane::Kvo {
 
 namespace {
@@ -133,37 +130,13 @@ ShadowLightingPass::ShadowLightingPass()
     setName(QStringLiteral("ShadowLightingPass"));
 }
 
-void ShadowLightingPass::start(RenderCallbacks *callbacks)
-{
-    ShaderRenderPass::start(callbacks);
-    ShadowMapManager::unbindRecord(_bound);
-    _bound = nullptr;
-}
-
-// What is not a number counts as the default.
-float ShadowLightingPass::_bounded(int index, float least, float most)
-{
-    const float value = qvariant_cast<float>(_inputs[index].value);
-    const float used = std::isnan(value) ? qvariant_cast<float>(defaultValue(index)) : std::clamp(value, least, most);
-    if (used == value)
-        acceptInput(index);
-    else
-        reportInput(index,
-                    QStringLiteral("%1 is not from %2 to %3; %4 is used").arg(value).arg(least).arg(most).arg(used));
-    return used;
-}
-
 void ShadowLightingPass::setUniforms()
 {
-    ShaderRenderPass::setUniforms();
+    ShadowShaderPass::setUniforms();
     const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
     const auto camera = qvariant_cast<QMatrix4x4>(_inputs[kCameraMatrix].value);
     _program->setUniform(QStringLiteral("u_ToWorld"), (projection * camera).inverted());
     _program->setUniform(QStringLiteral("u_CameraToWorld"), camera.inverted());
-    const ShadowMapRenderData *record = ShadowMapRenderData::fromVariant(_inputs[kShadowMapData].value);
-    const ShadowMapManager::Sampling sampling{_bounded(kMinimumVariance, 0.0f, 1.0f),
-                                              _bounded(kLightBleeding, 0.0f, 0.99f)};
-    _bound = ShadowMapManager::bindRecord(_program, record, sampling) ? record : nullptr;
 }
 
 } // namespace Brevane::Kvo

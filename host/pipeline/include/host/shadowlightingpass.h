@@ -1,11 +1,9 @@
 #pragma once
 
 #include "host/export.h"
-#include "renderpasses/shaderrenderpass.h"
+#include "host/shadowshaderpass.h"
 
 namespace Brevane::Kvo {
-
-class ShadowMapRenderData;
 
 /// Lights what ModelRenderPass drew with the lights of a shadow pass, their shadows included: a programmable
 /// pass that reads the record, as a host may write one of its own.
@@ -32,18 +30,12 @@ class ShadowMapRenderData;
 /// do not shine, which is said once with their numbers. Light bleeding is bounded by 0 and 0.99, the variance by 0
 /// and 1, and that is said too.
 /// Leaves changed and needs what ShaderRenderPass does.
-class KVO_PIPELINE_EXPORT ShadowLightingPass : public ShaderRenderPass
+class KVO_PIPELINE_EXPORT ShadowLightingPass : public ShadowShaderPass
 {
 public:
     ShadowLightingPass();
 
-    void start(RenderCallbacks *callbacks) override;
     void setUniforms() override;
-
-private:
-    float _bounded(int index, float least, float most);
-
-    const ShadowMapRenderData *_bound = nullptr; // while it draws
 };
 
 } // namespace Brevane::Kvo

@@ -1,0 +1,180 @@
+#version 150
+#include "ShadowMap.glslc"
+
+// Lights surfaces with an environment and its key light. Where no surface is: what the ground keeps of the light
+// that would fall on it without the model, with an opacity of 0. All colours are linear.
+
+uniform sampler2D u_BaseColor; // opacity in alpha
+uniform sampler2D u_Surface; // roughness, metalness, occlusion; alpha 0: shows its base colour whatever the light
+uniform sampler2D u_Emission;
+uniform sampler2D u_Normal; // in camera space
+uniform sampler2D u_Depth;
+uniform sampler2D u_Obscurance; // of any size: open share, distance
+uniform sampler2D u_Position; // in camera space, for the distance
+uniform sampler2D u_GroundKey; // of the ground from above: key light, sky
+uniform sampler2D u_GroundSky;
+uniform sampler2D u_Specular; // of EnvironmentPass
+uniform sampler2D u_Table;
+uniform mat4 Kvo_QMatrix4x4_Rotation;
+uniform mat4 Kvo_QMatrix4x4_IrradianceRed;
+uniform mat4 Kvo_QMatrix4x4_IrradianceGreen;
+uniform mat4 Kvo_QMatrix4x4_IrradianceBlue;
+uniform float Kvo_float_Intensity;
+uniform mat4 Kvo_QMatrix4x4_ClipToWorld;
+uniform mat4 Kvo_QMatrix4x4_CameraToWorld;
+uniform vec3 Kvo_QVector3D_Centre;
+uniform float Kvo_float_Radius;
+uniform float Kvo_float_Ground;
+uniform float Kvo_float_Reach;
+uniform float Kvo_float_Key; // factor on the key light
+uniform float Kvo_float_Catcher; // how much of the shadows the ground catches; 0: there is no ground
+
+in vec2 vo_TexCoord;
+
+out vec4 o_Frame;
+
+vec3 irradiance(vec3 normal)
+{
+  vec4 n = vec4(normal, 1.0);
+  return max(vec3(dot(n, Kvo_QMatrix4x4_IrradianceRed * n), dot(n, Kvo_QMatrix4x4_IrradianceGreen * n),
+                  dot(n, Kvo_QMatrix4x4_IrradianceBlue * n)), 0.0);
+}
+
+// The map has a tile of 512 texels for a mirror and eight of 128 above it, whose border texels lie on the border.
+vec3 mirrored(vec3 direction, float roughness)
+{
+  vec3 d = mat3(Kvo_QMatrix4x4_Rotation) * direction;
+  d /= abs(d.x) + abs(d.y) + abs(d.z);
+  vec2 place = d.y >= 0.0 ? d.xz : (1.0 - abs(d.zx)) * vec2(d.x < 0.0 ? -1.0 : 1.0, d.z < 0.0 ? -1.0 : 1.0);
+  place = 0.5 * place + 0.5;
+  float level = clamp(roughness, 0.0, 1.0) * 8.0;
+  float below = min(floor(level), 7.0);
+  vec2 soft = place * 127.0 + 0.5;
+  vec2 upper = soft + vec2(mod(below, 4.0) * 128.0, 512.0 + floor(below / 4.0) * 128.0);
+  float under = below - 1.0;
+  vec2 lower = below < 1.0 ? place * 511.0 + 0.5
+                           : soft + vec2(mod(under, 4.0) * 128.0, 512.0 + floor(under / 4.0) * 128.0);
+  const vec2 kSize = vec2(512.0, 768.0);
+  return Kvo_float_Intensity
+         * mix(textureLod(u_Specular, lower / kSize, 0.0).rgb, textureLod(u_Specular, upper / kSize, 0.0).rgb,
+               level - below);
+}
+
+// Of the four texels around, those of this surface.
+float openShare(float here)
+{
+  vec2 size = vec2(textureSize(u_Obscurance, 0));
+  vec2 place = vo_TexCoord * size - 0.5;
+  ivec2 first = ivec2(floor(place));
+  vec2 rest = place - vec2(first);
+  float sum = 0.0;
+  float weights = 0.0;
+  for(int i = 0; i < 4; ++i)
+  {
+    ivec2 step = ivec2(i & 1, i >> 1);
+    vec2 tap = texelFetch(u_Obscurance, clamp(first + step, ivec2(0), ivec2(size) - 1), 0).rg;
+    vec2 near = mix(1.0 - rest, rest, vec2(step));
+    float weight = near.x * near.y * (max(0.0, 1.0 - abs(tap.g - here) / (0.02 * here)) + 1e-3) + 1e-6;
+    sum += weight * tap.r;
+    weights += weight;
+  }
+  return sum / weights;
+}
+
+float groundLight(sampler2D map, vec3 place)
+{
+  vec2 across = (place.xz - Kvo_QVector3D_Centre.xz) / (Kvo_float_Reach * Kvo_float_Radius);
+  float inside = 1.0 - smoothstep(0.6, 1.0, length(across));
+  return mix(1.0, textureLod(map, 0.5 * across + 0.5, 0.0).r, inside);
+}
+
+vec3 keyLight(vec3 position, out vec3 toLight)
+{
+  toLight = vec3(0.0, 1.0, 0.0);
+  return kvo_shadowLightCount() > 0 ? Kvo_float_Key * kvo_shadowLightColor(0, position, toLight) : vec3(0.0);
+}
+
+// What the ground shows in place of 1.
+vec3 ground(vec3 eye, vec3 ray)
+{
+  float height = eye.y - Kvo_float_Ground;
+  if(ray.y >= -1e-4 || height <= 0.0 || Kvo_float_Catcher <= 0.0)
+    return vec3(1.0);
+  vec3 place = eye + ray * (height / -ray.y);
+  vec3 toLight;
+  vec3 key = keyLight(place, toLight) * max(toLight.y, 0.0);
+  vec3 sky = irradiance(vec3(0.0, 1.0, 0.0));
+  vec3 light = key * groundLight(u_GroundKey, place) + sky * groundLight(u_GroundSky, place);
+  return mix(vec3(1.0), light / max(key + sky, 1e-4), Kvo_float_Catcher);
+}
+
+void main()
+{
+  ivec2 texel = ivec2(gl_FragCoord.xy);
+  float depth = texelFetch(u_Depth, texel, 0).r;
+  vec4 far = Kvo_QMatrix4x4_ClipToWorld * vec4(2.0 * vo_TexCoord - 1.0, 2.0 * depth - 1.0, 1.0);
+  vec3 position = far.xyz / far.w;
+  vec4 near = Kvo_QMatrix4x4_ClipToWorld * vec4(2.0 * vo_TexCoord - 1.0, -1.0, 1.0);
+  vec3 eye = near.xyz / near.w;
+  vec3 view = normalize(eye - position);
+  if(depth >= 1.0)
+  {
+    o_Frame = vec4(ground(eye, -view), 0.0);
+    return;
+  }
+
+  vec4 base = texelFetch(u_BaseColor, texel, 0);
+  vec4 surface = texelFetch(u_Surface, texel, 0);
+  vec3 emission = texelFetch(u_Emission, texel, 0).rgb;
+  float opacity = max(base.a, 1.0 / 255.0);
+  if(surface.a < 0.5)
+  {
+    o_Frame = vec4(base.rgb + emission, opacity);
+    return;
+  }
+
+  vec3 normal = normalize(mat3(Kvo_QMatrix4x4_CameraToWorld) * texelFetch(u_Normal, texel, 0).xyz);
+  float roughness = surface.r;
+  float facing = clamp(dot(normal, view), 1e-3, 1.0);
+  vec3 diffuse = base.rgb * (1.0 - surface.g);
+  vec3 f0 = mix(vec3(0.04), base.rgb, surface.g);
+
+  // Where the ground is near, a surface that looks down sees it in the model's shadow.
+  float above = max(position.y - Kvo_float_Ground, 0.0) / Kvo_float_Radius;
+  float grounded = Kvo_float_Catcher * 0.75 * max(-normal.y, 0.0) / (1.0 + 12.0 * above);
+  float open = openShare(-texelFetch(u_Position, texel, 0).z) * surface.b * (1.0 - grounded);
+  // Light that surfaces in a corner throw at each other keeps their colour (Jimenez et al., 2016).
+  vec3 openDiffuse = max(vec3(open), ((open * (2.0404 * diffuse - 0.3324) - (4.7951 * diffuse - 0.6417)) * open
+                                      + (2.7552 * diffuse + 0.6903)) * open);
+  float openSpecular = clamp(pow(facing + open, exp2(-16.0 * roughness - 1.0)) - 1.0 + open, 0.0, 1.0);
+
+  // Light that leaves the surface after one bounce between its facets, and after several (Fdez-Aguera, 2019).
+  vec2 table = textureLod(u_Table, (31.0 * vec2(sqrt(facing), roughness) + 0.5) / 32.0, 0.0).rg;
+  vec3 once = f0 * table.x + table.y;
+  float missing = 1.0 - table.x - table.y;
+  vec3 mean = f0 + (1.0 - f0) / 21.0;
+  vec3 often = once * mean * missing / (1.0 - mean * missing);
+  vec3 matt = diffuse * (1.0 - once - often);
+  vec3 color = once * mirrored(reflect(-view, normal), roughness) * openSpecular
+               + (often + matt) * irradiance(normal) * openDiffuse;
+
+  vec3 toLight;
+  vec3 key = keyLight(position, toLight);
+  float lit = dot(normal, toLight);
+  if(lit > 0.0 && key.r + key.g + key.b > 0.0)
+  {
+    // Where a surface turns away from the light its own depth spreads within a texel of the map.
+    key *= kvo_shadowVisibility(0, position) * smoothstep(0.0, 0.2, lit) * lit * mix(1.0, open, 0.5);
+    vec3 middle = normalize(toLight + view);
+    float alpha = max(roughness * roughness, 0.01); // a light of some size
+    float square = alpha * alpha;
+    float toMiddle = max(dot(normal, middle), 0.0);
+    float spread = toMiddle * toMiddle * (square - 1.0) + 1.0;
+    float masked = lit * sqrt(square + (1.0 - square) * facing * facing)
+                   + facing * sqrt(square + (1.0 - square) * lit * lit);
+    vec3 fresnel = f0 + (1.0 - f0) * pow(1.0 - max(dot(view, middle), 0.0), 5.0);
+    vec3 highlight = fresnel * (0.5 * square / (spread * spread * masked)) * (1.0 + f0 * missing / (1.0 - missing));
+    color += key * (matt + highlight);
+  }
+  o_Frame = vec4(min(color + emission, 60000.0), opacity);
+}
