@@ -16,9 +16,6 @@ uniform sampler2D u_GroundSky;
 uniform sampler2D u_Specular; // of EnvironmentPass
 uniform sampler2D u_Table;
 uniform mat4 Kvo_QMatrix4x4_Rotation;
-uniform mat4 Kvo_QMatrix4x4_IrradianceRed;
-uniform mat4 Kvo_QMatrix4x4_IrradianceGreen;
-uniform mat4 Kvo_QMatrix4x4_IrradianceBlue;
 uniform float Kvo_float_Intensity;
 uniform mat4 Kvo_QMatrix4x4_ClipToWorld;
 uniform mat4 Kvo_QMatrix4x4_CameraToWorld;
@@ -33,31 +30,37 @@ in vec2 vo_TexCoord;
 
 out vec4 o_Frame;
 
-vec3 irradiance(vec3 normal)
-{
-  vec4 n = vec4(normal, 1.0);
-  return max(vec3(dot(n, Kvo_QMatrix4x4_IrradianceRed * n), dot(n, Kvo_QMatrix4x4_IrradianceGreen * n),
-                  dot(n, Kvo_QMatrix4x4_IrradianceBlue * n)), 0.0);
-}
-
-// The map has a tile of 512 texels for a mirror and eight of 128 above it, whose border texels lie on the border.
-vec3 mirrored(vec3 direction, float roughness)
+// Place in a tile of the map, which is an octahedral projection.
+vec2 placeOf(vec3 direction)
 {
   vec3 d = mat3(Kvo_QMatrix4x4_Rotation) * direction;
   d /= abs(d.x) + abs(d.y) + abs(d.z);
   vec2 place = d.y >= 0.0 ? d.xz : (1.0 - abs(d.zx)) * vec2(d.x < 0.0 ? -1.0 : 1.0, d.z < 0.0 ? -1.0 : 1.0);
-  place = 0.5 * place + 0.5;
+  return 0.5 * place + 0.5;
+}
+
+// From texels of the map. The centres of border texels lie on the border of a tile, so bilinear taps stay in it.
+vec3 tap(vec2 texel)
+{
+  return textureLod(u_Specular, texel / vec2(512.0, 896.0), 0.0).rgb;
+}
+
+// By pi: what a white matt surface shows.
+vec3 irradiance(vec3 normal)
+{
+  return Kvo_float_Intensity * tap(placeOf(normal) * 127.0 + vec2(0.5, 768.5));
+}
+
+// There is a tile of 512 texels for a mirror and eight of 128 above it.
+vec3 mirrored(vec3 direction, float roughness)
+{
+  vec2 place = placeOf(direction);
   float level = clamp(roughness, 0.0, 1.0) * 8.0;
   float below = min(floor(level), 7.0);
-  vec2 soft = place * 127.0 + 0.5;
-  vec2 upper = soft + vec2(mod(below, 4.0) * 128.0, 512.0 + floor(below / 4.0) * 128.0);
-  float under = below - 1.0;
-  vec2 lower = below < 1.0 ? place * 511.0 + 0.5
-                           : soft + vec2(mod(under, 4.0) * 128.0, 512.0 + floor(under / 4.0) * 128.0);
-  const vec2 kSize = vec2(512.0, 768.0);
-  return Kvo_float_Intensity
-         * mix(textureLod(u_Specular, lower / kSize, 0.0).rgb, textureLod(u_Specular, upper / kSize, 0.0).rgb,
-               level - below);
+  vec2 soft = place * 127.0 + vec2(0.5, 512.5);
+  vec2 upper = soft + 128.0 * vec2(mod(below, 4.0), floor(below / 4.0));
+  vec2 lower = below < 1.0 ? place * 511.0 + 0.5 : soft + 128.0 * vec2(mod(below - 1.0, 4.0), floor((below - 1.0) / 4.0));
+  return Kvo_float_Intensity * mix(tap(lower), tap(upper), level - below);
 }
 
 // Of the four texels around, those of this surface.
@@ -148,15 +151,21 @@ void main()
                                       + (2.7552 * diffuse + 0.6903)) * open);
   float openSpecular = clamp(pow(facing + open, exp2(-16.0 * roughness - 1.0)) - 1.0 + open, 0.0, 1.0);
 
-  // Light that leaves the surface after one bounce between its facets, and after several (Fdez-Aguera, 2019).
-  vec2 table = textureLod(u_Table, (31.0 * vec2(sqrt(facing), roughness) + 0.5) / 32.0, 0.0).rg;
-  vec3 once = f0 * table.x + table.y;
+  // Light that leaves the surface after one bounce between its facets, and after several (Fdez-Aguera, 2019): of the
+  // part that is a metal, and of the other.
+  vec4 table = textureLod(u_Table, (31.0 * vec2(sqrt(facing), roughness) + 0.5) / 32.0, 0.0);
   float missing = 1.0 - table.x - table.y;
-  vec3 mean = f0 + (1.0 - f0) / 21.0;
-  vec3 often = once * mean * missing / (1.0 - mean * missing);
+  vec3 onceMetal = base.rgb * table.x + table.y;
+  float once = 0.04 * table.x + table.y;
+  vec3 meanMetal = base.rgb + (1.0 - base.rgb) / 21.0;
+  const float kMean = 0.04 + 0.96 / 21.0;
+  vec3 oftenMetal = onceMetal * meanMetal * missing / (1.0 - meanMetal * missing);
+  float often = once * kMean * missing / (1.0 - kMean * missing);
   vec3 matt = diffuse * (1.0 - once - often);
-  vec3 color = once * mirrored(reflect(-view, normal), roughness) * openSpecular
-               + (often + matt) * irradiance(normal) * openDiffuse;
+  // The wider a lobe, the more of it is its middle; a narrow one is the mirrored view with a long tail.
+  vec3 mean = normalize(mix(normal, reflect(-view, normal), mix(1.0, table.z, roughness)));
+  vec3 color = mix(vec3(once), onceMetal, surface.g) * mirrored(mean, mix(roughness, table.w, roughness)) * openSpecular
+               + (mix(vec3(often), oftenMetal, surface.g) + matt) * irradiance(normal) * openDiffuse;
 
   vec3 toLight;
   vec3 key = keyLight(position, toLight);

@@ -148,8 +148,12 @@ TEST(Environment, EvenLightIsTheSameInEveryDirectionAtEveryRoughness)
 {
     const Environment environment = environmentOf(pictureOf(kEven, 64));
     constexpr float kTexel[] = {0.75f, 0.375f, 1.5f, 1.0f};
-    for (qsizetype i = 0; i < environment.specular.size(); ++i)
-        ASSERT_EQ(float(environment.specular[i]), kTexel[i % 4]) << i;
+    const int last = Environment::kAtlasHeight - Environment::kSoftSide; // the row with a single tile
+    for (int y = 0; y < Environment::kAtlasHeight; ++y)
+        for (int x = 0; x < (y < last ? Environment::kAtlasWidth : Environment::kSoftSide); ++x)
+            for (int c = 0; c < 4; ++c)
+                ASSERT_EQ(float(environment.specular[4 * (y * Environment::kAtlasWidth + x) + c]), kTexel[c])
+                    << x << " " << y;
     for (int i = 0; i < 50; ++i)
         EXPECT_NEAR(irradianceOf(environment, directionOf(i / 50.0, std::fmod(i * 0.618, 1.0)), 0), 0.75, 1e-3);
     EXPECT_EQ(environment.key.color, QVector3D());
@@ -200,6 +204,22 @@ TEST_P(EnvironmentAtRoughness, MirrorsTheMeanOverTheLobe)
         sum += expected;
     }
     EXPECT_LE(error / sum, 0.015) << "roughness " << level / 8.0;
+}
+
+TEST(Environment, TheLastTileIsTheIrradiance)
+{
+    const Environment environment = environmentOf(pictureOf(kLamps, 512));
+    double error = 0;
+    double sum = 0;
+    for (int i = 0; i < 60; ++i) {
+        const Texel texel = texelOf(environment, Environment::kLevels, int(std::fmod(i * 0.754877, 1.0) * 128),
+                                    int(std::fmod(i * 0.569840, 1.0) * 128));
+        const Vector &n = texel.direction;
+        const double expected = integral([&](const Vector &l) { return std::max(0.0, dot(n, l)) * kLamps(l); }) / kPi;
+        error += std::abs(texel.red - expected);
+        sum += expected;
+    }
+    EXPECT_LE(error / sum, 0.01);
 }
 
 TEST(Environment, ALightFarBrighterThanTheRestBecomesTheKeyWithItsEnergy)
@@ -278,6 +298,7 @@ TEST(Environment, TheTableIsTheIntegralOfTheReflectedLight)
             const Vector view{std::sqrt(1 - facing * facing), 0, facing};
             const auto mask = [&](double c) { return std::sqrt(alpha2 + (1 - alpha2) * c * c); };
             double sums[2] = {};
+            double mean[2] = {};
             constexpr int kSteps = 700;
             for (int i = 0; i < kSteps; ++i)
                 for (int j = 0; j < kSteps; ++j) {
@@ -295,10 +316,20 @@ TEST(Environment, TheTableIsTheIntegralOfTheReflectedLight)
                     const double fresnel = std::pow(1 - toHalf, 5);
                     sums[0] += value * (1 - fresnel);
                     sums[1] += value * fresnel;
+                    mean[0] -= value * l.x;
+                    mean[1] += value * l.z;
                 }
+            const float *texel = table.constData() + 4 * (row * kSide + column);
             // 256 samples against half a million.
-            EXPECT_NEAR(double(table[2 * (row * kSide + column)]), sums[0], 0.006) << row << " " << column;
-            EXPECT_NEAR(double(table[2 * (row * kSide + column) + 1]), sums[1], 0.006) << row << " " << column;
+            EXPECT_NEAR(double(texel[0]), sums[0], 0.006) << row << " " << column;
+            EXPECT_NEAR(double(texel[1]), sums[1], 0.006) << row << " " << column;
+            // The mixture of normal and mirrored view has the slope of the mean.
+            const double lean = double(texel[2]);
+            EXPECT_NEAR(std::atan2(lean * view.x, 1 - lean + lean * view.z), std::atan2(mean[0], mean[1]), 0.02)
+                << row << " " << column;
+            // A lobe that leans is stretched, or cut off by the horizon.
+            EXPECT_GT(double(texel[3]), 0.5 * roughness);
+            EXPECT_LT(double(texel[3]), 1.6 * roughness);
         }
     }
 }

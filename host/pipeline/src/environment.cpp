@@ -273,10 +273,31 @@ struct LobeTap
     float level;
 };
 
+float levelFor(float density, int count)
+{
+    const float texel = 4.0f * kPi / float(Pyramid::kSide * Pyramid::kSide);
+    // Bilinear taps spread over as much again.
+    return 0.5f * std::log2(1.0f / (float(count) * density) / texel) - 1.0f;
+}
+
+// What a matt surface sees.
+std::vector<LobeTap> cosineLobe(int count)
+{
+    std::vector<LobeTap> taps;
+    for (int i = 0; i < count; ++i) {
+        const float sine = std::sqrt((float(i) + 0.5f) / float(count));
+        const float angle = 2.0f * kPi * radicalInverse(quint32(i));
+        const float cosine = std::sqrt(1.0f - sine * sine);
+        taps.push_back({{sine * std::cos(angle), sine * std::sin(angle), cosine},
+                        1.0f / float(count),
+                        levelFor(cosine / kPi, count)});
+    }
+    return taps;
+}
+
 std::vector<LobeTap> lobe(float roughness, int count)
 {
     const float alpha = roughness * roughness;
-    const float texel = 4.0f * kPi / float(Pyramid::kSide * Pyramid::kSide);
     std::vector<LobeTap> taps;
     for (int i = 0; i < count; ++i) {
         const float u = (float(i) + 0.5f) / float(count);
@@ -290,8 +311,7 @@ std::vector<LobeTap> lobe(float roughness, int count)
             continue;
         const float spread = cosine2 * (alpha * alpha - 1.0f) + 1.0f;
         const float density = alpha * alpha / (kPi * spread * spread) / 4.0f;
-        // Bilinear taps spread over as much again.
-        taps.push_back({light, light.z, 0.5f * std::log2(1.0f / (float(count) * density) / texel) - 1.0f});
+        taps.push_back({light, light.z, levelFor(density, count)});
     }
     float sum = 0.0f;
     for (const LobeTap &tap : taps)
@@ -343,14 +363,19 @@ struct Tile
     std::vector<Rgb> texels;
 };
 
+constexpr int kTiles = Environment::kLevels + 1;
+
 // Of wide lobes a few texels tell all.
-Tile tileFor(const Pyramid &pyramid, int level)
+Tile tileFor(const Pyramid &pyramid, int index)
 {
-    constexpr int kSides[] = {Environment::kSharpSide, 128, 128, 96, 64, 64, 48, 48, 48};
-    constexpr int kTaps[] = {1, 24, 40, 56, 72, 96, 112, 128, 128};
-    Tile tile(kSides[level]);
-    const std::vector<LobeTap> taps = level == 0 ? std::vector<LobeTap>{{{0.0f, 0.0f, 1.0f}, 1.0f, 0.0f}}
-                                                 : lobe(float(level) / float(Environment::kLevels - 1), kTaps[level]);
+    constexpr int kSides[kTiles] = {Environment::kSharpSide, 128, 128, 96, 64, 64, 48, 48, 48, 48};
+    constexpr int kTaps[kTiles] = {1, 24, 40, 56, 72, 96, 112, 128, 128, 128};
+    Tile tile(kSides[index]);
+    std::vector<LobeTap> taps{{{0.0f, 0.0f, 1.0f}, 1.0f, 0.0f}};
+    if (index == Environment::kLevels)
+        taps = cosineLobe(kTaps[index]);
+    else if (index > 0)
+        taps = lobe(float(index) / float(Environment::kLevels - 1), kTaps[index]);
     forRows(tile.side, [&](int y) {
         for (int x = 0; x < tile.side; ++x)
             tile.texels[size_t(y) * size_t(tile.side) + size_t(x)] = filtered(pyramid, taps, tile.direction(x, y));
@@ -371,7 +396,7 @@ QVector<qfloat16> specularAtlas(const Panorama &panorama)
     constexpr int kSoft = Environment::kSoftSide;
     const Pyramid pyramid(panorama);
     QVector<qfloat16> atlas(4 * kWidth * Environment::kAtlasHeight);
-    for (int level = 0; level < Environment::kLevels; ++level) {
+    for (int level = 0; level < kTiles; ++level) {
         const Tile tile = tileFor(pyramid, level);
         const int side = level == 0 ? Environment::kSharpSide : kSoft;
         const int left = level == 0 ? 0 : (level - 1) % 4 * kSoft;
@@ -695,25 +720,55 @@ Environment environmentOf(const QImage &picture)
     return bake(panorama, std::move(source), key);
 }
 
+namespace {
+
+// How much of its light a lobe that is seen from above has along its axis, for steps of roughness.
+std::array<float, 65> concentrations()
+{
+    std::array<float, 65> result{};
+    for (size_t i = 0; i < result.size(); ++i) {
+        float sum = 0.0f;
+        for (const LobeTap &tap : lobe(std::max(float(i) / 64.0f, 0.02f), 512))
+            sum += tap.weight * tap.toLight.z;
+        result[i] = sum;
+    }
+    return result;
+}
+
+// The roughness of the lobe from above that is as wide.
+float roughnessFor(const std::array<float, 65> &concentration, float wanted)
+{
+    size_t i = 1;
+    while (i + 1 < concentration.size() && concentration[i] > wanted)
+        ++i;
+    const float t = (concentration[i - 1] - wanted) / (concentration[i - 1] - concentration[i]);
+    return std::clamp((float(i - 1) + t) / 64.0f, 0.0f, 1.0f);
+}
+
+} // namespace
+
 // Half vectors are drawn as the viewer sees them (Heitz, 2018), so that a sample weighs what masking leaves of it.
 QVector<float> specularTable(int side)
 {
     constexpr int kSamples = 256;
-    QVector<float> table(2 * side * side);
-    float *const pairs = table.data();
+    QVector<float> table(4 * side * side);
+    float *const texels = table.data();
+    const std::array<float, 65> concentration = concentrations();
     forRows(side, [&](int row) {
         const float roughness = std::max(float(row) / float(side - 1), 0.02f);
         const float alpha = roughness * roughness;
         const float alpha2 = alpha * alpha;
         for (int column = 0; column < side; ++column) {
             const float place = float(column) / float(side - 1);
-            const float facing = std::max(place * place, 1e-4f);
+            // Straight from above there is no side to which the lobe could lean: what it does nearby goes on.
+            const float facing = std::clamp(place * place, 1e-4f, 0.999f);
             const Direction view{std::sqrt(1.0f - facing * facing), 0.0f, facing};
             const Direction stretched = normalized({alpha * view.x, 0.0f, view.z});
             const Direction across{0.0f, 1.0f, 0.0f};
             const Direction along = cross(stretched, across);
             const float maskView = std::sqrt(alpha2 + (1.0f - alpha2) * facing * facing);
             double sums[2] = {};
+            double mean[2] = {}; // away from the viewer, along the normal
             for (int i = 0; i < kSamples; ++i) {
                 const float radius = std::sqrt((float(i) + 0.5f) / float(kSamples));
                 const float angle = 2.0f * kPi * radicalInverse(quint32(i));
@@ -735,9 +790,18 @@ QVector<float> specularTable(int side)
                 const float fresnel = std::pow(std::max(0.0f, 1.0f - toHalf), 5.0f);
                 sums[0] += double(visible * (1.0f - fresnel));
                 sums[1] += double(visible * fresnel);
+                mean[0] += double(visible * (view.x - 2.0f * toHalf * half.x));
+                mean[1] += double(visible * light);
             }
-            pairs[2 * (row * side + column)] = float(sums[0] / kSamples);
-            pairs[2 * (row * side + column) + 1] = float(sums[1] / kSamples);
+            const double all = sums[0] + sums[1];
+            const double slope = std::max(mean[0], 0.0) / mean[1];
+            const auto lean = float(slope / (double(view.x) + slope * (1.0 - double(facing))));
+            const auto width = float(std::sqrt(mean[0] * mean[0] + mean[1] * mean[1]) / all);
+            float *texel = texels + 4 * (row * side + column);
+            texel[0] = float(sums[0] / kSamples);
+            texel[1] = float(sums[1] / kSamples);
+            texel[2] = std::clamp(lean, 0.0f, 1.0f);
+            texel[3] = roughnessFor(concentration, width);
         }
     });
     return table;

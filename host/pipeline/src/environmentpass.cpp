@@ -43,11 +43,11 @@ constexpr SlotInfo kOutputInfo[] = {
     {.name = "Kvo_KvoTexture*_Specular",
      .meaning = "what surfaces of nine degrees of roughness mirror",
      .kind = SlotKind::Texture,
-     .format = "GL_RGBA16F, 512 by 768"},
+     .format = "GL_RGBA16F, 512 by 896"},
     {.name = "Kvo_KvoTexture*_Table",
-     .meaning = "how much of it they mirror",
+     .meaning = "how much of it they mirror, and from where",
      .kind = SlotKind::Texture,
-     .format = "GL_RG16F, 32 by 32"},
+     .format = "GL_RGBA16F, 32 by 32"},
     {.name = "Kvo_QMatrix4x4_Rotation",
      .meaning = "from the world to the directions of the maps",
      .kind = SlotKind::Matrix},
@@ -196,7 +196,7 @@ void EnvironmentPass::_upload(const Environment &environment)
     if (!_table) {
         static const QVector<float> table = specularTable(kTableSide);
         makeMap(_table, u"EnvironmentPass table"_s,
-                {{kTableSide, kTableSide}, GL_RG16F, GL_RG, GL_FLOAT, table.constData()});
+                {{kTableSide, kTableSide}, GL_RGBA16F, GL_RGBA, GL_FLOAT, table.constData()});
     }
 }
 

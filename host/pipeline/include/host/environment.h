@@ -27,7 +27,7 @@ struct Environment
     static constexpr int kSharpSide = 512;
     static constexpr int kSoftSide = 128;
     static constexpr int kAtlasWidth = kSharpSide;
-    static constexpr int kAtlasHeight = kSharpSide + 2 * kSoftSide;
+    static constexpr int kAtlasHeight = kSharpSide + 3 * kSoftSide;
 
     /// The picture, RGBA: a latitude-longitude map, bottom row first. The centre looks along -z, the right half has +x
     /// in its middle.
@@ -38,11 +38,12 @@ struct Environment
     /// What a surface of some roughness mirrors, RGBA, bottom row first: the mean of the radiance around a direction,
     /// weighted with the distribution of GGX (Trowbridge and Reitz) and the cosine, for a viewer above the surface.
     /// Tiles in octahedral projection with +y in the middle; the centres of border texels lie on the border, so that
-    /// bilinear taps need no margin. The mirror is below, the others above it, four in a row.
+    /// bilinear taps need no margin. The mirror is below, the others above it, four in a row; above these a tile of
+    /// irradiance by pi, which is what a white matt surface shows.
     QVector<qfloat16> specular;
 
-    /// Irradiance by pi, which is what a white matt surface shows: coefficients of the nine spherical harmonics up to
-    /// order 2, in their usual order (Ramamoorthi and Hanrahan, 2001). Damped as far as it takes to be nowhere negative.
+    /// The same in short, within a few percent: coefficients of the nine spherical harmonics up to order 2, in their
+    /// usual order (Ramamoorthi and Hanrahan, 2001). Damped as far as it takes to be nowhere negative.
     std::array<QVector3D, 9> irradiance{};
 
     /// A light of its own; not in the above. Its colour may be black.
@@ -60,9 +61,14 @@ KVO_PIPELINE_EXPORT std::optional<Environment> environmentNamed(const QString &n
 /// its energy.
 KVO_PIPELINE_EXPORT Environment environmentOf(const QImage &picture);
 
-/// How much specular light of a GGX surface under even light comes back, in two numbers: F0 times the first and the
-/// second added, for a Fresnel term of Schlick's. \a side squared pairs; x is the root of the cosine of the view, y is
-/// the roughness, the first and the last texel at 0 and at 1.
+/// What a GGX surface does to specular light, by the view: \a side squared texels of four numbers. x is the root of the
+/// cosine of the view, y is the roughness, the first and the last texel at 0 and at 1.
+///
+/// | Number | Meaning                                                                                              |
+/// |--------|------------------------------------------------------------------------------------------------------|
+/// | 0, 1   | how much of even light comes back: F0 times the first and the second added, for Schlick's Fresnel term |
+/// | 2      | where the light comes from in the mean: from 0, the normal, to 1, the mirrored view, mixed            |
+/// | 3      | the roughness in Environment::specular whose light is spread as widely around it                      |
 KVO_PIPELINE_EXPORT QVector<float> specularTable(int side);
 
 /// The place of a direction in octahedral projection, each from 0 to 1, and back.

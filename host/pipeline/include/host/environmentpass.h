@@ -21,8 +21,8 @@ class Texture;
 /// | # | Output                          | Type       | Meaning                                                          |
 /// |---|---------------------------------|------------|------------------------------------------------------------------|
 /// | 0 | Kvo_KvoTexture*_Radiance        | texture    | GL_RGBA16F: the picture, as a latitude-longitude map             |
-/// | 1 | Kvo_KvoTexture*_Specular        | texture    | GL_RGBA16F, 512 by 768: Environment::specular                    |
-/// | 2 | Kvo_KvoTexture*_Table           | texture    | GL_RG16F, 32 by 32: specularTable                                |
+/// | 1 | Kvo_KvoTexture*_Specular        | texture    | GL_RGBA16F, 512 by 896: Environment::specular                    |
+/// | 2 | Kvo_KvoTexture*_Table           | texture    | GL_RGBA16F, 32 by 32: specularTable                                |
 /// | 3 | Kvo_QMatrix4x4_Rotation         | QMatrix4x4 | from the world to the directions of the two maps                 |
 /// | 4 | Kvo_QMatrix4x4_IrradianceRed    | QMatrix4x4 | with a normal n of the world as (n, 1): n * M * n is the irradiance by pi |
 /// | 5 | Kvo_QMatrix4x4_IrradianceGreen  | QMatrix4x4 | likewise                                                         |

@@ -1,0 +1,335 @@
+#include "support/gltest.h"
+#include "support/image.h"
+#include "support/messages.h"
+
+#include <gl/texture.h>
+#include <host/environmentpass.h>
+#include <host/pipeline.h>
+#include <host/pipelinefile.h>
+#include <host/screentarget.h>
+#include <renderpasses/shaderrenderpass.h>
+
+#include <QMatrix4x4>
+#include <QRect>
+
+#include <array>
+#include <cmath>
+#include <numbers>
+
+// The light of pipelines/studio.json on surfaces that a test draws, against integrals in double precision over all
+// directions of the environment.
+
+using namespace Brevane::Kvo;
+using namespace Brevane::Kvo::Test;
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr double kPi = std::numbers::pi;
+constexpr int kCell = 40; // pixels of a sphere with what is around it
+constexpr int kColumns = 5; // roughness 0.2 to 1
+constexpr int kRows = 3; // metalness 0, 0.5, 1
+
+// What the model passes would have drawn, and nothing in the way of the light.
+const QString kSpheres = uR"(#version 150
+uniform vec3 Kvo_QVector3D_Color;
+out vec4 o_BaseColor; out vec4 o_Surface; out vec4 o_Emission; out vec4 o_Normal; out vec4 o_Depth;
+out vec4 o_Obscurance; out vec4 o_Position;
+void main()
+{
+  vec2 cell = floor(gl_FragCoord.xy / 40.0);
+  vec2 p = (gl_FragCoord.xy - 40.0 * cell - 20.0) / 18.0;
+  float z = sqrt(max(0.0, 1.0 - dot(p, p)));
+  o_BaseColor = vec4(Kvo_QVector3D_Color, 1.0);
+  o_Surface = vec4(0.2 * (cell.x + 1.0), 0.5 * cell.y, 1.0, 1.0);
+  o_Emission = vec4(0.0);
+  o_Normal = vec4(p, z, 0.0);
+  o_Depth = vec4(dot(p, p) < 1.0 ? 0.5 : 1.0);
+  o_Obscurance = vec4(1.0, 5.0, 0.0, 1.0);
+  o_Position = vec4(0.0, 0.0, -5.0, 1.0);
+}
+)"_s;
+
+// All greys from left to right, as surfaces that shine by themselves.
+const QString kRamp = uR"(#version 150
+out vec4 o_BaseColor; out vec4 o_Surface; out vec4 o_Emission; out vec4 o_Normal; out vec4 o_Depth;
+out vec4 o_Obscurance; out vec4 o_Position;
+void main()
+{
+  float code = floor(gl_FragCoord.x) / 255.0;
+  o_BaseColor = vec4(vec3(code <= 0.04045 ? code / 12.92 : pow((code + 0.055) / 1.055, 2.4)), 1.0);
+  o_Surface = vec4(0.5, 0.0, 1.0, 0.0);
+  o_Emission = vec4(0.0);
+  o_Normal = vec4(0.0, 0.0, 1.0, 0.0);
+  o_Depth = vec4(0.5);
+  o_Obscurance = vec4(1.0, 5.0, 0.0, 1.0);
+  o_Position = vec4(0.0, 0.0, -5.0, 1.0);
+}
+)"_s;
+
+const QStringList kSurfaceOutputs{u"BaseColor"_s, u"Surface"_s,    u"Emission"_s, u"Normal"_s,
+                                  u"Depth"_s,     u"Obscurance"_s, u"Position"_s};
+
+class Studio : public GLTest
+{
+protected:
+    void SetUp() override
+    {
+        GLTest::SetUp();
+        owned = std::make_unique<Pipeline>();
+    }
+    void TearDown() override
+    {
+        owned.reset();
+        GLTest::TearDown();
+    }
+    // The passes of the file that are named, with surfaces of a shader's.
+    void make(const QStringList &kept, const QString &surfaces, const QSize &size)
+    {
+        Pipeline &pipeline = *owned;
+        QString error;
+        const MessageCapture messages; // shadow passes tell their path
+        ASSERT_TRUE(loadPipeline(u"" KVO_SOURCE_DIR "/pipelines/studio.json"_s, &pipeline, nullptr));
+        for (const QString &name : pipeline.passNames())
+            if (!kept.contains(name)) {
+                ASSERT_TRUE(pipeline.remove(name, &error)) << error.toStdString();
+            }
+        auto source = std::make_unique<ShaderRenderPass>();
+        source->addInput(u"Kvo_QVector3D_Color"_s);
+        for (const QString &output : kSurfaceOutputs)
+            source->addOutput(u"Kvo_KvoTexture*_"_s + output);
+        source->setFragmentShaderSource(surfaces);
+        ASSERT_TRUE(pipeline.add(u"Drawn"_s, std::move(source), &error)) << error.toStdString();
+        for (const QString &output : kSurfaceOutputs)
+            ASSERT_TRUE(pipeline.connect(u"Drawn."_s + output, u"Light."_s + output, &error)) << error.toStdString();
+        ASSERT_TRUE(pipeline.bind(u"Drawn"_s, u"Viewport"_s, u"viewport"_s, &error)) << error.toStdString();
+        set("Light.Catcher", 0.0f);
+        QMatrix4x4 projection;
+        projection.ortho(-1, 1, -1, 1, 1, 9);
+        QMatrix4x4 camera;
+        camera.translate(0, 0, -5);
+        pipeline.setCamera(camera, projection, 1, 9);
+        pipeline.setViewport(QRect(QPoint(), size));
+    }
+    void set(const char *slot, const QVariant &value)
+    {
+        const QStringList parts = QString::fromLatin1(slot).split(u'.');
+        QString error;
+        ASSERT_TRUE(owned->setValue(parts[0], parts[1], value, &error)) << error.toStdString();
+    }
+    Image<float> lit()
+    {
+        Image<float> image;
+        owned->setPassObserver([&](const QString &name, RenderPass *) {
+            if (name == "Light"_L1)
+                image = readTexture<float>(textureFromVariant(owned->output(u"Light"_s, u"Frame"_s)));
+        });
+        QString error;
+        EXPECT_TRUE(owned->render(nullptr, &error)) << error.toStdString();
+        return image;
+    }
+
+    std::unique_ptr<Pipeline> owned;
+};
+
+constexpr QSize kSpheresSize(kColumns *kCell, kRows *kCell);
+
+struct Vector
+{
+    double x;
+    double y;
+    double z;
+};
+
+double dot(const Vector &a, const Vector &b)
+{
+    return a.x * b.x + a.y * b.y + a.z * b.z;
+}
+
+// A part of the environment.
+struct Ray
+{
+    Vector from;
+    double angle; // steradians
+    std::array<double, 3> radiance;
+};
+
+std::vector<Ray> raysOf(const Environment &environment)
+{
+    std::vector<Ray> rays;
+    for (int y = 0; y < environment.height; ++y)
+        for (int x = 0; x < environment.width; ++x) {
+            const double longitude = ((x + 0.5) / environment.width - 0.5) * 2 * kPi;
+            const double latitude = ((y + 0.5) / environment.height - 0.5) * kPi;
+            const qfloat16 *texel = environment.radiance.constData() + 4 * (y * environment.width + x);
+            rays.push_back({{std::sin(longitude) * std::cos(latitude), std::sin(latitude),
+                             -std::cos(longitude) * std::cos(latitude)},
+                            std::cos(latitude) * kPi / environment.height * 2 * kPi / environment.width,
+                            {double(float(texel[0])), double(float(texel[1])), double(float(texel[2]))}});
+        }
+    return rays;
+}
+
+// A surface that is seen along +z: GGX with masking and shadowing, Schlick's term, what bounces between the facets
+// spread evenly, and matt below; a metal and another material, mixed.
+std::array<double, 3> shaded(const std::vector<Ray> &rays, const Vector &normal, double roughness, double metalness,
+                             const std::array<double, 3> &base)
+{
+    const double facing = normal.z;
+    const double alpha2 = std::pow(roughness, 4);
+    std::array<double, 3> single[2]{}; // without and with Schlick's power
+    std::array<double, 3> irradiance{};
+    double sums[2] = {}; // the same for even light
+    const auto mask = [&](double c) { return std::sqrt(alpha2 + (1 - alpha2) * c * c); };
+    for (const Ray &ray : rays) {
+        const double light = dot(normal, ray.from);
+        if (light <= 0)
+            continue;
+        const Vector sum{ray.from.x, ray.from.y, ray.from.z + 1};
+        const double length = std::sqrt(dot(sum, sum));
+        const double toHalf = sum.z / length;
+        const double spread = std::pow(dot(normal, sum) / length, 2) * (alpha2 - 1) + 1;
+        const double value =
+            alpha2 / (kPi * spread * spread) * light / (2 * (light * mask(facing) + facing * mask(light))) * ray.angle;
+        const double power = std::pow(1 - toHalf, 5);
+        sums[0] += value * (1 - power);
+        sums[1] += value * power;
+        for (size_t c = 0; c < 3; ++c) {
+            single[0][c] += value * (1 - power) * ray.radiance[c];
+            single[1][c] += value * power * ray.radiance[c];
+            irradiance[c] += light * ray.angle / kPi * ray.radiance[c];
+        }
+    }
+    std::array<double, 3> result;
+    const double missing = 1 - sums[0] - sums[1];
+    for (size_t c = 0; c < 3; ++c) {
+        const auto light = [&](double f0, double diffuse) {
+            const double once = f0 * sums[0] + sums[1];
+            const double mean = f0 + (1 - f0) / 21;
+            const double often = once * mean * missing / (1 - mean * missing);
+            return f0 * single[0][c] + single[1][c] + (often + diffuse * (1 - once - often)) * irradiance[c];
+        };
+        result[c] = (1 - metalness) * light(0.04, base[c]) + metalness * light(base[c], 0);
+    }
+    return result;
+}
+
+struct Pixel
+{
+    int x;
+    int y;
+    Vector normal;
+};
+
+// Places on a sphere, up to a normal that is almost square to the view.
+std::vector<Pixel> pixelsOf(int column, int row, int step)
+{
+    std::vector<Pixel> pixels;
+    for (int y = 0; y < kCell; y += step)
+        for (int x = 0; x < kCell; x += step) {
+            const double px = (x + 0.5 - 20) / 18;
+            const double py = (y + 0.5 - 20) / 18;
+            if (px * px + py * py < 0.98)
+                pixels.push_back({column * kCell + x, row * kCell + y, {px, py, std::sqrt(1 - px * px - py * py)}});
+        }
+    return pixels;
+}
+
+} // namespace
+
+// A white surface in even light sends back what comes: nothing is lost, and nothing gained.
+TEST_F(Studio, WhiteSpheresVanishInAFurnace)
+{
+    EnvironmentPass::setImageReader([](const QString &, QString *) {
+        QImage even(64, 32, QImage::Format_RGBX32FPx4);
+        even.fill(Qt::white);
+        return even;
+    });
+    make({u"Environment"_s, u"Stage"_s, u"Light"_s}, kSpheres, kSpheresSize);
+    set("Environment.Source", u"furnace"_s);
+    set("Drawn.Color", QVector3D(1, 1, 1));
+    const Image<float> image = lit();
+    EnvironmentPass::setImageReader(nullptr);
+    ASSERT_EQ(image.width, kSpheresSize.width());
+    for (int row = 0; row < kRows; ++row)
+        for (int column = 0; column < kColumns; ++column)
+            for (const Pixel &pixel : pixelsOf(column, row, 1))
+                for (size_t c = 0; c < 3; ++c)
+                    ASSERT_NEAR(image.at(pixel.x, pixel.y)[c], 1.0f, 0.01f) << pixel.x << " " << pixel.y;
+}
+
+// The map of reflections knows neither the side from which a lobe is seen nor its stretch near the horizon. That is
+// the price of one tap; it is highest for the hard edges of the studio's lamps in rough metals.
+TEST_F(Studio, SpheresShowWhatTheIntegralOverTheEnvironmentGives)
+{
+    make({u"Environment"_s, u"Stage"_s, u"Light"_s}, kSpheres, kSpheresSize);
+    const std::array<double, 3> base{0.9, 0.6, 0.3};
+    set("Drawn.Color", QVector3D(0.9f, 0.6f, 0.3f));
+    double together = 0;
+    for (const QString &name : environmentNames()) {
+        set("Environment.Source", name);
+        set("Light.Key", 0.0f);
+        const Image<float> image = lit();
+        const std::vector<Ray> rays = raysOf(*environmentNamed(name));
+        double error = 0;
+        double sum = 0;
+        double metal = 0; // the worst cell
+        for (int row = 0; row < kRows; ++row)
+            for (int column = 0; column < kColumns; ++column) {
+                double cellError = 0;
+                double cellSum = 0;
+                for (const Pixel &pixel : pixelsOf(column, row, 6)) {
+                    const auto expected = shaded(rays, pixel.normal, 0.2 * (column + 1), 0.5 * row, base);
+                    for (size_t c = 0; c < 3; ++c) {
+                        cellError += std::abs(double(image.at(pixel.x, pixel.y)[c]) - expected[c]);
+                        cellSum += expected[c];
+                    }
+                }
+                metal = std::max(metal, cellError / cellSum);
+                error += cellError;
+                sum += cellSum;
+            }
+        std::printf("[ measured ] %s: mean error %.2f %%, of the worst sphere %.2f %%\n", qPrintable(name),
+                    100 * error / sum, 100 * metal);
+        EXPECT_LE(error / sum, 0.026) << name.toStdString();
+        EXPECT_LE(metal, 0.05) << name.toStdString();
+        together += error / sum / double(environmentNames().size());
+    }
+    EXPECT_LE(together, 0.02);
+}
+
+// Up to the shoulder of the film curve greys leave as the codes that they came with.
+TEST_F(Studio, AGreyRampKeepsItsCodes)
+{
+    make({u"Environment"_s, u"Stage"_s, u"Light"_s, u"Meter"_s, u"Sheet"_s, u"Keep"_s, u"Luminance"_s, u"Develop"_s,
+          u"Smooth"_s, u"Present"_s},
+         kRamp, QSize(256, 64));
+    set("Develop.Exposure", 1.0f);
+    set("Develop.Adaptation", 0.0f);
+    set("Develop.Glow", 0.0f);
+    ScreenTarget screen;
+    QString error;
+    ASSERT_TRUE(screen.resize(QSize(256, 64), &error)) << error.toStdString();
+    owned->setScreen(screen.framebuffer());
+    ASSERT_TRUE(owned->render(nullptr, &error)) << error.toStdString();
+    const QImage picture = screen.image(&error);
+    const auto shown = [](double code) {
+        const double light = code <= 0.04045 ? code / 12.92 : std::pow((code + 0.055) / 1.055, 2.4);
+        const double film = light <= 0.7 ? light : 1 - 0.09 / (light - 0.7 + 0.3);
+        return 255 * (film <= 0.0031308 ? 12.92 * film : 1.055 * std::pow(film, 1 / 2.4) - 0.055);
+    };
+    for (int x = 0; x < 256; ++x) {
+        double mean = 0;
+        for (int y = 0; y < 64; ++y) {
+            const QRgb pixel = picture.pixel(x, y);
+            ASSERT_EQ(qRed(pixel), qGreen(pixel));
+            ASSERT_EQ(qRed(pixel), qBlue(pixel));
+            // The noise and the rounding: half a step each; half floats near 1 add some.
+            ASSERT_NEAR(qRed(pixel), shown(x / 255.0), 1.15) << x << " " << y;
+            mean += qRed(pixel) / 64.0;
+        }
+        // The noise has no bias; half floats near 1 have steps of an eighth of a code.
+        EXPECT_NEAR(mean, shown(x / 255.0), 0.2) << x;
+    }
+    EXPECT_EQ(qRed(picture.pixel(0, 0)), 0);
+}
