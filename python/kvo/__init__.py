@@ -763,7 +763,7 @@ def render(model: Model | PathLike | None = None, pipeline: Pipeline | PathLike 
            opacity: float | Mapping[str, float] | None = None, background: Sequence[float] | str | None = None) -> Any:  # fmt: skip
     """A picture of a model, in one call.
 
-    ``model`` is a Model or a file, ``pipeline`` a Pipeline, a name (see ``pipelines``) or a file: "forward" where
+    ``model`` is a Model or a file, ``pipeline`` a Pipeline, a name (see ``pipelines``) or a file: "studio" where
     there is a model, "gradient" without. ``values`` are inputs by "Pass.Slot". ``scale``, a factor or "fit" for a
     longest side of 2 units, ``floor`` and ``opacity``, of all materials or by name, are for models that are files.
     ``background`` is a colour under the picture. Gives what ``Pipeline.render`` gives.
@@ -786,7 +786,7 @@ def render(model: Model | PathLike | None = None, pipeline: Pipeline | PathLike 
     elif scale is not None or floor or opacity is not None:
         raise ValueError("scale, floor and opacity are for models that are files; see the methods of Model")
     if not isinstance(pipeline, Pipeline):
-        pipeline = Pipeline(pipeline or ("gradient" if model is None else "forward"))
+        pipeline = Pipeline(pipeline or _kvo.default_pipeline(model is not None))
     for name, value in (values or {}).items():
         pass_name, slot = _split(name)
         pipeline.set(pass_name, slot, value)

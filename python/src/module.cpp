@@ -93,6 +93,7 @@ PYBIND11_MODULE(_kvo, module)
     module.def("png", &pngOf);
     module.def("save", &save);
     module.def("pipelines", &pipelineList);
+    module.def("default_pipeline", [](bool hasModel) { return defaultPipeline(hasModel); });
     module.def("pass_classes", [] {
         QStringList names;
         {

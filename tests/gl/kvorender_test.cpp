@@ -84,7 +84,7 @@ TEST_F(KvoRender, TakesTheForwardPipelineForAModelAndAnOwnFile)
 
 TEST_F(KvoRender, PutsThePictureOnABackground)
 {
-    succeed(QStringList{kBox} << words("-s 32x32 -o out.png --background #102030"));
+    succeed(QStringList{kBox} << words("-p forward -s 32x32 -o out.png --background #102030"));
     const QImage image(path("out.png"));
     EXPECT_EQ(image.pixel(0, 0), qRgb(0x10, 0x20, 0x30));
     EXPECT_EQ(coverage(image), 1.0);

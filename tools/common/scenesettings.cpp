@@ -1,5 +1,7 @@
 #include "scenesettings.h"
 
+#include "host/pipelinefile.h"
+
 #include <algorithm>
 #include <limits>
 
@@ -63,14 +65,15 @@ QString PipelineChoice::nameFor(const QString &model) const
 {
     if (!names.isEmpty())
         return names.last();
-    return model.isEmpty() ? u"gradient"_s : u"forward"_s;
+    return Brevane::Kvo::defaultPipeline(!model.isEmpty());
 }
 
 void addPipelineOptions(Options *options, PipelineChoice *choice, bool several)
 {
     options->add({{u"p"_s, u"pipeline"_s},
                   u"NAME|FILE"_s,
-                  u"a pipeline by name or a JSON file; default: forward with a model, gradient without"_s,
+                  u"a pipeline by name or a JSON file; default: %1 with a model, %2 without"_s.arg(
+                      Brevane::Kvo::defaultPipeline(true), Brevane::Kvo::defaultPipeline(false)),
                   u"a name or a file"_s,
                   into(&choice->names),
                   several,

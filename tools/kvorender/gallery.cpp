@@ -58,7 +58,7 @@ SceneSettings settingsFor(const Pipeline &pipeline, const ModelData &model)
     const bool hasLayers = has(pipeline, {"VisibilityBufferRenderPass", "TransparencyRenderPass"});
     // One that draws opaque surfaces by themselves needs both kinds.
     const QString material = pipeline.uses(QStringLiteral("opaque")) ? mostUsedMaterial(model) : QString();
-    if (hasLayers && (!material.isEmpty() || !pipeline.uses(QStringLiteral("opaque"))))
+    if (hasLayers && !has(pipeline, {"StagePass"}) && (!material.isEmpty() || !pipeline.uses(QStringLiteral("opaque"))))
         settings.opacities << qMakePair(material, kOpacity);
     if (has(pipeline, {"ScalableAmbientObscuranceRenderPass"}))
         settings.scale = SceneSettings::kScaleToFit;

@@ -379,6 +379,11 @@ QString findPipeline(const QString &nameOrPath, const QStringList &searchPath, Q
     return QString();
 }
 
+QString defaultPipeline(bool hasModel)
+{
+    return hasModel ? QStringLiteral("studio") : QStringLiteral("gradient");
+}
+
 QVector<PipelineFileInfo> listPipelines(const QStringList &searchPath)
 {
     QVector<PipelineFileInfo> result;

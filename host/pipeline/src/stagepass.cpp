@@ -40,6 +40,8 @@ constexpr SlotInfo kOutputInfo[] = {
     {.name = "Kvo_QList_FromBelow",
      .meaning = "a light straight upwards, whose shadow map tells how far the model is above the ground",
      .kind = SlotKind::List},
+    {.name = "Kvo_QVector3D_SceneBoundsMin", .meaning = "lower corner of the model's box", .kind = SlotKind::Position},
+    {.name = "Kvo_QVector3D_SceneBoundsMax", .meaning = "upper corner", .kind = SlotKind::Position},
 };
 
 constexpr PassInfo kInfo = {"StagePass", "numbers of the scene and of the view", Reach::texels(0), kInputInfo,
@@ -59,6 +61,8 @@ StagePass::StagePass()
     addOutput(u"Kvo_float_Radius"_s, OutRadius);
     addOutput(u"Kvo_float_Ground"_s, OutGround);
     addOutput(u"Kvo_QList_FromBelow"_s, OutFromBelow);
+    addOutput(u"Kvo_QVector3D_SceneBoundsMin"_s, OutSceneBoundsMin);
+    addOutput(u"Kvo_QVector3D_SceneBoundsMax"_s, OutSceneBoundsMax);
     describe(kInfo);
 }
 
@@ -81,6 +85,8 @@ void StagePass::start(RenderCallbacks *)
     _outputs[OutCentre].value = 0.5f * box.minimum + 0.5f * box.maximum;
     _outputs[OutRadius].value = radius;
     _outputs[OutGround].value = box.minimum.y();
+    _outputs[OutSceneBoundsMin].value = box.minimum;
+    _outputs[OutSceneBoundsMax].value = box.maximum;
     if (!_outputs[OutFromBelow].value.isValid())
         _outputs[OutFromBelow].value = lightsToVariant({ShadowMapLight::directional({0, 1, 0})});
 }

@@ -82,6 +82,8 @@ KVO_PIPELINE_EXPORT QStringList pipelineSearchPath(const QStringList &extra = {}
 /// The file behind a name ("forward") or path; an empty string with an error when there is none.
 KVO_PIPELINE_EXPORT QString findPipeline(const QString &nameOrPath, const QStringList &searchPath,
                                          QString *error = nullptr);
+/// The pipeline to take where nobody names one: "studio" where there is a model, "gradient" without.
+KVO_PIPELINE_EXPORT QString defaultPipeline(bool hasModel);
 /// All pipelines of the folders; of two with one name the first counts.
 KVO_PIPELINE_EXPORT QVector<PipelineFileInfo> listPipelines(const QStringList &searchPath);
 

@@ -23,6 +23,8 @@ namespace Brevane::Kvo {
 /// | 4 | Kvo_float_Radius                | float      | half its longest side                                         |
 /// | 5 | Kvo_float_Ground                | float      | y of its lowest point                                         |
 /// | 6 | Kvo_QList_FromBelow             | list       | a light straight upwards: its shadow map is how far the model is above each place of the ground |
+/// | 7 | Kvo_QVector3D_SceneBoundsMin    | QVector3D  | lower corner of the model's box                               |
+/// | 8 | Kvo_QVector3D_SceneBoundsMax    | QVector3D  | upper corner                                                  |
 ///
 /// A matrix that cannot be inverted counts as the identity.
 class KVO_PIPELINE_EXPORT StagePass : public RenderPassHelper
@@ -38,7 +40,9 @@ public:
         OutCentre,
         OutRadius,
         OutGround,
-        OutFromBelow
+        OutFromBelow,
+        OutSceneBoundsMin,
+        OutSceneBoundsMax,
     };
 
     StagePass();
