@@ -250,7 +250,7 @@ TEST_F(KvoRender, EveryOptionOfTheHelpNamesItselfWhenItsValueIsWrong)
         EXPECT_TRUE(outcome.err.endsWith(QStringLiteral("(see kvorender --help)\n"))) << qPrintable(outcome.err);
         ++taken;
     }
-    EXPECT_EQ(taken, 17);
+    EXPECT_EQ(taken, 24);
 }
 
 TEST_F(KvoRender, RefusesAWrongCommandLine)

@@ -9,6 +9,7 @@ enum ExitCode {
     kSuccess = 0,
     kFailure = 1, ///< A file, the driver or the pipeline.
     kUsage = 2, ///< The command line.
+    kSome = 3, ///< Of several things, some went well and some did not.
 };
 
 /// Names the program, in messages and for --version, and sends warnings of the libraries to complain.

@@ -12,15 +12,10 @@ namespace {
 constexpr qsizetype kTextColumn = 27;
 constexpr qsizetype kWidth = 108;
 
-QString longName(const Option &option)
-{
-    return option.names.last();
-}
-
 QString spelling(const Option &option)
 {
     const QString letter = option.names.size() > 1 ? u"-%1, "_s.arg(option.names.first()) : u"    "_s;
-    return u"  %1--%2%3"_s.arg(letter, longName(option), option.value.isEmpty() ? QString() : u' ' + option.value);
+    return u"  %1--%2%3"_s.arg(letter, option.longName(), option.value.isEmpty() ? QString() : u' ' + option.value);
 }
 
 QString repetition(const Option &option)
@@ -116,6 +111,15 @@ void Options::add(const Option &option)
     _sections.last().options.append(option);
 }
 
+Option *Options::option(const QString &name)
+{
+    for (Section &section : _sections)
+        for (Option &option : section.options)
+            if (option.longName() == name)
+                return &option;
+    return nullptr;
+}
+
 QString Options::help() const
 {
     QString text = _purpose + u'\n';
@@ -137,19 +141,46 @@ ExitCode Options::mistake(const QString &message)
     return kUsage;
 }
 
-bool Options::readAll(const Option &option, const QStringList &texts) const
+bool Options::readAll(const Option &option, const QStringList &texts, QString *error)
 {
-    const QString name = longName(option);
+    const QString &name = option.longName();
     for (const QString &text : texts) {
         QString reason;
         if (option.read(text, &reason))
             continue;
-        if (!reason.isEmpty())
-            mistake(u"--%1 %2: %3"_s.arg(name, text, reason));
-        else
-            mistake(u"--%1 takes %2, not '%3'"_s.arg(name, option.takes, text));
+        *error = reason.isEmpty() ? u"--%1 takes %2, not '%3'"_s.arg(name, option.takes, text)
+                                  : u"--%1 %2: %3"_s.arg(name, text, reason);
         return false;
     }
+    return true;
+}
+
+QVector<Option> Options::all() const
+{
+    QVector<Option> options;
+    for (const Section &section : _sections)
+        options += section.options;
+    return options;
+}
+
+bool Options::read(const OptionTexts &texts, QString *error)
+{
+    for (const Option &option : all()) {
+        const QString &name = option.longName();
+        if (!texts.contains(name))
+            continue;
+        for (const QString &other : option.excludes) {
+            if (texts.contains(other)) {
+                *error = u"--%1 and --%2 do not go together"_s.arg(name, other);
+                return false;
+            }
+        }
+        // Of an option that counts once, the last one does.
+        const QStringList values = option.repeats ? texts[name] : texts[name].last(1);
+        if (!readAll(option, values, error))
+            return false;
+    }
+    _given = texts;
     return true;
 }
 
@@ -157,9 +188,9 @@ std::optional<ExitCode> Options::read(const QStringList &arguments)
 {
     QCommandLineParser parser;
     parser.addOptions({{{u"h"_s, u"help"_s}, QString()}, {{u"v"_s, u"version"_s}, QString()}});
-    for (const Section &section : _sections)
-        for (const Option &option : section.options)
-            parser.addOption({option.names, QString(), option.value});
+    const QVector<Option> options = all();
+    for (const Option &option : options)
+        parser.addOption({option.names, QString(), option.value});
     if (!parser.parse(arguments))
         return mistake(parser.errorText());
     if (parser.isSet(u"help"_s)) {
@@ -172,19 +203,13 @@ std::optional<ExitCode> Options::read(const QStringList &arguments)
         return kSuccess;
     }
     _files = parser.positionalArguments();
-    for (const Section &section : _sections) {
-        for (const Option &option : section.options) {
-            if (!parser.isSet(longName(option)))
-                continue;
-            for (const QString &other : option.excludes)
-                if (parser.isSet(other))
-                    return mistake(u"--%1 and --%2 do not go together"_s.arg(longName(option), other));
-            _set << longName(option);
-            const QStringList texts = option.value.isEmpty() ? QStringList{QString()} : parser.values(longName(option));
-            // Of an option that counts once, the last one does.
-            if (!readAll(option, option.repeats ? texts : texts.mid(texts.size() - 1)))
-                return kUsage;
-        }
-    }
+    OptionTexts texts;
+    for (const Option &option : options)
+        if (parser.isSet(option.longName()))
+            texts[option.longName()] =
+                option.value.isEmpty() ? QStringList{QString()} : parser.values(option.longName());
+    QString error;
+    if (!read(texts, &error))
+        return mistake(error);
     return std::nullopt;
 }

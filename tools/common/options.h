@@ -2,6 +2,7 @@
 
 #include "messages.h"
 
+#include <QMap>
 #include <QString>
 #include <QStringList>
 #include <QVector>
@@ -13,6 +14,8 @@
 /// what it does not go with.
 struct Option
 {
+    const QString &longName() const { return names.last(); }
+
     /// Takes one value. False when it is none, with the reason where there is more to say than what the option takes.
     using Read = std::function<bool(const QString &text, QString *reason)>;
 
@@ -24,7 +27,11 @@ struct Option
     bool repeats = false;
     QStringList excludes = {}; ///< Names of options.
     QString repeatsWith = {}; ///< For the help: the option beside which it may be repeated, where that is needed.
+    bool ofRun = false; ///< It speaks of a run of the program, and not of one of its pictures.
 };
+
+/// The texts of options by their long names, as on a command line; a switch has one empty text.
+using OptionTexts = QMap<QString, QStringList>;
 
 /// Readers for options that are taken as they are.
 Option::Read into(bool *flag);
@@ -45,13 +52,21 @@ public:
     /// What is added next stands under this heading in the help.
     void section(const QString &heading);
     void add(const Option &option);
+    /// One that was added, by its long name; null for others.
+    Option *option(const QString &name);
     /// Stands behind the options in the help.
     void epilogue(const QString &text) { _epilogue = text; }
 
     /// Reads the arguments, in the order in which the options were added. An exit code when the program is to end
     /// at once: after --help and --version, and after a mistake, which has been printed.
     std::optional<ExitCode> read(const QStringList &arguments);
-    bool isSet(const QString &name) const { return _set.contains(name); }
+    /// The same with texts from elsewhere. False with the reason.
+    bool read(const OptionTexts &texts, QString *error);
+    /// What read was given.
+    const OptionTexts &given() const { return _given; }
+    /// In the order in which they were added.
+    QVector<Option> all() const;
+    bool isSet(const QString &name) const { return _given.contains(name); }
     /// Model files and the like.
     QStringList files() const { return _files; }
     QString help() const;
@@ -66,12 +81,12 @@ private:
         QVector<Option> options;
     };
 
-    bool readAll(const Option &option, const QStringList &texts) const;
+    static bool readAll(const Option &option, const QStringList &texts, QString *error);
 
     QString _purpose;
     QString _model;
     QString _epilogue;
     QVector<Section> _sections;
-    QStringList _set;
+    OptionTexts _given;
     QStringList _files;
 };

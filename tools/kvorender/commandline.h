@@ -1,5 +1,6 @@
 #pragma once
 
+#include "batchjobs.h"
 #include "host/lights.h"
 #include "messages.h"
 #include "scenesettings.h"
@@ -53,17 +54,33 @@ struct CommandLine
     QString listLengths; ///< File for the picture of how long the fragment lists are.
     QVector<Comparison> comparisons;
     QVector<SlotArgument> prints; ///< Outputs whose value is wanted; the text is not used.
+    int tile = 0; ///< Side of the tiles that the picture is made of; 0: as needed.
     bool timings = false;
     bool quiet = false;
     bool debug = false;
     bool list = false; ///< Of the pass class that is named in place of a model, or of everything.
     bool schema = false;
     bool glInfo = false;
+    QString batch; ///< File of jobs; empty: none.
+    QString report;
+    QString manifest; ///< Empty: beside the jobs.
+    Shard shard;
+    int retries = 0;
+    int cacheMegabytes = 1024;
+    bool resume = false;
+    OptionTexts given; ///< What was read.
+    OptionTexts defaults; ///< For the jobs: what was given beside them. The model as "model".
 
     /// Reads the program's arguments. An exit code when the program is to end at once: after --help and --version,
     /// and after a mistake, which has been printed.
     std::optional<ExitCode> read(const QStringList &arguments);
+    /// Reads one picture of a batch. False with the reason.
+    bool read(const BatchJob &job, QString *error);
+    /// All options, for what they are called and what they take.
+    static QVector<Option> options();
 
 private:
     void declare(Options *options);
+    /// What is left to default and to check, whoever gave the options.
+    bool complete(const Options &options, QString *error);
 };

@@ -1,3 +1,4 @@
+#include "batch.h"
 #include "commandline.h"
 #include "gallery.h"
 #include "host/headlesscontext.h"
@@ -8,6 +9,7 @@
 
 #include <QCoreApplication>
 
+#include <csignal>
 #include <cstdio>
 
 using namespace Brevane::Kvo;
@@ -42,6 +44,8 @@ int inform(const CommandLine &commandLine)
 
 int main(int argc, char *argv[])
 {
+    // What is too large for a file is an error of the file, and does not end the program.
+    std::signal(SIGXFSZ, SIG_IGN);
     const QCoreApplication application(argc, argv);
     startMessages(QStringLiteral("kvorender"));
     CommandLine commandLine;
@@ -49,5 +53,9 @@ int main(int argc, char *argv[])
         return *end;
     if (commandLine.list || commandLine.glInfo || commandLine.schema)
         return inform(commandLine);
-    return commandLine.gallery.isEmpty() ? Renderer(commandLine).run() : Gallery(commandLine).run();
+    if (!commandLine.gallery.isEmpty())
+        return Gallery(commandLine).run();
+    if (!commandLine.batch.isEmpty())
+        return runBatch(commandLine);
+    return Renderer({commandLine.debug, commandLine.quiet}).run(commandLine);
 }

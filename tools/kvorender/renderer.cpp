@@ -12,70 +12,241 @@
 #include "scene.h"
 #include "shadows/shadowmaprenderdata.h"
 
+#include <epoxy/gl.h>
+
+#include <QDateTime>
 #include <QElapsedTimer>
 #include <QFileInfo>
 
 #include <algorithm>
-#include <cstdio>
+#include <cstdlib>
+#include <utility>
 
 using namespace Brevane::Kvo;
 
 namespace {
 
 constexpr qint64 kProgressInterval = 1000; // ms
+constexpr qsizetype kMostPipelines = 8;
+constexpr qsizetype kBytesPerKilobyte = 1024;
+constexpr qsizetype kKilobytesPerMegabyte = 1024;
+constexpr unsigned kSeed = 1;
+
+// Whether a frame of it depends on those before, or on how many there were: such a pipeline begins anew for every
+// picture.
+bool remembersFrames(const Pipeline &pipeline)
+{
+    static const QStringList kRemembering{QStringLiteral("TemporalAARenderPass"), QStringLiteral("CameraJitterPass"),
+                                          QStringLiteral("SMAARenderPass"), // its temporal modes
+                                          // Their program has room for the lights of the frame before.
+                                          QStringLiteral("ShadowMapRenderPass"),
+                                          QStringLiteral("ShadowMapRenderPass2")};
+    if (pipeline.uses(QStringLiteral("frame")))
+        return true;
+    const QStringList names = pipeline.passNames();
+    return std::any_of(names.cbegin(), names.cend(), [&](const QString &name) {
+        return pipeline.className(name).isEmpty() || kRemembering.contains(pipeline.className(name));
+    });
+}
+
+// A file as it is now.
+QString stampOf(const QString &path)
+{
+    const QFileInfo info(path);
+    return QStringLiteral("%1 %2 %3")
+        .arg(info.absoluteFilePath(), QString::number(info.size()),
+             QString::number(info.lastModified().toMSecsSinceEpoch()));
+}
+
+// All that a pipeline gets from the options of a picture.
+QString keyOfPipeline(const CommandLine &commandLine)
+{
+    QStringList parts{stampOf(findPipeline(commandLine.pipeline, pipelineSearchPath(commandLine.pipelines.folders)))};
+    for (const char *name : {"set", "light", "path"})
+        parts << QString::fromLatin1(name) << commandLine.given.value(QString::fromLatin1(name));
+    for (const auto &[name, path] : commandLine.paths)
+        parts << stampOf(path);
+    return parts.join(QChar(0));
+}
+
+QString keyOfModel(const CommandLine &commandLine, bool hasOpaquePart, bool keepsData)
+{
+    QStringList parts{stampOf(commandLine.model), QString::number(double(commandLine.scene.scale), 'g', 9),
+                      QString::number(commandLine.scene.floor), QString::number(hasOpaquePart),
+                      QString::number(keepsData)};
+    for (const auto &[material, opacity] : commandLine.scene.opacities)
+        parts << material << QString::number(double(opacity), 'g', 9);
+    return parts.join(QChar(0));
+}
+
+// What a model takes, about: vertices and indices, and each of its images once.
+qsizetype bytesOf(const ModelData &data)
+{
+    qsizetype bytes = 0;
+    for (const ModelMesh &mesh : data.meshes)
+        bytes += mesh.positions.size() * qsizetype(2 * sizeof(QVector3D) + sizeof(QVector2D))
+                 + mesh.indices.size() * qsizetype(sizeof(quint32));
+    QSet<qint64> images;
+    for (const ModelMaterial &material : data.materials)
+        for (const QImage &image : {material.map_Kd, material.map_Ks})
+            if (!images.contains(image.cacheKey())) {
+                images.insert(image.cacheKey());
+                bytes += image.sizeInBytes();
+            }
+    return bytes;
+}
 
 } // namespace
 
-int Renderer::run()
+Renderer::Renderer(const Settings &settings) : _settings(settings)
 {
-    // What can fail early and cheaply does; but some passes look at the context when they are made.
-    for (const Step step : {&Renderer::openContext, &Renderer::loadPipeline, &Renderer::checkOutputs,
-                            &Renderer::loadModel, &Renderer::prepare, &Renderer::renderFrames, &Renderer::writePicture})
-        if (!(this->*step)())
-            return _exitCode;
-    if (const qsizetype failures = _session.takeFailures().size(); failures > 0)
-        fail(QStringLiteral("%1 failed shader program(s) or OpenGL error(s)").arg(failures));
-    return _exitCode;
+    _models.setMaxCost(qsizetype(settings.cacheMegabytes) * kKilobytesPerMegabyte);
+    _pipelines.setMaxCost(kMostPipelines);
 }
 
-bool Renderer::fail(const QString &message, int exitCode)
+Renderer::~Renderer() = default;
+
+int Renderer::run(const CommandLine &commandLine)
 {
-    complain(message);
-    _exitCode = exitCode;
+    Rendered rendered = render(commandLine);
+    const qsizetype errors = rendered.errors.size();
+    write(&rendered, commandLine);
+    for (const QString &error : rendered.errors.mid(errors))
+        complain(error);
+    if (!commandLine.output.isEmpty() && rendered.files.contains(commandLine.output))
+        progress(QStringLiteral("wrote %1").arg(commandLine.output));
+    return rendered.exitCode;
+}
+
+Rendered Renderer::render(const CommandLine &commandLine)
+{
+    _commandLine = &commandLine;
+    _rendered = Rendered();
+    _listPass.clear();
+    _compared.clear();
+    // What can fail early and cheaply does; but some passes look at the context when they are made.
+    for (const Step step : {&Renderer::openContext, &Renderer::loadPipeline, &Renderer::checkOutputs,
+                            &Renderer::loadModel, &Renderer::prepare, &Renderer::renderFrames, &Renderer::takePicture})
+        if (!(this->*step)())
+            break;
+    release();
+    return std::exchange(_rendered, Rendered());
+}
+
+// What was said by the driver while the picture was made counts for it.
+void Renderer::release()
+{
+    if (!_session)
+        return;
+    if (const qsizetype failures = _session->takeFailures().size(); failures > 0)
+        fail(QStringLiteral("%1 failed shader program(s) or OpenGL error(s)").arg(failures));
+    if (noteLoss()) {
+        _loaded.reset();
+        _pipelines.clear();
+        _model.reset();
+        _models.clear();
+        _screen.reset();
+        _session.reset();
+        return;
+    }
+    if (_loaded) {
+        pipeline().setPassObserver({});
+        pipeline().setModel(nullptr);
+        // One that failed may have stopped halfway.
+        if (_loaded->remembers || _rendered.exitCode != kSuccess)
+            _pipelines.remove(keyOfPipeline(*_commandLine));
+    }
+    _loaded.reset();
+    _model.reset();
+}
+
+// After a loss every call does nothing, and the picture would be black.
+bool Renderer::noteLoss()
+{
+    const bool canTell = epoxy_gl_version() >= 45 || epoxy_has_gl_extension("GL_KHR_robustness");
+    if (!canTell || glGetGraphicsResetStatus() == GL_NO_ERROR)
+        return false;
+    _rendered.picture = QImage();
+    fail(QStringLiteral("the driver has lost the OpenGL context"));
+    return true;
+}
+
+bool Renderer::fail(const QString &message, ExitCode exitCode)
+{
+    if (!_settings.collects)
+        complain(message);
+    _rendered.errors << message;
+    _rendered.exitCode = exitCode;
     return false;
+}
+
+void Renderer::warn(const QStringList &warnings)
+{
+    QStringList news;
+    for (const QString &warning : warnings) {
+        if (_settings.collects && _warned.contains(warning))
+            continue;
+        _warned.insert(warning);
+        news << warning;
+    }
+    complainOf(news);
 }
 
 void Renderer::progress(const QString &message) const
 {
-    if (!_commandLine.quiet)
+    if (!_settings.quiet)
         complain(message);
+}
+
+void Renderer::written(const QString &file)
+{
+    _rendered.files << file;
+    progress(QStringLiteral("wrote %1").arg(file));
 }
 
 bool Renderer::loadPipeline()
 {
     QString error;
-    _pipelinePath = findPipeline(_commandLine.pipeline, pipelineSearchPath(_commandLine.pipelines.folders), &error);
-    if (_pipelinePath.isEmpty())
+    const QString path =
+        findPipeline(_commandLine->pipeline, pipelineSearchPath(_commandLine->pipelines.folders), &error);
+    if (path.isEmpty())
         return fail(error);
+    const QString key = keyOfPipeline(*_commandLine);
+    if (const std::shared_ptr<LoadedPipeline> *known = _pipelines.object(key)) {
+        _loaded = *known;
+        return true;
+    }
+    _loaded = std::make_shared<LoadedPipeline>();
+    _loaded->path = path;
     QStringList errors;
-    if (!Brevane::Kvo::loadPipeline(_pipelinePath, &_pipeline, &errors)) {
+    if (!Brevane::Kvo::loadPipeline(path, &pipeline(), &errors)) {
         for (const QString &line : errors)
             fail(line);
         return false;
     }
-    for (const SlotArgument &value : _commandLine.values)
-        if (!_pipeline.setValueText(value.pass, value.slot, value.text, &error))
+    if (!setValues(&pipeline()))
+        return false;
+    warn(pipeline().warnings() + optionsWithoutEffect());
+    _loaded->remembers = remembersFrames(pipeline());
+    _pipelines.insert(key, new std::shared_ptr<LoadedPipeline>(_loaded));
+    return true;
+}
+
+bool Renderer::setValues(Pipeline *pipeline)
+{
+    QString error;
+    for (const SlotArgument &value : _commandLine->values)
+        if (!pipeline->setValueText(value.pass, value.slot, value.text, &error))
             return fail(QStringLiteral("%1: %2").arg(value.option, error), kUsage);
-    if (!_commandLine.lights.isEmpty()
-        && !_pipeline.setHostValue(QStringLiteral("lights"), lightsToVariant(_commandLine.lights), &error))
+    if (!_commandLine->lights.isEmpty()
+        && !pipeline->setHostValue(QStringLiteral("lights"), lightsToVariant(_commandLine->lights), &error))
         return fail(QStringLiteral("--light: %1").arg(error), kUsage);
-    for (const auto &[name, path] : _commandLine.paths) {
-        if (!_pipeline.setHostValue(QStringLiteral("paths.") + name, path, &error))
+    for (const auto &[name, path] : _commandLine->paths) {
+        if (!pipeline->setHostValue(QStringLiteral("paths.") + name, path, &error))
             return fail(QStringLiteral("--path %1: %2").arg(name, error), kUsage);
         if (!QFileInfo::exists(path))
             return fail(QStringLiteral("--path %1: there is no file '%2'").arg(name, path));
     }
-    complainOf(_pipeline.warnings() + optionsWithoutEffect());
     return true;
 }
 
@@ -84,15 +255,15 @@ QStringList Renderer::optionsWithoutEffect() const
 {
     const auto usesAny = [this](std::initializer_list<const char *> hosts) {
         return std::any_of(hosts.begin(), hosts.end(),
-                           [this](const char *host) { return _pipeline.uses(QString::fromLatin1(host)); });
+                           [this](const char *host) { return pipeline().uses(QString::fromLatin1(host)); });
     };
     QStringList found;
     // A camera looks at the model, whether it is drawn or not.
-    if (!_commandLine.model.isEmpty() && !usesAny({"model", "opaque", "camera", "projection"}))
+    if (!_commandLine->model.isEmpty() && !usesAny({"model", "opaque", "camera", "projection"}))
         found << QStringLiteral("the model has no effect: the pipeline draws none");
-    if (_commandLine.model.isEmpty() && _commandLine.sceneIsGiven)
+    if (_commandLine->model.isEmpty() && _commandLine->sceneIsGiven)
         found << QStringLiteral("--scale, --floor and --opacity have no effect without a model");
-    if (!_commandLine.camera.isEmpty() && !usesAny({"camera", "projection", "near", "far"}))
+    if (!_commandLine->camera.isEmpty() && !usesAny({"camera", "projection", "near", "far"}))
         found << QStringLiteral("--camera has no effect: the pipeline asks for no camera");
     return found;
 }
@@ -100,22 +271,22 @@ QStringList Renderer::optionsWithoutEffect() const
 bool Renderer::checkOutputs()
 {
     QString error;
-    for (const SlotArgument &dump : _commandLine.dumps) {
+    for (const SlotArgument &dump : _commandLine->dumps) {
         QString slot;
-        if (!_pipeline.outputSlot(dump.pass, dump.slot, &slot, &error))
+        if (!pipeline().outputSlot(dump.pass, dump.slot, &slot, &error))
             return fail(QStringLiteral("%1: %2").arg(dump.option, error), kUsage);
         if (!slotTypesMatch(slot, QStringLiteral("Kvo_KvoTexture*_Any")))
             return fail(QStringLiteral("%1: '%2' is not a texture").arg(dump.option, slot), kUsage);
         if (!canWriteImage(dump.text, true, &error))
             return fail(error);
     }
-    for (const SlotArgument &print : _commandLine.prints)
-        if (QString slot; !_pipeline.outputSlot(print.pass, print.slot, &slot, &error))
+    for (const SlotArgument &print : _commandLine->prints)
+        if (QString slot; !pipeline().outputSlot(print.pass, print.slot, &slot, &error))
             return fail(QStringLiteral("%1: %2").arg(print.option, error), kUsage);
-    for (const Comparison &comparison : _commandLine.comparisons) {
+    for (const Comparison &comparison : _commandLine->comparisons) {
         for (int side = 0; side < 2; ++side) {
             QString slot;
-            if (!_pipeline.outputSlot(comparison.pass[side], comparison.slot[side], &slot, &error))
+            if (!pipeline().outputSlot(comparison.pass[side], comparison.slot[side], &slot, &error))
                 return fail(QStringLiteral("%1: %2").arg(comparison.option, error), kUsage);
             if (!slotTypesMatch(slot, QStringLiteral("Kvo_KvoTexture*_Any")))
                 return fail(QStringLiteral("%1: '%2' is not a texture").arg(comparison.option, slot), kUsage);
@@ -125,15 +296,15 @@ bool Renderer::checkOutputs()
     }
     if (!prepareInspection())
         return false;
-    if (!_commandLine.output.isEmpty()) {
-        if (!canWriteImage(_commandLine.output, false, &error))
+    if (!_commandLine->output.isEmpty()) {
+        if (!canWriteImage(_commandLine->output, false, &error))
             return fail(error);
-        if (!_pipeline.uses(QStringLiteral("screen")))
+        if (!pipeline().uses(QStringLiteral("screen")))
             return fail(QStringLiteral("pipeline '%1' makes no picture: none of its inputs is bound to @screen")
-                            .arg(_pipelinePath));
+                            .arg(_loaded->path));
     }
-    if (_commandLine.model.isEmpty() && _pipeline.uses(QStringLiteral("model")))
-        return fail(QStringLiteral("pipeline '%1' draws a model: name a model file").arg(_commandLine.pipeline),
+    if (_commandLine->model.isEmpty() && pipeline().uses(QStringLiteral("model")))
+        return fail(QStringLiteral("pipeline '%1' draws a model: name a model file").arg(_commandLine->pipeline),
                     kUsage);
     return true;
 }
@@ -141,69 +312,98 @@ bool Renderer::checkOutputs()
 bool Renderer::openContext()
 {
     QString error;
-    if (!_session.open(_commandLine.debug, &error))
-        return fail(error);
-    return _screen.resize(_commandLine.size, &error) || fail(error);
+    if (!_session) {
+        auto session = std::make_unique<Session>();
+        if (!session->open(_settings.debug, &error))
+            return fail(error);
+        _session = std::move(session);
+        _screen = std::make_unique<ScreenTarget>();
+    }
+    return _screen->size() == _commandLine->size || _screen->resize(_commandLine->size, &error) || fail(error);
 }
 
 bool Renderer::loadModel()
 {
-    if (_commandLine.model.isEmpty())
+    if (_commandLine->model.isEmpty())
         return true;
+    const QString key = keyOfModel(*_commandLine, pipeline().uses(QStringLiteral("opaque")), !_listPass.isEmpty());
+    if (const std::shared_ptr<Model> *known = _models.object(key)) {
+        _model = *known;
+    } else {
+        auto model = std::make_shared<Model>();
+        qsizetype bytes = 0;
+        if (!importModel(model.get(), &bytes))
+            return false;
+        _model = model;
+        _models.insert(key, new std::shared_ptr<Model>(model), bytes / kBytesPerKilobyte + 1);
+    }
+    pipeline().setModel(&_model->whole, pipeline().uses(QStringLiteral("opaque")) ? &_model->opaque : nullptr);
+    return true;
+}
+
+bool Renderer::importModel(Model *model, qsizetype *bytes)
+{
     QElapsedTimer timer;
     timer.start();
-    progress(QStringLiteral("reading %1").arg(_commandLine.model));
+    const QString path = _commandLine->model;
+    progress(QStringLiteral("reading %1").arg(path));
     ImportReport report;
-    ModelData data = importSceneIsolated(_commandLine.model, ImportOptions(), ImportLimits(), &report);
+    ModelData data = importSceneIsolated(path, ImportOptions(), ImportLimits(), &report);
     if (!report.ok()) {
-        complainOf(report.warnings);
+        warn(report.warnings);
         return fail(report.error);
     }
     QString error;
-    if (!applySettings(&data, _commandLine.scene, &error))
+    if (!applySettings(&data, _commandLine->scene, &error))
         return fail(QStringLiteral("--opacity: %1").arg(error), kUsage);
     QStringList warnings;
-    const bool uploaded = _model.upload(data, &warnings);
-    complainOf(report.warnings + warnings);
+    const bool uploaded = model->whole.upload(data, &warnings);
+    warn(report.warnings + warnings);
     if (!uploaded)
-        return fail(QStringLiteral("cannot put model '%1' on the GPU").arg(_commandLine.model));
+        return fail(QStringLiteral("cannot put model '%1' on the GPU").arg(path));
     progress(QStringLiteral("%1 meshes, %2 items, %3 triangles, %4 materials, %5 images in %6 s")
                  .arg(data.meshes.size())
-                 .arg(_model.itemCount())
-                 .arg(_model.triangleCount())
+                 .arg(model->whole.itemCount())
+                 .arg(model->whole.triangleCount())
                  .arg(data.materials.size())
                  .arg(report.images)
                  .arg(double(timer.elapsed()) / 1000.0, 0, 'f', 2));
+    *bytes = bytesOf(data);
     // The same materials and meshes once more: what was wrong with them was said above.
-    const bool hasOpaquePart = _pipeline.uses(QStringLiteral("opaque"));
-    if (hasOpaquePart && !_opaqueModel.upload(opaquePartOf(data)))
-        return fail(QStringLiteral("cannot put the opaque part of model '%1' on the GPU").arg(_commandLine.model));
-    _pipeline.setModel(&_model, hasOpaquePart ? &_opaqueModel : nullptr);
+    if (pipeline().uses(QStringLiteral("opaque"))) {
+        const ModelData opaque = opaquePartOf(data);
+        if (!model->opaque.upload(opaque))
+            return fail(QStringLiteral("cannot put the opaque part of model '%1' on the GPU").arg(path));
+        *bytes += bytesOf(opaque);
+    }
     if (!_listPass.isEmpty())
-        _modelData = data;
+        model->data = data;
     return true;
 }
 
 bool Renderer::prepare()
 {
+    // Some passes draw lots; a picture is the same at every making.
+    std::srand(kSeed);
     QString error;
-    if (!aim(&_pipeline, _screen, _model.sceneBounds(), _commandLine.camera, &error))
+    const GPUModel::BoundingBox bounds = _model ? _model->whole.sceneBounds() : GPUModel::BoundingBox();
+    if (!aim(&pipeline(), *_screen, bounds, _commandLine->camera, &error))
         return fail(error, kUsage);
-    _pipeline.setTimingEnabled(_commandLine.timings);
+    pipeline().setTimingEnabled(_commandLine->timings);
     return true;
 }
 
 void Renderer::dump(const QString &pass)
 {
-    for (const SlotArgument &dump : _commandLine.dumps) {
+    for (const SlotArgument &dump : _commandLine->dumps) {
         if (dump.pass != pass)
             continue;
         QString error;
-        const QVariant value = _pipeline.output(dump.pass, dump.slot);
+        const QVariant value = pipeline().output(dump.pass, dump.slot);
         const ShadowMapRenderData *shadows = ShadowMapRenderData::fromVariant(value);
         if (shadows ? writeShadowMaps(shadows, dump.text, &error)
                     : writeTexture(textureFromVariant(value), dump.text, &error))
-            progress(QStringLiteral("wrote %1").arg(dump.text));
+            written(dump.text);
         else
             fail(error);
     }
@@ -212,19 +412,19 @@ void Renderer::dump(const QString &pass)
 // The lists are looked at behind the pass that handles them last: sorted, where there is a sort.
 bool Renderer::prepareInspection()
 {
-    if (_commandLine.inspected.isEmpty() && _commandLine.listLengths.isEmpty())
+    if (_commandLine->inspected.isEmpty() && _commandLine->listLengths.isEmpty())
         return true;
     QString error;
-    if (!_commandLine.listLengths.isEmpty() && !canWriteImage(_commandLine.listLengths, false, &error))
+    if (!_commandLine->listLengths.isEmpty() && !canWriteImage(_commandLine->listLengths, false, &error))
         return fail(error);
-    for (const QString &pass : _pipeline.order()) {
+    for (const QString &pass : pipeline().order()) {
         QString slot;
-        if (_pipeline.outputSlot(pass, QStringLiteral("Kvo_KvoTexture*_HeadPointers"), &slot)
-            && _pipeline.outputSlot(pass, QStringLiteral("Kvo_KvoTexture*_NodeBuffer"), &slot))
+        if (pipeline().outputSlot(pass, QStringLiteral("Kvo_KvoTexture*_HeadPointers"), &slot)
+            && pipeline().outputSlot(pass, QStringLiteral("Kvo_KvoTexture*_NodeBuffer"), &slot))
             _listPass = pass;
     }
     return !_listPass.isEmpty()
-           || fail(QStringLiteral("pipeline '%1' makes no fragment lists: see 'oit'").arg(_pipelinePath), kUsage);
+           || fail(QStringLiteral("pipeline '%1' makes no fragment lists: see 'oit'").arg(_loaded->path), kUsage);
 }
 
 void Renderer::inspectLists(const QString &pass)
@@ -233,19 +433,19 @@ void Renderer::inspectLists(const QString &pass)
         return;
     FragmentLists lists;
     QString error;
-    if (!lists.read(textureFromVariant(_pipeline.output(pass, QStringLiteral("HeadPointers"))),
-                    textureFromVariant(_pipeline.output(pass, QStringLiteral("NodeBuffer"))),
-                    _pipeline.output(pass, QStringLiteral("NodeBufferWidth")).toInt(), &error)) {
+    if (!lists.read(textureFromVariant(pipeline().output(pass, QStringLiteral("HeadPointers"))),
+                    textureFromVariant(pipeline().output(pass, QStringLiteral("NodeBuffer"))),
+                    pipeline().output(pass, QStringLiteral("NodeBufferWidth")).toInt(), &error)) {
         fail(QStringLiteral("cannot read the fragment lists of '%1': %2").arg(pass, error));
         return;
     }
-    printLists(lists, _commandLine.inspected, _modelData);
+    printLists(lists, _commandLine->inspected, _model ? _model->data : ModelData());
     if (lists.lostCount() > 0)
-        complain(QStringLiteral("warning: the node buffer overflowed, %1 fragments are lost").arg(lists.lostCount()));
-    if (_commandLine.listLengths.isEmpty())
+        warn({QStringLiteral("the node buffer overflowed, %1 fragments are lost").arg(lists.lostCount())});
+    if (_commandLine->listLengths.isEmpty())
         return;
-    if (writeImage(lists.lengthImage(), _commandLine.listLengths, &error))
-        progress(QStringLiteral("wrote %1").arg(_commandLine.listLengths));
+    if (writeImage(lists.lengthImage(), _commandLine->listLengths, &error))
+        written(_commandLine->listLengths);
     else
         fail(error);
 }
@@ -253,8 +453,8 @@ void Renderer::inspectLists(const QString &pass)
 // Each side is read right behind its pass, since the pool may use its texture again later.
 void Renderer::compare(const QString &pass)
 {
-    for (qsizetype i = 0; i < _commandLine.comparisons.size(); ++i) {
-        const Comparison &comparison = _commandLine.comparisons[i];
+    for (qsizetype i = 0; i < _commandLine->comparisons.size(); ++i) {
+        const Comparison &comparison = _commandLine->comparisons[i];
         std::array<TexturePixels, 2> &pixels = _compared[i];
         bool isNew = false;
         QString error;
@@ -262,7 +462,7 @@ void Renderer::compare(const QString &pass)
             if (pass != comparison.pass[side])
                 continue;
             isNew = true;
-            if (!readTexture(textureFromVariant(_pipeline.output(pass, comparison.slot[side])), &pixels[side], &error))
+            if (!readTexture(textureFromVariant(pipeline().output(pass, comparison.slot[side])), &pixels[side], &error))
                 fail(QStringLiteral("%1: %2").arg(comparison.option, error));
         }
         if (!isNew || pixels[0].width == 0 || pixels[1].width == 0)
@@ -275,14 +475,14 @@ void Renderer::compare(const QString &pass)
         }
         printComparison(comparison, result);
         if (!comparison.file.isEmpty())
-            progress(QStringLiteral("wrote %1").arg(comparison.file));
+            written(comparison.file);
     }
 }
 
 void Renderer::observe()
 {
-    _compared.resize(_commandLine.comparisons.size());
-    _pipeline.setPassObserver([this](const QString &pass, RenderPass *) {
+    _compared.resize(_commandLine->comparisons.size());
+    pipeline().setPassObserver([this](const QString &pass, RenderPass *) {
         dump(pass);
         inspectLists(pass);
         compare(pass);
@@ -294,10 +494,10 @@ bool Renderer::renderFrames()
     QElapsedTimer total, sinceProgress;
     total.start();
     sinceProgress.start();
-    const int frames = _commandLine.frames;
+    const int frames = _commandLine->frames;
     QStringList faults;
     const auto noteFaults = [&] {
-        for (const QString &fault : _pipeline.faults())
+        for (const QString &fault : pipeline().faults())
             if (!faults.contains(fault))
                 faults << fault;
     };
@@ -311,34 +511,42 @@ bool Renderer::renderFrames()
         sinceProgress.restart();
     };
     QString error;
-    if (!::renderFrames(&_pipeline, &_screen, frames, before, &error))
+    if (!::renderFrames(&pipeline(), _screen.get(), frames, before, &error))
         return fail(error);
     noteFaults();
     // The pipeline has said each of them.
     if (!faults.isEmpty())
-        fail(QStringLiteral("%1 fault(s) in pipeline '%2'").arg(faults.size()).arg(_pipelinePath));
+        fail(QStringLiteral("%1 fault(s) in pipeline '%2'").arg(faults.size()).arg(_loaded->path));
     progress(QStringLiteral("%1 frame(s) of %2x%3 in %4 s")
                  .arg(frames)
-                 .arg(_commandLine.size.width())
-                 .arg(_commandLine.size.height())
+                 .arg(_commandLine->size.width())
+                 .arg(_commandLine->size.height())
                  .arg(double(total.elapsed()) / 1000.0, 0, 'f', 2));
-    for (const SlotArgument &print : _commandLine.prints)
-        printValue(print, _pipeline.output(print.pass, print.slot));
-    if (_commandLine.timings)
-        printTimings(_pipeline.timings(true), frames == 1);
-    return faults.size() > 0 || _exitCode == kSuccess;
+    for (const SlotArgument &print : _commandLine->prints)
+        printValue(print, pipeline().output(print.pass, print.slot));
+    if (_commandLine->timings)
+        printTimings(pipeline().timings(true), frames == 1);
+    return faults.size() > 0 || _rendered.exitCode == kSuccess;
 }
 
-bool Renderer::writePicture()
+bool Renderer::takePicture()
 {
-    if (_commandLine.output.isEmpty())
+    if (_commandLine->output.isEmpty())
         return true;
     QString error;
-    const QImage image = pictureOf(_screen, _commandLine.background, &error);
-    if (image.isNull())
-        return fail(error);
-    if (!writeImage(image, _commandLine.output, &error))
-        return fail(error);
-    progress(QStringLiteral("wrote %1").arg(_commandLine.output));
-    return true;
+    _rendered.picture = pictureOf(*_screen, _commandLine->background, &error);
+    return !_rendered.picture.isNull() || fail(error);
+}
+
+void Renderer::write(Rendered *rendered, const CommandLine &commandLine)
+{
+    if (rendered->picture.isNull())
+        return;
+    QString error;
+    if (writeImage(std::exchange(rendered->picture, QImage()), commandLine.output, &error)) {
+        rendered->files << commandLine.output;
+        return;
+    }
+    rendered->errors << error;
+    rendered->exitCode = kFailure;
 }

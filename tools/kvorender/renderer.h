@@ -7,47 +7,102 @@
 #include "model/gpumodel.h"
 #include "session.h"
 
-#include <array>
+#include <QCache>
+#include <QImage>
+#include <QSet>
 
-/// One run of the program: from the command line to the files.
+#include <array>
+#include <memory>
+
+/// What became of one picture.
+struct Rendered
+{
+    ExitCode exitCode = kSuccess;
+    QStringList errors;
+    QImage picture; ///< For CommandLine::output; null: none was asked for, or it could not be made.
+    QStringList files; ///< Those that were written.
+};
+
+/// Makes pictures, one after another: from the options of each to its files. What pictures share stays loaded: the
+/// models used last, in bounded memory, and the pipelines used last. What a picture looks like does not depend on those
+/// before it.
 class Renderer
 {
 public:
-    explicit Renderer(const CommandLine &commandLine) : _commandLine(commandLine) {}
+    struct Settings
+    {
+        bool debug = false; ///< Report OpenGL errors.
+        bool quiet = false; ///< No progress.
+        bool collects = false; ///< Errors are for the caller to say; warnings are said once each.
+        int cacheMegabytes = 1024; ///< For models.
+    };
 
-    /// The exit code.
-    int run();
+    explicit Renderer(const Settings &settings);
+    ~Renderer();
+
+    /// One run of the program with one picture: says what happens, and gives the exit code.
+    int run(const CommandLine &commandLine);
+
+    Rendered render(const CommandLine &commandLine);
+    /// Writes a picture that render made. Needs no context, and may run on a thread of its own.
+    static void write(Rendered *rendered, const CommandLine &commandLine);
+    /// Whether the driver has lost the context; the next picture opens a new one.
+    bool isLost() const { return !_session; }
 
 private:
     using Step = bool (Renderer::*)();
 
+    struct Model
+    {
+        Brevane::Kvo::GPUModel whole;
+        Brevane::Kvo::GPUModel opaque; ///< Only for pipelines that ask for it.
+        Brevane::Kvo::ModelData data; ///< Kept only where lists are inspected, for the names.
+    };
+    struct LoadedPipeline
+    {
+        QString path;
+        Brevane::Kvo::Pipeline pipeline;
+        bool remembers = false; ///< Its frames depend on those before, so it makes one picture only.
+    };
+
+    bool openContext();
     bool loadPipeline();
+    bool setValues(Brevane::Kvo::Pipeline *pipeline);
     QStringList optionsWithoutEffect() const;
     bool checkOutputs();
-    bool openContext();
     bool loadModel();
+    bool importModel(Model *model, qsizetype *bytes);
     bool prepare();
     bool renderFrames();
-    bool writePicture();
+    bool takePicture();
 
-    bool fail(const QString &message, int exitCode = kFailure);
+    bool fail(const QString &message, ExitCode exitCode = kFailure);
+    void warn(const QStringList &warnings);
     void progress(const QString &message) const;
+    void written(const QString &file);
     void observe();
     void dump(const QString &pass);
     bool prepareInspection();
     void inspectLists(const QString &pass);
     void compare(const QString &pass);
+    bool noteLoss();
+    void release();
 
-    const CommandLine &_commandLine;
-    int _exitCode = kSuccess;
-    QString _pipelinePath;
+    Brevane::Kvo::Pipeline &pipeline() { return _loaded->pipeline; }
+    const Brevane::Kvo::Pipeline &pipeline() const { return _loaded->pipeline; }
+
+    Settings _settings;
+    QSet<QString> _warned;
+    // Of the picture at hand.
+    const CommandLine *_commandLine = nullptr;
+    Rendered _rendered;
     // In this order, so that what lives in the context goes before it.
-    Session _session;
-    Brevane::Kvo::ScreenTarget _screen;
-    Brevane::Kvo::GPUModel _model;
-    Brevane::Kvo::GPUModel _opaqueModel; ///< Only for pipelines that ask for it.
-    Brevane::Kvo::Pipeline _pipeline;
-    Brevane::Kvo::ModelData _modelData; ///< Kept only where lists are inspected, for the names.
-    QVector<std::array<Brevane::Kvo::TexturePixels, 2>> _compared; ///< As _commandLine.comparisons.
+    std::unique_ptr<Session> _session;
+    std::unique_ptr<Brevane::Kvo::ScreenTarget> _screen;
+    QCache<QString, std::shared_ptr<Model>> _models;
+    std::shared_ptr<Model> _model;
+    QCache<QString, std::shared_ptr<LoadedPipeline>> _pipelines;
+    std::shared_ptr<LoadedPipeline> _loaded;
+    QVector<std::array<Brevane::Kvo::TexturePixels, 2>> _compared; ///< As CommandLine::comparisons.
     QString _listPass; ///< Whose fragment lists are inspected; empty: none.
 };

@@ -1,13 +1,13 @@
 #include "host/imageoutput.h"
 
 #include "failure.h"
+#include "host/partfile.h"
 #include "shadows/shadowmaprenderdata.h"
 
 #include <QBuffer>
 #include <QDir>
 #include <QFileInfo>
 #include <QImageWriter>
-#include <QSaveFile>
 
 #include <OpenEXR/ImfChannelList.h>
 #include <OpenEXR/ImfFrameBuffer.h>
@@ -255,18 +255,17 @@ bool encodeExr(const TexturePixels &pixels, QByteArray *data, QString *error)
 
 bool writeFile(const QByteArray &data, const QString &path, QString *error)
 {
-    const auto failed = [&](const QFileDevice &file) {
-        return fail(error, QStringLiteral("cannot write '%1': %2").arg(path, file.errorString()));
-    };
-    // A device or pipe is written to; a save file would put a plain file in its place.
+    // A device or pipe is written to; a part file would put a plain file in its place.
     if (const QFileInfo info(path); info.exists() && !info.isFile()) {
         QFile device(path);
         const bool written =
             device.open(QIODevice::WriteOnly | QIODevice::Unbuffered) && device.write(data) == data.size();
-        return written || failed(device);
+        return written || fail(error, QStringLiteral("cannot write '%1': %2").arg(path, device.errorString()));
     }
-    QSaveFile file(path);
-    return (file.open(QIODevice::WriteOnly) && file.write(data) == data.size() && file.commit()) || failed(file);
+    PartFile file(path);
+    QString reason;
+    return (file.open(&reason) && file.write(data.constData(), data.size(), &reason) && file.commit(&reason))
+           || fail(error, QStringLiteral("cannot write '%1': %2").arg(path, reason));
 }
 
 QString suffixOf(const QString &path)
