@@ -2,6 +2,7 @@
 
 #include "gl/export.h"
 
+#include <QString>
 #include <QStringList>
 #include <QVector>
 #include <QtGlobal>
@@ -10,7 +11,6 @@
 
 class QColor;
 class QImage;
-class QString;
 
 namespace Brevane::Kvo {
 
@@ -82,6 +82,19 @@ struct TexturePoolStatistics
     qint64 peakBytesInUse = 0; ///< High-water mark of bytesInUse: less than that no pool can hold.
 };
 
+/// A texture of the pool, for whoever shows what a frame takes.
+struct PoolTexture
+{
+    const Texture *texture = nullptr; ///< To know it by; the pool may free it at any time.
+    TextureFormat format = TextureFormat::Color8;
+    int width = 0;
+    int height = 0;
+    qint64 bytes = 0;
+    int references = 0;
+    qint64 timesTaken = 0; ///< How often tempTexture has handed it out.
+    QString taker; ///< The pass that took it last, under Pipeline.
+};
+
 /// Process-wide textures: a pool of counted temporary textures, cached textures from files and solid
 /// colours, and managed textures (any number of material maps that one shader can sample).
 ///
@@ -119,6 +132,8 @@ public:
     int trim(int maxIdleFrames, qint64 maxBytes = -1);
     /// State of the pool in the current share group.
     TexturePoolStatistics statistics() const;
+    /// The textures of the pool in the current share group, in the order of their making.
+    QVector<PoolTexture> poolTextures() const;
     /// With debugging on, a release below zero references is reported with the texture's label, and under Pipeline
     /// with the name of the pass that took it.
     void setDebug(bool enabled);
@@ -130,6 +145,9 @@ public:
     /// cannot be read, a file that was cut off included, with one message per path. Rows are stored bottom first,
     /// as GL wants them; the image is turned as its metadata (EXIF) say.
     virtual Texture *textureFromFile(const QString &path, const TextureOptions &options = TextureOptions());
+    /// Has the next textureFromFile of a path read the file anew. What was handed out for it stays as it is. False
+    /// where nothing of it is cached.
+    bool forgetFile(const QString &path);
     /// A cached 1 by 1 texture of a colour.
     virtual Texture *solidTexture(const QColor &color);
     /// Makes the managed textures readable for a bound program that calls managedTexture().

@@ -66,6 +66,7 @@ struct PoolEntry
     quint64 releasedAt = 0; // rising number, the latest release is the largest
     qint64 lastFrame = 0;
     int tag = -1;
+    qint64 timesTaken = 0;
     QString taker; ///< Who took it last, where that was said.
     TexturePoolStatistics *counts = nullptr; ///< Of its group.
 
@@ -272,6 +273,7 @@ Texture *TextureManager::tempTexture(TextureFormat format, int width, int height
     chosen->lastFrame = d->frame;
     chosen->tag = tag;
     chosen->taker = PoolTaker::current();
+    ++chosen->timesTaken;
     return chosen->texture.get();
 }
 
@@ -368,6 +370,16 @@ void TextureManager::setDebug(bool enabled)
     d->debug = enabled;
 }
 
+QVector<PoolTexture> TextureManager::poolTextures() const
+{
+    QVector<PoolTexture> textures;
+    if (const GroupTextures *group = d->current())
+        for (const auto &entry : group->pool)
+            textures.append({entry->texture.get(), entry->format, entry->width, entry->height, entry->bytes,
+                             entry->refs, entry->timesTaken, entry->taker});
+    return textures;
+}
+
 QStringList TextureManager::leakedReferences() const
 {
     QStringList lines;
@@ -419,6 +431,13 @@ Texture *TextureManager::textureFromFile(const QString &path, const TextureOptio
     group->files.insert(key, texture.get());
     group->owned.push_back(std::move(texture));
     return group->owned.back().get();
+}
+
+bool TextureManager::forgetFile(const QString &path)
+{
+    GroupTextures *group = d->current();
+    return group
+           && group->files.removeIf([&path](const auto &file) { return file.key().section(u'|', 3) == path; }) > 0;
 }
 
 Texture *TextureManager::solidTexture(const QColor &color)

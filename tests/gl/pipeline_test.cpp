@@ -708,3 +708,113 @@ TEST_F(PipelineFiles, ReplacingAPassKeepsThePicture)
     ASSERT_TRUE(pipeline->render());
     EXPECT_EQ(screen->image(), before);
 }
+
+TEST_F(PipelineFrames, FramesGoPastAPassThatIsOff)
+{
+    addDiary("A");
+    DiaryPass *b = addDiary("B");
+    DiaryPass *c = addDiary("C");
+    link("A.Out", "B.In");
+    link("B.Out", "C.In");
+    render();
+    EXPECT_EQ(c->inputValue(2).toFloat(), 2.0f);
+    EXPECT_EQ(pipeline->bypassSlot(s("B"), s("Out")), s("Kvo_float_In"));
+    diary.clear();
+    ASSERT_TRUE(pipeline->setEnabled(s("B"), false));
+    EXPECT_FALSE(pipeline->isEnabled(s("B")));
+    EXPECT_EQ(pipeline->users(s("A"), s("Out")), 1) << "it is C that reads it now";
+    EXPECT_EQ(pipeline->users(s("B"), s("Out")), 0);
+    render();
+    EXPECT_TRUE(diary.filter(s("B ")).isEmpty()) << qPrintable(diary.join(u'\n'));
+    EXPECT_EQ(c->inputValue(2).toFloat(), 1.0f);
+    EXPECT_EQ(pipeline->source(s("C"), s("In")), s("B.Kvo_float_Out")) << "links stay";
+
+    // A value and a host value in the place of the link that is passed by; then nothing at all.
+    ASSERT_TRUE(pipeline->setValue(s("B"), s("In"), 7.5f));
+    render();
+    EXPECT_EQ(c->inputValue(2).toFloat(), 7.5f);
+    ASSERT_TRUE(pipeline->setHostValue(s("near"), 0.25f));
+    ASSERT_TRUE(pipeline->bind(s("B"), s("In"), s("near")));
+    render();
+    EXPECT_EQ(c->inputValue(2).toFloat(), 0.25f);
+    ASSERT_TRUE(pipeline->reset(s("B"), s("In")));
+    c->setDefaultValue(2, 3.0f);
+    render();
+    EXPECT_EQ(c->inputValue(2).toFloat(), 3.0f) << "the reader's own default";
+
+    link("A.Out", "B.In");
+    ASSERT_TRUE(pipeline->setEnabled(s("B"), true));
+    render();
+    EXPECT_EQ(b->inputValue(2).toFloat(), 1.0f);
+    EXPECT_EQ(c->inputValue(2).toFloat(), 2.0f);
+
+    // Two in a row.
+    ASSERT_TRUE(pipeline->setEnabled(s("B"), false));
+    ASSERT_TRUE(pipeline->setEnabled(s("A"), false));
+    render();
+    EXPECT_EQ(c->inputValue(2).toFloat(), 3.0f);
+    QString error;
+    EXPECT_FALSE(pipeline->setEnabled(s("D"), false, &error));
+    EXPECT_TRUE(error.contains(s("'D'"))) << qPrintable(error);
+}
+
+// Counts of pool textures hold however often a pass goes, and the picture is the one before when it is back.
+TEST_F(PipelineFiles, EveryPassOfEveryPipelineGoesAndComesBack)
+{
+    int off = 0;
+    for (const PipelineFileInfo &info : listPipelines({s(KVO_SOURCE_DIR "/pipelines")})) {
+        SCOPED_TRACE(qPrintable(info.name));
+        pipeline = std::make_unique<Pipeline>();
+        const MessageCapture messages;
+        load(qPrintable(info.name));
+        const auto draw = [this] {
+            screen->clear();
+            EXPECT_TRUE(pipeline->render());
+        };
+        // Accumulating chains go on for some frames.
+        for (int i = 0; i < 3; ++i)
+            draw();
+        const QImage before = screen->image();
+        // The longest chain twice: what was missing once is there from then on.
+        QVector<int> textures;
+        for (int round = 0; round < (info.name == s("viewport") ? 2 : 1); ++round) {
+            for (const QString &pass : pipeline->passNames()) {
+                ASSERT_TRUE(pipeline->setEnabled(pass, false));
+                draw();
+                EXPECT_EQ(pipeline->faults(), QStringList()) << "without " << qPrintable(pass);
+                ASSERT_TRUE(pipeline->setEnabled(pass, true));
+                draw();
+                EXPECT_EQ(pipeline->faults(), QStringList()) << "with " << qPrintable(pass);
+                ++off;
+            }
+            textures << TextureManager::Instance().statistics().textures;
+        }
+        EXPECT_LE(textures.last(), textures.first());
+        // Some show two or more frames together, and begin anew.
+        const bool isSteady =
+            !pipeline->uses(s("frame")) && !QStringList{s("taa"), s("smaa-t2x"), s("antialiasing")}.contains(info.name);
+        if (isSteady) {
+            EXPECT_EQ(screen->image(), before);
+        }
+    }
+    EXPECT_GT(off, 100);
+}
+
+TEST_F(PipelineFiles, ClassesByNameTakeThePlaceOfOthers)
+{
+    load("fxaa");
+    QString error;
+    const QString to = pipeline->order().last();
+    EXPECT_FALSE(pipeline->insert(s("Soft"), s("GaussianBlurPass"), to, s("Texture"), s("Input"), s("Output"), &error));
+    EXPECT_TRUE(error.contains(s("GaussianBlurRenderPass"))) << qPrintable(error);
+    ASSERT_TRUE(
+        pipeline->insert(s("Soft"), s("GaussianBlurRenderPass"), to, s("Texture"), s("Input"), s("Output"), &error))
+        << qPrintable(error);
+    EXPECT_EQ(pipeline->className(s("Soft")), s("GaussianBlurRenderPass"));
+    EXPECT_EQ(pipeline->outputs(s("Soft")), QStringList{s("Kvo_KvoTexture*_Output")});
+    EXPECT_FALSE(pipeline->replace(s("Soft"), s("GradientRenderPass"), &error)) << "it has no such input";
+    EXPECT_EQ(pipeline->className(s("Soft")), s("GaussianBlurRenderPass"));
+    EXPECT_TRUE(pipeline->replace(s("Soft"), s("GaussianBlurRenderPass"), &error)) << qPrintable(error);
+    EXPECT_EQ(pipeline->className(s("Soft")), s("GaussianBlurRenderPass"));
+    ASSERT_NE(pipeline->outputInfo(s("Soft"), s("Output")), nullptr);
+}

@@ -6,6 +6,7 @@
 #include <renderpasses/gradientrenderpass.h>
 
 #include <QColor>
+#include <QDir>
 #include <QDirIterator>
 #include <QFile>
 #include <QTemporaryDir>
@@ -318,4 +319,44 @@ TEST_F(Saving, LoadsAsItIsThroughRandomChangesAmongComments)
         }
     }
     EXPECT_GT(changes, 100);
+}
+
+TEST_F(Saving, TheTextIsWhatIsWritten)
+{
+    write(R"({ // kept
+  "passes": [ { "name": "A", "class": "GradientRenderPass", "inputs": { "Viewport": "@viewport" } } ] })");
+    load(&pipeline);
+    ASSERT_TRUE(pipeline.setValue(u"A"_s, u"ColorTop"_s, QColor(Qt::red)));
+    QStringList errors;
+    const QByteArray text = pipelineText(pipeline, path(), written(), &errors);
+    EXPECT_TRUE(errors.isEmpty());
+    EXPECT_NE(text, written()) << "nothing is written";
+    EXPECT_TRUE(text.contains("// kept"));
+    save(pipeline);
+    EXPECT_EQ(text, written());
+    ASSERT_TRUE(pipeline.add(u"B"_s, std::make_unique<GradientRenderPass>()));
+    EXPECT_TRUE(pipelineText(pipeline, path(), written(), &errors).isEmpty());
+    EXPECT_EQ(errors.size(), 1);
+}
+
+TEST_F(Saving, ANameChangesWhereItStandsAndInLinks)
+{
+    const QByteArray text = R"({ "description": "A", // A
+  "passes": [ { "name": "A", "class": "GradientRenderPass", "inputs": { "Viewport": "@viewport" } },
+    { "name": "AB", "class": "TextureToScreenRenderPass",
+      "inputs": { "Texture": { "from": "A.Frame" }, "Viewport": "@viewport" } } ] })";
+    EXPECT_EQ(withPassRenamed(text, u"A"_s, u"Sky"_s),
+              QByteArray(text).replace("\"name\": \"A\"", "\"name\": \"Sky\"").replace("\"A.Frame\"", "\"Sky.Frame\""));
+    EXPECT_EQ(withPassRenamed(text, u"C"_s, u"D"_s), text);
+    EXPECT_EQ(withPassRenamed("{", u"C"_s, u"D"_s), "{");
+}
+
+TEST_F(Saving, FilesThatAFileNamesAreFound)
+{
+    const QString shader = QDir::cleanPath(folder.filePath(u"shaders/a.frag"_s));
+    EXPECT_EQ(filesOf(R"({ "passes": [ { "calls": [ { "f": [{ "contentOf": "shaders/a.frag" }] } ],
+                           "inputs": { "X": { "file": "/x.png" }, "Y": { "file": "shaders/../shaders/a.frag" } } } ] })",
+                      path()),
+              (QStringList{shader, u"/x.png"_s}));
+    EXPECT_TRUE(filesOf("[", path()).isEmpty());
 }

@@ -41,10 +41,12 @@ Format formatOf(GLenum format)
 
 } // namespace
 
-bool readTexture(Texture *texture, TexturePixels *pixels, QString *error)
+bool readTexture(Texture *texture, TexturePixels *pixels, QString *error, int mipLevel)
 {
     if (!texture)
         return fail(error, QStringLiteral("there is no texture"));
+    if (mipLevel < 0)
+        return fail(error, QStringLiteral("there is no level %1").arg(mipLevel));
     if (!OpenGLDeviceContext::current())
         return fail(error, QStringLiteral("no OpenGL context of version 3.2 or later is current"));
     const GLenum target = texture->target();
@@ -58,14 +60,14 @@ bool readTexture(Texture *texture, TexturePixels *pixels, QString *error)
 
     const GLenum level = isCube ? GL_TEXTURE_CUBE_MAP_POSITIVE_X : target;
     GLint width = 0, height = 0, depth = 1, internalFormat = 0, redType = 0;
-    glGetTexLevelParameteriv(level, 0, GL_TEXTURE_WIDTH, &width);
-    glGetTexLevelParameteriv(level, 0, GL_TEXTURE_HEIGHT, &height);
-    glGetTexLevelParameteriv(level, 0, GL_TEXTURE_INTERNAL_FORMAT, &internalFormat);
-    glGetTexLevelParameteriv(level, 0, GL_TEXTURE_RED_TYPE, &redType);
+    glGetTexLevelParameteriv(level, mipLevel, GL_TEXTURE_WIDTH, &width);
+    glGetTexLevelParameteriv(level, mipLevel, GL_TEXTURE_HEIGHT, &height);
+    glGetTexLevelParameteriv(level, mipLevel, GL_TEXTURE_INTERNAL_FORMAT, &internalFormat);
+    glGetTexLevelParameteriv(level, mipLevel, GL_TEXTURE_RED_TYPE, &redType);
     if (isCube)
         depth = 6;
     else if (target != GL_TEXTURE_2D)
-        glGetTexLevelParameteriv(level, 0, GL_TEXTURE_DEPTH, &depth);
+        glGetTexLevelParameteriv(level, mipLevel, GL_TEXTURE_DEPTH, &depth);
     if (width < 1 || height < 1 || depth < 1)
         return fail(error, QStringLiteral("the texture is empty (%1x%2)").arg(width).arg(height));
 
@@ -95,10 +97,10 @@ bool readTexture(Texture *texture, TexturePixels *pixels, QString *error)
     const DefaultPixelStore pixelStore;
     if (isCube)
         for (int face = 0; face < 6; ++face)
-            glGetTexImage(GL_TEXTURE_CUBE_MAP_POSITIVE_X + face, 0, format.format, format.type,
+            glGetTexImage(GL_TEXTURE_CUBE_MAP_POSITIVE_X + face, mipLevel, format.format, format.type,
                           data + face * (count / 6) * qint64(sizeof(float)));
     else
-        glGetTexImage(target, 0, format.format, format.type, data);
+        glGetTexImage(target, mipLevel, format.format, format.type, data);
     return true;
 }
 

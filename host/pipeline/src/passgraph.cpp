@@ -308,12 +308,67 @@ void PassGraph::set(const InputPort &input, const Source &source)
 int PassGraph::users(const LinkSource &output) const
 {
     int users = 0;
-    for (const auto &node : _nodes)
+    for (const auto &node : _nodes) {
+        if (!node->isOn)
+            continue;
         for (const Source &source : node->sources) {
-            const auto *link = std::get_if<LinkSource>(&source);
+            const auto *link = std::get_if<LinkSource>(&effective(source));
             users += link && *link == output;
         }
+    }
     return users;
+}
+
+void PassGraph::setOn(Node *node, bool on)
+{
+    if (node->isOn == on)
+        return;
+    node->isOn = on;
+    // What links brought last may be gone by the next frame in which somebody looks.
+    for (const auto &other : _nodes)
+        for (size_t i = 0; i < other->sources.size(); ++i)
+            if (std::holds_alternative<LinkSource>(other->sources[i]))
+                other->pass->setInput(int(i), other->pass->defaultValue(int(i)));
+    ++_revision;
+}
+
+// An image stands for another one where the names say that the pass works on it: the input is called as the output,
+// or "Input", or begins with "Frame"; of two frames that are put together the last is the ground. Of other types it
+// takes one input of the type that is no default.
+int PassGraph::bypassOf(Node *node, int output)
+{
+    const QString slot = node->pass->outputName(output);
+    const SlotName out = SlotName::parse(slot);
+    const bool isTexture = slotTypesMatch(slot, QStringLiteral("Kvo_KvoTexture*_Any"));
+    int named = -1;
+    int any = -1;
+    int count = 0;
+    for (int i = 0; i < node->pass->numInputs(); ++i) {
+        const SlotName in = SlotName::parse(node->pass->inputName(i));
+        if (out.type.isEmpty() || in.type.isEmpty() || !slotTypesMatch(slot, node->pass->inputName(i))
+            || std::holds_alternative<DefaultSource>(node->source(i)))
+            continue;
+        if (in.name == out.name)
+            return i;
+        if (isTexture && (in.name == QLatin1StringView("Input") || in.name.startsWith(QLatin1StringView("Frame"))))
+            named = i;
+        any = i;
+        ++count;
+    }
+    return isTexture ? named : count == 1 ? any : -1;
+}
+
+const Source &PassGraph::effective(const Source &source)
+{
+    static const Source kDefault = DefaultSource();
+    const Source *result = &source;
+    for (;;) {
+        const auto *link = std::get_if<LinkSource>(result);
+        if (!link || link->from->isOn)
+            return *result;
+        const int input = bypassOf(link->from, link->output);
+        result = input < 0 ? &kDefault : &link->from->source(input);
+    }
 }
 
 std::vector<Node *> PassGraph::order() const

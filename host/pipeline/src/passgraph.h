@@ -52,6 +52,7 @@ struct Node
     std::unique_ptr<RenderPass> pass;
     std::vector<Source> sources;
     bool isSetUp = false;
+    bool isOn = true;
     unsigned int errorCode = 0;
     QColor clearColor; ///< Invalid: transparent black.
     PassTimer timer;
@@ -120,8 +121,13 @@ public:
     static bool checkTypes(const OutputPort &from, const InputPort &to, QString *error);
     bool link(const OutputPort &from, const InputPort &to, QString *error);
     void set(const InputPort &input, const Source &source);
-    /// How many inputs read an output.
+    /// How many inputs of passes that are on read an output, directly or past passes that are off.
     int users(const LinkSource &output) const;
+    void setOn(Node *node, bool on);
+    /// The input whose value stands for an output of a pass that is off; -1 where none does.
+    static int bypassOf(Node *node, int output);
+    /// What feeds an input with that source, past passes that are off.
+    static const Source &effective(const Source &source);
     /// Every pass after those that feed it; of those that could come next, the one that was added first.
     std::vector<Node *> order() const;
 

@@ -37,6 +37,7 @@ class PipelinePrivate
 public:
     Node *append(std::unique_ptr<Node> node);
     QString sourceName(const Source &source) const;
+    static std::unique_ptr<RenderPass> make(const QString &className, QString *error);
 
     PassGraph graph;
     HostValues hosts;
@@ -47,6 +48,15 @@ Node *PipelinePrivate::append(std::unique_ptr<Node> node)
 {
     node->timer.setHistory(frame.history);
     return graph.append(std::move(node));
+}
+
+std::unique_ptr<RenderPass> PipelinePrivate::make(const QString &className, QString *error)
+{
+    std::unique_ptr<RenderPass> pass = passFactory().make(className);
+    if (!pass)
+        fail(error, QStringLiteral("there is no pass class '%1'%2")
+                        .arg(className, nearestNameHint(className, passFactory().classNames())));
+    return pass;
 }
 
 QString PipelinePrivate::sourceName(const Source &source) const
@@ -79,10 +89,9 @@ bool Pipeline::add(const QString &name, const QString &className, QString *error
 {
     if (!d->graph.checkNewName(name, error))
         return false;
-    std::unique_ptr<RenderPass> pass = passFactory().make(className);
+    std::unique_ptr<RenderPass> pass = d->make(className, error);
     if (!pass)
-        return fail(error, QStringLiteral("there is no pass class '%1'%2")
-                               .arg(className, nearestNameHint(className, passFactory().classNames())));
+        return false;
     d->append(PassGraph::makeNode(name, std::move(pass)))->className = className;
     return true;
 }
@@ -114,6 +123,16 @@ bool Pipeline::insert(const QString &name, std::unique_ptr<RenderPass> pass, con
     return true;
 }
 
+bool Pipeline::insert(const QString &name, const QString &className, const QString &to, const QString &toSlot,
+                      const QString &inputSlot, const QString &outputSlot, QString *error)
+{
+    std::unique_ptr<RenderPass> pass = d->make(className, error);
+    if (!pass || !insert(name, std::move(pass), to, toSlot, inputSlot, outputSlot, error))
+        return false;
+    d->graph.find(name)->className = className;
+    return true;
+}
+
 bool Pipeline::replace(const QString &name, std::unique_ptr<RenderPass> pass, QString *error)
 {
     Node *node = d->graph.find(name, error);
@@ -127,6 +146,38 @@ bool Pipeline::replace(const QString &name, std::unique_ptr<RenderPass> pass, QS
     d->frame.destroyPass(node, std::move(before));
     node->timer.setHistory(d->frame.history);
     return true;
+}
+
+bool Pipeline::replace(const QString &name, const QString &className, QString *error)
+{
+    if (!d->graph.find(name, error))
+        return false;
+    std::unique_ptr<RenderPass> pass = d->make(className, error);
+    if (!pass || !replace(name, std::move(pass), error))
+        return false;
+    d->graph.find(name)->className = className;
+    return true;
+}
+
+bool Pipeline::setEnabled(const QString &name, bool enabled, QString *error)
+{
+    Node *node = d->graph.find(name, error);
+    if (node)
+        d->graph.setOn(node, enabled);
+    return node != nullptr;
+}
+
+bool Pipeline::isEnabled(const QString &name) const
+{
+    const Node *node = d->graph.find(name);
+    return node && node->isOn;
+}
+
+QString Pipeline::bypassSlot(const QString &pass, const QString &outputSlot) const
+{
+    const OutputPort output = d->graph.output(pass, outputSlot, nullptr);
+    const int input = output ? PassGraph::bypassOf(output.node, output.index) : -1;
+    return input < 0 ? QString() : output.node->pass->inputName(input);
 }
 
 bool Pipeline::remove(const QString &name, QString *error)
@@ -369,6 +420,21 @@ bool Pipeline::outputSlot(const QString &pass, const QString &slot, QString *ful
     if (output && fullName)
         *fullName = output.slot();
     return bool(output);
+}
+
+QStringList Pipeline::outputs(const QString &pass) const
+{
+    QStringList result;
+    const Node *node = d->graph.find(pass);
+    for (int i = 0; node && i < node->pass->numOutputs(); ++i)
+        result << node->pass->outputName(i);
+    return result;
+}
+
+const SlotInfo *Pipeline::outputInfo(const QString &pass, const QString &slot) const
+{
+    const OutputPort output = d->graph.output(pass, slot, nullptr);
+    return output ? output.info() : nullptr;
 }
 
 int Pipeline::users(const QString &pass, const QString &slot) const

@@ -155,7 +155,8 @@ void PipelineFrame::prepare()
         return;
     _steps.clear();
     for (Node *node : _graph.order())
-        _steps.push_back(makeStep(node));
+        if (node->isOn)
+            _steps.push_back(makeStep(node));
     _revision = _graph.revision();
 }
 
@@ -168,9 +169,14 @@ PipelineFrame::Step PipelineFrame::makeStep(Node *node) const
     step.givingBack = givingBackOf(step.row);
     step.viewportInput = viewportInputOf(pass);
     for (int i = 0; i < int(node->sources.size()); ++i) {
-        const Source &source = node->sources[size_t(i)];
-        if (std::holds_alternative<HostSource>(source))
-            step.hosts.push_back(i);
+        const Source &source = PassGraph::effective(node->sources[size_t(i)]);
+        if (const auto *host = std::get_if<HostSource>(&source))
+            step.hosts.emplace_back(i, *host);
+        // Of an input whose link ends at a pass that is off. Other values were set when they were given.
+        if (&source != &node->sources[size_t(i)]) {
+            const auto *given = std::get_if<ValueSource>(&source);
+            pass.setInput(i, given ? given->value : pass.defaultValue(i));
+        }
         if (const auto *link = std::get_if<LinkSource>(&source)) {
             step.links.push_back({i, *link, stateRowOf(*link->from->pass) != nullptr});
             step.inputPorts.push_back({pass.inputName(i)});
@@ -206,8 +212,8 @@ void PipelineFrame::learnContext()
 void PipelineFrame::passInputs(Step &step)
 {
     RenderPass &pass = *step.node->pass;
-    for (const int input : step.hosts)
-        pass.setInput(input, _hosts.of(std::get<HostSource>(step.node->sources[size_t(input)])));
+    for (const auto &[input, host] : step.hosts)
+        pass.setInput(input, _hosts.of(host));
     for (size_t i = 0; i < step.links.size(); ++i) {
         const Step::Link &link = step.links[i];
         const QVariant value = outputOf(link.source, link.isOurs);
@@ -227,7 +233,7 @@ void PipelineFrame::setViewport(const Step &step)
 
 QVariant PipelineFrame::valueOf(const InputPort &input) const
 {
-    const Source &source = input.source();
+    const Source &source = PassGraph::effective(input.source());
     if (const auto *given = std::get_if<ValueSource>(&source))
         return given->value;
     if (const auto *host = std::get_if<HostSource>(&source))

@@ -67,7 +67,7 @@ private:
         const StateRow *row = nullptr; ///< What the pass leaves changed; null: not known.
         int viewportInput = -1;
         std::vector<Link> links;
-        std::vector<int> hosts; ///< Inputs that are bound to a host value.
+        std::vector<std::pair<int, HostSource>> hosts; ///< Inputs that are bound to a host value.
         std::vector<int> outputs;
         std::vector<ReferenceLedger::Port> inputPorts;
         std::vector<ReferenceLedger::Port> outputPorts;

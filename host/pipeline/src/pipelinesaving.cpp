@@ -11,6 +11,10 @@
 #include <QFileInfo>
 #include <QSaveFile>
 
+#include <algorithm>
+#include <functional>
+#include <vector>
+
 using namespace Qt::StringLiterals;
 
 namespace Brevane::Kvo {
@@ -382,6 +386,13 @@ private:
 
 } // namespace
 
+QByteArray pipelineText(const Pipeline &pipeline, const QString &path, const QByteArray &original, QStringList *errors)
+{
+    QStringList unused;
+    Writer writer(pipeline, path, original.trimmed().isEmpty() ? kEmptyFile : QString::fromUtf8(original));
+    return writer.run(errors ? errors : &unused) ? writer.text().toUtf8() : QByteArray();
+}
+
 bool savePipeline(const Pipeline &pipeline, const QString &path, QStringList *errors, const QByteArray &original)
 {
     QStringList unused;
@@ -394,15 +405,86 @@ bool savePipeline(const Pipeline &pipeline, const QString &path, QStringList *er
         }
         before = file.readAll();
     }
-    Writer writer(pipeline, path, before.trimmed().isEmpty() ? kEmptyFile : QString::fromUtf8(before));
-    if (!writer.run(&found))
+    const QByteArray text = pipelineText(pipeline, path, before, &found);
+    if (text.isEmpty())
         return false;
     // What is there stays whole until all of the new is written.
     QSaveFile file(path);
-    if (file.open(QIODevice::WriteOnly) && file.write(writer.text().toUtf8()) >= 0 && file.commit())
+    if (file.open(QIODevice::WriteOnly) && file.write(text) >= 0 && file.commit())
         return true;
     found << u"cannot write '%1': %2"_s.arg(path, file.errorString());
     return false;
+}
+
+namespace {
+
+void visit(const Json &json, const std::function<void(const QString &key, const Json &value)> &member)
+{
+    for (const Json &element : json.elements)
+        visit(element, member);
+    for (const Json::Member &one : json.members) {
+        member(one.key, one.value);
+        visit(one.value, member);
+    }
+}
+
+bool parse(const QByteArray &text, Json *root)
+{
+    int line = 0;
+    QString error;
+    return Json::parse(text, root, &line, &error);
+}
+
+} // namespace
+
+QByteArray withPassRenamed(const QByteArray &text, const QString &name, const QString &newName)
+{
+    Json root;
+    if (!parse(text, &root))
+        return text;
+    struct Place
+    {
+        qsizetype from;
+        qsizetype to;
+        QString value;
+    };
+    std::vector<Place> places;
+    const auto note = [&](const Json &json, const QString &value) {
+        places.push_back({json.from, json.to, u'"' + value + u'"'});
+    };
+    if (const Json *passes = root.member(u"passes"_s))
+        for (const Json &pass : passes->elements) {
+            if (const Json *own = pass.member(u"name"_s); own && own->string == name)
+                note(*own, newName);
+            if (const Json *inputs = pass.member(u"inputs"_s))
+                for (const Json::Member &input : inputs->members)
+                    if (const Json *from = input.value.member(u"from"_s);
+                        from && from->string.section(u'.', 0, 0) == name)
+                        note(*from, newName + u'.' + from->string.section(u'.', 1));
+        }
+    // From the end, so that the places before stay where they are.
+    std::sort(places.begin(), places.end(), [](const Place &a, const Place &b) { return a.from > b.from; });
+    QString result = QString::fromUtf8(text);
+    for (const Place &place : places)
+        result.replace(place.from, place.to - place.from, place.value);
+    return result.toUtf8();
+}
+
+QStringList filesOf(const QByteArray &text, const QString &path)
+{
+    QStringList files;
+    Json root;
+    if (!parse(text, &root))
+        return files;
+    const QDir folder = QFileInfo(path).absoluteDir();
+    visit(root, [&](const QString &key, const Json &value) {
+        if ((key != u"file" && key != u"contentOf") || !value.isString())
+            return;
+        const QString file = QDir::cleanPath(folder.absoluteFilePath(value.string));
+        if (!files.contains(file))
+            files << file;
+    });
+    return files;
 }
 
 } // namespace Brevane::Kvo

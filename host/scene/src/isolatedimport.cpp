@@ -78,6 +78,7 @@ struct Ending
     int code = -1;
     int signal = 0;
     bool isLate = false;
+    bool isCancelled = false;
 };
 
 qint64 milliseconds()
@@ -88,7 +89,7 @@ qint64 milliseconds()
 }
 
 // By asking now and then, since the signal that would tell belongs to the host.
-Ending waitFor(pid_t process, int seconds)
+Ending waitFor(pid_t process, const ImportLimits &limits)
 {
     Ending ending;
     const qint64 begin = milliseconds();
@@ -106,8 +107,12 @@ Ending waitFor(pid_t process, int seconds)
             ending.code = 0;
             return ending;
         }
-        if (!ending.isLate && seconds > 0 && milliseconds() - begin > qint64(seconds) * 1000) {
+        if (!ending.isLate && limits.seconds > 0 && milliseconds() - begin > qint64(limits.seconds) * 1000) {
             ending.isLate = true;
+            kill(process, SIGKILL);
+        }
+        if (!ending.isCancelled && limits.cancelled && *limits.cancelled) {
+            ending.isCancelled = true;
             kill(process, SIGKILL);
         }
         usleep(pause);
@@ -164,6 +169,8 @@ qint64 megabytesOfMachine()
 // Why there is no model; empty if there is one.
 QString reasonOf(const Ending &ending, const ImportLimits &limits, qint64 megabytes, std::FILE *words)
 {
+    if (ending.isCancelled)
+        return QStringLiteral("the import was cancelled");
     if (ending.isLate)
         return QStringLiteral("the import took more than %1 seconds").arg(limits.seconds);
     if (ending.code == int(ImportExit::NoMemory))
@@ -202,7 +209,7 @@ bool importInProcess(const QString &path, const ImportOptions &options, const Im
         if (!start(program, arguments, childOutput.number(), childWords.number(), &process, error))
             return false;
     }
-    const Ending ending = waitFor(process, limits.seconds);
+    const Ending ending = waitFor(process, limits);
     if (const QString reason = reasonOf(ending, limits, megabytes, words.get()); !reason.isEmpty())
         return fail(error, reason);
     QFile file;

@@ -88,7 +88,19 @@ void clear(FramebufferObject *screen)
 class ViewportRendererPrivate
 {
 public:
+    bool read(Pipeline *into, QStringList *errors) const;
     bool loadFile(QStringList *errors);
+    template <typename Reload>
+    bool load(const QString &path, const QByteArray &content, const Reload &reload)
+    {
+        const QString fileBefore = std::exchange(file, path);
+        const QByteArray textBefore = std::exchange(text, content);
+        if (reload())
+            return true;
+        file = fileBefore;
+        text = textBefore;
+        return false;
+    }
     void applySlots(const QVariantMap &values, QStringList *errors);
     void upload(QStringList *errors);
     GPUModel *model() const;
@@ -109,6 +121,7 @@ public:
     GPUModel *hostModel = nullptr;
     GPUModel *hostOpaque = nullptr;
     QString file;
+    QByteArray text; ///< In the place of what is in the file, where it is not empty.
     QVariantMap slotValues;
     OrbitCamera camera;
     QVector<int> selection;
@@ -136,10 +149,15 @@ public:
     int frames = 0;
 };
 
+bool ViewportRendererPrivate::read(Pipeline *into, QStringList *errors) const
+{
+    return text.isEmpty() ? loadPipeline(file, into, errors) : loadPipelineText(text, file, into, errors);
+}
+
 bool ViewportRendererPrivate::loadFile(QStringList *errors)
 {
     auto fresh = std::make_unique<Pipeline>();
-    if (!loadPipeline(file, fresh.get(), errors))
+    if (!read(fresh.get(), errors))
         return false;
     pipeline = std::move(fresh);
     pipeline->setTimingEnabled(hasTiming);
@@ -375,11 +393,12 @@ bool ViewportRenderer::setPipelineFile(const QString &nameOrPath, QStringList *e
             errors->append(error);
         return false;
     }
-    const QString before = std::exchange(d->file, path);
-    if (reload(errors))
-        return true;
-    d->file = before;
-    return false;
+    return d->load(path, QByteArray(), [&] { return reload(errors); });
+}
+
+bool ViewportRenderer::setPipelineText(const QByteArray &text, const QString &path, QStringList *errors)
+{
+    return d->load(path, text, [&] { return reload(errors); });
 }
 
 bool ViewportRenderer::reload(QStringList *errors)
@@ -390,7 +409,7 @@ bool ViewportRenderer::reload(QStringList *errors)
     // file shows now.
     if (!OpenGLDeviceContext::current()) {
         Pipeline trial;
-        if (!loadPipeline(d->file, &trial, errors))
+        if (!d->read(&trial, errors))
             return false;
         d->fileIsDue = true;
         d->changed();
@@ -407,6 +426,7 @@ QString ViewportRenderer::pipelineFile() const
 void ViewportRenderer::setPipeline(std::unique_ptr<Pipeline> pipeline)
 {
     d->file.clear();
+    d->text.clear();
     d->fileIsDue = false;
     d->pipelineIsOfFile = false;
     d->pipeline = std::move(pipeline);

@@ -64,6 +64,19 @@ public:
         return {int(std::floor(position.x() * ratio)), int(std::floor(position.y() * ratio))};
     }
     float aspect() const { return q->height() > 0 ? float(q->width()) / float(q->height()) : kUsualAspect; }
+    /// Some passes look at the context when they are made; a widget that was not shown has none yet.
+    template <typename Load>
+    bool withContext(const Load &load) const
+    {
+        QOffscreenSurface surface;
+        QOpenGLContext trial;
+        if (!q->isValid()) {
+            surface.create();
+            trial.create() && trial.makeCurrent(&surface);
+        }
+        const Current current(q);
+        return load();
+    }
     void fitIfDue();
     /// The surface under the cursor, which the hand has hold of.
     std::optional<QVector3D> surfaceAt(const QPointF &position);
@@ -170,19 +183,18 @@ void ViewportWidget::setModel(GPUModel *model, GPUModel *opaque)
 
 bool ViewportWidget::setPipelineFile(const QString &nameOrPath, QStringList *errors)
 {
-    {
-        // Some passes look at the context when they are made; a widget that was not shown has none yet.
-        QOffscreenSurface surface;
-        QOpenGLContext trial;
-        if (!isValid()) {
-            surface.create();
-            trial.create() && trial.makeCurrent(&surface);
-        }
-        const Current current(this);
-        if (!d->renderer.setPipelineFile(nameOrPath, errors))
-            return false;
-    }
+    if (!d->withContext([&] { return d->renderer.setPipelineFile(nameOrPath, errors); }))
+        return false;
     d->watch.setFile(d->renderer.pipelineFile());
+    update();
+    return true;
+}
+
+bool ViewportWidget::setPipelineText(const QByteArray &text, const QString &path, QStringList *errors)
+{
+    if (!d->withContext([&] { return d->renderer.setPipelineText(text, path, errors); }))
+        return false;
+    d->watch.setFile(QString());
     update();
     return true;
 }
@@ -242,6 +254,11 @@ void ViewportWidget::setSettlingFrames(int frames)
 {
     d->renderer.setSettlingFrames(frames);
     update();
+}
+
+int ViewportWidget::settlingFrames() const
+{
+    return d->renderer.settlingFrames();
 }
 
 int ViewportWidget::frameCount() const

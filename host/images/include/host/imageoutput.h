@@ -32,9 +32,9 @@ struct TexturePixels
     QVector<quint32> integers; ///< In the place of values for unsigned integer formats.
 };
 
-/// Reads level 0 of a texture back; waits for the GPU. False, with the reason, for buffer textures,
-/// empty textures and null.
-KVO_IMAGES_EXPORT bool readTexture(Texture *texture, TexturePixels *pixels, QString *error = nullptr);
+/// Reads a level of a texture back, the largest unless another one is named; waits for the GPU. False, with the reason,
+/// for buffer textures, empty textures, levels that are not there and null.
+KVO_IMAGES_EXPORT bool readTexture(Texture *texture, TexturePixels *pixels, QString *error = nullptr, int mipLevel = 0);
 
 /// A picture of a texture for people, upright, 8 bits:
 /// - colour from 0 to 1 as it is, beyond that clamped, with alpha where all of it is within 0 and 1;

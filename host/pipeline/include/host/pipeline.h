@@ -99,6 +99,17 @@ public:
     /// the new pass's \a inputSlot, and its \a outputSlot goes on.
     bool insert(const QString &name, std::unique_ptr<RenderPass> pass, const QString &to, const QString &toSlot,
                 const QString &inputSlot, const QString &outputSlot, QString *error = nullptr);
+    /// The same with a new pass of a class.
+    bool insert(const QString &name, const QString &className, const QString &to, const QString &toSlot,
+                const QString &inputSlot, const QString &outputSlot, QString *error = nullptr);
+    /// Lets frames go past a pass, which keeps its place, its links and its values: whatever reads an output of it
+    /// gets what bypassSlot says comes in instead, or its own default. Passes are on at first; files do not say it.
+    bool setEnabled(const QString &name, bool enabled, QString *error = nullptr);
+    /// False for unknown names.
+    bool isEnabled(const QString &name) const;
+    /// The input that stands for an output while the pass is off: of the same type, and of images one that the pass
+    /// works on by its name (that of the output, "Input", or the last that begins with "Frame"). Empty where none does.
+    QString bypassSlot(const QString &pass, const QString &outputSlot) const;
     /// Sets GL's clear colour to this right before the pass starts, for passes that clear to what is
     /// current. An invalid colour takes the setting back, to GL's default of transparent black.
     bool setClearColor(const QString &pass, const QColor &color, QString *error = nullptr);
@@ -107,6 +118,8 @@ public:
     /// Puts another pass in the place of one, with all links and values. Fails when the new pass lacks a
     /// slot that is in use.
     bool replace(const QString &name, std::unique_ptr<RenderPass> pass, QString *error = nullptr);
+    /// The same with a new pass of a class.
+    bool replace(const QString &name, const QString &className, QString *error = nullptr);
     /// Takes a pass out and destroys it. Inputs that it fed go back to their defaults.
     bool remove(const QString &name, QString *error = nullptr);
     bool rename(const QString &name, const QString &newName, QString *error = nullptr);
@@ -162,6 +175,10 @@ public:
     QVariant output(const QString &pass, const QString &slot, QString *error = nullptr) const;
     /// The full name of an output.
     bool outputSlot(const QString &pass, const QString &slot, QString *fullName, QString *error = nullptr) const;
+    /// The full names of all outputs of a pass, in their order; none for unknown names.
+    QStringList outputs(const QString &pass) const;
+    /// What the pass says of an output. Null for unknown names, and for slots of which nothing is said.
+    const SlotInfo *outputInfo(const QString &pass, const QString &slot) const;
     /// Links that read an output: what the pass was told as its number of users.
     int users(const QString &pass, const QString &slot) const;
 

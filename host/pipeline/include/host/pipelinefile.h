@@ -76,6 +76,15 @@ KVO_PIPELINE_EXPORT bool loadPipelineText(const QByteArray &text, const QString 
 KVO_PIPELINE_EXPORT bool savePipeline(const Pipeline &pipeline, const QString &path, QStringList *errors,
                                       const QByteArray &original = {});
 
+/// The text that savePipeline would write to \a path, with nothing written; empty where it would fail.
+KVO_PIPELINE_EXPORT QByteArray pipelineText(const Pipeline &pipeline, const QString &path, const QByteArray &original,
+                                            QStringList *errors);
+/// The text of a pipeline file with another name for a pass, there and in the links to it. As it is where there is no
+/// such pass.
+KVO_PIPELINE_EXPORT QByteArray withPassRenamed(const QByteArray &text, const QString &name, const QString &newName);
+/// The files that the text of a pipeline file names by "file" and "contentOf", as paths, each once.
+KVO_PIPELINE_EXPORT QStringList filesOf(const QByteArray &text, const QString &path);
+
 /// Folders where pipelines are looked for by name: those given, then share/kvo/pipelines of the
 /// installation that the program belongs to, then the source tree that this library was built from.
 KVO_PIPELINE_EXPORT QStringList pipelineSearchPath(const QStringList &extra = {});

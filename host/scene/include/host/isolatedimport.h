@@ -3,6 +3,8 @@
 #include "host/export.h"
 #include "host/sceneimport.h"
 
+#include <atomic>
+
 namespace Brevane::Kvo {
 
 /// What an import in a process of its own may take.
@@ -10,6 +12,8 @@ struct ImportLimits
 {
     int seconds = 300; ///< From start to end; 0: any time.
     qint64 megabytes = 0; ///< Address space of the process; 0: three quarters of the machine's memory.
+    /// Another thread sets it to end the import, which then fails; null: nobody does.
+    const std::atomic<bool> *cancelled = nullptr;
 };
 
 /// The same as importScene, in a process of its own: the importer ends a process, or takes all of its memory, on some

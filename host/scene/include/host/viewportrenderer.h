@@ -5,6 +5,7 @@
 #include "host/pickpass.h"
 #include "model/gpumodel.h"
 
+#include <QByteArray>
 #include <QColor>
 #include <QImage>
 #include <QMap>
@@ -65,7 +66,10 @@ public:
     /// A file, or the name of one on \a searchPath (see findPipeline; empty: pipelineSearchPath()). False with a line
     /// per mistake; what was there before then stays. Slot values apply to it as well.
     bool setPipelineFile(const QString &nameOrPath, QStringList *errors = nullptr, const QStringList &searchPath = {});
-    /// Reads the file again. False with a line per mistake; what was there before then stays.
+    /// A pipeline from the text of a file, which need not be on disk (yet): \a path is where files that it names are
+    /// looked for, and stands in messages. False as above.
+    bool setPipelineText(const QByteArray &text, const QString &path, QStringList *errors = nullptr);
+    /// Reads the file again, or the text with the files that it names. False with a line per mistake; what was there before then stays.
     bool reload(QStringList *errors = nullptr);
     QString pipelineFile() const;
     /// One that the host built; null: none.

@@ -4,6 +4,7 @@
 #include "host/orbitcamera.h"
 #include "host/pickpass.h"
 
+#include <QByteArray>
 #include <QImage>
 #include <QOpenGLWidget>
 #include <QStringList>
@@ -57,6 +58,8 @@ public:
     /// A file, or the name of one on the search path ("viewport"); see findPipeline. It is read again whenever it
     /// changes. False with a line per mistake; what was there before then stays.
     bool setPipelineFile(const QString &nameOrPath, QStringList *errors = nullptr);
+    /// See ViewportRenderer::setPipelineText. No file is watched then.
+    bool setPipelineText(const QByteArray &text, const QString &path, QStringList *errors = nullptr);
     QString pipelineFile() const;
     /// One that the host built.
     void setPipeline(std::unique_ptr<Pipeline> pipeline);
@@ -75,6 +78,8 @@ public:
     bool isSettled() const;
     /// How many frames a picture takes to settle; negative: as many as the passes ask for.
     void setSettlingFrames(int frames);
+    /// How many the picture takes now.
+    int settlingFrames() const;
     int frameCount() const;
 
     // Camera
