@@ -304,11 +304,12 @@ TEST_F(Studio, AGreyRampKeepsItsCodes)
     make({u"Environment"_s, u"Stage"_s, u"Light"_s, u"Meter"_s, u"Sheet"_s, u"Keep"_s, u"Luminance"_s, u"Develop"_s,
           u"Smooth"_s, u"Present"_s},
          kRamp, QSize(256, 64));
+    QString error;
+    ASSERT_TRUE(owned->connect(u"Develop.Frame"_s, u"Smooth.Frame"_s, &error)) << error.toStdString();
     set("Develop.Exposure", 1.0f);
     set("Develop.Adaptation", 0.0f);
     set("Develop.Glow", 0.0f);
     ScreenTarget screen;
-    QString error;
     ASSERT_TRUE(screen.resize(QSize(256, 64), &error)) << error.toStdString();
     owned->setScreen(screen.framebuffer());
     ASSERT_TRUE(owned->render(nullptr, &error)) << error.toStdString();

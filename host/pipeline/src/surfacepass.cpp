@@ -1,5 +1,6 @@
 #include "host/surfacepass.h"
 
+#include "core/hostcode.h"
 #include "core/liveobjects.h"
 #include "gl/contextscope.h"
 #include "gl/framebufferobject.h"
@@ -231,6 +232,8 @@ void SurfacePass::start(RenderCallbacks *)
     if (size.isEmpty())
         return;
 
+    // It binds with plain GL, of which a pipeline that the pass runs in knows nothing.
+    const HostCode hostCode;
     const DefaultState state;
     auto &pool = TextureManager::Instance();
     std::array<Texture *, kTargets.size()> textures{};
