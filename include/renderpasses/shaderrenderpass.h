@@ -45,7 +45,8 @@ class Texture;
 /// the name of setName and with its numbered text; frames go on, and targets show their cleared content.
 ///
 /// Outputs are in typed form and carry the references of their users. Every texture input is given back
-/// to the pool. Connected textures keep what a draw sets on them: linear filters, wrap clamped to the edge.
+/// to the pool. Connected textures keep what a draw sets on them: linear filters, wrap clamped to the edge. Those
+/// of whole numbers, whose samplers are declared with isampler or usampler, are left as they are.
 ///
 /// Clears with the clear colour of the moment. Needs OpenGL 3.2; tessellation stages need
 /// GL_ARB_tessellation_shader, and geometry of GL_PATCHES: anything else is not drawn with them.
@@ -126,6 +127,7 @@ private:
 
     QString _name;
     QVector<QString> _samplerNames; // the uniform names of _textureInputs, ready for use
+    QVector<bool> _areWholeNumbers; // whether these read integers, which have no filters but the nearest
 };
 
 } // namespace Brevane::Kvo

@@ -16,6 +16,7 @@
 #include "passkit/targets.h"
 
 #include <QColor>
+#include <QRegularExpression>
 #include <QVarLengthArray>
 
 #include <epoxy/gl.h>
@@ -23,6 +24,8 @@
 #include <typeinfo>
 
 #include <algorithm>
+
+using namespace Qt::StringLiterals;
 
 namespace Brevane::Kvo {
 
@@ -208,6 +211,12 @@ void ShaderRenderPass::_buildProgram()
             recipe.sources.push_back(optional);
     }
     buildOnce(_program, recipe);
+    _areWholeNumbers.clear();
+    for (const QString &name : std::as_const(_samplerNames)) {
+        const QRegularExpression declared(u"\\b[iu]sampler\\w+\\s+%1\\b"_s.arg(QRegularExpression::escape(name)));
+        _areWholeNumbers.append(std::any_of(recipe.sources.cbegin(), recipe.sources.cend(),
+                                            [&](const auto &source) { return source.content.contains(declared); }));
+    }
 }
 
 void ShaderRenderPass::start(RenderCallbacks *)
@@ -271,7 +280,8 @@ void ShaderRenderPass::start(RenderCallbacks *)
             Texture *texture = textures[_textureInputs[s]];
             if (!texture || !texture->bind())
                 continue;
-            setLinearWhereItFilters(*texture);
+            if (!_areWholeNumbers.value(s))
+                setLinearWhereItFilters(*texture);
             _program->setUniform(_samplerNames[s], texture->unit());
         }
         if (typeid(*this) == typeid(ShaderRenderPass)) {

@@ -6,6 +6,7 @@
 
 #include <gl/bufferobject.h>
 #include <gl/drawbuffers.h>
+#include <gl/guards.h>
 #include <gl/opengldevicecontext.h>
 #include <gl/shaderprogram.h>
 #include <gl/texturemanager.h>
@@ -469,6 +470,32 @@ TEST_F(ShaderPass, ConnectedTexturesKeepLinearFiltersAndClampedWrap)
         EXPECT_EQ(value, GL_CLAMP_TO_EDGE);
     }
     texture->unbind();
+}
+
+// Linear filters would make them incomplete, and every fetch give 0.
+TEST_F(ShaderPass, TexturesOfWholeNumbersAreReadAsTheyAre)
+{
+    Texture texture(nullptr);
+    texture.setTarget(GL_TEXTURE_2D);
+    const quint32 values[] = {7, 4000000000u, 3, 1};
+    {
+        AutoBinder bound(&texture);
+        glTexImage2D(GL_TEXTURE_2D, 0, GL_R32UI, 2, 2, 0, GL_RED_INTEGER, GL_UNSIGNED_INT, values);
+        texture.setFilter(GL_NEAREST);
+        texture.setWrap(GL_CLAMP_TO_EDGE);
+    }
+    ShaderRenderPass pass;
+    pass.setInput(0, QRect(0, 0, 2, 2));
+    const int input = pass.addInput(s("Kvo_KvoTexture*_Numbers"));
+    pass.addOutput(s("Kvo_KvoTexture*_Frame"));
+    pass.setFragmentShaderSource(
+        fragmentText(s("uniform usampler2D u_Numbers;"),
+                     s("vec4(float(texelFetch(u_Numbers, ivec2(gl_FragCoord.xy), 0).r % 16u) / 16.0, 0.0, 0.0, 1.0)")));
+    pass.setInput(input, textureToVariant(&texture));
+    runFrame(pass);
+    const Image<float> image = readTexture<float>(textureFromVariant(pass.output(0)));
+    for (int i = 0; i < 4; ++i)
+        EXPECT_EQ(image.at(i % 2, i / 2)[0], float(values[i] % 16) / 16) << i;
 }
 
 TEST_F(ShaderPass, SeveralOutputsAreTargetsInTheirOrder)

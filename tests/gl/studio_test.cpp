@@ -259,14 +259,26 @@ TEST_F(Studio, WhiteSpheresVanishInAFurnace)
 }
 
 // The map of reflections knows neither the side from which a lobe is seen nor its stretch near the horizon. That is
-// the price of one tap; it is highest for the hard edges of the studio's lamps in rough metals.
+// the price of one tap: highest for small lamps with hard edges in the dark, in metals.
+struct EnvironmentLimits
+{
+    const char *name;
+    double mean;
+    double worstSphere;
+};
+constexpr EnvironmentLimits kEnvironmentLimits[] = {
+    {"studio", 0.026, 0.05}, {"overcast", 0.01, 0.025}, {"sun", 0.01, 0.025}, {"night", 0.10, 0.25}};
+constexpr int kByDay = 3; // the first ones
+
 TEST_F(Studio, SpheresShowWhatTheIntegralOverTheEnvironmentGives)
 {
     make({u"Environment"_s, u"Stage"_s, u"Light"_s}, kSpheres, kSpheresSize);
     const std::array<double, 3> base{0.9, 0.6, 0.3};
     set("Drawn.Color", QVector3D(0.9f, 0.6f, 0.3f));
     double together = 0;
-    for (const QString &name : environmentNames()) {
+    ASSERT_EQ(environmentNames().size(), qsizetype(std::size(kEnvironmentLimits)));
+    for (const EnvironmentLimits &limits : kEnvironmentLimits) {
+        const QString name = QString::fromLatin1(limits.name);
         set("Environment.Source", name);
         set("Light.Key", 0.0f);
         const Image<float> image = lit();
@@ -291,9 +303,10 @@ TEST_F(Studio, SpheresShowWhatTheIntegralOverTheEnvironmentGives)
             }
         std::printf("[ measured ] %s: mean error %.2f %%, of the worst sphere %.2f %%\n", qPrintable(name),
                     100 * error / sum, 100 * metal);
-        EXPECT_LE(error / sum, 0.026) << name.toStdString();
-        EXPECT_LE(metal, 0.05) << name.toStdString();
-        together += error / sum / double(environmentNames().size());
+        EXPECT_LE(error / sum, limits.mean) << limits.name;
+        EXPECT_LE(metal, limits.worstSphere) << limits.name;
+        if (&limits < kEnvironmentLimits + kByDay)
+            together += error / sum / kByDay;
     }
     EXPECT_LE(together, 0.02);
 }

@@ -586,10 +586,26 @@ Rgb sunny(const Direction &d)
     return mix(sky, ground, smooth(0.01f, -0.03f, d.y));
 }
 
+// After dark: a deep sky, the glow of a town along the horizon, and two cool lamps behind that draw the outlines.
+Rgb night(const Direction &d)
+{
+    static const SoftBox kLamps[] = {
+        {{0.80f, 0.45f, -0.60f}, 0.16f, 0.70f, 0.08f, {3.0f, 4.4f, 7.2f}},
+        {{-0.95f, 0.25f, -0.30f}, 0.12f, 0.60f, 0.08f, {2.2f, 3.3f, 5.5f}},
+    };
+    const float horizon = std::exp(-30.0f * d.y * d.y) * (0.55f - 0.45f * d.z);
+    Rgb color = mix({0.035f, 0.05f, 0.085f}, {0.012f, 0.018f, 0.04f}, smooth(0.0f, 0.8f, d.y));
+    color += horizon * Rgb{0.62f, 0.30f, 0.12f};
+    for (const SoftBox &lamp : kLamps)
+        color += lamp.from(d);
+    return color;
+}
+
 constexpr BuiltIn kBuiltIn[] = {
     {"studio", studio, {-0.62f, 0.82f, 0.42f}, {1.2f, 1.16f, 1.1f}},
     {"overcast", overcast, {-0.25f, 1.0f, 0.3f}, {0.12f, 0.12f, 0.125f}},
     {"sun", sunny, kSun, {2.5f, 2.3f, 1.95f}},
+    {"night", night, {-0.5f, 0.75f, -0.45f}, {0.24f, 0.33f, 0.54f}},
 };
 
 Panorama panoramaOf(const QImage &picture)

@@ -24,7 +24,7 @@ const QString kStudio = u"studio"_s;
 constexpr int kTableSide = 32;
 
 constexpr SlotInfo kInputInfo[] = {
-    {.name = "Kvo_QString_Source", .meaning = "studio, overcast, sun, or a latitude-longitude image file"},
+    {.name = "Kvo_QString_Source", .meaning = "studio, overcast, sun, night, or a latitude-longitude image file"},
     {.name = "Kvo_float_Rotation",
      .meaning = "how far it is turned about the axis +y",
      .unit = "degrees",

@@ -51,7 +51,7 @@ struct Environment
 };
 
 /// The names of the environments that are computed: "studio" (soft boxes in a grey room), "overcast" (a sky of
-/// clouds), "sun" (a clear sky, its sun as the key light).
+/// clouds), "sun" (a clear sky, its sun as the key light), "night" (the glow of a town, and two cool lamps behind).
 KVO_PIPELINE_EXPORT QStringList environmentNames();
 /// One of those; nothing for another name.
 KVO_PIPELINE_EXPORT std::optional<Environment> environmentNamed(const QString &name);

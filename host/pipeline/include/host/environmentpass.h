@@ -14,7 +14,7 @@ class Texture;
 ///
 /// | # | Input                 | Type    | Meaning                                                                     |
 /// |---|-----------------------|---------|-----------------------------------------------------------------------------|
-/// | 0 | Kvo_QString_Source    | QString | "studio", "overcast", "sun", or a latitude-longitude image file; "studio"   |
+/// | 0 | Kvo_QString_Source    | QString | a name of environmentNames, or a latitude-longitude image file; "studio"     |
 /// | 1 | Kvo_float_Rotation    | float   | degrees by which it is turned about the axis +y; 0                          |
 /// | 2 | Kvo_float_Intensity   | float   | factor on all light; 1                                                      |
 ///
