@@ -1,0 +1,879 @@
+// The real window of kvoview on a virtual X server, driven as by hands and by files that change.
+
+#include "support/glcalls.h"
+#include "support/messages.h"
+#include "support/scenes.h"
+#include "toolkits/pictures.h"
+#include "toolkits/raycast.h"
+
+#include "exporting.h"
+#include "frameprobe.h"
+#include "graphview.h"
+#include "inspector.h"
+#include "logpanel.h"
+#include "modelimport.h"
+#include "passespanel.h"
+#include "resourceview.h"
+#include "session.h"
+#include "sloteditor.h"
+#include "slotspanel.h"
+#include "texels.h"
+#include "textureview.h"
+#include "window.h"
+
+#include <gl/guards.h>
+#include <gl/texture.h>
+#include <gl/texturemanager.h>
+#include <host/pipeline.h>
+#include <host/pipelinefile.h>
+#include <host/viewportwidget.h>
+
+#include <QApplication>
+#include <QClipboard>
+#include <QComboBox>
+#include <QDir>
+#include <QDoubleSpinBox>
+#include <QDropEvent>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QLabel>
+#include <QMimeData>
+#include <QSettings>
+#include <QSignalSpy>
+#include <QSlider>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QToolButton>
+#include <QTreeWidget>
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+
+using namespace Brevane::Kvo;
+using namespace Brevane::Kvo::Test;
+using namespace Qt::StringLiterals;
+
+namespace {
+
+const QString kPipelines = QStringLiteral(KVO_SOURCE_DIR "/pipelines/");
+const QString kBox = u"/usr/share/assimp/models/glTF2/BoxTextured-glTF-Binary/BoxTextured.glb"_s;
+const QString kEngine = u"/usr/share/assimp/models/glTF2/2CylinderEngine-glTF-Binary/2CylinderEngine.glb"_s;
+
+// Three boxes side by side.
+ModelData boxes()
+{
+    ModelData data;
+    data.meshes << cubeMesh();
+    data.materials << material({0.9f, 0.2f, 0.1f}) << material({0.1f, 0.8f, 0.2f}) << material({0.2f, 0.3f, 0.9f});
+    for (int i = 0; i < 3; ++i) {
+        ModelItem item;
+        item.material = i;
+        item.transform.translate(2.4f * float(i - 1), 0, 0.7f * float(i));
+        item.transform.rotate(25.0f * float(i), 0.3f, 1.0f, 0.2f);
+        data.items << item;
+    }
+    return data;
+}
+
+const QByteArray kShader = R"(#version 150
+uniform float Kvo_float_Level;
+uniform vec3 Kvo_QVector3D_Tint;
+out vec4 o_Frame;
+void main()
+{
+  o_Frame = vec4(Kvo_QVector3D_Tint * Kvo_float_Level, 1.0);
+}
+)";
+
+const QByteArray kShaderFile = R"({
+  // A colour of the hand's.
+  "passes": [
+    { "name": "Fill", "class": "ShaderRenderPass", // it fills
+      "calls": [ { "addInput": ["Kvo_float_Level"] }, { "addInput": ["Kvo_QVector3D_Tint"] },
+                 { "addOutput": ["Kvo_KvoTexture*_Frame"] },
+                 { "setFragmentShaderSource": [{ "contentOf": "fill.frag" }] } ],
+      "inputs": { "Viewport": "@viewport", "Level": 0.5, "Tint": [1, 1, 1] } },
+    { "name": "Present", "class": "TextureToScreenRenderPass",
+      "inputs": { "Viewport": "@viewport", "Texture": { "from": "Fill.Frame" }, "FramebufferOut": "@screen" } } ] }
+)";
+
+const QByteArray kTwoColors = R"({ "passes": [
+  { "name": "Red", "class": "GradientRenderPass",
+    "inputs": { "Viewport": "@viewport", "ColorTop": "#ff0000", "ColorBottom": "#ff0000" } },
+  { "name": "Blue", "class": "GradientRenderPass",
+    "inputs": { "Viewport": "@viewport", "ColorTop": "#0000ff", "ColorBottom": "#0000ff" } },
+  { "name": "Soft", "class": "GaussianBlurRenderPass",
+    "inputs": { "Viewport": "@viewport", "Input": { "from": "Red.Frame" }, "BlurRadius": 2 } },
+  { "name": "Present", "class": "TextureToScreenRenderPass",
+    "inputs": { "Viewport": "@viewport", "Texture": { "from": "Soft.Output" }, "FramebufferOut": "@screen" } } ] }
+)";
+
+bool waitFor(const std::function<bool()> &condition, int milliseconds = 20000)
+{
+    return QTest::qWaitFor(condition, milliseconds);
+}
+
+void write(const QString &path, const QByteArray &content)
+{
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(content);
+}
+
+QByteArray contentOf(const QString &path)
+{
+    QFile file(path);
+    EXPECT_TRUE(file.open(QIODevice::ReadOnly)) << qPrintable(path);
+    return file.readAll();
+}
+
+class KvoviewTest : public ::testing::Test
+{
+protected:
+    void SetUp() override { QSettings().clear(); }
+    void TearDown() override
+    {
+        window.reset();
+        EXPECT_EQ(GlCalls::live(), 0) << qPrintable(GlCalls::liveObjects().join(u'\n'));
+    }
+
+    QString path(const QString &name) const { return folder.filePath(name); }
+    QString fileWith(const QByteArray &content, const QString &name = u"pipeline.json"_s) const
+    {
+        write(path(name), content);
+        return path(name);
+    }
+
+    // Shown with a pipeline and settled.
+    void show(const QString &pipeline, const ViewOptions &options = {})
+    {
+        window = std::make_unique<Window>(options, false);
+        window->resize(1000, 700);
+        ASSERT_TRUE(window->openPipeline(pipeline)) << qPrintable(window->problem());
+        window->run(0);
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(window.get()));
+        ASSERT_TRUE(waitFor([this] { return window->session()->pipeline() && view().frameCount() > 0; }));
+        settle();
+    }
+    void showModel(const ModelData &model = boxes())
+    {
+        window->showModel(model, QString());
+        settle();
+    }
+    void settle()
+    {
+        QTest::qWait(0);
+        ASSERT_TRUE(waitFor([this] { return view().isSettled(); }));
+        QTest::qWait(0);
+    }
+    QImage picture()
+    {
+        settle();
+        return view().grabFramebuffer();
+    }
+    QColor middle()
+    {
+        const QImage image = picture();
+        return image.pixelColor(image.width() / 2, image.height() / 2);
+    }
+    void drop(const QString &file)
+    {
+        QMimeData data;
+        data.setUrls({QUrl::fromLocalFile(file)});
+        QDragEnterEvent enter(QPoint(50, 50), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+        QCoreApplication::sendEvent(window.get(), &enter);
+        EXPECT_TRUE(enter.isAccepted());
+        QDropEvent event(QPointF(50, 50), Qt::CopyAction, &data, Qt::LeftButton, Qt::NoModifier);
+        QCoreApplication::sendEvent(window.get(), &event);
+    }
+    // By the keyboard, into the field of a number.
+    void type(const QString &slot, const QString &text)
+    {
+        SlotEditor *editor = window->slotsPanel()->editor(slot);
+        ASSERT_NE(editor, nullptr) << qPrintable(slot);
+        auto *field = editor->findChild<QDoubleSpinBox *>();
+        ASSERT_NE(field, nullptr);
+        field->setFocus();
+        field->selectAll();
+        QTest::keyClicks(field, text);
+        QTest::keyClick(field, Qt::Key_Return);
+    }
+    void click(const char *action) { window->action(QLatin1StringView(action))->trigger(); }
+
+    ViewportWidget &view() { return *window->view(); }
+    Session &session() { return *window->session(); }
+    Pipeline &pipeline() { return *session().pipeline(); }
+
+    QTemporaryDir folder;
+    std::unique_ptr<Window> window;
+};
+
+void drag(QWidget *widget, const QPoint &from, const QPoint &to)
+{
+    QTest::mousePress(widget, Qt::LeftButton, {}, from);
+    for (const QPoint &at : {(from + to) / 2, to}) {
+        QMouseEvent move(QEvent::MouseMove, at, widget->mapToGlobal(at), Qt::NoButton, Qt::LeftButton, {});
+        QCoreApplication::sendEvent(widget, &move);
+    }
+    QTest::mouseRelease(widget, Qt::LeftButton, {}, to);
+}
+
+} // namespace
+
+// Slots
+
+TEST_F(KvoviewTest, AnEditedSlotIsSeenUndoneAndRestored)
+{
+    write(path(u"fill.frag"_s), kShader);
+    show(fileWith(kShaderFile));
+    EXPECT_NEAR(middle().red(), 128, 1);
+    EXPECT_EQ(session().chosenPass(), u"Fill"_s);
+    EXPECT_TRUE(window->slotsPanel()->restoreButton(u"Level"_s)->isEnabled()) << "the file gives a value";
+    type(u"Level"_s, u"0.75"_s);
+    EXPECT_NEAR(middle().red(), 191, 1);
+    EXPECT_TRUE(window->isWindowModified());
+    EXPECT_EQ(pipeline().inputs(u"Fill"_s)[1].value.toFloat(), 0.75f);
+    click("undo");
+    EXPECT_NEAR(middle().red(), 128, 1);
+    EXPECT_FALSE(window->isWindowModified());
+    EXPECT_NEAR(window->slotsPanel()->editor(u"Level"_s)->findChild<QDoubleSpinBox *>()->value(), 0.5, 1e-6);
+    click("redo");
+    EXPECT_NEAR(middle().red(), 191, 1);
+    window->slotsPanel()->restoreButton(u"Level"_s)->click();
+    EXPECT_EQ(pipeline().inputs(u"Fill"_s)[1].kind, PassInput::Kind::Default);
+    EXPECT_FALSE(window->slotsPanel()->restoreButton(u"Level"_s)->isEnabled());
+    click("undo");
+    click("undo");
+    EXPECT_NEAR(middle().red(), 128, 1);
+
+    // A vector, number by number.
+    const auto fields = window->slotsPanel()->editor(u"Tint"_s)->findChildren<QDoubleSpinBox *>();
+    ASSERT_EQ(fields.size(), 3);
+    fields[1]->setValue(0.0);
+    const QColor tinted = middle();
+    EXPECT_NEAR(tinted.red(), 128, 1);
+    EXPECT_EQ(tinted.green(), 0);
+}
+
+TEST_F(KvoviewTest, APullAtASliderIsOneStepBack)
+{
+    show(fileWith(kTwoColors));
+    session().choosePass(u"Soft"_s);
+    auto *slider = window->slotsPanel()->editor(u"BlurRadius"_s)->findChild<QSlider *>();
+    ASSERT_NE(slider, nullptr);
+    const int steps = session().undoStack()->count();
+    slider->setSliderDown(true);
+    for (int place : {40, 80, 120})
+        slider->setSliderPosition(place), slider->setValue(place);
+    slider->setSliderDown(false);
+    settle();
+    EXPECT_EQ(session().undoStack()->count(), steps + 1);
+    const auto radius = [this] { return pipeline().inputs(u"Soft"_s); };
+    const auto valueOf = [&](const QString &slot) {
+        for (const PassInput &input : radius())
+            if (input.slot.endsWith(slot))
+                return input.value.toDouble();
+        return -1.0;
+    };
+    EXPECT_GT(valueOf(u"BlurRadius"_s), 10.0);
+    click("undo");
+    EXPECT_EQ(valueOf(u"BlurRadius"_s), 2.0);
+}
+
+TEST_F(KvoviewTest, SourcesThatFitCanBeChosen)
+{
+    show(fileWith(kTwoColors));
+    EXPECT_EQ(middle().red(), 255);
+    session().choosePass(u"Present"_s);
+    QComboBox *source = window->slotsPanel()->sourceChoice(u"Texture"_s);
+    ASSERT_NE(source, nullptr);
+    EXPECT_EQ(source->currentText(), u"Soft.Output"_s);
+    EXPECT_EQ(source->findText(u"@camera"_s), -1) << "a matrix is no texture";
+    const int blue = source->findText(u"Blue.Frame"_s);
+    ASSERT_GE(blue, 0);
+    source->setCurrentIndex(blue);
+    Q_EMIT source->activated(blue);
+    EXPECT_EQ(middle().blue(), 255);
+    click("undo");
+    EXPECT_EQ(middle().red(), 255);
+    EXPECT_EQ(window->slotsPanel()->sourceChoice(u"Texture"_s)->currentText(), u"Soft.Output"_s);
+}
+
+// Passes
+
+TEST_F(KvoviewTest, PassesGoOffRenamedReplacedInsertedAndRemoved)
+{
+    show(fileWith(kTwoColors));
+    QTreeWidget *list = window->passes()->list();
+    ASSERT_EQ(list->topLevelItemCount(), 4);
+    EXPECT_EQ(list->topLevelItem(2)->text(1), u"GaussianBlurRenderPass"_s);
+    ASSERT_TRUE(waitFor([&] {
+        view().invalidate();
+        return !list->topLevelItem(2)->text(3).isEmpty() && list->topLevelItem(2)->text(3) != u"–"_s;
+    })) << "times come with the frames";
+
+    // The soft one off: the same colour comes past it. The red one off: nothing comes.
+    session().choosePass(u"Soft"_s);
+    list->setFocus();
+    QTest::keyClick(list, Qt::Key_Space);
+    settle();
+    EXPECT_FALSE(pipeline().isEnabled(u"Soft"_s));
+    EXPECT_EQ(middle().red(), 255);
+    ASSERT_TRUE(waitFor([&] { return list->topLevelItem(2)->checkState(0) == Qt::Unchecked; }));
+    list->topLevelItem(0)->setCheckState(0, Qt::Unchecked);
+    ASSERT_TRUE(waitFor([&] { return !pipeline().isEnabled(u"Red"_s); }));
+    EXPECT_EQ(middle().red(), 0);
+    click("undo");
+    click("undo");
+    EXPECT_TRUE(pipeline().isEnabled(u"Soft"_s));
+    EXPECT_EQ(middle().red(), 255);
+
+    list->topLevelItem(0)->setText(0, u"Scarlet"_s);
+    ASSERT_TRUE(waitFor([&] { return pipeline().pass(u"Scarlet"_s) != nullptr; }));
+    EXPECT_TRUE(session().text().contains("\"from\": \"Scarlet.Frame\""));
+    QSignalSpy failed(&session(), &Session::failed);
+    EXPECT_FALSE(session().rename(u"Scarlet"_s, u"Blue"_s)) << "that one is taken";
+    EXPECT_EQ(failed.count(), 1);
+    click("undo");
+    EXPECT_NE(pipeline().pass(u"Red"_s), nullptr);
+
+    ASSERT_TRUE(
+        session().insert(u"More"_s, u"GaussianBlurRenderPass"_s, u"Present"_s, u"Texture"_s, u"Input"_s, u"Output"_s));
+    EXPECT_TRUE(session().text().contains("\"More\""));
+    EXPECT_EQ(middle().red(), 255);
+    ASSERT_TRUE(session().remove(u"Soft"_s));
+    EXPECT_EQ(pipeline().pass(u"Soft"_s), nullptr);
+    EXPECT_EQ(pipeline().source(u"More"_s, u"Input"_s), u"Red.Kvo_KvoTexture*_Frame"_s) << "what it passed by";
+    EXPECT_EQ(middle().red(), 255);
+    EXPECT_FALSE(session().replace(u"More"_s, u"GradientRenderPass"_s));
+    ASSERT_TRUE(session().add(session().freeName(u"GradientRenderPass"_s), u"GradientRenderPass"_s));
+    EXPECT_EQ(list->topLevelItemCount(), 5);
+    for (int i = 0; i < 3; ++i)
+        click("undo");
+    EXPECT_NE(pipeline().pass(u"Soft"_s), nullptr);
+    EXPECT_EQ(pipeline().pass(u"More"_s), nullptr);
+    EXPECT_EQ(middle().red(), 255);
+    for (int i = 0; i < 3; ++i)
+        click("redo");
+    EXPECT_EQ(pipeline().pass(u"Soft"_s), nullptr);
+    EXPECT_NE(pipeline().pass(u"Gradient"_s), nullptr);
+    EXPECT_EQ(middle().red(), 255);
+}
+
+TEST_F(KvoviewTest, EachPassGoesAHundredTimesWithoutGrowth)
+{
+    show(kPipelines + u"glow.json"_s);
+    window->showPanel(u"messages"_s);
+    window->resize(700, 420);
+    showModel();
+    const QStringList passes = pipeline().order();
+    const auto round = [&](const QString &pass) {
+        for (const bool on : {false, true}) {
+            session().setEnabled(pass, on);
+            view().grabFramebuffer();
+        }
+        QCoreApplication::processEvents();
+        session().undoStack()->clear(); // steps back are kept on purpose
+    };
+    for (const QString &pass : passes)
+        round(pass);
+    const int objects = GlCalls::live();
+    const QImage before = picture();
+    const auto resident = [] {
+        const QByteArray statm = contentOf(u"/proc/self/statm"_s);
+        return statm.split(' ').value(1).toLongLong() * 4; // KiB
+    };
+    const qint64 memory = resident();
+    for (const QString &pass : passes)
+        for (int i = 0; i < 100; ++i)
+            round(pass);
+    settle();
+    EXPECT_LE(GlCalls::live(), objects);
+    // What malloc and the driver's compiler keep; a texture of each frame would be hundreds of MiB.
+    EXPECT_LT(resident() - memory, 16 * 1024);
+    EXPECT_EQ(picture(), before);
+    EXPECT_EQ(window->problem(), QString());
+}
+
+// Graph
+
+TEST_F(KvoviewTest, ADragInTheGraphConnects)
+{
+    show(fileWith(kTwoColors));
+    window->showPanel(u"graph"_s);
+    QTest::qWait(50);
+    GraphView *graph = window->graph();
+    QWidget *canvas = graph->viewport();
+    const QPoint from = graph->outputKnob(u"Blue"_s, u"Frame"_s);
+    const QPoint to = graph->inputKnob(u"Present"_s, u"Texture"_s);
+    ASSERT_TRUE(canvas->rect().contains(from) && canvas->rect().contains(to));
+    drag(canvas, from, to);
+    EXPECT_EQ(middle().blue(), 255);
+    EXPECT_TRUE(session().text().contains("\"from\": \"Blue.Frame\""));
+    click("undo");
+    EXPECT_EQ(middle().red(), 255);
+
+    // From an input back to an output works too; what does not fit says why.
+    drag(canvas, graph->inputKnob(u"Present"_s, u"Texture"_s), graph->outputKnob(u"Blue"_s, u"Frame"_s));
+    EXPECT_EQ(middle().blue(), 255);
+    QSignalSpy failed(&session(), &Session::failed);
+    drag(canvas, graph->outputKnob(u"Blue"_s, u"Frame"_s), graph->inputKnob(u"Present"_s, u"FramebufferOut"_s));
+    ASSERT_EQ(failed.count(), 1);
+    EXPECT_TRUE(failed[0][0].toStringList()[0].contains(u"cannot link"_s))
+        << qPrintable(failed[0][0].toStringList()[0]);
+    drag(canvas, graph->outputKnob(u"Soft"_s, u"Output"_s), graph->inputKnob(u"Soft"_s, u"Input"_s));
+    ASSERT_EQ(failed.count(), 2);
+    EXPECT_TRUE(failed[1][0].toStringList()[0].contains(u"cycle"_s)) << qPrintable(failed[1][0].toStringList()[0]);
+    drag(canvas, graph->outputKnob(u"Soft"_s, u"Output"_s), graph->outputKnob(u"Red"_s, u"Frame"_s));
+    EXPECT_EQ(failed.count(), 3);
+    EXPECT_TRUE(window->messages()->toPlainText().contains(u"cycle"_s));
+    // A link that is let go of beside everything is gone.
+    drag(canvas, graph->inputKnob(u"Soft"_s, u"Input"_s), QPoint(canvas->width() - 3, 3));
+    EXPECT_EQ(pipeline().source(u"Soft"_s, u"Input"_s), QString());
+    click("undo");
+    EXPECT_EQ(pipeline().source(u"Soft"_s, u"Input"_s), u"Red.Kvo_KvoTexture*_Frame"_s);
+
+    // A click chooses, the arrows go along the chain.
+    QTest::mouseClick(canvas, Qt::LeftButton, {}, graph->outputKnob(u"Blue"_s, u"Frame"_s) - QPoint(40, 12));
+    EXPECT_EQ(session().chosenPass(), u"Blue"_s);
+    QTest::keyClick(graph, Qt::Key_Right);
+    EXPECT_EQ(session().chosenPass(), u"Soft"_s);
+    EXPECT_EQ(window->passes()->list()->currentItem()->text(0), u"Soft"_s);
+}
+
+// Textures
+
+TEST_F(KvoviewTest, ATapShowsTheValuesOfTheTexture)
+{
+    show(kPipelines + u"deferred-model.json"_s);
+    showModel();
+    window->showPanel(u"inspector"_s);
+    settle();
+    Inspector *inspector = window->inspector();
+    inspector->lookAt(u"Model"_s, u"Depth"_s);
+    settle();
+    const QSize size = view().size() * view().devicePixelRatio();
+    ASSERT_EQ(inspector->texels().size(), size);
+    ASSERT_TRUE(inspector->texels().isDepth());
+
+    // The same texture, read behind the same pass by other means.
+    TexturePixels own;
+    pipeline().setPassObserver([&](const QString &pass, RenderPass *) {
+        if (pass == u"Model") {
+            ASSERT_TRUE(readTexture(textureFromVariant(pipeline().output(pass, u"Depth"_s)), &own));
+        }
+    });
+    view().invalidate();
+    settle();
+    int onModel = 0;
+    for (const QPoint &at : {QPoint(size.width() / 2, size.height() / 2), QPoint(5, 7),
+                             QPoint(size.width() / 3, size.height() / 2), QPoint(2 * size.width() / 3, 100)}) {
+        const double expected = double(own.values[(size.height() - 1 - at.y()) * size.width() + at.x()]);
+        inspector->textureView()->setHovered(at);
+        const QString text = inspector->texelText();
+        EXPECT_TRUE(text.startsWith(u"(%1, %2): %3"_s.arg(at.x()).arg(at.y()).arg(expected, 0, 'g', 9)))
+            << qPrintable(text);
+        onModel += expected < 1.0;
+    }
+    EXPECT_GT(onModel, 0);
+
+    // As a distance: against a ray.
+    auto *channels = inspector->findChild<QComboBox *>(u"channels"_s);
+    channels->setCurrentText(u"Depth, linear"_s);
+    settle();
+    const QPoint at(size.width() / 2, size.height() / 2);
+    const RayHit hit = castRay(boxes(), view().camera(), QPointF(at) + QPointF(0.5, 0.5), QSizeF(size));
+    ASSERT_GE(hit.item, 0);
+    const float distance = QVector3D::dotProduct(hit.position - view().camera().eye(), view().camera().forward());
+    inspector->textureView()->setHovered(std::nullopt);
+    inspector->textureView()->setHovered(at);
+    const double told = inspector->texelText().section(u"distance "_s, 1).toDouble();
+    // 24 bits of depth over the range of the clip planes.
+    EXPECT_NEAR(told, double(distance), 2e-3);
+
+    // Saved with its values.
+    QString error;
+    EXPECT_TRUE(inspector->save(path(u"depth.exr"_s), &error)) << qPrintable(error);
+    EXPECT_TRUE(inspector->save(path(u"depth.png"_s), &error)) << qPrintable(error);
+    EXPECT_EQ(QImage(path(u"depth.png"_s)).size(), size);
+    EXPECT_FALSE(inspector->save(path(u"none/depth.png"_s), &error));
+}
+
+TEST_F(KvoviewTest, MomentsAndComparisonsDiffer)
+{
+    show(fileWith(kTwoColors));
+    window->showPanel(u"inspector"_s);
+    Inspector *inspector = window->inspector();
+    inspector->lookAt(u"Red"_s);
+    settle();
+    inspector->textureView()->setHovered(QPoint(3, 4));
+    EXPECT_EQ(inspector->texelText(), u"(3, 4): 1  0  0  1"_s);
+    auto *compare = inspector->findChildren<QComboBox *>()[0];
+    for (QComboBox *box : inspector->findChildren<QComboBox *>())
+        if (box->accessibleName() == u"Compare")
+            compare = box;
+    QComboBox *other = nullptr;
+    for (QComboBox *box : inspector->findChildren<QComboBox *>())
+        if (box->accessibleName() == u"Output to compare with")
+            other = box;
+    ASSERT_NE(other, nullptr);
+    other->setCurrentText(u"Blue.Frame"_s);
+    compare->setCurrentText(u"difference"_s);
+    settle();
+    inspector->textureView()->setHovered(std::nullopt);
+    inspector->textureView()->setHovered(QPoint(3, 4));
+    EXPECT_EQ(inspector->texelText(), u"(3, 4): 1  0  1  0"_s);
+    compare->setCurrentText(u"wipe"_s);
+    settle();
+    inspector->textureView()->setHovered(std::nullopt);
+    inspector->textureView()->setHovered(QPoint(3, 4));
+    EXPECT_EQ(inspector->texelText(), u"(3, 4): 1  0  0  1\nother: 0  0  1  1"_s);
+    // A hidden inspector costs no frame anything.
+    inspector->window();
+    window->findChild<QWidget *>(u"inspector"_s)->hide();
+    settle();
+    const int frames = view().frameCount();
+    QTest::qWait(200);
+    EXPECT_EQ(view().frameCount(), frames);
+}
+
+TEST_F(KvoviewTest, ZoomKeepsTheTexelUnderTheCursor)
+{
+    TextureView textureView;
+    textureView.resize(300, 200);
+    QImage image(64, 32, QImage::Format_RGB32);
+    image.fill(Qt::black);
+    textureView.setPicture(image);
+    EXPECT_NEAR(textureView.zoom(), 300.0 / 64, 1e-9);
+    const QPointF at = textureView.positionOf({10, 5});
+    EXPECT_EQ(textureView.texelAt(at), std::optional(QPoint(10, 5)));
+    QWheelEvent wheel(at, at, QPoint(), QPoint(0, 120 * 12), Qt::NoButton, {}, Qt::NoScrollPhase, false);
+    QCoreApplication::sendEvent(&textureView, &wheel);
+    EXPECT_GT(textureView.zoom(), 40.0);
+    EXPECT_LT(QLineF(textureView.positionOf({10, 5}), at).length(), 1e-6);
+    EXPECT_EQ(textureView.texelAt({-1e4, 0}), std::nullopt);
+    QTest::keyClick(&textureView, Qt::Key_F);
+    EXPECT_NEAR(textureView.zoom(), 300.0 / 64, 1e-9);
+    QTest::keyClick(&textureView, Qt::Key_Right);
+    EXPECT_EQ(textureView.hovered(), std::optional(QPoint(33, 16)));
+}
+
+// Files
+
+TEST_F(KvoviewTest, AShaderThatBreaksKeepsThePictureAndMarksTheLine)
+{
+    write(path(u"fill.frag"_s), kShader);
+    show(fileWith(kShaderFile));
+    const QImage good = picture();
+    QByteArray broken = kShader;
+    write(path(u"fill.frag"_s), broken.replace("vec4(Kvo", "vec4(Nowhere_Kvo"));
+    ASSERT_TRUE(waitFor([this] { return window->problem().contains(u"fill.frag"_s); }, 5000));
+    const QString said = window->messages()->toPlainText();
+    EXPECT_TRUE(said.contains(path(u"fill.frag"_s))) << qPrintable(said);
+    bool isMarked = false;
+    for (const QString &line : said.split(u'\n'))
+        isMarked = isMarked || (line.startsWith(u'>') && line.contains(u"Nowhere_Kvo"_s));
+    EXPECT_TRUE(isMarked) << qPrintable(said);
+    EXPECT_EQ(picture(), good);
+
+    // Gone for a while, as editors do, and right again.
+    ASSERT_TRUE(QFile::remove(path(u"fill.frag"_s)));
+    QTest::qWait(400);
+    EXPECT_EQ(picture(), good);
+    QByteArray mended = kShader;
+    write(path(u"fill.frag"_s), mended.replace("* Kvo_float_Level", "* Kvo_float_Level * 0.5"));
+    ASSERT_TRUE(waitFor([this] { return window->problem().isEmpty(); }, 5000)) << qPrintable(window->problem());
+    EXPECT_NEAR(middle().red(), 64, 1);
+}
+
+TEST_F(KvoviewTest, ChangesOfTheHandStayWhenAShaderIsReadAgain)
+{
+    write(path(u"fill.frag"_s), kShader);
+    show(fileWith(kShaderFile));
+    type(u"Level"_s, u"1"_s);
+    EXPECT_EQ(middle().red(), 255);
+    QByteArray other = kShader;
+    write(path(u"fill.frag"_s), other.replace("* Kvo_float_Level", "* Kvo_float_Level * 0.5"));
+    ASSERT_TRUE(waitFor([this] { return middle().red() < 200; }, 5000));
+    EXPECT_NEAR(middle().red(), 128, 1);
+    click("undo");
+    EXPECT_NEAR(middle().red(), 64, 1);
+}
+
+TEST_F(KvoviewTest, SavesWithCommentsAndReadsAgain)
+{
+    write(path(u"fill.frag"_s), kShader);
+    show(fileWith(kShaderFile));
+    type(u"Level"_s, u"0.25"_s);
+    click("save");
+    EXPECT_FALSE(window->isWindowModified());
+    EXPECT_EQ(contentOf(path(u"pipeline.json"_s)),
+              QByteArray(kShaderFile).replace("\"Level\": 0.5", "\"Level\": 0.25"));
+    QTest::qWait(200);
+    EXPECT_EQ(session().undoStack()->count(), 1) << "what it wrote itself is no news";
+    ASSERT_TRUE(session().save(path(u"copy.json"_s)));
+    EXPECT_EQ(contentOf(path(u"copy.json"_s)), contentOf(path(u"pipeline.json"_s)));
+    EXPECT_TRUE(window->windowTitle().contains(u"copy"_s));
+
+    // Somebody else writes it: what was there comes back by undo.
+    write(path(u"copy.json"_s), QByteArray(kShaderFile).replace("\"Level\": 0.5", "\"Level\": 1"));
+    ASSERT_TRUE(waitFor([this] { return middle().red() == 255; }, 5000));
+    click("undo");
+    EXPECT_NEAR(middle().red(), 64, 1);
+    // And something that is none: the picture stays, with a word.
+    write(path(u"copy.json"_s), "{ \"passes\": [ }");
+    ASSERT_TRUE(waitFor([this] { return window->messages()->toPlainText().contains(u"copy.json:1"_s); }, 5000));
+    EXPECT_NEAR(middle().red(), 64, 1);
+    EXPECT_FALSE(session().save(path(u"no folder/x.json"_s)));
+}
+
+TEST_F(KvoviewTest, FilesAreDropped)
+{
+    show(fileWith(kTwoColors));
+    drop(kPipelines + u"background-image.json"_s);
+    EXPECT_TRUE(session().path().endsWith(u"background-image.json"_s));
+    settle();
+    drop(kBox);
+    EXPECT_TRUE(window->modelImport()->isRunning());
+    ASSERT_TRUE(waitFor([this] { return !window->modelImport()->isRunning(); }));
+    EXPECT_TRUE(window->windowTitle().contains(u"BoxTextured"_s));
+    EXPECT_GT(view().camera().scene().maximum.x(), 0.1f);
+    // An image goes into the first path of the chosen pass.
+    QImage image(8, 8, QImage::Format_RGB32);
+    image.fill(Qt::green);
+    ASSERT_TRUE(image.save(path(u"green.png"_s)));
+    const QImage before = picture();
+    QString taker;
+    for (const QString &pass : pipeline().order())
+        if (pipeline().className(pass) == u"BackgroundImageRenderPass")
+            taker = pass;
+    session().choosePass(taker);
+    drop(path(u"green.png"_s));
+    EXPECT_TRUE(session().text().contains("green.png"));
+    EXPECT_GT(differing(before, picture()), 0.05);
+    // The image itself is painted anew.
+    const QImage green = picture();
+    image.fill(Qt::red);
+    ASSERT_TRUE(image.save(path(u"green.png"_s)));
+    EXPECT_TRUE(waitFor([&] { return differing(green, picture()) > 0.05; }, 5000));
+    session().choosePass(u"Present"_s);
+    drop(path(u"green.png"_s));
+    EXPECT_TRUE(window->messages()->toPlainText().contains(u"takes no image"_s));
+}
+
+TEST_F(KvoviewTest, WhatCannotBeReadIsSaidAndTheWindowStays)
+{
+    show(fileWith(kTwoColors));
+    const QImage good = picture();
+    drop(u"/nowhere.glb"_s);
+    ASSERT_TRUE(waitFor([this] { return !window->modelImport()->isRunning(); }));
+    EXPECT_TRUE(window->problem().contains(u"/nowhere.glb"_s)) << qPrintable(window->problem());
+    write(path(u"broken.glb"_s), QByteArray(5000, 'x'));
+    drop(path(u"broken.glb"_s));
+    ASSERT_TRUE(waitFor([this] { return !window->modelImport()->isRunning(); }));
+    EXPECT_TRUE(window->problem().contains(u"broken.glb"_s)) << qPrintable(window->problem());
+    drop(kBox);
+    ASSERT_TRUE(waitFor([this] { return !window->modelImport()->isRunning(); }));
+    EXPECT_EQ(window->problem(), QString());
+
+    EXPECT_FALSE(window->openPipeline(u"no such"_s));
+    EXPECT_TRUE(window->problem().contains(u"no such"_s));
+    EXPECT_FALSE(
+        window->openPipeline(fileWith(R"({ "passes": [ { "name": "A", "class": "Gradent" } ] })", u"bad.json"_s)));
+    EXPECT_TRUE(window->problem().contains(u"bad.json:1"_s)) << qPrintable(window->problem());
+    EXPECT_FALSE(window->openPipeline(fileWith("", u"empty.json"_s)));
+    EXPECT_EQ(picture(), good);
+    EXPECT_TRUE(window->isVisible());
+    EXPECT_TRUE(window->openPipeline(path(u"pipeline.json"_s)));
+    EXPECT_EQ(window->problem(), QString());
+}
+
+TEST_F(KvoviewTest, AnImportIsCancelled)
+{
+    show(fileWith(kTwoColors));
+    QElapsedTimer timer;
+    timer.start();
+    window->openModel(kEngine);
+    EXPECT_TRUE(window->modelImport()->isRunning());
+    window->modelImport()->cancel();
+    EXPECT_FALSE(window->modelImport()->isRunning());
+    EXPECT_TRUE(window->problem().contains(u"cancelled"_s)) << qPrintable(window->problem());
+    QTest::qWait(50);
+    EXPECT_FALSE(window->windowTitle().contains(u"Engine"_s));
+}
+
+TEST_F(KvoviewTest, TheCommandLineSaysWhatWasChanged)
+{
+    write(path(u"fill.frag"_s), kShader);
+    ViewOptions options;
+    options.scene.floor = true;
+    options.scene.opacities = {{QString(), 0.4f}};
+    show(fileWith(kShaderFile), options);
+    type(u"Level"_s, u"0.25"_s);
+    click("command");
+    const QString command = QGuiApplication::clipboard()->text();
+    EXPECT_TRUE(command.startsWith(u"kvorender -p "_s)) << qPrintable(command);
+    for (const QString &part : {u"--floor"_s, u"--opacity 0.4"_s, u"--set Fill.Level=0.25"_s, path(u"pipeline.json"_s)})
+        EXPECT_TRUE(command.contains(part)) << qPrintable(command);
+    EXPECT_FALSE(command.contains(u"Tint"_s));
+}
+
+TEST_F(KvoviewTest, ATurntableGoesAround)
+{
+    show(kPipelines + u"forward.json"_s);
+    showModel();
+    QString error;
+    const OrbitCamera camera = view().camera();
+    ASSERT_TRUE(writeTurntable(
+        &session(), path(u"turn.png"_s), {120, 80}, 4, [](int) { return true; }, &error))
+        << qPrintable(error);
+    EXPECT_TRUE(view().camera() == camera);
+    const QImage first(path(u"turn-000.png"_s));
+    const QImage third(path(u"turn-002.png"_s));
+    EXPECT_EQ(first.size(), QSize(120, 80));
+    EXPECT_GT(differing(first, third), 0.02);
+    EXPECT_FALSE(writeTurntable(
+        &session(), path(u"more.png"_s), {120, 80}, 4, [](int) { return false; }, &error));
+    EXPECT_FALSE(QFile::exists(path(u"more-001.png"_s)));
+}
+
+// Resources, picking, keys, rest
+
+TEST_F(KvoviewTest, ResourcesAreBarsOverThePasses)
+{
+    show(kPipelines + u"glow.json"_s);
+    showModel();
+    window->showPanel(u"resources"_s);
+    settle();
+    view().invalidate();
+    settle();
+    FrameProbe *probe = session().findChild<FrameProbe *>();
+    const ResourceRecord &record = probe->record();
+    EXPECT_EQ(record.passes, pipeline().order());
+    EXPECT_GT(record.bytes, 0);
+    EXPECT_LE(record.bytes, record.peakBytes);
+    // Behind the last pass nothing of a frame is held that has no history.
+    int taken = 0;
+    for (const ResourceRow &row : record.rows) {
+        ASSERT_EQ(row.uses.size(), record.passes.size());
+        EXPECT_EQ(row.uses.last().references, 0) << qPrintable(row.name);
+        taken += row.takers;
+    }
+    EXPECT_GT(taken, 1);
+    EXPECT_TRUE(window->resources()->totals().contains(u"@model"_s)) << qPrintable(window->resources()->totals());
+}
+
+TEST_F(KvoviewTest, AClickSaysWhatIsThere)
+{
+    show(kPipelines + u"forward.json"_s);
+    showModel();
+    const QPoint at(view().width() / 2, view().height() / 2);
+    const Pick pick = view().pickAt(at);
+    ASSERT_TRUE(pick.isHit());
+    QTest::mouseClick(&view(), Qt::LeftButton, {}, at);
+    QString said;
+    for (const QLabel *label : window->findChildren<QLabel *>())
+        if (label->text().startsWith(u"item "_s))
+            said = label->text();
+    EXPECT_TRUE(said.contains(u"item %1"_s.arg(pick.item))) << qPrintable(said);
+    EXPECT_TRUE(said.contains(u"triangle %1"_s.arg(pick.triangle))) << qPrintable(said);
+    EXPECT_TRUE(said.contains(u"material %1"_s.arg(pick.material))) << qPrintable(said);
+}
+
+TEST_F(KvoviewTest, EveryKeyIsInTheListAndDoesWhatItSays)
+{
+    show(kPipelines + u"forward.json"_s);
+    showModel();
+    const QString keys = window->keysText();
+    int shortcuts = 0;
+    for (const QAction *action : window->findChildren<QAction *>()) {
+        if (action->shortcut().isEmpty() || action->associatedObjects().isEmpty())
+            continue;
+        EXPECT_TRUE(keys.contains(action->shortcut().toString(QKeySequence::NativeText).toHtmlEscaped()))
+            << qPrintable(action->text());
+        ++shortcuts;
+    }
+    EXPECT_GT(shortcuts, 25);
+    view().setFocus();
+    QTest::keyClick(&view(), Qt::Key_3);
+    EXPECT_FLOAT_EQ(view().camera().yaw(), 90);
+    QApplication::setActiveWindow(window.get()); // there is no window manager to do it
+    QTest::keyClick(window.get(), Qt::Key_F1);
+    auto *dialog = window->findChild<QWidget *>(u"keysdialog"_s);
+    ASSERT_NE(dialog, nullptr);
+    EXPECT_TRUE(dialog->isVisible());
+    dialog->close();
+    // Panels by their numbers; every widget that takes the focus has a name for who hears it.
+    QTest::keyClick(window.get(), Qt::Key_3, Qt::AltModifier);
+    EXPECT_TRUE(window->inspector()->isVisible());
+    settle();
+    for (const QWidget *widget : window->findChildren<QWidget *>()) {
+        if (widget->focusPolicy() == Qt::NoFocus || !widget->isVisible() || widget->inherits("QTabBar")
+            || widget->inherits("QScrollArea") || widget->inherits("QMenuBar") || widget->inherits("QLabel")
+            || widget->objectName().startsWith(u"qt_"_s) || widget->inherits("QLineEdit"))
+            continue;
+        const QString text = widget->property("text").toString();
+        EXPECT_FALSE(widget->accessibleName().isEmpty() && text.isEmpty())
+            << widget->metaObject()->className() << " in " << widget->parent()->metaObject()->className();
+    }
+}
+
+TEST_F(KvoviewTest, LeftAloneItDrawsNothing)
+{
+    show(kPipelines + u"deferred-model.json"_s);
+    showModel();
+    for (const char *panel : {"resources", "inspector", "messages", "graph"}) {
+        window->showPanel(QLatin1StringView(panel));
+        QTest::qWait(100);
+        settle();
+        const int frames = view().frameCount();
+        QTest::qWait(400);
+        EXPECT_EQ(view().frameCount(), frames) << panel;
+    }
+    click("statistics");
+    settle();
+    const int frames = view().frameCount();
+    QTest::qWait(400);
+    EXPECT_EQ(view().frameCount(), frames);
+    window->resize(900, 620);
+    QTest::qWait(50);
+    settle();
+    EXPECT_EQ(view().grabFramebuffer().size(), view().size() * view().devicePixelRatio());
+}
+
+TEST_F(KvoviewTest, LayoutAndThemeAreKept)
+{
+    {
+        Window first({}, true);
+        first.openPipeline(fileWith(kTwoColors));
+        first.run(0);
+        first.action(u"dark"_s)->setChecked(true);
+        first.showPanel(u"inspector"_s);
+        QTest::qWait(50);
+        first.close();
+    }
+    Window second({}, true);
+    EXPECT_TRUE(second.action(u"dark"_s)->isChecked());
+    EXPECT_LT(QApplication::palette().color(QPalette::Window).lightness(), 100);
+    EXPECT_FALSE(second.findChild<QWidget *>(u"inspector"_s)->isHidden());
+    EXPECT_EQ(QSettings().value(u"recent"_s).toStringList().value(0), path(u"pipeline.json"_s));
+    second.action(u"dark"_s)->setChecked(false);
+    EXPECT_GT(QApplication::palette().color(QPalette::Window).lightness(), 150);
+}
+
+int main(int argc, char **argv)
+{
+    ::testing::InitGoogleTest(&argc, argv);
+    ViewportWidget::setDefaultFormat();
+    const QTemporaryDir settings;
+    QSettings::setDefaultFormat(QSettings::IniFormat);
+    QSettings::setPath(QSettings::IniFormat, QSettings::UserScope, settings.path());
+    const QApplication application(argc, argv);
+    QCoreApplication::setOrganizationName(u"kvo"_s);
+    QCoreApplication::setApplicationName(u"kvoview"_s);
+    MessageCapture::install();
+    GlCalls::install();
+    return RUN_ALL_TESTS();
+}
