@@ -1,5 +1,7 @@
 // The real window of kvoview on a virtual X server, driven as by hands and by files that change.
 
+#include <epoxy/gl.h>
+
 #include "support/glcalls.h"
 #include "support/messages.h"
 #include "support/scenes.h"
@@ -49,7 +51,9 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <limits>
 #include <memory>
+#include <numeric>
 
 using namespace Brevane::Kvo;
 using namespace Brevane::Kvo::Test;
@@ -558,6 +562,173 @@ TEST_F(KvoviewTest, ZoomKeepsTheTexelUnderTheCursor)
     EXPECT_NEAR(textureView.zoom(), 300.0 / 64, 1e-9);
     QTest::keyClick(&textureView, Qt::Key_Right);
     EXPECT_EQ(textureView.hovered(), std::optional(QPoint(33, 16)));
+}
+
+namespace {
+
+// Counts up from the lower left, in steps that all formats of these tests hold exactly.
+float texelValue(int x, int y, int layer, int channel)
+{
+    return 0.25f * float(x) + 2.0f * float(y) + 32.0f * float(layer) + 256.0f * float(channel);
+}
+
+std::vector<float> texelsOf(int width, int height, int layers, int channels)
+{
+    std::vector<float> values;
+    for (int layer = 0; layer < layers; ++layer)
+        for (int y = 0; y < height; ++y)
+            for (int x = 0; x < width; ++x)
+                for (int channel = 0; channel < channels; ++channel)
+                    values.push_back(texelValue(x, y, layer, channel));
+    return values;
+}
+
+void expectCounted(const Texels &texels, int width, int height, int layers, int channels)
+{
+    ASSERT_EQ(texels.size(), QSize(width, height));
+    ASSERT_EQ(texels.layers(), layers);
+    ASSERT_EQ(texels.channels(), channels);
+    for (int layer = 0; layer < layers; ++layer)
+        for (int y = 0; y < height; ++y)
+            for (int x = 0; x < width; ++x)
+                for (int channel = 0; channel < channels; ++channel)
+                    ASSERT_EQ(texels.at({x, height - 1 - y}, layer)[channel], double(texelValue(x, y, layer, channel)))
+                        << x << ", " << y << ", layer " << layer << ", channel " << channel;
+}
+
+} // namespace
+
+TEST_F(KvoviewTest, TexelsAreThoseOfTheTexture)
+{
+    show(fileWith(kTwoColors));
+    view().makeCurrent();
+    QString error;
+    Texels texels;
+    {
+        Texture plane;
+        plane.setTarget(GL_TEXTURE_2D);
+        const AutoBinder bound(&plane);
+        // Three levels of their own content.
+        for (int level = 0, width = 6; level < 3; ++level, width /= 2) {
+            std::vector<float> values = texelsOf(width, std::max(1, 4 >> level), 1, 2);
+            for (float &value : values)
+                value += float(level);
+            glTexImage2D(GL_TEXTURE_2D, level, GL_RG32F, width, std::max(1, 4 >> level), 0, GL_RG, GL_FLOAT,
+                         values.data());
+        }
+        ASSERT_TRUE(Texels::read(&plane, 0, &texels, &error)) << qPrintable(error);
+        expectCounted(texels, 6, 4, 1, 2);
+        EXPECT_EQ(texels.facts().text(), u"2D 6x4 RG32F, 3 levels"_s);
+        ASSERT_TRUE(Texels::read(&plane, 2, &texels, &error)) << qPrintable(error);
+        EXPECT_EQ(texels.size(), QSize(1, 1));
+        EXPECT_EQ(texels.at({0, 0}, 0), (QVector<double>{2, 258}));
+        EXPECT_FALSE(Texels::read(&plane, 3, &texels, &error));
+        EXPECT_TRUE(texels.isEmpty());
+    }
+    {
+        Texture array;
+        array.setTarget(GL_TEXTURE_2D_ARRAY);
+        const AutoBinder bound(&array);
+        const std::vector<float> values = texelsOf(5, 3, 4, 1);
+        glTexImage3D(GL_TEXTURE_2D_ARRAY, 0, GL_R32F, 5, 3, 4, 0, GL_RED, GL_FLOAT, values.data());
+        ASSERT_TRUE(Texels::read(&array, 0, &texels, &error)) << qPrintable(error);
+        expectCounted(texels, 5, 3, 4, 1);
+        // The layers apart: statistics and what is written.
+        for (int layer = 0; layer < 4; ++layer) {
+            const TexelStatistics statistics = texels.statistics(layer, Look());
+            EXPECT_EQ(statistics.least, double(texelValue(0, 0, layer, 0)));
+            EXPECT_EQ(statistics.most, double(texelValue(4, 2, layer, 0)));
+            EXPECT_EQ(statistics.finite, 15);
+            // The mean of an even grid is the middle.
+            EXPECT_NEAR(statistics.mean, (statistics.least + statistics.most) / 2, 1e-9);
+            EXPECT_EQ(std::accumulate(statistics.histogram.begin(), statistics.histogram.end(), qint64(0)), 15);
+            EXPECT_GE(statistics.histogram.front(), 1);
+            EXPECT_GE(statistics.histogram.back(), 1);
+            EXPECT_EQ(texels.layer(layer).values.first(), texelValue(0, 0, layer, 0));
+        }
+        EXPECT_TRUE(texels.at({0, 0}, 4).isEmpty());
+        EXPECT_TRUE(texels.at({5, 0}, 0).isEmpty());
+    }
+    {
+        Texture cube;
+        cube.setTarget(GL_TEXTURE_CUBE_MAP);
+        const AutoBinder bound(&cube);
+        const std::vector<float> values = texelsOf(2, 2, 6, 4);
+        for (int face = 0; face < 6; ++face)
+            glTexImage2D(GL_TEXTURE_CUBE_MAP_POSITIVE_X + GLenum(face), 0, GL_RGBA32F, 2, 2, 0, GL_RGBA, GL_FLOAT,
+                         values.data() + face * 16);
+        ASSERT_TRUE(Texels::read(&cube, 0, &texels, &error)) << qPrintable(error);
+        expectCounted(texels, 2, 2, 6, 4);
+        EXPECT_TRUE(texels.facts().text().contains(u"6 faces"_s));
+    }
+    view().doneCurrent();
+}
+
+TEST_F(KvoviewTest, WhatIsNoNumberIsCountedAndMarked)
+{
+    show(fileWith(kTwoColors));
+    view().makeCurrent();
+    Texels texels, whole, other;
+    QString error;
+    {
+        constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+        constexpr float kInf = std::numeric_limits<float>::infinity();
+        const float values[] = {0.0f, 1.0f, kNaN, kInf, -kInf, 3.0f};
+        Texture texture;
+        texture.setTarget(GL_TEXTURE_2D);
+        const AutoBinder bound(&texture);
+        glTexImage2D(GL_TEXTURE_2D, 0, GL_R32F, 6, 1, 0, GL_RED, GL_FLOAT, values);
+        ASSERT_TRUE(Texels::read(&texture, 0, &texels, &error)) << qPrintable(error);
+        const quint32 ids[] = {0, 1, 2, 4000000000u, 2, 0};
+        Texture integers;
+        integers.setTarget(GL_TEXTURE_2D);
+        const AutoBinder alsoBound(&integers);
+        glTexImage2D(GL_TEXTURE_2D, 0, GL_R32UI, 6, 1, 0, GL_RED_INTEGER, GL_UNSIGNED_INT, ids);
+        ASSERT_TRUE(Texels::read(&integers, 0, &whole, &error)) << qPrintable(error);
+    }
+    view().doneCurrent();
+    const TexelStatistics statistics = texels.statistics(0, Look());
+    EXPECT_EQ(statistics.finite, 3);
+    EXPECT_EQ(statistics.notNumbers, 1);
+    EXPECT_EQ(statistics.infinities, 2);
+    EXPECT_EQ(statistics.least, 0.0);
+    EXPECT_EQ(statistics.most, 3.0);
+    Look look;
+    look.high = 2.0;
+    const QImage marked = texels.picture(0, look);
+    EXPECT_EQ(marked.pixel(0, 0), qRgb(0, 0, 0));
+    EXPECT_EQ(marked.pixel(1, 0), qRgb(128, 128, 128));
+    EXPECT_EQ(marked.pixel(2, 0), qRgb(255, 0, 255));
+    EXPECT_EQ(marked.pixel(3, 0), qRgb(255, 220, 0));
+    EXPECT_EQ(marked.pixel(4, 0), qRgb(0, 220, 255));
+    EXPECT_EQ(marked.pixel(5, 0), qRgb(255, 255, 255));
+
+    EXPECT_TRUE(whole.isInteger());
+    EXPECT_EQ(whole.at({3, 0}, 0), QVector<double>{4000000000.0});
+    look.channels = Look::Channels::Ids;
+    const QImage colors = whole.picture(0, look);
+    EXPECT_EQ(colors.pixel(0, 0), qRgb(0, 0, 0));
+    EXPECT_EQ(colors.pixel(2, 0), colors.pixel(4, 0));
+    EXPECT_NE(colors.pixel(1, 0), colors.pixel(2, 0));
+    EXPECT_NE(colors.pixel(3, 0), colors.pixel(2, 0));
+    EXPECT_FALSE(Texels::difference(texels, Texels(), &other, &error));
+    ASSERT_TRUE(Texels::difference(whole, whole, &other, &error));
+    EXPECT_EQ(other.at({3, 0}, 0), QVector<double>{0.0});
+}
+
+TEST_F(KvoviewTest, DepthBecomesDistance)
+{
+    QMatrix4x4 perspective, orthographic;
+    perspective.perspective(50, 1.5f, 0.5f, 40);
+    orthographic.ortho(-2, 2, -2, 2, 0.5f, 40);
+    for (const QMatrix4x4 &projection : {perspective, orthographic}) {
+        for (const float distance : {0.5f, 0.9f, 3.0f, 17.0f, 40.0f}) {
+            const QVector4D clip = projection * QVector4D(0, 0, -distance, 1);
+            const double depth = 0.5 * double(clip.z()) / double(clip.w()) + 0.5;
+            // Floats in the matrix; near the far plane a step of depth is wide.
+            EXPECT_NEAR(Texels::linearDepth(depth, projection), double(distance), 2e-4 * double(distance * distance));
+        }
+    }
 }
 
 // Files
