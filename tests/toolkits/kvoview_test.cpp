@@ -40,6 +40,7 @@
 #include <QFile>
 #include <QLabel>
 #include <QMimeData>
+#include <QProcess>
 #include <QSettings>
 #include <QSignalSpy>
 #include <QSlider>
@@ -1032,6 +1033,132 @@ TEST_F(KvoviewTest, LayoutAndThemeAreKept)
     EXPECT_EQ(QSettings().value(u"recent"_s).toStringList().value(0), path(u"pipeline.json"_s));
     second.action(u"dark"_s)->setChecked(false);
     EXPECT_GT(QApplication::palette().color(QPalette::Window).lightness(), 150);
+}
+
+TEST_F(KvoviewTest, GridAndAxesLieBehindThePicture)
+{
+    ViewOptions options;
+    options.pipeline.background = QColor(10, 20, 30);
+    show(kPipelines + u"forward.json"_s, options);
+    showModel();
+    view().setSelecting(false);
+    const QImage plain = picture();
+    EXPECT_EQ(plain.pixelColor(3, 3), QColor(10, 20, 30));
+    const QPoint at(plain.width() / 2, plain.height() / 2);
+    click("grid");
+    const QImage grid = picture();
+    EXPECT_GT(differing(plain, grid), 0.005);
+    EXPECT_EQ(grid.pixelColor(at), plain.pixelColor(at)) << "the box is in front";
+    click("axes");
+    const QImage axes = picture();
+    // The x axis a good way beside the boxes, along which it runs: red there.
+    OrbitCamera camera = view().camera();
+    const GPUModel::BoundingBox box = camera.scene();
+    const float side = std::max(
+        {box.maximum.x() - box.minimum.x(), box.maximum.y() - box.minimum.y(), box.maximum.z() - box.minimum.z()});
+    const QSizeF size = axes.size();
+    int red = 0;
+    for (float share = 0.75f; share < 0.99f; share += 0.02f) {
+        const std::optional<QPointF> place = camera.project({side * share, 0, 0}, size);
+        const std::optional<QPointF> height = camera.project({0, side * share, 0}, size);
+        ASSERT_TRUE(place && height);
+        for (const auto &[point, isX] : {std::pair(*place, true), std::pair(*height, false)}) {
+            const QPoint pixel(int(point.x()), int(point.y()));
+            if (!axes.rect().contains(pixel) || view().pickAt(pixel).isHit())
+                continue;
+            const QColor color = axes.pixelColor(pixel);
+            EXPECT_TRUE(isX ? color.red() > 2 * color.green() : color.green() > 2 * color.red()) << share;
+            ++red;
+        }
+    }
+    EXPECT_GT(red, 5);
+    click("axes");
+    click("grid");
+    EXPECT_EQ(picture(), plain);
+    EXPECT_EQ(view().grabPicture({64, 48}).pixelColor(1, 1), QColor(10, 20, 30));
+}
+
+// What lets light through is laid on the background in the same way by both.
+TEST_F(KvoviewTest, OpacityMeansTheSameAsForKvorender)
+{
+    for (const QString &name : {u"forward"_s, u"viewport"_s, u"oit"_s}) {
+        const QString model = kEngine;
+        QProcess kvorender;
+        kvorender.start(QCoreApplication::applicationDirPath() + u"/kvorender"_s,
+                        {model, u"-p"_s, name, u"--opacity"_s, u"0.4"_s, u"--scale"_s, u"fit"_s, u"--floor"_s, u"-s"_s,
+                         u"320x200"_s, u"-c"_s, u"yaw=30:pitch=15"_s, u"--background"_s, u"#203040"_s, u"-n"_s, u"2"_s,
+                         u"-q"_s, u"-o"_s, path(u"r.png"_s)});
+        ASSERT_TRUE(kvorender.waitForFinished(120000));
+        ASSERT_EQ(kvorender.exitCode(), 0) << kvorender.readAllStandardError().constData();
+        ViewOptions options;
+        options.scene.scale = SceneSettings::kScaleToFit;
+        options.scene.floor = true;
+        options.scene.opacities = {{QString(), 0.4f}};
+        options.pipeline.camera = u"yaw=30:pitch=15"_s;
+        options.pipeline.background = QColor(0x20, 0x30, 0x40);
+        options.size = QSize(320, 200);
+        show(kPipelines + name + u".json"_s, options);
+        view().setMaximumSize(320, 200);
+        ASSERT_TRUE(waitFor([this] { return view().size() == QSize(320, 200); }));
+        window->openModel(model);
+        ASSERT_TRUE(waitFor([this] { return !window->modelImport()->isRunning(); }));
+        const QImage shown = picture();
+        const QImage expected(path(u"r.png"_s));
+        ASSERT_EQ(shown.size(), expected.size());
+        // Planes near and far are found in two ways: pixels on edges may fall to either side.
+        EXPECT_LT(differing(shown, expected), 0.01) << qPrintable(name);
+        window.reset();
+    }
+}
+
+// The pictures of docs/kvoview.md, with KVO_WRITE_DOCS set.
+TEST_F(KvoviewTest, PicturesOfThePanels)
+{
+    if (!qEnvironmentVariableIsSet("KVO_WRITE_DOCS"))
+        GTEST_SKIP() << "KVO_WRITE_DOCS is not set";
+    const QString images = QStringLiteral(KVO_SOURCE_DIR "/docs/images/");
+    const auto save = [&](const char *name) {
+        settle();
+        QTest::qWait(600);
+        settle();
+        EXPECT_TRUE(window->QWidget::grab().save(images + QLatin1StringView(name)));
+    };
+    ViewOptions options;
+    options.scene.scale = SceneSettings::kScaleToFit;
+    options.scene.floor = true;
+    show(kPipelines + u"viewport.json"_s, options);
+    window->resize(1400, 900);
+    window->action(u"dark"_s)->setChecked(true);
+    window->openModel(kEngine);
+    ASSERT_TRUE(waitFor([this] { return !window->modelImport()->isRunning(); }, 60000));
+    session().choosePass(u"Obscurance"_s);
+    view().setRunning(true);
+    QTest::qWait(6000);
+    view().setRunning(false);
+    click("statistics");
+    save("kvoview.png");
+    window->showPanel(u"resources"_s);
+    view().invalidate();
+    save("kvoview-resources.png");
+    window->showPanel(u"inspector"_s);
+    window->inspector()->lookAt(u"Model"_s, u"Depth"_s);
+    window->inspector()->findChild<QComboBox *>(u"channels"_s)->setCurrentText(u"Depth, linear"_s);
+    settle();
+    TextureView *texture = window->inspector()->textureView();
+    texture->setZoom(16);
+    texture->setHovered(texture->texelAt(QPointF(texture->width() / 2.0, texture->height() / 2.0)));
+    window->showPanel(u"graph"_s);
+    save("kvoview-textures.png");
+
+    window->action(u"dark"_s)->setChecked(false);
+    window->findChild<QWidget *>(u"inspector"_s)->hide();
+    write(path(u"fill.frag"_s), kShader);
+    window->openPipeline(fileWith(kShaderFile));
+    settle();
+    QByteArray broken = kShader;
+    write(path(u"fill.frag"_s), broken.replace("vec4(Kvo", "vec4(Sun"));
+    ASSERT_TRUE(waitFor([this] { return !window->problem().isEmpty(); }, 5000));
+    save("kvoview-error.png");
 }
 
 int main(int argc, char **argv)

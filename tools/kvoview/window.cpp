@@ -48,6 +48,10 @@ Window::Window(const ViewOptions &options, bool keepsSettings)
     _view->setMinimumSize(160, 90);
     _view->setAccessibleName(tr("Picture"));
     _view->setTimingEnabled(true);
+    Backdrop backdrop{QColor(0x4a, 0x50, 0x5a), QColor(0x22, 0x24, 0x28)};
+    if (options.pipeline.background.isValid())
+        backdrop = {options.pipeline.background, QColor()};
+    _view->setBackdrop(backdrop);
     _banner->setWordWrap(true);
     _banner->setTextInteractionFlags(Qt::TextSelectableByMouse);
     _banner->setStyleSheet(u"background: #a02020; color: white; padding: 4px"_s);
@@ -296,6 +300,14 @@ void Window::run(int frames)
         _view->setRunning(true);
     if (!isVisible())
         show();
+    // The panels keep what they have; the window is as large as the picture wants it.
+    if (!_options.size.isEmpty()) {
+        const QSize wanted = _options.size / _view->devicePixelRatio();
+        _view->setMinimumSize(wanted);
+        if (frames > 0)
+            _view->setMaximumSize(wanted);
+        resize(size() + wanted - _view->size());
+    }
 }
 
 bool Window::grab(const QString &file)

@@ -101,6 +101,7 @@ private:
     QAction *addSwitch(QMenu *menu, const QString &name, const QString &text, const QKeySequence &keys, bool isOn,
                        const std::function<void(bool)> &run);
     void fillRecent(QMenu *menu);
+    void chooseBackground();
     void chooseFile();
     void saveAs();
     void exportPicture();

@@ -14,6 +14,7 @@
 #include <QAction>
 #include <QApplication>
 #include <QClipboard>
+#include <QColorDialog>
 #include <QComboBox>
 #include <QDialog>
 #include <QDialogButtonBox>
@@ -176,6 +177,19 @@ void Window::makeViewMenu()
     key(u"perspective"_s, tr("Perspective or not"), Qt::Key_5,
         [this] { _view->setOrthographic(!_view->camera().isOrthographic()); });
     menu->addSeparator();
+    const auto backdrop = [this](bool Backdrop::*part) {
+        return [this, part](bool isOn) {
+            Backdrop changed = _view->backdrop();
+            changed.*part = isOn;
+            _view->setBackdrop(changed);
+        };
+    };
+    addSwitch(menu, u"grid"_s, tr("Grid on the ground"), QKeySequence(Qt::CTRL | Qt::Key_G), false,
+              backdrop(&Backdrop::grid));
+    addSwitch(menu, u"axes"_s, tr("Axes"), QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_G), false,
+              backdrop(&Backdrop::axes));
+    addAction(menu, u"background"_s, tr("Background…"), QKeySequence(Qt::CTRL | Qt::Key_B),
+              [this] { chooseBackground(); });
     addSwitch(menu, u"statistics"_s, tr("Statistics over the picture"), QKeySequence(Qt::CTRL | Qt::Key_I), false,
               [this](bool isOn) {
                   _overlay->setVisible(isOn);
@@ -212,6 +226,18 @@ void Window::makePanelMenu()
         action->setShortcut(QKeySequence(Qt::ALT | Qt::Key(int(Qt::Key_0) + number++)));
         _panelMenu->addAction(action);
     }
+}
+
+void Window::chooseBackground()
+{
+    const QColor color = QColorDialog::getColor(_view->backdrop().top, this, tr("Background"));
+    if (!color.isValid())
+        return;
+    Backdrop changed = _view->backdrop();
+    changed.top = color;
+    changed.bottom = QColor();
+    _options.pipeline.background = color;
+    _view->setBackdrop(changed);
 }
 
 void Window::chooseFile()

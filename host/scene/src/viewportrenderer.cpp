@@ -110,6 +110,7 @@ public:
     void setAccumulationsDirty(bool dirty);
     bool prepare(QStringList *errors);
     bool draw(FramebufferObject *screen, const QSize &size, ViewportFrame *frame);
+    void drawBackdrop(FramebufferObject *screen, const QSize &size);
     void drawOutline(FramebufferObject *screen, const QSize &size);
     void startPick(const QRect &area, const QSize &size);
     void releaseModels();
@@ -127,6 +128,7 @@ public:
     QVector<int> selection;
     QColor outlineColor{0xff, 0x9a, 0x1f};
     float outlineWidth = 2.0f;
+    Backdrop backdrop;
     int askedSettlingFrames = -1;
 
     // What GL holds
@@ -138,6 +140,7 @@ public:
     QVector<int> materials; ///< By draw.
     std::unique_ptr<PickPass> picker;
     std::unique_ptr<OutlinePass> outline;
+    BackdropPainter backdropPainter;
 
     bool fileIsDue = false;
     bool slotsAreDue = false;
@@ -314,6 +317,14 @@ bool ViewportRendererPrivate::draw(FramebufferObject *screen, const QSize &size,
     // The framebuffer is the caller's, and need not outlive the frame.
     pipeline->setScreen(nullptr);
     return isDrawn;
+}
+
+void ViewportRendererPrivate::drawBackdrop(FramebufferObject *screen, const QSize &size)
+{
+    const QVector3D box = camera.scene().maximum - camera.scene().minimum;
+    backdropPainter.draw(screen, size, backdrop, camera.cameraMatrix(),
+                         camera.projectionMatrix(float(size.width()) / float(size.height())), camera.up(),
+                         std::max({box.x(), box.y(), box.z()}));
 }
 
 void ViewportRendererPrivate::drawOutline(FramebufferObject *screen, const QSize &size)
@@ -500,6 +511,19 @@ void ViewportRenderer::setOutline(const QColor &color, float width)
     d->changed();
 }
 
+void ViewportRenderer::setBackdrop(const Backdrop &backdrop)
+{
+    if (backdrop == d->backdrop)
+        return;
+    d->backdrop = backdrop;
+    d->changed();
+}
+
+const Backdrop &ViewportRenderer::backdrop() const
+{
+    return d->backdrop;
+}
+
 bool ViewportRenderer::needsFrame() const
 {
     return d->isChanged || d->framesDue > 0 || (d->pipeline && d->pipeline->uses(QStringLiteral("frame")));
@@ -538,6 +562,7 @@ ViewportFrame ViewportRenderer::render(FramebufferObject *screen, const QSize &s
         frame.isDrawn = d->draw(screen, size, &frame);
     }
     if (frame.isDrawn) {
+        d->drawBackdrop(screen, size);
         d->drawOutline(screen, size);
         ++d->frames;
     } else if (currentShareGroup() != 0) {
@@ -584,9 +609,10 @@ QImage ViewportRenderer::grab(const QSize &size, QString *error)
         d->setAccumulationsDirty(i == 0);
         isDrawn = d->draw(target.framebuffer(), size, &frame);
     }
-    if (isDrawn)
+    if (isDrawn) {
+        d->drawBackdrop(target.framebuffer(), size);
         picture = target.image(error);
-    else
+    } else
         fail(error, frame.errors.join(u'\n'));
     // What has gathered is of another picture now.
     d->changed();

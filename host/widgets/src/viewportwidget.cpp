@@ -317,6 +317,17 @@ void ViewportWidget::setUp(const QVector3D &up)
     change(turned);
 }
 
+void ViewportWidget::setBackdrop(const Backdrop &backdrop)
+{
+    d->renderer.setBackdrop(backdrop);
+    update();
+}
+
+Backdrop ViewportWidget::backdrop() const
+{
+    return d->renderer.backdrop();
+}
+
 Pick ViewportWidget::pickAt(const QPoint &position)
 {
     const Current current(this);

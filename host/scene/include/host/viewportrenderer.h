@@ -1,5 +1,6 @@
 #pragma once
 
+#include "host/backdrop.h"
 #include "host/export.h"
 #include "host/orbitcamera.h"
 #include "host/pickpass.h"
@@ -93,6 +94,9 @@ public:
     void setSelection(const QVector<int> &items);
     QVector<int> selection() const;
     void setOutline(const QColor &color, float width);
+    /// What shows behind the picture, also in those of grab; nothing at first: the picture keeps its alpha.
+    void setBackdrop(const Backdrop &backdrop);
+    const Backdrop &backdrop() const;
 
     // Frames
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "host/backdrop.h"
 #include "host/export.h"
 #include "host/orbitcamera.h"
 #include "host/pickpass.h"
@@ -86,6 +87,9 @@ public:
 
     OrbitCamera camera() const;
     void setCamera(const OrbitCamera &camera);
+    /// See ViewportRenderer::setBackdrop.
+    void setBackdrop(const Backdrop &backdrop);
+    Backdrop backdrop() const;
     /// Shows all.
     void fit();
     void look(OrbitCamera::View view);
