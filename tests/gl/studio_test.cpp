@@ -1,16 +1,21 @@
 #include "support/gltest.h"
 #include "support/image.h"
 #include "support/messages.h"
+#include "support/scenes.h"
 
 #include <gl/texture.h>
 #include <host/environmentpass.h>
+#include <host/imageinput.h>
+#include <host/imageoutput.h>
 #include <host/pipeline.h>
 #include <host/pipelinefile.h>
 #include <host/screentarget.h>
+#include <model/gpumodel.h>
 #include <renderpasses/shaderrenderpass.h>
 
 #include <QMatrix4x4>
 #include <QRect>
+#include <QTemporaryDir>
 
 #include <array>
 #include <cmath>
@@ -311,6 +316,14 @@ TEST_F(Studio, SpheresShowWhatTheIntegralOverTheEnvironmentGives)
     EXPECT_LE(together, 0.02);
 }
 
+// What a display gets of a grey that is stored as a code from 0 to 1, by the formulas of sRGB and of the film.
+double shownCode(double code)
+{
+    const double light = code <= 0.04045 ? code / 12.92 : std::pow((code + 0.055) / 1.055, 2.4);
+    const double film = light <= 0.7 ? light : 1 - 0.09 / (light - 0.7 + 0.3);
+    return 255 * (film <= 0.0031308 ? 12.92 * film : 1.055 * std::pow(film, 1 / 2.4) - 0.055);
+}
+
 // Up to the shoulder of the film curve greys leave as the codes that they came with.
 TEST_F(Studio, AGreyRampKeepsItsCodes)
 {
@@ -327,11 +340,6 @@ TEST_F(Studio, AGreyRampKeepsItsCodes)
     owned->setScreen(screen.framebuffer());
     ASSERT_TRUE(owned->render(nullptr, &error)) << error.toStdString();
     const QImage picture = screen.image(&error);
-    const auto shown = [](double code) {
-        const double light = code <= 0.04045 ? code / 12.92 : std::pow((code + 0.055) / 1.055, 2.4);
-        const double film = light <= 0.7 ? light : 1 - 0.09 / (light - 0.7 + 0.3);
-        return 255 * (film <= 0.0031308 ? 12.92 * film : 1.055 * std::pow(film, 1 / 2.4) - 0.055);
-    };
     for (int x = 0; x < 256; ++x) {
         double mean = 0;
         for (int y = 0; y < 64; ++y) {
@@ -339,11 +347,66 @@ TEST_F(Studio, AGreyRampKeepsItsCodes)
             ASSERT_EQ(qRed(pixel), qGreen(pixel));
             ASSERT_EQ(qRed(pixel), qBlue(pixel));
             // The noise and the rounding: half a step each; half floats near 1 add some.
-            ASSERT_NEAR(qRed(pixel), shown(x / 255.0), 1.15) << x << " " << y;
+            ASSERT_NEAR(qRed(pixel), shownCode(x / 255.0), 1.15) << x << " " << y;
             mean += qRed(pixel) / 64.0;
         }
         // The noise has no bias; half floats near 1 have steps of an eighth of a code.
-        EXPECT_NEAR(mean, shown(x / 255.0), 0.2) << x;
+        EXPECT_NEAR(mean, shownCode(x / 255.0), 0.2) << x;
     }
     EXPECT_EQ(qRed(picture.pixel(0, 0)), 0);
+}
+
+// The same from an image file on a surface that is not lit, through the whole pipeline, to an image file.
+TEST_F(Studio, AGreyRampGoesFromFileToFile)
+{
+    const QTemporaryDir folder;
+    QString error;
+    QImage ramp(256, 16, QImage::Format_RGB32);
+    for (int y = 0; y < ramp.height(); ++y)
+        for (int x = 0; x < 256; ++x)
+            ramp.setPixel(x, y, qRgb(x, x, x));
+    ASSERT_TRUE(writeImage(ramp, folder.filePath(u"ramp.png"_s), &error)) << error.toStdString();
+
+    ModelData data;
+    data.meshes << quadMesh();
+    data.materials.resize(1);
+    ModelSurface surface;
+    surface.isUnlit = true;
+    surface.map_baseColor = readImage(folder.filePath(u"ramp.png"_s), &error);
+    ASSERT_FALSE(surface.map_baseColor.isNull()) << error.toStdString();
+    data.materials[0].surface = surface;
+    data.items.resize(1);
+    GPUModel model;
+    ASSERT_TRUE(model.upload(data));
+
+    const MessageCapture messages; // shadow passes tell their path
+    ASSERT_TRUE(loadPipeline(u"" KVO_SOURCE_DIR "/pipelines/studio.json"_s, owned.get(), nullptr));
+    set("Develop.Exposure", 1.0f);
+    set("Develop.Adaptation", 0.0f);
+    set("Develop.Glow", 0.0f);
+    QMatrix4x4 projection;
+    projection.ortho(-1, 1, -1, 1, 1, 9);
+    QMatrix4x4 camera;
+    camera.translate(0, 0, -5);
+    owned->setCamera(camera, projection, 1, 9);
+    owned->setViewport(QRect(0, 0, 256, 64));
+    owned->setModel(&model);
+    ScreenTarget screen;
+    ASSERT_TRUE(screen.resize(QSize(256, 64), &error)) << error.toStdString();
+    owned->setScreen(screen.framebuffer());
+    ASSERT_TRUE(owned->render(nullptr, &error)) << error.toStdString();
+    ASSERT_TRUE(writeImage(screen.image(&error), folder.filePath(u"out.png"_s), &error)) << error.toStdString();
+
+    const QImage picture(folder.filePath(u"out.png"_s));
+    ASSERT_EQ(picture.size(), QSize(256, 64));
+    for (int x = 0; x < 256; ++x) {
+        double mean = 0;
+        for (int y = 8; y < 56; ++y) {
+            ASSERT_NEAR(qRed(picture.pixel(x, y)), shownCode(x / 255.0), 1.15) << x << " " << y;
+            mean += qRed(picture.pixel(x, y)) / 48.0;
+        }
+        // Powers of software renderers are approximate, there and back.
+        EXPECT_NEAR(mean, shownCode(x / 255.0), 0.6) << x;
+    }
+    owned.reset();
 }
