@@ -5,6 +5,7 @@
 #include "gl/givenup.h"
 #include "gl/glinfo.h"
 #include "gl/guards.h"
+#include "gl/picturewindow.h"
 #include "gl/pixelstore.h"
 #include "gl/sampling.h"
 #include "gl/storage.h"
@@ -63,6 +64,11 @@ void replaceTarget(FramebufferObject *framebuffer, unsigned int attachment, cons
         delete framebuffer->detach(attachment);
     Texture *texture = makeTexture(format, extent);
     texture->setParent(framebuffer);
+    // What repeats finds the other side of the picture beyond its edge. Of a part that would be its middle.
+    if (PictureWindow::current().isPart()) {
+        const StorageBinder bound(texture);
+        texture->setWrap(GL_CLAMP_TO_EDGE);
+    }
     if (!framebuffer->attach(texture, attachment, 0))
         delete texture;
 }

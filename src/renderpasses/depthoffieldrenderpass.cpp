@@ -4,6 +4,7 @@
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
+#include "gl/picturewindow.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "passkit/limits.h"
@@ -47,6 +48,7 @@ uniform float fstop;
 uniform bool autofocus;
 uniform vec2 focus = vec2(0.5, 0.5);
 uniform bool showFocus = false;
+uniform vec4 u_Picture;              // of which this is a part: where it begins, and its size; 0 in a whole one
 
 const float PI = 3.14159265;
 
@@ -205,7 +207,10 @@ void main()
   }
   blur = clamp(blur, 0.0, 1.0);
 
-  vec2 noise = rand(vo_TexCoord.xy) * namount * blur;
+  // Of a part of a picture the noise is that of the whole.
+  vec2 noise = u_Picture.z > 0.0
+             ? rand((gl_FragCoord.xy + u_Picture.xy) / u_Picture.zw) * (namount * blur) * u_Picture.zw * texel
+             : rand(vo_TexCoord.xy) * namount * blur;
   float w = (1.0 / width) * blur * maxblur + noise.x;
   float h = (1.0 / height) * blur * maxblur + noise.y;
 
@@ -356,6 +361,9 @@ void DepthOfFieldRenderPass::start(RenderCallbacks *)
         _program->setUniform(QStringLiteral("fstop"), fStop);
         _program->setUniform(QStringLiteral("autofocus"), autoFocus);
         _program->setUniform(QStringLiteral("focus"), focus);
+        const PictureWindow &window = PictureWindow::current();
+        _program->setUniform(QStringLiteral("u_Picture"),
+                             QVector4D(float(window.x), float(window.y), float(window.width), float(window.height)));
         AutoBinder quad(_quad);
         _quad->draw();
     }

@@ -4,6 +4,7 @@
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
+#include "gl/picturewindow.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "passkit/limits.h"
@@ -141,7 +142,7 @@ void GBufferRenderPass::start(RenderCallbacks *)
     if (!scope)
         return;
     const Extent extent = extentOf(*this, kViewport);
-    glViewport(0, 0, extent.width, extent.height);
+    PictureWindow::current().setViewport(extent.width, extent.height);
     const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
     const auto camera = qvariant_cast<QMatrix4x4>(_inputs[kCameraMatrix].value);
     // One value stands for a list of it. Most frames have one, so no list is made for it.

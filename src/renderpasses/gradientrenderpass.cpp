@@ -4,6 +4,7 @@
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
+#include "gl/picturewindow.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "passkit/glstate.h"
@@ -75,6 +76,22 @@ void fillSolid(const QColor &color, bool canDraw)
         glClear(GL_COLOR_BUFFER_BIT);
 }
 
+// In a part of a picture for which the driver has no viewport, the colours are those at the part's edges.
+void setColors(ShaderProgram *program, const QColor &top, const QColor &bottom, int height)
+{
+    const PictureWindow &window = PictureWindow::current();
+    if (!window.isPart() || window.fitsViewport()) {
+        program->setUniform(QStringLiteral("u_ColorTop"), QVariant(top));
+        program->setUniform(QStringLiteral("u_ColorBottom"), QVariant(bottom));
+        return;
+    }
+    const auto vectorOf = [](const QColor &c) { return QVector4D(c.redF(), c.greenF(), c.blueF(), c.alphaF()); };
+    const QVector4D below = vectorOf(bottom);
+    const QVector4D rise = (vectorOf(top) - below) / float(window.height);
+    program->setUniform(QStringLiteral("u_ColorTop"), below + rise * float(window.y + height));
+    program->setUniform(QStringLiteral("u_ColorBottom"), below + rise * float(window.y));
+}
+
 constexpr SlotInfo kInputInfo[] = {
     {.name = "Kvo_QRect_Viewport", .meaning = "size of the target", .kind = SlotKind::Area, .unit = "pixels"},
     {.name = "Kvo_QColor_ColorTop",
@@ -130,15 +147,14 @@ void GradientRenderPass::start(RenderCallbacks *)
         NeutralState neutral(kState);
         AutoBinder fbo(_fbo);
         _fbo->setDrawBuffers();
-        glViewport(0, 0, extent.width, extent.height);
+        PictureWindow::current().setViewport(extent.width, extent.height);
         disable({GL_DEPTH_TEST, GL_STENCIL_TEST, GL_BLEND, GL_CULL_FACE});
         openColorMask();
         if (!hasValue(bottom)) {
             fillSolid(qvariant_cast<QColor>(top), canDraw);
         } else {
             AutoBinder program(_shaderProgram);
-            _shaderProgram->setUniform(QStringLiteral("u_ColorTop"), QVariant(qvariant_cast<QColor>(top)));
-            _shaderProgram->setUniform(QStringLiteral("u_ColorBottom"), QVariant(qvariant_cast<QColor>(bottom)));
+            setColors(_shaderProgram, qvariant_cast<QColor>(top), qvariant_cast<QColor>(bottom), extent.height);
             AutoBinder quad(_quad);
             if (canDraw && (!_quad || !_quad->draw()))
                 setErrorCode(static_cast<unsigned int>(-1));

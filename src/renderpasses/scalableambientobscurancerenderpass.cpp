@@ -8,6 +8,7 @@
 #include "gl/glslmacroprocessor.h"
 #include "gl/guards.h"
 #include "gl/opengldevicecontext.h"
+#include "gl/picturewindow.h"
 #include "gl/sampling.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
@@ -105,6 +106,7 @@ uniform vec4 projInfo;
 uniform float u_NumSamples;
 uniform int u_LogMaxOffset;
 uniform float u_NumSpiralTurns;
+uniform ivec2 u_Origin; // of the part of a picture that this is
 
 in vec2 vo_TexCoord;
 
@@ -183,7 +185,8 @@ void main()
   vec3 C = getPosition(ssC);
   if(C.z < FAR_PLANE_Z)
     discard;
-  float randomPatternRotationAngle = (3.0 * float(ssC.x ^ ssC.y) + float(ssC.x * ssC.y)) * 10.0;
+  ivec2 place = ssC + u_Origin;
+  float randomPatternRotationAngle = (3.0 * float(place.x ^ place.y) + float(place.x * place.y)) * 10.0;
 
 #if defined(NORMAL_CALCULATE)
   vec3 n_C = -reconstructCSFaceNormal(C);
@@ -219,6 +222,14 @@ void main()
   out_FragColor = vec4(vec3(A),1);
 }
 )");
+
+// In texels of the target.
+QPoint originIn(const PictureWindow &window, const QRect &viewport, int width, int height)
+{
+    if (!window.isPart() || viewport.isEmpty())
+        return {};
+    return {int(qint64(window.x) * width / viewport.width()), int(qint64(window.y) * height / viewport.height())};
+}
 
 constexpr int kGLSL400 = 40; // the OpenGL version that brought it
 constexpr int kMostLogOffset = 1000; // more than any float has an exponent
@@ -439,6 +450,8 @@ void ScalableAmbientObscuranceRenderPass::draw(Texture *depth, Texture *position
         program->setUniform(QStringLiteral("u_NumSamples"), numSamples);
         program->setUniform(QStringLiteral("u_LogMaxOffset"), logMaxOffset);
         program->setUniform(QStringLiteral("u_NumSpiralTurns"), numSpiralTurns);
+        program->setUniform(QStringLiteral("u_Origin"),
+                            originIn(PictureWindow::current(), _inputs[kViewport].value.toRect(), _width, _height));
 
         // Every time: the program may be another one than in the frame before.
         if (canDraw)

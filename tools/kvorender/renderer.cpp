@@ -1,5 +1,6 @@
 #include "renderer.h"
 
+#include "gl/opengldevicecontext.h"
 #include "gl/texture.h"
 #include "host/fragmentlists.h"
 #include "host/imagecomparison.h"
@@ -11,6 +12,7 @@
 #include "report.h"
 #include "scene.h"
 #include "shadows/shadowmaprenderdata.h"
+#include "tiledpicture.h"
 
 #include <epoxy/gl.h>
 
@@ -31,6 +33,10 @@ constexpr qsizetype kMostPipelines = 8;
 constexpr qsizetype kBytesPerKilobyte = 1024;
 constexpr qsizetype kKilobytesPerMegabyte = 1024;
 constexpr unsigned kSeed = 1;
+// Up to here a picture is made in one piece where the driver can, and beyond, where its pipeline cannot be in tiles.
+constexpr qint64 kUsualPixels = qint64(8192) * 8192;
+constexpr int kLargestWindow = 8192;
+constexpr qint64 kMostPixels = 2 * kUsualPixels;
 
 // Whether a frame of it depends on those before, or on how many there were: such a pipeline begins anew for every
 // picture.
@@ -109,11 +115,11 @@ Renderer::~Renderer() = default;
 int Renderer::run(const CommandLine &commandLine)
 {
     Rendered rendered = render(commandLine);
-    const qsizetype errors = rendered.errors.size();
+    const qsizetype errors = rendered.errors.size(), files = rendered.files.size();
     write(&rendered, commandLine);
     for (const QString &error : rendered.errors.mid(errors))
         complain(error);
-    if (!commandLine.output.isEmpty() && rendered.files.contains(commandLine.output))
+    if (rendered.files.size() > files)
         progress(QStringLiteral("wrote %1").arg(commandLine.output));
     return rendered.exitCode;
 }
@@ -124,11 +130,18 @@ Rendered Renderer::render(const CommandLine &commandLine)
     _rendered = Rendered();
     _listPass.clear();
     _compared.clear();
+    _isTiled = false;
+    const auto all = [this](std::initializer_list<Step> steps) {
+        return std::all_of(steps.begin(), steps.end(), [this](Step step) { return (this->*step)(); });
+    };
     // What can fail early and cheaply does; but some passes look at the context when they are made.
-    for (const Step step : {&Renderer::openContext, &Renderer::loadPipeline, &Renderer::checkOutputs,
-                            &Renderer::loadModel, &Renderer::prepare, &Renderer::renderFrames, &Renderer::takePicture})
-        if (!(this->*step)())
-            break;
+    if (all({&Renderer::openContext, &Renderer::loadPipeline, &Renderer::checkOutputs, &Renderer::loadModel,
+             &Renderer::planTiles})) {
+        if (_isTiled)
+            renderTiles();
+        else
+            all({&Renderer::prepare, &Renderer::renderFrames, &Renderer::takePicture});
+    }
     release();
     return std::exchange(_rendered, Rendered());
 }
@@ -153,7 +166,7 @@ void Renderer::release()
         pipeline().setPassObserver({});
         pipeline().setModel(nullptr);
         // One that failed may have stopped halfway.
-        if (_loaded->remembers || _rendered.exitCode != kSuccess)
+        if (_loaded->remembers || _isTiled || _rendered.exitCode != kSuccess)
             _pipelines.remove(keyOfPipeline(*_commandLine));
     }
     _loaded.reset();
@@ -319,7 +332,7 @@ bool Renderer::openContext()
         _session = std::move(session);
         _screen = std::make_unique<ScreenTarget>();
     }
-    return _screen->size() == _commandLine->size || _screen->resize(_commandLine->size, &error) || fail(error);
+    return true;
 }
 
 bool Renderer::loadModel()
@@ -386,10 +399,113 @@ bool Renderer::prepare()
     // Some passes draw lots; a picture is the same at every making.
     std::srand(kSeed);
     QString error;
+    if (_screen->size() != _commandLine->size && !_screen->resize(_commandLine->size, &error))
+        return fail(error);
     const GPUModel::BoundingBox bounds = _model ? _model->whole.sceneBounds() : GPUModel::BoundingBox();
     if (!aim(&pipeline(), *_screen, bounds, _commandLine->camera, &error))
         return fail(error, kUsage);
     pipeline().setTimingEnabled(_commandLine->timings);
+    return true;
+}
+
+// Of tiles is what the driver has no room for, and what is asked for so.
+bool Renderer::planTiles()
+{
+    const QSize size = _commandLine->size;
+    const GLLimits driver = OpenGLDeviceContext::current()->limits();
+    const int side = std::min({driver.textureSide, driver.targetWidth, driver.targetHeight});
+    // Passes have a dozen targets and more of up to 16 bytes a pixel.
+    const TileLimits limits{std::min(side, kLargestWindow), std::min(driver.targetWidth, driver.targetHeight)};
+    const qint64 pixels = qint64(size.width()) * size.height();
+    const bool isPossible = std::max(size.width(), size.height()) <= side && pixels <= kMostPixels;
+    if (_commandLine->tile == 0 && isPossible && pixels <= kUsualPixels)
+        return true;
+    QString error;
+    const GPUModel::BoundingBox bounds = _model ? _model->whole.sceneBounds() : GPUModel::BoundingBox();
+    if (!Camera::parse(_commandLine->camera, bounds, aspectOf(size), &_camera, &error))
+        return fail(error, kUsage);
+    QStringList prints;
+    for (const SlotArgument &print : _commandLine->prints)
+        prints << print.pass + u'.' + print.slot;
+    const double perUnit =
+        size.height() * double(_camera.projectionMatrix(aspectOf(size))(1, 1)) * 0.5 / double(_camera.nearPlane);
+    if (!_plan.make(pipeline(), size, _commandLine->tile, limits, perUnit, prints, &error)) {
+        if (_commandLine->tile == 0 && isPossible)
+            return true;
+        return fail(error);
+    }
+    // What looks at all of a picture at once.
+    if (!_listPass.isEmpty() || !_commandLine->comparisons.isEmpty() || _commandLine->timings)
+        return fail(
+            QStringLiteral("--inspect-oit, --oit-lengths, --compare and --timings are for pictures in one piece, "
+                           "not for one of %1x%2 in tiles")
+                .arg(size.width())
+                .arg(size.height()),
+            kUsage);
+    for (const SlotArgument &dump : _commandLine->dumps)
+        if (!dump.text.endsWith(QStringLiteral(".exr"), Qt::CaseInsensitive))
+            return fail(
+                QStringLiteral("%1: of a picture in tiles, textures can be written as .exr only").arg(dump.option),
+                kUsage);
+    if (!_commandLine->output.isEmpty() && !_commandLine->output.endsWith(QStringLiteral(".png"), Qt::CaseInsensitive))
+        return fail(
+            QStringLiteral("cannot write '%1': a picture in tiles has to end in .png").arg(_commandLine->output),
+            kUsage);
+    _isTiled = true;
+    return true;
+}
+
+// One that has drawn no other tile, where that would show.
+Pipeline *Renderer::pipelineForTile(QString *error)
+{
+    if (_loaded->remembers) {
+        const QString path = _loaded->path;
+        _loaded = std::make_shared<LoadedPipeline>();
+        _loaded->path = path;
+        _loaded->remembers = true;
+        QStringList errors;
+        if (!Brevane::Kvo::loadPipeline(path, &pipeline(), &errors) || !setValues(&pipeline())) {
+            *error = errors.join(u'\n');
+            return nullptr;
+        }
+        std::srand(kSeed);
+    }
+    if (_model)
+        pipeline().setModel(&_model->whole, pipeline().uses(QStringLiteral("opaque")) ? &_model->opaque : nullptr);
+    return &pipeline();
+}
+
+bool Renderer::renderTiles()
+{
+    warn(_plan.warnings());
+    std::srand(kSeed);
+    QElapsedTimer total, sinceProgress;
+    total.start();
+    sinceProgress.start();
+    TiledPicture picture(_plan, *_commandLine, _camera, _screen.get(),
+                         [this](QString *error) { return pipelineForTile(error); });
+    QString error;
+    const bool done = picture.render(
+        [&](qsizetype tile, qsizetype tiles) {
+            if (sinceProgress.elapsed() < kProgressInterval)
+                return;
+            progress(QStringLiteral("tile %1 of %2").arg(tile + 1).arg(tiles));
+            sinceProgress.restart();
+        },
+        &error);
+    if (!done)
+        return fail(error);
+    if (!picture.faults().isEmpty())
+        fail(QStringLiteral("%1 fault(s) in pipeline '%2'").arg(picture.faults().size()).arg(_loaded->path));
+    progress(QStringLiteral("%1 tile(s) of %2 pixels, %3 around them, in %4 s")
+                 .arg(_plan.tiles().size())
+                 .arg(_plan.side())
+                 .arg(_plan.margin())
+                 .arg(double(total.elapsed()) / 1000.0, 0, 'f', 2));
+    for (const SlotArgument &print : _commandLine->prints)
+        printValue(print, picture.value(print.pass, print.slot));
+    for (const QString &file : picture.files())
+        written(file);
     return true;
 }
 

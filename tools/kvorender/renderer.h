@@ -1,11 +1,13 @@
 #pragma once
 
 #include "commandline.h"
+#include "host/camera.h"
 #include "host/imageoutput.h"
 #include "host/pipeline.h"
 #include "host/screentarget.h"
 #include "model/gpumodel.h"
 #include "session.h"
+#include "tiles.h"
 
 #include <QCache>
 #include <QImage>
@@ -75,6 +77,10 @@ private:
     bool prepare();
     bool renderFrames();
     bool takePicture();
+    bool planTiles();
+    /// The last three for a picture that is made of tiles.
+    bool renderTiles();
+    Brevane::Kvo::Pipeline *pipelineForTile(QString *error);
 
     bool fail(const QString &message, ExitCode exitCode = kFailure);
     void warn(const QStringList &warnings);
@@ -104,5 +110,8 @@ private:
     QCache<QString, std::shared_ptr<LoadedPipeline>> _pipelines;
     std::shared_ptr<LoadedPipeline> _loaded;
     QVector<std::array<Brevane::Kvo::TexturePixels, 2>> _compared; ///< As CommandLine::comparisons.
+    TilePlan _plan;
+    bool _isTiled = false;
+    Brevane::Kvo::Camera _camera;
     QString _listPass; ///< Whose fragment lists are inspected; empty: none.
 };

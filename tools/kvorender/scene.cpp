@@ -1,25 +1,32 @@
 #include "scene.h"
 
-#include "host/camera.h"
-
 #include <epoxy/gl.h>
 
 #include <QPainter>
 
 using namespace Brevane::Kvo;
 
+float aspectOf(const QSize &size)
+{
+    return float(size.width()) / float(size.height());
+}
+
 bool aim(Pipeline *pipeline, const ScreenTarget &screen, const GPUModel::BoundingBox &bounds, const QString &settings,
          QString *error)
 {
-    const QSize size = screen.size();
-    const float aspect = float(size.width()) / float(size.height());
     Camera camera;
-    if (!Camera::parse(settings, bounds, aspect, &camera, error))
+    if (!Camera::parse(settings, bounds, aspectOf(screen.size()), &camera, error))
         return false;
-    pipeline->setCamera(camera.cameraMatrix(), camera.projectionMatrix(aspect), camera.nearPlane, camera.farPlane);
-    pipeline->setViewport(QRect(QPoint(0, 0), size));
-    pipeline->setScreen(screen.framebuffer());
+    aim(pipeline, screen, camera, screen.size());
     return true;
+}
+
+void aim(Pipeline *pipeline, const ScreenTarget &screen, const Camera &camera, const QSize &picture)
+{
+    pipeline->setCamera(camera.cameraMatrix(), camera.projectionMatrix(aspectOf(picture)), camera.nearPlane,
+                        camera.farPlane);
+    pipeline->setViewport(QRect(QPoint(0, 0), screen.size()));
+    pipeline->setScreen(screen.framebuffer());
 }
 
 bool renderFrames(Pipeline *pipeline, ScreenTarget *screen, int frames, const std::function<void(int)> &before,
@@ -44,6 +51,11 @@ QImage pictureOf(const ScreenTarget &screen, const QColor &background, QString *
         *error = QStringLiteral("cannot read the picture back: %1").arg(*error);
         return image;
     }
+    return onBackground(image, background);
+}
+
+QImage onBackground(const QImage &image, const QColor &background)
+{
     if (!background.isValid())
         return image;
     QImage canvas(image.size(), QImage::Format_RGB32);

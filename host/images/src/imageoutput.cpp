@@ -1,5 +1,6 @@
 #include "host/imageoutput.h"
 
+#include "exrchannels.h"
 #include "failure.h"
 #include "host/partfile.h"
 #include "shadows/shadowmaprenderdata.h"
@@ -209,16 +210,6 @@ private:
     QBuffer _buffer;
 };
 
-QStringList exrChannels(const TexturePixels &pixels)
-{
-    if (pixels.kind == TexturePixels::Kind::Depth)
-        return {QStringLiteral("Z")};
-    if (pixels.channels == 1)
-        return {QStringLiteral("Y")};
-    return QStringList{QStringLiteral("R"), QStringLiteral("G"), QStringLiteral("B"), QStringLiteral("A")}.mid(
-        0, pixels.channels);
-}
-
 // OpenEXR throws; nothing of it leaves this function.
 bool encodeExr(const TexturePixels &pixels, QByteArray *data, QString *error)
 {
@@ -232,9 +223,9 @@ bool encodeExr(const TexturePixels &pixels, QByteArray *data, QString *error)
         Imf::Header header(pixels.width, pixels.height);
         header.compression() = Imf::ZIP_COMPRESSION;
         Imf::FrameBuffer frame;
-        const QStringList names = exrChannels(pixels);
+        const QList<QByteArray> names = exrChannels(pixels);
         for (int c = 0; c < names.size(); ++c) {
-            const QByteArray name = names[c].toLatin1();
+            const QByteArray &name = names[c];
             header.channels().insert(name.constData(), Imf::Channel(type));
             // A negative stride turns the rows upright: the first of the file is the last of the texture.
             char *top = const_cast<char *>(base) + row * (pixels.height - 1) + c * 4;

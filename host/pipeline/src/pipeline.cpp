@@ -456,6 +456,12 @@ void Pipeline::setCamera(const QMatrix4x4 &camera, const QMatrix4x4 &projection,
     d->hosts[HostValues::Far] = farPlane;
 }
 
+void Pipeline::setWindow(const QRect &window, const QSize &picture)
+{
+    d->frame.window =
+        picture.isEmpty() ? PictureWindow() : PictureWindow{window.x(), window.y(), picture.width(), picture.height()};
+}
+
 void Pipeline::setModel(GPUModel *model, GPUModel *opaque)
 {
     d->hosts[HostValues::Model] = QVariant::fromValue(model);

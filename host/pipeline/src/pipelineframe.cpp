@@ -15,6 +15,9 @@
 
 #include <epoxy/gl.h>
 
+#include <QMatrix4x4>
+#include <QRect>
+
 #include <algorithm>
 #include <array>
 #include <optional>
@@ -95,6 +98,7 @@ void PipelineFrame::run(RenderCallbacks *callbacks)
         freeGivenUp();
     const DefaultState state;
     const BindingScope bindings;
+    const PictureWindowScope part(window);
     faults.clear();
     _ledger.beginFrame();
     _hosts[HostValues::Frame] = number;
@@ -168,6 +172,7 @@ PipelineFrame::Step PipelineFrame::makeStep(Node *node) const
     step.row = stateRowOf(pass);
     step.givingBack = givingBackOf(step.row);
     step.viewportInput = viewportInputOf(pass);
+    step.placing = placingOf(step.row);
     for (int i = 0; i < int(node->sources.size()); ++i) {
         const Source &source = PassGraph::effective(node->sources[size_t(i)]);
         if (const auto *host = std::get_if<HostSource>(&source))
@@ -213,7 +218,7 @@ void PipelineFrame::passInputs(Step &step)
 {
     RenderPass &pass = *step.node->pass;
     for (const auto &[input, host] : step.hosts)
-        pass.setInput(input, _hosts.of(host));
+        pass.setInput(input, hostValueFor(step, host));
     for (size_t i = 0; i < step.links.size(); ++i) {
         const Step::Link &link = step.links[i];
         const QVariant value = outputOf(link.source, link.isOurs);
@@ -222,13 +227,52 @@ void PipelineFrame::passInputs(Step &step)
     }
 }
 
+PipelineFrame::Placing PipelineFrame::placingOf(const StateRow *row)
+{
+    static constexpr std::array kWhole{"ForwardRenderPass",         "GBufferRenderPass", "GradientRenderPass",
+                                       "ModelRenderPass",           "SkyboxRenderPass",  "TransparencyRenderPass",
+                                       "VisibilityBufferRenderPass"};
+    static constexpr std::array kBeside{"CameraJitterPass", "ShadowMapRenderPass", "ShadowMapRenderPass2"};
+    const auto is = [row](const char *name) { return row && qstrcmp(row->className, name) == 0; };
+    if (std::any_of(kWhole.begin(), kWhole.end(), is))
+        return Placing::Whole;
+    return std::any_of(kBeside.begin(), kBeside.end(), is) ? Placing::Beside : Placing::Part;
+}
+
+// The projection of a part, of one that is drawn by itself.
+QVariant PipelineFrame::hostValueFor(const Step &step, const HostSource &source) const
+{
+    const QVariant &value = _hosts.of(source);
+    if (!window.isPart())
+        return value;
+    const bool knowsAll = step.placing == Placing::Beside || (step.placing == Placing::Whole && window.fitsViewport());
+    const QRect viewport = _hosts[HostValues::Viewport].toRect();
+    if (source.host == HostValues::Viewport && step.placing == Placing::Beside)
+        return QRect(0, 0, window.width, window.height);
+    if (source.host != HostValues::Projection || knowsAll || viewport.isEmpty())
+        return value;
+    const double width = viewport.width(), height = viewport.height();
+    const double scaleX = window.width / width, scaleY = window.height / height;
+    const double shiftX = (window.width - 2.0 * window.x - width) / width;
+    const double shiftY = (window.height - 2.0 * window.y - height) / height;
+    auto projection = qvariant_cast<QMatrix4x4>(value);
+    for (int column = 0; column < 4; ++column) {
+        const double w = double(projection(3, column));
+        projection(0, column) = float(scaleX * double(projection(0, column)) + shiftX * w);
+        projection(1, column) = float(scaleY * double(projection(1, column)) + shiftY * w);
+    }
+    return projection;
+}
+
 void PipelineFrame::setViewport(const Step &step)
 {
     QRect viewport = _hosts[HostValues::Viewport].toRect();
     if (step.viewportInput >= 0)
         viewport = valueOf({step.node, step.viewportInput}).toRect();
     // Targets of passes begin at 0, wherever the rectangle lies in the window.
-    glViewport(0, 0, std::max(viewport.width(), 0), std::max(viewport.height(), 0));
+    const PictureWindow none;
+    (step.placing == Placing::Whole ? window : none)
+        .setViewport(std::max(viewport.width(), 0), std::max(viewport.height(), 0));
 }
 
 QVariant PipelineFrame::valueOf(const InputPort &input) const

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "gl/picturewindow.h"
 #include "passgraph.h"
 #include "referenceledger.h"
 
@@ -47,11 +48,19 @@ public:
     int idleFrames = 120;
     qint64 poolBytes = -1;
     bool timing = false;
+    PictureWindow window; ///< What is drawn of a larger picture.
     int history = 120;
     int number = 0; ///< Of the next frame.
     QStringList faults; ///< Of the last one.
 
 private:
+    // How a pass takes a part of a larger picture.
+    enum class Placing {
+        Part, ///< Draws the part by itself: reads what lies there, with the projection of the part.
+        Whole, ///< Draws as in the whole picture, of which its target cuts the part out.
+        Beside, ///< Draws nothing of the picture, but has to know all of it.
+    };
+
     // What one frame does with a pass, worked out from the links.
     struct Step
     {
@@ -66,6 +75,7 @@ private:
         ReferenceLedger::GivingBack givingBack = ReferenceLedger::GivingBack::Pass;
         const StateRow *row = nullptr; ///< What the pass leaves changed; null: not known.
         int viewportInput = -1;
+        Placing placing = Placing::Part;
         std::vector<Link> links;
         std::vector<std::pair<int, HostSource>> hosts; ///< Inputs that are bound to a host value.
         std::vector<int> outputs;
@@ -79,6 +89,8 @@ private:
     void learnContext();
     void runStep(Step &step, RenderCallbacks *callbacks);
     void passInputs(Step &step);
+    QVariant hostValueFor(const Step &step, const HostSource &source) const;
+    static Placing placingOf(const StateRow *row);
     void setViewport(const Step &step);
     QVariant valueOf(const InputPort &input) const;
     void checkReferences(Step &step);

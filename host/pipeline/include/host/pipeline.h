@@ -186,6 +186,12 @@ public:
 
     void setViewport(const QRect &viewport);
     void setCamera(const QMatrix4x4 &camera, const QMatrix4x4 &projection, float nearPlane, float farPlane);
+    /// Draws a part of a larger picture, for pictures beyond what a texture may be. \a window is the part, from the
+    /// picture's lower left corner; the viewport has to have its size, and the projection is that of the whole picture.
+    /// Passes that look around a pixel need more around the part than what is taken of it, see PassInfo::reach; what
+    /// fills the screen by itself (images, parts of the viewport) begins anew in each part. An empty \a picture, the
+    /// default: what is drawn is all there is.
+    void setWindow(const QRect &window, const QSize &picture);
     /// \a opaque is what opaquePartOf gives of the model, for pipelines that draw opaque surfaces first and
     /// transparent ones over them; null: all of the model counts as opaque.
     void setModel(GPUModel *model, GPUModel *opaque = nullptr);
