@@ -34,7 +34,7 @@ protected:
     {
         QVector<QJsonObject> pictures;
         for (const QByteArray &line : read(QString::fromUtf8(name)).split('\n'))
-            if (!line.isEmpty())
+            if (!line.isEmpty() && !line.startsWith("{\"summary\""))
                 pictures << QJsonDocument::fromJson(line).object();
         return pictures;
     }

@@ -279,19 +279,29 @@ public:
         return opened;
     }
 
-    void add(const PictureReport &report)
+    void add(const PictureReport &report) { addLine(report.json()); }
+
+    // Without it a batch did not come to its end.
+    void end(const Batch &batch)
     {
-        if (!_file.isOpen() || _isBroken)
-            return;
-        const QByteArray line = QJsonDocument(report.json()).toJson(QJsonDocument::Compact) + '\n';
-        _isBroken = _file.write(line) != line.size();
-        if (_isBroken)
-            complain(u"cannot write the report '%1': %2"_s.arg(_file.fileName(), _file.errorString()));
+        addLine(
+            {{u"summary"_s,
+              QJsonObject{{u"done"_s, batch.done()}, {u"skipped"_s, batch.skipped()}, {u"failed"_s, batch.failed()}}}});
     }
 
     bool isBroken() const { return _isBroken; }
 
 private:
+    void addLine(const QJsonObject &object)
+    {
+        if (!_file.isOpen() || _isBroken)
+            return;
+        const QByteArray line = QJsonDocument(object).toJson(QJsonDocument::Compact) + '\n';
+        _isBroken = _file.write(line) != line.size();
+        if (_isBroken)
+            complain(u"cannot write the report '%1': %2"_s.arg(_file.fileName(), _file.errorString()));
+    }
+
     QFile _file;
     bool _isBroken = false;
 };
@@ -333,6 +343,8 @@ int runBatch(const CommandLine &commandLine)
     current = &batch;
     const ExitCode exitCode = batch.run(mine);
     progress.end(batch);
+    if (batch.error().isEmpty())
+        report.end(batch);
     if (!batch.error().isEmpty())
         complain(batch.error());
     return report.isBroken() && exitCode == kSuccess ? kFailure : exitCode;
