@@ -33,7 +33,7 @@ from ._kvo import ContextError, Error, Warning
 
 __all__ = [
     "Camera", "Context", "ContextError", "Error", "Image", "Light", "Model", "Pass", "Pipeline", "Texture", "Warning",
-    "context", "live_objects", "orbit", "pass_classes", "pipelines", "render",
+    "batch", "context", "live_objects", "orbit", "pass_classes", "pipelines", "render",
 ]  # fmt: skip
 
 atexit.register(_kvo.close_all)
@@ -800,3 +800,39 @@ def render(model: Model | PathLike | None = None, pipeline: Pipeline | PathLike 
     if "image" in result:
         result["image"] = result["image"].over(background)
     return result
+
+
+def batch(jobs: PathLike | Iterable[Mapping[str, Any]], *, defaults: Mapping[str, Any] | None = None,
+          resume: bool = False, manifest: PathLike | None = None, retries: int = 0, shard: tuple[int, int] = (1, 1),
+          cache: int = 1024, on_picture: Callable[[dict[str, Any]], Any] | None = None) -> list[dict[str, Any]]:  # fmt: skip
+    """Many pictures, to files, as ``kvorender --batch`` makes them: models and pipelines stay loaded between them.
+
+    ``jobs`` is a file (.jsonl or .csv) or a row of dictionaries, whose keys are kvorender's long options beside
+    "model" and "output": ``{"model": "engine.glb", "camera": {"yaw": {"from": 0, "to": 350, "count": 36}},
+    "size": "640x360", "output": "{camera.yaw}.png"}``. ``defaults`` hold for all of them; of jobs in a file they are
+    options with values that do not vary.
+
+    Gives a dictionary for each picture, with its "status" ("done", "skipped" or "failed"), "output", "seconds" and,
+    of one that failed, "error": one picture does not keep the others from being made. ``on_picture`` gets each of them
+    as soon as it is there. ``resume`` leaves out what is complete by the ``manifest``, which is beside a job file where
+    none is named; ``retries`` tries again what failed; ``shard`` (2, 4) makes the second of four parts. ``cache`` is
+    the memory for models, in megabytes.
+    """
+    is_file = isinstance(jobs, (str, os.PathLike))
+    given: dict[str, Any] = dict(defaults or {})
+    options = {"pipelines": _folders()}
+    if is_file:
+        text = os.fspath(jobs)
+        for key, value in given.items():
+            values = value if isinstance(value, (list, tuple)) else [value]
+            options[key] = ["true" if v is True else os.fspath(v) if isinstance(v, os.PathLike) else str(v) for v in values]
+    else:
+        rows = [{"defaults": given}] if given else []
+        rows += [dict(job) for job in jobs]
+        text = "".join(json.dumps(row, default=os.fspath) + "\n" for row in rows)
+    if resume and manifest is None and not is_file:
+        raise ValueError("to resume, name a manifest")
+    reports = _kvo.batch(text, is_file, options, os.fspath(manifest) if manifest is not None else "", resume, retries,
+                         shard[0], shard[1], cache,
+                         None if on_picture is None else lambda line: on_picture(json.loads(line)))  # fmt: skip
+    return [json.loads(report) for report in reports]

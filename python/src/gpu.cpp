@@ -141,9 +141,12 @@ py::dict Gpu::liveObjects()
     return result;
 }
 
-Gpu::Use::Use(Gpu &gpu)
+KeepContext::KeepContext()
     : _display(eglGetCurrentDisplay()), _context(eglGetCurrentContext()), _draw(eglGetCurrentSurface(EGL_DRAW)),
       _read(eglGetCurrentSurface(EGL_READ))
+{}
+
+Gpu::Use::Use(Gpu &gpu)
 {
     if (gpu.isClosed())
         throw ContextError(QStringLiteral("the context is closed"));
@@ -151,7 +154,7 @@ Gpu::Use::Use(Gpu &gpu)
         throw ContextError(QStringLiteral("the OpenGL context cannot be made current on this thread"));
 }
 
-Gpu::Use::~Use()
+KeepContext::~KeepContext()
 {
     if (_context == EGL_NO_CONTEXT)
         HeadlessContext::doneCurrent();

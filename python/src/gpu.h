@@ -48,6 +48,22 @@ private:
     std::unique_lock<std::recursive_mutex> _lock;
 };
 
+/// Whatever context is current is so again behind the scope.
+class KeepContext
+{
+public:
+    KeepContext();
+    ~KeepContext();
+    KeepContext(const KeepContext &) = delete;
+    KeepContext &operator=(const KeepContext &) = delete;
+
+private:
+    void *_display;
+    void *_context;
+    void *_draw;
+    void *_read;
+};
+
 class Resource;
 
 /// A GL context without a window, and what lives in it. It is current only where something is done in it, so that any
@@ -75,16 +91,10 @@ public:
     {
     public:
         explicit Use(Gpu &gpu);
-        ~Use();
-        Use(const Use &) = delete;
-        Use &operator=(const Use &) = delete;
 
     private:
         Turn _turn;
-        void *_display;
-        void *_context;
-        void *_draw;
-        void *_read;
+        KeepContext _before;
     };
 
 private:

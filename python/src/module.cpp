@@ -1,3 +1,4 @@
+#include "batchbinding.h"
 #include "convert.h"
 #include "gpu.h"
 #include "model.h"
@@ -90,6 +91,7 @@ PYBIND11_MODULE(_kvo, module)
     module.def("close_all", &Gpu::closeAll);
     bindModel(module);
     bindPipeline(module);
+    bindBatch(module);
     module.def("png", &pngOf);
     module.def("save", &save);
     module.def("pipelines", &pipelineList);

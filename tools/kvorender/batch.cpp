@@ -29,7 +29,7 @@ double secondsOf(const QElapsedTimer &timer)
 
 Renderer::Settings rendererSettings(const BatchSettings &settings)
 {
-    return {settings.debug, true, true, settings.cacheMegabytes};
+    return {settings.debug, true, true, settings.cacheMegabytes, settings.warn};
 }
 
 } // namespace
@@ -180,7 +180,7 @@ void Batch::tell(const PictureReport &report)
     case PictureReport::Status::Skipped: ++_skipped; break;
     case PictureReport::Status::Failed: ++_failed; break;
     }
-    if (!_listener(report))
+    if (!_ends && !_listener(report))
         _ends = true;
 }
 

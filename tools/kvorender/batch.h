@@ -35,6 +35,8 @@ struct BatchSettings
     int retries = 0;
     int cacheMegabytes = 1024;
     bool debug = false;
+    /// Hears what is likely a mistake though the pictures are made, each once.
+    std::function<void(const QStringList &)> warn = complainOf;
     /// Encodes and writes a picture while the next one is made.
     bool overlaps = true;
 };

@@ -202,7 +202,7 @@ void Renderer::warn(const QStringList &warnings)
         _warned.insert(warning);
         news << warning;
     }
-    complainOf(news);
+    _settings.warn(news);
 }
 
 void Renderer::progress(const QString &message) const

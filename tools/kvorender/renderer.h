@@ -14,6 +14,7 @@
 #include <QSet>
 
 #include <array>
+#include <functional>
 #include <memory>
 
 /// What became of one picture.
@@ -37,6 +38,7 @@ public:
         bool quiet = false; ///< No progress.
         bool collects = false; ///< Errors are for the caller to say; warnings are said once each.
         int cacheMegabytes = 1024; ///< For models.
+        std::function<void(const QStringList &)> warn = complainOf;
     };
 
     explicit Renderer(const Settings &settings);

@@ -27,7 +27,7 @@ void GLAPIENTRY onGlMessage(GLenum, GLenum type, GLuint, GLenum, GLsizei, const 
 
 Session::~Session()
 {
-    ShaderProgram::setFailureHandler({});
+    _listener.reset();
 }
 
 bool Session::open(bool debug, QString *error)
@@ -42,7 +42,7 @@ bool Session::open(bool debug, QString *error)
         glEnable(GL_DEBUG_OUTPUT_SYNCHRONOUS);
         glDebugMessageCallback(&onGlMessage, nullptr);
     }
-    ShaderProgram::setFailureHandler([](const ShaderFailure &failure) {
+    _listener = std::make_unique<ShaderFailureListener>([](const ShaderFailure &failure) {
         note(QStringLiteral("shader program '%1' failed:\n%2").arg(failure.label, failure.log));
     });
     return true;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "gl/shaderfailurelistener.h"
 #include "host/headlesscontext.h"
 
 #include <QString>
@@ -24,4 +25,5 @@ public:
 
 private:
     std::unique_ptr<Brevane::Kvo::HeadlessContext> _context;
+    std::unique_ptr<Brevane::Kvo::ShaderFailureListener> _listener;
 };
