@@ -313,10 +313,10 @@ TEST_F(KvoviewTest, PassesGoOffRenamedReplacedInsertedAndRemoved)
     show(fileWith(kTwoColors));
     QTreeWidget *list = window->passes()->list();
     ASSERT_EQ(list->topLevelItemCount(), 4);
-    EXPECT_EQ(list->topLevelItem(2)->text(1), u"GaussianBlurRenderPass"_s);
+    EXPECT_EQ(list->topLevelItem(2)->text(4), u"GaussianBlurRenderPass"_s);
     ASSERT_TRUE(waitFor([&] {
         view().invalidate();
-        return !list->topLevelItem(2)->text(3).isEmpty() && list->topLevelItem(2)->text(3) != u"–"_s;
+        return !list->topLevelItem(2)->text(2).isEmpty() && list->topLevelItem(2)->text(2) != u"–"_s;
     })) << "times come with the frames";
 
     // The soft one off: the same colour comes past it. The red one off: nothing comes.
@@ -329,7 +329,7 @@ TEST_F(KvoviewTest, PassesGoOffRenamedReplacedInsertedAndRemoved)
     ASSERT_TRUE(waitFor([&] { return list->topLevelItem(2)->checkState(0) == Qt::Unchecked; }));
     list->topLevelItem(0)->setCheckState(0, Qt::Unchecked);
     ASSERT_TRUE(waitFor([&] { return !pipeline().isEnabled(u"Red"_s); }));
-    EXPECT_EQ(middle().red(), 0);
+    EXPECT_LT(middle().red(), 100) << "only the background";
     click("undo");
     click("undo");
     EXPECT_TRUE(pipeline().isEnabled(u"Soft"_s));
@@ -862,6 +862,34 @@ TEST_F(KvoviewTest, WhatCannotBeReadIsSaidAndTheWindowStays)
     EXPECT_EQ(window->problem(), QString());
 }
 
+// Run where the platform has no GL: see the list of tests.
+TEST_F(KvoviewTest, WithoutAContextTheWindowStaysAndSaysSo)
+{
+    if (QGuiApplication::platformName() != u"offscreen" || qEnvironmentVariableIsSet("DISPLAY"))
+        GTEST_SKIP() << "this platform has contexts";
+    const MessageCapture messages;
+    window = std::make_unique<Window>(ViewOptions(), false);
+    EXPECT_TRUE(window->openPipeline(kPipelines + u"forward.json"_s)) << qPrintable(window->problem());
+    window->run(0);
+    ASSERT_TRUE(waitFor([this] { return window->problem().contains(u"OpenGL"_s); }, 10000));
+    EXPECT_TRUE(window->isVisible());
+    // Nothing that one may do then ends it.
+    for (const QAction *action : window->findChildren<QAction *>())
+        if (!QStringList{u"open"_s, u"saveas"_s, u"picture"_s, u"turntable"_s, u"background"_s, u"quit"_s, u"keys"_s}
+                 .contains(action->objectName())
+            && !action->objectName().isEmpty())
+            window->action(action->objectName())->trigger();
+    for (const char *panel : {"passes", "slots", "inspector", "graph", "resources", "messages"})
+        window->showPanel(QLatin1StringView(panel));
+    EXPECT_FALSE(session().setValue(u"Model"_s, u"Viewport"_s, 1));
+    EXPECT_FALSE(session().remove(u"Model"_s));
+    EXPECT_FALSE(session().rename(u"Model"_s, u"B"_s));
+    window->openModel(kBox);
+    ASSERT_TRUE(waitFor([this] { return !window->modelImport()->isRunning(); }));
+    QTest::qWait(50);
+    EXPECT_TRUE(window->isVisible());
+}
+
 TEST_F(KvoviewTest, AnImportIsCancelled)
 {
     show(fileWith(kTwoColors));
@@ -1111,6 +1139,70 @@ TEST_F(KvoviewTest, OpacityMeansTheSameAsForKvorender)
     }
 }
 
+// Beside the frame itself there are the panels, which may take 5 ms: of the medians, since the machine is shared.
+TEST_F(KvoviewTest, APulledSliderIsSeenWithTheNextFrame)
+{
+    show(kPipelines + u"deferred-model.json"_s);
+    window->resize(1280 + 420, 720 + 340);
+    view().setMinimumSize(1280, 720);
+    view().setMaximumSize(1280, 720);
+    showModel();
+    ASSERT_TRUE(
+        session().insert(u"Glow"_s, u"GaussianBlurRenderPass"_s, u"Present"_s, u"Texture"_s, u"Input"_s, u"Output"_s));
+    session().choosePass(u"Glow"_s);
+    settle();
+    auto *slider = window->slotsPanel()->editor(u"BlurRadius"_s)->findChild<QSlider *>();
+    ASSERT_NE(slider, nullptr);
+    const auto median = [](std::vector<double> times) {
+        std::nth_element(times.begin(), times.begin() + times.size() / 2, times.end());
+        return times[times.size() / 2];
+    };
+    const auto untilFrame = [&](const std::function<void()> &begin) {
+        const int frame = view().frameCount();
+        QElapsedTimer timer;
+        timer.start();
+        begin();
+        while (view().frameCount() == frame && timer.elapsed() < 5000)
+            QCoreApplication::processEvents();
+        return double(timer.nsecsElapsed()) / 1e6;
+    };
+    std::vector<double> plain, pulled;
+    slider->setSliderDown(true);
+    for (int i = 0; i < 60; ++i) {
+        // The same change without the window.
+        plain.push_back(untilFrame([&] {
+            pipeline().setValue(u"Glow"_s, u"BlurRadius"_s, 3.0f + float(i % 2));
+            view().invalidate();
+        }));
+        settle();
+        pulled.push_back(untilFrame([&] { slider->setValue(3 + i % 2); }));
+        // Until it rests, so that no frame is counted that was asked for before.
+        settle();
+    }
+    slider->setSliderDown(false);
+    RecordProperty("frame_ms", std::to_string(median(plain)));
+    RecordProperty("slider_ms", std::to_string(median(pulled)));
+    std::printf("[ measured ] frame %.2f ms, slider %.2f ms\n", median(plain), median(pulled));
+    EXPECT_LT(median(pulled) - median(plain), 5.0);
+}
+
+TEST_F(KvoviewTest, TheEngineOpensWhileTheWindowAnswers)
+{
+    show(kPipelines + u"forward.json"_s);
+    QElapsedTimer timer;
+    timer.start();
+    window->openModel(kEngine);
+    const qint64 answered = timer.elapsed();
+    EXPECT_LT(answered, 100) << "the import runs beside";
+    int frame = -1; // counted from when the model is there
+    const auto got =
+        QObject::connect(window->modelImport(), &ModelImport::finished, &view(), [&] { frame = view().frameCount(); });
+    ASSERT_TRUE(waitFor([&] { return frame >= 0 && view().frameCount() > frame; }));
+    QObject::disconnect(got);
+    std::printf("[ measured ] engine on screen after %lld ms\n", static_cast<long long>(timer.elapsed()));
+    EXPECT_TRUE(view().pickAt({view().width() / 2, view().height() / 2}).isHit());
+}
+
 // The pictures of docs/kvoview.md, with KVO_WRITE_DOCS set.
 TEST_F(KvoviewTest, PicturesOfThePanels)
 {
@@ -1145,8 +1237,8 @@ TEST_F(KvoviewTest, PicturesOfThePanels)
     window->inspector()->findChild<QComboBox *>(u"channels"_s)->setCurrentText(u"Depth, linear"_s);
     settle();
     TextureView *texture = window->inspector()->textureView();
-    texture->setZoom(16);
-    texture->setHovered(texture->texelAt(QPointF(texture->width() / 2.0, texture->height() / 2.0)));
+    texture->setZoom(6);
+    texture->setHovered(texture->texelAt(QPointF(texture->width() / 2.0, texture->height() / 3.0)));
     window->showPanel(u"graph"_s);
     save("kvoview-textures.png");
 

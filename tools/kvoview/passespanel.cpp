@@ -22,7 +22,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-enum Column { kName, kClass, kGpu, kCpu, kHistory };
+enum Column { kName, kGpu, kCpu, kHistory, kClass };
 constexpr int kTick = 250; // ms
 constexpr int kMostSamples = 60;
 constexpr int kHistoryRole = Qt::UserRole + 1;
@@ -76,13 +76,15 @@ PassesPanel::PassesPanel(Session *session, QWidget *parent) : QWidget(parent), _
     layout->addWidget(_list);
     _list->setObjectName(u"passes"_s);
     _list->setAccessibleName(tr("Passes in the order of running"));
-    _list->setHeaderLabels({tr("Pass"), tr("Class"), tr("GPU ms"), tr("CPU ms"), tr("History")});
+    _list->setHeaderLabels({tr("Pass"), tr("GPU ms"), tr("CPU ms"), tr("History"), tr("Class")});
     _list->setRootIsDecorated(false);
     _list->setUniformRowHeights(true);
     _list->setEditTriggers(QAbstractItemView::EditKeyPressed);
     _list->setItemDelegateForColumn(kHistory, new HistoryDelegate(_list));
     _list->header()->setStretchLastSection(true);
     _list->setContextMenuPolicy(Qt::ActionsContextMenu);
+    for (const auto &[column, width] : {std::pair(kGpu, 62), std::pair(kCpu, 62), std::pair(kHistory, 64)})
+        _list->setColumnWidth(column, width);
     addActions();
     connect(session, &Session::structureChanged, this, &PassesPanel::rebuild);
     connect(session, &Session::enabledChanged, this, [this](const QString &pass) {
@@ -147,7 +149,7 @@ void PassesPanel::rebuild()
     _isFilling = true;
     _list->clear();
     for (const QString &name : pipeline->order()) {
-        auto *item = new QTreeWidgetItem(_list, {name, pipeline->className(name)});
+        auto *item = new QTreeWidgetItem(_list, {name, QString(), QString(), QString(), pipeline->className(name)});
         item->setData(kName, kNameRole, name);
         item->setFlags(item->flags() | Qt::ItemIsUserCheckable | Qt::ItemIsEditable);
         item->setCheckState(kName, pipeline->isEnabled(name) ? Qt::Checked : Qt::Unchecked);
@@ -166,7 +168,7 @@ void PassesPanel::rebuild()
             _list->setCurrentItem(item);
     }
     _isFilling = false;
-    for (const int column : {kName, kClass, kGpu, kCpu})
+    for (const int column : {kName, kClass})
         _list->resizeColumnToContents(column);
     showFaults();
     updateTimes();

@@ -340,7 +340,9 @@ bool Session::rename(const QString &pass, const QString &newName)
         return true;
     // What is wrong with a name shows by trying.
     QString error;
-    if (!pipeline() || !pipeline()->rename(pass, newName, &error))
+    if (!pipeline())
+        return fail(u"there is no pipeline"_s);
+    if (!pipeline()->rename(pass, newName, &error))
         return fail(error);
     pipeline()->rename(newName, pass);
     _undo.push(new RenameCommand(this, pass, newName));

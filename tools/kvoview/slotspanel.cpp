@@ -21,6 +21,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
+constexpr int kNameWidth = 100;
 constexpr int kKindRole = Qt::UserRole;
 constexpr int kSourceRole = Qt::UserRole + 1;
 constexpr int kPassRole = Qt::UserRole + 2;
@@ -44,6 +45,7 @@ SlotsPanel::SlotsPanel(Session *session, QWidget *parent)
     _title->setWordWrap(true);
     _title->setTextFormat(Qt::RichText);
     _area->setWidgetResizable(true);
+    _area->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     _area->setFrameShape(QFrame::NoFrame);
     setAccessibleName(tr("Slots of the chosen pass"));
     connect(session, &Session::chosenPassChanged, this, &SlotsPanel::rebuild);
@@ -105,6 +107,7 @@ void SlotsPanel::rebuild()
         addInput(layout, line++, input);
     for (const QString &output : pipeline->outputs(_pass))
         addOutput(layout, line++, output);
+    layout->setColumnMinimumWidth(2, 150);
     layout->setColumnStretch(2, 1);
     layout->setRowStretch(line, 1);
     _area->setWidget(page);
@@ -117,14 +120,15 @@ void SlotsPanel::addInput(QGridLayout *layout, int line, const PassInput &input)
     Row row;
     pipeline->inputSlot(_pass, input.slot, nullptr, &row.fallback);
     const SlotName name = SlotName::parse(input.slot);
-    row.name = new QLabel(name.name);
-    QString tip = name.type;
+    // Long names are cut: the editors need the room, and the whole name is in the tip.
+    row.name = new QLabel(fontMetrics().elidedText(name.name, Qt::ElideMiddle, kNameWidth));
+    QString tip = u"%1 (%2)"_s.arg(name.name, name.type);
     if (info)
         tip += u"\n%1%2"_s.arg(QString::fromLatin1(info->meaning),
                                info->hasEffect ? QString() : tr("\nThe pass does not read it."));
     row.name->setToolTip(tip);
     row.source = new QComboBox;
-    row.source->setMinimumContentsLength(7);
+    row.source->setMinimumContentsLength(5);
     row.source->setSizeAdjustPolicy(QComboBox::AdjustToMinimumContentsLengthWithIcon);
     row.source->setAccessibleName(tr("Source of %1").arg(name.name));
     fillSources(row.source, input);

@@ -26,11 +26,11 @@
 #include <QLocale>
 #include <QMessageBox>
 #include <QMimeData>
+#include <QOpenGLContext>
 #include <QProgressBar>
 #include <QSettings>
 #include <QSignalBlocker>
 #include <QStatusBar>
-#include <QTimer>
 #include <QToolButton>
 
 #include <utility>
@@ -38,13 +38,35 @@
 using namespace Brevane::Kvo;
 using namespace Qt::StringLiterals;
 
+namespace {
+
+bool hasContext()
+{
+    QOpenGLContext context;
+    if (!context.create())
+        return false;
+    const QSurfaceFormat format = context.format();
+    return format.version() >= qMakePair(3, 2);
+}
+
+} // namespace
+
 Window::Window(const ViewOptions &options, bool keepsSettings)
     : _options(options), _keepsSettings(keepsSettings), _searchPath(pipelineSearchPath(options.pipelines.folders)),
       _view(new ViewportWidget), _session(new Session(_view, this)), _probe(new FrameProbe(_session)),
-      _import(new ModelImport(this)), _choice(new QComboBox), _banner(new QLabel(_view)), _overlay(new QLabel(_view)),
+      _import(new ModelImport(this)), _choice(new QComboBox), _banner(new QLabel), _overlay(new QLabel),
       _picked(new QLabel), _progress(new QProgressBar), _cancel(new QToolButton)
 {
-    setCentralWidget(_view);
+    // A view in a window that has no GL ends the program in Qt: it stays apart then, and a word takes its place.
+    if (hasContext()) {
+        setCentralWidget(_view);
+    } else {
+        auto *place = new QLabel(tr("no picture"));
+        place->setAlignment(Qt::AlignCenter);
+        setCentralWidget(place);
+    }
+    _banner->setParent(centralWidget());
+    _overlay->setParent(centralWidget());
     _view->setMinimumSize(160, 90);
     _view->setAccessibleName(tr("Picture"));
     _view->setTimingEnabled(true);
@@ -60,12 +82,14 @@ Window::Window(const ViewOptions &options, bool keepsSettings)
     _overlay->setStyleSheet(u"background: rgba(0, 0, 0, 150); color: white; padding: 3px"_s);
     _overlay->setAttribute(Qt::WA_TransparentForMouseEvents);
     _overlay->hide();
-    _view->installEventFilter(this);
+    centralWidget()->installEventFilter(this);
     setAcceptDrops(true);
     setDockNestingEnabled(true);
     makePanels();
     makeActions();
     connectParts();
+    if (centralWidget() != _view)
+        setProblem(Problem::Frame, tr("there is no OpenGL context of version 3.2 or later: nothing can be drawn"));
     resize(1400, 900);
     if (_keepsSettings) {
         const QSettings settings;
@@ -91,7 +115,7 @@ Window::~Window()
     _session->undoStack()->disconnect(this);
     qDeleteAll(findChildren<QDockWidget *>());
     delete _session;
-    delete centralWidget();
+    delete _view;
 }
 
 QDockWidget *Window::addPanel(const QString &name, const QString &title, QWidget *content, Qt::DockWidgetArea area)
@@ -122,8 +146,10 @@ void Window::makePanels()
     tabifyDockWidget(graph, resources);
     tabifyDockWidget(resources, messages);
     graph->raise();
-    resizeDocks({findChild<QDockWidget *>(u"passes"_s), inspector}, {360, 330}, Qt::Horizontal);
+    resizeDocks({findChild<QDockWidget *>(u"passes"_s), inspector}, {400, 330}, Qt::Horizontal);
     resizeDocks({graph}, {240}, Qt::Vertical);
+    resizeDocks({findChild<QDockWidget *>(u"passes"_s), findChild<QDockWidget *>(u"slots"_s)}, {300, 420},
+                Qt::Vertical);
     // Looking into textures costs frames: that is for who wants it.
     inspector->hide();
     _cancel->setText(tr("Cancel"));
@@ -407,7 +433,7 @@ void Window::updateOverlay()
                           .arg(pixels.height())
                           .arg(gpu, 0, 'f', 2)
                           .arg(cpu, 0, 'f', 2)
-                          .arg(QLocale::c().toString(_triangles))
+                          .arg(QLocale(QLocale::English).toString(_triangles))
                           .arg(_view->frameCount()));
     placeOverlay();
 }
@@ -415,7 +441,8 @@ void Window::updateOverlay()
 void Window::placeOverlay()
 {
     // Over the picture, which keeps its size.
-    _banner->setGeometry(0, 0, _view->width(), _banner->heightForWidth(_view->width()));
+    const int width = centralWidget()->width();
+    _banner->setGeometry(0, 0, width, _banner->heightForWidth(width));
     _overlay->adjustSize();
     _overlay->move(8, 8 + (_banner->isHidden() ? 0 : _banner->height()));
 }
@@ -461,19 +488,9 @@ void Window::closeEvent(QCloseEvent *event)
     QMainWindow::closeEvent(event);
 }
 
-// A view that is shown and has no context never will have one.
-void Window::showEvent(QShowEvent *event)
-{
-    QMainWindow::showEvent(event);
-    QTimer::singleShot(1000, this, [this] {
-        if (isVisible() && !_view->isValid())
-            setProblem(Problem::Frame, tr("there is no OpenGL context of version 3.2 or later: nothing can be drawn"));
-    });
-}
-
 bool Window::eventFilter(QObject *watched, QEvent *event)
 {
-    if (watched == _view && event->type() == QEvent::Resize)
+    if (watched == centralWidget() && event->type() == QEvent::Resize)
         placeOverlay();
     return QMainWindow::eventFilter(watched, event);
 }
