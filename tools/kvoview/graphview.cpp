@@ -28,6 +28,7 @@ constexpr double kKnob = 4.0;
 constexpr double kReach = 9.0; // of a knob, for the hand
 constexpr double kColumnGap = 70.0;
 constexpr double kRowGap = 22.0;
+constexpr double kLeastZoom = 0.62;
 
 QPainterPath curve(const QPointF &from, const QPointF &to)
 {
@@ -156,7 +157,10 @@ GraphView::GraphView(Session *session, QWidget *parent) : QGraphicsView(parent),
             node->update();
         }
     });
-    connect(session, &Session::chosenPassChanged, this, &GraphView::light);
+    connect(session, &Session::chosenPassChanged, this, [this] {
+        light();
+        showChosen();
+    });
 }
 
 void GraphView::rebuild()
@@ -276,11 +280,19 @@ void GraphView::fit()
     const QRectF all = _scene.sceneRect();
     if (!all.isEmpty())
         fitInView(all, Qt::KeepAspectRatio);
-    // Not larger than it was drawn for.
-    if (transform().m11() > 1.2) {
-        resetTransform();
-        scale(1.2, 1.2);
-    }
+    // Not larger than it was drawn for, and not smaller than can be read: then what is chosen is in sight.
+    const double zoom = std::clamp(transform().m11(), kLeastZoom, 1.2);
+    if (zoom == transform().m11())
+        return;
+    resetTransform();
+    scale(zoom, zoom);
+    showChosen();
+}
+
+void GraphView::showChosen()
+{
+    if (const GraphNode *node = _nodes.value(_session->chosenPass()))
+        ensureVisible(node->sceneBoundingRect(), 60, 20);
 }
 
 GraphView::Knob GraphView::knobAt(const QPoint &position) const

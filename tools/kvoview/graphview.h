@@ -44,6 +44,7 @@ private:
     void layOut();
     void addLinks();
     void light();
+    void showChosen();
     void step(int by);
     Knob knobAt(const QPoint &position) const;
 

@@ -18,7 +18,7 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int kLine = 18;
-constexpr int kNames = 210;
+constexpr int kNames = 250;
 constexpr int kHeader = 74;
 constexpr int kLeastColumn = 26;
 

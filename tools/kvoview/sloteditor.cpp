@@ -30,7 +30,9 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr double kLimit = 1e9; // of fields for numbers without a range
+constexpr size_t kLongestUnit = 7;
 constexpr int kSliderSteps = 1000;
+constexpr int kArrows = 30; // pixels beside the text of a field
 int lastGesture = 0;
 
 bool isFiniteRange(const SlotInfo *info)
@@ -55,6 +57,8 @@ QString tipOf(const SlotInfo *info)
     QString tip = QString::fromLatin1(info->meaning);
     if (isFiniteRange(info))
         tip += u" (%1 to %2 %3)"_s.arg(info->range.least).arg(info->range.most).arg(QLatin1StringView(info->unit));
+    else if (*info->unit)
+        tip += u" (%1)"_s.arg(QLatin1StringView(info->unit));
     return tip;
 }
 
@@ -63,7 +67,7 @@ QDoubleSpinBox *makeField(const SlotInfo *info, bool isWhole, QWidget *parent)
     // Typed digits count when they are all there.
     auto *field = new QDoubleSpinBox(parent);
     field->setKeyboardTracking(false);
-    field->setDecimals(isWhole ? 0 : 4);
+    field->setDecimals(isWhole ? 0 : 3);
     field->setRange(info && std::isfinite(info->range.least) ? info->range.least : -kLimit,
                     info && std::isfinite(info->range.most) ? info->range.most : kLimit);
     field->setSingleStep(stepOf(info, isWhole));
@@ -83,7 +87,7 @@ public:
         if (isFiniteRange(info)) {
             _slider = new QSlider(Qt::Horizontal, this);
             _slider->setObjectName(u"slider"_s);
-            _slider->setMinimumWidth(70);
+            _slider->setMinimumWidth(56);
             const double width = info->range.most - info->range.least;
             _slider->setRange(0, isWhole ? int(std::min(width, 1e6)) : kSliderSteps);
             _least = info->range.least;
@@ -96,8 +100,10 @@ public:
                 give(_least + place * _perStep);
             });
         }
-        if (info && *info->unit)
+        // Longer ones are in the tip.
+        if (info && *info->unit && qstrlen(info->unit) <= kLongestUnit)
             _field->setSuffix(u' ' + QString::fromLatin1(info->unit));
+        _field->setMinimumWidth(_field->fontMetrics().horizontalAdvance(u"00.000"_s + _field->suffix()) + kArrows);
         _field->setObjectName(u"field"_s);
         layout->addWidget(_field, _slider ? 0 : 1);
         connect(_field, &QDoubleSpinBox::valueChanged, this, [this](double value) {
