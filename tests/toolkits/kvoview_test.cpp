@@ -28,6 +28,7 @@
 #include <gl/texturemanager.h>
 #include <host/pipeline.h>
 #include <host/pipelinefile.h>
+#include <host/slotvalue.h>
 #include <host/viewportwidget.h>
 
 #include <QApplication>
@@ -285,6 +286,34 @@ TEST_F(KvoviewTest, APullAtASliderIsOneStepBack)
     EXPECT_GT(valueOf(u"BlurRadius"_s), 10.0);
     click("undo");
     EXPECT_EQ(valueOf(u"BlurRadius"_s), 2.0);
+}
+
+TEST_F(KvoviewTest, OutputsThatAreNoTexturesShowTheirValues)
+{
+    show(kPipelines + u"luminance.json"_s);
+    showModel();
+    QString pass, slot;
+    for (const QString &name : pipeline().order())
+        if (pipeline().className(name) == u"LuminanceAverageRenderPass")
+            pass = name;
+    for (const QString &output : pipeline().outputs(pass))
+        if (output.startsWith(u"Kvo_float_"_s))
+            slot = output;
+    ASSERT_FALSE(slot.isEmpty());
+    session().choosePass(pass);
+    view().invalidate();
+    settle();
+    const QString expected = describeSlotValue(pipeline().output(pass, slot));
+    EXPECT_GT(expected.toDouble(), 0.0);
+    EXPECT_TRUE(waitFor(
+        [&] {
+            for (const QLabel *label : window->slotsPanel()->findChildren<QLabel *>())
+                if (label->toolTip() == expected)
+                    return true;
+            return false;
+        },
+        3000))
+        << qPrintable(expected);
 }
 
 TEST_F(KvoviewTest, SourcesThatFitCanBeChosen)

@@ -4,6 +4,7 @@
 #include "gl/texturemanager.h"
 #include "glnames.h"
 #include "host/pipeline.h"
+#include "host/slotname.h"
 #include "host/slotvalue.h"
 #include "host/viewportwidget.h"
 #include "session.h"
@@ -30,6 +31,12 @@ Texture *textureIn(const QVariant &value)
 }
 
 } // namespace
+
+bool isLookable(const QString &slot)
+{
+    const SlotName name = SlotName::parse(slot);
+    return name.type == u"KvoTexture*" || name.name == u"ShadowMapData";
+}
 
 FrameProbe::FrameProbe(Session *session) : QObject(session), _session(session)
 {

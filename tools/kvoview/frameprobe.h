@@ -25,6 +25,9 @@ struct Tap
     bool operator==(const Tap &) const = default;
 };
 
+/// Whether an output holds texels.
+bool isLookable(const QString &slot);
+
 /// What a tap found in the last frame.
 struct TapResult
 {

@@ -32,12 +32,6 @@ constexpr int kSlotRole = Qt::UserRole + 1;
 constexpr int kLists = 100; // beside Look::Channels
 constexpr double kLimit = 1e12;
 
-bool isLookable(const QString &slot)
-{
-    const SlotName name = SlotName::parse(slot);
-    return name.type == u"KvoTexture*" || name.name == u"ShadowMapData";
-}
-
 QString numberText(double value)
 {
     if (std::isnan(value))

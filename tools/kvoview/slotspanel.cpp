@@ -2,8 +2,10 @@
 
 #include "core/renderpasshelper.h"
 #include "core/slotinfo.h"
+#include "frameprobe.h"
 #include "host/slotname.h"
 #include "host/slotvalue.h"
+#include "host/viewportwidget.h"
 #include "session.h"
 #include "sloteditor.h"
 
@@ -22,6 +24,8 @@ using namespace Qt::StringLiterals;
 namespace {
 
 constexpr int kNameWidth = 100;
+constexpr int kValueWidth = 180;
+constexpr int kTick = 250; // ms
 constexpr int kKindRole = Qt::UserRole;
 constexpr int kSourceRole = Qt::UserRole + 1;
 constexpr int kPassRole = Qt::UserRole + 2;
@@ -51,6 +55,14 @@ SlotsPanel::SlotsPanel(Session *session, QWidget *parent)
     connect(session, &Session::chosenPassChanged, this, &SlotsPanel::rebuild);
     connect(session, &Session::structureChanged, this, &SlotsPanel::rebuild);
     connect(session, &Session::inputChanged, this, &SlotsPanel::update);
+    // Only frames bring other values of outputs.
+    _tick.setSingleShot(true);
+    _tick.setInterval(kTick);
+    connect(&_tick, &QTimer::timeout, this, &SlotsPanel::updateValues);
+    connect(session->view(), &ViewportWidget::frameDrawn, this, [this] {
+        if (!_values.isEmpty() && !_tick.isActive() && isVisible())
+            _tick.start();
+    });
 }
 
 const SlotsPanel::Row *SlotsPanel::rowOf(const QString &slot) const
@@ -84,6 +96,7 @@ void SlotsPanel::rebuild()
     Pipeline *pipeline = _session->pipeline();
     _pass = _session->chosenPass();
     _rows.clear();
+    _values.clear();
     // What asked for this may be one of the widgets that go.
     if (QWidget *before = _area->takeWidget())
         before->deleteLater();
@@ -107,10 +120,11 @@ void SlotsPanel::rebuild()
         addInput(layout, line++, input);
     for (const QString &output : pipeline->outputs(_pass))
         addOutput(layout, line++, output);
-    layout->setColumnMinimumWidth(2, 150);
-    layout->setColumnStretch(2, 1);
+    layout->setColumnMinimumWidth(3, 150);
+    layout->setColumnStretch(3, 1);
     layout->setRowStretch(line, 1);
     _area->setWidget(page);
+    updateValues();
 }
 
 void SlotsPanel::addInput(QGridLayout *layout, int line, const PassInput &input)
@@ -148,9 +162,9 @@ void SlotsPanel::addInput(QGridLayout *layout, int line, const PassInput &input)
     connect(row.restore, &QToolButton::clicked, this, [this, slot] { _session->restoreDefault(_pass, slot); });
     layout->addWidget(row.name, line, 0);
     layout->addWidget(row.source, line, 1);
+    layout->addWidget(row.restore, line, 2);
     if (row.editor)
-        layout->addWidget(row.editor, line, 2);
-    layout->addWidget(row.restore, line, 3);
+        layout->addWidget(row.editor, line, 3);
     _rows.insert(slot, row);
     display(row, input);
 }
@@ -167,14 +181,22 @@ void SlotsPanel::addOutput(QGridLayout *layout, int line, const QString &slot)
     const int users = pipeline->users(_pass, slot);
     auto *readers = new QLabel(users == 0 ? tr("unread") : tr("%n reader(s)", nullptr, users));
     readers->setEnabled(users > 0);
+    layout->addWidget(label, line, 0);
+    layout->addWidget(readers, line, 1);
+    if (!isLookable(slot)) {
+        auto *value = new QLabel;
+        value->setTextInteractionFlags(Qt::TextSelectableByMouse);
+        value->setAccessibleName(tr("Value of %1").arg(name.name));
+        layout->addWidget(value, line, 2, 1, 2);
+        _values.append({slot, value});
+        return;
+    }
     auto *look = new QToolButton;
     look->setText(tr("Look"));
     look->setObjectName(u"look "_s + name.name);
     look->setAccessibleName(tr("Look at %1").arg(name.name));
     connect(look, &QToolButton::clicked, this, [this, slot] { Q_EMIT lookAt(_pass, slot); });
-    layout->addWidget(label, line, 0);
-    layout->addWidget(readers, line, 1);
-    layout->addWidget(look, line, 2, Qt::AlignLeft);
+    layout->addWidget(look, line, 2, 1, 2, Qt::AlignLeft);
 }
 
 // The entry that is current is always the first of its kind: the links of passes further down the chain are not
@@ -205,6 +227,16 @@ void SlotsPanel::fillSources(QComboBox *box, const PassInput &input) const
         for (const QString &output : pipeline->outputs(other))
             if (slotTypesMatch(output, input.slot) && !SlotName::parse(output).type.isEmpty())
                 add(u"%1.%2"_s.arg(other, SlotName::parse(output).name), PassInput::Kind::Link, output, other);
+    }
+}
+
+void SlotsPanel::updateValues()
+{
+    Pipeline *pipeline = _session->pipeline();
+    for (const auto &[slot, label] : std::as_const(_values)) {
+        const QString text = pipeline ? describeSlotValue(pipeline->output(_pass, slot)) : QString();
+        label->setText(label->fontMetrics().elidedText(text, Qt::ElideRight, kValueWidth));
+        label->setToolTip(text);
     }
 }
 

@@ -4,6 +4,8 @@
 
 #include <QHash>
 #include <QString>
+#include <QTimer>
+#include <QVector>
 #include <QWidget>
 
 class QComboBox;
@@ -49,6 +51,7 @@ private:
     void fillSources(QComboBox *box, const Brevane::Kvo::PassInput &input) const;
     void takeSource(const QString &slot, int index);
     void update(const QString &pass, const QString &slot);
+    void updateValues();
     void display(const Row &row, const Brevane::Kvo::PassInput &input);
     const Row *rowOf(const QString &slot) const;
 
@@ -56,5 +59,7 @@ private:
     QLabel *_title;
     QScrollArea *_area;
     QHash<QString, Row> _rows; ///< By full name.
+    QVector<std::pair<QString, QLabel *>> _values; ///< Of outputs that are no textures.
+    QTimer _tick;
     QString _pass;
 };
