@@ -21,6 +21,7 @@ uniform mat4 Kvo_QMatrix4x4_ClipToWorld;
 in vec2 vo_TexCoord;
 
 out vec4 o_Frame;
+out vec4 o_Dim; // for the lens, which makes what is bright brighter still: a half, which is not
 
 const float kPi = 3.14159265358979;
 
@@ -88,4 +89,5 @@ void main()
   // Not more than keeps black black and white white.
   vec3 room = min(vec3(1.0), 255.0 * min(shown, 1.0 - shown));
   o_Frame = vec4(shown + room * (noise(gl_FragCoord.xy) - 0.5) / 255.0, 1.0);
+  o_Dim = 0.5 * o_Frame;
 }

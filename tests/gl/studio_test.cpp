@@ -2,6 +2,7 @@
 #include "support/image.h"
 #include "support/messages.h"
 #include "support/scenes.h"
+#include "support/stage.h"
 
 #include <gl/texture.h>
 #include <host/environmentpass.h>
@@ -456,5 +457,45 @@ TEST_F(Studio, AGreyRampGoesFromFileToFile)
         // Powers of software renderers are approximate, there and back.
         EXPECT_NEAR(mean, shownCode(x / 255.0), 0.6) << x;
     }
+    owned.reset();
+}
+
+// One switch puts the lens in: it softens what is out of focus, and makes nothing brighter.
+TEST_F(Studio, TheLensSoftensThePictureAndKeepsItsBrightness)
+{
+    const MessageCapture messages; // shadow passes tell their path
+    ASSERT_TRUE(loadPipeline(u"" KVO_SOURCE_DIR "/pipelines/studio.json"_s, owned.get(), nullptr));
+    GPUModel model;
+    ASSERT_TRUE(model.upload(threeCubes()));
+    QMatrix4x4 projection;
+    projection.perspective(40, 1.5f, 1, 30);
+    QMatrix4x4 camera;
+    camera.lookAt({3, 3, 8}, {0, 0, 0}, {0, 1, 0});
+    owned->setCamera(camera, projection, 1, 30);
+    owned->setViewport(QRect(0, 0, 240, 160));
+    owned->setModel(&model);
+    ScreenTarget screen;
+    QString error;
+    ASSERT_TRUE(screen.resize(QSize(240, 160), &error)) << error.toStdString();
+    owned->setScreen(screen.framebuffer());
+    const auto picture = [&] {
+        EXPECT_TRUE(owned->render(nullptr, &error)) << error.toStdString();
+        return screen.image(&error);
+    };
+    const auto meanAndSteps = [](const QImage &image) {
+        std::array<double, 2> sums{};
+        for (int y = 0; y < image.height(); ++y)
+            for (int x = 1; x < image.width(); ++x) {
+                sums[0] += qGreen(image.pixel(x, y));
+                sums[1] += std::abs(qGreen(image.pixel(x, y)) - qGreen(image.pixel(x - 1, y)));
+            }
+        return sums;
+    };
+    const auto without = meanAndSteps(picture());
+    ASSERT_TRUE(owned->bind(u"Lens"_s, u"Viewport"_s, u"viewport"_s, &error)) << error.toStdString();
+    set("Lens.FStop", 2.0f);
+    const auto with = meanAndSteps(picture());
+    EXPECT_NEAR(with[0] / without[0], 1.0, 0.01);
+    EXPECT_LT(with[1], 0.9 * without[1]);
     owned.reset();
 }
