@@ -499,3 +499,63 @@ TEST_F(Studio, TheLensSoftensThePictureAndKeepsItsBrightness)
     EXPECT_LT(with[1], 0.9 * without[1]);
     owned.reset();
 }
+
+// Under a plate the ground loses the part of the sky that the plate fills, weighted with the cosine: the view factor of
+// a rectangle that is parallel to a place under its middle.
+TEST_F(Studio, TheGroundLosesTheSkyThatThePlateAboveFills)
+{
+    const MessageCapture messages; // shadow passes tell their path
+    ASSERT_TRUE(loadPipeline(u"" KVO_SOURCE_DIR "/pipelines/studio.json"_s, owned.get(), nullptr));
+    // A plate of 2 by 2 units, and a speck below that says where the ground is.
+    ModelData data;
+    data.meshes << quadMesh();
+    data.materials.resize(1);
+    data.items.resize(2);
+    data.items[0].transform.translate(0, 0.5f, 0);
+    data.items[0].transform.rotate(-90, 1, 0, 0);
+    data.items[1].transform.translate(0.95f, 0, 0.95f);
+    data.items[1].transform.rotate(-90, 1, 0, 0);
+    data.items[1].transform.scale(0.001f);
+    for (ModelItem &item : data.items)
+        item.flags = quint64(1) << 60; // from both sides
+    GPUModel model;
+    ASSERT_TRUE(model.upload(data));
+    QMatrix4x4 projection;
+    projection.perspective(40, 1, 1, 30);
+    QMatrix4x4 camera;
+    camera.lookAt({3, 3, 8}, {0, 0, 0}, {0, 1, 0});
+    owned->setCamera(camera, projection, 1, 30);
+    owned->setViewport(QRect(0, 0, 64, 64));
+    owned->setModel(&model);
+    ScreenTarget screen;
+    QString error;
+    ASSERT_TRUE(screen.resize(QSize(64, 64), &error)) << error.toStdString();
+    owned->setScreen(screen.framebuffer());
+    Image<float> ground;
+    owned->setPassObserver([&](const QString &name, RenderPass *) {
+        if (name == "GroundSky"_L1)
+            ground = readTexture<float>(textureFromVariant(owned->output(name, u"Light"_s)));
+    });
+    ASSERT_TRUE(owned->render(nullptr, &error)) << error.toStdString();
+    ASSERT_FALSE(ground.pixels.isEmpty());
+
+    // Of the quarter of the plate above a place, a by b at the height h (Howell, configuration factors).
+    const auto quarter = [](double a, double b, double h) {
+        const double x = a / h;
+        const double y = b / h;
+        return (x / std::sqrt(1 + x * x) * std::atan(y / std::sqrt(1 + x * x))
+                + y / std::sqrt(1 + y * y) * std::atan(x / std::sqrt(1 + y * y)))
+               / (2 * kPi);
+    };
+    constexpr double kReach = 3; // of the map, in radii of the model
+    for (const double x : {0.0, 0.3, 0.6}) {
+        double expected = 1;
+        for (const double side : {-1.0, 1.0})
+            expected -= 2 * quarter(1 + side * x, 1, 0.5);
+        const int column = int((x / kReach * 0.5 + 0.5) * ground.width);
+        // Rings of a few taps, out to 1.28 radii, and a shadow map of 192 texels whose edges are soft.
+        EXPECT_NEAR(ground.at(column, ground.height / 2)[0], expected, 0.08) << x;
+    }
+    EXPECT_NEAR(ground.at(2, 2)[0], 1.0f, 0.02f);
+    owned.reset();
+}
