@@ -118,7 +118,7 @@ TEST_F(ChainCheck, SeesATextureThatStays)
 }
 
 // What the pool holds at its peak is what a frame needs at one time, but for textures that differ in format or size
-// from those that are free then: 1.6 times at most (ambient obscurance, whose positions are of a format of their
+// from those that are free then: 1.7 times at most (the drawings, whose surfaces, lists and SMAA have formats of their
 // own), and a frame's texture more where visibility lists or the jitter of SMAA take one for a moment.
 TEST_P(Chain, HoldsLittleMoreOfThePoolThanAFrameNeedsAtOneTime)
 {
@@ -133,7 +133,7 @@ TEST_P(Chain, HoldsLittleMoreOfThePoolThanAFrameNeedsAtOneTime)
             stage.render();
         const TexturePoolStatistics pool = TextureManager::Instance().statistics();
         const qint64 frame = qint64(kSize.width()) * kSize.height() * 8;
-        EXPECT_LE(pool.peakBytes, std::max(pool.peakBytesInUse * 16 / 10, pool.peakBytesInUse + frame));
+        EXPECT_LE(pool.peakBytes, std::max(pool.peakBytesInUse * 17 / 10, pool.peakBytesInUse + frame));
         EXPECT_GE(pool.peakBytes, pool.peakBytesInUse);
     }
     OpenGLDeviceContext::releaseCurrent();
