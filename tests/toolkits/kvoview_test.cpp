@@ -42,9 +42,11 @@
 #include <QLabel>
 #include <QMimeData>
 #include <QProcess>
+#include <QProgressBar>
 #include <QSettings>
 #include <QSignalSpy>
 #include <QSlider>
+#include <QStatusBar>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QToolButton>
@@ -565,9 +567,16 @@ TEST_F(KvoviewTest, MomentsAndComparisonsDiffer)
     inspector->textureView()->setHovered(QPoint(3, 4));
     EXPECT_EQ(inspector->texelText(), u"(3, 4): 1  0  0  1\nother: 0  0  1  1"_s);
     // A hidden inspector costs no frame anything.
-    inspector->window();
+    const auto readBacks = [this] {
+        const GlCalls calls;
+        view().invalidate();
+        settle();
+        return calls.count("glGetTexImage");
+    };
+    EXPECT_EQ(readBacks(), 2);
     window->findChild<QWidget *>(u"inspector"_s)->hide();
     settle();
+    EXPECT_EQ(readBacks(), 0);
     const int frames = view().frameCount();
     QTest::qWait(200);
     EXPECT_EQ(view().frameCount(), frames);
@@ -922,12 +931,21 @@ TEST_F(KvoviewTest, WithoutAContextTheWindowStaysAndSaysSo)
 TEST_F(KvoviewTest, AnImportIsCancelled)
 {
     show(fileWith(kTwoColors));
+    // An importer that never comes to an end.
+    write(path(u"importer"_s), "#!/bin/sh\nexec sleep 1000\n");
+    ASSERT_TRUE(QFile::setPermissions(path(u"importer"_s), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+    qputenv("KVO_IMPORT_PROGRAM", QFile::encodeName(path(u"importer"_s)));
+    window->openModel(kEngine);
+    QTest::qWait(200);
+    EXPECT_TRUE(window->modelImport()->isRunning());
+    EXPECT_TRUE(window->findChild<QProgressBar *>()->isVisible());
     QElapsedTimer timer;
     timer.start();
-    window->openModel(kEngine);
-    EXPECT_TRUE(window->modelImport()->isRunning());
-    window->modelImport()->cancel();
+    window->findChild<QStatusBar *>()->findChild<QToolButton *>()->click();
+    EXPECT_LT(timer.elapsed(), 5000);
+    qunsetenv("KVO_IMPORT_PROGRAM");
     EXPECT_FALSE(window->modelImport()->isRunning());
+    EXPECT_FALSE(window->findChild<QProgressBar *>()->isVisible());
     EXPECT_TRUE(window->problem().contains(u"cancelled"_s)) << qPrintable(window->problem());
     QTest::qWait(50);
     EXPECT_FALSE(window->windowTitle().contains(u"Engine"_s));
