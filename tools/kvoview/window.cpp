@@ -276,8 +276,16 @@ void Window::showModel(const ModelData &model, const QString &path)
     _picked->clear();
     noteRecent(path);
     updateTitle();
-    if (_lastFrame > 0)
-        _view->setRunning(true);
+    count();
+}
+
+// From now on, when there is something to see.
+void Window::count()
+{
+    if (_lastFrame == 0)
+        return;
+    _countedFrom = _view->frameCount();
+    _view->setRunning(true);
 }
 
 void Window::applyCamera()
@@ -322,8 +330,8 @@ void Window::run(int frames)
 {
     _lastFrame = frames;
     // Without a model that is awaited there is something to see at once.
-    if (frames > 0 && (_options.model.isEmpty() || !_model.items.isEmpty()))
-        _view->setRunning(true);
+    if (_options.model.isEmpty() || !_model.items.isEmpty())
+        count();
     if (!isVisible())
         show();
     // The panels keep what they have; the window is as large as the picture wants it.
@@ -391,7 +399,7 @@ void Window::showPanel(const QString &name)
 void Window::onFrame(int number)
 {
     updateOverlay();
-    if (_lastFrame > 0 && number >= _lastFrame)
+    if (_countedFrom >= 0 && number - _countedFrom >= _lastFrame)
         QMetaObject::invokeMethod(
             this, [] { QCoreApplication::quit(); }, Qt::QueuedConnection);
 }

@@ -119,6 +119,7 @@ private:
     void onPick(const Brevane::Kvo::Pick &pick);
     void updateTitle();
     void applyCamera();
+    void count();
 
     ViewOptions _options;
     bool _keepsSettings;
@@ -144,6 +145,7 @@ private:
     Brevane::Kvo::ModelData _model;
     qint64 _triangles = 0;
     int _lastFrame = 0; ///< 0: none.
+    int _countedFrom = -1; ///< Before the first that counts; -1: that one is to come.
     bool _failed = false;
     bool _isDark = false;
 };
