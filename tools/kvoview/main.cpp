@@ -6,11 +6,35 @@
 
 #include <QApplication>
 
+#include <algorithm>
+#include <cstring>
+
 using namespace Brevane::Kvo;
 using namespace Qt::StringLiterals;
 
+namespace {
+
+constexpr const char *kTextOptions[] = {"-h", "--help", "-v", "--version"};
+
+// What to read needs no display.
+bool asksForText(int argc, char **argv)
+{
+    return std::any_of(argv + 1, argv + argc, [](const char *argument) {
+        return std::any_of(std::begin(kTextOptions), std::end(kTextOptions),
+                           [argument](const char *option) { return std::strcmp(argument, option) == 0; });
+    });
+}
+
+} // namespace
+
 int main(int argc, char **argv)
 {
+    if (asksForText(argc, argv)) {
+        const QCoreApplication application(argc, argv);
+        startMessages(u"kvoview"_s);
+        ViewOptions options;
+        return options.read(QCoreApplication::arguments()).value_or(kUsage);
+    }
     ViewportWidget::setDefaultFormat();
     const QApplication application(argc, argv);
     startMessages(u"kvoview"_s);
