@@ -106,7 +106,7 @@ uniform vec4 projInfo;
 uniform float u_NumSamples;
 uniform int u_LogMaxOffset;
 uniform float u_NumSpiralTurns;
-uniform ivec2 u_Origin; // of the part of a picture that this is
+uniform vec2 u_Origin; // whole texels, of the part of a picture that this is
 
 in vec2 vo_TexCoord;
 
@@ -185,7 +185,7 @@ void main()
   vec3 C = getPosition(ssC);
   if(C.z < FAR_PLANE_Z)
     discard;
-  ivec2 place = ssC + u_Origin;
+  ivec2 place = ssC + ivec2(u_Origin);
   float randomPatternRotationAngle = (3.0 * float(place.x ^ place.y) + float(place.x * place.y)) * 10.0;
 
 #if defined(NORMAL_CALCULATE)
@@ -224,11 +224,12 @@ void main()
 )");
 
 // In texels of the target.
-QPoint originIn(const PictureWindow &window, const QRect &viewport, int width, int height)
+QVector2D originIn(const PictureWindow &window, const QRect &viewport, int width, int height)
 {
     if (!window.isPart() || viewport.isEmpty())
         return {};
-    return {int(qint64(window.x) * width / viewport.width()), int(qint64(window.y) * height / viewport.height())};
+    return QVector2D(float(qint64(window.x) * width / viewport.width()),
+                     float(qint64(window.y) * height / viewport.height()));
 }
 
 constexpr int kGLSL400 = 40; // the OpenGL version that brought it

@@ -234,6 +234,10 @@ bool TilePlan::make(const Pipeline &pipeline, const QSize &picture, int side, co
     _warnings.clear();
     double reach = 0.0;
     QString reason;
+    if (!pipeline.inOnePiece().isEmpty())
+        return fails(error, u"a picture of %1x%2 cannot be put together from tiles: %3"_s.arg(picture.width())
+                                .arg(picture.height())
+                                .arg(pipeline.inOnePiece()));
     if (!reachOf(pipeline, pixelsPerUnit, &reach, &_warnings, &reason) || !check(pipeline, limits, &reason)
         || !findHeld(pipeline, prints, &reason))
         return fails(error, u"a picture of %1x%2 cannot be put together from tiles: %3"_s.arg(picture.width())

@@ -42,6 +42,7 @@ public:
     PassGraph graph;
     HostValues hosts;
     PipelineFrame frame{graph, hosts};
+    QString inOnePiece;
 };
 
 Node *PipelinePrivate::append(std::unique_ptr<Node> node)
@@ -460,6 +461,16 @@ void Pipeline::setWindow(const QRect &window, const QSize &picture)
 {
     d->frame.window =
         picture.isEmpty() ? PictureWindow() : PictureWindow{window.x(), window.y(), picture.width(), picture.height()};
+}
+
+void Pipeline::setInOnePiece(const QString &reason)
+{
+    d->inOnePiece = reason;
+}
+
+QString Pipeline::inOnePiece() const
+{
+    return d->inOnePiece;
 }
 
 void Pipeline::setModel(GPUModel *model, GPUModel *opaque)

@@ -34,11 +34,10 @@ public:
         }
         checkMembers(root,
                      {QStringLiteral("$schema"), QStringLiteral("description"), QStringLiteral("passes"),
-                      QStringLiteral("lights")},
+                      QStringLiteral("lights"), QStringLiteral("inOnePiece")},
                      QStringLiteral("a pipeline"));
-        const Json *description = root.member(QStringLiteral("description"));
-        if (description && !description->isString())
-            complain(description->line, QStringLiteral("\"description\" is text, not %1").arg(description->describe()));
+        textOf(root, QStringLiteral("description"));
+        _pipeline->setInOnePiece(textOf(root, QStringLiteral("inOnePiece")));
         setLights(root);
         const Json *passes = root.member(QStringLiteral("passes"));
         if (!passes || !passes->isArray()) {
@@ -57,6 +56,17 @@ public:
     }
 
 private:
+    // Empty where there is none.
+    QString textOf(const Json &root, const QString &name)
+    {
+        const Json *member = root.member(name);
+        if (!member)
+            return QString();
+        if (!member->isString())
+            complain(member->line, QStringLiteral("\"%1\" is text, not %2").arg(name, member->describe()));
+        return member->isString() ? member->string : QString();
+    }
+
     void setLights(const Json &root)
     {
         const Json *lights = root.member(QStringLiteral("lights"));

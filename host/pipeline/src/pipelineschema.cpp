@@ -241,6 +241,7 @@ QByteArray pipelineSchema()
     QJsonObject definitions = commonDefinitions();
     QJsonObject schema = closedObject({{u"$schema"_s, ofType(u"string"_s)},
                                        {u"description"_s, ofType(u"string"_s)},
+                                       {u"inOnePiece"_s, ofType(u"string"_s)},
                                        {u"lights"_s, QJsonObject{{u"type"_s, u"array"_s}, {u"items"_s, light}}},
                                        {u"passes"_s, passesSchema(&definitions)}},
                                       {u"passes"_s});

@@ -192,6 +192,10 @@ public:
     /// fills the screen by itself (images, parts of the viewport) begins anew in each part. An empty \a picture, the
     /// default: what is drawn is all there is.
     void setWindow(const QRect &window, const QSize &picture);
+    /// Says that windows of this pipeline's picture are not parts of it, and why: "its paper is spread over the
+    /// picture". For shaders that ask where in the picture they are. Nothing else comes of it; empty at first.
+    void setInOnePiece(const QString &reason);
+    QString inOnePiece() const;
     /// \a opaque is what opaquePartOf gives of the model, for pipelines that draw opaque surfaces first and
     /// transparent ones over them; null: all of the model counts as opaque.
     void setModel(GPUModel *model, GPUModel *opaque = nullptr);
