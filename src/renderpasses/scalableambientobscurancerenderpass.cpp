@@ -20,6 +20,7 @@
 #include "passkit/targets.h"
 
 #include <QMatrix4x4>
+#include <QVector2D>
 #include <QVector3D>
 #include <QVector4D>
 
