@@ -87,7 +87,7 @@ public:
         if (isFiniteRange(info)) {
             _slider = new QSlider(Qt::Horizontal, this);
             _slider->setObjectName(u"slider"_s);
-            _slider->setMinimumWidth(56);
+            _slider->setMinimumWidth(36);
             const double width = info->range.most - info->range.least;
             _slider->setRange(0, isWhole ? int(std::min(width, 1e6)) : kSliderSteps);
             _least = info->range.least;

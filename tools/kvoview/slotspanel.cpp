@@ -23,7 +23,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr int kNameWidth = 100;
+constexpr int kNameWidth = 92;
 constexpr int kValueWidth = 180;
 constexpr int kTick = 250; // ms
 constexpr int kKindRole = Qt::UserRole;

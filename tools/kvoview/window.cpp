@@ -146,7 +146,7 @@ void Window::makePanels()
     tabifyDockWidget(graph, resources);
     tabifyDockWidget(resources, messages);
     graph->raise();
-    resizeDocks({findChild<QDockWidget *>(u"passes"_s), inspector}, {400, 330}, Qt::Horizontal);
+    resizeDocks({findChild<QDockWidget *>(u"passes"_s), inspector}, {416, 330}, Qt::Horizontal);
     resizeDocks({graph}, {240}, Qt::Vertical);
     resizeDocks({findChild<QDockWidget *>(u"passes"_s), findChild<QDockWidget *>(u"slots"_s)}, {300, 420},
                 Qt::Vertical);
