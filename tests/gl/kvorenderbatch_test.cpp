@@ -74,7 +74,7 @@ TEST_F(KvoRenderBatch, APictureDoesNotDependOnThoseBeforeIt)
                         {u"size"_s, QString::fromUtf8(size)},
                         {u"output"_s, output},
                         {u"frames"_s, frames}};
-        if (pipeline != "gradient"_L1 && pipeline != "xray"_L1)
+        if (pipeline != "gradient"_L1 && pipeline != "cubes"_L1)
             job[u"model"_s] = kBox;
         jobs << job;
     };
@@ -93,7 +93,7 @@ TEST_F(KvoRenderBatch, APictureDoesNotDependOnThoseBeforeIt)
         EXPECT_EQ(read(pipeline + u"-2.png"_s), first) << qPrintable(pipeline) << ": behind another view";
         EXPECT_EQ(read(pipeline + u"-3.png"_s), first) << qPrintable(pipeline) << ": behind another size";
         QStringList arguments = words("-s 40x30 -c yaw=30 -q -o alone.png -p") << pipeline;
-        if (pipeline != "gradient"_L1 && pipeline != "xray"_L1)
+        if (pipeline != "gradient"_L1 && pipeline != "cubes"_L1)
             arguments << kBox;
         succeed(arguments);
         EXPECT_EQ(read(u"alone.png"_s), first) << qPrintable(pipeline) << ": alone";
@@ -249,7 +249,7 @@ TEST_F(KvoRenderBatch, ResumeMakesWhatIsMissingDamagedOrAskedForOtherwise)
 
 TEST_F(KvoRenderBatch, ShardsTogetherMakeWhatOneRunMakes)
 {
-    writeJobs("jobs.jsonl", {{{u"pipeline"_s, QJsonArray{u"gradient"_s, u"xray"_s}},
+    writeJobs("jobs.jsonl", {{{u"pipeline"_s, QJsonArray{u"gradient"_s, u"cubes"_s}},
                               {u"frames"_s, QJsonArray{1, 2, 3}},
                               {u"output"_s, u"{pipeline}-{frames}.png"_s}}});
     EXPECT_EQ(run(words("--batch jobs.jsonl -s 12x10 -q")).exitCode, 0);
@@ -277,7 +277,7 @@ TEST_F(KvoRenderBatch, ShardsTogetherMakeWhatOneRunMakes)
 TEST_F(KvoRenderBatch, NamesAFileThatMayNotBecomeLarger)
 {
     writeJobs("jobs.jsonl", {{{u"size"_s, QJsonArray{u"8x8"_s, u"512x512"_s, u"9x9"_s}},
-                              {u"pipeline"_s, u"xray"_s},
+                              {u"pipeline"_s, u"cubes"_s},
                               {u"output"_s, u"{size}.png"_s}}});
     const QString program = QCoreApplication::applicationDirPath() + u"/kvorender"_s;
     QProcess process;
@@ -295,7 +295,7 @@ TEST_F(KvoRenderBatch, NamesAFileThatMayNotBecomeLarger)
 TEST_F(KvoRenderBatch, NamesADiskThatIsFullAndAFolderThatIsNotWritable)
 {
     writeJobs("jobs.jsonl", {{{u"size"_s, QJsonArray{u"8x8"_s, u"900x900"_s, u"9x9"_s}},
-                              {u"pipeline"_s, u"xray"_s},
+                              {u"pipeline"_s, u"cubes"_s},
                               {u"output"_s, u"disk/{size}.png"_s}}});
     QDir(folder.path()).mkdir(u"disk"_s);
     const QString program = QCoreApplication::applicationDirPath() + u"/kvorender"_s;

@@ -49,7 +49,7 @@ TEST_F(KvoRenderResume, KillsLeaveTheSameFilesByteForByte)
 {
     write(
         "jobs.jsonl",
-        R"({"pipeline": ["gradient", "xray"], "size": ["40x30", "300x200", "64x64"], "frames": [1, 2], "camera": {"yaw": [10, 20]}, "output": "{pipeline}-{size}-{frames}-{camera.yaw}.png"}
+        R"({"pipeline": ["gradient", "cubes"], "size": ["40x30", "300x200", "64x64"], "frames": [1, 2], "camera": {"yaw": [10, 20]}, "output": "{pipeline}-{size}-{frames}-{camera.yaw}.png"}
 )");
     const QString program = QCoreApplication::applicationDirPath() + u"/kvorender"_s;
     const QStringList arguments = words("--batch jobs.jsonl -q --resume");

@@ -75,7 +75,7 @@ constexpr Expectation kExpectations[] = {
     {"blueprint", Refused, "its paper and its strokes are spread over the picture"},
     {"clay", Refused, "its backdrop and its exposure are those of the whole picture"},
     {"cubemap", Step},
-    {"cubes", Step},
+    {"cubes", Exact},
     {"deferred", Refused, "pass 'ShowNormals' (TextureToScreenRenderPass) draws to a part of the picture"},
     {"deferred-model", Exact},
     {"depth-of-field", Step},
@@ -278,8 +278,10 @@ TEST_F(KvoRenderTiledFiles, MakePicturesThatNoTextureHolds)
                   "pass 'Environment' (SkyboxRenderPass) needs a viewport of the whole picture");
     expectFailure(QStringList{kEngine} << words("-p antialiasing -s 30000x20000 -o out.png"), 1,
                   "cannot be put together from tiles");
-    expectFailure(QStringList{kEngine} << words("-p forward --tile 64 -o out.png --timings"), 2, "are for pictures in one piece");
-    expectFailure(QStringList{kEngine} << words("-p forward --tile 64 -o out.jpg"), 2, "a picture in tiles has to end in .png");
+    expectFailure(QStringList{kEngine} << words("-p forward --tile 64 -o out.png --timings"), 2,
+                  "are for pictures in one piece");
+    expectFailure(QStringList{kEngine} << words("-p forward --tile 64 -o out.jpg"), 2,
+                  "a picture in tiles has to end in .png");
     expectFailure(QStringList{kEngine} << words("--tile 64 -p deferred-model -o out.png --dump Model.Depth=d.png"), 2,
                   "can be written as .exr only");
     expectFailure(
