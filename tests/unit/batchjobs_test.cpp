@@ -74,8 +74,8 @@ TEST(BatchJobs, ALineIsACommandLine)
     EXPECT_EQ(commandLine.size, QSize(64, 48));
     EXPECT_EQ(commandLine.frames, 2);
     EXPECT_TRUE(commandLine.scene.floor);
-    ASSERT_EQ(commandLine.values.size(), 2);
-    EXPECT_EQ(commandLine.values[1].slot, u"GlowAmount"_s);
+    ASSERT_EQ(commandLine.settings.values.size(), 2);
+    EXPECT_EQ(commandLine.settings.values[1].first.section(u'.', 1), u"GlowAmount"_s);
     EXPECT_EQ(commandLine.output, u"a.png"_s);
 }
 

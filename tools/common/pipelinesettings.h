@@ -19,5 +19,9 @@ struct PipelineSettings
     QColor background; ///< Invalid: none.
 };
 
-/// --set, --path, --light, --camera and --background.
-void addPipelineSettings(Options *options, PipelineSettings *settings);
+/// --set and --path.
+void addValueOptions(Options *options, PipelineSettings *settings);
+/// --light and --camera; \a where says where they are explained: "see below".
+void addViewOptions(Options *options, PipelineSettings *settings, const QString &where);
+/// --background.
+void addBackgroundOption(Options *options, PipelineSettings *settings);

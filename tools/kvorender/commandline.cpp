@@ -89,15 +89,8 @@ bool readComparison(const QString &text, QVector<Comparison> *comparisons)
     return match.hasMatch();
 }
 
-bool readPath(const QString &text, QVector<QPair<QString, QString>> *paths)
-{
-    const qsizetype equals = text.indexOf(u'=');
-    paths->append({text.left(equals), text.mid(equals + 1)});
-    return equals >= 1;
-}
-
 // "PASS.SLOT=TEXT", or without a text.
-Option::Read into(QVector<SlotArgument> *arguments, const QString &name, bool withText, bool mayBeEmpty = false)
+Option::Read into(QVector<SlotArgument> *arguments, const QString &name, bool withText)
 {
     return [=](const QString &text, QString *) {
         static const QRegularExpression kWithText(u"^([^.=]+)\\.([^=]+)=(.*)$"_s,
@@ -105,7 +98,7 @@ Option::Read into(QVector<SlotArgument> *arguments, const QString &name, bool wi
         static const QRegularExpression kSlot(u"^([^.]+)\\.([^.]+)()$"_s);
         const QRegularExpressionMatch match = (withText ? kWithText : kSlot).match(text);
         arguments->append({u"--%1 %2"_s.arg(name, text), match.captured(1), match.captured(2), match.captured(3)});
-        return match.hasMatch() && (!withText || mayBeEmpty || !match.captured(3).isEmpty());
+        return match.hasMatch() && (!withText || !match.captured(3).isEmpty());
     };
 }
 
@@ -116,35 +109,9 @@ void CommandLine::declare(Options *options)
 {
     options->section(u"What to draw"_s);
     addPipelineOptions(options, &pipelines, true);
-    options->add({{u"set"_s},
-                  u"PASS.SLOT=VALUE"_s,
-                  u"give an input a value: 0.5, true, \"#ff8000\", [0, 0, 640, 480], @viewport"_s,
-                  u"PASS.SLOT=VALUE"_s,
-                  into(&values, u"set"_s, true, true),
-                  true});
-    options->add({{u"path"_s},
-                  u"NAME=FILE"_s,
-                  u"a file for pipelines that ask for @paths.NAME"_s,
-                  u"NAME=FILE"_s,
-                  [this](const QString &text, QString *) { return readPath(text, &paths); },
-                  true});
+    addValueOptions(options, &settings);
     addSceneOptions(options, &scene);
-    options->add({{u"light"_s},
-                  u"LIGHT"_s,
-                  u"a light, see below, instead of the pipeline's lights"_s,
-                  u"a light"_s,
-                  [this](const QString &text, QString *reason) {
-                      return Brevane::Kvo::parseLight(text, &lights.emplaceBack(), reason);
-                  },
-                  true});
-    options->add({{u"c"_s, u"camera"_s},
-                  u"SETTINGS"_s,
-                  u"joined by ':', see below; default: fit"_s,
-                  {},
-                  [this](const QString &text, QString *) {
-                      camera = text;
-                      return true;
-                  }});
+    addViewOptions(options, &settings, u"see below"_s);
     options->add({{u"s"_s, u"size"_s},
                   u"WxH"_s,
                   u"pixels; default: 1280x720"_s,
@@ -164,14 +131,7 @@ void CommandLine::declare(Options *options)
 
     options->section(u"What to write"_s);
     options->add({{u"o"_s, u"output"_s}, u"FILE"_s, u"the picture (PNG)"_s, u"a file name"_s, into(&output)});
-    options->add({{u"background"_s},
-                  u"COLOR"_s,
-                  u"put the picture on a colour; default: transparent"_s,
-                  u"\"#rrggbb\" or a colour name"_s,
-                  [this](const QString &text, QString *) {
-                      background = QColor(text);
-                      return background.isValid();
-                  }});
+    addBackgroundOption(options, &settings);
     options->add({{u"dump"_s},
                   u"PASS.SLOT=FILE"_s,
                   u"the texture or the shadow maps of an output, as .png or, with exact values, as .exr; layers of an "

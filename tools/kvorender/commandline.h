@@ -1,11 +1,10 @@
 #pragma once
 
 #include "batchjobs.h"
-#include "host/lights.h"
 #include "messages.h"
+#include "pipelinesettings.h"
 #include "scenesettings.h"
 
-#include <QColor>
 #include <QPoint>
 #include <QSize>
 #include <QString>
@@ -38,16 +37,12 @@ struct CommandLine
     QString pipeline; ///< The one to render.
     PipelineChoice pipelines; ///< As given; a gallery takes all of them.
     QSize size;
-    QString camera;
     int frames = 1;
     QString output;
-    QColor background; ///< Invalid: transparent.
-    QVector<SlotArgument> values;
+    PipelineSettings settings;
     QVector<SlotArgument> dumps;
-    QVector<Brevane::Kvo::ShadowMapLight> lights;
     SceneSettings scene;
     bool sceneIsGiven = false; ///< Whether any of its settings is.
-    QVector<QPair<QString, QString>> paths;
     QVector<QPoint> inspected; ///< Pixels of the picture, counted from its upper left corner.
     QString gallery; ///< The folder; empty: none wanted. It takes all pipelines where none is given.
     QStringList galleryModels; ///< Empty: the system's samples.

@@ -294,7 +294,7 @@ void Gallery::show(const GalleryEntry &entry, Model *model, GalleryRun *run)
     const Listener listener(&messages);
     Pipeline pipeline;
     GPUModel::BoundingBox bounds;
-    QString camera = _commandLine.camera;
+    QString camera = _commandLine.settings.camera;
     QString error;
     QStringList errors;
     const auto failed = [&] { run->failures << error; };
@@ -315,8 +315,8 @@ void Gallery::show(const GalleryEntry &entry, Model *model, GalleryRun *run)
         if (camera.isEmpty() && settings.floor)
             camera = kCameraOverFloor;
     }
-    if (!_commandLine.lights.isEmpty())
-        pipeline.setHostValue(QStringLiteral("lights"), lightsToVariant(_commandLine.lights));
+    if (!_commandLine.settings.lights.isEmpty())
+        pipeline.setHostValue(QStringLiteral("lights"), lightsToVariant(_commandLine.settings.lights));
     if (!aim(&pipeline, _screen, bounds, camera, &error))
         return failed();
     pipeline.setTimingEnabled(true);
@@ -337,7 +337,7 @@ void Gallery::show(const GalleryEntry &entry, Model *model, GalleryRun *run)
     if (!rendered)
         return failed();
     run->timings = pipeline.timings(true);
-    const QImage image = pictureOf(_screen, _commandLine.background, &error);
+    const QImage image = pictureOf(_screen, _commandLine.settings.background, &error);
     const QString name =
         plain(entry.file.name) + (model ? QLatin1Char('-') + model->fileName : QString()) + QStringLiteral(".png");
     if (image.isNull() || !writeImage(image, pathOf(name), &error))

@@ -70,7 +70,7 @@ QString keyOfPipeline(const CommandLine &commandLine)
     QStringList parts{stampOf(findPipeline(commandLine.pipeline, pipelineSearchPath(commandLine.pipelines.folders)))};
     for (const char *name : {"set", "light", "path"})
         parts << QString::fromLatin1(name) << commandLine.given.value(QString::fromLatin1(name));
-    for (const auto &[name, path] : commandLine.paths)
+    for (const auto &[name, path] : commandLine.settings.paths)
         parts << stampOf(path);
     return parts.join(QChar(0));
 }
@@ -259,13 +259,13 @@ bool Renderer::loadPipeline()
 bool Renderer::setValues(Pipeline *pipeline)
 {
     QString error;
-    for (const SlotArgument &value : _commandLine->values)
-        if (!pipeline->setValueText(value.pass, value.slot, value.text, &error))
-            return fail(QStringLiteral("%1: %2").arg(value.option, error), kUsage);
-    if (!_commandLine->lights.isEmpty()
-        && !pipeline->setHostValue(QStringLiteral("lights"), lightsToVariant(_commandLine->lights), &error))
+    for (const auto &[input, text] : _commandLine->settings.values)
+        if (!pipeline->setValueText(input.section(u'.', 0, 0), input.section(u'.', 1), text, &error))
+            return fail(QStringLiteral("--set %1=%2: %3").arg(input, text, error), kUsage);
+    if (!_commandLine->settings.lights.isEmpty()
+        && !pipeline->setHostValue(QStringLiteral("lights"), lightsToVariant(_commandLine->settings.lights), &error))
         return fail(QStringLiteral("--light: %1").arg(error), kUsage);
-    for (const auto &[name, path] : _commandLine->paths) {
+    for (const auto &[name, path] : _commandLine->settings.paths) {
         if (!pipeline->setHostValue(QStringLiteral("paths.") + name, path, &error))
             return fail(QStringLiteral("--path %1: %2").arg(name, error), kUsage);
         if (!QFileInfo::exists(path))
@@ -287,7 +287,7 @@ QStringList Renderer::optionsWithoutEffect() const
         found << QStringLiteral("the model has no effect: the pipeline draws none");
     if (_commandLine->model.isEmpty() && _commandLine->sceneIsGiven)
         found << QStringLiteral("--scale, --floor and --opacity have no effect without a model");
-    if (!_commandLine->camera.isEmpty() && !usesAny({"camera", "projection", "near", "far"}))
+    if (!_commandLine->settings.camera.isEmpty() && !usesAny({"camera", "projection", "near", "far"}))
         found << QStringLiteral("--camera has no effect: the pipeline asks for no camera");
     return found;
 }
@@ -413,7 +413,7 @@ bool Renderer::prepare()
     if (_screen->size() != _commandLine->size && !_screen->resize(_commandLine->size, &error))
         return fail(error);
     const GPUModel::BoundingBox bounds = _model ? _model->whole.sceneBounds() : GPUModel::BoundingBox();
-    if (!aim(&pipeline(), *_screen, bounds, _commandLine->camera, &error))
+    if (!aim(&pipeline(), *_screen, bounds, _commandLine->settings.camera, &error))
         return fail(error, kUsage);
     pipeline().setTimingEnabled(_commandLine->timings);
     return true;
@@ -433,7 +433,7 @@ bool Renderer::planTiles()
         return true;
     QString error;
     const GPUModel::BoundingBox bounds = _model ? _model->whole.sceneBounds() : GPUModel::BoundingBox();
-    if (!Camera::parse(_commandLine->camera, bounds, aspectOf(size), &_camera, &error))
+    if (!Camera::parse(_commandLine->settings.camera, bounds, aspectOf(size), &_camera, &error))
         return fail(error, kUsage);
     QStringList prints;
     for (const SlotArgument &print : _commandLine->prints)
@@ -661,7 +661,7 @@ bool Renderer::takePicture()
     if (_commandLine->output.isEmpty())
         return true;
     QString error;
-    _rendered.picture = pictureOf(*_screen, _commandLine->background, &error);
+    _rendered.picture = pictureOf(*_screen, _commandLine->settings.background, &error);
     return !_rendered.picture.isNull() || fail(error);
 }
 

@@ -202,7 +202,7 @@ bool TiledPicture::applyHeld(Pipeline *pipeline, QString *error) const
 bool TiledPicture::openFiles(QString *error)
 {
     return _commandLine.output.isEmpty()
-           || _png.open(_commandLine.output, _plan.picture(), !_commandLine.background.isValid(), error);
+           || _png.open(_commandLine.output, _plan.picture(), !_commandLine.settings.background.isValid(), error);
 }
 
 bool TiledPicture::write(const Tile &tile, QString *error)
@@ -215,7 +215,7 @@ bool TiledPicture::write(const Tile &tile, QString *error)
         return false;
     }
     const QImage part = window.copy(tile.partOfWindow(_plan.picture()));
-    return _png.write(tile.part.topLeft(), onBackground(part, _commandLine.background), error);
+    return _png.write(tile.part.topLeft(), onBackground(part, _commandLine.settings.background), error);
 }
 
 bool TiledPicture::dump(const Tile &tile, const SlotArgument &dump, QString *error)

@@ -13,7 +13,9 @@ std::optional<ExitCode> ViewOptions::read(const QStringList &arguments)
         u"a model file: glTF, OBJ, FBX, Collada, STL, PLY, 3DS and more"_s);
     options.section(u"What to show"_s);
     addPipelineOptions(&options, &pipelines, false);
-    addPipelineSettings(&options, &pipeline);
+    addValueOptions(&options, &pipeline);
+    addViewOptions(&options, &pipeline, u"as for kvorender"_s);
+    addBackgroundOption(&options, &pipeline);
     addSceneOptions(&options, &scene);
     options.add({{u"s"_s, u"size"_s},
                  u"WxH"_s,
