@@ -90,6 +90,14 @@ TEST_F(KvoRender, PutsThePictureOnABackground)
     EXPECT_EQ(coverage(image), 1.0);
 }
 
+TEST_F(KvoRender, SaysThatNothingShowsOfABackground)
+{
+    const QString message = QStringLiteral("--background has no effect: the picture is opaque everywhere");
+    const QStringList picture = QStringList{kBox} << words("-s 32x24 -o out.png --background #102030 -p");
+    EXPECT_TRUE(succeed(QStringList(picture) << QStringLiteral("studio")).err.contains(message));
+    EXPECT_FALSE(succeed(QStringList(picture) << QStringLiteral("forward")).err.contains(message));
+}
+
 TEST_F(KvoRender, DumpsTextureSlots)
 {
     const Outcome outcome =

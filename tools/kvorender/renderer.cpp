@@ -661,7 +661,11 @@ bool Renderer::takePicture()
     if (_commandLine->output.isEmpty())
         return true;
     QString error;
-    _rendered.picture = pictureOf(*_screen, _commandLine->settings.background, &error);
+    const QColor &background = _commandLine->settings.background;
+    bool showsBackground = false;
+    _rendered.picture = pictureOf(*_screen, background, &error, background.isValid() ? &showsBackground : nullptr);
+    if (background.isValid() && !showsBackground && !_rendered.picture.isNull())
+        warn({QStringLiteral("--background has no effect: the picture is opaque everywhere")});
     return !_rendered.picture.isNull() || fail(error);
 }
 

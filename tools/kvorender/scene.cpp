@@ -4,6 +4,8 @@
 
 #include <QPainter>
 
+#include <algorithm>
+
 using namespace Brevane::Kvo;
 
 float aspectOf(const QSize &size)
@@ -44,13 +46,30 @@ bool renderFrames(Pipeline *pipeline, ScreenTarget *screen, int frames, const st
     return true;
 }
 
-QImage pictureOf(const ScreenTarget &screen, const QColor &background, QString *error)
+namespace {
+
+bool isAnywhereTransparent(const QImage &image)
+{
+    const QImage pixels = image.convertToFormat(QImage::Format_ARGB32);
+    for (int y = 0; y < pixels.height(); ++y) {
+        const auto *line = reinterpret_cast<const QRgb *>(pixels.constScanLine(y));
+        if (std::any_of(line, line + pixels.width(), [](QRgb pixel) { return qAlpha(pixel) < 255; }))
+            return true;
+    }
+    return false;
+}
+
+} // namespace
+
+QImage pictureOf(const ScreenTarget &screen, const QColor &background, QString *error, bool *showsBackground)
 {
     QImage image = screen.image(error);
     if (image.isNull()) {
         *error = QStringLiteral("cannot read the picture back: %1").arg(*error);
         return image;
     }
+    if (showsBackground)
+        *showsBackground = isAnywhereTransparent(image);
     return onBackground(image, background);
 }
 

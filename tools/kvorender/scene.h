@@ -30,5 +30,7 @@ bool renderFrames(Brevane::Kvo::Pipeline *pipeline, Brevane::Kvo::ScreenTarget *
 
 /// An image on a background, where that is valid.
 QImage onBackground(const QImage &image, const QColor &background);
-/// The picture, on a background where that is valid. Null with the reason on failure.
-QImage pictureOf(const Brevane::Kvo::ScreenTarget &screen, const QColor &background, QString *error);
+/// The picture, on a background where that is valid; \a showsBackground: whether any of it would show. Null with the
+/// reason on failure.
+QImage pictureOf(const Brevane::Kvo::ScreenTarget &screen, const QColor &background, QString *error,
+                 bool *showsBackground = nullptr);
