@@ -147,7 +147,7 @@ TEST_F(EnvironmentLight, AfterTheFirstFrameNothingIsMadeOrUploaded)
     pass.setInput(EnvironmentPass::InSource, "overcast");
     runFrame(pass);
     EXPECT_EQ(calls.count("glTexImage2D"), 2);
-    EXPECT_EQ(pass.output(EnvironmentPass::OutSpecular), specular);
+    EXPECT_EQ(calls.count("glGenTextures"), calls.count("glDeleteTextures"));
 }
 
 TEST_F(EnvironmentLight, AFileIsReadWithItsFloats)
@@ -215,4 +215,20 @@ TEST_F(EnvironmentLight, ACopyHoldsTheSameTextures)
     runFrame(copy);
     EXPECT_TRUE(calls.all().empty());
     EXPECT_NE(textureFromVariant(copy.output(EnvironmentPass::OutSpecular)), nullptr);
+}
+
+TEST_F(EnvironmentLight, AnotherEnvironmentOfACopyLeavesThatOfTheFirst)
+{
+    EnvironmentPass pass;
+    runFrame(pass);
+    EnvironmentPass copy(pass);
+    const auto radianceOf = [](const EnvironmentPass &of) {
+        return readTexture<float>(textureFromVariant(of.output(EnvironmentPass::OutRadiance)));
+    };
+    const Image<float> before = radianceOf(pass);
+    copy.setInput(EnvironmentPass::InSource, QStringLiteral("overcast"));
+    runFrame(copy);
+    runFrame(pass);
+    EXPECT_TRUE(sameImage(radianceOf(pass), before, within(0)));
+    EXPECT_FALSE(sameImage(radianceOf(copy), before, within(0.01)));
 }

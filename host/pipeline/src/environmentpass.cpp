@@ -89,11 +89,10 @@ struct MapImage
 
 void makeMap(Held<Texture> &texture, const QString &label, const MapImage &image)
 {
-    if (!texture) {
-        texture = new Texture(nullptr);
-        texture->setTarget(GL_TEXTURE_2D);
-        texture->setLabel(label);
-    }
+    // A new one each time: copies of the pass may go on with the one before.
+    texture = new Texture(nullptr);
+    texture->setTarget(GL_TEXTURE_2D);
+    texture->setLabel(label);
     const StorageBinder bound(texture);
     if (!bound.isBound())
         return;
