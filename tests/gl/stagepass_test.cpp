@@ -69,6 +69,20 @@ TEST_F(Staging, WithoutAModelTwoUnitsAroundTheOriginStandIn)
     EXPECT_EQ(pass.output(StagePass::OutRadius).toFloat(), 1.0f);
 }
 
+TEST_F(Staging, AModelThatIsGoneIsNone)
+{
+    auto model = std::make_unique<GPUModel>();
+    ModelData data = cubeScene();
+    data.items[0].transform.translate(10, 20, 30);
+    ASSERT_TRUE(model->upload(data));
+    pass.setInput(StagePass::InGeometry, QVariant::fromValue(model.get()));
+    runFrame(pass);
+    EXPECT_EQ(vector(StagePass::OutCentre), QVector3D(10, 20, 30));
+    model.reset();
+    runFrame(pass);
+    EXPECT_EQ(vector(StagePass::OutCentre), QVector3D(0, 0, 0));
+}
+
 TEST_F(Staging, MatricesLeadFromPixelsToTheWorldAndFromUnitsToPixels)
 {
     ModelData data;

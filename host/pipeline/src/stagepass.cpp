@@ -1,5 +1,6 @@
 #include "host/stagepass.h"
 
+#include "core/liveobjects.h"
 #include "host/lights.h"
 #include "model/gpumodel.h"
 
@@ -72,7 +73,8 @@ void StagePass::start(RenderCallbacks *)
     const auto camera = qvariant_cast<QMatrix4x4>(_inputs[InCameraMatrix].value);
     const auto *model = qvariant_cast<GPUModel *>(_inputs[InGeometry].value);
     GPUModel::BoundingBox box{{-1, -1, -1}, {1, 1, 1}};
-    if (model && model->sceneBounds().minimum != model->sceneBounds().maximum)
+    // One that is gone reads as none.
+    if (liveKindOf(model) == LiveKind::Model && model->sceneBounds().minimum != model->sceneBounds().maximum)
         box = model->sceneBounds();
     const QVector3D sides = box.maximum - box.minimum;
     const float radius = 0.5f * std::max({sides.x(), sides.y(), sides.z()});
