@@ -109,7 +109,8 @@ QByteArray bytesOf(const ModelData &data, const ImportReport &report)
 template <typename T>
 bool sameBits(const QVector<T> &a, const QVector<T> &b)
 {
-    return a.size() == b.size() && std::memcmp(a.constData(), b.constData(), size_t(a.size()) * sizeof(T)) == 0;
+    return a.size() == b.size()
+           && (a.isEmpty() || std::memcmp(a.constData(), b.constData(), size_t(a.size()) * sizeof(T)) == 0);
 }
 
 // Bit for bit.
