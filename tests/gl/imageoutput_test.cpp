@@ -10,6 +10,7 @@
 
 #include <epoxy/gl.h>
 
+#include <limits>
 #include <memory>
 
 using namespace Brevane::Kvo;
@@ -199,6 +200,19 @@ TEST_F(TextureOutput, NamesTexturesWithoutAPicture)
     buffer.setTarget(GL_TEXTURE_BUFFER);
     EXPECT_FALSE(readTexture(&buffer, &pixels, &error));
     EXPECT_EQ(error, QStringLiteral("a texture of target 0x8c2a has no picture"));
+}
+
+TEST_F(TextureOutput, LevelsThatAreNotThereAreToldWithoutAnErrorOfGL)
+{
+    Texture *one = make<quint8>(GL_RGBA8, GL_RGBA, GL_UNSIGNED_BYTE, QVector<quint8>(kWidth * kHeight * 4, 7));
+    TexturePixels pixels;
+    for (const int level : {-1, 1, 12, 20, 30, 31, 32, 1000, std::numeric_limits<int>::max()}) {
+        QString error;
+        EXPECT_FALSE(readTexture(one, &pixels, &error, level)) << level;
+        EXPECT_FALSE(error.isEmpty()) << level;
+        EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR)) << level;
+    }
+    EXPECT_TRUE(readTexture(one, &pixels));
 }
 
 TEST_F(TextureOutput, WritesPngAndExrByTheEndingOfTheName)

@@ -38,8 +38,8 @@ double decoded(double v)
 // Half floats have 11 bits, the three of GL_R11F_G11F_B10F 6 and 5.
 constexpr double kHalf = 1.0 / 2048;
 constexpr double kPacked = 1.0 / 32;
-// Drivers decode sRGB to a quarter of an 8-bit step; rasterisers on the CPU by a polynomial.
-constexpr double kDecoding = 0.001;
+// Drivers decode sRGB to half of an 8-bit step; rasterisers on the CPU by a polynomial.
+constexpr double kDecoding = 0.002;
 constexpr double kByte = 0.5 / 255 + 1e-5;
 
 QImage plain(QRgb color)

@@ -45,10 +45,14 @@ bool readTexture(Texture *texture, TexturePixels *pixels, QString *error, int mi
 {
     if (!texture)
         return fail(error, QStringLiteral("there is no texture"));
-    if (mipLevel < 0)
-        return fail(error, QStringLiteral("there is no level %1").arg(mipLevel));
     if (!OpenGLDeviceContext::current())
         return fail(error, QStringLiteral("no OpenGL context of version 3.2 or later is current"));
+    // To ask for a level that no texture can have is an error of GL.
+    GLint largest = 0;
+    glGetIntegerv(GL_MAX_TEXTURE_SIZE, &largest);
+    constexpr int kMostLevels = 31;
+    if (mipLevel < 0 || mipLevel >= kMostLevels || largest >> mipLevel == 0)
+        return fail(error, QStringLiteral("there is no level %1").arg(mipLevel));
     const GLenum target = texture->target();
     const bool isCube = target == GL_TEXTURE_CUBE_MAP;
     if (target != GL_TEXTURE_2D && target != GL_TEXTURE_2D_ARRAY && target != GL_TEXTURE_3D && !isCube)
