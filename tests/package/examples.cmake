@@ -2,7 +2,8 @@
 
 set(examples ${CMAKE_CURRENT_SOURCE_DIR}/../../examples)
 set(model /usr/share/assimp/models/glTF2/BoxTextured-glTF-Binary/BoxTextured.glb)
-find_program(XVFB_RUN xvfb-run)
+find_program(XVFB Xvfb)
+set(withdisplay ${CMAKE_CURRENT_SOURCE_DIR}/../support/withdisplay)
 find_package(X11 QUIET)
 add_executable(checkpicture checkpicture.cpp)
 target_link_libraries(checkpicture PRIVATE Qt6::Gui)
@@ -19,7 +20,7 @@ function(example name source picture size tones)
   add_executable(example_${name} ${examples}/${source})
   target_link_libraries(example_${name} PRIVATE ${ARG_LIBRARIES})
   add_test(NAME example.${name}.run
-    COMMAND ${XVFB_RUN} -a -s "-screen 0 1280x800x24" $<TARGET_FILE:example_${name}> ${ARG_ARGUMENTS} ${picture})
+    COMMAND ${withdisplay} 1280x800 $<TARGET_FILE:example_${name}> ${ARG_ARGUMENTS} ${picture})
   set_tests_properties(example.${name}.run PROPERTIES TIMEOUT 120
     ENVIRONMENT "QT_QPA_PLATFORM=xcb;QT_XCB_GL_INTEGRATION=xcb_glx")
   string(REPLACE "x" ";" size ${size})
