@@ -141,8 +141,10 @@ public:
         Indirect, ///< One call per run of items; Loop where the context cannot.
     };
 
-    /// Items by the opacity that their material data has now. An item that is not less than 1 is opaque.
-    enum class Opacity { Any, Opaque, Transparent };
+    /// Items by the opacity that their material data has now. An item that is not less than 1 is opaque. Mixed are
+    /// those of which something may let light through: the opacity in their surface data (which is made then, see
+    /// surfaceData) is less than 1, or their surface has AlphaMode::Blend.
+    enum class Opacity { Any, Opaque, Transparent, Mixed };
 
     /// Feature: sceneBounds gives a box.
     static constexpr unsigned long long kSceneBoundsFeature = 8;

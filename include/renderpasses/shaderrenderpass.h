@@ -120,12 +120,12 @@ protected:
     QVector<int> _textureOutputs; ///< Outputs that are colour targets.
     QVector<QByteArray> _uniformNames; ///< By input.
     int _geometryInput = -1;
+    QString _name; ///< See setName.
 
 private:
     void _readSlotNames();
     void _buildProgram();
 
-    QString _name;
     QVector<QString> _samplerNames; // the uniform names of _textureInputs, ready for use
     QVector<bool> _areWholeNumbers; // whether these read integers, which have no filters but the nearest
 };

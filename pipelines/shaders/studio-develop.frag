@@ -4,6 +4,7 @@
 // than a step of 8 bits, so that gradients do not band.
 
 uniform sampler2D u_Picture; // surfaces, or with an alpha of 0 what the ground shows in place of 1
+uniform sampler2D u_Glass; // surfaces that let light through, multiplied with their opacity; of one texel: none
 uniform sampler2D u_Luminance; // of the meter, one texel
 uniform sampler2D u_GlowNear;
 uniform sampler2D u_GlowFar;
@@ -82,7 +83,14 @@ void main()
   vec4 picture = texelFetch(u_Picture, ivec2(gl_FragCoord.xy), 0);
   float scale = exposure();
   vec3 behind = picture.a < 1.0 ? backdrop(scale) : vec3(0.0);
-  vec3 color = picture.a == 0.0 ? behind * picture.rgb : mix(behind, film(picture.rgb * scale), picture.a);
+  if(picture.a == 0.0)
+    behind *= picture.rgb;
+  vec4 glass = textureSize(u_Glass, 0) == textureSize(u_Picture, 0) ? texelFetch(u_Glass, ivec2(gl_FragCoord.xy), 0)
+                                                                    : vec4(0.0);
+  float solid = (1.0 - glass.a) * picture.a;
+  float opacity = glass.a + solid;
+  vec3 light = glass.a > 0.0 ? (glass.rgb + solid * picture.rgb) / opacity : picture.rgb;
+  vec3 color = opacity > 0.0 ? mix(behind, film(light * scale), opacity) : behind;
   vec3 glow = textureLod(u_GlowNear, vo_TexCoord, 0.0).rgb + textureLod(u_GlowFar, vo_TexCoord, 0.0).rgb;
   color = 1.0 - (1.0 - min(color, 1.0)) * exp(-Kvo_float_Glow * glow);
   vec3 shown = encoded(clamp(color, 0.0, 1.0));

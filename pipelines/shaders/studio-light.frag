@@ -10,7 +10,7 @@ uniform sampler2D u_Emission;
 uniform sampler2D u_Normal; // in camera space
 uniform sampler2D u_Depth;
 uniform sampler2D u_Obscurance; // of any size: open share, distance
-uniform sampler2D u_Position; // in camera space, for the distance
+uniform sampler2D u_Position; // in camera space, for the distance; of another size: nothing is obscured
 uniform sampler2D u_GroundKey; // of the ground from above: key light, sky
 uniform sampler2D u_GroundSky;
 uniform sampler2D u_Specular; // of EnvironmentPass
@@ -145,7 +145,9 @@ void main()
   // Where the ground is near, a surface that looks down sees it in the model's shadow.
   float above = max(position.y - Kvo_float_Ground, 0.0) / Kvo_float_Radius;
   float grounded = Kvo_float_Catcher * 0.75 * max(-normal.y, 0.0) / (1.0 + 12.0 * above);
-  float open = openShare(-texelFetch(u_Position, texel, 0).z) * surface.b * (1.0 - grounded);
+  float open = surface.b * (1.0 - grounded);
+  if(textureSize(u_Position, 0) == textureSize(u_Depth, 0))
+    open *= openShare(-texelFetch(u_Position, texel, 0).z);
   // Light that surfaces in a corner throw at each other keeps their colour (Jimenez et al., 2016).
   vec3 openDiffuse = max(vec3(open), ((open * (2.0404 * diffuse - 0.3324) - (4.7951 * diffuse - 0.6417)) * open
                                       + (2.7552 * diffuse + 0.6903)) * open);

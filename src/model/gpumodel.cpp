@@ -319,6 +319,14 @@ public:
     {
         if (opacity == GPUModel::Opacity::Any)
             return true;
+        if (opacity == GPUModel::Opacity::Mixed) {
+            const QVector<float> &floats = surfaceData->data();
+            const auto number = [&](std::size_t offset) {
+                return floats.value(qsizetype(item) * kSurfaceFloats + materialFloat(offset));
+            };
+            return number(offsetof(SurfaceTexels, opacity)) < 1.0f
+                   || number(offsetof(SurfaceTexels, alphaMode)) == float(int(AlphaMode::Blend));
+        }
         constexpr qsizetype kOpacity = materialFloat(offsetof(MaterialTexels, D));
         const bool isTransparent = materialData->data().value(qsizetype(item) * kMaterialFloats + kOpacity) < 1.0f;
         return isTransparent == (opacity == GPUModel::Opacity::Transparent);
@@ -326,8 +334,9 @@ public:
 
     Selection &selection(quint64 value, quint64 mask, GPUModel::Opacity opacity = GPUModel::Opacity::Any)
     {
-        if (opacity != GPUModel::Opacity::Any && materialRevision != materialData->revision()) {
-            materialRevision = materialData->revision();
+        const int revision = materialData->revision() + (surfaceData ? surfaceData->revision() : 0);
+        if (opacity != GPUModel::Opacity::Any && materialRevision != revision) {
+            materialRevision = revision;
             for (View &view : views)
                 for (Selection &known : view.selections)
                     known.isMade = known.isMade && known.opacity == GPUModel::Opacity::Any;
@@ -791,6 +800,8 @@ bool GPUModel::upload(const ModelData &data, QStringList *warnings)
 bool GPUModel::draw(ShaderProgram *program, const unsigned long long &value, const unsigned long long &mask,
                     const WindingType &winding, bool mirrored, Opacity opacity)
 {
+    if (opacity == Opacity::Mixed && !surfaceData(0))
+        return false;
     WindingType effective = winding;
     if (mirrored)
         effective = winding == ClockwiseWinding ? CounterClockwiseWinding : ClockwiseWinding;
@@ -805,7 +816,7 @@ bool GPUModel::draw(ShaderProgram *program, TextureManager *manager, const unsig
 
 bool GPUModel::isDrawEmpty(unsigned long long value, unsigned long long mask, Opacity opacity)
 {
-    return d->selection(value, mask, opacity).items.empty();
+    return (opacity == Opacity::Mixed && !surfaceData(0)) || d->selection(value, mask, opacity).items.empty();
 }
 
 bool GPUModel::hasFeatureFlags(unsigned long long flags) const

@@ -125,7 +125,8 @@ TEST_F(SurfacePassTest, HasTheSlotsOfItsHeader)
                 {{"Kvo_QRect_Viewport"},
                  {"Kvo_QMatrix4x4_ProjectionMatrix"},
                  {"Kvo_QMatrix4x4_CameraMatrix"},
-                 {"Kvo_KvoGPUModel*_Geometry"}},
+                 {"Kvo_KvoGPUModel*_Geometry"},
+                 {"Kvo_bool_SolidOnly", false}},
                 {"Kvo_KvoTexture*_BaseColor", "Kvo_KvoTexture*_Surface", "Kvo_KvoTexture*_Emission",
                  "Kvo_KvoTexture*_Normal", "Kvo_KvoTexture*_Depth", "Kvo_KvoTexture*_Id"});
     EXPECT_TRUE(passFactory().knows(QStringLiteral("SurfacePass")));

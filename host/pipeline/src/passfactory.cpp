@@ -1,5 +1,6 @@
 #include "host/passfactory.h"
 
+#include "host/depthpeelingpass.h"
 #include "host/environmentpass.h"
 #include "host/layercompositionpass.h"
 #include "host/shadowlightingpass.h"
@@ -46,7 +47,8 @@ constexpr Entry kPasses[] = {
 #define KVO_ENTRY(Pass) entry<Pass>(#Pass),
     KVO_EVERY_PASS(KVO_ENTRY)
 #undef KVO_ENTRY
-        entry<EnvironmentPass>("EnvironmentPass"),
+        entry<DepthPeelingPass>("DepthPeelingPass"),
+    entry<EnvironmentPass>("EnvironmentPass"),
     entry<LayerCompositionPass>("LayerCompositionPass"),
     entry<ShadowLightingPass>("ShadowLightingPass"),
     entry<SurfacePass>("SurfacePass"),
@@ -94,7 +96,7 @@ void PassFactory::addOperations()
         passOperation<&ShadowMapRenderPass::setInstanceDataPlanName>(QStringLiteral("setInstanceDataPlanName")));
     add("ShadowMapRenderPass2",
         passOperation<&ShadowMapRenderPass2::setInstanceDataPlanName>(QStringLiteral("setInstanceDataPlanName")));
-    for (const char *programmable : {"ShaderRenderPass", "ShadowShaderPass"}) {
+    for (const char *programmable : {"ShaderRenderPass", "ShadowShaderPass", "DepthPeelingPass"}) {
         add(programmable, passOperation<&ShaderRenderPass::setName>(QStringLiteral("setName")));
         add(programmable,
             passOperation<&ShaderRenderPass::setVertexShaderSource>(QStringLiteral("setVertexShaderSource")));

@@ -18,6 +18,11 @@ ShadowShaderPass::ShadowShaderPass()
 void ShadowShaderPass::start(RenderCallbacks *callbacks)
 {
     ShaderRenderPass::start(callbacks);
+    releaseRecord();
+}
+
+void ShadowShaderPass::releaseRecord()
+{
     ShadowMapManager::unbindRecord(_bound);
     _bound = nullptr;
 }

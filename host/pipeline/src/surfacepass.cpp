@@ -11,9 +11,8 @@
 #include "gl/texture.h"
 #include "gl/texturemanager.h"
 #include "model/gpumodel.h"
-#include "model/instancedataplan.h"
-#include "model/instancedataregistry.h"
 #include "pooledoutput.h"
+#include "surfaceprogram.h"
 
 #include <epoxy/gl.h>
 
@@ -27,140 +26,6 @@ namespace Brevane::Kvo {
 
 namespace {
 
-const QString kVertexShader = QStringLiteral(R"(#version 150
-#instancedata "InstanceInfo"
-
-uniform mat4 u_CameraMatrix;
-uniform mat4 u_ProjectionMatrix;
-uniform mat4 u_NormalMatrix;
-
-in vec3 va_Vertex;
-in vec3 va_Normal;
-in vec2 va_TexCoord;
-in vec4 va_Tangent;
-
-out vec3 vo_Normal;
-out vec4 vo_Tangent;
-out vec2 vo_TexCoord;
-flat out float vo_Handedness; // -1 where the transforms mirror
-
-void main()
-{
-  mat4 toCamera = u_CameraMatrix * getModelMatrix();
-  gl_Position = u_ProjectionMatrix * toCamera * vec4(va_Vertex, 1.0);
-  vo_Handedness = determinant(mat3(toCamera)) < 0.0 ? -1.0 : 1.0;
-  vo_Normal = normalize(mat3(u_NormalMatrix) * mat3(getModelNormalMatrix()) * va_Normal);
-  vo_Tangent = vec4(mat3(toCamera) * va_Tangent.xyz, va_Tangent.w * vo_Handedness);
-  vo_TexCoord = va_TexCoord;
-}
-)");
-
-// Maps are read before anything is discarded: their levels of detail need the neighbouring pixels.
-const QString kFragmentShader = QStringLiteral(R"(#version 150
-#instancedata "SurfaceMaterial"
-#include "ManagedColor.glslh"
-#include "TextureManager.glslh"
-
-const int kMask = 1;
-const int kBlend = 2;
-
-in vec3 vo_Normal;
-in vec4 vo_Tangent;
-in vec2 vo_TexCoord;
-flat in float vo_Handedness;
-
-out vec4 out_BaseColor;
-out vec4 out_Surface;
-out vec4 out_Emission;
-out vec4 out_Normal;
-out vec4 out_Id;
-
-vec3 mappedNormal(vec3 normal, vec3 fromMap)
-{
-  vec3 tangent = vo_Tangent.xyz - normal * dot(normal, vo_Tangent.xyz);
-  float size = length(tangent);
-  if(!(size > 0.0))
-    return normal;
-  tangent /= size;
-  vec3 bitangent = cross(normal, tangent) * vo_Tangent.w;
-  vec3 bent = vec3((fromMap.xy * 2.0 - 1.0) * getNormalScale(), fromMap.z * 2.0 - 1.0);
-  return normalize(tangent * bent.x + bitangent * bent.y + normal * bent.z);
-}
-
-void main()
-{
-  vec4 base = managedColor(getMap_BaseColor(), vo_TexCoord);
-  vec3 emitted = managedColor(getMap_Emission(), vo_TexCoord).rgb;
-  vec2 roughnessMetal = managedTexture(getMap_MetalRoughness(), vo_TexCoord).gb;
-  vec3 bent = managedTexture(getMap_Normal(), vo_TexCoord).xyz;
-  float occlusion = managedTexture(getMap_Occlusion(), vo_TexCoord).r;
-
-  bool isFront = gl_FrontFacing == (vo_Handedness > 0.0);
-  int mode = getAlphaMode();
-  if(!isFront && !isTwoSided())
-    discard;
-  if(mode == kMask && base.a * getOpacity() < getAlphaCutoff())
-    discard;
-  if(mode == kBlend && base.a < 0.5)
-    discard;
-
-  vec3 normal = normalize(vo_Normal);
-  if(getMap_Normal() > 0)
-    normal = mappedNormal(normal, bent);
-  out_BaseColor = vec4(getBaseColor() * base.rgb, getOpacity() * (mode == kBlend ? base.a : 1.0));
-  out_Surface = vec4(getRoughness() * roughnessMetal.x, getMetalness() * roughnessMetal.y,
-                     1.0 + getOcclusionStrength() * (occlusion - 1.0), isUnlit() ? 0.0 : 1.0);
-  out_Emission = vec4(getEmission() * emitted, 1.0);
-  out_Normal = vec4(isFront ? normal : -normal, 1.0);
-  out_Id = vec4(gl_PrimitiveID + 1.0);
-}
-)");
-
-/// A target: the fragment output that fills it, the pool's format, where it is attached.
-struct Target
-{
-    const char *fragmentOutput; ///< Null for depth.
-    TextureFormat format;
-    GLenum attachment;
-};
-
-// By output.
-constexpr std::array<Target, 6> kTargets{{
-    {"out_BaseColor", TextureFormat::Frame, GL_COLOR_ATTACHMENT0},
-    {"out_Surface", TextureFormat::Color8, GL_COLOR_ATTACHMENT1},
-    {"out_Emission", TextureFormat::PackedFloat, GL_COLOR_ATTACHMENT2},
-    {"out_Normal", TextureFormat::Frame, GL_COLOR_ATTACHMENT3},
-    {nullptr, TextureFormat::Depth32, GL_DEPTH_ATTACHMENT},
-    {"out_Id", TextureFormat::Scalar32, GL_COLOR_ATTACHMENT4},
-}};
-
-ShaderProgram *surfaceProgram()
-{
-    auto *program = new ShaderProgram;
-    program->setLabel(QStringLiteral("SurfacePass"));
-    // What of the managed textures it reads is compiled in; see ShaderProgram::refresh.
-    program->setMayShare(true);
-    QStringList outputs;
-    for (const Target &target : kTargets) {
-        if (target.fragmentOutput)
-            outputs << QLatin1StringView(target.fragmentOutput);
-    }
-    program->setFragDataLocations(outputs);
-    const auto addPlan = [program](int stage, const char *name) {
-        if (const InstanceDataPlan *plan = InstanceDataRegistry::Instance().getPlan(QLatin1StringView(name)))
-            program->addShader(stage, plan->glslc());
-    };
-    program->addShader(GL_VERTEX_SHADER, kVertexShader);
-    addPlan(GL_VERTEX_SHADER, "InstanceInfo");
-    program->addShader(GL_FRAGMENT_SHADER, kFragmentShader);
-    addPlan(GL_FRAGMENT_SHADER, "SurfaceMaterial");
-    program->addShaderFromFile(GL_FRAGMENT_SHADER, QStringLiteral("TextureManager.glslc"));
-    program->addShaderFromFile(GL_FRAGMENT_SHADER, QStringLiteral("ManagedColor.glslc"));
-    program->compile();
-    program->link();
-    return program;
-}
-
 constexpr SlotInfo kInputInfo[] = {
     {.name = "Kvo_QRect_Viewport", .meaning = "size of the targets", .kind = SlotKind::Area, .unit = "pixels"},
     {.name = "Kvo_QMatrix4x4_ProjectionMatrix", .meaning = "camera to clip space", .kind = SlotKind::Matrix},
@@ -168,6 +33,7 @@ constexpr SlotInfo kInputInfo[] = {
     {.name = "Kvo_KvoGPUModel*_Geometry",
      .meaning = "what to draw; none: the targets are cleared",
      .kind = SlotKind::Model},
+    {.name = "Kvo_bool_SolidOnly", .meaning = "true: nothing that lets light through", .kind = SlotKind::Switch},
 };
 
 constexpr SlotInfo kOutputInfo[] = {
@@ -208,6 +74,7 @@ SurfacePass::SurfacePass()
     addInput(QStringLiteral("Kvo_QMatrix4x4_ProjectionMatrix"), QVariant(), InProjectionMatrix);
     addInput(QStringLiteral("Kvo_QMatrix4x4_CameraMatrix"), QVariant(), InCameraMatrix);
     addInput(QStringLiteral("Kvo_KvoGPUModel*_Geometry"), QVariant(), InGeometry);
+    addInput(QStringLiteral("Kvo_bool_SolidOnly"), false, InSolidOnly);
     addOutput(QStringLiteral("Kvo_KvoTexture*_BaseColor"), OutBaseColor);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Surface"), OutSurface);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Emission"), OutEmission);
@@ -236,9 +103,9 @@ void SurfacePass::start(RenderCallbacks *)
     const HostCode hostCode;
     const DefaultState state;
     auto &pool = TextureManager::Instance();
-    std::array<Texture *, kTargets.size()> textures{};
-    for (std::size_t i = 0; i < kTargets.size(); ++i)
-        textures[i] = pool.tempTexture(kTargets[i].format, size.width(), size.height());
+    std::array<Texture *, kSurfaceTargets.size()> textures{};
+    for (std::size_t i = 0; i < kSurfaceTargets.size(); ++i)
+        textures[i] = pool.tempTexture(kSurfaceTargets[i].format, size.width(), size.height());
     // Beyond what the driver has room for, which the pool has said, a single texel stands in: nothing to look at.
     const auto hasRoom = [size](Texture *texture) {
         const LevelInfo level = levelInfo(texture, GL_TEXTURE_2D);
@@ -255,8 +122,8 @@ void SurfacePass::start(RenderCallbacks *)
     }
     {
         const AutoBinder fbo(_fbo);
-        for (std::size_t i = 0; i < kTargets.size(); ++i)
-            _fbo->attach(textures[i], kTargets[i].attachment, 0);
+        for (std::size_t i = 0; i < kSurfaceTargets.size(); ++i)
+            _fbo->attach(textures[i], kSurfaceTargets[i].attachment, 0);
         _fbo->setDrawBuffers();
         glViewport(0, 0, size.width(), size.height());
         glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
@@ -266,7 +133,7 @@ void SurfacePass::start(RenderCallbacks *)
             draw(*model);
         _fbo->detachAll();
     }
-    for (std::size_t i = 0; i < kTargets.size(); ++i)
+    for (std::size_t i = 0; i < kSurfaceTargets.size(); ++i)
         handOut(_outputs[qsizetype(i)], textures[i], _numOutputUsers[qsizetype(i)]);
 }
 
@@ -277,13 +144,14 @@ void SurfacePass::draw(GPUModel &model)
     if (ShaderProgram *const known = _program)
         known->refresh();
     else
-        _program = surfaceProgram();
+        _program = surfaceProgram(QStringLiteral("SurfacePass"), SurfacePart::Solid);
     const auto camera = qvariant_cast<QMatrix4x4>(_inputs[InCameraMatrix].value);
     glEnable(GL_DEPTH_TEST);
     const AutoBinder program(_program);
     _program->setUniform(QStringLiteral("u_ProjectionMatrix"), _inputs[InProjectionMatrix].value);
     _program->setUniform(QStringLiteral("u_CameraMatrix"), camera);
     _program->setUniform(QStringLiteral("u_NormalMatrix"), camera.inverted().transposed());
+    _program->setUniform(QStringLiteral("u_SolidOnly"), _inputs[InSolidOnly].value.toBool());
     model.draw(_program, 0, 0, CounterClockwiseWinding, false);
 }
 

@@ -28,6 +28,10 @@ public:
     void start(RenderCallbacks *callbacks) override;
     void setUniforms() override;
 
+protected:
+    /// Unbinds what setUniforms bound, once the program has drawn.
+    void releaseRecord();
+
 private:
     float _bounded(const QString &slot, float otherwise, float least, float most);
 

@@ -19,6 +19,7 @@ class ShaderProgram;
 /// | 1 | Kvo_QMatrix4x4_ProjectionMatrix | QMatrix4x4 |        | camera to clip space    |
 /// | 2 | Kvo_QMatrix4x4_CameraMatrix     | QMatrix4x4 |        | world to camera space   |
 /// | 3 | Kvo_KvoGPUModel*_Geometry       | GPUModel*  |        | what to draw; none: the targets are cleared |
+/// | 4 | Kvo_bool_SolidOnly              | bool       |        | true: nothing that lets light through    |
 ///
 /// | # | Output                    | Format                                | Meaning |
 /// |---|---------------------------|---------------------------------------|---------|
@@ -31,7 +32,9 @@ class ShaderProgram;
 ///
 /// All are 0 where nothing was drawn, but depth. A material with AlphaMode::Mask draws nothing where opacity times
 /// alpha is below its cutoff. The targets have one layer, so one with AlphaMode::Blend draws nothing where the alpha
-/// of its map is below a half, and opacity times alpha is in the base colour for passes that mix. Back faces of
+/// of its map is below a half, and opacity times alpha is in the base colour for passes that mix. With SolidOnly
+/// nothing is drawn of materials with an opacity below 1, and of those that blend nothing where that alpha is below
+/// 254.5 / 255: DepthPeelingPass draws that. Back faces of
 /// materials with one side are left out; mirroring transforms are accounted for.
 ///
 /// Without a context, or where the driver has no room for the size, the outputs are empty.
@@ -46,6 +49,7 @@ public:
         InProjectionMatrix,
         InCameraMatrix,
         InGeometry,
+        InSolidOnly,
     };
     /// Indices of the outputs.
     enum Output : int {
