@@ -11,6 +11,17 @@ if(KVO_SANITIZE)
   add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
   add_link_options(-fsanitize=address,undefined)
 endif()
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang" AND KVO_SANITIZE)
+  # These compare type information, of which each library has its own where it is hidden.
+  add_compile_options(-fno-sanitize=vptr,function)
+endif()
+if(KVO_BUILD_FUZZERS)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "KVO_BUILD_FUZZERS takes clang: cmake --preset fuzz")
+  endif()
+  # A number of a file that no integer holds is what they are to find.
+  add_compile_options(-fsanitize=fuzzer-no-link,float-cast-overflow -fno-sanitize-recover=float-cast-overflow)
+endif()
 
 # kvo_library(Core HEADERS … SOURCES … LINK … PRIVATE_LINK …)
 # makes the shared library KvoCore with the alias Kvo::Core and its install rules. EXPORT names another file of targets

@@ -58,6 +58,24 @@ void write(const QString &path, const QByteArray &data)
 
 } // namespace
 
+// Each line may make as many as there may be; all of them together may not.
+TEST(BatchJobs, LinesBeyondTheMostPicturesAreMistakes)
+{
+    BatchJobs jobs(CommandLine::options(), {});
+    jobs.setMost(5);
+    QString error;
+    const QByteArray three = R"({"frames": {"from": 1, "to": 3, "count": 3}, "output": "{line}-{n}.png"})"
+                             "\n";
+    const QByteArray two = R"({"frames": [1, 2], "output": "{line}-{n}.png"})"
+                           "\n";
+    ASSERT_TRUE(jobs.readLines(three + three + two, &error)) << qPrintable(error);
+    // What stands in for the second line counts as one.
+    ASSERT_EQ(jobs.jobs().size(), 5);
+    EXPECT_EQ(jobs.jobs()[2].error, QString());
+    EXPECT_EQ(jobs.jobs()[3].error, u"with this line the file makes more than 5 pictures"_s);
+    EXPECT_EQ(jobs.jobs()[4].error, u"with this line the file makes more than 5 pictures"_s);
+}
+
 TEST(BatchJobs, ALineIsACommandLine)
 {
     const BatchJobs jobs = jobsOf(
@@ -208,6 +226,7 @@ TEST(BatchJobs, NamesWhatIsWrongWithAValue)
         {R"({"output": "{camera.yaw}.png"})", "the picture has no 'camera.yaw'"},
         {R"({"output": "{model}.png"})", "the picture has no 'model'"},
         {R"({"frames": {"from": 1, "to": 2, "count": 1000000}, "size": ["1x1", "2x2"]})", "more than 1000000 pictures"},
+        {R"({"frames": {"from": 1, "to": 2, "count": 1e18}})", "more than 1000000 pictures"},
         {R"({"batch": "other.jsonl"})", "there is no option 'batch'"},
     };
     for (const auto &[line, message] : cases)

@@ -89,6 +89,7 @@ TEST(Lights, MistakesAreNamed)
     EXPECT_TRUE(errorOf("directional:0,-1").contains(QStringLiteral("dx,dy,dz[,cascades]")));
     EXPECT_TRUE(errorOf("spot:0,1,2,3,4").contains(QStringLiteral("x,y,z,dx,dy,dz[,angle[,range]]")));
     EXPECT_TRUE(errorOf("point:0,1,up").contains(QStringLiteral("'up' is no number")));
+    EXPECT_TRUE(errorOf("directional:0,-1,0,nan").contains(QStringLiteral("'nan' is no number")));
     EXPECT_TRUE(errorOf("point:0,1,2:colour=red").contains(QStringLiteral("did you mean 'color'?")));
     EXPECT_TRUE(errorOf("point:0,1,2:color=rouge-ish").contains(QStringLiteral("color")));
     EXPECT_TRUE(errorOf("point:0,1,2:range").contains(QStringLiteral("NAME=VALUE")));

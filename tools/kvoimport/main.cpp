@@ -15,6 +15,15 @@
 #include <sys/prctl.h>
 #endif
 
+// Which takes address space by the terabyte.
+#if defined(__SANITIZE_ADDRESS__)
+#define KVO_HAS_ADDRESS_SANITIZER
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define KVO_HAS_ADDRESS_SANITIZER
+#endif
+#endif
+
 #include <csignal>
 #include <cstdio>
 #include <new>
@@ -36,7 +45,7 @@ void confine([[maybe_unused]] qint64 megabytes)
 #ifdef __linux__
     prctl(PR_SET_PDEATHSIG, SIGKILL);
 #endif
-#ifndef __SANITIZE_ADDRESS__ // which takes address space by the terabyte
+#ifndef KVO_HAS_ADDRESS_SANITIZER
     if (megabytes > 0)
         limit(RLIMIT_AS, rlim_t(megabytes) << 20);
 #endif

@@ -20,7 +20,6 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr qint64 kMostPictures = 1000000;
 constexpr qint64 kLargestText = 64 << 20; // of a file that may name others
 
 const QString kModel = u"model"_s;
@@ -53,6 +52,11 @@ QString compact(const QJsonValue &value)
     }
 }
 
+QString tooMany(qint64 most)
+{
+    return u"the line makes more than %1 pictures"_s.arg(most);
+}
+
 bool isRange(const QJsonValue &value)
 {
     return value.isObject() && value.toObject().contains("from"_L1) && value.toObject().contains("to"_L1);
@@ -63,15 +67,16 @@ bool isEach(const QJsonValue &value)
     return value.isObject() && value.toObject().contains("each"_L1);
 }
 
-bool readRange(const QString &key, const QJsonObject &range, QJsonArray *values, QString *error)
+bool readRange(const QString &key, const QJsonObject &range, qint64 most, QJsonArray *values, QString *error)
 {
     const double from = range["from"_L1].toDouble(NAN);
     const double to = range["to"_L1].toDouble(NAN);
     const double count = range["count"_L1].toDouble(NAN);
-    if (range.size() != 3 || std::isnan(from) || std::isnan(to) || !(count >= 1 && count <= double(kMostPictures))
-        || count != std::floor(count))
+    if (range.size() != 3 || std::isnan(from) || std::isnan(to) || !(count >= 1) || count != std::floor(count))
         return fails(error, u"'%1': a range is {\"from\": number, \"to\": number, \"count\": 1 or more}, not %2"_s.arg(
                                 key, compact(range)));
+    if (count > double(most))
+        return fails(error, tooMany(most));
     for (int i = 0; i < int(count); ++i)
         values->append(count == 1.0 ? from : from + (to - from) * i / (count - 1.0));
     return true;
@@ -119,7 +124,8 @@ struct BatchJobs::Axis
 
 struct BatchJobs::Expansion
 {
-    QVector<Axis> axes;
+    const qint64 most;
+    QVector<Axis> axes = {};
     qint64 count = 1;
 
     bool add(const Axis &axis, QString *error)
@@ -127,8 +133,8 @@ struct BatchJobs::Expansion
         if (axis.alternatives.isEmpty())
             return fails(error, u"'%1' has no values"_s.arg(axis.option));
         count *= axis.alternatives.size();
-        if (count > kMostPictures)
-            return fails(error, u"the line makes more than %1 pictures"_s.arg(kMostPictures));
+        if (count > most)
+            return fails(error, tooMany(most));
         axes.append(axis);
         return true;
     }
@@ -218,7 +224,7 @@ bool BatchJobs::readLines(const QByteArray &text, QString *error)
 
 bool BatchJobs::setDefaults(const QJsonObject &object, QString *error)
 {
-    Expansion expansion;
+    Expansion expansion{_most};
     if (!expand(object, &expansion, error))
         return false;
     _header = object;
@@ -365,7 +371,7 @@ bool BatchJobs::expand(const QJsonObject &line, Expansion *expansion, QString *e
                                         QVector<QStringList> *texts) {
             QJsonArray choices;
             if (isRange(v)) {
-                if (!readRange(key, v.toObject(), &choices, error))
+                if (!readRange(key, v.toObject(), expansion->most, &choices, error))
                     return false;
             } else if (isEach(v)) {
                 choices = v["each"_L1].toArray();
@@ -485,10 +491,14 @@ bool fillIn(const QString &pattern, const BatchJob &job, QString *result, QStrin
 
 void BatchJobs::add(int line, const QJsonObject &object)
 {
-    Expansion expansion;
+    Expansion expansion{_most};
     QString error;
     if (!expand(object, &expansion, &error)) {
         addError(line, error);
+        return;
+    }
+    if (_jobs.size() + expansion.count > _most) {
+        addError(line, u"with this line the file makes more than %1 pictures"_s.arg(_most));
         return;
     }
     QVector<qsizetype> choice(expansion.axes.size(), 0);

@@ -47,11 +47,16 @@ struct Shard
 ///
 /// CSV: the first line names the columns, with dots for parts ("camera.yaw"), and may give them defaults ("size=64x48").
 /// An empty field is not given.
+///
+/// A few letters can ask for more pictures than memory holds: a line that goes beyond a million in all is a mistake.
 class BatchJobs
 {
 public:
     /// \a defaults hold where neither a line nor its header says something.
     BatchJobs(const QVector<Option> &options, const OptionTexts &defaults) : _options(options), _defaults(defaults) {}
+
+    /// Another limit than a million pictures.
+    void setMost(qint64 pictures) { _most = pictures; }
 
     /// Reads a file by its ending, .jsonl or .csv. False with the reason where nothing of it can be read; a line with a
     /// mistake is a job with an error.
@@ -81,6 +86,7 @@ private:
     OptionTexts _defaults;
     QJsonObject _header;
     QVector<BatchJob> _jobs;
+    qint64 _most = 1000000;
 };
 
 /// Says what a picture depends on, as a digest: all options, the contents of the files that they name, and of those

@@ -8,6 +8,7 @@
 #include <QColor>
 
 #include <algorithm>
+#include <cmath>
 
 namespace Brevane::Kvo {
 
@@ -100,7 +101,7 @@ bool setNumbers(const QString &text, ShadowMapLight *light, QString *error)
     for (const QString &part : text.split(QLatin1Char(','))) {
         bool ok = false;
         n << part.toFloat(&ok);
-        if (!ok)
+        if (!ok || std::isnan(n.last()))
             return fail(error, QStringLiteral("'%1' is no number").arg(part));
     }
     const auto vector = [&n](qsizetype at) { return QVector3D(n[at], n[at + 1], n[at + 2]); };
