@@ -11,6 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
+
 using namespace Brevane::Kvo;
 
 namespace {
@@ -139,6 +141,10 @@ TEST(SlotValue, SaysWhatASlotTakes)
     EXPECT_EQ(errorOf("Kvo_int_Mode", "1.5"),
               QStringLiteral("'Kvo_int_Mode' takes a whole number, not the number 1.5"));
     EXPECT_EQ(errorOf("Kvo_bool_Dirty", "1"), QStringLiteral("'Kvo_bool_Dirty' takes true or false, not the number 1"));
+    // Its last column is one that no int holds.
+    EXPECT_EQ(errorOf("Kvo_QRect_Viewport", "[2147483647, 0, 2, 4]"),
+              QStringLiteral("'Kvo_QRect_Viewport' takes [x, y, width, height], not a list of 4"));
+    EXPECT_EQ(parsed("Kvo_QRect_Viewport", "[2147483647, 0, 1, 4]").toRect(), QRect(2147483647, 0, 1, 4));
     EXPECT_EQ(errorOf("Kvo_QRect_Viewport", "[1, 2, 3]"),
               QStringLiteral("'Kvo_QRect_Viewport' takes [x, y, width, height], not a list of 3"));
     EXPECT_TRUE(errorOf("Kvo_QColor_C", "no colour").contains(QStringLiteral("the text \"no colour\"")));
@@ -161,6 +167,10 @@ TEST(SlotValue, IsDescribedForPeople)
     EXPECT_EQ(describeSlotValue(QColor(64, 64, 64)), QStringLiteral("#404040"));
     EXPECT_EQ(describeSlotValue(QColor(64, 64, 64, 128)), QStringLiteral("#40404080"));
     EXPECT_EQ(describeSlotValue(QRect(1, 2, 3, 4)), QStringLiteral("[1, 2, 3, 4]"));
+    // The corners of a host's own may be as far apart as two ints are.
+    constexpr int kLeast = std::numeric_limits<int>::min(), kMost = std::numeric_limits<int>::max();
+    EXPECT_EQ(describeSlotValue(QRect(QPoint(kLeast, 0), QPoint(kMost, 1))),
+              QStringLiteral("[-2.14748e+09, 0, 4.29497e+09, 2]"));
     EXPECT_EQ(describeSlotValue(0.5f), QStringLiteral("0.5"));
     EXPECT_EQ(describeSlotValue(true), QStringLiteral("true"));
 }

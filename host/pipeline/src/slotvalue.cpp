@@ -92,7 +92,15 @@ Parsed toColor(const Json &json)
 Parsed toRect(const Json &json)
 {
     const auto n = numbers<int, 4>(json);
-    return n ? Parsed(QRect((*n)[0], (*n)[1], (*n)[2], (*n)[3])) : Parsed();
+    if (!n)
+        return {};
+    // A rectangle keeps its last column and row, which no int may hold.
+    const auto fits = [](qint64 first, qint64 extent) {
+        const qint64 last = first + extent - 1;
+        return last >= std::numeric_limits<int>::min() && last <= std::numeric_limits<int>::max();
+    };
+    const auto [x, y, width, height] = *n;
+    return fits(x, width) && fits(y, height) ? Parsed(QRect(x, y, width, height)) : Parsed();
 }
 
 Parsed toRectOrList(const Json &json)
@@ -392,7 +400,9 @@ QString describeSlotValue(const QVariant &value)
     }
     case QMetaType::QRect: {
         const QRect r = value.toRect();
-        return joined({double(r.x()), double(r.y()), double(r.width()), double(r.height())});
+        // Its corners may be as far apart as two ints are.
+        const auto extent = [](int first, int last) { return double(last) - double(first) + 1.0; };
+        return joined({double(r.x()), double(r.y()), extent(r.left(), r.right()), extent(r.top(), r.bottom())});
     }
     case QMetaType::QSize: return joined({double(value.toSize().width()), double(value.toSize().height())});
     case QMetaType::QVector2D: {
