@@ -34,7 +34,10 @@ from ._kvo import ContextError, Error, Warning
 __all__ = [
     "Camera", "Context", "ContextError", "Error", "Image", "Light", "Model", "Pass", "Pipeline", "Texture", "Warning",
     "batch", "context", "live_objects", "orbit", "pass_classes", "pipelines", "render",
+    "version_details",
 ]  # fmt: skip
+
+__version__: str = _kvo.__version__
 
 atexit.register(_kvo.close_all)
 
@@ -62,6 +65,12 @@ def _folders() -> list[str]:
 def pipelines() -> dict[str, str]:
     """The pipelines that ``Pipeline`` finds by name, with what they draw."""
     return {name: description for name, description, _ in _kvo.pipelines(_folders())}
+
+
+def version_details() -> dict[str, str]:
+    """What this library is and what it runs on, for reports: "kvo", "qt", "qt_built", "gl_vendor", "gl_renderer",
+    "gl_version"; "gl_missing" says why there is no OpenGL, and is empty where there is."""
+    return _kvo.version_details()
 
 
 def pass_classes() -> list[str]:

@@ -8,6 +8,7 @@
 #include "host/imageoutput.h"
 #include "host/passfactory.h"
 #include "host/pipelinefile.h"
+#include "host/versiondetails.h"
 
 #include <pybind11/stl.h>
 
@@ -57,6 +58,24 @@ py::list pipelineList(const std::vector<QString> &folders)
     return list;
 }
 
+py::dict versionDict()
+{
+    VersionDetails details;
+    {
+        const Turn turn;
+        details = versionDetails();
+    }
+    py::dict result;
+    result["kvo"] = details.library;
+    result["qt"] = details.qtRunning;
+    result["qt_built"] = details.qtBuilt;
+    result["gl_vendor"] = details.glVendor;
+    result["gl_renderer"] = details.glRenderer;
+    result["gl_version"] = details.glVersion;
+    result["gl_missing"] = details.glMissing;
+    return result;
+}
+
 // Qt looks for plugins beside the program that it has an object of. A program that has one of its own keeps it.
 void makeApplication()
 {
@@ -95,6 +114,8 @@ PYBIND11_MODULE(_kvo, module)
     module.def("png", &pngOf);
     module.def("save", &save);
     module.def("pipelines", &pipelineList);
+    module.attr("__version__") = libraryVersion();
+    module.def("version_details", &versionDict);
     module.def("default_pipeline", [](bool hasModel) { return defaultPipeline(hasModel); });
     module.def("pass_classes", [] {
         QStringList names;

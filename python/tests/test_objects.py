@@ -1,6 +1,7 @@
 """Pipelines, passes, models and textures as objects."""
 
 import json
+import re
 
 import numpy as np
 import pytest
@@ -262,3 +263,11 @@ def test_views_are_what_render_gives():
         expected = pipeline.render(model, (16, 12), camera, outputs=["Model.Depth"])
         assert (out["Model.Depth"] == expected["Model.Depth"]).all()
     assert len(list(pipeline.views(model, (16, 12), iter(cameras), progress=False))) == 3
+
+
+def test_versions_name_the_library_and_the_driver():
+    details = kvo.version_details()
+    assert kvo.__version__ == details["kvo"] and re.fullmatch(r"\d+\.\d+\.\d+", kvo.__version__)
+    assert details["qt"].startswith("6.") and details["qt_built"].startswith("6.")
+    assert details["gl_missing"] == "" and details["gl_version"]
+    assert ", ".join(details[name] for name in ("gl_vendor", "gl_renderer", "gl_version")) == kvo.context().description

@@ -4,6 +4,7 @@
 #include <gl/opengldevicecontext.h>
 #include <host/headlesscontext.h>
 #include <host/screentarget.h>
+#include <host/versiondetails.h>
 
 #include <epoxy/gl.h>
 
@@ -117,4 +118,30 @@ TEST_F(Headless, AScreenOfAnImpossibleSizeIsRefused)
         EXPECT_FALSE(screen.resize(size, &error));
         EXPECT_TRUE(error.contains(QStringLiteral("each side has to be from 1 to %1").arg(limit))) << qPrintable(error);
     }
+}
+
+TEST_F(Headless, VersionDetailsNameTheDriverAndLeaveTheContextCurrent)
+{
+    const auto text = [](GLenum name) { return QString::fromUtf8(reinterpret_cast<const char *>(glGetString(name))); };
+    const VersionDetails details = versionDetails();
+    EXPECT_TRUE(context().isCurrent());
+    EXPECT_EQ(details.library, libraryVersion());
+    EXPECT_EQ(details.library, QStringLiteral(KVO_VERSION));
+    EXPECT_EQ(details.qtBuilt, QStringLiteral(QT_VERSION_STR));
+    EXPECT_EQ(details.qtRunning, QString::fromLatin1(qVersion()));
+    EXPECT_EQ(details.glVendor, text(GL_VENDOR));
+    EXPECT_EQ(details.glRenderer, text(GL_RENDERER));
+    EXPECT_EQ(details.glVersion, text(GL_VERSION));
+    EXPECT_EQ(details.glMissing, QString());
+    EXPECT_EQ(details.text(), QStringLiteral("%1\nQt %2, built with %3\nOpenGL %4\nvendor %5\nrenderer %6\n")
+                                  .arg(details.library, details.qtRunning, details.qtBuilt, details.glVersion,
+                                       details.glVendor, details.glRenderer));
+}
+
+TEST_F(Headless, VersionDetailsSayWhyThereIsNoDriver)
+{
+    VersionDetails details{.library = QStringLiteral("1.2.3"), .qtBuilt = QStringLiteral("6.4.2")};
+    details.qtRunning = QStringLiteral("6.5.0");
+    details.glMissing = QStringLiteral("no driver");
+    EXPECT_EQ(details.text(), QStringLiteral("1.2.3\nQt 6.5.0, built with 6.4.2\nOpenGL: none here: no driver\n"));
 }

@@ -1,5 +1,7 @@
 #include "messages.h"
 
+#include "host/versiondetails.h"
+
 #include <QCoreApplication>
 
 #include <cstdio>
@@ -20,7 +22,7 @@ void onMessage(QtMsgType type, const QMessageLogContext &, const QString &text)
 void startMessages(const QString &program)
 {
     QCoreApplication::setApplicationName(program);
-    QCoreApplication::setApplicationVersion(QStringLiteral(KVO_VERSION));
+    QCoreApplication::setApplicationVersion(Brevane::Kvo::libraryVersion());
     qInstallMessageHandler(onMessage);
 }
 

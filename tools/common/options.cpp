@@ -1,5 +1,7 @@
 #include "options.h"
 
+#include "host/versiondetails.h"
+
 #include <QCommandLineParser>
 
 #include <cstdio>
@@ -16,13 +18,6 @@ QString spelling(const Option &option)
 {
     const QString letter = option.names.size() > 1 ? u"-%1, "_s.arg(option.names.first()) : u"    "_s;
     return u"  %1--%2%3"_s.arg(letter, option.longName(), option.value.isEmpty() ? QString() : u' ' + option.value);
-}
-
-QString repetition(const Option &option)
-{
-    if (!option.repeats)
-        return QString();
-    return u"; may be repeated"_s + (option.repeatsWith.isEmpty() ? QString() : u" with --"_s + option.repeatsWith);
 }
 
 // Words from the text's column on; what stands before it has the line to itself where it is too long.
@@ -59,6 +54,13 @@ bool store(Number value, Number least, Number most, Number *number)
 }
 
 } // namespace
+
+QString repetitionOf(const Option &option)
+{
+    if (!option.repeats)
+        return QString();
+    return u"; may be repeated"_s + (option.repeatsWith.isEmpty() ? QString() : u" with --"_s + option.repeatsWith);
+}
 
 Option::Read into(bool *flag)
 {
@@ -129,7 +131,7 @@ QString Options::help() const
         if (std::exchange(isFirst, false))
             text += paragraph(u"  MODEL"_s, _model);
         for (const Option &option : section.options)
-            text += paragraph(spelling(option), option.help + repetition(option));
+            text += paragraph(spelling(option), option.help + repetitionOf(option));
     }
     text += u"  -h, --help, -v, --version\n"_s;
     return _epilogue.isEmpty() ? text : text + u'\n' + _epilogue;
@@ -186,6 +188,11 @@ bool Options::read(const OptionTexts &texts, QString *error)
 
 std::optional<ExitCode> Options::read(const QStringList &arguments)
 {
+    if (arguments.size() == 3 && arguments[1] == u"--texts"_s) {
+        const QString text = texts(arguments[2]);
+        std::fputs(qPrintable(text), stdout);
+        return text.isEmpty() ? kUsage : kSuccess;
+    }
     QCommandLineParser parser;
     parser.addOptions({{{u"h"_s, u"help"_s}, QString()}, {{u"v"_s, u"version"_s}, QString()}});
     const QVector<Option> options = all();
@@ -198,8 +205,8 @@ std::optional<ExitCode> Options::read(const QStringList &arguments)
         return kSuccess;
     }
     if (parser.isSet(u"version"_s)) {
-        std::printf("%s %s\n", qPrintable(QCoreApplication::applicationName()),
-                    qPrintable(QCoreApplication::applicationVersion()));
+        std::printf("%s %s", qPrintable(QCoreApplication::applicationName()),
+                    qPrintable(Brevane::Kvo::versionDetails().text()));
         return kSuccess;
     }
     _files = parser.positionalArguments();

@@ -30,6 +30,9 @@ struct Option
     bool ofRun = false; ///< It speaks of a run of the program, and not of one of its pictures.
 };
 
+/// "; may be repeated", where it may, for behind its help.
+QString repetitionOf(const Option &option);
+
 /// The texts of options by their long names, as on a command line; a switch has one empty text.
 using OptionTexts = QMap<QString, QStringList>;
 
@@ -70,6 +73,9 @@ public:
     /// Model files and the like.
     QStringList files() const { return _files; }
     QString help() const;
+    /// Other texts of the same table: "man" is a manual page, "bash" and "zsh" are what these shells complete by. Empty for
+    /// other kinds. The build asks a program for them by --texts KIND, which is no option of its table.
+    QString texts(const QString &kind) const;
 
     /// Prints a mistake with a word on where to look.
     static ExitCode mistake(const QString &message);
@@ -81,6 +87,9 @@ private:
         QVector<Option> options;
     };
 
+    QString manual() const;
+    QString bashCompletion() const;
+    QString zshCompletion() const;
     static bool readAll(const Option &option, const QStringList &texts, QString *error);
 
     QString _purpose;

@@ -6,6 +6,9 @@
 #include <host/modeltransport.h>
 #include <host/sceneimport.h>
 
+#include "options.h"
+
+#include <QCoreApplication>
 #include <QFile>
 
 #include <sys/resource.h>
@@ -52,10 +55,30 @@ void confine([[maybe_unused]] qint64 megabytes)
     std::set_new_handler([] { _exit(int(ImportExit::NoMemory)); });
 }
 
+// --help and the like.
+std::optional<ExitCode> tellAboutItself(int argc, char **argv)
+{
+    if (argc < 2 || argv[1][0] != '-')
+        return std::nullopt;
+    const QCoreApplication application(argc, argv);
+    startMessages(QStringLiteral("kvo-import"));
+    Options options(QStringLiteral("Usage: kvo-import MODEL MEGABYTES images|no-images CREASE-ANGLE\n\n"
+                                   "Reads a model file for a program of Kvo's. The library starts it, so that a file\n"
+                                   "that makes an importer crash, hang or take all memory ends this program and not\n"
+                                   "its host. It is not for people."),
+                    QStringLiteral("the model file, which is written to standard output in a form of the library's; "
+                                   "then the most address space in megabytes, 0 for no bound, whether maps are read "
+                                   "too, and the angle in degrees beyond which edges stay sharp"));
+    options.section(QStringLiteral("Arguments"));
+    return options.read(QCoreApplication::arguments());
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
+    if (const std::optional<ExitCode> end = tellAboutItself(argc, argv))
+        return *end;
     if (argc != 5) {
         std::fprintf(stderr, "kvo-import is started by the library that reads models\n");
         return int(ImportExit::Usage);

@@ -1,6 +1,7 @@
 #include "batch.h"
 
 #include "host/pipelinefile.h"
+#include "host/versiondetails.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -55,8 +56,8 @@ QJsonObject PictureReport::json() const
 }
 
 Batch::Batch(const BatchSettings &settings, Listener listener)
-    : _settings(settings), _listener(std::move(listener)), _hasher(KVO_VERSION), _manifest(settings.manifest),
-      _renderer(rendererSettings(settings))
+    : _settings(settings), _listener(std::move(listener)), _hasher(libraryVersion().toUtf8()),
+      _manifest(settings.manifest), _renderer(rendererSettings(settings))
 {}
 
 Batch::~Batch() = default;

@@ -14,7 +14,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr const char *kTextOptions[] = {"-h", "--help", "-v", "--version"};
+constexpr const char *kTextOptions[] = {"-h", "--help", "-v", "--version", "--texts"};
 
 // What to read needs no display.
 bool asksForText(int argc, char **argv)

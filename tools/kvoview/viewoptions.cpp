@@ -10,7 +10,7 @@ std::optional<ExitCode> ViewOptions::read(const QStringList &arguments)
         u"Usage: kvoview [MODEL] [options]\n\nShows a 3D model through a pipeline of passes in a window, and lets one\n"
         u"look into every pass of it and change it. F1 shows the keys. Models, pipelines and images can be\n"
         u"dropped on the window. The pipeline, and the files that it names, are read again when they change."_s,
-        u"a model file: glTF, OBJ, FBX, Collada, STL, PLY, 3DS and more"_s);
+        u"a model file: glTF, OBJ, FBX, Collada, STL, PLY, 3DS and more; or a pipeline, .json"_s);
     options.section(u"What to show"_s);
     addPipelineOptions(&options, &pipelines, false);
     addValueOptions(&options, &pipeline);
@@ -41,6 +41,10 @@ std::optional<ExitCode> ViewOptions::read(const QStringList &arguments)
         return Options::mistake(u"one model at a time, not '%1' and '%2'"_s.arg(files[0], files[1]));
     if (options.isSet(u"grab"_s) && !options.isSet(u"frames"_s))
         return Options::mistake(u"--grab goes with --frames"_s);
-    model = files.value(0);
+    // A pipeline may stand where a model does, as it may be dropped on the window.
+    if (files.value(0).endsWith(u".json"_s, Qt::CaseInsensitive))
+        pipelines.names << files[0];
+    else
+        model = files.value(0);
     return std::nullopt;
 }

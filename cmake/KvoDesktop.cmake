@@ -1,0 +1,52 @@
+# What a desktop and a shell want to know of the programs: manual pages and completions, which each program makes of
+# its own table of options, and for kvoview what menus, file managers and software centres read.
+
+# kvo_program_texts(kvorender) makes share/man/man1/kvorender.1 and the rest from the program itself.
+function(kvo_program_texts target)
+  set(folder ${PROJECT_BINARY_DIR}/texts)
+  set(outputs)
+  foreach(text IN ITEMS man/${target}.1 bash/${target} zsh/_${target})
+    string(REGEX REPLACE "/.*" "" kind ${text})
+    if(NOT kind STREQUAL "man" AND target STREQUAL "kvo-import")
+      continue() # which nobody types
+    endif()
+    add_custom_command(OUTPUT ${folder}/${text}
+      COMMAND ${CMAKE_COMMAND} -E make_directory ${folder}/${kind}
+      COMMAND ${target} --texts ${kind} > ${folder}/${text}
+      DEPENDS ${target}
+      VERBATIM)
+    list(APPEND outputs ${folder}/${text})
+  endforeach()
+  add_custom_target(${target}_texts ALL DEPENDS ${outputs})
+  install(FILES ${folder}/man/${target}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 OPTIONAL)
+  if(NOT target STREQUAL "kvo-import")
+    install(FILES ${folder}/bash/${target} DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions OPTIONAL)
+    install(FILES ${folder}/zsh/_${target} DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions OPTIONAL)
+  endif()
+endfunction()
+
+# A cross-built program cannot be asked.
+if(NOT CMAKE_CROSSCOMPILING OR CMAKE_CROSSCOMPILING_EMULATOR)
+  foreach(tool IN ITEMS kvorender kvoview kvo-import)
+    if(TARGET ${tool})
+      kvo_program_texts(${tool})
+    endif()
+  endforeach()
+endif()
+
+if(TARGET kvoview)
+  set(desktop ${PROJECT_SOURCE_DIR}/tools/kvoview/desktop)
+  set(KVO_RELEASE_DATE 2026-11-22)
+  configure_file(${desktop}/org.kvo.kvoview.metainfo.xml.in ${PROJECT_BINARY_DIR}/org.kvo.kvoview.metainfo.xml @ONLY)
+  install(FILES ${desktop}/org.kvo.kvoview.desktop DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
+  install(FILES ${desktop}/org.kvo.kvoview.svg DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/scalable/apps)
+  install(FILES ${desktop}/kvo-pipeline.xml DESTINATION ${CMAKE_INSTALL_DATADIR}/mime/packages)
+  install(FILES ${PROJECT_BINARY_DIR}/org.kvo.kvoview.metainfo.xml DESTINATION ${CMAKE_INSTALL_DATADIR}/metainfo)
+endif()
+
+if(KVO_BUILD_TESTS AND TARGET kvorender)
+  add_test(NAME package.shells COMMAND ${PROJECT_SOURCE_DIR}/tests/package/shells ${PROJECT_BINARY_DIR})
+  add_test(NAME package.desktop COMMAND ${PROJECT_SOURCE_DIR}/tests/package/desktop ${PROJECT_BINARY_DIR})
+  set_tests_properties(package.shells package.desktop PROPERTIES LABELS unit SKIP_RETURN_CODE 77 TIMEOUT 300
+    ENVIRONMENT "QT_QPA_PLATFORM=offscreen")
+endif()
