@@ -224,16 +224,21 @@ void main()
     int ringsamples = i * samples;
     float step = PI * 2.0 / float(ringsamples);
     float ringWeight = mix(1.0, float(i) / float(rings), bias);
+    // From place to place by a turn: a sine and a cosine per ring.
+    vec2 turn = vec2(cos(step), sin(step));
+    float pw = float(i);
+    float ph = 0.0;
     for(int j = 0; j < ringsamples; j++)
     {
-      float pw = cos(float(j) * step) * float(i);
-      float ph = sin(float(j) * step) * float(i);
       float p = 1.0;
       if(pentagon)
         p = penta(vec2(pw, ph));
       float weight = ringWeight * p;
       col += color(vo_TexCoord.xy + vec2(pw * w, ph * h), blur) * weight;
       s += weight;
+      float turned = pw * turn.x - ph * turn.y;
+      ph = pw * turn.y + ph * turn.x;
+      pw = turned;
     }
   }
   col /= s;

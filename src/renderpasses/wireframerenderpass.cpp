@@ -86,6 +86,12 @@ const ProgramRecipe &edgeProgram()
     return recipe;
 }
 
+bool showsNothing(const QColor &color)
+{
+    return color.isValid() && color.redF() == 0.0f && color.greenF() == 0.0f && color.blueF() == 0.0f
+           && color.alphaF() == 0.0f;
+}
+
 constexpr SlotInfo kInputInfo[] = {
     {.name = "Kvo_QRect_Viewport",
      .meaning = "size of the target and the GL viewport",
@@ -160,7 +166,12 @@ void WireframeRenderPass::start(RenderCallbacks *)
     _fbo->setDrawBuffers();
     glDisable(GL_DEPTH_TEST);
     glViewport(viewport.left(), viewport.top(), extent.width, extent.height);
-    if (!extent.isEmpty() && _quad) {
+    const bool isAllDrawn = viewport.topLeft() == QPoint();
+    if (isAllDrawn && !extent.isEmpty() && showsNothing(wireColor)) {
+        // Nothing, scaled by whatever share of the neighbours: a switch that is off costs no look at the ids.
+        constexpr float kNothing[4] = {};
+        glClearBufferfv(GL_COLOR, 0, kNothing);
+    } else if (!extent.isEmpty() && _quad) {
         glClear(GL_COLOR_BUFFER_BIT);
         AutoBinder program(_program);
         _program->setUniform(QStringLiteral("u_IdSamplerWidth"), extent.width);

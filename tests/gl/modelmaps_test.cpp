@@ -168,7 +168,7 @@ const std::vector<SubjectRow> &subjects()
 {
     static const std::vector<SubjectRow> rows{
         {"modelrenderpass.cpp", [] { return std::make_unique<ModelSubject>(); }},
-        {"surfacepass.cpp", [] { return std::make_unique<SurfaceSubject>(); }},
+        {"surfaceprogram.cpp", [] { return std::make_unique<SurfaceSubject>(); }},
         {"forwardrenderpass.cpp", [] { return std::make_unique<ForwardSubject>(); }},
         {"transparencyrenderpass.cpp", [] { return std::make_unique<TransparencySubject>(); }},
         {"visibilitydeferredrenderpass.cpp", [] { return std::make_unique<VisibilitySubject>(); }}};
@@ -325,7 +325,7 @@ std::vector<std::tuple<std::size_t, Way>> rows()
             const QLatin1StringView source(subjects()[row].source);
             const bool followsBuffers = source != QLatin1StringView("visibilitydeferredrenderpass.cpp");
             // It has data of its own.
-            const bool readsMaterialData = source != QLatin1StringView("surfacepass.cpp");
+            const bool readsMaterialData = source != QLatin1StringView("surfaceprogram.cpp");
             if ((way != Way::UploadedAgain || followsBuffers) && (way == Way::AnotherModel || readsMaterialData))
                 all.emplace_back(row, way);
         }

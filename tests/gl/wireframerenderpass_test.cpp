@@ -123,6 +123,20 @@ TEST_F(Wireframe, WithNoColourTheWireIsOpaqueBlack)
     EXPECT_TRUE(sameImage(drawn(ids, QVariant()), counted(ids, {0, 0, 0, 1}), within(kHalfFloat)));
 }
 
+// The switch that pipelines have: no colour, no wires, and no look at nine ids for every pixel.
+TEST_F(Wireframe, AColourOfNothingDrawsNothing)
+{
+    const Image<float> ids = idImage(41, 29);
+    glClearColor(0.5f, 0.25f, 1.0f, 1.0f);
+    const GlCalls calls;
+    EXPECT_TRUE(sameImage(drawn(ids, QColor(0, 0, 0, 0)), Image<float>(41, 29), within(0)));
+    EXPECT_EQ(calls.draws(), 0);
+    // Alpha alone does not say so: all channels are scaled alike.
+    EXPECT_TRUE(sameImage(drawn(ids, QColor(255, 0, 0, 0)), counted(ids, {1, 0, 0, 0}), within(kHalfFloat)));
+    EXPECT_EQ(calls.draws(), 1);
+    glClearColor(0, 0, 0, 0);
+}
+
 TEST_F(Wireframe, InsideOneTriangleTheOutputIsZero)
 {
     const Image<float> image = drawn(Image<float>(3, 3, {7, 0, 2, 0}), QColor(Qt::white));

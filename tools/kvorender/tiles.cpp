@@ -117,7 +117,7 @@ bool TilePlan::reachOf(const Pipeline &pipeline, double pixelsPerUnit, double *r
             own = numberIn(inputs, u"SAORadius"_s) * pixelsPerUnit + 2.0;
         } else if (className == "DepthOfFieldRenderPass"_L1) {
             own = kLensReach;
-        } else if (className == "ShaderRenderPass"_L1) {
+        } else if (className == "ShaderRenderPass"_L1 || className == "DepthPeelingPass"_L1) {
             const bool readsImages = std::any_of(inputs.cbegin(), inputs.cend(), [](const PassInput &input) {
                 return input.kind == PassInput::Kind::Link && isTexture(input.slot);
             });
@@ -178,6 +178,7 @@ bool TilePlan::check(const Pipeline &pipeline, const TileLimits &limits, QString
             // A jittered projection is that of the whole picture.
             const bool drawsWhole = className == "ForwardRenderPass"_L1 || className == "ModelRenderPass"_L1
                                     || className == "GBufferRenderPass"_L1 || className == "SkyboxRenderPass"_L1
+                                    || className == "SurfacePass"_L1 || className == "DepthPeelingPass"_L1
                                     || className == "TransparencyRenderPass"_L1
                                     || className == "VisibilityBufferRenderPass"_L1;
             if (sourceClass == "CameraJitterPass"_L1 && name == "ProjectionMatrix"_L1 && !drawsWhole)
