@@ -198,7 +198,7 @@ void Bindings::giveBackFramebuffer(const FramebufferPair &before)
     Slot &draw = slot(DrawFramebuffer);
     Slot &read = slot(ReadFramebuffer);
     for (Slot *s : {&draw, &read})
-        s->taken -= s->taken > 0;
+        s->taken = quint16(s->taken - (s->taken > 0));
     if (isTracking() && draw.taken == 0) {
         owe(draw, before.draw);
         owe(read, before.read);

@@ -141,8 +141,13 @@ ModelReference::ModelReference(const ModelData &model, const QMatrix4x4 &project
             const Corner &b = corners[mesh.indices[first + 1]];
             const Corner &c = corners[mesh.indices[first + 2]];
             const double area = cross(b.x - a.x, b.y - a.y, c.x - a.x, c.y - a.y);
-            for (int y = 0; y < height; ++y) {
-                for (int x = 0; x < width; ++x) {
+            // Nothing of a triangle is seen a pixel away from it.
+            const auto begin = [](double least, int end) { return int(std::clamp(least - 1, 0.0, double(end))); };
+            const auto behind = [](double most, int end) { return int(std::clamp(most + 2, 0.0, double(end))); };
+            const int left = begin(std::min({a.x, b.x, c.x}), width), right = behind(std::max({a.x, b.x, c.x}), width);
+            const int low = begin(std::min({a.y, b.y, c.y}), height), high = behind(std::max({a.y, b.y, c.y}), height);
+            for (int y = low; y < high; ++y) {
+                for (int x = left; x < right; ++x) {
                     ModelFragment &fragment = _fragments[qsizetype(y) * width + x];
                     const double px = x + 0.5;
                     const double py = y + 0.5;
