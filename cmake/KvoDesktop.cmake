@@ -1,6 +1,8 @@
 # What a desktop and a shell want to know of the programs: manual pages and completions, which each program makes of
 # its own table of options, and for kvoview what menus, file managers and software centres read.
 
+set(KVO_ZSH_DIR ${CMAKE_INSTALL_DATADIR}/zsh/site-functions CACHE STRING "Where zsh looks for completions, below the prefix")
+
 # kvo_program_texts(kvorender) makes share/man/man1/kvorender.1 and the rest from the program itself.
 function(kvo_program_texts target)
   set(folder ${PROJECT_BINARY_DIR}/texts)
@@ -21,7 +23,7 @@ function(kvo_program_texts target)
   install(FILES ${folder}/man/${target}.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 OPTIONAL)
   if(NOT target STREQUAL "kvo-import")
     install(FILES ${folder}/bash/${target} DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions OPTIONAL)
-    install(FILES ${folder}/zsh/_${target} DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions OPTIONAL)
+    install(FILES ${folder}/zsh/_${target} DESTINATION ${KVO_ZSH_DIR} OPTIONAL)
   endif()
 endfunction()
 
@@ -44,9 +46,15 @@ if(TARGET kvoview)
   install(FILES ${PROJECT_BINARY_DIR}/org.kvo.kvoview.metainfo.xml DESTINATION ${CMAKE_INSTALL_DATADIR}/metainfo)
 endif()
 
+# The reference manual, where somebody has asked for it.
+add_custom_target(manual COMMAND ${PROJECT_SOURCE_DIR}/scripts/manual ${PROJECT_BINARY_DIR}/manual USES_TERMINAL)
+install(DIRECTORY ${PROJECT_BINARY_DIR}/manual/html/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/manual OPTIONAL)
+
 if(KVO_BUILD_TESTS AND TARGET kvorender)
   add_test(NAME package.shells COMMAND ${PROJECT_SOURCE_DIR}/tests/package/shells ${PROJECT_BINARY_DIR})
   add_test(NAME package.desktop COMMAND ${PROJECT_SOURCE_DIR}/tests/package/desktop ${PROJECT_BINARY_DIR})
-  set_tests_properties(package.shells package.desktop PROPERTIES LABELS unit SKIP_RETURN_CODE 77 TIMEOUT 300
+  add_test(NAME package.manual COMMAND ${PROJECT_SOURCE_DIR}/scripts/manual ${PROJECT_BINARY_DIR}/manual)
+  add_test(NAME package.control COMMAND ${PROJECT_SOURCE_DIR}/tests/package/control)
+  set_tests_properties(package.shells package.desktop package.control package.manual PROPERTIES LABELS unit SKIP_RETURN_CODE 77 TIMEOUT 300
     ENVIRONMENT "QT_QPA_PLATFORM=offscreen")
 endif()

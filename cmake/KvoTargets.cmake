@@ -38,9 +38,23 @@ function(kvo_library name)
   target_compile_features(${target} PUBLIC cxx_std_20)
   set_target_properties(${target} PROPERTIES
     EXPORT_NAME ${name}
-    VERSION ${PROJECT_VERSION}
-    SOVERSION ${PROJECT_VERSION_MAJOR}
+    VERSION ${KVO_SOVERSION}.${PROJECT_VERSION}
+    SOVERSION ${KVO_SOVERSION}
     INSTALL_RPATH "\$ORIGIN")
+  # What is exported is of this namespace, and carries the name of this interface: a program that was linked with
+  # another one is told so at its start.
+  if(UNIX AND NOT APPLE)
+    set(script ${CMAKE_CURRENT_BINARY_DIR}/${target}.version)
+    file(CONFIGURE OUTPUT ${script} @ONLY CONTENT "@target@_@KVO_SOVERSION@ {
+  global:
+    extern \"C++\" { *Brevane::Kvo*; };
+  local:
+    *;
+};
+")
+    target_link_options(${target} PRIVATE -Wl,--version-script=${script})
+    set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${script})
+  endif()
   install(TARGETS ${target} EXPORT ${ARG_EXPORT}
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kvo)

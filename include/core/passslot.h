@@ -9,8 +9,8 @@ namespace Brevane::Kvo {
 /// is what the host or the pass stored last. Pointers in a value are borrowed: a slot owns nothing.
 struct PassSlot
 {
-    QString name;
-    QVariant value;
+    QString name; ///< "Kvo_TYPE_NAME".
+    QVariant value; ///< What it holds now.
 };
 
 } // namespace Brevane::Kvo

@@ -13,6 +13,7 @@ class KVO_CORE_EXPORT RenderCallbacks
 {
 public:
     RenderCallbacks();
+    /// A copy.
     RenderCallbacks(const RenderCallbacks &) = default;
     RenderCallbacks &operator=(const RenderCallbacks &) = default;
     virtual ~RenderCallbacks();

@@ -41,9 +41,13 @@ public:
     /// it again.
     virtual void teardownContextData(RenderCallbacks *callbacks) = 0;
 
+    /// How many inputs there are.
     virtual int numInputs() const = 0;
+    /// How many outputs there are.
     virtual int numOutputs() const = 0;
+    /// The full name of an input.
     virtual QString inputName(int index) const = 0;
+    /// The full name of an output.
     virtual QString outputName(int index) const = 0;
     /// Gives an input its value.
     virtual void setInput(int index, const QVariant &value) = 0;
@@ -61,6 +65,7 @@ public:
 
     /// The last error that the pass recorded; 0 when there was none.
     virtual unsigned int errorCode() const = 0;
+    /// What errorCode gives from now on.
     virtual void setErrorCode(unsigned int code) = 0;
 };
 

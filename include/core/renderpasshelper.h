@@ -92,9 +92,9 @@ protected:
     /// The form in which setInput stores textures for this pass; AsGiven unless set.
     void setTextureForm(TextureForm form);
 
-    QVector<PassSlot> _inputs;
-    QVector<PassSlot> _outputs;
-    QVector<int> _numOutputUsers;
+    QVector<PassSlot> _inputs; ///< In the order of their declaration.
+    QVector<PassSlot> _outputs; ///< In the order of their declaration.
+    QVector<int> _numOutputUsers; ///< By output.
 
 private:
     struct InputState

@@ -37,19 +37,22 @@ enum class SlotKind : unsigned char {
 /// A value with a name.
 struct SlotChoice
 {
-    int value;
+    int value; ///< What the slot takes.
     const char *name; ///< "colorDodge": for pipeline files and editors.
-    const char *meaning;
+    const char *meaning; ///< One line.
 };
 
 /// Values that make sense, and by how much an editor moves between them. A pass takes others too: what it makes
 /// of them is said with the pass.
 struct SlotRange
 {
+    /// The smallest value; no bound at first.
     double least = -std::numeric_limits<double>::infinity();
+    /// The largest value; no bound at first.
     double most = std::numeric_limits<double>::infinity();
     double step = 0.0; ///< 0: whatever suits.
 
+    /// Whether a value is in it, both ends included; not a number is in none.
     constexpr bool contains(double value) const { return value >= least && value <= most; }
 };
 
@@ -58,10 +61,10 @@ struct SlotInfo
 {
     const char *name; ///< The slot's full name, as the pass declares it.
     const char *meaning; ///< One line. "none: ..." says what is used where nothing is connected.
-    SlotKind kind = SlotKind::Plain;
+    SlotKind kind = SlotKind::Plain; ///< What it is used for.
     const char *unit = ""; ///< "texels"; empty for what has none.
     SlotRange range = {}; ///< Of a number, or of each part of a size or a position.
-    std::span<const SlotChoice> choices = {};
+    std::span<const SlotChoice> choices = {}; ///< Of a number that stands for something.
     const char *format = ""; ///< Of the texture in an output.
     bool hasEffect = true; ///< False: the pass takes the value and never reads it, or never writes the output.
 };
@@ -70,15 +73,17 @@ struct SlotInfo
 /// it to come out as in the whole.
 struct Reach
 {
-    bool isWholeFrame = false;
+    bool isWholeFrame = false; ///< Any texel may count for any pixel.
     double fixed = 0.0; ///< Texels.
     double perUnit = 0.0; ///< Texels for each unit of the input of that name ...
-    const char *slot = nullptr;
+    const char *slot = nullptr; ///< The input that perUnit speaks of.
     const char *times = nullptr; ///< ... all of it multiplied by the value of this one, where it is above 1.
 
+    /// So many texels, whatever the inputs are.
     static constexpr Reach texels(double count) { return {false, count}; }
     /// Any texel may count for any pixel.
     static constexpr Reach wholeFrame() { return {true}; }
+    /// By the value of an input.
     static constexpr Reach of(const char *slot, double perUnit, double fixed, const char *times = nullptr)
     {
         return {false, fixed, perUnit, slot, times};
@@ -88,11 +93,11 @@ struct Reach
 /// What a pass is, and its slots in their order.
 struct PassInfo
 {
-    const char *className;
+    const char *className; ///< Without the namespace.
     const char *meaning; ///< One line.
-    Reach reach;
-    std::span<const SlotInfo> inputs;
-    std::span<const SlotInfo> outputs;
+    Reach reach; ///< How far it reads around a pixel.
+    std::span<const SlotInfo> inputs; ///< In their order.
+    std::span<const SlotInfo> outputs; ///< In their order.
 };
 
 } // namespace Brevane::Kvo

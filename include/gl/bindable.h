@@ -10,7 +10,9 @@ class KVO_GL_EXPORT Bindable
 {
 public:
     virtual ~Bindable();
+    /// Makes it current in GL. False where that cannot be.
     virtual bool bind() = 0;
+    /// Takes it off again. False where it was not bound.
     virtual bool unbind() = 0;
 };
 

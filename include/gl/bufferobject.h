@@ -29,6 +29,7 @@ public:
 
     /// GL_ARRAY_BUFFER (the default), GL_ELEMENT_ARRAY_BUFFER, GL_PIXEL_UNPACK_BUFFER …
     void setTarget(unsigned int target);
+    /// GL_ARRAY_BUFFER and the like.
     unsigned int target() const;
     /// The GL name; 0 before the first bind.
     unsigned int getBO() const;
@@ -45,6 +46,7 @@ public:
     /// Maps the whole buffer; \a access is GL_READ_ONLY, GL_WRITE_ONLY or GL_READ_WRITE. Null on
     /// failure. The buffer must be bound until unmap.
     void *map(unsigned int access);
+    /// Ends map; the memory may not be touched any more.
     void unmap();
 
     /// Makes the indexed binding point \a target, \a index the place where bind and unbind work from

@@ -21,11 +21,11 @@ class VertexArrayObject;
 /// The record of one indirect draw, as GL lays it out.
 struct DrawElementsIndirectCommand
 {
-    unsigned int count = 0;
-    unsigned int instanceCount = 0;
-    unsigned int firstIndex = 0;
-    unsigned int baseVertex = 0;
-    unsigned int baseInstance = 0;
+    unsigned int count = 0; ///< Of indices.
+    unsigned int instanceCount = 0; ///< How often it is drawn.
+    unsigned int firstIndex = 0; ///< In the index buffer.
+    unsigned int baseVertex = 0; ///< Added to each index.
+    unsigned int baseInstance = 0; ///< The number of the first instance.
 };
 
 /// One drawable piece of geometry: a vertex array, a primitive type and a count, with or without
@@ -38,6 +38,7 @@ class KVO_GL_EXPORT DrawBuffers : public QObject, public Bindable
     Q_OBJECT
 
 public:
+    /// Nothing to draw yet.
     explicit DrawBuffers(QObject *parent = nullptr);
     ~DrawBuffers() override;
 
@@ -48,18 +49,25 @@ public:
     bool bind() override;
     bool unbind() override;
 
+    /// Where its vertices come from.
     void setVAO(const QSharedPointer<VertexArrayObject> &vao);
+    /// See setVAO.
     QSharedPointer<VertexArrayObject> VAO() const;
     /// GL_POINTS, GL_TRIANGLES …
     void setPrimitiveType(unsigned int type);
+    /// See setPrimitiveType.
     unsigned int primitiveType() const;
+    /// How many vertices draw takes where there are no indices.
     void setVertexCount(unsigned int count);
     /// Draws with indices from now on; \a type is GL_UNSIGNED_INT (or _SHORT, _BYTE).
     void setIndexedDraw(const QSharedPointer<BufferObject> &indices, int count, unsigned int type);
+    /// The indices; null without.
     QSharedPointer<BufferObject> indexBO() const;
     /// The commands are copied.
     void setDrawElementsIndirectCommands(const DrawElementsIndirectCommand *commands, int count);
+    /// How many commands there are.
     int drawElementsIndirectCommandCount() const;
+    /// The commands; null where there are none.
     const DrawElementsIndirectCommand *drawElementsIndirectCommands() const;
     /// The commands as a uniform buffer, tightly packed and filled up with zeros to the largest uniform
     /// block, made on first use; null when there are none.

@@ -24,6 +24,7 @@ class KVO_GL_EXPORT FramebufferObject : public QObject, public Bindable
     Q_OBJECT
 
 public:
+    /// Without attachments; GL makes it when it is bound first.
     explicit FramebufferObject(QObject *parent = nullptr);
     ~FramebufferObject() override;
 
@@ -44,10 +45,12 @@ public:
     bool attachLayers(Texture *texture, unsigned int attachment, int level);
     /// Removes and returns a texture, which stays alive; null when there was none.
     Texture *detach(unsigned int attachment);
+    /// Detaches everything, see detach.
     void detachAll();
     /// The attached texture or null. GL_DEPTH_ATTACHMENT, GL_STENCIL_ATTACHMENT and
     /// GL_DEPTH_STENCIL_ATTACHMENT are three different places.
     Texture *attachment(unsigned int attachment) const;
+    /// Whether something is attached there.
     bool hasAttachment(unsigned int attachment) const;
 
     /// Directs drawing to all colour attachments that are present, in the order of their numbers, and reading to

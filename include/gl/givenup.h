@@ -18,6 +18,7 @@ KVO_GL_EXPORT void giveUp(QObject *object, quint64 shareGroup);
 class KVO_GL_EXPORT GivenUpCollector
 {
 public:
+    /// Collects into that list from now on, on this thread.
     explicit GivenUpCollector(QVector<QPointer<QObject>> &objects);
     ~GivenUpCollector();
     GivenUpCollector(const GivenUpCollector &) = delete;

@@ -12,7 +12,9 @@ namespace Brevane::Kvo {
 class KVO_GL_EXPORT AutoBinder
 {
 public:
+    /// Binds; null does nothing.
     explicit AutoBinder(Bindable *bindable);
+    /// Binds; null does nothing.
     explicit AutoBinder(const QSharedPointer<Bindable> &bindable);
     ~AutoBinder();
     AutoBinder(const AutoBinder &) = delete;
@@ -31,6 +33,7 @@ private:
 class KVO_GL_EXPORT AutoEnabler
 {
 public:
+    /// Enables until the end of the scope.
     explicit AutoEnabler(unsigned int capability);
     ~AutoEnabler();
     AutoEnabler(const AutoEnabler &) = delete;
@@ -45,6 +48,7 @@ private:
 class KVO_GL_EXPORT AutoDisabler
 {
 public:
+    /// Disables until the end of the scope.
     explicit AutoDisabler(unsigned int capability);
     ~AutoDisabler();
     AutoDisabler(const AutoDisabler &) = delete;

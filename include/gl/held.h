@@ -24,10 +24,14 @@ class Held
 {
 public:
     Held() = default;
+    /// Holds nothing.
     Held(std::nullptr_t) {}
+    /// Shares what the other one holds, by count.
     Held(const Held &) = default;
+    /// Takes what the other one holds.
     Held(Held &&) noexcept = default;
     ~Held() = default;
+    /// Lets go of its own and shares what the other one holds.
     Held &operator=(const Held &other)
     {
         if (this != &other && _entry != other._entry) {
@@ -36,6 +40,7 @@ public:
         }
         return *this;
     }
+    /// Lets go of its own and takes what the other one holds.
     Held &operator=(Held &&other) noexcept
     {
         if (this != &other) {
@@ -44,6 +49,7 @@ public:
         }
         return *this;
     }
+    /// Lets go.
     Held &operator=(std::nullptr_t)
     {
         _letGo();
@@ -73,7 +79,9 @@ public:
     {
         return _entry && (_entry->group == 0 || _entry->group == currentShareGroup()) ? _entry->object.data() : nullptr;
     }
+    /// See get.
     operator T *() const { return get(); }
+    /// See get.
     T *operator->() const { return get(); }
     /// The object, whatever context is current.
     T *any() const { return _entry ? _entry->object.data() : nullptr; }

@@ -19,11 +19,12 @@ class VertexArrayObject;
 /// share group (the rest).
 struct GLObjectCounts
 {
-    int textures = 0;
-    int buffers = 0;
-    int programs = 0;
-    int framebuffers = 0;
-    int vertexArrays = 0;
+    int textures = 0; ///< In the share group.
+    int buffers = 0; ///< In the share group.
+    int programs = 0; ///< In the share group.
+    int framebuffers = 0; ///< In this context.
+    int vertexArrays = 0; ///< In this context.
+    /// All together.
     int total() const { return textures + buffers + programs + framebuffers + vertexArrays; }
 };
 
@@ -32,11 +33,11 @@ struct GLLimits
 {
     int textureSide = 0; ///< In texels.
     int targetWidth = 0; ///< Of what is texture and viewport.
-    int targetHeight = 0;
+    int targetHeight = 0; ///< Of what is texture and viewport.
     int arrayLayers = 0; ///< Of an array texture.
     int vertexUniforms = 0; ///< Components of all uniforms of a stage.
-    int geometryUniforms = 0;
-    int fragmentUniforms = 0;
+    int geometryUniforms = 0; ///< As vertexUniforms.
+    int fragmentUniforms = 0; ///< As vertexUniforms.
 };
 
 /// What the library keeps for one GL context. It works for EGL, GLX and Qt contexts alike, for several

@@ -8,11 +8,12 @@ namespace Brevane::Kvo {
 /// textures are made of such parts. A Pipeline says it to its passes, for the length of a frame.
 struct KVO_GL_EXPORT PictureWindow
 {
-    int x = 0;
-    int y = 0;
+    int x = 0; ///< Of the part, from the picture's left.
+    int y = 0; ///< Of the part, from the picture's lower end.
     int width = 0; ///< Of the picture.
     int height = 0; ///< Of the picture; 0: what is drawn is all there is.
 
+    /// Whether the picture goes on around it.
     bool isPart() const { return height > 0; }
     /// Whether the driver takes a viewport of the whole picture. What is drawn in it and cut off by the target is drawn
     /// exactly as in the whole.
@@ -29,6 +30,7 @@ struct KVO_GL_EXPORT PictureWindow
 class KVO_GL_EXPORT PictureWindowScope
 {
 public:
+    /// Until the end of the scope.
     explicit PictureWindowScope(const PictureWindow &window);
     ~PictureWindowScope();
     PictureWindowScope(const PictureWindowScope &) = delete;

@@ -15,6 +15,7 @@ public:
     PooledTexture() = default;
     /// Takes over the reference that TextureManager::tempTexture gave.
     explicit PooledTexture(Texture *texture);
+    /// Shares the texture, by count.
     PooledTexture(const PooledTexture &other);
     PooledTexture &operator=(const PooledTexture &other);
     ~PooledTexture();

@@ -14,6 +14,7 @@ struct ShaderFailure;
 class KVO_GL_EXPORT ShaderFailureListener
 {
 public:
+    /// Is told of failures from now on, until it is destroyed.
     explicit ShaderFailureListener(std::function<void(const ShaderFailure &)> listener);
     ~ShaderFailureListener();
     ShaderFailureListener(const ShaderFailureListener &) = delete;

@@ -39,6 +39,7 @@ struct ShaderFailure
 class KVO_GL_EXPORT ShaderProgram : public QObject, public Bindable
 {
 public:
+    /// Without stages; GL makes it when they are linked.
     explicit ShaderProgram(QObject *parent = nullptr);
     ~ShaderProgram() override;
 
@@ -64,6 +65,7 @@ public:
     void setMacroProcessor(GLSLMacroProcessor *processor);
     /// Adds a source to a stage (GL_VERTEX_SHADER …). \a name shows in log(); it may be empty.
     void addShader(int stage, const QString &source, const QString &name);
+    /// The same without a name.
     void addShader(int stage, const QString &source) { addShader(stage, source, QString()); }
     /// Adds a file of the shader library, or of the processor's include paths, to a stage.
     void addShaderFromFile(int stage, const QString &fileName);
@@ -95,6 +97,7 @@ public:
     bool setUniform(const QString &name, const QVariant &value);
     /// The same for a number, without the cost of a variant.
     bool setUniform(const QString &name, std::integral auto value) { return _setNumber(name, double(value)); }
+    /// The same for a number with a fraction.
     bool setUniform(const QString &name, std::floating_point auto value) { return _setNumber(name, double(value)); }
     /// The same for a matrix, without the cost of a variant.
     bool setUniform(const QString &name, const QMatrix4x4 &value);
@@ -109,10 +112,12 @@ public:
 
     /// The GL name; 0 before compile.
     unsigned int programID() const;
+    /// Whether there is something to draw with.
     bool isLinked() const;
 
     /// Names the program in debuggers (KHR_debug) and in messages.
     void setLabel(const QString &label);
+    /// See setLabel.
     QString label() const;
 
     /// Installs a handler that receives every failed compile and link of the process, for developers

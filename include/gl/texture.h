@@ -29,14 +29,19 @@ class KVO_GL_EXPORT Texture : public QObject, public Bindable
     Q_OBJECT
 
 public:
+    /// Without a target; GL makes it with the first bind.
     explicit Texture(QObject *parent = nullptr);
     ~Texture() override;
+    /// There for operator delete.
     static void *operator new(std::size_t size);
+    /// In memory of the caller's.
     static void *operator new(std::size_t, void *where) noexcept { return where; }
+    /// Lets the address rest until many others have been used: what still names it must not take the next for it.
     static void operator delete(void *memory);
 
     /// GL_TEXTURE_2D, GL_TEXTURE_2D_ARRAY, GL_TEXTURE_CUBE_MAP, GL_TEXTURE_BUFFER …; call once, first.
     void setTarget(unsigned int target);
+    /// See setTarget.
     unsigned int target() const;
 
     /// False when there is no usable context, no target, no texture unit left (reported once), or the texture
@@ -55,6 +60,7 @@ public:
     /// How the bound texture is sampled (glTexParameteri): GL_NEAREST, GL_LINEAR and, for minification, those with
     /// mip levels. Like all that sets storage and sampling, between bind and unbind or under a StorageBinder.
     void setFilter(unsigned int filter);
+    /// The two apart.
     void setFilter(unsigned int minification, unsigned int magnification);
     /// How coordinates outside of the image are taken, in all directions that the target has: GL_CLAMP_TO_EDGE,
     /// GL_REPEAT …
@@ -62,10 +68,12 @@ public:
 
     /// Marks a texture whose content comes from a file: the library never writes to it again.
     void setReadOnly();
+    /// See setReadOnly.
     bool isReadOnly() const;
 
     /// Names the texture in debuggers (KHR_debug) and in messages of the TextureManager.
     void setLabel(const QString &label);
+    /// See setLabel.
     QString label() const;
 
 private:

@@ -86,11 +86,11 @@ struct TexturePoolStatistics
 struct PoolTexture
 {
     const Texture *texture = nullptr; ///< To know it by; the pool may free it at any time.
-    TextureFormat format = TextureFormat::Color8;
-    int width = 0;
-    int height = 0;
-    qint64 bytes = 0;
-    int references = 0;
+    TextureFormat format = TextureFormat::Color8; ///< Of its texels.
+    int width = 0; ///< In texels.
+    int height = 0; ///< In texels.
+    qint64 bytes = 0; ///< Of memory.
+    int references = 0; ///< 0: free to be taken.
     qint64 timesTaken = 0; ///< How often tempTexture has handed it out.
     QString taker; ///< The pass that took it last, under Pipeline.
 };
@@ -103,6 +103,7 @@ struct PoolTexture
 class KVO_GL_EXPORT TextureManager
 {
 public:
+    /// The one of the process.
     static TextureManager &Instance();
     virtual ~TextureManager();
 

@@ -32,10 +32,10 @@ enum WindingType {
 /// A triangle mesh in object space. normals, texCoords and tangents are empty or as long as positions.
 struct ModelMesh
 {
-    QString name;
-    QVector<QVector3D> positions;
-    QVector<QVector3D> normals;
-    QVector<QVector2D> texCoords;
+    QString name; ///< For people, and for settings by name.
+    QVector<QVector3D> positions; ///< By vertex.
+    QVector<QVector3D> normals; ///< By vertex.
+    QVector<QVector2D> texCoords; ///< By which maps are read.
     /// The way that the first texture coordinate grows, and in w 1 or -1: the second one grows along
     /// w * cross(normal, tangent). Only normal maps need them; empty: computed where one is, see computedTangents.
     QVector<QVector4D> tangents;
@@ -61,8 +61,8 @@ struct ModelSurface
     QVector3D emission{0.0f, 0.0f, 0.0f}; ///< Radiance, of any size.
     float normalScale = 1.0f; ///< Of the x and y of the normal map.
     float occlusionStrength = 1.0f; ///< 0: the occlusion map does not count.
-    float alphaCutoff = 0.5f;
-    AlphaMode alphaMode = AlphaMode::Opaque;
+    float alphaCutoff = 0.5f; ///< For AlphaMode::Mask.
+    AlphaMode alphaMode = AlphaMode::Opaque; ///< What the alpha of the base colour map does.
     bool isTwoSided = true; ///< Otherwise back faces are not drawn.
     bool isUnlit = false; ///< The base colour is what one sees.
     QImage map_baseColor; ///< A colour map; alpha as alphaMode says.
@@ -76,7 +76,7 @@ struct ModelSurface
 /// nothing encodes the result: with display-ready maps, colours are display-ready too.
 struct ModelMaterial
 {
-    QString name;
+    QString name; ///< For people, and for settings by name.
     QVector3D Kd{0.8f, 0.8f, 0.8f}; ///< Diffuse colour, in the colour space of the maps.
     QVector3D Ks{0.0f, 0.0f, 0.0f}; ///< Specular colour, in the colour space of the maps.
     float Ns = 1.0f; ///< Specular exponent.
@@ -95,8 +95,8 @@ KVO_GL_EXPORT ModelSurface surfaceOf(const ModelMaterial &material);
 /// One draw item: a mesh in a material at a place.
 struct ModelItem
 {
-    int mesh = 0;
-    int material = 0;
+    int mesh = 0; ///< Its number in ModelData::meshes.
+    int material = 0; ///< Its number in ModelData::materials.
     QMatrix4x4 transform; ///< Object to world.
     quint64 flags = 0; ///< See GPUModel::draw. Bit 60: shadow passes draw it unculled; bits 62, 63: casts no shadow.
 };
@@ -104,9 +104,9 @@ struct ModelItem
 /// What a GPUModel is built from. Plain data, no GL.
 struct ModelData
 {
-    QVector<ModelMesh> meshes;
-    QVector<ModelMaterial> materials;
-    QVector<ModelItem> items;
+    QVector<ModelMesh> meshes; ///< By the numbers that items name.
+    QVector<ModelMaterial> materials; ///< By the numbers that items name.
+    QVector<ModelItem> items; ///< In the order in which they are drawn.
 };
 
 /// Normals of length 1 for the vertices of triangles, weighted by the areas around each; +z where there is no area.
@@ -130,8 +130,8 @@ public:
     /// World-space box.
     struct BoundingBox
     {
-        QVector3D minimum;
-        QVector3D maximum;
+        QVector3D minimum; ///< The corner of the smallest coordinates.
+        QVector3D maximum; ///< The corner of the largest coordinates.
     };
 
     /// Ways to issue the draws.
@@ -170,6 +170,7 @@ public:
               const unsigned long long &mask);
     /// True when no item is selected.
     bool isDrawEmpty(unsigned long long value, unsigned long long mask, Opacity opacity = Opacity::Any);
+    /// Whether the model has all of these features.
     bool hasFeatureFlags(unsigned long long flags) const;
 
     /// Leaves out items that lie outside a view until resetCulling; \a viewProjection maps world to clip space.
@@ -198,8 +199,11 @@ public:
     /// managed textures decide how that reads.
     InstanceDataCollection *surfaceData(int index);
 
+    /// Items that are drawn.
     int itemCount() const;
+    /// Of all items.
     qint64 triangleCount() const;
+    /// How draws are issued from now on.
     void setDrawRoad(DrawRoad road);
 
 private:

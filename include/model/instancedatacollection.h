@@ -23,9 +23,11 @@ class KVO_GL_EXPORT InstanceDataCollection : public QObject, public Bindable
     Q_OBJECT
 
 public:
+    /// Without data yet; the plan has to live as long.
     explicit InstanceDataCollection(const InstanceDataPlan *plan, QObject *parent = nullptr);
     ~InstanceDataCollection() override;
 
+    /// What each draw's data are.
     const InstanceDataPlan *plan() const;
     /// Replaces the data. False, with a message, for more draws than the driver's texture buffers hold.
     bool setData(const QVector<float> &data);
@@ -39,6 +41,7 @@ public:
     /// Makes the data available to a bound program. A manager, when given, binds its managed textures
     /// too.
     bool bind(ShaderProgram *program, TextureManager *manager);
+    /// Takes off what bind with these has bound.
     bool unbind(ShaderProgram *program, TextureManager *manager);
     /// The same for the program that is bound.
     bool bind() override;

@@ -19,9 +19,11 @@ class ShaderProgram;
 class KVO_GL_EXPORT InstanceDataPlan
 {
 public:
+    /// Its name, the sampler and the number of texels per draw, and the GLSL that declares and defines its getters.
     InstanceDataPlan(const QString &name, const QString &sampler, int texelsPerDraw, const QString &declarations,
                      const QString &definitions);
 
+    /// By which a program asks for it.
     QString name() const;
     /// Declarations of the getters.
     QString glslh() const;

@@ -24,6 +24,7 @@ class InstanceDataPlan;
 class KVO_GL_EXPORT InstanceDataRegistry
 {
 public:
+    /// The one of the process.
     static InstanceDataRegistry &Instance();
     ~InstanceDataRegistry();
 
@@ -31,6 +32,7 @@ public:
     InstanceDataPlan *getPlan(const QString &name) const;
     /// Whether a plan of that name exists.
     bool hasPlan(const QString &name) const;
+    /// Of all plans.
     QStringList planNames() const;
     /// Adds a plan, which the registry owns from then on. False when the name is taken.
     bool addPlan(InstanceDataPlan *plan);

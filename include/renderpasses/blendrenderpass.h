@@ -52,6 +52,7 @@ public:
         OutFrame,
     };
 
+    /// How the upper picture goes over the lower one.
     enum BlendMode : int {
         blendClear,
         blendSrc,
@@ -81,6 +82,7 @@ public:
         blendMultiplyKeepAlpha,
     };
 
+    /// The mode counts where its slot holds none.
     explicit BlendRenderPass(BlendMode mode = blendDstOver);
     BlendRenderPass(const BlendRenderPass &other);
     BlendRenderPass &operator=(const BlendRenderPass &other);

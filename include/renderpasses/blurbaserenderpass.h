@@ -48,6 +48,7 @@ protected:
     bool takeBlurRadius(float radius);
     /// GLSL of one blur stage: `u_Input` blurred along `stepVec` with `weight` and `offset`.
     QString getBaseFragmentShaderSource();
+    /// GLSL of the vertex stage that goes with it.
     QString getBaseVertexShaderSource();
     /// A program of the base vertex shader and this fragment text. The caller owns it.
     ShaderProgram *makeShaderProgram(const QString &fragmentShader) const;
@@ -61,11 +62,11 @@ protected:
     /// Draws the quad with the program and its textures bound.
     void drawQuad() const;
 
-    Held<FramebufferObject> _fbo;
-    Held<ShaderProgram> _blurProgram;
-    QSharedPointer<DrawBuffers> _quad;
-    float _blurRadius = 0.0f;
-    float _stencilMask;
+    Held<FramebufferObject> _fbo; ///< The stages draw to it.
+    Held<ShaderProgram> _blurProgram; ///< Of one stage.
+    QSharedPointer<DrawBuffers> _quad; ///< Fills the screen.
+    float _blurRadius = 0.0f; ///< Sigma, in texels.
+    float _stencilMask; ///< See the constructor.
     QVector<float> _weights; ///< The uniform array `weight`.
     QVector<float> _offsets; ///< The uniform array `offset`, in texels.
     QString _samplesCountName; ///< The macro that sizes both arrays.

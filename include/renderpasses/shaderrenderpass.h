@@ -77,11 +77,15 @@ public:
     using RenderPassHelper::addInput;
     using RenderPassHelper::addOutput;
 
+    /// GLSL; the vertex and the fragment stage are needed.
     void setVertexShaderSource(const QString &source);
+    /// GLSL; the vertex and the fragment stage are needed.
     void setFragmentShaderSource(const QString &source);
     /// This and the tessellation stages are left out while their text is empty.
     void setGeometryShaderSource(const QString &source);
+    /// GLSL; left out while empty.
     void setTessellationControlShaderSource(const QString &source);
+    /// GLSL; left out while empty.
     void setTessellationEvaluationShaderSource(const QString &source);
 
     /// Whether targets are cleared before each draw; on at first. The first frame and frames of a new
@@ -103,23 +107,23 @@ public:
     virtual void setUniforms();
 
 protected:
-    Held<FramebufferObject> _fbo;
-    Held<ShaderProgram> _program;
-    QSharedPointer<DrawBuffers> _quad;
+    Held<FramebufferObject> _fbo; ///< The outputs are attached to it.
+    Held<ShaderProgram> _program; ///< Of the sources below.
+    QSharedPointer<DrawBuffers> _quad; ///< Drawn where no geometry is connected.
     Held<Texture> _defaultTexture; ///< For samplers that are not connected; not owned.
-    QString _vertexShaderSource;
-    QString _fragmentShaderSource;
-    QString _geometryShaderSource;
-    QString _tessellationControlShaderSource;
-    QString _tessellationEvaluationShaderSource;
-    int _width = 0;
-    int _height = 0;
-    bool _clear = true;
-    BlendMode _blend = BlendNone;
+    QString _vertexShaderSource; ///< GLSL.
+    QString _fragmentShaderSource; ///< GLSL.
+    QString _geometryShaderSource; ///< GLSL; may be empty.
+    QString _tessellationControlShaderSource; ///< GLSL; may be empty.
+    QString _tessellationEvaluationShaderSource; ///< GLSL; may be empty.
+    int _width = 0; ///< Of the targets.
+    int _height = 0; ///< Of the targets.
+    bool _clear = true; ///< See setClear.
+    BlendMode _blend = BlendNone; ///< See setBlend.
     QVector<int> _textureInputs; ///< Inputs that are samplers.
     QVector<int> _textureOutputs; ///< Outputs that are colour targets.
     QVector<QByteArray> _uniformNames; ///< By input.
-    int _geometryInput = -1;
+    int _geometryInput = -1; ///< The input that is drawn; -1: none.
     QString _name; ///< See setName.
 
 private:

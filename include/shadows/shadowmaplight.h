@@ -16,6 +16,7 @@ namespace Brevane::Kvo {
 /// whatever other lights there are.
 struct ShadowMapLight
 {
+    /// Where light comes from.
     enum class Type {
         Directional, ///< Parallel light, as from the sun: one layer per cascade.
         Spot, ///< A cone: one layer.
@@ -30,7 +31,7 @@ struct ShadowMapLight
     /// Light in all directions.
     KVO_GL_EXPORT static ShadowMapLight point(const QVector3D &position, float range = 0.0f);
 
-    Type type = Type::Directional;
+    Type type = Type::Directional; ///< Where its light comes from.
     /// Off: it gives no light and no map is drawn for it, but its layers stay reserved, so that switching it
     /// makes no textures.
     bool enabled = true;

@@ -20,9 +20,13 @@ class ShaderProgram;
 class KVO_GL_EXPORT ShadowMapManager
 {
 public:
+    /// What is to throw shadows.
     using Light = ShadowMapLight;
+    /// What comes of it.
     using RenderData = ShadowMapRenderData;
+    /// Of a layer.
     using Transform = ShadowMapRenderData::Transform;
+    /// Of a light.
     using ProjectorInfo = ShadowMapRenderData::ProjectorInfo;
 
     /// Fills \a data with the layers that the lights need: layers in the order of the lights, without gaps.
@@ -74,6 +78,7 @@ public:
     /// lights, those do not shine. False, with no light for the program, when there is no record or no texture
     /// in it.
     static bool bindRecord(ShaderProgram *program, const RenderData *data, const Sampling &sampling);
+    /// The same with the default sampling.
     static bool bindRecord(ShaderProgram *program, const RenderData *data);
     /// Takes the texture back; call it when bindRecord was true, once the program has drawn.
     static void unbindRecord(const RenderData *data);

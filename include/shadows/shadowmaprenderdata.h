@@ -28,16 +28,17 @@ public:
     /// z over w runs from 0 where the map begins to 1 where it ends; nothing is drawn below 0.
     struct Transform
     {
-        float m[16];
+        float m[16]; ///< Column by column.
     };
 
     /// The layers of a light: firstLayer to firstLayer + layerCount - 1.
     struct ProjectorInfo
     {
-        qint32 layerCount;
-        qint32 firstLayer;
+        qint32 layerCount; ///< How many it has.
+        qint32 firstLayer; ///< The number of the first one.
     };
 
+    /// Empty: no light, no layer.
     explicit ShadowMapRenderData(QObject *parent = nullptr);
     /// Copies all but the QObject.
     ShadowMapRenderData(const ShadowMapRenderData &other);

@@ -234,6 +234,19 @@ TEST(PipelineSchema, AgreesWithTheLoader)
                                 "inputs": { "TexturePath": "@paths.sky" } })"));
 }
 
+TEST(PipelineSchema, AgreesWithTheLoaderOnVersions)
+{
+    for (const auto &[version, isGood] :
+         {std::pair("1", true), std::pair("2", false), std::pair("0", false), std::pair("1.5", false),
+          std::pair("\"1\"", false), std::pair("null", false)}) {
+        const QByteArray text = QByteArray(R"({ "version": )") + version
+                                + R"(, "passes": [ { "name": "A", "class": "GradientRenderPass" } ] })";
+        Pipeline pipeline;
+        EXPECT_EQ(Validator(schema()).accepts(QJsonDocument::fromJson(text).object()), isGood) << version;
+        EXPECT_EQ(loadPipelineText(text, u"test.json"_s, &pipeline, nullptr), isGood) << version;
+    }
+}
+
 TEST(PipelineSchema, SaysOfEachClassAndSlotWhatItIs)
 {
     const QJsonObject definitions = schema()[u"$defs"_s].toObject();

@@ -5,6 +5,7 @@
 #include "host/slotname.h"
 #include "json.h"
 #include "lightsjson.h"
+#include "pipelineversions.h"
 #include "slotvaluejson.h"
 
 #include <QCoreApplication>
@@ -33,8 +34,8 @@ public:
             return;
         }
         checkMembers(root,
-                     {QStringLiteral("$schema"), QStringLiteral("description"), QStringLiteral("passes"),
-                      QStringLiteral("lights"), QStringLiteral("inOnePiece")},
+                     {QStringLiteral("$schema"), QStringLiteral("version"), QStringLiteral("description"),
+                      QStringLiteral("passes"), QStringLiteral("lights"), QStringLiteral("inOnePiece")},
                      QStringLiteral("a pipeline"));
         textOf(root, QStringLiteral("description"));
         _pipeline->setInOnePiece(textOf(root, QStringLiteral("inOnePiece")));
@@ -336,7 +337,8 @@ bool loadPipelineText(const QByteArray &text, const QString &fileName, Pipeline 
     Json root;
     int line = 0;
     QString error;
-    if (Json::parse(text, &root, &line, &error))
+    QByteArray current = text;
+    if (bringUpToDate(&current, formatSteps(), &line, &error) && Json::parse(current, &root, &line, &error))
         Loader(fileName, pipeline, &found).load(root);
     else
         found << QStringLiteral("%1:%2: %3").arg(fileName, QString::number(line), error);
@@ -361,7 +363,7 @@ QStringList pipelineSearchPath(const QStringList &extra)
     QStringList path = extra;
     if (QCoreApplication::instance())
         path << QDir::cleanPath(QCoreApplication::applicationDirPath() + QLatin1StringView("/../share/kvo/pipelines"));
-    path << QStringLiteral(KVO_SOURCE_PIPELINES);
+    path << QStringLiteral(KVO_PIPELINES_FALLBACK);
     return path;
 }
 

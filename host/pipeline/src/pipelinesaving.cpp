@@ -4,6 +4,7 @@
 #include "host/pipelinefile.h"
 #include "host/slotname.h"
 #include "json.h"
+#include "pipelineversions.h"
 #include "slotvaluejson.h"
 
 #include <QDir>
@@ -21,7 +22,10 @@ namespace Brevane::Kvo {
 
 namespace {
 
-const QString kEmptyFile = u"{\n  \"passes\": []\n}\n"_s;
+QString emptyFile()
+{
+    return u"{\n  \"version\": %1,\n  \"passes\": []\n}\n"_s.arg(newestFormat());
+}
 
 // Brings the text of a file in line with a pipeline, one difference at a time: after each the text is read anew, so
 // that no change has to know of another one.
@@ -389,7 +393,14 @@ private:
 QByteArray pipelineText(const Pipeline &pipeline, const QString &path, const QByteArray &original, QStringList *errors)
 {
     QStringList unused;
-    Writer writer(pipeline, path, original.trimmed().isEmpty() ? kEmptyFile : QString::fromUtf8(original));
+    QByteArray current = original;
+    int line = 0;
+    QString error;
+    if (!bringUpToDate(&current, formatSteps(), &line, &error)) {
+        (errors ? errors : &unused)->append(u"%1:%2: %3"_s.arg(path).arg(line).arg(error));
+        return QByteArray();
+    }
+    Writer writer(pipeline, path, current.trimmed().isEmpty() ? emptyFile() : QString::fromUtf8(current));
     return writer.run(errors ? errors : &unused) ? writer.text().toUtf8() : QByteArray();
 }
 

@@ -4,6 +4,7 @@
 #include "host/passfactory.h"
 #include "host/slotname.h"
 #include "hostvalues.h"
+#include "pipelineversions.h"
 #include "slotvaluejson.h"
 
 #include <QJsonArray>
@@ -238,8 +239,14 @@ QByteArray pipelineSchema()
         {u"properties"_s,
          QJsonObject{{u"type"_s, QJsonObject{{u"enum"_s, QJsonArray{u"directional"_s, u"spot"_s, u"point"_s}}}}}},
         {u"required"_s, QJsonArray{u"type"_s}}};
+    QJsonArray versions;
+    for (int version = 1; version <= newestFormat(); ++version)
+        versions << version;
+    const QJsonObject version{{u"enum"_s, versions},
+                              {u"description"_s, u"of the format of the file; 1 where it is not said"_s}};
     QJsonObject definitions = commonDefinitions();
     QJsonObject schema = closedObject({{u"$schema"_s, ofType(u"string"_s)},
+                                       {u"version"_s, version},
                                        {u"description"_s, ofType(u"string"_s)},
                                        {u"inOnePiece"_s, ofType(u"string"_s)},
                                        {u"lights"_s, QJsonObject{{u"type"_s, u"array"_s}, {u"items"_s, light}}},

@@ -13,8 +13,8 @@ struct KVO_HEADLESS_EXPORT VersionDetails
     QString qtBuilt; ///< The Qt that the library was built with.
     QString qtRunning; ///< The Qt that is loaded.
     QString glVendor; ///< As the driver names itself; this and the next two are empty where there is no context.
-    QString glRenderer;
-    QString glVersion;
+    QString glRenderer; ///< What draws: a GPU, or "llvmpipe ...".
+    QString glVersion; ///< Of OpenGL and of the driver.
     QString glMissing; ///< Why there is no context; empty where there is one.
 
     /// Lines for people, without the name of a program: "1.2.3\nQt …\nOpenGL …\n".

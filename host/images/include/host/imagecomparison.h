@@ -13,10 +13,10 @@ struct TexturePixels;
 struct KVO_IMAGES_EXPORT ImageComparison
 {
     double meanError = 0.0; ///< Mean over pixels and channels of the absolute difference.
-    double rmsError = 0.0;
-    double worstError = 0.0;
+    double rmsError = 0.0; ///< Root of the mean of the squared differences.
+    double worstError = 0.0; ///< The largest difference.
     int worstX = 0; ///< Pixel of the worst, from the lower left.
-    int worstY = 0;
+    int worstY = 0; ///< See worstX.
     double differingShare = 0.0; ///< Pixels in which a channel differs by more than 1/255, as a share of all.
     QImage picture; ///< Absolute differences, upright, four times as bright.
 

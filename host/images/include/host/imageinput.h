@@ -20,6 +20,7 @@ namespace Brevane::Kvo {
 /// Null, with the reason, when there is no such file, when it is damaged or cut off, and when the picture would take
 /// more memory than QImageReader::allocationLimit. The file's name is in the reason of the first.
 KVO_IMAGES_EXPORT QImage readImage(const QString &path, QString *error = nullptr);
+/// The same from a device that is open.
 KVO_IMAGES_EXPORT QImage readImage(QIODevice *device, QString *error = nullptr);
 
 /// A picture as 8-bit surfaces show it: linear values become display values, what is beyond white is white, what is not

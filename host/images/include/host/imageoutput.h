@@ -15,6 +15,7 @@ class Texture;
 /// map follow one another upwards.
 struct TexturePixels
 {
+    /// What the numbers are.
     enum class Kind {
         Color,
         Depth,
@@ -22,13 +23,13 @@ struct TexturePixels
         Moments, ///< Shadow maps: depth and its square, 1e9 where nothing is. For readShadowMaps to know.
     };
 
-    Kind kind = Kind::Color;
+    Kind kind = Kind::Color; ///< What the numbers are.
     bool normalized = false; ///< Fixed point: all values from 0 to 1.
-    int width = 0;
+    int width = 0; ///< Of a layer, in texels.
     int height = 0; ///< Of all layers together.
-    int layers = 1;
-    int channels = 0;
-    QVector<float> values;
+    int layers = 1; ///< Or faces.
+    int channels = 0; ///< Numbers per texel.
+    QVector<float> values; ///< Row by row, the channels of a texel together.
     QVector<quint32> integers; ///< In the place of values for unsigned integer formats.
 };
 

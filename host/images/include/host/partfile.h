@@ -14,6 +14,7 @@ namespace Brevane::Kvo {
 class KVO_IMAGES_EXPORT PartFile
 {
 public:
+    /// A file of that path, which is not there yet.
     explicit PartFile(const QString &path);
     /// Removes what was not committed.
     ~PartFile();
@@ -22,10 +23,13 @@ public:
 
     // Each gives false with the reason: no folder, no permission, no space.
 
+    /// Begins to write. False with the reason.
     bool open(QString *error = nullptr);
+    /// Appends. False with the reason.
     bool write(const char *data, qint64 size, QString *error = nullptr);
     /// Back to a place that was written before, or to the end.
     bool seek(qint64 position, QString *error = nullptr);
+    /// Bytes written so far.
     qint64 position() const { return _position; }
     /// Renames it.
     bool commit(QString *error = nullptr);

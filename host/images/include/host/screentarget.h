@@ -26,7 +26,9 @@ public:
 
     /// False, with the reason, for a size that the driver does not support.
     bool resize(const QSize &size, QString *error = nullptr);
+    /// Empty before resize.
     QSize size() const { return _size; }
+    /// What passes draw on; this object's own.
     FramebufferObject *framebuffer() const { return _framebuffer.get(); }
     /// Fills colour, and sets depth to 1 and stencil to 0.
     void clear(const QColor &color = Qt::transparent);

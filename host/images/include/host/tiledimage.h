@@ -29,6 +29,7 @@ public:
     bool open(const QString &path, const QSize &size, bool hasAlpha, QString *error);
     /// A tile, whose upper left pixel lies there in the picture.
     bool write(const QPoint &place, const QImage &tile, QString *error);
+    /// Ends the file and gives it its name. False, with the reason, where rows or tiles are missing.
     bool commit(QString *error);
 
 private:
@@ -50,6 +51,7 @@ public:
     bool open(const QString &path, const QSize &size, int tile, const TexturePixels &like, QString *error);
     /// The part of the pixels (counted from their upper left) that is the tile there in the picture.
     bool write(const QPoint &place, const TexturePixels &pixels, const QRect &part, QString *error);
+    /// Ends the file and gives it its name. False, with the reason, where rows or tiles are missing.
     bool commit(QString *error);
 
 private:

@@ -25,15 +25,15 @@ struct Environment
     static constexpr int kLevels = 9;
     /// Side of the tile for a mirror, and of those for the other steps.
     static constexpr int kSharpSide = 512;
-    static constexpr int kSoftSide = 128;
-    static constexpr int kAtlasWidth = kSharpSide;
-    static constexpr int kAtlasHeight = kSharpSide + 3 * kSoftSide;
+    static constexpr int kSoftSide = 128; ///< See kSharpSide.
+    static constexpr int kAtlasWidth = kSharpSide; ///< Of the whole atlas, in texels.
+    static constexpr int kAtlasHeight = kSharpSide + 3 * kSoftSide; ///< Of the whole atlas, in texels.
 
     /// The picture, RGBA: a latitude-longitude map, bottom row first. The centre looks along -z, the right half has +x
     /// in its middle.
     QVector<qfloat16> radiance;
-    int width = 0;
-    int height = 0;
+    int width = 0; ///< In texels.
+    int height = 0; ///< In texels.
 
     /// What a surface of some roughness mirrors, RGBA, bottom row first: the mean of the radiance around a direction,
     /// weighted with the distribution of GGX (Trowbridge and Reitz) and the cosine, for a viewer above the surface.
@@ -71,8 +71,9 @@ KVO_PIPELINE_EXPORT Environment environmentOf(const QImage &picture);
 /// | 3      | the roughness in Environment::specular whose light is spread as widely around it                      |
 KVO_PIPELINE_EXPORT QVector<float> specularTable(int side);
 
-/// The place of a direction in octahedral projection, each from 0 to 1, and back.
+/// The place of a direction in octahedral projection, each from 0 to 1.
 KVO_PIPELINE_EXPORT QPointF octahedral(const QVector3D &direction);
+/// The direction of a place in octahedral projection.
 KVO_PIPELINE_EXPORT QVector3D octahedralDirection(const QPointF &place);
 
 } // namespace Brevane::Kvo

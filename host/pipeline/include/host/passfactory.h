@@ -19,7 +19,7 @@ namespace Brevane::Kvo {
 /// A setter of a pass class, beside its slots, that pipeline files can call by name.
 struct PassOperation
 {
-    QString name;
+    QString name; ///< As files call it.
     /// Types of the arguments, as the names of slots say them: "float", "int", "bool", "QString",
     /// "QVector3D".
     QStringList argumentTypes;
@@ -31,11 +31,14 @@ struct PassOperation
 class KVO_PIPELINE_EXPORT PassFactory
 {
 public:
+    /// Makes a pass of one class.
     using Maker = std::unique_ptr<RenderPass> (*)();
 
     /// A new pass, or null for a class that is not known.
     std::unique_ptr<RenderPass> make(const QString &className) const;
+    /// Whether there is a class of that name.
     bool knows(const QString &className) const;
+    /// All classes, by name.
     QStringList classNames() const;
     /// False when the name is taken.
     bool add(const QString &className, Maker maker);

@@ -26,24 +26,25 @@ struct SlotInfo;
 /// How long a pass took, in milliseconds, over the frames that are remembered.
 struct PassTiming
 {
-    QString pass;
-    int cpuSamples = 0;
+    QString pass; ///< Its name.
+    int cpuSamples = 0; ///< Frames that count.
     double cpuLast = 0.0; ///< Time in the pass's start on the CPU.
-    double cpuMinimum = 0.0;
-    double cpuMedian = 0.0;
+    double cpuMinimum = 0.0; ///< The shortest of them.
+    double cpuMedian = 0.0; ///< Half of them took less.
     int gpuSamples = 0; ///< 0 where the context has no timer queries.
     double gpuLast = 0.0; ///< Time between the pass's first and last command on the GPU.
-    double gpuMinimum = 0.0;
-    double gpuMedian = 0.0;
+    double gpuMinimum = 0.0; ///< The shortest.
+    double gpuMedian = 0.0; ///< Half of them took less.
 };
 
 /// How an input of a pass gets its value.
 struct PassInput
 {
+    /// Where the value comes from.
     enum class Kind { Default, Value, Host, Link };
 
     QString slot; ///< Its full name.
-    Kind kind = Kind::Default;
+    Kind kind = Kind::Default; ///< Where the value comes from.
     QVariant value; ///< The default, or the value that was given.
     QString source; ///< "@name" of a host value, the slot's full name for a link.
     QString sourcePass; ///< For a link.
@@ -122,6 +123,8 @@ public:
     bool replace(const QString &name, const QString &className, QString *error = nullptr);
     /// Takes a pass out and destroys it. Inputs that it fed go back to their defaults.
     bool remove(const QString &name, QString *error = nullptr);
+    /// Another name for a pass; links go along. False, with the reason, where the name is taken or there is no such
+    /// pass.
     bool rename(const QString &name, const QString &newName, QString *error = nullptr);
     /// Null when there is none of that name.
     RenderPass *pass(const QString &name) const;
@@ -184,7 +187,10 @@ public:
 
     // Host values
 
+    /// The host value "viewport": what passes draw to, in pixels.
     void setViewport(const QRect &viewport);
+    /// The host values of the camera: world to camera space, camera to clip space, and the distances of the clip
+    /// planes.
     void setCamera(const QMatrix4x4 &camera, const QMatrix4x4 &projection, float nearPlane, float farPlane);
     /// Draws a part of a larger picture, for pictures beyond what a texture may be. \a window is the part, from the
     /// picture's lower left corner; the viewport has to have its size, and the projection is that of the whole picture.
@@ -195,12 +201,16 @@ public:
     /// Says that windows of this pipeline's picture are not parts of it, and why: "its paper is spread over the
     /// picture". For shaders that ask where in the picture they are. Nothing else comes of it; empty at first.
     void setInOnePiece(const QString &reason);
+    /// See setInOnePiece.
     QString inOnePiece() const;
     /// \a opaque is what opaquePartOf gives of the model, for pipelines that draw opaque surfaces first and
     /// transparent ones over them; null: all of the model counts as opaque.
     void setModel(GPUModel *model, GPUModel *opaque = nullptr);
+    /// The host value "screen": what the last pass draws on. It stays the host's.
     void setScreen(FramebufferObject *screen);
+    /// Gives any host value. False, with the reason, for a name that is none.
     bool setHostValue(const QString &name, const QVariant &value, QString *error = nullptr);
+    /// What a host value is now; invalid for a name that is none.
     QVariant hostValue(const QString &name) const;
     /// The fixed names of the table above.
     static QStringList hostValueNames();

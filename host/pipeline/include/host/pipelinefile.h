@@ -14,9 +14,9 @@ class Pipeline;
 /// What a pipeline file says about itself.
 struct PipelineFileInfo
 {
-    QString path;
+    QString path; ///< Of the file.
     QString name; ///< The file name without ".json".
-    QString description;
+    QString description; ///< Its "description", for people.
 };
 
 /// Builds a pipeline from a file:
@@ -52,6 +52,9 @@ struct PipelineFileInfo
 ///       "lights": [ { "type": "directional", "direction": [0.3, -1, 0.2], "cascades": 3, "color": "#fff0d8" } ]
 ///
 /// Types are directional, spot and point; the other members are those of ShadowMapLight.
+///
+/// A member "version" is the version of the format, 1 where it is missing: older ones are converted as they are read, and
+/// kept up to date as they are saved; newer ones are refused.
 ///
 /// Comments may stand where space may: // to the end of the line, and /* */. A member "$schema" is for editors (see
 /// pipelineSchema).

@@ -15,10 +15,11 @@ namespace Brevane::Kvo {
 /// type is empty: unknown.
 struct KVO_PIPELINE_EXPORT SlotName
 {
-    QString type;
-    QString elementType;
-    QString name;
+    QString type; ///< "KvoTexture*", "float" ...; empty where the name has none.
+    QString elementType; ///< Of the elements of a list.
+    QString name; ///< "BlurRadius".
 
+    /// Takes a full name ("Kvo_float_BlurRadius") to its parts.
     static SlotName parse(const QString &slot);
 };
 

@@ -45,15 +45,23 @@ class KVO_QUICK_EXPORT ViewportItem : public QQuickFramebufferObject
     Q_PROPERTY(QString pipeline READ pipeline WRITE setPipeline NOTIFY pipelineChanged)
     /// Values by "Pass.Slot".
     Q_PROPERTY(QVariantMap slotValues READ slotValues WRITE setSlotValues NOTIFY slotValuesChanged)
+    /// In degrees, see OrbitCamera.
     Q_PROPERTY(qreal yaw READ yaw WRITE setYaw NOTIFY cameraChanged)
+    /// In degrees, see OrbitCamera.
     Q_PROPERTY(qreal pitch READ pitch WRITE setPitch NOTIFY cameraChanged)
+    /// From the eye to the pivot.
     Q_PROPERTY(qreal distance READ distance WRITE setDistance NOTIFY cameraChanged)
+    /// What the camera looks at.
     Q_PROPERTY(QVector3D pivot READ pivot WRITE setPivot NOTIFY cameraChanged)
+    /// Vertical opening angle in degrees.
     Q_PROPERTY(qreal fieldOfView READ fieldOfView WRITE setFieldOfView NOTIFY cameraChanged)
+    /// Whether the picture is without perspective.
     Q_PROPERTY(bool orthographic READ isOrthographic WRITE setOrthographic NOTIFY cameraChanged)
+    /// The axis that points up.
     Q_PROPERTY(QVector3D up READ up WRITE setUp NOTIFY cameraChanged)
     /// Numbers of items with an outline.
     Q_PROPERTY(QList<int> selection READ selection WRITE setSelection NOTIFY selectionChanged)
+    /// Of the outline around the selection.
     Q_PROPERTY(QColor outlineColor READ outlineColor WRITE setOutlineColor NOTIFY outlineColorChanged)
     /// Whether drags, wheel and fingers move the camera; on at first.
     Q_PROPERTY(bool interactive READ isInteractive WRITE setInteractive NOTIFY interactiveChanged)
@@ -63,18 +71,25 @@ class KVO_QUICK_EXPORT ViewportItem : public QQuickFramebufferObject
     Q_PROPERTY(QStringList errors READ errors NOTIFY errorsChanged)
 
 public:
+    /// Standard directions to look from.
     enum View { Front, Back, Left, Right, Top, Bottom, Isometric };
     Q_ENUM(View)
 
+    /// Shows nothing before it has a source or a pipeline.
     explicit ViewportItem(QQuickItem *parent = nullptr);
     ~ViewportItem() override;
 
     Renderer *createRenderer() const override;
 
+    /// Of the property of this name.
+    ///@{
     QUrl source() const;
     void setSource(const QUrl &source);
+    ///@}
     /// A model from anywhere, in the place of a source.
     void setModel(const ModelData &model);
+    /// Of the property of this name.
+    ///@{
     QString pipeline() const;
     void setPipeline(const QString &nameOrPath);
     QVariantMap slotValues() const;
@@ -103,9 +118,11 @@ public:
     void setInteractive(bool interactive);
     bool isSettled() const;
     QStringList errors() const;
+    ///@}
 
     /// Shows all.
     Q_INVOKABLE void fit();
+    /// From a standard direction.
     Q_INVOKABLE void look(View view);
     /// Asks what is at a place of the item; picked answers after the next frame.
     Q_INVOKABLE void pick(qreal x, qreal y);
@@ -114,9 +131,12 @@ public:
 
     /// Held while any item uses the library on the thread of its scene graph.
     static void lockLibrary();
+    /// Behind lockLibrary, on the same thread.
     static void unlockLibrary();
 
 Q_SIGNALS:
+    /// The property of this name has another value.
+    ///@{
     void sourceChanged();
     void pipelineChanged();
     void slotValuesChanged();
@@ -126,13 +146,18 @@ Q_SIGNALS:
     void interactiveChanged();
     void settledChanged();
     void errorsChanged();
+    ///@}
     /// \a pick: item, triangle and material as numbers, -1 where there is none, and position.
     void picked(const QVariantMap &pick);
     /// The same, for a click of the mouse.
     void clicked(const QVariantMap &pick);
+    /// With the file; the error is empty where it is written.
     void grabbed(const QString &file, const QString &error);
+    /// With how many were drawn so far.
     void frameDrawn(int number);
+    /// See Pipeline::faults.
     void faultsFound(const QStringList &faults);
+    /// A program that did not compile or link.
     void shaderFailed(const QString &message);
 
 protected:

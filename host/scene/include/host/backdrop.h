@@ -22,7 +22,9 @@ struct Backdrop
     bool grid = false; ///< On the ground, a square a power of ten wide, each tenth line stronger.
     bool axes = false; ///< x red, y green, z blue, from the origin.
 
+    /// Whether it shows anything.
     bool isVisible() const { return top.isValid() || grid || axes; }
+    /// Whether they show the same.
     bool operator==(const Backdrop &) const = default;
 };
 

@@ -13,12 +13,12 @@ namespace Brevane::Kvo {
 class KVO_SCENE_EXPORT Camera
 {
 public:
-    QVector3D eye{0.0f, 0.0f, 5.0f};
-    QVector3D target{0.0f, 0.0f, 0.0f};
-    QVector3D up{0.0f, 1.0f, 0.0f};
+    QVector3D eye{0.0f, 0.0f, 5.0f}; ///< Where it stands.
+    QVector3D target{0.0f, 0.0f, 0.0f}; ///< What it looks at.
+    QVector3D up{0.0f, 1.0f, 0.0f}; ///< What is up on the picture.
     float fieldOfView = 45.0f; ///< Vertical opening angle.
-    float nearPlane = 0.1f;
-    float farPlane = 100.0f;
+    float nearPlane = 0.1f; ///< Distance of the near clip plane.
+    float farPlane = 100.0f; ///< Distance of the far clip plane.
 
     /// Looks from \a eye to \a target.
     void lookAt(const QVector3D &eye, const QVector3D &target, const QVector3D &up = QVector3D(0, 1, 0));

@@ -18,9 +18,12 @@ namespace Brevane::Kvo {
 class KVO_SCENE_EXPORT CameraHand
 {
 public:
+    /// What a drag does.
     enum class Drag { None, Orbit, Pan, Area };
+    /// What is seen at a place of the picture, in the world; nothing for nothing.
     using Surface = std::function<std::optional<QVector3D>(const QPointF &at)>;
 
+    /// See above for \a surface.
     explicit CameraHand(Surface surface = {}) : _surface(std::move(surface)) {}
 
     /// Left turns, with Shift it pans, with Ctrl it draws an area; other buttons pan.
@@ -31,7 +34,9 @@ public:
     Drag release(bool *wasClick);
     /// A second press makes no click.
     void cancelClick() { _isClick = false; }
+    /// What the drag under way does.
     Drag drag() const { return _drag; }
+    /// Where the drag began.
     QPointF pressedAt() const { return _pressed; }
 
     /// Zooms by notches of a wheel.

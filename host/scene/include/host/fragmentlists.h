@@ -31,9 +31,11 @@ public:
     /// Reads the outputs of either pass; waits for the GPU. False with the reason.
     bool read(Texture *headPointers, Texture *nodeBuffer, int nodeBufferWidth, QString *error = nullptr);
 
+    /// Of the picture, in pixels.
     QSize size() const { return _size; }
     /// The list of a pixel from its head on; (0, 0) is the lower left pixel, as in GL.
     QVector<ListedFragment> at(int x, int y) const;
+    /// Fragments in the list of a pixel.
     int lengthAt(int x, int y) const;
     /// Whether the list of a pixel leads to a node that found no room: that fragment is lost, and all that came
     /// to the pixel before it.
@@ -47,6 +49,7 @@ public:
     qint64 capacity() const { return _capacity; }
     /// Fragments beyond the capacity.
     qint64 lostCount() const { return qMax(qint64(0), _fragmentCount - _capacity); }
+    /// Fragments in the longest list.
     int longest() const { return _longest; }
     /// Pixels with at least one fragment.
     qint64 coveredPixels() const { return _coveredPixels; }

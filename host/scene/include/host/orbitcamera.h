@@ -30,18 +30,25 @@ public:
 
     // What is looked at, and from where
 
+    /// What it looks at.
     QVector3D pivot() const { return _pivot; }
     float yaw() const { return _yaw; } ///< -180 to 180.
     float pitch() const { return _pitch; } ///< -90 to 90.
     float distance() const { return _distance; } ///< From the eye to the pivot, above 0.
     float fieldOfView() const { return _fieldOfView; } ///< Vertical opening angle, 1 to 170.
+    /// Whether the picture is without perspective.
     bool isOrthographic() const { return _orthographic; }
+    /// The axis that points up.
     QVector3D up() const { return _up; }
 
     // Values that are not finite, and an up of no length, change nothing; others are brought into their range.
+    /// Looks at another point; the eye goes along.
     void setPivot(const QVector3D &pivot);
+    /// In degrees.
     void setAngles(float yaw, float pitch);
+    /// From the eye to the pivot.
     void setDistance(float distance);
+    /// Vertical opening angle, brought into 1 to 170.
     void setFieldOfView(float degrees);
     /// A picture without perspective, in which things at the pivot have the size that they have with it.
     void setOrthographic(bool orthographic) { _orthographic = orthographic; }
@@ -49,6 +56,7 @@ public:
     void setUp(const QVector3D &up);
     /// The box that clip planes enclose and fit shows: that of the model.
     void setScene(const GPUModel::BoundingBox &bounds);
+    /// See setScene.
     GPUModel::BoundingBox scene() const { return _scene; }
 
     // Movements
@@ -72,13 +80,17 @@ public:
 
     // What passes get
 
+    /// Where it stands.
     QVector3D eye() const;
     /// From the eye to the pivot, of length 1.
     QVector3D forward() const;
+    /// To the right on the picture, of length 1.
     QVector3D right() const;
     /// Up on the picture.
     QVector3D upward() const;
+    /// Distance of the near clip plane, which follows from the scene.
     float nearPlane() const { return clipPlanes().nearPlane; }
+    /// Distance of the far clip plane, which follows from the scene.
     float farPlane() const { return clipPlanes().farPlane; }
     /// World to camera space.
     QMatrix4x4 cameraMatrix() const;
@@ -92,6 +104,7 @@ public:
     /// A text that Camera::parse and `kvorender --camera` read, for a picture in perspective.
     QString settings() const;
 
+    /// Whether they show the same scene from the same place.
     bool operator==(const OrbitCamera &other) const;
 
 private:

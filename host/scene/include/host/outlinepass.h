@@ -30,6 +30,7 @@ class Texture;
 class KVO_SCENE_EXPORT OutlinePass : public RenderPassHelper
 {
 public:
+    /// Indices of the inputs.
     enum Input { kViewport, kProjectionMatrix, kCameraMatrix, kGeometry, kColor, kWidth, kFramebufferOut };
 
     OutlinePass();

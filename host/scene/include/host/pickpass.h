@@ -22,6 +22,7 @@ struct Pick
     int material = -1; ///< Where the host's side knows it; the pass does not.
     QVector3D position; ///< On the surface, in world space.
 
+    /// Whether there is anything.
     bool isHit() const { return item >= 0; }
 };
 
@@ -46,7 +47,9 @@ struct Pick
 class KVO_SCENE_EXPORT PickPass : public RenderPassHelper
 {
 public:
+    /// Indices of the inputs.
     enum Input { kViewport, kProjectionMatrix, kCameraMatrix, kGeometry, kArea };
+    /// Indices of the outputs.
     enum Output { kItem, kPosition };
 
     PickPass();

@@ -22,8 +22,9 @@ struct ImportReport
     QStringList warnings; ///< What was left out or replaced, each with the place.
     int images = 0; ///< Different images that were loaded.
     qint64 vertices = 0; ///< Of the meshes, each counted once.
-    qint64 triangles = 0;
+    qint64 triangles = 0; ///< Of the meshes, each counted once.
 
+    /// Whether there is a model.
     bool ok() const { return error.isEmpty(); }
 };
 

@@ -28,7 +28,7 @@ class ViewportRendererPrivate;
 /// What there is to say of a frame.
 struct ViewportFrame
 {
-    bool isDrawn = false;
+    bool isDrawn = false; ///< Whether anything was.
     int number = 0; ///< Frames drawn so far, this one included.
     QStringList errors; ///< Why nothing was drawn, or not what was asked for: pipeline file, slots, model, context.
     QStringList faults; ///< See Pipeline::faults.
@@ -72,6 +72,7 @@ public:
     bool setPipelineText(const QByteArray &text, const QString &path, QStringList *errors = nullptr);
     /// Reads the file again, or the text with the files that it names. False with a line per mistake; what was there before then stays.
     bool reload(QStringList *errors = nullptr);
+    /// The file; empty for a pipeline from elsewhere.
     QString pipelineFile() const;
     /// One that the host built; null: none.
     void setPipeline(std::unique_ptr<Pipeline> pipeline);
@@ -84,18 +85,24 @@ public:
     /// Values of slots by "Pass.Slot": texts as parseSlotValue reads them, numbers, truth values, colours, vectors.
     /// They replace those set before; a slot that is no longer named gets back what the file says.
     void setSlotValues(const QVariantMap &values);
+    /// See setSlotValues.
     QVariantMap slotValues() const;
 
     // View
 
+    /// From the next frame on.
     void setCamera(const OrbitCamera &camera);
+    /// See setCamera.
     const OrbitCamera &camera() const;
     /// Items with a line around them.
     void setSelection(const QVector<int> &items);
+    /// See setSelection.
     QVector<int> selection() const;
+    /// Of the selection; the width is in pixels.
     void setOutline(const QColor &color, float width);
     /// What shows behind the picture, also in those of grab; nothing at first: the picture keeps its alpha.
     void setBackdrop(const Backdrop &backdrop);
+    /// See setBackdrop.
     const Backdrop &backdrop() const;
 
     // Frames
@@ -107,6 +114,7 @@ public:
     /// How many frames a picture takes to settle after a change; negative, the default: as many as the passes of the
     /// pipeline ask for (30 with a random jitter, 4 with the two positions of SMAA T2x, 2 with shadow maps, else 1).
     void setSettlingFrames(int frames);
+    /// How many the picture takes now.
     int settlingFrames() const;
     /// Draws a frame of \a size pixels onto a framebuffer.
     ViewportFrame render(FramebufferObject *screen, const QSize &size);

@@ -41,6 +41,7 @@ class VtkPipelinePassPrivate;
 class KVO_VTK_EXPORT VtkPipelinePass : public vtkDepthImageProcessingPass
 {
 public:
+    /// A new one, as VTK makes its objects.
     static VtkPipelinePass *New();
     vtkTypeMacro(VtkPipelinePass, vtkDepthImageProcessingPass) void PrintSelf(ostream &os, vtkIndent indent) override;
 
@@ -59,9 +60,12 @@ public:
     /// Over how many frames the projection moves within a pixel, for pipelines with a TemporalAARenderPass that reads
     /// the true one from @projection: render as often to gather them. 0, as at first: it stays.
     void SetJitterFrames(int frames);
+    /// See SetJitterFrames.
     int GetJitterFrames() const;
 
+    /// Draws the scene below it, and the pipeline over its picture.
     void Render(const vtkRenderState *state) override;
+    /// Frees what GL holds in that window.
     void ReleaseGraphicsResources(vtkWindow *window) override;
 
 protected:

@@ -42,6 +42,7 @@ class KVO_WIDGETS_EXPORT ViewportWidget : public QOpenGLWidget
     Q_OBJECT
 
 public:
+    /// Shows nothing before it has a model or a pipeline.
     explicit ViewportWidget(QWidget *parent = nullptr);
     ~ViewportWidget() override;
 
@@ -61,6 +62,7 @@ public:
     bool setPipelineFile(const QString &nameOrPath, QStringList *errors = nullptr);
     /// See ViewportRenderer::setPipelineText. No file is watched then.
     bool setPipelineText(const QByteArray &text, const QString &path, QStringList *errors = nullptr);
+    /// The file; empty for a pipeline from elsewhere.
     QString pipelineFile() const;
     /// One that the host built.
     void setPipeline(std::unique_ptr<Pipeline> pipeline);
@@ -70,6 +72,7 @@ public:
     void setTimingEnabled(bool enabled);
     /// See ViewportRenderer::setSlotValues.
     void setSlotValues(const QVariantMap &values);
+    /// See setSlotValues.
     QVariantMap slotValues() const;
     /// Something that the widget does not know of has changed: draw again.
     void invalidate();
@@ -81,28 +84,39 @@ public:
     void setSettlingFrames(int frames);
     /// How many the picture takes now.
     int settlingFrames() const;
+    /// Frames drawn so far.
     int frameCount() const;
 
     // Camera
 
+    /// As it is now.
     OrbitCamera camera() const;
+    /// From the next frame on.
     void setCamera(const OrbitCamera &camera);
     /// See ViewportRenderer::setBackdrop.
     void setBackdrop(const Backdrop &backdrop);
+    /// See setBackdrop.
     Backdrop backdrop() const;
     /// Shows all.
     void fit();
+    /// From a standard direction.
     void look(OrbitCamera::View view);
+    /// See OrbitCamera::setOrthographic.
     void setOrthographic(bool orthographic);
+    /// See OrbitCamera::setUp.
     void setUp(const QVector3D &up);
 
     // Picking and selection
 
+    /// What is at a place of the widget.
     Pick pickAt(const QPoint &position);
+    /// The items that show in a part of the widget.
     QVector<int> itemsIn(const QRect &area);
     /// Items with an outline.
     QVector<int> selection() const;
+    /// Draws an outline around them.
     void setSelection(const QVector<int> &items);
+    /// Of the selection; the width is in pixels of the picture.
     void setOutline(const QColor &color, float width);
     /// Whether clicks and areas select; on at first. Off: they are only signalled.
     void setSelecting(bool selecting);
@@ -111,6 +125,7 @@ public:
     QImage grabPicture(const QSize &size, QString *error = nullptr);
 
 Q_SIGNALS:
+    /// With how many were drawn so far.
     void frameDrawn(int number);
     /// Why a frame shows nothing or not what was asked for: once when it begins, empty when it is over.
     void errorsChanged(const QStringList &errors);
@@ -120,9 +135,13 @@ Q_SIGNALS:
     void shaderFailed(const QString &message);
     /// The file changed and was read again; with mistakes the pipeline before it stays.
     void pipelineReloaded(const QStringList &errors);
+    /// By hand or by the host.
     void cameraChanged();
+    /// With what was there.
     void clicked(const Brevane::Kvo::Pick &pick);
+    /// With what shows in it.
     void areaSelected(const QVector<int> &items);
+    /// By hand or by the host.
     void selectionChanged(const QVector<int> &items);
 
 protected:
