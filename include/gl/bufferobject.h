@@ -63,6 +63,7 @@ private:
     qint64 _rangeOffset = 0;
     qint64 _rangeSize = 0;
     qint64 _size = 0;
+    bool _fellShort = false; // of what it was to hold
     struct Binding
     {
         unsigned int target = 0; ///< Where the object was bound, with what comes back there.

@@ -62,6 +62,7 @@ public:
 
     /// Names the framebuffer in debuggers (KHR_debug).
     void setLabel(const QString &label);
+    QString label() const;
 
 private:
     Q_DISABLE_COPY(FramebufferObject)

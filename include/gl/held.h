@@ -1,6 +1,7 @@
 #pragma once
 
 #include "gl/export.h"
+#include "gl/fallenshort.h"
 #include "gl/givenup.h"
 
 #include <QPointer>
@@ -18,7 +19,8 @@ KVO_GL_EXPORT quint64 currentShareGroup();
 /// deletes it, where its GL names live (see ObjectName), whichever context is current. An object belongs to
 /// the share group in which it was taken over. While another one is current it reads as null, so that a
 /// pass that came to another group, or outlived its own, makes its objects anew. An object that somebody
-/// else deleted reads as null too.
+/// else deleted reads as null too, and one of the pass's own that the driver could not make as it was to be, from
+/// the next frame on (see noteFallenShort).
 template <typename T>
 class Held
 {
@@ -77,7 +79,9 @@ public:
     /// The object if the current share group has it.
     T *get() const
     {
-        return _entry && (_entry->group == 0 || _entry->group == currentShareGroup()) ? _entry->object.data() : nullptr;
+        T *const object = any();
+        const bool isHere = object && (_entry->group == 0 || _entry->group == currentShareGroup());
+        return isHere && !(_entry->end == Entry::Deletes && hasFallenShort(object)) ? object : nullptr;
     }
     /// See get.
     operator T *() const { return get(); }

@@ -1,7 +1,9 @@
 #include "gl/bufferobject.h"
 
+#include "core/hostcode.h"
 #include "gl/boundnow.h"
 #include "gl/contextstate.h"
+#include "gl/storage.h"
 
 #include <epoxy/gl.h>
 
@@ -169,7 +171,7 @@ bool BufferObject::unbind()
 bool BufferObject::isUsable() const
 {
     const ContextState *state = ContextState::current();
-    return state && (!_name->wasCreated() || _name->isUsableIn(*state));
+    return state && !_fellShort && (!_name->wasCreated() || _name->isUsableIn(*state));
 }
 
 bool BufferObject::_isBound() const
@@ -209,13 +211,24 @@ bool BufferObject::uploadBytes(const void *data, qint64 bytes, unsigned int usag
         return false;
     // Bound is not enough: another buffer may have been bound to the target since.
     const bool mustBind = _previous.isEmpty() || !_isBound();
-    if (mustBind && !bind())
+    if (mustBind && !bind()) {
+        _fellShort = ContextState::current() && !_name->wasCreated();
         return false;
+    }
     glBufferData(_target, GLsizeiptr(bytes), data, usage);
-    _size = bytes;
+    GLint64 made = 0;
+    glGetBufferParameteri64v(_target, GL_BUFFER_SIZE, &made);
+    _size = qint64(made);
+    _fellShort = _size != bytes;
+    if (_fellShort) {
+        takeErrors();
+        const HostCode hostCode;
+        qWarning("A buffer of %lld bytes is more than the driver has room for; what is drawn from it is left out",
+                 qlonglong(bytes));
+    }
     if (mustBind)
         unbind();
-    return true;
+    return !_fellShort;
 }
 
 qint64 BufferObject::size() const

@@ -138,7 +138,8 @@ QSharedPointer<ContextState> ContextState::currentShared()
 QSharedPointer<ContextState> ContextState::currentVerified()
 {
     QSharedPointer<ContextState> state = currentShared();
-    if (state && !state->group->isVisible()) {
+    // In the middle of a frame a context may be lost, but it is no other one; and a lost one answers nothing.
+    if (state && threadContext().openScopes == 0 && !state->group->isVisible()) {
         // As in current, which does not look when the handle is the one of its last call.
         threadContext().last = {};
         state = currentShared();

@@ -3,6 +3,7 @@
 #include "core/liveobjects.h"
 #include "gl/bufferobject.h"
 #include "gl/contextstate.h"
+#include "gl/fallenshort.h"
 #include "gl/glslmacroprocessor.h"
 #include "gl/guards.h"
 #include "gl/shaderprogram.h"
@@ -54,6 +55,7 @@ DrawBuffers::DrawBuffers(QObject *parent) : QObject(parent), d(std::make_unique<
 DrawBuffers::~DrawBuffers()
 {
     leaveLiveObject(static_cast<QObject *>(this));
+    forgetFallenShort(this);
 }
 
 bool DrawBuffers::isUsable() const
@@ -139,7 +141,8 @@ QSharedPointer<UniformBufferObject> DrawBuffers::getDrawElementsIndirectCommands
         // The buffer behind a block must not be shorter than the block.
         padded.resize(std::max(bytes, qsizetype(maxUniformBlockSize())), '\0');
         d->commandBuffer = QSharedPointer<UniformBufferObject>::create();
-        d->commandBuffer->uploadBytes(padded.constData(), padded.size(), GL_STATIC_DRAW);
+        if (!d->commandBuffer->uploadBytes(padded.constData(), padded.size(), GL_STATIC_DRAW))
+            d->commandBuffer.reset(); // asked again the next time
     }
     return d->commandBuffer;
 }

@@ -2,6 +2,7 @@
 
 #include "core/liveobjects.h"
 #include "gl/contextstate.h"
+#include "gl/fallenshort.h"
 #include "gl/sampling.h"
 #include "gl/texture.h"
 
@@ -58,7 +59,7 @@ public:
     GLuint idHere() const { return external ? *external : names.currentId(); }
     bool isBoundForDrawing() const
     {
-        if (previous.isEmpty())
+        if (previous.isEmpty() || previous.last().isNothing)
             return false;
         ContextState *state = ContextState::current();
         return state && state->bindings.bound(BindingPoint::DrawFramebuffer) == idHere();
@@ -73,7 +74,13 @@ public:
     std::optional<GLuint> external;
     std::vector<Attachment> attachments; // by rising attachment point
     quint64 revision = 1;
-    QVarLengthArray<FramebufferPair, 4> previous;
+    struct Previous
+    {
+        FramebufferPair names;
+        bool endsDiscard = false;
+        bool isNothing = false; ///< There was nothing to bind.
+    };
+    QVarLengthArray<Previous, 4> previous;
     QString label;
 };
 
@@ -85,6 +92,7 @@ FramebufferObject::FramebufferObject(QObject *parent) : QObject(parent), d(std::
 FramebufferObject::~FramebufferObject()
 {
     leaveLiveObject(static_cast<QObject *>(this));
+    forgetFallenShort(this);
     while (!d->previous.isEmpty())
         FramebufferObject::unbind();
 }
@@ -102,10 +110,15 @@ bool FramebufferObject::bind()
     if (!state)
         return false;
     PerContextNames::Entry *entry = d->external ? nullptr : d->names.current();
-    if (!d->external && !entry)
+    if (!d->external && !entry) {
+        // What is drawn until unbind would go where somebody else wants it least.
+        const bool endsDiscard = !glIsEnabled(GL_RASTERIZER_DISCARD);
+        glEnable(GL_RASTERIZER_DISCARD);
+        d->previous.append({{}, endsDiscard, true});
         return false;
+    }
 
-    d->previous.append(state->bindings.takeFramebuffer(entry ? entry->name.id() : *d->external));
+    d->previous.append({state->bindings.takeFramebuffer(entry ? entry->name.id() : *d->external)});
     if (entry && entry->revision != d->revision) {
         // Made in this context just now, or changed while another context was current.
         if (entry->revision == 0)
@@ -121,10 +134,13 @@ bool FramebufferObject::unbind()
 {
     if (d->previous.isEmpty())
         return false;
-    const FramebufferPair before = d->previous.last();
+    const FramebufferPrivate::Previous before = d->previous.last();
     d->previous.removeLast();
-    if (ContextState *state = ContextState::current())
-        state->bindings.giveBackFramebuffer(before);
+    ContextState *state = ContextState::current();
+    if (state && before.endsDiscard)
+        glDisable(GL_RASTERIZER_DISCARD);
+    if (state && !before.isNothing)
+        state->bindings.giveBackFramebuffer(before.names);
     return true;
 }
 
@@ -132,22 +148,27 @@ namespace {
 
 bool attachTo(FramebufferObject *fbo, FramebufferPrivate *d, const Attachment &attachment)
 {
-    if (d->external || !isUsableHere(attachment.texture))
+    // A texture that the driver could not make keeps its place, which readers of the framebuffer count on, and so does
+    // any in a framebuffer that it could not make.
+    const bool isThere = isUsableHere(attachment.texture);
+    if (d->external || !(isThere || (attachment.texture && isFallingShort(attachment.texture))))
         return false;
     const bool mustBind = !d->isBoundForDrawing();
-    if (mustBind && !fbo->bind())
-        return false;
+    const bool isBound = !mustBind || fbo->bind();
     const auto at = std::lower_bound(d->attachments.begin(), d->attachments.end(), attachment.point,
                                      [](const Attachment &a, GLenum point) { return a.point < point; });
     if (at != d->attachments.end() && at->point == attachment.point)
         *at = attachment;
     else
         d->attachments.insert(at, attachment);
-    applyToBound(attachment);
-    d->names.current()->revision = ++d->revision;
+    ++d->revision;
+    if (isBound) {
+        applyToBound(attachment);
+        d->names.current()->revision = d->revision;
+    }
     if (mustBind)
         fbo->unbind();
-    return true;
+    return isThere && isBound;
 }
 
 } // namespace
@@ -182,7 +203,7 @@ Texture *FramebufferObject::detach(unsigned int attachment)
         glFramebufferTexture(GL_FRAMEBUFFER, attachment, 0, 0);
         d->names.current()->revision = d->revision;
     }
-    if (mustBind && bound)
+    if (mustBind)
         unbind();
     return texture;
 }
@@ -233,6 +254,11 @@ void FramebufferObject::setLabel(const QString &label)
     d->label = label;
     if (const ContextState *state = ContextState::current(); state && !d->external)
         state->labelObject(GL_FRAMEBUFFER, d->names.currentId(), label);
+}
+
+QString FramebufferObject::label() const
+{
+    return d->label;
 }
 
 QVariant framebufferToVariant(FramebufferObject *framebuffer)

@@ -1,5 +1,6 @@
 #include "gl/glnames.h"
 
+#include "core/hostcode.h"
 #include "gl/contextstate.h"
 
 #include <epoxy/gl.h>
@@ -9,6 +10,19 @@
 namespace Brevane::Kvo {
 
 namespace {
+
+unsigned int generate(NameKind kind)
+{
+    unsigned int name = 0;
+    switch (kind) {
+    case NameKind::Texture: glGenTextures(1, &name); break;
+    case NameKind::Buffer: glGenBuffers(1, &name); break;
+    case NameKind::Program: name = glCreateProgram(); break;
+    case NameKind::Framebuffer: glGenFramebuffers(1, &name); break;
+    case NameKind::VertexArray: glGenVertexArrays(1, &name); break;
+    }
+    return name;
+}
 
 void deleteName(NameKind kind, unsigned int name)
 {
@@ -34,15 +48,16 @@ void deleteLater(NameStore &names, NameKind kind, unsigned int name)
 
 } // namespace
 
+// A driver that was short of memory may have freed some on the way to say so.
 unsigned int NameStore::create(NameKind kind)
 {
-    unsigned int name = 0;
-    switch (kind) {
-    case NameKind::Texture: glGenTextures(1, &name); break;
-    case NameKind::Buffer: glGenBuffers(1, &name); break;
-    case NameKind::Program: name = glCreateProgram(); break;
-    case NameKind::Framebuffer: glGenFramebuffers(1, &name); break;
-    case NameKind::VertexArray: glGenVertexArrays(1, &name); break;
+    unsigned int name = generate(kind);
+    if (!name) {
+        name = generate(kind);
+        static constexpr const char *kNames[] = {"texture", "buffer", "program", "framebuffer", "vertex array"};
+        const HostCode hostCode;
+        qWarning("The driver gave no name for a %s; %s", kNames[std::size_t(kind)],
+                 name ? "asked again it did" : "what needs it is left out");
     }
     if (name)
         _live[std::size_t(kind)].insert(name);

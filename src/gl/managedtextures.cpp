@@ -69,20 +69,6 @@ GLint limit(GLenum query)
     return value;
 }
 
-// Takes what errors there are, and says whether the driver had no memory: once before an allocation, since GL keeps
-// the first error only, and once after it. Not without end: a context that is lost may go on telling so.
-bool takeErrors()
-{
-    bool hadNoMemory = false;
-    constexpr int kKinds = 8;
-    GLenum error = glGetError();
-    for (int i = 0; i < kKinds && error != GL_NO_ERROR; ++i) {
-        hadNoMemory = hadNoMemory || error == GL_OUT_OF_MEMORY;
-        error = glGetError();
-    }
-    return hadNoMemory;
-}
-
 void specifyPages(Texture &bound, ManagedKind kind, const QSize &size, int layers)
 {
     bound.setFilter(GL_LINEAR);

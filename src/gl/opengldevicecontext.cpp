@@ -47,7 +47,7 @@ QSharedPointer<BufferObject> OpenGLDeviceContext::createBufferObject()
 
 QSharedPointer<DrawBuffers> OpenGLDeviceContext::screenQuad()
 {
-    if (_quad)
+    if (_quad && _quad->isUsable())
         return _quad;
     const auto vao = createVertexArrayObject();
     addAttribute(vao, QStringLiteral("va_Vertex"), 3,

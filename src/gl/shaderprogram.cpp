@@ -3,6 +3,7 @@
 #include "core/hostcode.h"
 #include "gl/attributelocations.h"
 #include "gl/bufferobject.h"
+#include "gl/fallenshort.h"
 #include "gl/glinfo.h"
 #include "gl/managedtextures.h"
 #include "gl/shaderfailurelistener.h"
@@ -11,6 +12,7 @@
 #include "gl/texturemanager.h"
 #include "gl/uniformvalues.h"
 
+#include <QHash>
 #include <QMatrix4x4>
 #include <QRegularExpression>
 #include <QSet>
@@ -99,6 +101,22 @@ ProcessedSource handingOnDrawIndex()
 
 } // namespace
 
+namespace {
+
+// A driver that fails without a reason was short of something, and may build the program in the next frame. Not without
+// end: compiling takes long.
+void noteDriverFailure(const ShaderProgram *program)
+{
+    constexpr int kMostTries = 12;
+    static QHash<QString, int> tries;
+    if (program->isLinked())
+        tries.remove(program->label());
+    else if (tries[program->label()]++ < kMostTries)
+        noteFallenShort(program);
+}
+
+} // namespace
+
 const GLSLMacroProcessor &ShaderProgramPrivate::processorInUse() const
 {
     static const GLSLMacroProcessor byDefault;
@@ -152,7 +170,10 @@ bool ShaderProgramPrivate::compileStage(Compiled &c, const QString &title)
 {
     c.shader = hasStage(c.stage) ? glCreateShader(GLenum(c.stage)) : 0;
     if (!c.shader) {
-        log += QStringLiteral("%1: the context has no such stage\n").arg(title);
+        wasRefused = wasRefused || !hasStage(c.stage);
+        log += (hasStage(c.stage) ? QStringLiteral("%1: the driver makes no shader\n")
+                                  : QStringLiteral("%1: the context has no such stage\n"))
+                   .arg(title);
         return false;
     }
     const QByteArray utf8 = c.source.text.toUtf8();
@@ -169,6 +190,7 @@ bool ShaderProgramPrivate::compileStage(Compiled &c, const QString &title)
             log += QStringLiteral("%1:\n%2\n").arg(title, withNames(message, c.source));
         return true;
     }
+    wasRefused = wasRefused || !message.isEmpty() || !c.source.errors.isEmpty();
     log += QStringLiteral("%1 failed to compile:\n").arg(title);
     for (const QString &error : std::as_const(c.source.errors))
         log += error + u'\n';
@@ -216,6 +238,7 @@ ShaderProgram::ShaderProgram(QObject *parent) : QObject(parent), d(std::make_uni
 
 ShaderProgram::~ShaderProgram()
 {
+    forgetFallenShort(this);
     ShaderProgramPrivate::forget(this);
     d->deleteShaders();
 }
@@ -290,6 +313,7 @@ bool ShaderProgram::compile()
         return false;
     }
     bool good = !d->sources.isEmpty();
+    d->wasRefused = !good;
     if (!good)
         d->log = QStringLiteral("program '%1' has no shaders").arg(d->label);
 
@@ -310,6 +334,7 @@ bool ShaderProgram::compile()
             if (!found) {
                 d->log += QStringLiteral("%1: the file does not exist\n").arg(d->stageTitle(source.stage, source.name));
                 good = false;
+                d->wasRefused = true;
                 continue;
             }
         }
@@ -329,16 +354,24 @@ bool ShaderProgram::compile()
     }
 
     d->program = QSharedPointer<LinkedProgram>::create();
-    d->program->name.create(NameKind::Program);
+    if (!d->program->name.create(NameKind::Program)) {
+        d->log += QStringLiteral("program '%1': the driver makes none\n").arg(d->label);
+        good = false;
+    }
     state->labelObject(GL_PROGRAM, d->id(), d->label);
     QHash<int, int> perStage;
     for (ShaderProgramPrivate::Compiled &c : d->compiled) {
+        if (!d->id())
+            break;
         const QString title = d->stageTitle(c.stage, c.source.fileNames[0], perStage[c.stage]++);
         good = d->compileStage(c, title) && good;
     }
     d->compiledWell = good;
-    if (!good)
+    if (!good) {
+        if (!d->wasRefused)
+            noteDriverFailure(this);
         d->fail(false);
+    }
     return good;
 }
 
@@ -398,6 +431,8 @@ bool ShaderProgram::linkPost()
     for (const ShaderProgramPrivate::Compiled &c : std::as_const(d->compiled))
         glDetachShader(program, c.shader);
     d->deleteShaders();
+    if (d->program->linked || message.isEmpty())
+        noteDriverFailure(this);
     if (!d->program->linked)
         d->fail(true);
     return d->program->linked;

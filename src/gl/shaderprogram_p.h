@@ -63,6 +63,7 @@ public:
     // TextureManager::managedPageClasses it was built for, by kind; -1: all there can be
     std::array<int, 2> managedPages{-1, -1};
     bool compiledWell = false;
+    bool wasRefused = false; // with a reason, which will be the same the next time
     QByteArray shareKey; // of the texts that compile processed
     QVarLengthArray<Previous, 4> previous;
 };

@@ -46,20 +46,38 @@ bool driverSaysYes(GLint internalFormat, const ImageSize &size, GLenum format, G
     return width == size.width;
 }
 
-// Passes ask again in every frame, since there may be room some time.
-void complainOnce(GLenum internalFormat, const ImageSize &size)
+// Passes ask again in every frame, since there may be room some time. Once there was, it is said again when there is
+// none.
+void complainOnce(GLenum internalFormat, const ImageSize &size, const QString &name, bool hasRoom)
 {
     static QSet<QString> known;
+    if (hasRoom && known.isEmpty())
+        return;
     QString text = QStringLiteral("A texture of %1x%2").arg(size.width).arg(size.height);
     if (size.layers >= 0)
         text += QStringLiteral(" with %1 layers").arg(size.layers);
-    text += QStringLiteral(" in GL format 0x%1 is more than the driver has room for; a single texel stands in")
-                .arg(internalFormat, 4, 16, QLatin1Char('0'));
-    if (known.contains(text))
+    text += QStringLiteral(" in GL format 0x%1").arg(internalFormat, 4, 16, QLatin1Char('0'));
+    if (!name.isEmpty())
+        text += QStringLiteral(" for '%1'").arg(name);
+    text += QStringLiteral(" is more than the driver has room for; a single texel stands in");
+    if (hasRoom)
+        known.remove(text);
+    if (hasRoom || known.contains(text))
         return;
     known.insert(text);
     const HostCode hostCode;
     qWarning("%s", qPrintable(text));
+}
+
+// Without a look at the error flag, where an error of the host's may be, unless there is one of ours.
+bool isMade(GLenum target, int width)
+{
+    GLint made = 0;
+    glGetTexLevelParameteriv(target, 0, GL_TEXTURE_WIDTH, &made);
+    if (made == width)
+        return true;
+    takeErrors();
+    return false;
 }
 
 bool tryImage(GLint internalFormat, const ImageSize &size, GLenum format, GLenum type, const void *pixels)
@@ -72,7 +90,9 @@ bool tryImage(GLint internalFormat, const ImageSize &size, GLenum format, GLenum
     if (!isPossible && !driverSaysYes(internalFormat, size, format, type))
         return false;
     specify(GL_TEXTURE_2D, GL_TEXTURE_2D_ARRAY, internalFormat, size, format, type, pixels);
-    return !isLarge || glGetError() != GL_OUT_OF_MEMORY;
+    if (isLarge && glGetError() == GL_OUT_OF_MEMORY)
+        return false;
+    return isMade(size.layers < 0 ? GL_TEXTURE_2D : GL_TEXTURE_2D_ARRAY, size.width);
 }
 
 } // namespace
@@ -118,16 +138,38 @@ GLLimits currentLimits()
 }
 
 bool allocateImage(unsigned int internalFormat, const ImageSize &size, unsigned int format, unsigned int type,
-                   const void *pixels)
+                   const void *pixels, const QString &name)
 {
     settleActiveUnit();
-    if (tryImage(GLint(internalFormat), size, format, type, pixels))
+    const bool hasRoom = tryImage(GLint(internalFormat), size, format, type, pixels);
+    complainOnce(internalFormat, size, name, hasRoom);
+    if (hasRoom)
         return true;
-    complainOnce(internalFormat, size);
     // As many layers as were asked for: each of them is drawn into.
     const ImageSize texel{1, 1, size.layers};
     specify(GL_TEXTURE_2D, GL_TEXTURE_2D_ARRAY, GLint(internalFormat), texel, format, type, nullptr);
     return false;
+}
+
+bool hasLevel(unsigned int target, int width, const QString &name)
+{
+    if (isMade(target, width))
+        return true;
+    const HostCode hostCode;
+    qWarning("The driver has no room for the image of '%s'", qPrintable(name));
+    return false;
+}
+
+bool takeErrors()
+{
+    bool hadNoMemory = false;
+    constexpr int kKinds = 8;
+    GLenum error = glGetError();
+    for (int i = 0; i < kKinds && error != GL_NO_ERROR; ++i) {
+        hadNoMemory = hadNoMemory || error == GL_OUT_OF_MEMORY;
+        error = glGetError();
+    }
+    return hadNoMemory;
 }
 
 } // namespace Brevane::Kvo

@@ -3,6 +3,8 @@
 #include "gl/export.h"
 #include "gl/opengldevicecontext.h"
 
+#include <QString>
+
 namespace Brevane::Kvo {
 
 class Texture;
@@ -56,6 +58,10 @@ private:
 /// The limits of the current context, all 0 without one. Asks GL nothing, unlike OpenGLDeviceContext::current.
 KVO_GL_EXPORT GLLimits currentLimits();
 
+/// Takes what errors there are, and says whether the driver had no memory: once before an allocation, since GL keeps
+/// the first error only, and once after it. Not without end: a context that is lost may go on telling so.
+KVO_GL_EXPORT bool takeErrors();
+
 /// What an image takes: a 2D one, or an array where it has layers.
 struct ImageSize
 {
@@ -65,9 +71,13 @@ struct ImageSize
 };
 
 /// Gives the bound GL_TEXTURE_2D or GL_TEXTURE_2D_ARRAY its level 0. False where the driver has no room for
-/// it, with one message per size; no GL error of this is left for the host to find, and the level is then a
+/// it, with one message per size and name, which says whom it is for; no GL error of this is left for the host to find, and the level is then a
 /// single texel per layer, so that whoever draws into it draws without an error.
 KVO_GL_EXPORT bool allocateImage(unsigned int internalFormat, const ImageSize &size, unsigned int format,
-                                 unsigned int type, const void *pixels = nullptr);
+                                 unsigned int type, const void *pixels = nullptr, const QString &name = QString());
+
+/// The same for a face of a cube map or another level that glTexImage2D is called for by itself: whether the call
+/// has made it, with the error of GL taken that says so. \a name is said once.
+KVO_GL_EXPORT bool hasLevel(unsigned int target, int width, const QString &name);
 
 } // namespace Brevane::Kvo

@@ -3,6 +3,7 @@
 #include "core/hostcode.h"
 #include "core/liveobjects.h"
 #include "gl/contextstate.h"
+#include "gl/fallenshort.h"
 #include "gl/sampling.h"
 #include "gl/storage.h"
 
@@ -203,6 +204,7 @@ Texture::Texture(QObject *parent) : QObject(parent), _name(std::make_unique<Obje
 Texture::~Texture()
 {
     leaveLiveObject(static_cast<QObject *>(this));
+    forgetFallenShort(this);
     while (!_previousUnits.isEmpty())
         Texture::unbind();
 }

@@ -2,6 +2,7 @@
 
 #include "core/hostcode.h"
 #include "gl/contextstate.h"
+#include "gl/fallenshort.h"
 #include "gl/glinfo.h"
 #include "gl/guards.h"
 #include "gl/imagefile.h"
@@ -48,11 +49,11 @@ void setPoolSampling(Texture &texture, GLenum internalFormat)
 }
 
 // Of the bound texture. False where the driver has no room.
-bool allocate(GLenum internalFormat, int width, int height)
+bool allocate(GLenum internalFormat, int width, int height, const QString &name)
 {
     const DefaultPixelStore pixelStore;
     return allocateImage(internalFormat, {width, height}, formatFromInternalFormat(internalFormat),
-                         typeFromInternalFormat(internalFormat));
+                         typeFromInternalFormat(internalFormat), nullptr, name);
 }
 
 struct PoolEntry
@@ -229,9 +230,11 @@ Texture *TextureManager::tempTexture(TextureFormat format, int width, int height
         setPoolSampling(*chosen->texture, internalFormat);
         // Passes fill a single texel of theirs in whatever format suits it; the pool makes sure of its own.
         if (width == 1 && height == 1
-            && levelInfo(chosen->texture.get(), GL_TEXTURE_2D).internalFormat != internalFormat) {
+            && (isFallingShort(chosen->texture.get())
+                || levelInfo(chosen->texture.get(), GL_TEXTURE_2D).internalFormat != internalFormat)) {
             StorageBinder bound(chosen->texture.get());
-            allocate(internalFormat, 1, 1);
+            if (bound.isBound() && allocate(internalFormat, 1, 1, PoolTaker::current()))
+                forgetFallenShort(chosen->texture.get());
         }
         ++group->counts.hits;
     } else {
@@ -255,12 +258,16 @@ Texture *TextureManager::tempTexture(TextureFormat format, int width, int height
         bool hasStorage = false;
         {
             StorageBinder bound(entry->texture.get());
-            setPoolSampling(*entry->texture, internalFormat);
-            hasStorage = allocate(internalFormat, width, height);
+            if (bound.isBound()) {
+                setPoolSampling(*entry->texture, internalFormat);
+                hasStorage = allocate(internalFormat, width, height, PoolTaker::current());
+            }
         }
         // Asked again the next time: there may be room then.
         if (!hasStorage && (width > 1 || height > 1))
             return tempTexture(format, 1, 1, tag);
+        if (!hasStorage)
+            noteFallenShort(entry->texture.get());
         entry->counts = &group->counts;
         entry->bytes = qint64(width) * height * bytesPerTexel(internalFormat);
         group->pool.push_back(std::move(entry));
@@ -422,10 +429,14 @@ Texture *TextureManager::textureFromFile(const QString &path, const TextureOptio
     texture->setReadOnly();
     const DefaultPixelStore pixelStore;
     StorageBinder bound(texture.get());
+    if (!bound.isBound())
+        return nullptr;
     texture->setFilter(options.mipmaps ? GL_LINEAR_MIPMAP_LINEAR : GL_LINEAR, GL_LINEAR);
     texture->setWrap(GL_CLAMP_TO_EDGE);
     glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, image.width(), image.height(), 0, GL_RGBA, GL_UNSIGNED_BYTE,
                  image.constBits());
+    if (!hasLevel(GL_TEXTURE_2D, image.width(), path))
+        return nullptr;
     if (options.mipmaps)
         glGenerateMipmap(GL_TEXTURE_2D);
     group->files.insert(key, texture.get());
@@ -455,10 +466,14 @@ Texture *TextureManager::solidTexture(const QColor &color)
     texture->setReadOnly();
     const DefaultPixelStore pixelStore;
     StorageBinder bound(texture.get());
+    if (!bound.isBound())
+        return nullptr;
     texture->setFilter(GL_NEAREST);
     texture->setWrap(GL_CLAMP_TO_EDGE);
     const std::array<uchar, 4> texel{uchar(qRed(key)), uchar(qGreen(key)), uchar(qBlue(key)), uchar(qAlpha(key))};
     glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, 1, 1, 0, GL_RGBA, GL_UNSIGNED_BYTE, texel.data());
+    if (!hasLevel(GL_TEXTURE_2D, 1, texture->label()))
+        return nullptr;
     group->solid.insert(key, texture.get());
     group->owned.push_back(std::move(texture));
     return group->owned.back().get();

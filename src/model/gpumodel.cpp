@@ -430,7 +430,7 @@ private:
     void keepSurfaces(const ModelData &data);
     void takeMaps(const ModelData &data, Upload &made);
     bool placeItems(const ModelData &data, const Upload &made, QStringList *warnings);
-    void uploadGeometry(const GeometryArrays &arrays);
+    bool uploadGeometry(const GeometryArrays &arrays);
     std::size_t viewWith(const ItemCulling::Bits &culled);
 
     std::array<QHash<qint64, int>, 2> handles; ///< By kind and image: materials often share a map.
@@ -455,7 +455,10 @@ bool GPUModelPrivate::upload(const ModelData &data, QStringList *warnings)
     keepSurfaces(data);
     if (!placeItems(data, made, warnings))
         return false;
-    uploadGeometry(made.arrays);
+    if (!uploadGeometry(made.arrays)) {
+        warn(warnings, QStringLiteral("the driver has no room for the model's geometry"));
+        return false;
+    }
     return true;
 }
 
@@ -583,7 +586,7 @@ bool GPUModelPrivate::placeItems(const ModelData &data, const Upload &made, QStr
     return true;
 }
 
-void GPUModelPrivate::uploadGeometry(const GeometryArrays &arrays)
+bool GPUModelPrivate::uploadGeometry(const GeometryArrays &arrays)
 {
     const auto vertices = floatBuffer(arrays.positions);
     const auto normals = floatBuffer(arrays.normals);
@@ -613,6 +616,12 @@ void GPUModelPrivate::uploadGeometry(const GeometryArrays &arrays)
         AutoBinder bound(arraysForLoop);
         indices->uploadGLuintData(arrays.indices.data(), int(arrays.indices.size()), GL_STATIC_DRAW);
     }
+    const auto holds = [](const QSharedPointer<BufferObject> &buffer, std::size_t numbers) {
+        return buffer->size() == qint64(numbers * sizeof(float));
+    };
+    bool isWhole = holds(vertices, arrays.positions.size()) && holds(normals, arrays.normals.size())
+                   && holds(texCoords, arrays.texCoords.size()) && holds(indices, arrays.indices.size())
+                   && (!tangents || tangents->isUsable());
     geometry = std::make_unique<DrawBuffers>();
     geometry->setVAO(arraysForLoop);
     geometry->setPrimitiveType(GL_TRIANGLES);
@@ -627,7 +636,9 @@ void GPUModelPrivate::uploadGeometry(const GeometryArrays &arrays)
         indirectArrays = makeArrays();
         indirectArrays->upload(drawIndexAttribute(), drawIndexBuffer, 1, GL_UNSIGNED_INT, 0, 1);
         indirectArrays->setIndexBuffer(indices);
+        isWhole = isWhole && holds(drawIndexBuffer, drawIndices.size());
     }
+    return isWhole;
 }
 
 bool GPUModelPrivate::draw(ShaderProgram *program, TextureManager *manager, Selection &chosen, WindingType winding)
@@ -657,7 +668,9 @@ bool GPUModelPrivate::draw(ShaderProgram *program, TextureManager *manager, Sele
     arrays->enableShaderProgramArrays(program);
     {
         const AutoBinder boundArrays(arrays);
-        if (indirect)
+        if (!boundArrays.isBound()) {
+            // said where it was to be made
+        } else if (indirect)
             drawIndirect(chosen);
         else
             drawOneByOne(program, chosen);
@@ -686,7 +699,9 @@ void GPUModelPrivate::drawIndirect(Selection &chosen)
             selectedCommands.data(), qint64(selectedCommands.size()) * qint64(sizeof selectedCommands[0]),
             GL_STATIC_DRAW);
     }
-    const AutoBinder boundCommands(chosen.commands);
+    const AutoBinder boundCommands(chosen.isUploaded ? chosen.commands : nullptr);
+    if (!boundCommands.isBound())
+        return;
     glMultiDrawElementsIndirect(GL_TRIANGLES, GL_UNSIGNED_INT, nullptr, GLsizei(chosen.items.size()), 0);
 }
 

@@ -52,8 +52,11 @@ bool InstanceDataCollection::setData(const QVector<float> &data)
     _data = data;
     ++_revision;
     _drawCount = int(texels / _plan->texelsPerDraw());
-    _buffer->upload(data.constData(), int(data.size()), GL_STATIC_DRAW);
+    if (!_buffer->upload(data.constData(), int(data.size()), GL_STATIC_DRAW))
+        return false;
     AutoBinder bound(_texture.get());
+    if (!bound.isBound())
+        return false;
     settleActiveUnit();
     glTexBuffer(GL_TEXTURE_BUFFER, GL_RGBA32F, _buffer->getBO());
     return true;

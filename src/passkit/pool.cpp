@@ -25,6 +25,8 @@ Texture *blackTempTexture(unsigned int format)
 {
     Texture *texture = tempTexture(TextureFormat::Frame, {1, 1});
     StorageBinder bound(texture);
+    if (!bound.isBound())
+        return texture;
     constexpr unsigned char kZero[4] = {};
     const DefaultPixelStore pixelStore;
     glTexImage2D(GL_TEXTURE_2D, 0, GLint(format), 1, 1, 0, format, GL_UNSIGNED_BYTE, kZero);

@@ -3,6 +3,7 @@
 #include "core/liveobjects.h"
 #include "core/log.h"
 #include "gl/bindings.h"
+#include "gl/fallenshort.h"
 #include "gl/guards.h"
 #include "gl/pixelstore.h"
 #include "gl/sampling.h"
@@ -42,9 +43,13 @@ Texture *makeArray(const char *label, GLint filter, GLenum internalFormat, GLenu
     texture->setTarget(GL_TEXTURE_2D_ARRAY);
     keepNoSampling(*texture); // its wraps change for each use, see wrapToNoDepth
     StorageBinder bound(texture);
-    texture->setFilter(GLenum(filter));
+    if (bound.isBound())
+        texture->setFilter(GLenum(filter));
     const DefaultPixelStore pixelStore;
-    allocateImage(internalFormat, {size.width(), size.height(), layers}, format, GL_FLOAT);
+    if (!bound.isBound()
+        || !allocateImage(internalFormat, {size.width(), size.height(), layers}, format, GL_FLOAT, nullptr,
+                          QLatin1String(label)))
+        noteFallenShort(texture);
     return texture;
 }
 

@@ -1,6 +1,7 @@
 #include "passkit/targets.h"
 
 #include "core/renderpasshelper.h"
+#include "gl/fallenshort.h"
 #include "gl/framebufferobject.h"
 #include "gl/givenup.h"
 #include "gl/glinfo.h"
@@ -46,14 +47,19 @@ bool needsTargets(Held<FramebufferObject> &framebuffer, const char *label, const
     return made(framebuffer, label) || resized;
 }
 
-Texture *makeTexture(const TargetFormat &format, const Extent &extent, const void *pixels)
+Texture *makeTexture(const TargetFormat &format, const Extent &extent, const void *pixels, const QString &name)
 {
     auto *texture = new Texture(nullptr);
     texture->setTarget(GL_TEXTURE_2D);
     StorageBinder bound(texture);
+    if (!bound.isBound()) {
+        noteFallenShort(texture);
+        return texture;
+    }
     texture->setFilter(GLenum(format.filter));
     const DefaultPixelStore pixelStore;
-    allocateImage(format.internalFormat, {extent.width, extent.height}, format.format, format.type, pixels);
+    if (!allocateImage(format.internalFormat, {extent.width, extent.height}, format.format, format.type, pixels, name))
+        noteFallenShort(texture);
     return texture;
 }
 
@@ -62,15 +68,20 @@ void replaceTarget(FramebufferObject *framebuffer, unsigned int attachment, cons
 {
     if (framebuffer->hasAttachment(attachment))
         delete framebuffer->detach(attachment);
-    Texture *texture = makeTexture(format, extent);
+    Texture *texture = makeTexture(format, extent, nullptr, framebuffer->label());
     texture->setParent(framebuffer);
+    if (isFallingShort(texture))
+        noteFallenShort(framebuffer);
     // What repeats finds the other side of the picture beyond its edge. Of a part that would be its middle.
     if (PictureWindow::current().isPart()) {
         const StorageBinder bound(texture);
         texture->setWrap(GL_CLAMP_TO_EDGE);
     }
-    if (!framebuffer->attach(texture, attachment, 0))
-        delete texture;
+    if (!framebuffer->attach(texture, attachment, 0)) {
+        noteFallenShort(framebuffer);
+        if (framebuffer->attachment(attachment) != texture)
+            delete texture;
+    }
 }
 
 void replaceGeometryTargets(FramebufferObject *framebuffer, const std::vector<OutputTarget> &targets,

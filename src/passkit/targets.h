@@ -52,8 +52,9 @@ void replaceGeometryTargets(FramebufferObject *framebuffer, const std::vector<Ou
                             const Extent &extent);
 
 /// A new texture of size \a extent not attached to anything. \a pixels may be null. Where the driver has no
-/// room for it, it is a single texel, with a message.
-Texture *makeTexture(const TargetFormat &format, const Extent &extent, const void *pixels = nullptr);
+/// room for it, it is a single texel, with a message that says for whom, and it has fallen short.
+Texture *makeTexture(const TargetFormat &format, const Extent &extent, const void *pixels = nullptr,
+                     const QString &name = QString());
 
 /// A texture of one black texel with nothing in alpha and nearest filters, owned by the caller: what
 /// stands in for a missing input.

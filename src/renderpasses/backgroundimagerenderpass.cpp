@@ -196,13 +196,16 @@ void BackgroundImageRenderPass::start(RenderCallbacks *callbacks)
 
     loadOnce(_fadeTexture1, _inputs[kFadeImageUrl1].value);
     loadOnce(_fadeTexture2, _inputs[kFadeImageUrl2].value);
-    if (!_fbo || extent != Extent{_width, _height}) {
+    const bool isWhole = _fbo && _program;
+    if (!isWhole || extent != Extent{_width, _height}) {
         _width = extent.width;
         _height = extent.height;
-        if (!_fbo) {
+        if (!isWhole) {
             const HostCode hostCode; // may be overridden
             setup(callbacks);
         }
+        if (!_fbo || !_program)
+            return; // the context was lost on the way
     }
 
     Texture *result = tempTexture(TextureFormat::Frame, extent);

@@ -3,6 +3,7 @@
 #include "core/hostcode.h"
 #include "gl/bindings.h"
 #include "gl/bufferobject.h"
+#include "gl/fallenshort.h"
 #include "gl/guards.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/pixelstore.h"
@@ -23,6 +24,7 @@ enum Input { kPathPosX, kPathNegX, kPathPosY, kPathNegY, kPathPosZ, kPathNegZ };
 enum Output { kCubemap };
 
 constexpr QRgb kTransparentBlack = 0;
+const QString kLabel = QStringLiteral("CubemapLoaderRenderPass");
 
 QImage loadFace(const QString &path, int largest)
 {
@@ -36,20 +38,27 @@ QImage loadFace(const QString &path, int largest)
     return image.isNull() ? bgraTexel(kTransparentBlack) : image;
 }
 
-// Through a pixel buffer of its own, which goes at the end.
-void uploadFace(GLenum face, const QImage &image)
+// Through a pixel buffer of its own, which goes at the end; where the driver gives none, out of the image. False where
+// it has no room for the face.
+bool uploadFace(GLenum face, const QImage &image)
 {
-    const QSharedPointer<OpenGLDeviceContext> context = OpenGLDeviceContext::current();
-    const QSharedPointer<BufferObject> pixels = context->createBufferObject();
+    const auto specify = [&](const void *texels) {
+        glTexImage2D(face, 0, GL_RGBA, image.width(), image.height(), 0, GL_BGRA, GL_UNSIGNED_BYTE, texels);
+        return hasLevel(face, image.width(), kLabel);
+    };
+    const QSharedPointer<BufferObject> pixels = OpenGLDeviceContext::current()->createBufferObject();
     pixels->setTarget(GL_PIXEL_UNPACK_BUFFER);
-    AutoBinder bound(pixels);
     const qsizetype bytes = image.sizeInBytes();
-    glBufferData(GL_PIXEL_UNPACK_BUFFER, bytes, nullptr, GL_STATIC_DRAW);
-    if (void *mapped = pixels->map(GL_WRITE_ONLY)) {
-        std::memcpy(mapped, image.constBits(), size_t(bytes));
-        pixels->unmap();
+    {
+        const AutoBinder bound(pixels);
+        const bool hasRoom = bound.isBound() && pixels->uploadBytes(nullptr, bytes, GL_STATIC_DRAW);
+        if (void *mapped = hasRoom ? pixels->map(GL_WRITE_ONLY) : nullptr) {
+            std::memcpy(mapped, image.constBits(), size_t(bytes));
+            pixels->unmap();
+            return specify(nullptr);
+        }
     }
-    glTexImage2D(face, 0, GL_RGBA, image.width(), image.height(), 0, GL_BGRA, GL_UNSIGNED_BYTE, nullptr);
+    return specify(image.constBits());
 }
 
 constexpr SlotInfo kInputInfo[] = {
@@ -134,10 +143,12 @@ Texture *CubemapLoaderRenderPass::_load() const
 {
     auto *texture = new Texture(nullptr);
     texture->setTarget(GL_TEXTURE_CUBE_MAP);
-    texture->setLabel(QStringLiteral("CubemapLoaderRenderPass"));
+    texture->setLabel(kLabel);
     StorageBinder bound(texture);
-    if (!bound.isBound())
+    if (!bound.isBound()) {
+        noteFallenShort(texture);
         return texture;
+    }
     texture->setFilter(GL_LINEAR);
     texture->setWrap(GL_CLAMP_TO_EDGE);
 
@@ -148,12 +159,17 @@ Texture *CubemapLoaderRenderPass::_load() const
     GLint largest = 0;
     glGetIntegerv(GL_MAX_CUBE_MAP_TEXTURE_SIZE, &largest);
     const DefaultPixelStore pixelStore;
+    bool isWhole = true;
     QHash<QString, QImage> images; // a file that several faces show is read once
     for (auto face = faces.cbegin(); face != faces.cend(); ++face) {
         auto image = images.find(face.value());
         if (image == images.end())
             image = images.insert(face.value(), loadFace(face.value(), largest));
-        uploadFace(face.key(), *image);
+        isWhole = uploadFace(face.key(), *image) && isWhole;
+    }
+    if (!isWhole) {
+        noteFallenShort(texture);
+        return texture;
     }
     // GL makes no mip levels for faces of different sizes, and calls it an error to ask.
     const auto isOfOneSize = [&](const QImage &image) { return image.size() == images.cbegin()->size(); };

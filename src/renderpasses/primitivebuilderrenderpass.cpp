@@ -3,6 +3,7 @@
 #include "gl/bindings.h"
 #include "gl/bufferobject.h"
 #include "gl/drawbuffers.h"
+#include "gl/fallenshort.h"
 #include "gl/guards.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/vertexarrayobject.h"
@@ -196,6 +197,8 @@ DrawBuffers *PrimitiveBuilderRenderPass::build() const
     buffers->setPrimitiveType(GL_TRIANGLES);
     if (_useIndirectDrawCommands)
         buffers->setDrawElementsIndirectCommands(commands.data(), int(commands.size()));
+    if (!buffers->isUsable())
+        noteFallenShort(buffers);
     return buffers;
 }
 

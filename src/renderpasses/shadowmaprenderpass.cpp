@@ -4,6 +4,7 @@
 #include "gl/bindings.h"
 #include "gl/bufferobject.h"
 #include "gl/drawbuffers.h"
+#include "gl/fallenshort.h"
 #include "gl/framebufferobject.h"
 #include "gl/glslmacroprocessor.h"
 #include "gl/guards.h"
@@ -278,6 +279,8 @@ DrawBuffers *makeQuad()
     quad->setVAO(arrays);
     quad->setPrimitiveType(GL_TRIANGLES);
     quad->setVertexCount(6);
+    if (!quad->isUsable())
+        noteFallenShort(quad);
     return quad;
 }
 

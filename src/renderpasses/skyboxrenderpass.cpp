@@ -230,13 +230,16 @@ void SkyboxRenderPass::start(RenderCallbacks *callbacks)
     if (!scope)
         return;
     const Extent extent = extentOf(*this, kViewport);
-    if (!_fbo || extent != Extent{_width, _height}) {
+    const bool isWhole = _fbo && _cubeProgram && _latLongProgram && _backgroundProgram;
+    if (!isWhole || extent != Extent{_width, _height}) {
         const HostCode hostCode; // either may be overridden
         teardown(callbacks);
         _width = extent.width;
         _height = extent.height;
         setup(callbacks);
     }
+    if (!_fbo)
+        return; // the context was lost on the way
     const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
     const auto camera = qvariant_cast<QMatrix4x4>(_inputs[kCameraMatrix].value);
     Texture *const givenCubemap = typedTexture(_inputs[kCubemap].value);

@@ -4,6 +4,7 @@
 #include "gl/bindings.h"
 #include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
+#include "gl/fallenshort.h"
 #include "gl/framebufferobject.h"
 #include "gl/glslmacroprocessor.h"
 #include "gl/guards.h"
@@ -23,6 +24,8 @@
 #include <QColor>
 
 #include <epoxy/gl.h>
+
+#include <algorithm>
 
 namespace Brevane::Kvo {
 
@@ -267,7 +270,10 @@ Texture *lookUpTable(const char *label, int width, int height, GLenum internalFo
     setLinearClamped(table);
     StorageBinder bound(table);
     const DefaultPixelStore pixelStore(alignment);
-    glTexImage2D(GL_TEXTURE_2D, 0, GLint(internalFormat), width, height, 0, format, GL_UNSIGNED_BYTE, bytes);
+    if (bound.isBound())
+        glTexImage2D(GL_TEXTURE_2D, 0, GLint(internalFormat), width, height, 0, format, GL_UNSIGNED_BYTE, bytes);
+    if (!bound.isBound() || !hasLevel(GL_TEXTURE_2D, width, table->label()))
+        noteFallenShort(table);
     return table;
 }
 
@@ -379,6 +385,12 @@ void SMAARenderPass::setup(RenderCallbacks *)
     made(_blendFbo, "SMAA blending");
     made(_resolveFbo, "SMAA resolve");
     made(_velocityFbo, "SMAA velocity");
+    const auto hasSize = [this](const PooledTexture &image) {
+        return sizeOf(image) == Extent{std::max(_width, 0), std::max(_height, 0)};
+    };
+    if (!std::all_of(_colorHistory.cbegin(), _colorHistory.cend(), hasSize)
+        || !std::all_of(_packedVelocityHistory.cbegin(), _packedVelocityHistory.cend(), hasSize))
+        noteFallenShort(_edgeFbo);
     _areaTexture = lookUpTable("SMAA AreaTex", kSmaaAreaWidth, kSmaaAreaHeight, GL_RG8, GL_RG, 2, kSmaaAreaTable);
     _searchTexture =
         lookUpTable("SMAA SearchTex", kSmaaSearchWidth, kSmaaSearchHeight, GL_R8, GL_RED, 1, kSmaaSearchTable);
@@ -444,7 +456,9 @@ void SMAARenderPass::start(RenderCallbacks *callbacks)
 
     const bool isCurrent = extent == Extent{_width, _height} && predication == _predication && mode == _mode
                            && supportTransparency == _supportTransparency;
-    if (!isCurrent || !_edgeFbo) {
+    const bool isWhole = _edgeFbo && _areaTexture && _searchTexture && _edgeProgram && _weightProgram && _blendProgram
+                         && _resolveProgram && _velocityProgram;
+    if (!isCurrent || !isWhole) {
         const HostCode hostCode; // either may be overridden
         teardown(callbacks);
         _width = extent.width;
@@ -454,6 +468,8 @@ void SMAARenderPass::start(RenderCallbacks *callbacks)
         _supportTransparency = supportTransparency;
         setup(callbacks);
     }
+    if (!_edgeFbo)
+        return; // the context was lost on the way
 
     const auto camera = qvariant_cast<QMatrix4x4>(_inputs[kCameraMatrix].value);
     const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);

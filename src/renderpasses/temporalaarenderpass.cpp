@@ -2,6 +2,7 @@
 
 #include "gl/bindings.h"
 #include "gl/drawbuffers.h"
+#include "gl/fallenshort.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
 #include "gl/shaderprogram.h"
@@ -154,6 +155,8 @@ void TemporalAARenderPass::start(RenderCallbacks *)
         AutoBinder fbo(_fbo);
         Texture *accumulation = tempTexture(TextureFormat::Result, extent);
         _fbo->attach(accumulation, GL_COLOR_ATTACHMENT0, 0);
+        if (sizeOf(accumulation) != extent)
+            noteFallenShort(_fbo);
         // One reference more than the pool's own for as long as the texture outlives frames.
         TextureManager::Instance().addTempTextureRef(accumulation, 1);
         _fbo->setDrawBuffers();
@@ -203,6 +206,9 @@ void TemporalAARenderPass::start(RenderCallbacks *)
         glDepthMask(GL_TRUE);
         if (!restart)
             glDisable(GL_BLEND);
+        // What could not be drawn is no part of the mean.
+        if (!_program->isLinked() || !canDraw)
+            _frameCount = 0;
     }
     publish(_outputs[kFrameOut], _fbo->attachment(GL_COLOR_ATTACHMENT0), _numOutputUsers[kFrameOut]);
     release(frame);

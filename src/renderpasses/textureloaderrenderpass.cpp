@@ -1,6 +1,7 @@
 #include "renderpasses/textureloaderrenderpass.h"
 
 #include "gl/bindings.h"
+#include "gl/fallenshort.h"
 #include "gl/guards.h"
 #include "gl/pixelstore.h"
 #include "gl/storage.h"
@@ -69,8 +70,10 @@ void TextureLoaderRenderPass::start(RenderCallbacks *)
 void TextureLoaderRenderPass::_upload()
 {
     StorageBinder bound(_texture);
-    if (!bound.isBound())
+    if (!bound.isBound()) {
+        noteFallenShort(_texture);
         return;
+    }
     GLint largest = 0;
     glGetIntegerv(GL_MAX_TEXTURE_SIZE, &largest);
     QImage image = loadBgraImage(_path, largest).mirrored(false, true);
@@ -80,6 +83,10 @@ void TextureLoaderRenderPass::_upload()
     const DefaultPixelStore pixelStore;
     glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA, image.width(), image.height(), 0, GL_BGRA, GL_UNSIGNED_BYTE,
                  image.constBits());
+    if (!hasLevel(GL_TEXTURE_2D, image.width(), _texture->label())) {
+        noteFallenShort(_texture);
+        return;
+    }
     glGenerateMipmap(GL_TEXTURE_2D);
     _texture->setReadOnly();
 }

@@ -21,6 +21,9 @@
 
 #include <epoxy/gl.h>
 
+#include <algorithm>
+#include <array>
+
 using namespace Qt::StringLiterals;
 
 namespace Brevane::Kvo {
@@ -279,7 +282,10 @@ void TextureToScreenRenderPass::copy(Texture *texture, std::span<const QRect> so
     bindFramebufferNow(GL_READ_FRAMEBUFFER, nameOf(_readFbo));
     glFramebufferTexture(GL_READ_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, texture->textureID(), 0);
     glReadBuffer(GL_COLOR_ATTACHMENT0);
-    if (isComplete(GL_READ_FRAMEBUFFER) && isComplete(GL_DRAW_FRAMEBUFFER)) {
+    const std::array states{glCheckFramebufferStatus(GL_READ_FRAMEBUFFER),
+                            glCheckFramebufferStatus(GL_DRAW_FRAMEBUFFER)};
+    const auto has = [&](GLenum state) { return std::find(states.cbegin(), states.cend(), state) != states.cend(); };
+    if (states[0] == GL_FRAMEBUFFER_COMPLETE && states[1] == GL_FRAMEBUFFER_COMPLETE) {
         const BlitSide from = sourceOf(texture), to = targetNow();
         bool isWhole = true;
         for (std::size_t i = 0; i < destinations.size(); ++i) {
@@ -293,6 +299,9 @@ void TextureToScreenRenderPass::copy(Texture *texture, std::span<const QRect> so
         else
             reportInput(kTexture, u"cannot be copied to the target: one has integers and the other has not, or samples "
                                   "do not match; it is left out"_s);
+    } else if (has(GL_FRAMEBUFFER_UNSUPPORTED)) {
+        reportInput(kTexture, u"cannot be copied to the target: the driver supports no such framebuffer; it is left "
+                              "out"_s);
     }
     glFramebufferTexture(GL_READ_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, 0, 0);
     bindFramebufferNow(GL_READ_FRAMEBUFFER, 0);

@@ -201,6 +201,8 @@ void TransparencyRenderPass::start(RenderCallbacks *)
     GPUModel *model = modelOf(_inputs[kGeometry].value);
 
     // The two have their depth in common, so they are remade together.
+    if (!_accumulationFbo)
+        _opaqueFbo = nullptr;
     if (needsTargets(_opaqueFbo, "TransparencyRenderPass opaque", extent, _width, _height)) {
         if (_accumulationFbo.isShared())
             _accumulationFbo = nullptr;

@@ -304,7 +304,7 @@ void VisibilityBufferRenderPass::recordLists(const Extent &extent, GPUModel *mod
         glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
         if (canDraw)
             clearLists();
-        if (model && _shaderProgram->isLinked()) {
+        if (model && _shaderProgram->isLinked() && _headCounter->isUsable()) {
             glEnable(GL_DEPTH_TEST);
             neutral.leave({StatePiece::DepthTest});
             if (canDraw)
@@ -321,7 +321,7 @@ void VisibilityBufferRenderPass::recordLists(const Extent &extent, GPUModel *mod
 void VisibilityBufferRenderPass::clearLists()
 {
     clearNodes();
-    {
+    if (_headCounter->isUsable()) {
         AutoBinder counter(_headCounter);
         constexpr GLuint kZero = 0;
         glBufferSubData(GL_ATOMIC_COUNTER_BUFFER, 0, sizeof kZero, &kZero);
@@ -374,7 +374,7 @@ bool VisibilityBufferRenderPass::makeRowClearing()
         AutoBinder bound(_lastCount);
         _lastCount->uploadBytes(kNone, sizeof kNone, GL_DYNAMIC_COPY);
     }
-    return true;
+    return _lastCount->isUsable() && _headCounter->isUsable();
 }
 
 void VisibilityBufferRenderPass::drawIntoLists(GPUModel &model)

@@ -4,6 +4,7 @@
 #include "gl/bindings.h"
 #include "gl/bufferobject.h"
 #include "gl/drawbuffers.h"
+#include "gl/fallenshort.h"
 #include "gl/framebufferobject.h"
 #include "gl/glinfo.h"
 #include "gl/glslmacroprocessor.h"
@@ -27,6 +28,8 @@
 #include <QMatrix4x4>
 
 #include <epoxy/gl.h>
+
+#include <algorithm>
 
 #include <optional>
 
@@ -155,6 +158,10 @@ Texture *bufferView(const QSharedPointer<BufferObject> &buffer, unsigned int for
     auto *view = new Texture(nullptr);
     view->setTarget(GL_TEXTURE_BUFFER);
     AutoBinder bound(view);
+    if (!bound.isBound()) {
+        noteFallenShort(view);
+        return view;
+    }
     settleActiveUnit();
     glTexBuffer(GL_TEXTURE_BUFFER, format, buffer->getBO());
     return view;
@@ -233,8 +240,8 @@ void VisibilityDeferredRenderPass::start(RenderCallbacks *)
     GPUModel *model = modelOf(_inputs[kGeometry].value);
     DrawBuffers *geometry = model ? model->drawBuffers(0) : nullptr;
 
-    // Views of another share group read as null.
-    if (!_bufferTextures.isEmpty() && !_bufferTextures[kVertices])
+    // Views of another share group read as null, and those that the driver could not make.
+    if (std::any_of(_bufferTextures.cbegin(), _bufferTextures.cend(), [](const Held<Texture> &view) { return !view; }))
         _bufferTextures.clear();
     if (_bufferTextures.isEmpty() && geometry)
         makeBufferTextures(*geometry);

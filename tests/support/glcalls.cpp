@@ -2,6 +2,7 @@
 
 #include "support/allocations.h"
 #include "support/glcontext.h"
+#include "support/glfaults.h"
 
 #include <epoxy/egl.h>
 #include <epoxy/gl.h>
@@ -10,7 +11,9 @@
 #include <algorithm>
 #include <cstring>
 #include <map>
+#include <optional>
 #include <string_view>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 
@@ -87,6 +90,56 @@ constexpr int kindOf(GlFunction function)
     default: return -1;
     }
 }
+
+// How a call fails that can.
+constexpr std::optional<GlFault> faultOf(GlFunction function)
+{
+    switch (function) {
+    case GlFunction::TexImage1D:
+    case GlFunction::TexImage2D:
+    case GlFunction::TexImage3D:
+    case GlFunction::TexStorage2D:
+    case GlFunction::TexStorage3D:
+    case GlFunction::CopyTexImage2D:
+    case GlFunction::BufferData:
+    case GlFunction::BufferStorage:
+    case GlFunction::RenderbufferStorage: return GlFault::Memory;
+    case GlFunction::GenBuffers:
+    case GlFunction::GenFramebuffers:
+    case GlFunction::GenQueries:
+    case GlFunction::GenRenderbuffers:
+    case GlFunction::GenSamplers:
+    case GlFunction::GenTextures:
+    case GlFunction::GenVertexArrays:
+    case GlFunction::CreateProgram:
+    case GlFunction::CreateShader:
+    case GlFunction::FenceSync: return GlFault::Name;
+    case GlFunction::GetShaderiv:
+    case GlFunction::GetProgramiv: return GlFault::Program;
+    case GlFunction::CheckFramebufferStatus: return GlFault::Framebuffer;
+    case GlFunction::MapBuffer:
+    case GlFunction::MapBufferRange:
+    case GlFunction::ClientWaitSync: return GlFault::Access;
+    default: return {};
+    }
+}
+
+// Which of the arguments of a call are the sides of what it allocates: first and last.
+constexpr std::pair<int, int> sidesOf(GlFunction function)
+{
+    switch (function) {
+    case GlFunction::TexImage1D: return {3, 3};
+    case GlFunction::TexImage2D: return {3, 4};
+    case GlFunction::TexImage3D: return {3, 5};
+    case GlFunction::CopyTexImage2D: return {5, 6};
+    case GlFunction::BufferData: return {1, 1};
+    default: return {-1, -1};
+    }
+}
+
+GlFaults *activeFaults = nullptr;
+LostContext *activeLoss = nullptr;
+GLenum pendingError = GL_NO_ERROR;
 
 std::vector<GlCalls *> activeRecorders;
 int pauseDepth = 0;
@@ -184,6 +237,17 @@ struct Wrapper<function, slot, Result (*)(Args...)>
     static Result call(Args... args)
     {
         const UncountedAllocations driverTime;
+        if (activeLoss && pauseDepth == 0 && LostContext::swallows())
+            return fromNowhere();
+        if constexpr (faultOf(function)) {
+            if (activeFaults && pauseDepth == 0 && canFail(args...)
+                && GlFaults::failsNow(*faultOf(function), kNames[int(function)]))
+                return fail(args...);
+        }
+        if constexpr (function == GlFunction::GetError) {
+            if (pendingError != GL_NO_ERROR)
+                return std::exchange(pendingError, GLenum(GL_NO_ERROR));
+        }
         if constexpr (std::is_void_v<Result>) {
             real(args...);
             if constexpr (function == GlFunction::GetIntegerv)
@@ -193,6 +257,60 @@ struct Wrapper<function, slot, Result (*)(Args...)>
             const Result result = real(args...);
             note(number(result), args...);
             return result;
+        }
+    }
+
+    // What calls say when the context is lost.
+    static Result fromNowhere()
+    {
+        if constexpr (function == GlFunction::GetError)
+            return GL_CONTEXT_LOST;
+        else if constexpr (function == GlFunction::GetGraphicsResetStatus)
+            return GL_GUILTY_CONTEXT_RESET;
+        else if constexpr (function == GlFunction::ClientWaitSync)
+            return GL_WAIT_FAILED;
+        else if constexpr (!std::is_void_v<Result>)
+            return Result{};
+    }
+
+    static bool canFail(Args... args)
+    {
+        const auto all = std::tuple(args...);
+        if constexpr (function == GlFunction::TexImage2D || function == GlFunction::TexImage3D)
+            return std::get<0>(all) != GL_PROXY_TEXTURE_2D && std::get<0>(all) != GL_PROXY_TEXTURE_2D_ARRAY;
+        else if constexpr (function == GlFunction::GetShaderiv)
+            return std::get<1>(all) == GL_COMPILE_STATUS;
+        else if constexpr (function == GlFunction::GetProgramiv)
+            return std::get<1>(all) == GL_LINK_STATUS;
+        else
+            return true;
+    }
+
+    static Result fail(Args... args)
+    {
+        auto all = std::tuple(args...);
+        if constexpr (faultOf(function) == GlFault::Memory) {
+            // What there was before is gone as well: nothing may rely on it.
+            constexpr std::pair<int, int> sides = sidesOf(function);
+            if constexpr (sides.first >= 0) {
+                [&]<std::size_t... i>(std::index_sequence<i...>)
+                {
+                    ((std::get<std::size_t(sides.first) + i>(all) = 0), ...);
+                }
+                (std::make_index_sequence<std::size_t(sides.second - sides.first + 1)>());
+                std::apply(real, all);
+            }
+            pendingError = GL_OUT_OF_MEMORY;
+        } else if constexpr (faultOf(function) == GlFault::Name && std::is_void_v<Result>) {
+            std::fill_n(std::get<1>(all), std::get<0>(all), 0u);
+        } else if constexpr (faultOf(function) == GlFault::Program) {
+            *std::get<2>(all) = GL_FALSE;
+        } else if constexpr (function == GlFunction::CheckFramebufferStatus) {
+            return GL_FRAMEBUFFER_UNSUPPORTED;
+        } else if constexpr (function == GlFunction::ClientWaitSync) {
+            return GL_WAIT_FAILED;
+        } else {
+            return Result{};
         }
     }
 
@@ -465,6 +583,47 @@ GlCalls::DyingContexts::~DyingContexts()
 {
     liveNames = liveNamesBeforeDeath;
     unknownDeletionCount = unknownDeletionCountBeforeDeath;
+}
+
+GlFaults::GlFaults(int nth, std::optional<GlFault> kind) : GlFaults(nth, kind, false) {}
+
+GlFaults::GlFaults(int nth, std::optional<GlFault> kind, bool goesOn) : _nth(nth), _kind(kind), _goesOn(goesOn)
+{
+    activeFaults = this;
+}
+
+GlFaults::~GlFaults()
+{
+    activeFaults = nullptr;
+}
+
+bool GlFaults::failsNow(GlFault kind, const char *name)
+{
+    GlFaults &faults = *activeFaults;
+    if (faults._kind && *faults._kind != kind)
+        return false;
+    const int call = faults._calls++;
+    if (faults._nth < 0 || (faults._goesOn ? call < faults._nth : call != faults._nth))
+        return false;
+    faults._failed = name;
+    faults._failedKind = kind;
+    return true;
+}
+
+LostContext::LostContext(int afterCalls) : _after(afterCalls)
+{
+    activeLoss = this;
+}
+
+LostContext::~LostContext()
+{
+    activeLoss = nullptr;
+}
+
+bool LostContext::swallows()
+{
+    ++activeLoss->_calls;
+    return activeLoss->isLost();
 }
 
 GlCalls::Pause::Pause()

@@ -26,8 +26,8 @@
     X(GenRenderbuffers) X(GenSamplers) X(GenTextures) X(GenVertexArrays) X(GenerateMipmap) X(GetActiveAttrib)          \
     X(GetActiveUniform) X(GetActiveUniformBlockName) X(GetActiveUniformBlockiv) X(GetActiveUniformName)                \
     X(GetActiveUniformsiv) X(GetAttachedShaders) X(GetAttribLocation) X(GetBooleani_v) X(GetBooleanv)                  \
-    X(GetBufferParameteriv) X(GetBufferSubData) X(GetDoublev) X(GetError) X(GetFloati_v) X(GetFloatv)                  \
-    X(GetFragDataLocation) X(GetFramebufferAttachmentParameteriv) X(GetInteger64i_v) X(GetInteger64v) X(GetIntegeri_v) \
+    X(GetBufferParameteri64v) X(GetBufferParameteriv) X(GetBufferSubData) X(GetDoublev) X(GetError) X(GetFloati_v) X(GetFloatv)                  \
+    X(GetFragDataLocation) X(GetGraphicsResetStatus) X(GetFramebufferAttachmentParameteriv) X(GetInteger64i_v) X(GetInteger64v) X(GetIntegeri_v) \
     X(GetIntegerv) X(GetInternalformativ) X(GetObjectLabel) X(GetProgramInfoLog) X(GetProgramiv) X(GetQueryObjectiv)   \
     X(GetQueryObjectui64v) X(GetQueryObjectuiv) X(GetQueryiv) X(GetShaderInfoLog) X(GetShaderSource) X(GetShaderiv)    \
     X(GetString) X(GetStringi) X(GetTexImage) X(GetTexLevelParameteriv) X(GetTexParameterfv) X(GetTexParameteriv)      \
