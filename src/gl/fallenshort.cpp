@@ -3,15 +3,25 @@
 #include "gl/contextlookup.h"
 
 #include <QHash>
+#include <QMutex>
+
+#include <atomic>
 
 namespace Brevane::Kvo {
 
 namespace {
 
-// By the scope that they were noted in. Nearly always empty.
-QHash<const QObject *, unsigned int> &noted()
+// By the scope that they were noted in. Nearly always empty, which is all that most questions want to know.
+struct Noted
 {
-    static auto *objects = new QHash<const QObject *, unsigned int>;
+    QMutex mutex;
+    std::atomic<qsizetype> count{0};
+    QHash<const QObject *, unsigned int> scopes;
+};
+
+Noted &noted()
+{
+    static auto *objects = new Noted;
     return *objects;
 }
 
@@ -19,26 +29,39 @@ QHash<const QObject *, unsigned int> &noted()
 
 void noteFallenShort(const QObject *object)
 {
-    noted().insert(object, threadContext().outermostScope);
+    Noted &all = noted();
+    const QMutexLocker lock(&all.mutex);
+    all.scopes.insert(object, threadContext().outermostScope);
+    all.count = all.scopes.size();
 }
 
 void forgetFallenShort(const QObject *object)
 {
-    if (!noted().isEmpty())
-        noted().remove(object);
+    Noted &all = noted();
+    if (all.count == 0)
+        return;
+    const QMutexLocker lock(&all.mutex);
+    all.scopes.remove(object);
+    all.count = all.scopes.size();
 }
 
 bool hasFallenShort(const QObject *object)
 {
-    if (noted().isEmpty())
+    Noted &all = noted();
+    if (all.count == 0)
         return false;
-    const auto found = noted().constFind(object);
-    return found != noted().cend() && *found != threadContext().outermostScope;
+    const QMutexLocker lock(&all.mutex);
+    const auto found = all.scopes.constFind(object);
+    return found != all.scopes.cend() && *found != threadContext().outermostScope;
 }
 
 bool isFallingShort(const QObject *object)
 {
-    return noted().contains(object);
+    Noted &all = noted();
+    if (all.count == 0)
+        return false;
+    const QMutexLocker lock(&all.mutex);
+    return all.scopes.contains(object);
 }
 
 } // namespace Brevane::Kvo
