@@ -1,0 +1,360 @@
+// Random programs of a host: passes of all classes, wired at random, with right, odd and wrong values, resized, copied,
+// destroyed, in two contexts that share their objects. A seed makes the same program again; scripts/trust runs many,
+// each block in a process of its own, and reduces one that fails.
+
+#include "support/gltest.h"
+#include "support/messages.h"
+#include "support/passlives.h"
+
+#include <gl/opengldevicecontext.h>
+#include <gl/texturemanager.h>
+
+#include <gtest/gtest.h>
+
+#include <QElapsedTimer>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <limits>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace Brevane::Kvo {
+
+using namespace Test;
+
+namespace {
+
+constexpr int kPasses = 5;
+constexpr int kLargestSide = 256; // what contexts believe to be limited to: odd sizes cost no more
+constexpr qint64 kLongestStep = 20000; // ms; no step takes one, also under a sanitizer
+
+QByteArray setting(const char *name, const char *otherwise)
+{
+    return qEnvironmentVariableIsSet(name) ? qgetenv(name) : QByteArray(otherwise);
+}
+
+enum class Kind { Make, Set, Odd, Wire, Resize, Frame, Frames, Copy, Assign, Destroy, Setup, Switch, Trim, Count };
+
+struct Step
+{
+    Kind kind;
+    unsigned int a, b, c, d;
+};
+
+/// All numbers are drawn at once, so that leaving steps out changes no other one.
+std::vector<Step> stepsOf(unsigned int seed)
+{
+    std::mt19937 random(seed);
+    // What makes and runs passes more often than what ends them.
+    constexpr std::array kKinds{Kind::Make,    Kind::Make,  Kind::Make,   Kind::Set,    Kind::Set,  Kind::Odd,
+                                Kind::Odd,     Kind::Odd,   Kind::Wire,   Kind::Wire,   Kind::Wire, Kind::Resize,
+                                Kind::Frame,   Kind::Frame, Kind::Frame,  Kind::Frames, Kind::Copy, Kind::Assign,
+                                Kind::Destroy, Kind::Setup, Kind::Switch, Kind::Switch, Kind::Trim};
+    std::vector<Step> steps;
+    for (unsigned int i = 0, count = 12 + random() % 30; i < count; ++i) {
+        const Kind kind = kKinds[random() % kKinds.size()];
+        const unsigned int a = random(), b = random(), c = random(), d = random();
+        steps.push_back({kind, a % kPasses, b, c, d});
+    }
+    return steps;
+}
+
+class RandomChains : public GLTest
+{
+protected:
+    void SetUp() override
+    {
+        GLTest::SetUp();
+        const GlCalls::ForcedInteger side(GL_MAX_VIEWPORT_DIMS, kLargestSide);
+        ASSERT_EQ(OpenGLDeviceContext::current()->limits().targetWidth, kLargestSide);
+    }
+
+    struct Slot
+    {
+        std::unique_ptr<RenderPassHelper> pass;
+        const PassCase *kind = nullptr;
+        const PassRow *row = nullptr;
+    };
+
+    static const std::vector<PassCase> &cases()
+    {
+        static const std::vector<PassCase> all = passCases();
+        return all;
+    }
+
+    /// Live objects by kind, without what the manager keeps for whoever asks again: colours and files.
+    static std::vector<int> leftOver()
+    {
+        settledObjects();
+        std::vector<int> counts;
+        for (int kind = 0; kind < kGlKindCount; ++kind)
+            counts.push_back(GlCalls::live(GlKind(kind), [](const QString &label) {
+                return !label.startsWith(text("solid ")) && !label.contains(u'/');
+            }));
+        return counts;
+    }
+
+    Home &home() { return _inSecond ? *_second : *_main; }
+
+    static QVariant odd(const InputRow &input, Values &values, unsigned int which)
+    {
+        constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
+        constexpr float kInfinity = std::numeric_limits<float>::infinity();
+        constexpr int kMin = std::numeric_limits<int>::min();
+        constexpr int kMax = std::numeric_limits<int>::max();
+        QMatrix4x4 noMatrix;
+        noMatrix.fill(kNan);
+        const auto oneOf = [which](std::initializer_list<QVariant> choices) {
+            return *(choices.begin() + which % choices.size());
+        };
+        if (which % 5 == 0)
+            return values.wrong()[(which / 5) % 4].value;
+        switch (input.type.id()) {
+        case QMetaType::Float: return oneOf({kNan, kInfinity, -kInfinity, 0.0f, -1.0f, 1e-4f, 300.0f, 1e9f});
+        case QMetaType::Int: return oneOf({0, -1, 2, 3, 300, kMin, kMax});
+        case QMetaType::QRect:
+            return oneOf({QRect(), QRect(0, 0, 2000000000, 7), QRect(QPoint(kMin, kMin), QPoint(kMax, kMax)),
+                          QRect(-5, -5, 3, 3), QRect(0, 0, 1, 1), QRect(3, 4, 0, 0)});
+        case QMetaType::QSize: return oneOf({QSize(), QSize(0, 16), QSize(kMax, 1), QSize(-1, -1), QSize(1, 1)});
+        case QMetaType::QMatrix4x4: return oneOf({QMatrix4x4(), noMatrix, QMatrix4x4() * 0.0f});
+        case QMetaType::QString: return oneOf({text("/no/such/file"), QString(), text(KVO_SOURCE_DIR)});
+        case QMetaType::Bool: return oneOf({true, false});
+        case QMetaType::QVector2D: return oneOf({QVector2D(kNan, 2), QVector2D(-1, 5)});
+        case QMetaType::QVector3D: return oneOf({QVector3D(kNan, 2, 1), QVector3D(0, 0, 0)});
+        default: return QVariant();
+        }
+    }
+
+    /// What a slot takes; images small, since passes come and go.
+    static QVariant right(const InputRow &input, Values &values)
+    {
+        return input.type == QMetaType(QMetaType::QString) ? EveryPassLives::smallImage() : values.right(input);
+    }
+
+    void run(const Step &step)
+    {
+        Slot &slot = _slots[step.a];
+        const auto other = [&](unsigned int number) -> Slot & { return _slots[number % kPasses]; };
+        const auto inputs = [](const Slot &of) { return std::min(of.pass->numInputs(), int(of.row->inputs.size())); };
+        switch (step.kind) {
+        case Kind::Make: {
+            slot.kind = &cases()[step.b % cases().size()];
+            slot.row = &rowOf(slot.kind->className);
+            slot.pass = slot.kind->make();
+            print(step, slot.kind->className);
+            if (auto *builder = dynamic_cast<PrimitiveBuilderRenderPass *>(slot.pass.get()))
+                builder->addCube(1, {});
+            for (int i = 0; i < inputs(slot); ++i)
+                if (i == 0 || step.c >> (i % 16) & 3)
+                    slot.pass->setInput(i, right(slot.row->inputs[size_t(i)], home().values()));
+            break;
+        }
+        case Kind::Set:
+        case Kind::Odd:
+            if (slot.pass && inputs(slot) > 0) {
+                const int input = int(step.b % unsigned(inputs(slot)));
+                const InputRow &row = slot.row->inputs[size_t(input)];
+                const QVariant value =
+                    step.kind == Kind::Set ? right(row, home().values()) : odd(row, home().values(), step.c);
+                print(step, QStringLiteral("%1, %2 %3").arg(input).arg(text(value.typeName()), value.toString()));
+                slot.pass->setInput(input, value);
+            }
+            break;
+        case Kind::Wire:
+            if (Slot &from = other(step.b); slot.pass && from.pass && inputs(slot) > 0 && from.pass->numOutputs() > 0) {
+                const int input = int(step.c % unsigned(inputs(slot)));
+                const int output = int(step.d % unsigned(from.pass->numOutputs()));
+                print(step, QStringLiteral("%1, pass%2->output(%3)").arg(input).arg(step.b % kPasses).arg(output));
+                from.pass->setNumOutputUsers(output, 1);
+                slot.pass->setInput(input, from.pass->output(output));
+            }
+            break;
+        case Kind::Resize:
+            if (slot.pass && inputs(slot) > 0 && slot.row->inputs[0].type == QMetaType(QMetaType::QRect)) {
+                const QRect size(0, 0, int(step.b % 70), int(step.c % 50));
+                print(step, QStringLiteral("%1 x %2").arg(size.width()).arg(size.height()));
+                slot.pass->setInput(0, size);
+            }
+            break;
+        case Kind::Frame:
+            print(step);
+            frame(slot);
+            break;
+        case Kind::Frames:
+            print(step);
+            for (Slot &each : _slots)
+                frame(each);
+            break;
+        case Kind::Copy:
+            if (slot.pass && &other(step.b) != &slot) {
+                print(step, QStringLiteral("to pass%1").arg(step.b % kPasses));
+                Slot &to = other(step.b);
+                to.pass = slot.kind->copy(*slot.pass);
+                to.kind = slot.kind;
+                to.row = slot.row;
+            }
+            break;
+        case Kind::Assign:
+            if (Slot &to = other(step.b); slot.pass && to.pass && to.kind == slot.kind) {
+                print(step, QStringLiteral("to pass%1").arg(step.b % kPasses));
+                slot.kind->assign(*to.pass, *slot.pass);
+            }
+            break;
+        case Kind::Destroy:
+            print(step);
+            slot.pass.reset();
+            break;
+        case Kind::Setup:
+            if (slot.pass) {
+                print(step);
+                slot.pass->teardown(nullptr);
+                if (step.b % 2)
+                    slot.pass->teardownContextData(nullptr);
+                slot.pass->setup(nullptr);
+            }
+            break;
+        case Kind::Switch:
+            _inSecond = !_inSecond;
+            print(step, _inSecond ? "to the second" : "to the first");
+            EXPECT_TRUE(home().enter());
+            break;
+        case Kind::Trim:
+            print(step);
+            TextureManager::Instance().advanceFrame();
+            TextureManager::Instance().trim(int(step.b % 3) - 1);
+            break;
+        case Kind::Count: break;
+        }
+    }
+
+    static void frame(const Slot &slot)
+    {
+        if (!slot.pass)
+            return;
+        resetGLState();
+        glViewport(0, 0, kWidth, kHeight);
+        runFrame(*slot.pass);
+    }
+
+    /// As a line that a reader can make a test of.
+    void print(const Step &step, const QString &rest = QString()) const
+    {
+        static constexpr const char *kNames[] = {"make",  "setInput", "setInput", "setInput", "resize",
+                                                 "frame", "frames",   "copy",     "assign",   "destroy",
+                                                 "setup", "switch",   "trim"};
+        if (_isPrinted) {
+            std::printf("[ program  ] %2d: pass%u.%s(%s);\n", _number, step.a, kNames[int(step.kind)],
+                        qPrintable(rest));
+            std::fflush(stdout);
+        }
+    }
+    void print(const Step &step, const char *rest) const { print(step, QString::fromLatin1(rest)); }
+
+    /// What all programs have: two contexts, values of theirs, and a pass of each class that keeps its programs built.
+    void begin()
+    {
+        const GlCalls::ForcedInteger side(GL_MAX_VIEWPORT_DIMS, kLargestSide);
+        _main = std::make_unique<Home>(context());
+        ASSERT_TRUE(_main->enter());
+        _main->values().recorded(0);
+        _second = std::make_unique<Home>(*_main);
+        ASSERT_TRUE(_second->enter());
+        ASSERT_TRUE(_main->enter());
+        const MessageCapture messages;
+        for (const PassCase &each : cases()) {
+            _keepers.push_back(each.make());
+            const PassRow &row = rowOf(each.className);
+            for (int i = 0; i < std::min(_keepers.back()->numInputs(), int(row.inputs.size())); ++i)
+                _keepers.back()->setInput(i, right(row.inputs[size_t(i)], _main->values()));
+            resetGLState();
+            runFrame(*_keepers.back());
+        }
+    }
+
+    /// After it nothing is left.
+    void end()
+    {
+        const GlCalls::ForcedInteger side(GL_MAX_VIEWPORT_DIMS, kLargestSide);
+        ASSERT_TRUE(_main->enter());
+        _keepers.clear();
+        ASSERT_TRUE(_second->enter());
+        settledObjects();
+        OpenGLDeviceContext::releaseCurrent();
+        _second->forget();
+        _second.reset();
+        ASSERT_TRUE(_main->enter());
+        _main.reset();
+        // Outputs were wired that nobody read afterwards.
+        TextureManager &textures = TextureManager::Instance();
+        for (const PoolTexture &pooled : textures.poolTextures())
+            textures.releaseTempTextureRef(const_cast<Texture *>(pooled.texture), pooled.references);
+        ASSERT_TRUE(context().makeCurrent());
+    }
+
+    void runProgram(unsigned int seed, const QList<int> &leftOut)
+    {
+        const GlCalls::ForcedInteger side(GL_MAX_VIEWPORT_DIMS, kLargestSide);
+        const MessageCapture messages;
+        ASSERT_TRUE(_main->enter());
+        _inSecond = false;
+        const std::vector<Step> steps = stepsOf(seed);
+        for (_number = 0; _number < int(steps.size()) && !HasFailure(); ++_number) {
+            if (leftOut.contains(_number))
+                continue;
+            const testing::ScopedTrace trace(__FILE__, __LINE__,
+                                             "seed " + std::to_string(seed) + ", step " + std::to_string(_number));
+            QElapsedTimer timer;
+            timer.start();
+            run(steps[size_t(_number)]);
+            EXPECT_LT(timer.elapsed(), kLongestStep);
+            EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+        }
+        for (Slot &slot : _slots)
+            slot.pass.reset();
+        for (Home *each : {_second.get(), _main.get()}) {
+            ASSERT_TRUE(each->enter());
+            settledObjects();
+        }
+    }
+
+    std::vector<std::unique_ptr<RenderPassHelper>> _keepers;
+    std::vector<int> _before;
+    std::array<Slot, kPasses> _slots;
+    std::unique_ptr<Home> _main;
+    std::unique_ptr<Home> _second;
+    bool _inSecond = false;
+    bool _isPrinted = setting("KVO_TRUST_PRINT", "0") == "1";
+    int _number = 0;
+};
+
+} // namespace
+
+// KVO_TRUST_SEED: the first program; KVO_TRUST_COUNT: how many; KVO_TRUST_WITHOUT: steps to leave out, by commas.
+TEST_F(RandomChains, LeaveNothingBehindAndRaiseNoError)
+{
+    const unsigned int first = setting("KVO_TRUST_SEED", "1").toUInt();
+    const unsigned int count = setting("KVO_TRUST_COUNT", "25").toUInt();
+    QList<int> leftOut;
+    for (const QByteArray &number : setting("KVO_TRUST_WITHOUT", "").split(','))
+        leftOut.append(number.isEmpty() ? -1 : number.toInt());
+    expectLeakedReferences(); // a wiring at random counts no users
+    // What the library keeps on purpose is there afterwards.
+    begin();
+    end();
+    _before = leftOver();
+    begin();
+    for (unsigned int seed = first; seed < first + count && !HasFailure(); ++seed) {
+        std::printf("[ seed     ] %u\n", seed);
+        std::fflush(stdout);
+        runProgram(seed, leftOut);
+    }
+    end();
+    EXPECT_EQ(leftOver(), _before) << qPrintable(GlCalls::liveObjects().join(u'\n'));
+}
+
+} // namespace Brevane::Kvo
