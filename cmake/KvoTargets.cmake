@@ -24,20 +24,23 @@ if(KVO_BUILD_FUZZERS)
 endif()
 
 # kvo_library(Core HEADERS … SOURCES … LINK … PRIVATE_LINK …)
-# makes the shared library KvoCore with the alias Kvo::Core and its install rules. EXPORT names another file of targets
-# than KvoTargets, for libraries that need what others do not.
+# makes the library KvoCore with the alias Kvo::Core and its install rules; shared, or static where BUILD_SHARED_LIBS is
+# off. EXPORT names another file of targets than KvoTargets, for libraries that need what others do not.
 function(kvo_library name)
   cmake_parse_arguments(ARG "" "EXPORT" "HEADERS;SOURCES;LINK;PRIVATE_LINK" ${ARGN})
   set(target Kvo${name})
   if(NOT ARG_EXPORT)
     set(ARG_EXPORT KvoTargets)
   endif()
-  add_library(${target} SHARED ${ARG_SOURCES} ${ARG_HEADERS})
+  add_library(${target} ${ARG_SOURCES} ${ARG_HEADERS})
   add_library(Kvo::${name} ALIAS ${target})
   target_link_libraries(${target} PUBLIC ${ARG_LINK} PRIVATE ${ARG_PRIVATE_LINK} $<BUILD_INTERFACE:kvo_options>)
   target_compile_features(${target} PUBLIC cxx_std_20)
+  # What a number loses on the way into another type is said in the text. Clang means signs too by it.
+  target_compile_options(${target} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wconversion>)
   set_target_properties(${target} PROPERTIES
     EXPORT_NAME ${name}
+    POSITION_INDEPENDENT_CODE ON
     VERSION ${KVO_SOVERSION}.${PROJECT_VERSION}
     SOVERSION ${KVO_SOVERSION}
     INSTALL_RPATH "\$ORIGIN")
@@ -57,5 +60,6 @@ function(kvo_library name)
   endif()
   install(TARGETS ${target} EXPORT ${ARG_EXPORT}
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/kvo)
 endfunction()

@@ -9,6 +9,12 @@
 
 #include <algorithm>
 
+// Programs with static libraries have only those resources that somebody asks for. The macro wants no namespace.
+static void initResources()
+{
+    Q_INIT_RESOURCE(kvo_shaders);
+}
+
 namespace Brevane::Kvo {
 
 namespace {
@@ -22,6 +28,7 @@ const QRegularExpression kVersionLine(QStringLiteral("^\\s*#\\s*version\\s+(\\d+
 
 QString fileInPaths(const QStringList &paths, const QString &fileName, bool *found)
 {
+    [[maybe_unused]] static const bool areThere = (initResources(), true);
     QStringList places = paths;
     places.append(QString::fromUtf16(kLibraryPath));
     for (const QString &path : std::as_const(places)) {

@@ -17,3 +17,6 @@ QImage readEnvironment(const QString &path, QString *error)
 } // namespace
 
 } // namespace Brevane::Kvo
+
+// The name by which programs with static libraries ask for this file.
+extern "C" const char kvo_environment_images = 0;
