@@ -38,7 +38,12 @@ endif()
 
 if(TARGET kvoview)
   set(desktop ${PROJECT_SOURCE_DIR}/tools/kvoview/desktop)
-  set(KVO_RELEASE_DATE 2026-11-22)
+  # The day is the changelog's.
+  file(STRINGS ${PROJECT_SOURCE_DIR}/CHANGELOG.md release REGEX "^## \\[${PROJECT_VERSION}\\] - ")
+  if(NOT release)
+    message(FATAL_ERROR "CHANGELOG.md does not know version ${PROJECT_VERSION}")
+  endif()
+  string(REGEX REPLACE ".* - " "" KVO_RELEASE_DATE ${release})
   configure_file(${desktop}/org.kvo.kvoview.metainfo.xml.in ${PROJECT_BINARY_DIR}/org.kvo.kvoview.metainfo.xml @ONLY)
   install(FILES ${desktop}/org.kvo.kvoview.desktop DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
   install(FILES ${desktop}/org.kvo.kvoview.svg DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/scalable/apps)

@@ -54,7 +54,7 @@ configure_package_config_file(
   ${PROJECT_SOURCE_DIR}/cmake/KvoConfig.cmake.in ${PROJECT_BINARY_DIR}/KvoConfig.cmake
   INSTALL_DESTINATION ${package_dir}
   PATH_VARS CMAKE_INSTALL_DATADIR)
-write_basic_package_version_file(${PROJECT_BINARY_DIR}/KvoConfigVersion.cmake COMPATIBILITY SameMinorVersion)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/KvoConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/KvoConfig.cmake ${PROJECT_BINARY_DIR}/KvoConfigVersion.cmake
   DESTINATION ${package_dir})
 
