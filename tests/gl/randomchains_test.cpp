@@ -38,6 +38,12 @@ QByteArray setting(const char *name, const char *otherwise)
     return qEnvironmentVariableIsSet(name) ? qgetenv(name) : QByteArray(otherwise);
 }
 
+// See DriverWithTwoContexts.
+bool isDriverSafe()
+{
+    return !QByteArray(reinterpret_cast<const char *>(glGetString(GL_RENDERER))).startsWith("llvmpipe");
+}
+
 enum class Kind { Make, Set, Odd, Wire, Resize, Frame, Frames, Copy, Assign, Destroy, Setup, Switch, Trim, Count };
 
 struct Step
@@ -329,8 +335,7 @@ protected:
     std::array<Slot, kPasses> _slots;
     std::unique_ptr<Home> _main;
     std::unique_ptr<Home> _second;
-    // See DriverWithTwoContexts.
-    bool _switches = !QByteArray(reinterpret_cast<const char *>(glGetString(GL_RENDERER))).startsWith("llvmpipe");
+    bool _switches = setting("KVO_TRUST_SWITCH", isDriverSafe() ? "1" : "0") == "1";
     bool _inSecond = false;
     bool _isPrinted = setting("KVO_TRUST_PRINT", "0") == "1";
     int _number = 0;
