@@ -62,7 +62,7 @@ public:
 
     /// Names the framebuffer in debuggers (KHR_debug).
     void setLabel(const QString &label);
-    QString label() const;
+    QString label() const; ///< That setLabel gave.
 
 private:
     Q_DISABLE_COPY(FramebufferObject)

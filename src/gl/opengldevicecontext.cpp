@@ -47,7 +47,8 @@ QSharedPointer<BufferObject> OpenGLDeviceContext::createBufferObject()
 
 QSharedPointer<DrawBuffers> OpenGLDeviceContext::screenQuad()
 {
-    if (_quad && _quad->isUsable())
+    // Made again where the driver had no name for its arrays. One whose arrays a host has taken away stays as it is.
+    if (_quad && (!_quad->VAO() || _quad->isUsable()))
         return _quad;
     const auto vao = createVertexArrayObject();
     addAttribute(vao, QStringLiteral("va_Vertex"), 3,

@@ -13,6 +13,7 @@
 #include "gl/uniformvalues.h"
 
 #include <QHash>
+#include <QMutex>
 #include <QMatrix4x4>
 #include <QRegularExpression>
 #include <QSet>
@@ -108,7 +109,9 @@ namespace {
 void noteDriverFailure(const ShaderProgram *program)
 {
     constexpr int kMostTries = 12;
+    static QMutex mutex;
     static QHash<QString, int> tries;
+    const QMutexLocker lock(&mutex);
     if (program->isLinked())
         tries.remove(program->label());
     else if (tries[program->label()]++ < kMostTries)

@@ -5,6 +5,7 @@
 #include "support/gltest.h"
 #include "support/messages.h"
 #include "support/passlives.h"
+#include "support/resident.h"
 #include "support/scenes.h"
 #include "support/texturememory.h"
 
@@ -40,8 +41,6 @@
 #include <QTemporaryDir>
 
 #include <epoxy/gl.h>
-#include <malloc.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -63,18 +62,6 @@ constexpr bool kMemoryCanBeMeasured = false;
 #else
 constexpr bool kMemoryCanBeMeasured = true;
 #endif
-
-qint64 residentBytes()
-{
-    malloc_trim(0);
-    long total = 0;
-    long resident = 0;
-    if (std::FILE *file = std::fopen("/proc/self/statm", "r")) {
-        EXPECT_EQ(std::fscanf(file, "%ld %ld", &total, &resident), 2);
-        std::fclose(file);
-    }
-    return qint64(resident) * sysconf(_SC_PAGESIZE);
-}
 
 /// Those with a size, with a blur radius, with outputs, with slots for what can go.
 class EverySizeLives : public EveryPassLives

@@ -4,6 +4,7 @@
 #include "support/passes.h"
 #include "support/passtable.h"
 #include "support/passvalues.h"
+#include "support/resident.h"
 
 #include <gl/guards.h>
 #include <gl/opengldevicecontext.h>
@@ -33,8 +34,6 @@
 #include <QSizeF>
 
 #include <epoxy/gl.h>
-
-#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -90,14 +89,6 @@ protected:
         ASSERT_EQ(OpenGLDeviceContext::current()->limits().targetHeight, kSide);
     }
 };
-
-qint64 residentBytes()
-{
-    QFile file(text("/proc/self/statm"));
-    if (!file.open(QIODevice::ReadOnly))
-        return 0;
-    return file.readAll().split(' ').value(1).toLongLong() * sysconf(_SC_PAGESIZE);
-}
 
 double secondsOfFrame(RenderPass &pass)
 {

@@ -3,6 +3,7 @@
 
 #include "support/gltest.h"
 #include "support/messages.h"
+#include "support/resident.h"
 #include "support/stage.h"
 
 #include <gl/opengldevicecontext.h>
@@ -13,10 +14,6 @@
 #include <gtest/gtest.h>
 
 #include <QElapsedTimer>
-#include <QFile>
-
-#include <malloc.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -30,13 +27,6 @@ namespace {
 
 constexpr int kFramesOfALife = 4; // of a pipeline, before the next one's turn
 constexpr int kWarmRounds = 2; // until caches of the library, of Qt and of the driver have what they hold
-
-qint64 residentBytes()
-{
-    malloc_trim(0);
-    QFile file(QStringLiteral("/proc/self/statm"));
-    return file.open(QIODevice::ReadOnly) ? file.readAll().split(' ').value(1).toLongLong() * sysconf(_SC_PAGESIZE) : 0;
-}
 
 std::array<int, kGlKindCount> objects()
 {

@@ -145,6 +145,8 @@ Rendered Renderer::render(const CommandLine &commandLine)
     const auto all = [this](std::initializer_list<Step> steps) {
         return std::all_of(steps.begin(), steps.end(), [this](Step step) { return (this->*step)(); });
     };
+    if (!_session && !commandLine.model.isEmpty())
+        _early = std::make_unique<EarlyImport>(commandLine.model);
     // What can fail early and cheaply does; but some passes look at the context when they are made.
     if (all({&Renderer::openContext, &Renderer::loadPipeline, &Renderer::checkOutputs, &Renderer::loadModel,
              &Renderer::planTiles})) {
@@ -153,6 +155,7 @@ Rendered Renderer::render(const CommandLine &commandLine)
         else
             all({&Renderer::prepare, &Renderer::renderFrames, &Renderer::takePicture});
     }
+    _early.reset();
     release();
     return std::exchange(_rendered, Rendered());
 }
@@ -361,8 +364,14 @@ bool Renderer::loadModel()
         _model = model;
         _models.insert(key, new std::shared_ptr<Model>(model), bytes / kBytesPerKilobyte + 1);
     }
-    pipeline().setModel(&_model->whole, pipeline().uses(QStringLiteral("opaque")) ? &_model->opaque : nullptr);
+    giveModel(&pipeline());
     return true;
+}
+
+void Renderer::giveModel(Pipeline *pipeline)
+{
+    GPUModel *const opaque = _model->isAllOpaque ? &_model->whole : &_model->opaque;
+    pipeline->setModel(&_model->whole, pipeline->uses(QStringLiteral("opaque")) ? opaque : nullptr);
 }
 
 bool Renderer::importModel(Model *model, qsizetype *bytes)
@@ -372,7 +381,8 @@ bool Renderer::importModel(Model *model, qsizetype *bytes)
     const QString path = _commandLine->model;
     progress(QStringLiteral("reading %1").arg(path));
     ImportReport report;
-    ModelData data = importSceneIsolated(path, ImportOptions(), ImportLimits(), &report);
+    const std::unique_ptr<EarlyImport> early = std::exchange(_early, nullptr);
+    ModelData data = early ? early->take(&report) : importSceneIsolated(path, ImportOptions(), ImportLimits(), &report);
     if (!report.ok()) {
         warn(report.warnings);
         return fail(report.error);
@@ -394,8 +404,9 @@ bool Renderer::importModel(Model *model, qsizetype *bytes)
                  .arg(double(timer.elapsed()) / 1000.0, 0, 'f', 2));
     *bytes = bytesOf(data);
     // The same materials and meshes once more: what was wrong with them was said above.
-    if (pipeline().uses(QStringLiteral("opaque"))) {
-        const ModelData opaque = opaquePartOf(data);
+    const ModelData opaque = opaquePartOf(data);
+    model->isAllOpaque = opaque.items.size() == data.items.size();
+    if (pipeline().uses(QStringLiteral("opaque")) && !model->isAllOpaque) {
         if (!model->opaque.upload(opaque))
             return fail(QStringLiteral("cannot put the opaque part of model '%1' on the GPU").arg(path));
         *bytes += bytesOf(opaque);
@@ -482,7 +493,7 @@ Pipeline *Renderer::pipelineForTile(QString *error)
         std::srand(kSeed);
     }
     if (_model)
-        pipeline().setModel(&_model->whole, pipeline().uses(QStringLiteral("opaque")) ? &_model->opaque : nullptr);
+        giveModel(&pipeline());
     return &pipeline();
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "commandline.h"
+#include "earlyimport.h"
 #include "host/camera.h"
 #include "host/imageoutput.h"
 #include "host/pipeline.h"
@@ -59,7 +60,8 @@ private:
     struct Model
     {
         Brevane::Kvo::GPUModel whole;
-        Brevane::Kvo::GPUModel opaque; ///< Only for pipelines that ask for it.
+        Brevane::Kvo::GPUModel opaque; ///< Only for pipelines that ask for it, and models that have other parts.
+        bool isAllOpaque = false;
         Brevane::Kvo::ModelData data; ///< Kept only where lists are inspected, for the names.
     };
     struct LoadedPipeline
@@ -75,6 +77,7 @@ private:
     QStringList optionsWithoutEffect() const;
     bool checkOutputs();
     bool loadModel();
+    void giveModel(Brevane::Kvo::Pipeline *pipeline);
     bool importModel(Model *model, qsizetype *bytes);
     bool prepare();
     bool renderFrames();
@@ -101,6 +104,7 @@ private:
 
     Settings _settings;
     QSet<QString> _warned;
+    std::unique_ptr<EarlyImport> _early; ///< Of the first picture's model, until it is loaded.
     // Of the picture at hand.
     const CommandLine *_commandLine = nullptr;
     Rendered _rendered;

@@ -44,7 +44,7 @@ private:
     EGLSurface _read = EGL_NO_SURFACE;
 };
 
-QString glText(unsigned int name)
+QString driverText(unsigned int name)
 {
     return QString::fromUtf8(reinterpret_cast<const char *>(glGetString(name)));
 }
@@ -73,9 +73,9 @@ VersionDetails versionDetails()
     if (!context)
         return details;
     details.glMissing.clear();
-    details.glVendor = glText(GL_VENDOR);
-    details.glRenderer = glText(GL_RENDERER);
-    details.glVersion = glText(GL_VERSION);
+    details.glVendor = driverText(GL_VENDOR);
+    details.glRenderer = driverText(GL_RENDERER);
+    details.glVersion = driverText(GL_VERSION);
     return details;
 }
 

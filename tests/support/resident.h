@@ -1,0 +1,18 @@
+#pragma once
+
+#include <QFile>
+
+#include <malloc.h>
+#include <unistd.h>
+
+namespace Brevane::Kvo::Test {
+
+/// What the process holds of memory, after what the allocator keeps of what was freed has gone back.
+inline qint64 residentBytes()
+{
+    malloc_trim(0);
+    QFile file(QStringLiteral("/proc/self/statm"));
+    return file.open(QIODevice::ReadOnly) ? file.readAll().split(' ').value(1).toLongLong() * sysconf(_SC_PAGESIZE) : 0;
+}
+
+} // namespace Brevane::Kvo::Test
