@@ -13,8 +13,8 @@
 #include "gl/uniformvalues.h"
 
 #include <QHash>
-#include <QMutex>
 #include <QMatrix4x4>
+#include <QMutex>
 #include <QRegularExpression>
 #include <QSet>
 
