@@ -72,9 +72,9 @@ void complainOnce(GLenum internalFormat, const ImageSize &size, const QString &n
 // Without a look at the error flag, where an error of the host's may be, unless there is one of ours.
 bool isMade(GLenum target, int width)
 {
-    GLint made = 0;
-    glGetTexLevelParameteriv(target, 0, GL_TEXTURE_WIDTH, &made);
-    if (made == width)
+    float made = 0.0f;
+    glGetTexLevelParameterfv(target, 0, GL_TEXTURE_WIDTH, &made);
+    if (int(made) == width)
         return true;
     takeErrors();
     return false;

@@ -30,7 +30,7 @@
     X(GetFragDataLocation) X(GetGraphicsResetStatus) X(GetFramebufferAttachmentParameteriv) X(GetInteger64i_v) X(GetInteger64v) X(GetIntegeri_v) \
     X(GetIntegerv) X(GetInternalformativ) X(GetObjectLabel) X(GetProgramInfoLog) X(GetProgramiv) X(GetQueryObjectiv)   \
     X(GetQueryObjectui64v) X(GetQueryObjectuiv) X(GetQueryiv) X(GetShaderInfoLog) X(GetShaderSource) X(GetShaderiv)    \
-    X(GetString) X(GetStringi) X(GetTexImage) X(GetTexLevelParameteriv) X(GetTexParameterfv) X(GetTexParameteriv)      \
+    X(GetString) X(GetStringi) X(GetTexImage) X(GetTexLevelParameterfv) X(GetTexLevelParameteriv) X(GetTexParameterfv) X(GetTexParameteriv)      \
     X(GetUniformBlockIndex) X(GetUniformIndices) X(GetUniformLocation) X(GetUniformfv) X(GetUniformiv)                 \
     X(GetUniformuiv) X(GetVertexAttribIuiv) X(GetVertexAttribPointerv) X(GetVertexAttribfv) X(GetVertexAttribiv)       \
     X(Hint) X(InvalidateFramebuffer) X(IsBuffer) X(IsEnabled) X(IsEnabledi) X(IsFramebuffer) X(IsProgram) X(IsQuery)   \
