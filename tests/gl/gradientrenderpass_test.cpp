@@ -380,13 +380,19 @@ TEST_F(GradientPass, AProgramThatDoesNotLinkDrawsNothingAndRecordsMinusOne)
     pass.setInput(kColorTop, QColor(255, 0, 0));
     pass.setInput(kColorBottom, QVariant());
     runFrame(pass);
-    epoxy_glLinkProgram = link;
     EXPECT_EQ(pass.errorCode(), 0u) << "the solid path needs no program";
 
     pass.setInput(kColorBottom, QColor(0, 255, 0));
     runFrame(pass);
+    epoxy_glLinkProgram = link;
     EXPECT_EQ(pass.errorCode(), unsigned(-1));
     EXPECT_TRUE(sameImage(readTexture<float>(frame()), solid(12, 40, QColor(255, 0, 0)), within(0)));
+
+    // A driver that gave no reason is asked again.
+    pass.setErrorCode(0);
+    runFrame(pass);
+    EXPECT_EQ(pass.errorCode(), 0u);
+    EXPECT_FALSE(isSameImage(readTexture<float>(frame()), solid(12, 40, QColor(255, 0, 0)), within(0)));
 }
 
 TEST_F(GradientPass, ACopyOfAnUnstartedPassIsIndependent)
