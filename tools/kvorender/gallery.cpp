@@ -55,7 +55,7 @@ QString mostUsedMaterial(const ModelData &data)
 SceneSettings settingsFor(const Pipeline &pipeline, const ModelData &model)
 {
     SceneSettings settings;
-    const bool hasLayers = has(pipeline, {"VisibilityBufferRenderPass", "TransparencyRenderPass"});
+    const bool hasLayers = has(pipeline, {"VisibilityBufferRenderPass", "TransparencyRenderPass", "DepthPeelingPass"});
     // One that draws opaque surfaces by themselves needs both kinds.
     const QString material = pipeline.uses(QStringLiteral("opaque")) ? mostUsedMaterial(model) : QString();
     if (hasLayers && !has(pipeline, {"StagePass"}) && (!material.isEmpty() || !pipeline.uses(QStringLiteral("opaque"))))
