@@ -152,13 +152,13 @@ QString zshOption(const Option &option)
     const QStringList names = spellings(option);
     const QString help = u'[' + zshText(option.help) + u']';
     const QString others = names.size() > 1 && !option.repeats ? u"(%1)"_s.arg(names.join(u' ')) : QString();
-    QStringList specifications;
+    QStringList entries;
     for (const QString &name : names) {
         // "--size=64x64" too.
         const QString equals = kind.takesValue && name.startsWith(u"--"_s) ? u"="_s : QString();
-        specifications << u"    "_s + quoted((option.repeats ? u"*"_s : others) + name + equals + help + value);
+        entries << u"    "_s + quoted((option.repeats ? u"*"_s : others) + name + equals + help + value);
     }
-    return specifications.join(u" \\\n"_s);
+    return entries.join(u" \\\n"_s);
 }
 
 } // namespace
@@ -251,9 +251,9 @@ QString Options::zshCompletion() const
 {
     const QString program = QCoreApplication::applicationName();
     const QVector<Option> options = all() + QVector<Option>{kHelp, kVersion};
-    QStringList specifications;
+    QStringList entries;
     for (const Option &option : options)
-        specifications << zshOption(option);
+        entries << zshOption(option);
     return u"#compdef %1\n# Made by %1 from its options.\n%2_pipelines() {\n%3}\n\n_arguments -S \\\n%4 \\\n    "
-           "'*:model:_files'\n"_s.arg(program, functionName(program), kPipelineNames, specifications.join(u" \\\n"_s));
+           "'*:model:_files'\n"_s.arg(program, functionName(program), kPipelineNames, entries.join(u" \\\n"_s));
 }
