@@ -174,6 +174,7 @@ public:
     SampleCount(const SampleCount &) = delete;
     SampleCount &operator=(const SampleCount &) = delete;
 
+    bool isMade() const { return _query != 0; }
     void begin() { glBeginQuery(GL_SAMPLES_PASSED, _query); }
     void end() { glEndQuery(GL_SAMPLES_PASSED); }
     bool isAny() const
@@ -374,13 +375,18 @@ void DepthPeelingPass::peel(GPUModel &model, Texture *picture, Texture *solid, c
     glViewport(0, 0, size.width(), size.height());
 
     const int limit = layerLimit();
-    const bool isCounted = !hostCountsSamples();
-    const int most = limit > 0 ? limit : isCounted ? kMostLayers : kUncountedLayers;
     SampleCount samples;
+    const bool isCounted = samples.isMade() && !hostCountsSamples();
+    const int most = limit > 0 ? limit : isCounted ? kMostLayers : kUncountedLayers;
+    if (!isCounted && _saidLimit != most) {
+        _saidLimit = most;
+        reportInput(InLayers,
+                    u"cannot tell how many there are while the host counts samples; %1 are drawn"_s.arg(most));
+    }
     bool isLeft = true;
     for (int layer = 0; layer <= most && isLeft; ++layer) {
         // One more than are shaded tells whether the limit leaves any out.
-        if (layer == most && (_saidLimit || !isCounted))
+        if (layer == most && (_saidLimit == most || !isCounted))
             break;
         if (isCounted)
             samples.begin();
@@ -393,7 +399,7 @@ void DepthPeelingPass::peel(GPUModel &model, Texture *picture, Texture *solid, c
             shadeLayer(targets, layer);
             addLayer(targets);
         } else if (isLeft) {
-            _saidLimit = true;
+            _saidLimit = most;
             reportInput(InLayers,
                         u"%1 leaves out the layers behind them; 0 draws up to %2"_s.arg(most).arg(kMostLayers));
         }

@@ -31,8 +31,8 @@ class GPUModel;
 /// opacity, for each pixel that the layer has. A vertex shader of the host's draws at the depth of the usual one.
 ///
 /// With Layers at 0, a pixel with more than 256 layers gets the nearest; where a limit leaves layers out, that is said
-/// once. While the host has a query of samples running, layers cannot be counted: then 16 are drawn, or what Layers
-/// says.
+/// once for each. While the host has a query of samples running, layers cannot be counted: then 16 are drawn, or what
+/// Layers says, which is said too.
 ///
 /// Without a context, or where the driver has no room for the size, the outputs are empty.
 ///
@@ -80,7 +80,7 @@ private:
     Held<ShaderProgram> _mark; // marks its pixels
     Held<ShaderProgram> _under; // puts it under the others
     Held<ShaderProgram> _over; // puts all over the picture
-    bool _saidLimit = false;
+    int _saidLimit = 0; // that leaves layers out
 };
 
 } // namespace Brevane::Kvo
