@@ -186,6 +186,10 @@ public:
     /// where items that are turned or sheared have more than 5 million triangles together, those after them
     /// count with the box that their mesh has before it is turned, which may leave room around them.
     BoundingBox sceneBounds() const;
+    /// Box of the items that draw would draw, where they stand now: see cull. A little larger than they are, for what
+    /// rounding may move, and infinite where an item's transform has a projection in it or is not finite. Both corners
+    /// 0 for none.
+    BoundingBox drawBounds(unsigned long long value, unsigned long long mask, Opacity opacity = Opacity::Any);
 
     /// The geometry of a batch. The model is one batch: index 0, null otherwise.
     DrawBuffers *drawBuffers(int index);

@@ -655,6 +655,19 @@ void setFirstViewport(const float (&rectangle)[4])
     writeViewport(numbers);
 }
 
+void setFirstScissorTest(bool on)
+{
+    const double number = on;
+    writeScissorTest(&number);
+}
+
+void setFirstScissorBox(const int (&rectangle)[4])
+{
+    double numbers[4];
+    std::copy_n(rectangle, 4, numbers);
+    writeScissorBox(numbers);
+}
+
 StateRow::StateRow(const char *name, std::vector<StateException> list, std::initializer_list<StatePiece> more)
     : className(name), exceptions(std::move(list))
 {

@@ -101,6 +101,10 @@ KVO_GL_EXPORT std::vector<double> valueOf(StatePiece piece);
 
 /// Sets the viewport that passes draw with and leaves the further ones, where a context has several.
 KVO_GL_EXPORT void setFirstViewport(const float (&rectangle)[4]);
+/// The scissor test of the viewport that passes draw with, and no other's.
+KVO_GL_EXPORT void setFirstScissorTest(bool on);
+/// Its box.
+KVO_GL_EXPORT void setFirstScissorBox(const int (&rectangle)[4]);
 
 /// What a pass does with one piece of state other than to be untouched by it and to leave it as it was.
 struct StateException

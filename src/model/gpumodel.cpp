@@ -380,6 +380,9 @@ public:
     /// Lets selections leave out what lies outside of some views.
     void cull(const QMatrix4x4 *viewProjections, int count);
 
+    /// The box around what is selected.
+    GPUModel::BoundingBox boundsOf(const Selection &chosen);
+
     /// Fills an object that holds nothing yet. What it has taken when it fails goes with it.
     bool upload(const ModelData &data, QStringList *warnings);
     bool draw(ShaderProgram *program, TextureManager *manager, Selection &chosen, WindingType winding);
@@ -432,6 +435,7 @@ private:
     bool placeItems(const ModelData &data, const Upload &made, QStringList *warnings);
     bool uploadGeometry(const GeometryArrays &arrays);
     std::size_t viewWith(const ItemCulling::Bits &culled);
+    void followPlaces();
 
     std::array<QHash<qint64, int>, 2> handles; ///< By kind and image: materials often share a map.
     std::vector<std::pair<QString, ModelSurface>> surfaces; ///< By material, with its name.
@@ -727,6 +731,27 @@ void GPUModelPrivate::drawOneByOne(ShaderProgram *program, const Selection &chos
         glVertexAttribI4uiv(GLuint(indexLocation), indexBefore);
 }
 
+// What was found for other places holds no longer.
+void GPUModelPrivate::followPlaces()
+{
+    if (placesRevision == objectData->revision())
+        return;
+    placesRevision = objectData->revision();
+    culling.setPlaces(objectData->data());
+    for (KnownView &known : knownViews)
+        known.matrices.clear();
+}
+
+GPUModel::BoundingBox GPUModelPrivate::boundsOf(const Selection &chosen)
+{
+    if (chosen.items.empty())
+        return {};
+    followPlaces();
+    GPUModel::BoundingBox box;
+    culling.bound(chosen.items, box.minimum, box.maximum);
+    return box.minimum.x() > box.maximum.x() ? GPUModel::BoundingBox() : box;
+}
+
 // Matrices that were here before lead to their view at once. Others are looked at anew, and may lead to a view that
 // leaves out the same. Memory is taken over from the view that was not used for longest.
 void GPUModelPrivate::cull(const QMatrix4x4 *viewProjections, int count)
@@ -734,12 +759,7 @@ void GPUModelPrivate::cull(const QMatrix4x4 *viewProjections, int count)
     currentView = 0;
     if (count <= 0)
         return;
-    if (placesRevision != objectData->revision()) {
-        placesRevision = objectData->revision();
-        culling.setPlaces(objectData->data());
-        for (KnownView &known : knownViews)
-            known.matrices.clear();
-    }
+    followPlaces();
     wantedMatrices.clear();
     for (int i = 0; i < count; ++i)
         wantedMatrices.insert(wantedMatrices.end(), viewProjections[i].constData(),
@@ -860,6 +880,13 @@ GPUModel::BoundingBox GPUModel::sceneBounds() const
     if (d->bounds.isEmpty())
         return {};
     return {d->bounds.minimum, d->bounds.maximum};
+}
+
+GPUModel::BoundingBox GPUModel::drawBounds(unsigned long long value, unsigned long long mask, Opacity opacity)
+{
+    if (opacity == Opacity::Mixed && !surfaceData(0))
+        return {};
+    return d->boundsOf(d->selection(value, mask, opacity));
 }
 
 DrawBuffers *GPUModel::drawBuffers(int index)

@@ -118,6 +118,20 @@ void ItemCulling::setPlaces(const QVector<float> &places)
     _places = places;
 }
 
+void ItemCulling::bound(const std::vector<int> &items, QVector3D &minimum, QVector3D &maximum) const
+{
+    constexpr float kInfinity = std::numeric_limits<float>::infinity();
+    minimum = {kInfinity, kInfinity, kInfinity};
+    maximum = -minimum;
+    for (const int item : items) {
+        const Box &box = _boxes[std::size_t(item)];
+        for (int i = 0; i < 3; ++i) {
+            minimum[i] = std::min(minimum[i], box.center[i] - box.extent[i]);
+            maximum[i] = std::max(maximum[i], box.center[i] + box.extent[i]);
+        }
+    }
+}
+
 bool ItemCulling::findOutside(const QMatrix4x4 *viewProjections, int count, Bits &outside) const
 {
     outside.assign((_boxes.size() + 63) / 64, count > 0 ? ~quint64(0) : 0);

@@ -28,6 +28,8 @@ public:
     /// Sets the bits of the items that lie outside of all of some views, world to clip space each; whether there
     /// are any. An item that a GPU, with its own rounding, might draw a pixel of is never among them.
     bool findOutside(const QMatrix4x4 *viewProjections, int count, Bits &outside) const;
+    /// The box around some items; their minimum is above their maximum where none of them has anything to be drawn.
+    void bound(const std::vector<int> &items, QVector3D &minimum, QVector3D &maximum) const;
 
 private:
     struct Box

@@ -8,6 +8,7 @@
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "model/gpumodel.h"
+#include "passkit/coverage.h"
 #include "passkit/lighting.h"
 #include "passkit/limits.h"
 #include "passkit/programs.h"
@@ -244,14 +245,21 @@ void TransparencyRenderPass::start(RenderCallbacks *)
                     model->draw(_opaqueProgram, 0, 0, CounterClockwiseWinding, false, GPUModel::Opacity::Opaque);
             }
         }
-        bool hasLayers = false;
+        const GPUModel::Opacity opacity = model ? opacityToAccumulate() : GPUModel::Opacity::Any;
+        const bool hasLayers = canDraw && model && !model->isDrawEmpty(0, 0, opacity);
+        // Where no layer can be, nobody reads the sums.
+        const QRect layers = hasLayers ? coveredPixels(model->drawBounds(0, 0, opacity), projection, camera) : QRect();
         {
             // Transparent fragments are hidden by opaque ones, whose depth is there, and not by each other.
             AutoBinder fbo(_accumulationFbo);
             _accumulationFbo->setDrawBuffers();
             glClearColor(0.0f, 0.0f, 0.0f, 1.0f);
-            if (canDraw)
+            if (hasLayers) {
+                const ScissorScope scissor(layers);
                 glClear(GL_COLOR_BUFFER_BIT);
+            } else if (canDraw) {
+                glClear(GL_COLOR_BUFFER_BIT);
+            }
             glClearColor(0.0f, 0.0f, 0.0f, 0.0f);
             if (model) {
                 AutoEnabler depthTest(GL_DEPTH_TEST);
@@ -260,8 +268,6 @@ void TransparencyRenderPass::start(RenderCallbacks *)
                 glDepthMask(GL_FALSE);
                 AutoBinder program(_accumulationProgram);
                 setMatrices(_accumulationProgram, projection, camera);
-                const GPUModel::Opacity opacity = opacityToAccumulate();
-                hasLayers = canDraw && !model->isDrawEmpty(0, 0, opacity);
                 if (hasLayers)
                     model->draw(_accumulationProgram, 0, 0, CounterClockwiseWinding, false, opacity);
                 glDepthMask(GL_TRUE);
@@ -283,8 +289,10 @@ void TransparencyRenderPass::start(RenderCallbacks *)
             _compositeProgram->setUniform(QStringLiteral("u_SamplerB"), weightSum->unit());
             AutoBinder quad(_screenQuad);
             // Sums of nothing, drawn over the opaque part, would leave it as it is.
-            if (hasLayers)
+            if (hasLayers) {
+                const ScissorScope scissor(layers);
                 _screenQuad->draw();
+            }
         }
     }
     _outputs[kFrame].value = objectForm(_opaqueFbo->attachment(GL_COLOR_ATTACHMENT0));

@@ -735,6 +735,67 @@ TEST_F(GPUModelTest, CullingFollowsItemsThatAreMoved)
         EXPECT_EQ(model.isDrawEmpty(quint64(1) << i, quint64(1) << i), i > 2 && i < kStones - 1) << i;
 }
 
+TEST_F(GPUModelTest, DrawBoundsHoldWhatIsSelectedWhereItStandsNow)
+{
+    std::minstd_rand random(5);
+    ModelData data = stones(random);
+    data.materials << material({1, 1, 1}, {}, 1, 0.5f);
+    for (int i = 0; i < kStones; ++i)
+        data.items[i].material = i % 4 == 0;
+    ASSERT_TRUE(model.upload(data));
+    const auto expectAround = [&](auto isSelected, const GPUModel::BoundingBox &box) {
+        // By double precision, from the corners; a millionth of what is added up is for rounding.
+        std::array<double, 3> low{1e300, 1e300, 1e300}, high{-1e300, -1e300, -1e300};
+        for (int item = 0; item < kStones; ++item) {
+            if (!isSelected(item))
+                continue;
+            for (const QVector3D &p : data.meshes[0].positions) {
+                for (int row = 0; row < 3; ++row) {
+                    const QMatrix4x4 &m = data.items[item].transform;
+                    const double at = double(m(row, 0)) * p.x() + double(m(row, 1)) * p.y() + double(m(row, 2)) * p.z()
+                                      + double(m(row, 3));
+                    low[size_t(row)] = std::min(low[size_t(row)], at);
+                    high[size_t(row)] = std::max(high[size_t(row)], at);
+                }
+            }
+        }
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_LE(box.minimum[i], low[size_t(i)]);
+            EXPECT_GE(box.maximum[i], high[size_t(i)]);
+            EXPECT_GE(box.minimum[i], low[size_t(i)] - 1e-4);
+            EXPECT_LE(box.maximum[i], high[size_t(i)] + 1e-4);
+        }
+    };
+    using Opacity = GPUModel::Opacity;
+    for (int round = 0; round < 6; ++round) {
+        SCOPED_TRACE(round);
+        expectAround([](int) { return true; }, model.drawBounds(0, 0));
+        expectAround([](int i) { return i % 4 == 0; }, model.drawBounds(0, 0, Opacity::Transparent));
+        expectAround([](int i) { return i % 4 != 0; }, model.drawBounds(0, 0, Opacity::Opaque));
+        for (const int item : {0, 17, kStones - 1})
+            expectAround([item](int i) { return i == item; }, model.drawBounds(quint64(1) << item, quint64(1) << item));
+        if (HasFailure())
+            return;
+        // Only moved: of what is turned the box around the corners' box is known.
+        for (int i = round % 2; i < kStones; i += 2) {
+            QMatrix4x4 moved;
+            moved.translate(stones(random).items[i].transform.column(3).toVector3D());
+            data.items[i].transform = moved;
+        }
+        ASSERT_TRUE(model.objectData(0)->setData(placesOf(data)));
+    }
+    const GPUModel::BoundingBox none = model.drawBounds(1, 0);
+    EXPECT_EQ(none.minimum, QVector3D());
+    EXPECT_EQ(none.maximum, QVector3D());
+    QVector<float> places = placesOf(data);
+    places[12] = kNaN;
+    ASSERT_TRUE(model.objectData(0)->setData(places));
+    EXPECT_EQ(model.drawBounds(0, 0).minimum, QVector3D(-kInfinity, -kInfinity, -kInfinity));
+    EXPECT_EQ(model.drawBounds(0, 0).maximum, QVector3D(kInfinity, kInfinity, kInfinity));
+    EXPECT_LT(model.drawBounds(2, 2).maximum.x(), 50);
+    EXPECT_EQ(GPUModel().drawBounds(0, 0).maximum, QVector3D());
+}
+
 TEST_F(GPUModelTest, WhatTouchesAPlaneOrIsWithinTheRoundingOfAGpuIsLeftIn)
 {
     // A box of 1e4 units whose side comes to lie at 1, where floats are 1e-3 apart on the way.

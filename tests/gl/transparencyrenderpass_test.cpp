@@ -227,6 +227,65 @@ TEST_F(Transparency, WithoutALayerNothingIsComposed)
     EXPECT_EQ(read(kFrame).pixels, alone.pixels) << "the layer is behind the surface: sums of nothing";
 }
 
+// The sums are cleared and composed only where a layer can be. With one behind the eye that is everywhere.
+TEST_F(Transparency, WhatIsComposedOfAPartOfTheScreenIsWhatIsComposedOfAllOfIt)
+{
+    std::minstd_rand random(17);
+    const auto number = [&](float least, float most) {
+        return std::uniform_real_distribution<float>(least, most)(random);
+    };
+    qint64 fewer = 0;
+    GLuint query = 0;
+    glGenQueries(1, &query);
+    for (int round = 0; round < 40; ++round) {
+        SCOPED_TRACE(round);
+        ModelData data;
+        data.meshes << cubeMesh() << quadMesh();
+        for (const float opacity : {1.0f, 0.6f, 0.3f})
+            data.materials << material({number(0.2f, 1), number(0.2f, 1), number(0.2f, 1)}, {}, 1, opacity);
+        const int count = 1 + round % 4;
+        for (int i = 0; i < count; ++i) {
+            ModelItem item;
+            item.material = i == 0 ? 1 : int(random() % 3);
+            item.mesh = int(random() % 2);
+            item.transform.translate(number(-2, 2), number(-2, 2), number(-2, 1));
+            item.transform.rotate(number(0, 360), number(-1, 1), number(-1, 1), 1);
+            item.transform.scale(number(0.005f, 0.4f));
+            data.items << item;
+        }
+        camera = cameraAt(4);
+        camera.rotate(number(-30, 30), 1, 0, 0);
+        pass.setInput(kCamera, camera);
+        pass.setInput(kProjection, projection);
+        glViewport(round % 3 * 5, round % 7, kWidth - round % 4, kHeight - 3);
+        const auto pictureOf = [&](const ModelData &scene, qint64 *samples) {
+            EXPECT_TRUE(model.upload(scene));
+            glClearColor(0.25f, 0.5f, 0.75f, 1);
+            glBeginQuery(GL_SAMPLES_PASSED, query);
+            runFrame(pass);
+            glEndQuery(GL_SAMPLES_PASSED);
+            GLuint passed = 0;
+            glGetQueryObjectuiv(query, GL_QUERY_RESULT, &passed);
+            *samples = passed;
+            return read(kFrame).pixels;
+        };
+        qint64 everywhere = 0, here = 0;
+        ModelData behind = data;
+        ModelItem item;
+        item.material = 1;
+        item.transform = camera.inverted();
+        item.transform.translate(0, 0, 50);
+        behind.items << item;
+        const auto part = pictureOf(data, &here);
+        const auto all = pictureOf(behind, &everywhere);
+        EXPECT_EQ(part, all);
+        fewer += everywhere - here;
+        EXPECT_EQ(pictureOf(data, &here), part) << "after a frame whose sums are everywhere";
+    }
+    glDeleteQueries(1, &query);
+    EXPECT_GT(fewer, 32 * kWidth * kHeight / 2) << "most of the screen was left out";
+}
+
 TEST_F(Transparency, OpacityThatAHostChangesLaterIsFollowed)
 {
     const std::vector<Layer> layers{{{0.25, 0.5, 0.75}, 1.0, 0.5}};
