@@ -3,6 +3,7 @@
 #include "support/gltest.h"
 #include "support/image.h"
 #include "support/messages.h"
+#include "support/obscurance.h"
 #include "support/passes.h"
 #include "support/shaderedit.h"
 #include "support/soiledpool.h"
@@ -53,58 +54,11 @@ enum Input {
 
 using Sao = ScalableAmbientObscuranceRenderPass;
 
-struct Vector
-{
-    double x = 0, y = 0, z = 0;
-
-    Vector operator+(const Vector &o) const { return {x + o.x, y + o.y, z + o.z}; }
-    Vector operator-(const Vector &o) const { return {x - o.x, y - o.y, z - o.z}; }
-    Vector operator*(double f) const { return {x * f, y * f, z * f}; }
-};
-
-double dot(const Vector &a, const Vector &b)
-{
-    return a.x * b.x + a.y * b.y + a.z * b.z;
-}
-
-Vector cross(const Vector &a, const Vector &b)
-{
-    return {a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x};
-}
-
-Vector unit(const Vector &v)
-{
-    return v * (1 / std::sqrt(dot(v, v)));
-}
+using Scene = ObscuranceScene;
+using Normals = ObscuranceNormals;
 
 constexpr double kNearPlane = 0.5;
 constexpr double kFarPlane = 30;
-
-enum class Normals { Calculated, World, CameraSpace };
-
-/// All that a picture depends on.
-struct Scene
-{
-    int width = 48;
-    int height = 32;
-    QMatrix4x4 projection;
-    QMatrix4x4 camera;
-    Image<float> depth; // window depth in channel 0; a fetch beyond it gives 0
-    std::optional<Image<float>> positions;
-    bool linearPositions = false;
-    Normals normals = Normals::Calculated;
-    Image<float> normalImage;
-    float radius = 0.35f;
-    float bias = 0.01f;
-    float intensity = 1.0f;
-    float samples = 11.0f;
-    float turns = 3.0f;
-    float divider = 1.0f;
-    double turn = 6.28; // to see that another constant is told apart
-
-    int outputWidth() const { return int(float(width) / (divider == 0.0f ? 1.0f : divider)); }
-    int outputHeight() const { return int(float(height) / (divider == 0.0f ? 1.0f : divider)); }
-};
 
 // Distance along -z that a ray through (x, y, -1) goes, or nothing.
 using Surface = std::function<std::optional<double>(double x, double y)>;
@@ -123,7 +77,7 @@ std::optional<double> corner(double, double y)
 // A ball that lies on a floor, with nothing behind.
 std::optional<double> ballOnFloor(double x, double y)
 {
-    const Vector ray{x, y, -1}, centre{0, -0.15, -2.2};
+    const DoubleVector ray{x, y, -1}, centre{0, -0.15, -2.2};
     constexpr double kBall = 0.35;
     const double a = dot(ray, ray), b = dot(ray, centre), c = dot(centre, centre) - kBall * kBall;
     if (b * b >= a * c)
@@ -136,6 +90,8 @@ std::optional<double> ballOnFloor(double x, double y)
 Scene sceneOf(const Surface &surface, int width = 48, int height = 32, float divider = 1)
 {
     Scene scene;
+    scene.near = kNearPlane;
+    scene.far = kFarPlane;
     scene.width = width;
     scene.height = height;
     scene.divider = divider;
@@ -155,22 +111,7 @@ Scene sceneOf(const Surface &surface, int width = 48, int height = 32, float div
     return scene;
 }
 
-/// Positions as a texture, and normals of their own that are not those of the surface.
-void addPositions(Scene &scene)
-{
-    Image<float> positions(scene.width, scene.height);
-    for (int y = 0; y < scene.height; ++y) {
-        for (int x = 0; x < scene.width; ++x) {
-            const double distance =
-                kFarPlane * kNearPlane / (kFarPlane - double(scene.depth.at(x, y)[0]) * (kFarPlane - kNearPlane));
-            const double ndcX = 2 * (x + 0.5) / scene.width - 1, ndcY = 2 * (y + 0.5) / scene.height - 1;
-            positions.at(x, y) = {float(ndcX / double(scene.projection(0, 0)) * distance),
-                                  float(ndcY / double(scene.projection(1, 1)) * distance), float(-distance), 1};
-        }
-    }
-    scene.positions = positions;
-}
-
+/// Normals of their own that are not those of the surface.
 void addNormals(Scene &scene, Normals kind)
 {
     scene.normals = kind;
@@ -179,223 +120,6 @@ void addNormals(Scene &scene, Normals kind)
         for (int x = 0; x < scene.width; ++x)
             // Neither of unit length nor all facing the camera.
             scene.normalImage.at(x, y) = {0.6f * std::sin(0.3f * float(x)), 0.8f, 0.9f - 0.07f * float(y), 0};
-}
-
-/// The range that a pixel may have: a tap next to the border of a texel may read either.
-struct Range
-{
-    double low = 0;
-    double high = 0;
-    bool mayBeWhite = false;
-};
-
-class Reference
-{
-public:
-    explicit Reference(const Scene &scene)
-        : _scene(scene), _width(scene.outputWidth()), _height(scene.outputHeight()),
-          _p00(double(scene.projection(0, 0))), _p11(double(scene.projection(1, 1)))
-    {}
-
-    Image<double> ranges() const
-    {
-        Image<double> out(_width, _height);
-        for (int y = 0; y < _height; ++y)
-            for (int x = 0; x < _width; ++x) {
-                const Range range = pixel(x, y);
-                out.at(x, y) = {range.low, range.high, double(range.mayBeWhite), 0};
-            }
-        return out;
-    }
-
-private:
-    // What the depth buffer says, as the shader computes it.
-    double depthAt(int x, int y) const
-    {
-        const bool inside = x >= 0 && y >= 0 && x < _scene.depth.width && y < _scene.depth.height;
-        return inside ? double(_scene.depth.at(x, y)[0]) : 0.0;
-    }
-    Vector reconstructed(double s, double t, double depth) const
-    {
-        const double z = kFarPlane * kNearPlane / ((kNearPlane - kFarPlane) * depth + kFarPlane);
-        const double x = (s * (-2 / (_width * _p00)) + (1 - double(_scene.projection(0, 2))) / _p00) * z;
-        const double y = (t * (-2 / (_height * _p11)) + (1 + double(_scene.projection(1, 2))) / _p11) * z;
-        return {-x, -y, -z};
-    }
-    Vector stored(double u, double v) const
-    {
-        const Image<float> &image = *_scene.positions;
-        const auto at = [&](int x, int y) {
-            const auto &p = image.at(std::clamp(x, 0, image.width - 1), std::clamp(y, 0, image.height - 1));
-            return Vector{double(p[0]), double(p[1]), double(p[2])};
-        };
-        const double x = u * image.width, y = v * image.height;
-        if (!_scene.linearPositions)
-            return at(int(std::floor(x)), int(std::floor(y)));
-        const int x0 = int(std::floor(x - 0.5)), y0 = int(std::floor(y - 0.5));
-        const double fx = x - 0.5 - x0, fy = y - 0.5 - y0;
-        return (at(x0, y0) * (1 - fx) + at(x0 + 1, y0) * fx) * (1 - fy)
-               + (at(x0, y0 + 1) * (1 - fx) + at(x0 + 1, y0 + 1) * fx) * fy;
-    }
-    Vector position(int x, int y) const
-    {
-        if (_scene.positions)
-            return stored((x + 0.5) / _width, (y + 0.5) / _height);
-        return reconstructed(x + 0.5, y + 0.5, depthAt(x, y));
-    }
-    bool isBackground(int x, int y) const { return !_scene.positions && depthAt(x, y) == 1; }
-
-    Vector normal(int x, int y) const
-    {
-        if (_scene.normals == Normals::Calculated) {
-            // Differences within blocks of two by two pixels.
-            const Vector dx = position(x | 1, y) - position(x & ~1, y);
-            const Vector dy = position(x, y | 1) - position(x, y & ~1);
-            return unit(cross(dy, dx)) * -1;
-        }
-        const auto &n = _scene.normalImage.at(x, y);
-        if (_scene.normals == Normals::CameraSpace) {
-            const Vector v = unit({double(n[0]), double(n[1]), double(n[2])});
-            return v.z < 0 ? v * -1 : v;
-        }
-        const QMatrix4x4 m = _scene.camera.inverted().transposed();
-        const auto row = [&](int r) {
-            return double(m(r, 0)) * double(n[0]) + double(m(r, 1)) * double(n[1]) + double(m(r, 2)) * double(n[2]);
-        };
-        return {row(0), row(1), row(2)};
-    }
-
-    // Texels, or with linear positions points, that a tap may read.
-    struct Taps
-    {
-        std::vector<Vector> positions;
-        bool background = false;
-    };
-    Taps tapsAt(int x, int y, double offsetX, double offsetY, double slack) const
-    {
-        Taps taps;
-        std::vector<std::pair<int, int>> seen;
-        for (const double dx : {-slack, slack, 0.0}) {
-            for (const double dy : {-slack, slack, 0.0}) {
-                if (_scene.positions) {
-                    taps.positions.push_back(
-                        stored((x + 0.5 + offsetX + dx) / _width, (y + 0.5 + offsetY + dy) / _height));
-                    continue;
-                }
-                // Truncated towards zero, but reconstructed where the tap points.
-                const double s = x + offsetX + dx, t = y + offsetY + dy;
-                const int tx = int(s), ty = int(t);
-                if (isBackground(tx, ty))
-                    taps.background = true;
-                else
-                    taps.positions.push_back(reconstructed(s + 0.5, t + 0.5, depthAt(tx, ty)));
-            }
-        }
-        return taps;
-    }
-
-    Range pixel(int x, int y) const
-    {
-        constexpr Range kWhite{1, 1, false};
-        if (isBackground(x, y))
-            return kWhite;
-        const Vector c = position(x, y);
-        if (c.z < -50)
-            return kWhite;
-        bool uncertain = false;
-        // Where a neighbour of the block was discarded, derivatives are undefined.
-        if (_scene.normals == Normals::Calculated)
-            for (int ny : {y & ~1, y | 1})
-                for (int nx : {x & ~1, x | 1})
-                    uncertain = uncertain || isBackground(nx, ny);
-        if (uncertain)
-            return {0, 1, true};
-
-        const Vector n = normal(x, y);
-        const double diskRadius = _height * _p11 * 0.5 * double(_scene.radius) / -c.z;
-        const int samples = int(_scene.samples);
-        const int turns = int(_scene.turns);
-        // In float, as the shader adds these large numbers up.
-        const float spin = (3.0f * float(x ^ y) + float(x * y)) * 10.0f;
-        double lowSum = 0, highSum = 0;
-        Range range;
-        for (int i = 0; i < samples; ++i) {
-            const float alpha = (float(i) + 0.5f) * (1.0f / float(samples));
-            const float angle = alpha * (float(turns) * float(_scene.turn)) + spin;
-            const double reach = double(alpha) * diskRadius;
-            // The sum is rounded to a unit in its last place, and so may the sine of it be off.
-            const double slack = 0.002 + reach * (2.0 * double(std::abs(angle)) * 1.2e-7 + 1e-3);
-            const Taps taps = tapsAt(x, y, reach * std::cos(double(angle)), reach * std::sin(double(angle)), slack);
-            if (taps.positions.empty())
-                return kWhite; // the tap lies on the background for sure
-            range.mayBeWhite = range.mayBeWhite || taps.background;
-            double low = 1e9, high = 0;
-            for (const Vector &q : taps.positions) {
-                const Vector v = q - c;
-                const double falloff = std::max(1 - dot(v, v) / (double(_scene.radius) * double(_scene.radius)), 0.0);
-                const double term = 4 * falloff * std::max(dot(v, n) - double(_scene.bias), 0.0);
-                low = std::min(low, term);
-                high = std::max(high, term);
-            }
-            lowSum += low;
-            highSum += high;
-        }
-        const double scale = double(_scene.intensity) * 5 / samples;
-        range.low = std::max(0.0, 1 - highSum * scale);
-        range.high = std::max(0.0, 1 - lowSum * scale);
-        return range;
-    }
-
-    const Scene &_scene;
-    const int _width;
-    const int _height;
-    const double _p00;
-    const double _p11;
-};
-
-struct Comparison
-{
-    int pixels = 0;
-    int wrong = 0;
-    int uncertain = 0; // ranges that are wider than a tenth, or may be white
-    int obscured = 0;
-    double worst = 0;
-    QString where;
-};
-
-// Half floats in the target, and float sums over differences of positions.
-constexpr double kTolerance = 2e-3;
-
-Comparison compare(const Image<float> &image, const Scene &scene)
-{
-    const Image<double> ranges = Reference(scene).ranges();
-    Comparison result;
-    EXPECT_EQ(image.width, ranges.width);
-    EXPECT_EQ(image.height, ranges.height);
-    if (image.width != ranges.width || image.height != ranges.height)
-        return result;
-    for (int y = 0; y < image.height; ++y) {
-        for (int x = 0; x < image.width; ++x) {
-            const auto &[low, high, mayBeWhite, unused] = ranges.at(x, y);
-            const auto &p = image.at(x, y);
-            EXPECT_TRUE(p[0] == p[1] && p[0] == p[2] && p[3] == 1) << "not a grey, opaque pixel";
-            const auto value = double(p[0]);
-            double off = std::max({low - value, value - high, 0.0});
-            if (mayBeWhite != 0 && value == 1)
-                off = 0;
-            ++result.pixels;
-            result.obscured += high < 0.9;
-            result.uncertain += mayBeWhite != 0 || high - low > 0.1;
-            if (!(off <= kTolerance)) {
-                ++result.wrong;
-                if (off > result.worst)
-                    result.where =
-                        QStringLiteral("(%1, %2): %3, not from %4 to %5").arg(x).arg(y).arg(value).arg(low).arg(high);
-            }
-            result.worst = std::max(result.worst, off);
-        }
-    }
-    return result;
 }
 
 class Obscurance : public GLTest
@@ -470,7 +194,7 @@ protected:
     {
         setScene(scene);
         const Image<float> image = rendered();
-        const Comparison result = compare(image, scene);
+        const ObscuranceComparison result = compareObscurance(image, scene);
         EXPECT_EQ(result.wrong, 0) << "of " << result.pixels << ", worst by " << result.worst << " at "
                                    << qPrintable(result.where);
         EXPECT_LE(result.uncertain, uncertainShare * result.pixels);
@@ -479,7 +203,7 @@ protected:
     }
     static bool isReference(const Image<float> &image, const Scene &scene)
     {
-        return compare(image, scene).wrong <= image.pixels.size() / 100;
+        return compareObscurance(image, scene).wrong <= image.pixels.size() / 100;
     }
 
     std::unique_ptr<Texture> depth;
@@ -633,7 +357,7 @@ TEST_F(Obscurance, OtherNumbersFollowTheReferenceAndAreToldApart)
         EXPECT_FALSE(isReference(image, other)) << "the picture of before";
         setNumbers(other);
         const Image<float> after = rendered();
-        const Comparison result = compare(after, other);
+        const ObscuranceComparison result = compareObscurance(after, other);
         EXPECT_EQ(result.wrong, 0) << qPrintable(result.where);
         EXPECT_FALSE(isReference(after, scene)) << "the reference of before";
     };
@@ -678,7 +402,7 @@ TEST_F(Obscurance, PositionsOfTheCameraSpacePassServeAsThose)
     pass->setInput(kPosition, unproject.output(0));
     addPositions(scene);
     scene.linearPositions = true; // as the pool has them
-    const Comparison result = compare(rendered(), scene);
+    const ObscuranceComparison result = compareObscurance(rendered(), scene);
     EXPECT_EQ(result.wrong, 0) << qPrintable(result.where);
     EXPECT_EQ(TextureManager::Instance().statistics().inUse, 0) << "the reference was given back";
 }
@@ -792,7 +516,7 @@ TEST_F(Obscurance, OneTapOnTheBackgroundEndsTheWholePixel)
     depth = depthTexture(scene.depth);
     pass->setInput(kDepth, textureToVariant(depth.get()));
     const Image<float> pierced = rendered();
-    const Comparison result = compare(pierced, scene);
+    const ObscuranceComparison result = compareObscurance(pierced, scene);
     EXPECT_EQ(result.wrong, 0) << qPrintable(result.where);
     int turned = 0;
     for (int y = 0; y < scene.height; ++y)
@@ -810,7 +534,7 @@ TEST_F(Obscurance, WithPositionsTheBackgroundUnderATapDoesNotCount)
     addNormals(scene, Normals::CameraSpace);
     expectReference(scene, 0.25);
     // The far plane lies at 30 units, which is no sky: not even background pixels are discarded.
-    EXPECT_EQ(Reference(scene).ranges().at(2, scene.height - 2)[2], 0);
+    EXPECT_FALSE(obscuranceRanges(scene)[qsizetype(scene.height - 2) * scene.outputWidth() + 2].mayBeWhite);
 }
 
 TEST_F(Obscurance, WhatIsFartherThanFiftyUnitsIsSkyWhateverTheFarPlaneIs)
@@ -851,7 +575,7 @@ TEST_F(Obscurance, AMultisampledDepthIsReadAtItsFirstSample)
     setScene(scene);
     const GlCalls calls;
     const Image<float> image = rendered();
-    const Comparison result = compare(image, scene);
+    const ObscuranceComparison result = compareObscurance(image, scene);
     EXPECT_EQ(result.wrong, 0) << qPrintable(result.where);
     EXPECT_GT(result.obscured, 20);
     EXPECT_EQ(calls.count("glFramebufferTexture2D", {GL_FRAMEBUFFER, GL_DEPTH_ATTACHMENT}), 0) << "not attached";
@@ -896,7 +620,7 @@ TEST_F(Obscurance, TheDepthIsAttachedWhereItsFormatBelongsAndTakenOffAgain)
         }
         setScene(scene);
         const GlCalls calls;
-        const Comparison result = compare(rendered(), scene);
+        const ObscuranceComparison result = compareObscurance(rendered(), scene);
         EXPECT_EQ(result.wrong, 0) << qPrintable(result.where);
         const int attached = calls.indexOf("glFramebufferTexture2D", {GL_FRAMEBUFFER, double(attachment), GL_TEXTURE_2D,
                                                                       double(depth->textureID()), 0});
@@ -917,7 +641,7 @@ TEST_F(Obscurance, AnUnknownDepthFormatIsReportedAtEveryStartAndDrawnWithoutAnAt
     for (int frame = 0; frame < 2; ++frame) {
         const MessageCapture messages;
         const GlCalls calls;
-        const Comparison result = compare(rendered(), scene);
+        const ObscuranceComparison result = compareObscurance(rendered(), scene);
         EXPECT_EQ(result.wrong, 0) << qPrintable(result.where);
         const QStringList texts = messages.texts(QtCriticalMsg);
         ASSERT_EQ(texts.size(), 1);
@@ -977,7 +701,7 @@ TEST_F(Obscurance, OptionalInputsThatComeLateDoNotChangeThePrograms)
     const auto late = makeTexture(later.normalImage);
     pass->setInput(kNormal, textureToVariant(late.get()));
     const GlCalls calls;
-    const Comparison result = compare(rendered(), scene);
+    const ObscuranceComparison result = compareObscurance(rendered(), scene);
     EXPECT_EQ(result.wrong, 0) << "still face normals: " << qPrintable(result.where);
     EXPECT_EQ(calls.created(GlKind::Program), 0);
 }

@@ -4,6 +4,7 @@
 #include "support/gltest.h"
 #include "support/image.h"
 #include "support/modelreference.h"
+#include "support/obscurance.h"
 #include "support/passes.h"
 #include "support/scenes.h"
 #include "support/shadowmaps.h"
@@ -11,7 +12,10 @@
 #include <gl/glinfo.h>
 #include <host/sceneimport.h>
 #include <model/gpumodel.h>
+#include <renderpasses/cameraspacezbufferrenderpass.h>
 #include <renderpasses/forwardrenderpass.h>
+#include <renderpasses/modelrenderpass.h>
+#include <renderpasses/scalableambientobscurancerenderpass.h>
 #include <renderpasses/shadowmaprenderpass.h>
 #include <renderpasses/transparencyrenderpass.h>
 #include <renderpasses/visibilitybufferrenderpass.h>
@@ -172,7 +176,135 @@ QVector<Color> rendered(const ModelReference &reference, const Shade &shade)
     return picture;
 }
 
+// What the pass reads of a model, and which of its texels may be another surface's: those on an edge with a jump of depth
+// beside it. On an edge within a smooth surface both triangles have nearly the same depth and normal.
+ObscuranceScene obscuranceSceneOf(const ModelReference &reference, const QMatrix4x4 &projection,
+                                  const QMatrix4x4 &camera)
+{
+    constexpr double kJump = 0.08; // two pixels on a surface that is seen from 50 degrees to the side
+    ObscuranceScene scene;
+    scene.width = kWidth;
+    scene.height = kHeight;
+    scene.near = 0.1;
+    scene.far = 100;
+    scene.projection = projection;
+    scene.camera = camera;
+    scene.depth = Image<float>(kWidth, kHeight);
+    scene.normals = ObscuranceNormals::CameraSpace;
+    scene.normalImage = Image<float>(kWidth, kHeight);
+    const auto distance = [&](int x, int y) {
+        return scene.far * scene.near / (scene.far - reference.at(x, y).depth * (scene.far - scene.near));
+    };
+    for (int y = 0; y < kHeight; ++y)
+        for (int x = 0; x < kWidth; ++x) {
+            const ModelFragment &fragment = reference.at(x, y);
+            scene.depth.at(x, y)[0] = float(fragment.depth);
+            for (size_t c = 0; c < 3; ++c)
+                scene.normalImage.at(x, y)[c] = float(fragment.normal[c]);
+            double nearest = distance(x, y), farthest = nearest;
+            for (int dy = -1; dy <= 1; ++dy)
+                for (int dx = -1; dx <= 1; ++dx) {
+                    const double there =
+                        distance(std::clamp(x + dx, 0, kWidth - 1), std::clamp(y + dy, 0, kHeight - 1));
+                    nearest = std::min(nearest, there);
+                    farthest = std::max(farthest, there);
+                }
+            scene.doubtful << (fragment.ambiguous && farthest - nearest > kJump);
+        }
+    return scene;
+}
+
+struct ObscuranceTruth
+{
+    const char *name;
+    bool positions; ///< By CameraSpaceZBufferRenderPass, instead of from the depth.
+};
+
+class ObscuranceOnABunny : public TruthOnABunny, public ::testing::WithParamInterface<ObscuranceTruth>
+{};
+
 } // namespace
+
+// Obscurance reads pixels all around, at angles that grow with the place: by single precision's account of an angle a tap
+// near the border of a texel reads the one or the other, so a pixel has a range, in the mean a hundredth wide.
+TEST_P(ObscuranceOnABunny, EachPixelIsHiddenByWhatItsTapsSee)
+{
+    add(-0.5f, -0.7f, material({1, 1, 1}));
+    add(0.3f, 0, material({1, 1, 1}));
+    ASSERT_TRUE(model->upload(scene));
+    const ModelReference reference(scene, projection, camera, kWidth, kHeight);
+    ObscuranceScene seen = obscuranceSceneOf(reference, projection, camera);
+    seen.radius = 0.2f;
+    seen.bias = 0.01f;
+    seen.intensity = 3;
+
+    ModelRenderPass draw;
+    connect(draw, 3);
+    runFrame(draw);
+    CameraSpaceZBufferRenderPass positions;
+    ScalableAmbientObscuranceRenderPass pass;
+    pass.setNormalProcessing(ScalableAmbientObscuranceRenderPass::NormalScreenSpace);
+    pass.setInput(0, kViewport);
+    pass.setInput(1, projection);
+    pass.setInput(2, camera);
+    pass.setInput(3, float(seen.near));
+    pass.setInput(4, float(seen.far));
+    pass.setInput(5, draw.output(3));
+    pass.setInput(6, seen.radius);
+    pass.setInput(7, seen.bias);
+    pass.setInput(8, seen.intensity);
+    pass.setInput(10, draw.output(2));
+    if (GetParam().positions) {
+        addPositions(seen);
+        seen.linearPositions = true; // as the pool has them
+        positions.setInput(0, kViewport);
+        positions.setInput(1, draw.output(3));
+        positions.setInput(2, projection);
+        positions.setNumOutputUsers(0, 1);
+        runFrame(positions);
+        pass.setInput(9, positions.output(0));
+    }
+    runFrame(pass);
+    const auto picture = readTexture<float>(outputTexture(pass, 0));
+
+    const QVector<ObscuranceRange> ranges = obscuranceRanges(seen);
+    double worst = 0, sum = 0, width = 0;
+    int covered = 0, obscured = 0, elsewhere = 0;
+    for (int y = 0; y < kHeight; ++y)
+        for (int x = 0; x < kWidth; ++x) {
+            const ObscuranceRange &range = ranges[qsizetype(y) * kWidth + x];
+            const auto &shown = picture.at(x, y);
+            ASSERT_TRUE(shown[0] == shown[1] && shown[0] == shown[2] && shown[3] == 1) << x << " " << y;
+            const auto value = double(shown[0]);
+            double error = std::max({range.low - value, value - range.high, 0.0});
+            if (range.mayBeWhite && value == 1)
+                error = 0;
+            sum += error;
+            covered += reference.at(x, y).covered;
+            obscured += range.high < 0.9;
+            width += range.high - range.low;
+            // A rasteriser may have put the other surface into one of the texels.
+            if (range.doubtful && error > kObscuranceTolerance)
+                ++elsewhere;
+            else
+                worst = std::max(worst, error);
+        }
+    const double mean = sum / (kWidth * kHeight);
+    std::printf(
+        "[ truth    ] obscurance, %s: worst %.5f but for %d pixels, %d on the model, %d dark; mean %.6f; ranges "
+        "%.4f wide\n",
+        GetParam().name, worst, elsewhere, covered, obscured, mean, width / covered);
+    EXPECT_GT(covered, kWidth * kHeight / 6);
+    EXPECT_GT(obscured, covered / 6);
+    EXPECT_LE(width / covered, 0.02);
+    EXPECT_LE(worst, kObscuranceTolerance);
+    EXPECT_LE(elsewhere, kWidth * kHeight / 1000);
+    EXPECT_LE(mean, 0.0002);
+}
+
+INSTANTIATE_TEST_SUITE_P(Inputs, ObscuranceOnABunny,
+                         ::testing::Values(ObscuranceTruth{"FromDepth", false}, ObscuranceTruth{"FromPositions", true}),
+                         [](const auto &test) { return std::string(test.param.name); });
 
 TEST_F(TruthOnABunny, ForwardLightingIsThatOfTheNearestSurface)
 {
