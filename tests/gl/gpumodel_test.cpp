@@ -858,14 +858,14 @@ TEST_F(GPUModelTest, OfLargeModelsFewerViewsAreKeptAndEachIsStillItsOwn)
 {
     // 40 heaps of triangles, one to a view and a flag bit.
     constexpr int kHeaps = 40;
-    constexpr int kItems = 140000;
+    constexpr int kTriangles = 140000;
     ModelData data;
     ModelMesh triangle;
     triangle.positions << QVector3D(0, 0, 0) << QVector3D(1, 0, 0) << QVector3D(0, 1, 0);
     triangle.indices << 0 << 1 << 2;
     data.meshes << triangle;
     data.materials << material({1, 1, 1});
-    for (int i = 0; i < kItems; ++i) {
+    for (int i = 0; i < kTriangles; ++i) {
         ModelItem item;
         item.transform.translate(10.0f * float(i % kHeaps), 0, 0);
         item.flags = quint64(1) << (i % kHeaps);
