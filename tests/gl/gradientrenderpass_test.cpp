@@ -7,6 +7,7 @@
 
 #include <gl/drawbuffers.h>
 #include <gl/opengldevicecontext.h>
+#include <gl/picturewindow.h>
 #include <gl/texture.h>
 #include <renderpasses/gradientrenderpass.h>
 
@@ -111,6 +112,28 @@ TEST_F(GradientPass, GradientKeepsAllFourChannelsOfItsColours)
     pass.setInput(kColorBottom, bottom);
     runFrame(pass);
     EXPECT_TRUE(sameImage(readTexture<float>(frame()), gradient(12, 40, top, bottom), within(kInterpolation)));
+}
+
+// With a viewport of the whole picture, and with a driver that has none of that size.
+TEST_F(GradientPass, APartOfALargerPictureShowsItsRowsOfIt)
+{
+    const QColor top(255, 10, 0, 51);
+    const QColor bottom(0, 200, 128, 204);
+    pass.setInput(kColorTop, top);
+    pass.setInput(kColorBottom, bottom);
+    for (const int rows : {200, 60000}) {
+        SCOPED_TRACE(rows);
+        const int firstRow = rows / 3;
+        const Image<float> whole = gradient(1, rows, top, bottom);
+        Image<float> expected(12, 40);
+        for (int y = 0; y < 40; ++y)
+            for (int x = 0; x < 12; ++x)
+                expected.at(x, y) = whole.at(0, firstRow + y);
+        const PictureWindowScope part({5, firstRow, 30, rows});
+        ASSERT_EQ(PictureWindow::current().fitsViewport(), rows == 200);
+        runFrame(pass);
+        EXPECT_TRUE(sameImage(readTexture<float>(frame()), expected, within(kInterpolation)));
+    }
 }
 
 TEST_F(GradientPass, TargetIsRgba32fWithNearestFilters)
