@@ -4,10 +4,16 @@
 #include "gl/contextstate.h"
 #include "gl/nativebinding.h"
 
+#include <QtGui/qtguiglobal.h>
+
+#if QT_CONFIG(opengl)
 #include <QOffscreenSurface>
 #include <QOpenGLContext>
+#endif
 
 namespace Brevane::Kvo {
+
+#if QT_CONFIG(opengl)
 
 void ContextState::watchQtContext()
 {
@@ -36,5 +42,9 @@ void ContextState::watchQtContext()
         },
         Qt::DirectConnection);
 }
+#else
+// A Qt without OpenGL has no contexts.
+void ContextState::watchQtContext() {}
+#endif
 
 } // namespace Brevane::Kvo

@@ -2,6 +2,7 @@
 
 #include <epoxy/gl.h>
 
+#include <QByteArray>
 #include <QtGlobal>
 
 namespace Brevane::Kvo {

@@ -15,6 +15,7 @@
 #include "passkit/targets.h"
 
 #include <QColor>
+#include <QVector4D>
 
 #include <epoxy/gl.h>
 
