@@ -15,6 +15,25 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang" AND KVO_SANITIZE)
   # These compare type information, of which each library has its own where it is hidden.
   add_compile_options(-fno-sanitize=vptr,function)
 endif()
+# Containers have another layout then, and QMap has one of them inside. So what hands containers to libraries that are
+# built without it stays out: toolkits, VTK, Python, and the sources that kvo_plain_stdlib names.
+if(KVO_STDLIB_DEBUG)
+  add_compile_definitions(_GLIBCXX_DEBUG _GLIBCXX_DEBUG_PEDANTIC)
+  foreach(part WINDOWS VTK PYTHON)
+    if(KVO_BUILD_${part} AND NOT KVO_BUILD_${part} STREQUAL "AUTO")
+      message(FATAL_ERROR "KVO_STDLIB_DEBUG and KVO_BUILD_${part} exclude each other: cmake --preset stdlib")
+    endif()
+    set(KVO_BUILD_${part} OFF)
+  endforeach()
+endif()
+# Sources that share containers with such a library. What needs no other layout is checked in them too.
+function(kvo_plain_stdlib)
+  if(KVO_STDLIB_DEBUG)
+    set_property(SOURCE ${ARGN} APPEND PROPERTY COMPILE_OPTIONS
+      -U_GLIBCXX_DEBUG -U_GLIBCXX_DEBUG_PEDANTIC -D_GLIBCXX_ASSERTIONS)
+    set_property(SOURCE ${ARGN} PROPERTY SKIP_PRECOMPILE_HEADERS ON)
+  endif()
+endfunction()
 if(KVO_BUILD_FUZZERS)
   if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
     message(FATAL_ERROR "KVO_BUILD_FUZZERS takes clang: cmake --preset fuzz")

@@ -515,7 +515,7 @@ public:
                 {"an unsigned integer", ~0u},
                 {"a list of nothing", QVariantList{{}, {}, {}}},
                 {"a nested list", nested},
-                {"a map", QVariantMap{{text("x"), 1}}},
+                {"a map", QVariantHash{{text("x"), 1}}},
                 {"texts", QStringList{text("1"), text("2")}},
                 {"a rectangle of numbers", QRectF(qQNaN(), 1e300, -1e300, qInf())},
                 {"a size of numbers", QSizeF(qQNaN(), 1e300)},
