@@ -8,7 +8,7 @@ namespace Brevane::Kvo {
 
 /// Notes that an object (Texture, FramebufferObject, ShaderProgram, DrawBuffers) is not what it was to be, since the
 /// driver had no memory, no name or no program for it. The frame that it was made for goes on with what there is;
-/// from the next outermost BindingScope on, Held reads as null, and the pass makes the object anew.
+/// from the next outermost ContextScope on, Held reads as null, and the pass makes the object anew.
 KVO_GL_EXPORT void noteFallenShort(const QObject *object);
 /// The object is going.
 KVO_GL_EXPORT void forgetFallenShort(const QObject *object);

@@ -449,14 +449,11 @@ BindingScope::BindingScope() : _before(threadContext().bindingScopes)
     ThreadContext &thread = threadContext();
     if (thread.bindingScopes++ == 0)
         ++thread.bindingEpoch;
-    if (thread.scopeDepth++ == 0)
-        ++thread.outermostScope;
 }
 
 BindingScope::~BindingScope()
 {
     ThreadContext &thread = threadContext();
-    --thread.scopeDepth;
     if (thread.bindingScopes == 0) // tracking was stopped
         ++thread.bindingEpoch;
     else if (_before == 0) {

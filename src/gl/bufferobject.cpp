@@ -3,6 +3,7 @@
 #include "core/hostcode.h"
 #include "gl/boundnow.h"
 #include "gl/contextstate.h"
+#include "gl/pooltaker.h"
 #include "gl/storage.h"
 
 #include <epoxy/gl.h>
@@ -223,8 +224,9 @@ bool BufferObject::uploadBytes(const void *data, qint64 bytes, unsigned int usag
     if (_fellShort) {
         takeErrors();
         const HostCode hostCode;
-        qWarning("A buffer of %lld bytes is more than the driver has room for; what is drawn from it is left out",
-                 qlonglong(bytes));
+        const QString taker = PoolTaker::current();
+        qWarning("A buffer of %lld bytes%s is more than the driver has room for; what is drawn from it is left out",
+                 qlonglong(bytes), taker.isEmpty() ? "" : qPrintable(QStringLiteral(" for '%1'").arg(taker)));
     }
     if (mustBind)
         unbind();

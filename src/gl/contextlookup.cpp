@@ -29,8 +29,10 @@ ThreadContext &threadContext()
 ContextScope::ContextScope()
 {
     ThreadContext &thread = threadContext();
-    if (thread.openScopes++ == 0)
-        thread.last.holds = false;
+    if (thread.openScopes++ > 0)
+        return;
+    thread.last.holds = false;
+    ++thread.outermostScope;
 }
 
 ContextScope::~ContextScope()

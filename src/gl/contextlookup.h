@@ -30,9 +30,7 @@ struct ThreadContext
     /// What a context's bindings are known to be holds for one epoch; another begins with each outermost
     /// BindingScope and behind all code of the host's. Never 0 in a scope.
     unsigned int bindingEpoch = 0;
-    /// BindingScopes that are open, also those in which nothing is tracked, and a number of the outermost one that is
-    /// open or was last.
-    int scopeDepth = 0;
+    /// A number of the outermost ContextScope that is open or was last.
     unsigned int outermostScope = 0;
 };
 

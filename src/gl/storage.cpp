@@ -3,6 +3,7 @@
 #include "core/hostcode.h"
 #include "gl/contextstate.h"
 #include "gl/glinfo.h"
+#include "gl/pooltaker.h"
 #include "gl/sampling.h"
 #include "gl/texture.h"
 
@@ -48,11 +49,12 @@ bool driverSaysYes(GLint internalFormat, const ImageSize &size, GLenum format, G
 
 // Passes ask again in every frame, since there may be room some time. Once there was, it is said again when there is
 // none.
-void complainOnce(GLenum internalFormat, const ImageSize &size, const QString &name, bool hasRoom)
+void complainOnce(GLenum internalFormat, const ImageSize &size, const QString &label, bool hasRoom)
 {
     static QSet<QString> known;
     if (hasRoom && known.isEmpty())
         return;
+    const QString name = label.isEmpty() ? PoolTaker::current() : label;
     QString text = QStringLiteral("A texture of %1x%2").arg(size.width).arg(size.height);
     if (size.layers >= 0)
         text += QStringLiteral(" with %1 layers").arg(size.layers);

@@ -71,8 +71,9 @@ struct ImageSize
 };
 
 /// Gives the bound GL_TEXTURE_2D or GL_TEXTURE_2D_ARRAY its level 0. False where the driver has no room for
-/// it, with one message per size and name, which says whom it is for; no GL error of this is left for the host to find, and the level is then a
-/// single texel per layer, so that whoever draws into it draws without an error.
+/// it, with one message per size and name, which says whom it is for: without a name, PoolTaker's. No GL error of this
+/// is left for the host to find, and the level is then a single texel per layer, so that whoever draws into it draws
+/// without an error.
 KVO_GL_EXPORT bool allocateImage(unsigned int internalFormat, const ImageSize &size, unsigned int format,
                                  unsigned int type, const void *pixels = nullptr, const QString &name = QString());
 

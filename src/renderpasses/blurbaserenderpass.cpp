@@ -175,7 +175,8 @@ ShaderProgram *BlurBaseRenderPass::makeShaderProgram(const QString &fragmentShad
         processor.addDefine(QStringLiteral("STENCIL_MASK"), QStringLiteral("1"));
     processor.addDefine(_samplesCountName, QString::number(qMax<qsizetype>(_weights.size(), 1)));
     // The shaders call their only output o_Output, which takes location 0 by itself.
-    ShaderProgram *program = buildProgram({QStringLiteral("blur"),
+    const PassInfo *info = passInfo();
+    ShaderProgram *program = buildProgram({QString::fromLatin1(info ? info->className : "BlurBaseRenderPass"),
                                            {QStringLiteral("out_FragColor")},
                                            {{GL_VERTEX_SHADER, ShaderSource::Text, kScreenVertexShader},
                                             {GL_FRAGMENT_SHADER, ShaderSource::Text, fragmentShader}}},

@@ -1,9 +1,10 @@
-// Every GL call that can fail fails once, in every pass: it says so, shows nothing wrong, leaves nothing behind, and
-// shows what it always shows as soon as the driver gives again.
+// Every GL call that can fail fails once, in every pass and in whole pipelines: it says so, shows nothing wrong, leaves
+// nothing behind, and shows what it always shows as soon as the driver gives again.
 
 #include "support/glfaults.h"
 #include "support/messages.h"
 #include "support/passlives.h"
+#include "support/stage.h"
 
 #include <gl/opengldevicecontext.h>
 #include <gl/shaderfailurelistener.h>
@@ -15,6 +16,7 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace Brevane::Kvo {
 
@@ -29,11 +31,19 @@ int mostFaults()
     return all ? std::atoi(all) : 3;
 }
 
+// The same of a pipeline, whose lives are long.
+int mostFaultsOfPipelines()
+{
+    return std::max(mostFaults(), 6);
+}
+
 /// What is said while it lives, by messages and by shaders that fail.
 class Reports
 {
 public:
     QStringList texts() const { return _messages.texts() + _shaders; }
+    /// The labels of shaders that failed.
+    const QStringList &shaders() const { return _shaders; }
 
 private:
     MessageCapture _messages;
@@ -47,7 +57,7 @@ protected:
     void start(RenderPassHelper &pass) const { start(pass, *main); }
     void start(RenderPassHelper &pass, Home &home) const
     {
-        if (is("TextureToScreenRenderPass"))
+        if (drawsToScreen())
             home.values().screen.clear({0, 0, 0, 0});
         resetGLState();
         glViewport(0, 0, kWidth, kHeight);
@@ -93,7 +103,51 @@ protected:
 
 const auto kClassName = [](const auto &pass) { return std::string(pass.param.className); };
 
-INSTANTIATE_TEST_SUITE_P(Passes, EveryPassFails, ::testing::ValuesIn(passCases()), kClassName);
+INSTANTIATE_TEST_SUITE_P(Passes, EveryPassFails, ::testing::ValuesIn(allPassCases()), kClassName);
+
+constexpr int kFramesToSettle = 12; // of a pipeline after a fault: more than any history of one has
+
+/// A pipeline of the tree, small, in frames that are all alike.
+class PipelineFails : public GLTest, public ::testing::WithParamInterface<QString>
+{
+protected:
+    std::unique_ptr<Stage> make() const
+    {
+        auto stage = std::make_unique<Stage>(GetParam(), threeCubes(0.4f), QSize(32, 24));
+        for (const QString &name : stage->pipeline.passNames()) {
+            stage->pipeline.setValue(name, text("JitterMode"), 0); // frames that are alike
+            stage->pipeline.setValue(name, text("MapSize"), QSize(32, 32));
+        }
+        return stage;
+    }
+
+    /// By which messages name passes: as the file does, or by class, in front of which part of it.
+    static QStringList namesIn(const Pipeline &pipeline)
+    {
+        QStringList names = pipeline.passNames();
+        for (const QString &name : pipeline.passNames())
+            names << pipeline.className(name).section(text("RenderPass"), 0, 0);
+        return names;
+    }
+    static bool namesOneOf(const QStringList &reports, const QStringList &names)
+    {
+        return std::any_of(names.begin(), names.end(), [&](const QString &name) {
+            return std::any_of(reports.begin(), reports.end(),
+                               [&](const QString &report) { return report.contains(name); });
+        });
+    }
+
+    static void end(Stage &stage)
+    {
+        stage.pipeline.teardown();
+        stage.pipeline.teardownContextData();
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Pipelines, PipelineFails,
+                         ::testing::Values(text("viewport"), text("studio"), text("oit"), text("shadows"), text("smaa"),
+                                           text("taa"), text("ambient-obscurance")),
+                         pipelineTestName);
 
 } // namespace
 
@@ -115,6 +169,8 @@ TEST_P(EveryPassFails, OnceAndIsItselfInTheNextFrame)
             reports = told.texts();
             ASSERT_TRUE(fault.failed());
             failed = fault.failed();
+            for (const QString &label : told.shaders())
+                EXPECT_TRUE(label.contains(text(row.className).section(text("RenderPass"), 0, 0))) << qPrintable(label);
         }
         SCOPED_TRACE(failed);
         EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR)) << "is left";
@@ -211,6 +267,56 @@ TEST_P(EveryPassFails, WithItsContextAndIsItselfInAnother)
         pass->setup(nullptr);
         EXPECT_EQ(frame(*pass, *main), want);
         end(*pass);
+    }
+}
+
+// What is promised about the frame with the fault: it is right, or something is said that names a pass.
+TEST_P(PipelineFails, OnceAndIsItselfAfterwards)
+{
+    QImage first, settled;
+    QStringList names;
+    std::vector<int> before;
+    int most = 0;
+    for (int life = 0; life < 2; ++life) {
+        {
+            const auto stage = make();
+            names = namesIn(stage->pipeline);
+            const GlFaults counts;
+            stage->render();
+            most = counts.calls();
+            first = stage->screen.image();
+            settled = stage->picture(kFramesToSettle);
+            EXPECT_EQ(stage->picture(1), settled) << "frames are not alike";
+            end(*stage);
+        }
+        before = leftOver();
+    }
+    const int step = std::max(1, most / mostFaultsOfPipelines());
+    for (int nth = 0; nth < most; nth += step) {
+        SCOPED_TRACE("call " + std::to_string(nth) + " of " + std::to_string(most));
+        {
+            const auto stage = make();
+            QStringList reports;
+            std::string failed;
+            {
+                const Reports told;
+                const GlFaults fault(nth);
+                stage->render();
+                ASSERT_TRUE(fault.failed());
+                failed = fault.failed();
+                reports = told.texts();
+            }
+            SCOPED_TRACE(failed);
+            EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR)) << "is left";
+            EXPECT_TRUE(namesOneOf(reports, names) || stage->screen.image() == first)
+                << "wrong, and it does not say where: " << qPrintable(reports.join(u'\n'));
+            for (const QString &fault : stage->pipeline.faults())
+                EXPECT_TRUE(fault.contains(text("reports error"))) << qPrintable(fault);
+            const Reports later;
+            EXPECT_EQ(stage->picture(kFramesToSettle), settled);
+            end(*stage);
+        }
+        EXPECT_EQ(leftOver(), before) << qPrintable(GlCalls::liveObjects().join(u'\n'));
     }
 }
 

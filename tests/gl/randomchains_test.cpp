@@ -89,20 +89,8 @@ protected:
 
     static const std::vector<PassCase> &cases()
     {
-        static const std::vector<PassCase> all = passCases();
+        static const std::vector<PassCase> all = allPassCases();
         return all;
-    }
-
-    /// Live objects by kind, without what the manager keeps for whoever asks again: colours and files.
-    static std::vector<int> leftOver()
-    {
-        settledObjects();
-        std::vector<int> counts;
-        for (int kind = 0; kind < kGlKindCount; ++kind)
-            counts.push_back(GlCalls::live(GlKind(kind), [](const QString &label) {
-                return !label.startsWith(text("solid ")) && !label.contains(u'/');
-            }));
-        return counts;
     }
 
     Home &home() { return _inSecond ? *_second : *_main; }
@@ -150,11 +138,13 @@ protected:
         switch (step.kind) {
         case Kind::Make: {
             slot.kind = &cases()[step.b % cases().size()];
-            slot.row = &rowOf(slot.kind->className);
+            slot.row = &anyRowOf(slot.kind->className);
             slot.pass = slot.kind->make();
             print(step, slot.kind->className);
             if (auto *builder = dynamic_cast<PrimitiveBuilderRenderPass *>(slot.pass.get()))
                 builder->addCube(1, {});
+            if (auto *outline = dynamic_cast<OutlinePass *>(slot.pass.get()))
+                outline->setItems({0});
             for (int i = 0; i < inputs(slot); ++i)
                 if (i == 0 || step.c >> (i % 16) & 3)
                     slot.pass->setInput(i, right(slot.row->inputs[size_t(i)], home().values()));
@@ -282,7 +272,7 @@ protected:
         const MessageCapture messages;
         for (const PassCase &each : cases()) {
             _keepers.push_back(each.make());
-            const PassRow &row = rowOf(each.className);
+            const PassRow &row = anyRowOf(each.className);
             for (int i = 0; i < std::min(_keepers.back()->numInputs(), int(row.inputs.size())); ++i)
                 _keepers.back()->setInput(i, right(row.inputs[size_t(i)], _main->values()));
             resetGLState();

@@ -2,6 +2,7 @@
 
 #include "support/draw.h"
 #include "support/gltest.h"
+#include "support/hostpasses.h"
 #include "support/passcases.h"
 #include "support/passes.h"
 #include "support/passvalues.h"
@@ -62,6 +63,18 @@ inline std::string settledObjects()
 {
     OpenGLDeviceContext::current()->freeGivenUp();
     return trimmedObjects();
+}
+
+/// Live objects by kind after that, without what the manager keeps for whoever asks again: colours and files.
+inline std::vector<int> leftOver()
+{
+    settledObjects();
+    std::vector<int> counts;
+    for (int kind = 0; kind < kGlKindCount; ++kind)
+        counts.push_back(GlCalls::live(GlKind(kind), [](const QString &label) {
+            return !label.startsWith(text("solid ")) && !label.contains(u'/');
+        }));
+    return counts;
 }
 
 /// A context of a host, and the values that it gives to passes there. Contexts that share objects share
@@ -253,6 +266,12 @@ void addSeenThrough(Picture &picture, Values &values, std::initializer_list<std:
     picture.add(QStringLiteral("seen"), texelsOf(textureFromVariant(consumer.output(0))));
 }
 
+/// Of which a host writes all: slots and text.
+inline bool isShaderOfHost(const char *className)
+{
+    return qstrcmp(className, "ShaderRenderPass") == 0 || qstrcmp(className, "ShadowShaderPass") == 0;
+}
+
 class EveryPassLives : public GLTest, public ::testing::WithParamInterface<PassCase>
 {
 protected:
@@ -279,11 +298,13 @@ protected:
     }
 
     bool is(const char *name) const { return qstrcmp(row.className, name) == 0; }
-    /// Inputs of the pass and, of the one that has hardly any, one that a host adds.
+    /// Those that have no output to look at.
+    bool drawsToScreen() const { return is("TextureToScreenRenderPass") || is("OutlinePass"); }
+    /// Inputs of the pass and, of those that have hardly any, one that a host adds.
     std::vector<InputRow> inputs() const
     {
         std::vector<InputRow> all = row.inputs;
-        if (is("ShaderRenderPass"))
+        if (isShaderOfHost(row.className))
             all.push_back({"Kvo_KvoTexture*_Input", QMetaType::fromType<Texture *>()});
         return all;
     }
@@ -292,7 +313,14 @@ protected:
     std::unique_ptr<RenderPassHelper> bare() const
     {
         auto pass = GetParam().make();
-        if (auto *shader = dynamic_cast<ShaderRenderPass *>(pass.get())) {
+        auto *shader = dynamic_cast<ShaderRenderPass *>(pass.get());
+        if (is("DepthPeelingPass"))
+            shader->setFragmentShaderSource(text("#version 150\nuniform sampler2D u_BaseColor;\nout vec4 o_Frame;\n"
+                                                 "void main() { o_Frame = vec4(texelFetch(u_BaseColor, "
+                                                 "ivec2(gl_FragCoord.xy), 0).rgb, 0.5); }\n"));
+        if (auto *outline = dynamic_cast<OutlinePass *>(pass.get()))
+            outline->setItems({0});
+        if (isShaderOfHost(row.className)) {
             shader->addInput(text("Kvo_KvoTexture*_Input"));
             shader->addOutput(text("Kvo_KvoTexture*_Frame"));
             shader->setFragmentShaderSource(text("#version 150\nuniform sampler2D u_Input;\nin vec2 vo_TexCoord;\n"
@@ -320,6 +348,8 @@ protected:
             return smallImage();
         if (qstrcmp(input.name, "Kvo_int_JitterMode") == 0)
             return 0;
+        if (is("DepthPeelingPass") && input.type == QMetaType::fromType<GPUModel *>())
+            return QVariant::fromValue(&home.values().glass());
         if (qstrcmp(input.name, "Kvo_bool_Dirty") == 0 && is("TemporalAARenderPass"))
             return false; // else it hands its frame on
         return home.values().right(input);
@@ -369,7 +399,7 @@ protected:
     {
         resetGLState();
         glViewport(0, 0, kWidth, kHeight);
-        if (is("TextureToScreenRenderPass"))
+        if (drawsToScreen())
             home.values().screen.clear({0, 0, 0, 0});
         // one mixes a frame with the one before: of two that are alike the second is as all that follow
         for (int i = is("SMAARenderPass") ? 0 : 2; i < 3; ++i)
@@ -380,7 +410,7 @@ protected:
     Picture pictureOf(RenderPassHelper &pass, Home &home) const
     {
         Picture picture;
-        if (is("TextureToScreenRenderPass"))
+        if (drawsToScreen())
             picture.add(text("screen"), texelsOf(home.values().screen.color()));
         if (is("VisibilityBufferRenderPass") || is("VisibilitySortRenderPass")) {
             // the order in which fragments find their place is the driver's
@@ -415,7 +445,7 @@ protected:
                || (is("VisibilityDeferredRenderPass") && input.type == QMetaType::fromType<GPUModel *>());
     }
 
-    const PassRow &row = rowOf(GetParam().className);
+    const PassRow &row = anyRowOf(GetParam().className);
     std::unique_ptr<Home> main;
     Picture want;
     std::string before;

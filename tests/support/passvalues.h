@@ -90,6 +90,8 @@ public:
             return builder.output(0);
         if (row.type == QMetaType::fromType<FramebufferObject *>())
             return framebufferToVariant(screen.framebuffer());
+        if (last == text("ShadowMapData"))
+            return {}; // the records of shadow passes are other tests' affair
         if (last == text("NodeBufferWidth"))
             return recorded(2);
         if (last == text("ProjectionMatrix"))
@@ -125,6 +127,19 @@ public:
         return {};
     }
 
+    /// The model of glass.
+    GPUModel &glass()
+    {
+        if (!_glass) {
+            _glass = std::make_unique<GPUModel>();
+            ModelData data = cubeScene();
+            for (ModelMaterial &material : data.materials)
+                material.D = 0.5f;
+            EXPECT_TRUE(_glass->upload(data));
+        }
+        return *_glass;
+    }
+
     std::vector<WrongValue> wrong()
     {
         return {{"text", text("x")},
@@ -141,6 +156,9 @@ public:
     std::unique_ptr<VisibilityBufferRenderPass> record;
     PrimitiveBuilderRenderPass builder;
     QObject foreign;
+
+private:
+    std::unique_ptr<GPUModel> _glass;
 };
 
 } // namespace Brevane::Kvo::Test

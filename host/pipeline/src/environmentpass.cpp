@@ -2,6 +2,7 @@
 
 #include "core/hostcode.h"
 #include "gl/bindings.h"
+#include "gl/fallenshort.h"
 #include "gl/pixelstore.h"
 #include "gl/storage.h"
 #include "gl/texture.h"
@@ -87,6 +88,7 @@ struct MapImage
     const void *pixels;
 };
 
+// Made anew in the next frame where the driver has no room for it or no name.
 void makeMap(Held<Texture> &texture, const QString &label, const MapImage &image)
 {
     // A new one each time: copies of the pass may go on with the one before.
@@ -94,12 +96,15 @@ void makeMap(Held<Texture> &texture, const QString &label, const MapImage &image
     texture->setTarget(GL_TEXTURE_2D);
     texture->setLabel(label);
     const StorageBinder bound(texture);
-    if (!bound.isBound())
+    if (!bound.isBound()) {
+        noteFallenShort(texture);
         return;
+    }
     {
         const DefaultPixelStore pixelStore;
-        allocateImage(image.internalFormat, {image.size.width(), image.size.height()}, image.format, image.type,
-                      image.pixels);
+        if (!allocateImage(image.internalFormat, {image.size.width(), image.size.height()}, image.format, image.type,
+                           image.pixels, label))
+            noteFallenShort(texture);
     }
     texture->setFilter(GL_LINEAR);
     texture->setWrap(GL_CLAMP_TO_EDGE);
@@ -217,7 +222,7 @@ void EnvironmentPass::start(RenderCallbacks *)
     if (!scope)
         return;
     const QString source = _inputs[InSource].value.toString();
-    if (!_radiance || source != _source) {
+    if (!_radiance || !_specular || !_table || source != _source) {
         _source = source;
         const Environment environment = _load(source);
         _irradiance = environment.irradiance;

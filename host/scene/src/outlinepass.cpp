@@ -3,12 +3,14 @@
 #include "core/liveobjects.h"
 #include "gl/contextscope.h"
 #include "gl/drawbuffers.h"
+#include "gl/fallenshort.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
 #include "gl/hoststate.h"
 #include "gl/opengldevicecontext.h"
 #include "gl/pixelstore.h"
 #include "gl/shaderprogram.h"
+#include "gl/storage.h"
 #include "gl/texture.h"
 #include "gl/texturemanager.h"
 #include "gl/vertexarrayobject.h"
@@ -126,10 +128,13 @@ void OutlinePass::uploadItems(int count)
     for (const int item : std::as_const(_items))
         if (item >= 0 && item < count)
             flags[item] = char(0xff);
-    const AutoBinder bound(_chosen);
-    _chosen->setFilter(GL_NEAREST);
+    const StorageBinder bound(_chosen);
     const DefaultPixelStore pixelStore;
-    glTexImage2D(GL_TEXTURE_2D, 0, GL_R8, kRow, rows, 0, GL_RED, GL_UNSIGNED_BYTE, flags.constData());
+    if (!bound.isBound()
+        || !allocateImage(GL_R8, {kRow, rows}, GL_RED, GL_UNSIGNED_BYTE, flags.constData(), _chosen->label()))
+        noteFallenShort(_chosen);
+    if (bound.isBound())
+        _chosen->setFilter(GL_NEAREST);
     _uploaded = count;
 }
 

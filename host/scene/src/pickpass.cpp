@@ -20,6 +20,7 @@
 #include <QMatrix4x4>
 
 #include <algorithm>
+#include <array>
 
 namespace Brevane::Kvo {
 
@@ -101,9 +102,13 @@ void PickPass::start(RenderCallbacks *)
     Texture *position = pool.tempTexture(TextureFormat::Position, _drawn.width(), _drawn.height());
     Texture *depth = pool.tempTexture(TextureFormat::Depth32, _drawn.width(), _drawn.height());
     // Beyond what the driver has room for, which the pool has said, a single texel stands in: nothing to look at.
-    const LevelInfo level = levelInfo(item, GL_TEXTURE_2D);
-    if (QSize(level.width, level.height) != _drawn.size()) {
-        for (Texture *texture : {item, position, depth})
+    const std::array targets{item, position, depth};
+    const bool hasRoom = std::all_of(targets.begin(), targets.end(), [this](Texture *texture) {
+        const LevelInfo level = levelInfo(texture, GL_TEXTURE_2D);
+        return QSize(level.width, level.height) == _drawn.size();
+    });
+    if (!hasRoom) {
+        for (Texture *texture : targets)
             pool.releaseTempTextureRef(texture, 1);
         _drawn = QRect();
         return;

@@ -34,7 +34,8 @@ class Texture;
 /// read is told once, with its name and the reason, and the studio takes its place. A number that is not finite counts
 /// as the default, an intensity below 0 as 0.
 ///
-/// The textures are the pass's own. Needs OpenGL 3.2. Leaves no state of GL changed.
+/// The textures are the pass's own. Of one that the driver has no room for, which is said, a single texel stands in,
+/// and the next frame makes it anew. Needs OpenGL 3.2. Leaves no state of GL changed.
 class KVO_PIPELINE_EXPORT EnvironmentPass : public RenderPassHelper
 {
 public:
