@@ -7,6 +7,8 @@
 #include <QFileInfo>
 #include <QImageReader>
 
+#include <new>
+
 namespace Brevane::Kvo {
 
 namespace {
@@ -29,11 +31,8 @@ qint64 mostFileBytes(qint64 decoded)
     return kRoom + 8 * decoded;
 }
 
-} // namespace
-
-QImage readImageFile(const QString &path, ImageTurn turn, QString *error)
+QImage readByQt(const QString &path, ImageTurn turn, QString *error)
 {
-    const HostCode hostCode; // a host may have brought the format, and Qt tells its message handler of faults
     QImageReader reader(path);
     reader.setAutoTransform(turn == ImageTurn::AsMetadataSays);
     const int megabytes = QImageReader::allocationLimit();
@@ -66,6 +65,20 @@ QImage readImageFile(const QString &path, ImageTurn turn, QString *error)
     if (image.isNull())
         *error = reader.errorString();
     return image;
+}
+
+} // namespace
+
+QImage readImageFile(const QString &path, ImageTurn turn, QString *error)
+{
+    const HostCode hostCode; // a host may have brought the format, and Qt tells its message handler of faults
+    // Qt throws where it has no memory.
+    try {
+        return readByQt(path, turn, error);
+    } catch (const std::bad_alloc &) {
+        *error = QStringLiteral("there is not enough memory for it");
+        return QImage();
+    }
 }
 
 } // namespace Brevane::Kvo

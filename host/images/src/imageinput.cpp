@@ -18,6 +18,7 @@
 #include <cmath>
 #include <cstring>
 #include <exception>
+#include <new>
 #include <stdexcept>
 #include <vector>
 
@@ -284,9 +285,7 @@ QImage readByQt(QIODevice *device, QString *error)
     return image.isNull() ? none(error, reader.errorString()) : image;
 }
 
-} // namespace
-
-QImage readImage(QIODevice *device, QString *error)
+QImage readAny(QIODevice *device, QString *error)
 {
     const QByteArray begin = device->peek(11);
     const bool isExr = begin.startsWith(QByteArrayView("\x76\x2f\x31\x01", 4));
@@ -302,8 +301,18 @@ QImage readImage(QIODevice *device, QString *error)
     const QByteArray bytes = device->readAll();
     if (isRadiance)
         return RadianceReader(bytes).read(error);
+    return readExr(bytes, error);
+}
+
+} // namespace
+
+QImage readImage(QIODevice *device, QString *error)
+{
+    // OpenEXR throws, and so does Qt where it has no memory.
     try {
-        return readExr(bytes, error);
+        return readAny(device, error);
+    } catch (const std::bad_alloc &) {
+        return none(error, QStringLiteral("there is not enough memory for it"));
     } catch (const std::exception &exception) {
         return none(error, QString::fromLocal8Bit(exception.what()).simplified());
     }
@@ -311,13 +320,19 @@ QImage readImage(QIODevice *device, QString *error)
 
 QImage readImage(const QString &path, QString *error)
 {
-    QFile file(path);
     QString reason;
-    const bool isOpen = file.open(QIODevice::ReadOnly);
-    QImage image = isOpen ? readImage(&file, &reason) : QImage();
-    if (image.isNull())
-        fail(error, QStringLiteral("cannot read image '%1': %2").arg(path, isOpen ? reason : file.errorString()));
-    return image;
+    try {
+        QFile file(path);
+        const bool isOpen = file.open(QIODevice::ReadOnly);
+        QImage image = isOpen ? readImage(&file, &reason) : QImage();
+        if (!image.isNull())
+            return image;
+        if (!isOpen)
+            reason = file.errorString();
+    } catch (const std::bad_alloc &) {
+        reason = QStringLiteral("there is not enough memory for it");
+    }
+    return none(error, QStringLiteral("cannot read image '%1': %2").arg(path, reason));
 }
 
 QImage displayImage(const QImage &image)

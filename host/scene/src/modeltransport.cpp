@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <new>
 #include <type_traits>
 
 namespace Brevane::Kvo {
@@ -213,7 +214,9 @@ public:
     {
         const qsizetype n = count(sizeof(T));
         const char *data = bytes(n * qsizetype(sizeof(T)));
-        QVector<T> values(data ? n : 0);
+        // Unlike the constructor with a size, it throws where there is no memory.
+        QVector<T> values;
+        values.resize(data ? n : 0);
         if (!values.isEmpty())
             std::memcpy(static_cast<void *>(values.data()), data, size_t(n) * sizeof(T));
         return values;
@@ -368,9 +371,7 @@ ModelItem readItem(Reader *reader, const ModelData &data)
     return item;
 }
 
-} // namespace
-
-bool writeModel(QIODevice *device, const ModelData &data, const ImportReport &report, QString *error)
+bool write(QIODevice *device, const ModelData &data, const ImportReport &report, QString *error)
 {
     const ImageTable images(data.materials);
     Writer writer(device);
@@ -416,7 +417,7 @@ bool writeModel(QIODevice *device, const ModelData &data, const ImportReport &re
     return writer.finish() || fail(error, device->errorString());
 }
 
-bool readModel(const QByteArray &bytes, ModelData *data, ImportReport *report, QString *error)
+bool read(const QByteArray &bytes, ModelData *data, ImportReport *report, QString *error)
 {
     const qsizetype length = bytes.size() - kWord;
     if (length < 2 * kWord || bytes.size() % kWord != 0)
@@ -458,6 +459,29 @@ bool readModel(const QByteArray &bytes, ModelData *data, ImportReport *report, Q
     *data = std::move(model);
     *report = std::move(found);
     return true;
+}
+
+// Qt throws where it has no memory.
+template <typename Work>
+bool withMemory(QString *error, Work &&work)
+{
+    try {
+        return work();
+    } catch (const std::bad_alloc &) {
+        return fail(error, QStringLiteral("there is not enough memory for it"));
+    }
+}
+
+} // namespace
+
+bool writeModel(QIODevice *device, const ModelData &data, const ImportReport &report, QString *error)
+{
+    return withMemory(error, [&] { return write(device, data, report, error); });
+}
+
+bool readModel(const QByteArray &bytes, ModelData *data, ImportReport *report, QString *error)
+{
+    return withMemory(error, [&] { return read(bytes, data, report, error); });
 }
 
 } // namespace Brevane::Kvo

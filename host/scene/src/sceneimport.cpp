@@ -127,7 +127,9 @@ private:
     {
         ModelMesh mesh;
         mesh.name = text(source.mName);
-        QVector<bool> usable(source.mNumVertices);
+        // Unlike the constructor with a size, it throws where there is no memory.
+        QVector<bool> usable;
+        usable.resize(source.mNumVertices);
         mesh.positions.resize(source.mNumVertices);
         for (unsigned i = 0; i < source.mNumVertices; ++i) {
             const aiVector3D &p = source.mVertices[i];
@@ -359,17 +361,16 @@ ModelData importScene(const QString &path, const ImportOptions &options, ImportR
         report = &local;
     *report = ImportReport();
     ModelData data;
-    if (checkFile(path, &report->error)) {
-        // The importer and what it calls may throw; nothing of that leaves this function.
-        try {
+    // The importer and what it calls may throw, and so does Qt without memory; nothing of that leaves this function.
+    try {
+        if (checkFile(path, &report->error))
             data = readScene(path, options, report);
-        } catch (const std::bad_alloc &) {
-            report->error = QStringLiteral("there is not enough memory for it");
-        } catch (const std::exception &exception) {
-            report->error = QString::fromLocal8Bit(exception.what());
-        } catch (...) {
-            report->error = QStringLiteral("the importer gave up");
-        }
+    } catch (const std::bad_alloc &) {
+        report->error = QStringLiteral("there is not enough memory for it");
+    } catch (const std::exception &exception) {
+        report->error = QString::fromLocal8Bit(exception.what());
+    } catch (...) {
+        report->error = QStringLiteral("the importer gave up");
     }
     if (report->error.isEmpty())
         return data;
