@@ -8,6 +8,8 @@
 #include <QSet>
 #include <QTemporaryDir>
 
+#include <gtest/gtest.h>
+
 // The jobs of a batch: how lines become pictures, what tells pictures apart, and who makes which.
 
 using namespace Qt::StringLiterals;
