@@ -1,4 +1,5 @@
 #include "support/gltest.h"
+#include "support/hostpasses.h"
 #include "support/messages.h"
 #include "support/passvalues.h"
 
@@ -77,6 +78,9 @@ std::vector<PassRow> rowsWithInputs()
     std::vector<PassRow> rows;
     for (const PassRow &row : passTable())
         if (!row.inputs.empty())
+            rows.push_back(row);
+    for (const PassRow &row : hostPassTable())
+        if (!row.inputs.empty() && passFactory().knows(text(row.className)))
             rows.push_back(row);
     return rows;
 }
