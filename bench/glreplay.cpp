@@ -28,7 +28,7 @@ namespace {
     X(BlitFramebuffer) X(BufferSubData) X(CheckFramebufferStatus) X(Clear) X(ClearBufferfi) X(ClearBufferfv)           \
     X(ClearBufferiv) X(GetFramebufferAttachmentParameteriv) X(GetVertexAttribIuiv)                                     \
     X(ClearBufferuiv) X(ClearColor) X(ClearStencil) X(ColorMask) X(CopyBufferSubData) X(DepthFunc) X(DepthMask) X(DepthRange)               \
-    X(Disable) X(DrawArrays) X(DrawBuffer) X(DrawBuffers) X(DrawElements) X(Enable) X(FramebufferTexture)              \
+    X(Disable) X(Disablei) X(Enablei) X(ScissorIndexed) X(DrawArrays) X(DrawBuffer) X(DrawBuffers) X(DrawElements) X(Enable) X(FramebufferTexture)              \
     X(FramebufferTexture2D) X(FramebufferTextureLayer) X(FrontFace) X(GenerateMipmap) X(GetBooleanv)                   \
     X(GetFloatv) X(GetIntegeri_v) X(GetInteger64i_v) X(GetIntegerv) X(GetTexLevelParameteriv)                          \
     X(GetTexParameteriv) X(IsEnabled) X(MemoryBarrier) X(MultiDrawElementsIndirect) X(ReadBuffer)        \
@@ -239,11 +239,13 @@ void GLReplay::run() const
         case DepthRange: glDepthRange(a[0], a[1]); break;
         case DepthMask: glDepthMask(a[0] != 0); break;
         case Disable: glDisable(u(0)); break;
+        case Disablei: glDisablei(u(0), u(1)); break;
         case DrawArrays: glDrawArrays(u(0), i(1), i(2)); break;
         case DrawBuffer: glDrawBuffer(u(0)); break;
         case DrawBuffers: glDrawBuffers(i(0), c.names.data()); break;
         case DrawElements: glDrawElements(u(0), i(1), u(2), pointer(a[3])); break;
         case Enable: glEnable(u(0)); break;
+        case Enablei: glEnablei(u(0), u(1)); break;
         case FramebufferTexture: glFramebufferTexture(u(0), u(1), u(2), i(3)); break;
         case FramebufferTexture2D: glFramebufferTexture2D(u(0), u(1), u(2), u(3), i(4)); break;
         case FramebufferTextureLayer: glFramebufferTextureLayer(u(0), u(1), u(2), i(3), i(4)); break;
@@ -260,6 +262,7 @@ void GLReplay::run() const
             break;
         }
         case Scissor: glScissor(i(0), i(1), i(2), i(3)); break;
+        case ScissorIndexed: glScissorIndexed(u(0), i(1), i(2), i(3), i(4)); break;
         case StencilFunc: glStencilFunc(u(0), i(1), u(2)); break;
         case StencilFuncSeparate: glStencilFuncSeparate(u(0), u(1), i(2), u(3)); break;
         case StencilMaskSeparate: glStencilMaskSeparate(u(0), u(1)); break;
