@@ -25,6 +25,22 @@ using namespace Test;
 
 namespace {
 
+// For whoever wants to know what to save: KVO_CALLS=1.
+void print(const GlCalls &calls, const Bench::GLReplay &bare)
+{
+    if (!std::getenv("KVO_CALLS"))
+        return;
+    std::map<std::string, int> byName;
+    for (const GlCall &call : calls.all())
+        ++byName[call.name];
+    std::printf("%3d calls, %d needed:", int(calls.all().size()), bare.callCount());
+    for (const auto &[name, count] : byName)
+        std::printf(" %s %d", name.c_str(), count);
+    std::printf("\n");
+    if (qstrcmp(std::getenv("KVO_CALLS"), "2") == 0)
+        std::printf("%s\n", qPrintable(calls.toString()));
+}
+
 class CallCounts : public GLTest, public ::testing::WithParamInterface<PassCase>
 {
 protected:
@@ -73,6 +89,25 @@ protected:
         return std::make_unique<Bench::GLReplay>(calls);
     }
 
+    // As in the middle of a pipeline's frame: values at their defaults, and what is bound known.
+    void expectHardlyMoreThanNeeded()
+    {
+        const DefaultState state;
+        const DefaultState::Known known(true);
+        const std::unique_ptr<Bench::GLReplay> bare = needed();
+        const BindingScope bindings;
+        for (int i = 0; i < 3; ++i)
+            runFrame(*pass);
+        const GlCalls calls;
+        runFrame(*pass);
+        const GlCalls::Pause pause;
+        print(calls, *bare);
+        // A copy asks three things first that GL wants of both sides: any host texture may be one side, and any
+        // framebuffer the other.
+        const int questions = qstrcmp(GetParam().className, "TextureToScreenRenderPass") == 0 ? 3 : 0;
+        EXPECT_LE(double(calls.all().size()), 1.3 * bare->callCount() + questions) << qPrintable(calls.toString());
+    }
+
     std::unique_ptr<Values> values;
     std::unique_ptr<RenderPassHelper> pass;
 };
@@ -82,43 +117,22 @@ std::string caseName(const ::testing::TestParamInfo<PassCase> &info)
     return info.param.className;
 }
 
-// For whoever wants to know what to save: KVO_CALLS=1.
-void print(const GlCalls &calls, const Bench::GLReplay &bare)
-{
-    if (!std::getenv("KVO_CALLS"))
-        return;
-    std::map<std::string, int> byName;
-    for (const GlCall &call : calls.all())
-        ++byName[call.name];
-    std::printf("%3d calls, %d needed:", int(calls.all().size()), bare.callCount());
-    for (const auto &[name, count] : byName)
-        std::printf(" %s %d", name.c_str(), count);
-    std::printf("\n");
-    if (qstrcmp(std::getenv("KVO_CALLS"), "2") == 0)
-        std::printf("%s\n", qPrintable(calls.toString()));
-}
-
 INSTANTIATE_TEST_SUITE_P(Passes, CallCounts, ::testing::ValuesIn(passCases()), caseName);
 
 } // namespace
 
-// As in the middle of a pipeline's frame: values at their defaults, and what is bound known.
 TEST_P(CallCounts, AreHardlyMoreThanThePictureNeeds)
 {
-    const DefaultState state;
-    const DefaultState::Known known(true);
-    const std::unique_ptr<Bench::GLReplay> bare = needed();
-    const BindingScope bindings;
-    for (int i = 0; i < 3; ++i)
-        runFrame(*pass);
-    const GlCalls calls;
-    runFrame(*pass);
-    const GlCalls::Pause pause;
-    print(calls, *bare);
-    // A copy asks three things first that GL wants of both sides: any host texture may be one side, and any
-    // framebuffer the other.
-    const int questions = qstrcmp(GetParam().className, "TextureToScreenRenderPass") == 0 ? 3 : 0;
-    EXPECT_LE(double(calls.all().size()), 1.3 * bare->callCount() + questions) << qPrintable(calls.toString());
+    expectHardlyMoreThanNeeded();
+}
+
+// Layers take ways that solid surfaces do not.
+TEST_P(CallCounts, AreHardlyMoreThanAPictureOfGlassNeeds)
+{
+    for (int i = 0; i < pass->numInputs(); ++i)
+        if (pass->inputValue(i).userType() == qMetaTypeId<GPUModel *>())
+            pass->setInput(i, QVariant::fromValue(&values->glass()));
+    expectHardlyMoreThanNeeded();
 }
 
 } // namespace Brevane::Kvo
