@@ -91,6 +91,7 @@ QRect coveredPixels(const GPUModel::BoundingBox &box, const QMatrix4x4 &projecti
 
 ScissorScope::ScissorScope(const QRect &pixels)
 {
+    glGetIntegerv(GL_SCISSOR_BOX, _before);
     setFirstScissorBox({pixels.x(), pixels.y(), pixels.width(), pixels.height()});
     setFirstScissorTest(true);
 }
@@ -98,6 +99,7 @@ ScissorScope::ScissorScope(const QRect &pixels)
 ScissorScope::~ScissorScope()
 {
     setFirstScissorTest(false);
+    setFirstScissorBox(_before);
 }
 
 } // namespace Brevane::Kvo

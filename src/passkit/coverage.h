@@ -15,7 +15,8 @@ namespace Brevane::Kvo {
 KVO_RENDERPASSES_EXPORT QRect coveredPixels(const GPUModel::BoundingBox &box, const QMatrix4x4 &projection,
                                             const QMatrix4x4 &camera);
 
-/// Where nothing but a rectangle is cleared and drawn, as long as this lives. The pass guards the scissor box.
+/// Where nothing but a rectangle is cleared and drawn, as long as this lives. The scissor test, which is off before, is
+/// off afterwards, and its box is what it was: in a pipeline nobody else would put that back.
 class KVO_RENDERPASSES_EXPORT ScissorScope
 {
 public:
@@ -23,6 +24,9 @@ public:
     ~ScissorScope();
     ScissorScope(const ScissorScope &) = delete;
     ScissorScope &operator=(const ScissorScope &) = delete;
+
+private:
+    int _before[4] = {};
 };
 
 } // namespace Brevane::Kvo

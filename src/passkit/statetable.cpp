@@ -170,7 +170,7 @@ const std::vector<StateRow> &stateTable()
           clearColor(0, 0, 0, 0), depthMask(true, kWithModel),
           left(P::BlendFunction, "source by 1 - alpha, target by alpha",
                blendFunction(GL_ONE_MINUS_SRC_ALPHA, GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA, GL_SRC_ALPHA), kWithModel)},
-         {P::BlendEquation, P::ScissorBox}},
+         {P::BlendEquation}},
         {"ShadowMapRenderPass",
          with({clearColor(1e9, 1e9, 1e9, 1), off(P::Blending, kWithCasters), off(P::FaceCulling, kWithCasters),
                off(P::DepthClamp, kWithCasters), depthMask(true, kWithCasters)},

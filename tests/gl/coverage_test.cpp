@@ -183,17 +183,21 @@ TEST_F(Coverage, HoldsWhereSinglePrecisionPutsAPoint)
     EXPECT_NE(coveredPixels({{0, 0, -3}, {1e-9f, 1e-9f, -1 - 1e-2f}}, projection, camera), kViewport);
 }
 
-TEST_F(Coverage, AScopeLetsNothingElseBeClearedAndLeavesTheTestOff)
+TEST_F(Coverage, AScopeSetsTheScissorAndLeavesItOffWithTheBoxOfBefore)
 {
-    GLint before[4];
-    glGetIntegerv(GL_SCISSOR_BOX, before);
+    const auto box = [] {
+        GLint numbers[4];
+        glGetIntegerv(GL_SCISSOR_BOX, numbers);
+        return QRect(numbers[0], numbers[1], numbers[2], numbers[3]);
+    };
+    const QRect before = box();
+    glScissor(1, 2, 30, 40);
     {
         const ScissorScope scope(QRect(3, 4, 5, 6));
-        GLint box[4];
-        glGetIntegerv(GL_SCISSOR_BOX, box);
-        EXPECT_EQ(QRect(box[0], box[1], box[2], box[3]), QRect(3, 4, 5, 6));
+        EXPECT_EQ(box(), QRect(3, 4, 5, 6));
         EXPECT_TRUE(glIsEnabled(GL_SCISSOR_TEST));
     }
     EXPECT_FALSE(glIsEnabled(GL_SCISSOR_TEST));
-    glScissor(before[0], before[1], before[2], before[3]);
+    EXPECT_EQ(box(), QRect(1, 2, 30, 40));
+    glScissor(before.x(), before.y(), before.width(), before.height());
 }
