@@ -44,9 +44,10 @@ public:
     int numOutputs() const override;
     QString inputName(int index) const override;
     QString outputName(int index) const override;
-    /// Stores a value. A texture is first brought into the form that this pass reads, so that any
-    /// output can be wired to any input; everything else is stored as it came. Values only borrow: an
-    /// object that is destroyed later reads as nothing when the pass starts.
+    /// Stores a value. A texture is first brought into the form that this pass reads, so that any output can be wired to
+    /// any input; everything else is stored as it came. What is of another type than the slot takes reads as that type's
+    /// default, which is said once, through qWarning. Values only borrow: an object that is destroyed later reads as
+    /// nothing when the pass starts.
     void setInput(int index, const QVariant &value) override;
     QVariant defaultValue(int index) const override;
     void setDefaultValue(int index, const QVariant &value) override;
@@ -57,9 +58,9 @@ public:
     unsigned int errorCode() const override;
     void setErrorCode(unsigned int code) override;
 
-    /// Index of the input of that name, or -1.
+    /// Index of the input of that full name ("Kvo_QRect_Viewport"), or -1.
     int findInput(const QString &name) const;
-    /// Index of the output of that name, or -1.
+    /// Index of the output of that full name, or -1.
     int findOutput(const QString &name) const;
 
     /// What an input is for; null for a slot of which nothing is said, as those that a host adds by name.

@@ -97,7 +97,10 @@ struct ModelItem
 {
     int mesh = 0; ///< Its number in ModelData::meshes.
     int material = 0; ///< Its number in ModelData::materials.
-    QMatrix4x4 transform; ///< Object to world.
+    /// Object to world. Normals turn with its inverse, transposed, and passes that do not make them unit length again
+    /// (ForwardRenderPass, TransparencyRenderPass, VisibilityDeferredRenderPass) light an item that is scaled to a
+    /// fifth five times as brightly: scale the mesh instead.
+    QMatrix4x4 transform;
     quint64 flags = 0; ///< See GPUModel::draw. Bit 60: shadow passes draw it unculled; bits 62, 63: casts no shadow.
 };
 
@@ -156,7 +159,8 @@ public:
     /// of range or vertices that are not finite are dropped, items with an unknown mesh or material
     /// too, each with a line in \a warnings; missing normals are computed, see computedNormals, missing texture
     /// coordinates are 0. False when there is no usable context or too much data, with the reason in
-    /// \a warnings; the model is then what it was before. Until the new scene is whole there is room for both.
+    /// \a warnings; the model is then what it was before. Without \a warnings they go to qWarning. Until the new
+    /// scene is whole there is room for both.
     bool upload(const ModelData &data, QStringList *warnings = nullptr);
 
     /// Draws the items whose flags, ANDed with \a mask, equal \a value, with \a program, which is bound.
@@ -182,9 +186,10 @@ public:
     void cull(const QMatrix4x4 *viewProjections, int count);
     /// Takes back what cull left out.
     void resetCulling();
-    /// Box of all items; both corners 0 for an empty model. It touches the vertices that triangles use. Only
-    /// where items that are turned or sheared have more than 5 million triangles together, those after them
-    /// count with the box that their mesh has before it is turned, which may leave room around them.
+    /// Box of all items, where upload placed them (drawBounds knows where they are now); both corners 0 for an empty
+    /// model. It touches the vertices that triangles use. Only where items that are turned or sheared have more than 5
+    /// million triangles together, those after them count with the box that their mesh has before it is turned, which
+    /// may leave room around them.
     BoundingBox sceneBounds() const;
     /// Box of the items that draw would draw, where they stand now: see cull. A little larger than they are, for what
     /// rounding may move, and infinite where an item's transform has a projection in it or is not finite. Both corners
@@ -193,9 +198,12 @@ public:
 
     /// The geometry of a batch. The model is one batch: index 0, null otherwise.
     DrawBuffers *drawBuffers(int index);
-    /// Per-draw data of that batch under the plan "InstanceInfo"; null for other indices.
+    /// Per-draw data of that batch under the plan "InstanceInfo"; null for other indices. Eight texels a draw: the
+    /// columns of the transform, and those of its inverse, transposed. Draws are the items without those that upload
+    /// dropped. What a host sets shows from the next frame on.
     InstanceDataCollection *objectData(int index);
-    /// Per-draw data of that batch under the plan "OBJMaterial"; null for other indices.
+    /// Per-draw data of that batch under the plan "OBJMaterial"; null for other indices. Three texels a draw: Kd and
+    /// Ns, Ks and D, handles of map_Kd and map_Ks.
     InstanceDataCollection *materialData(int index);
     /// Per-draw data of that batch under the plan "SurfaceMaterial"; null for other indices. It is made, and the maps
     /// of the surfaces go to the GPU, when it is asked for first: models that are drawn otherwise do not pay for

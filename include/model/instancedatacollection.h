@@ -29,7 +29,8 @@ public:
 
     /// What each draw's data are.
     const InstanceDataPlan *plan() const;
-    /// Replaces the data. False, with a message, for more draws than the driver's texture buffers hold.
+    /// Replaces the data. False, with a message, for more draws than the driver's texture buffers hold, which changes
+    /// nothing, and where the driver has no room for the data, which bind then tries again to give it.
     bool setData(const QVector<float> &data);
     /// The floats that were set last.
     const QVector<float> &data() const { return _data; }
@@ -48,12 +49,16 @@ public:
     bool unbind() override;
 
 private:
+    bool _upload();
+
     const InstanceDataPlan *_plan;
     QSharedPointer<BufferObject> _buffer;
     std::unique_ptr<Texture> _texture;
     QVector<float> _data;
+    quint64 _shareGroup = 0; ///< In which the data was set.
     int _revision = 0;
     int _drawCount = 0;
+    bool _isUploaded = true; ///< All of the data, with the texture on it.
 };
 
 } // namespace Brevane::Kvo

@@ -221,7 +221,7 @@ class Camera:
         if self._matrices is not None:
             return self._matrices
         bounds = model.bounds if isinstance(model, Model) else np.asarray(model)
-        width, height = size
+        width, height = _sides(size)
         return _kvo.camera_view(self._text, bounds, width / height)
 
     def _view(self) -> Any:
@@ -395,6 +395,14 @@ class Texture:
         return self._texture.read()
 
 
+def _sides(size: Any) -> tuple[int, int]:
+    try:
+        width, height = (int(side) for side in size)
+    except (TypeError, ValueError) as error:
+        raise type(error)(f"a size is (width, height) in pixels, not {size!r}") from None
+    return width, height
+
+
 def _slot_text(value: Any) -> str:
     """A value as pipeline files write it."""
     if value is None:
@@ -478,6 +486,10 @@ class Pass:
 
     def _inputs(self) -> list[dict[str, Any]]:
         return self._pipeline._pipeline.inputs(self._name)
+
+    def _takes_image(self, slot: str) -> bool:
+        names = [entry["slot"] for entry in self._inputs()]
+        return any("KvoTexture*" in name and slot in (name, _short(name)) for name in names)
 
     def __getattr__(self, name: str) -> Any:
         if name.startswith("_"):
@@ -574,6 +586,7 @@ class Pipeline:
         # The library calls such uniforms by the whole name of the slot.
         defines = "".join(f"#define u_{slot} {full}\n" for slot, full in names.items())
         added = self.add(name, "ShaderRenderPass")
+        added.setName(name)
         sources = dict(inputs or {})
         for slot in sources:
             added.addInput(f"Kvo_KvoTexture*_{slot}")
@@ -637,6 +650,8 @@ class Pipeline:
             self._pipeline.set_texture(name, slot, value._texture)
         elif isinstance(value, Model):
             self._pipeline.set_model(name, slot, value._model)
+        elif isinstance(value, np.ndarray) and self[name]._takes_image(slot):
+            raise TypeError(f"'{name}.{slot}' takes an image: make one of the array by kvo.Texture(array)")
         else:
             self._pipeline.set_text(name, slot, _slot_text(value))
 
@@ -674,7 +689,7 @@ class Pipeline:
         ``size`` is (width, height) in pixels. ``out`` takes the picture: a contiguous array ``(h, w, 4)`` of uint8.
         ``on_pass`` is called with the name of each pass of the last frame behind it; ``output`` reads what it made.
         """
-        width, height = (int(side) for side in size)
+        width, height = _sides(size)
         names = None if outputs is None else list(outputs)
         picture = names is None or "image" in names or out is not None
         slots = [_split(name) for name in names or [] if name != "image"]

@@ -56,6 +56,10 @@ MISTAKES = {
     "a value of the wrong type": (kvo.Error, lambda p: p.set("Forward", "Viewport", "wide"), "Viewport"),
     "a value that is not a number": (ValueError, lambda p: p.set("Forward", "Viewport", [0, 0, math.nan, 1]), "nan"),
     "a value of no kind": (TypeError, lambda p: p.set("Forward", "Viewport", object()), "object"),
+    "an array for an image": (TypeError, lambda p: p.set("Present", "Texture", np.ones((4, 4, 3))), "kvo.Texture(array)"),
+    "a size of one side": (TypeError, lambda p: p.render(size=64), "(width, height) in pixels, not 64"),
+    "a size of text": (ValueError, lambda p: p.render(size="64x64"), "(width, height)"),
+    "a size of three": (ValueError, lambda p: kvo.orbit().matrices(rectangle(), (3, 4, 5)), "(width, height)"),
     "a class that is not there": (kvo.Error, lambda p: p.add("X", "BlendPass"), "Blend"),
     "a name that is taken": (kvo.Error, lambda p: p.add("Forward", "BlendRenderPass"), "Forward"),
     "an output without a pass": (ValueError, lambda p: p.render(rectangle(), outputs=["Depth"]), "Pass.Slot"),
@@ -166,6 +170,6 @@ def test_a_failure_is_told_once_by_the_call_that_it_belongs_to():
         raise KeyError(name)
 
     # The shader fails, and then the caller's own function does: the first reason is told.
-    with pytest.raises(kvo.Error, match="nothing"):
+    with pytest.raises(kvo.Error, match="(?s)program 'Broken' failed.*nothing"):
         pipeline.render(size=(4, 4), outputs=["Broken.Frame"], on_pass=fails)
     assert kvo.render(size=(4, 4)).any(), "nothing of it is left for another call"

@@ -3,6 +3,7 @@
 #include "core/hostcode.h"
 #include "core/liveobjects.h"
 #include "core/log.h"
+#include "core/slottypes.h"
 
 #include <QMetaType>
 #include <QObject>
@@ -69,15 +70,6 @@ QVariant inForm(const QVariant &value, TextureForm form)
     return converted;
 }
 
-bool inRange(const char *operation, int index, qsizetype size)
-{
-    if (index >= 0 && index < size)
-        return true;
-    const HostCode hostCode;
-    qCritical("%s: slot index %d is out of range, the pass has %d", operation, index, int(size));
-    return false;
-}
-
 int indexOf(const QVector<PassSlot> &slots_, const QString &name)
 {
     // Passes may look slots up in every frame; this is a multiple faster than QString's ==.
@@ -111,6 +103,49 @@ QString classNameOf(const std::type_info &type)
     return name.mid(scope + 1);
 }
 
+void say(const RenderPassHelper &pass, int index, const QString &what)
+{
+    const HostCode hostCode;
+    qWarning("%s: %s %s", qPrintable(classNameOf(typeid(pass))), qPrintable(pass.inputName(index)), qPrintable(what));
+}
+
+// Whether it can be told without looking that a value is as good as the one before.
+bool isPlainlyLike(const QVariant &value, const QVariant &before)
+{
+    const QMetaType type = value.metaType();
+    if (type != before.metaType())
+        return false;
+    // Objects mostly stay the same for many frames.
+    if (type.flags() & (QMetaType::IsPointer | QMetaType::PointerToQObject))
+        return *static_cast<const void *const *>(value.constData())
+               == *static_cast<const void *const *>(before.constData());
+    return type.id() != QMetaType::QString && type.id() != QMetaType::QByteArray && type.id() != QMetaType::QStringList;
+}
+
+// Says what is wrong with a value, once for values that the same is wrong with.
+void checkInput(const RenderPassHelper &pass, int index, const QVariant &value)
+{
+    const QString name = pass.inputName(index);
+    const SlotInfo *info = pass.inputInfo(index);
+    const char *wanted = typeWantedInsteadOf(name, info, value);
+    const QVariant before = pass.inputValue(index);
+    if (wanted && (value.metaType() != before.metaType() || !typeWantedInsteadOf(name, info, before)))
+        say(pass, index,
+            QStringLiteral("takes a %1; a value of type '%2' is none and is not read")
+                .arg(QLatin1StringView(wanted), QLatin1StringView(value.metaType().name())));
+}
+
+bool inRange(const RenderPassHelper *pass, const char *operation, int index, qsizetype size)
+{
+    if (index >= 0 && index < size)
+        return true;
+    const HostCode hostCode;
+    // -1 comes of a name that there is not.
+    qCritical("%s: %s: slot index %d is out of range, the pass has %d", qPrintable(classNameOf(typeid(*pass))),
+              operation, index, int(size));
+    return false;
+}
+
 } // namespace
 
 RenderPassHelper::RenderPassHelper() = default;
@@ -137,30 +172,33 @@ int RenderPassHelper::numOutputs() const
 
 QString RenderPassHelper::inputName(int index) const
 {
-    return inRange("inputName", index, _inputs.size()) ? _inputs.at(index).name : QString();
+    return inRange(this, "inputName", index, _inputs.size()) ? _inputs.at(index).name : QString();
 }
 
 QString RenderPassHelper::outputName(int index) const
 {
-    return inRange("outputName", index, _outputs.size()) ? _outputs.at(index).name : QString();
+    return inRange(this, "outputName", index, _outputs.size()) ? _outputs.at(index).name : QString();
 }
 
 void RenderPassHelper::setInput(int index, const QVariant &value)
 {
-    if (!inRange("setInput", index, _inputs.size()))
+    if (!inRange(this, "setInput", index, _inputs.size()))
         return;
-    _inputs[index].value = inForm(value, _textureForm);
+    const QVariant taken = inForm(value, _textureForm);
+    if (!isPlainlyLike(taken, _inputs.at(index).value))
+        checkInput(*this, index, taken);
+    _inputs[index].value = taken;
     _inputStates[index].wasSet = true;
 }
 
 QVariant RenderPassHelper::defaultValue(int index) const
 {
-    return inRange("defaultValue", index, _inputs.size()) ? _inputStates.at(index).defaultValue : QVariant();
+    return inRange(this, "defaultValue", index, _inputs.size()) ? _inputStates.at(index).defaultValue : QVariant();
 }
 
 void RenderPassHelper::setDefaultValue(int index, const QVariant &value)
 {
-    if (!inRange("setDefaultValue", index, _inputs.size()))
+    if (!inRange(this, "setDefaultValue", index, _inputs.size()))
         return;
     InputState &state = _inputStates[index];
     state.defaultValue = value;
@@ -170,7 +208,7 @@ void RenderPassHelper::setDefaultValue(int index, const QVariant &value)
 
 QVariant RenderPassHelper::output(int index) const
 {
-    if (!inRange("output", index, _outputs.size()))
+    if (!inRange(this, "output", index, _outputs.size()))
         return QVariant();
     const PassSlot &slot = _outputs.at(index);
     return isGone(slot) ? nullLike(slot.value) : slot.value;
@@ -178,7 +216,7 @@ QVariant RenderPassHelper::output(int index) const
 
 void RenderPassHelper::setNumOutputUsers(int index, int count)
 {
-    if (inRange("setNumOutputUsers", index, _numOutputUsers.size()))
+    if (inRange(this, "setNumOutputUsers", index, _numOutputUsers.size()))
         _numOutputUsers[index] = count;
 }
 
@@ -230,21 +268,21 @@ const PassInfo *RenderPassHelper::passInfo() const
 
 QVariant RenderPassHelper::inputValue(int index) const
 {
-    return inRange("inputValue", index, _inputs.size()) ? _inputs.at(index).value : QVariant();
+    return inRange(this, "inputValue", index, _inputs.size()) ? _inputs.at(index).value : QVariant();
 }
 
 void RenderPassHelper::reportInput(int index, const QString &what)
 {
-    if (!inRange("reportInput", index, _inputStates.size()) || std::exchange(_inputStates[index].isReported, true))
+    if (!inRange(this, "reportInput", index, _inputStates.size())
+        || std::exchange(_inputStates[index].isReported, true))
         return;
-    const HostCode hostCode;
-    qWarning("%s: %s %s", qPrintable(classNameOf(typeid(*this))), qPrintable(_inputs.at(index).name), qPrintable(what));
+    say(*this, index, what);
 }
 
 void RenderPassHelper::acceptInput(int index)
 {
     // Read first: to write would copy what copies of the pass share.
-    if (inRange("acceptInput", index, _inputStates.size()) && _inputStates.at(index).isReported)
+    if (inRange(this, "acceptInput", index, _inputStates.size()) && _inputStates.at(index).isReported)
         _inputStates[index].isReported = false;
 }
 

@@ -748,7 +748,33 @@ void NeutralState::leave(std::initializer_list<StatePiece> pieces)
     }
 }
 
-DefaultState::DefaultState()
+namespace {
+
+StatePieces setOf(std::initializer_list<StatePiece> pieces)
+{
+    StatePieces set;
+    for (const StatePiece piece : pieces)
+        set.set(std::size_t(piece));
+    return set;
+}
+
+void reset(const StatePieces &pieces)
+{
+    for (std::size_t i = 0; i < kStateValues; ++i) {
+        if (pieces.test(i))
+            infoOf(i).write(infoOf(i).defaults.data());
+    }
+}
+
+} // namespace
+
+DefaultState::DefaultState() : DefaultState(StatePieces().set(), StatePieces()) {}
+
+DefaultState::DefaultState(std::initializer_list<StatePiece> changed)
+    : DefaultState(~setOf({StatePiece::StencilFunction}), setOf(changed))
+{}
+
+DefaultState::DefaultState(const StatePieces &pieces, const StatePieces &changed) : _changed(changed)
 {
     glGetIntegerv(GL_DRAW_FRAMEBUFFER_BINDING, &_bindings[0]);
     glGetIntegerv(GL_READ_FRAMEBUFFER_BINDING, &_bindings[1]);
@@ -757,7 +783,7 @@ DefaultState::DefaultState()
     glGetIntegerv(GL_ACTIVE_TEXTURE, &_bindings[4]);
     glGetIntegerv(GL_ARRAY_BUFFER_BINDING, &_bindings[5]);
     if (ContextState *state = ContextState::current()) {
-        const StatePieces here = valuesOf(*state);
+        const StatePieces here = valuesOf(*state) & pieces;
         _before.takeOver(here);
         if (here.test(std::size_t(StatePiece::TransformFeedback)))
             _feedbackPaused = pauseFeedback();
@@ -766,6 +792,7 @@ DefaultState::DefaultState()
 
 DefaultState::~DefaultState()
 {
+    reset(_changed);
     _before.putBack();
     glBindFramebuffer(GL_DRAW_FRAMEBUFFER, GLuint(_bindings[0]));
     glBindFramebuffer(GL_READ_FRAMEBUFFER, GLuint(_bindings[1]));
@@ -779,10 +806,7 @@ DefaultState::~DefaultState()
 
 void DefaultState::resetAfter(const StateRow &row)
 {
-    for (std::size_t i = 0; i < kStateValues; ++i) {
-        if (row.toReset.test(i))
-            infoOf(i).write(infoOf(i).defaults.data());
-    }
+    reset(row.toReset);
 }
 
 void DefaultState::resetAll()

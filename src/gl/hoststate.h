@@ -191,7 +191,11 @@ private:
 class KVO_GL_EXPORT DefaultState
 {
 public:
+    /// For code that may leave anything changed, and resets it before the end of the scope.
     DefaultState();
+    /// For code that leaves these pieces changed and uses no stencil. The stencil function stays what it is, since GL
+    /// does not always tell the reference values.
+    explicit DefaultState(std::initializer_list<StatePiece> changed);
     ~DefaultState();
     DefaultState(const DefaultState &) = delete;
     DefaultState &operator=(const DefaultState &) = delete;
@@ -219,8 +223,11 @@ public:
     };
 
 private:
+    DefaultState(const StatePieces &pieces, const StatePieces &changed);
+
     std::array<int, 6> _bindings{};
     bool _feedbackPaused = false;
+    StatePieces _changed;
     StateValues _before;
 };
 

@@ -1,5 +1,6 @@
 #include "model/gpumodel.h"
 
+#include "core/hostcode.h"
 #include "core/liveobjects.h"
 #include "gl/attributelocations.h"
 #include "gl/bufferobject.h"
@@ -62,8 +63,12 @@ bool isFinite(const QMatrix4x4 &m)
 
 void warn(QStringList *warnings, const QString &text)
 {
-    if (warnings)
+    if (warnings) {
         warnings->append(text);
+        return;
+    }
+    const HostCode hostCode;
+    qWarning("GPUModel: %s", qPrintable(text));
 }
 
 struct Box
@@ -117,6 +122,9 @@ struct Selection
     QSharedPointer<BufferObject> commands; // made on first indirect draw
     bool isMade = false; ///< Otherwise only the memory is still there.
     bool isUploaded = false;
+    bool isBounded = false; ///< At the places of boundedAt.
+    int boundedAt = 0;
+    GPUModel::BoundingBox bounds;
 };
 
 /// What some views leave out, and the selections of the rest.
@@ -366,6 +374,7 @@ public:
         }
         made.isMade = true;
         made.isUploaded = false;
+        made.isBounded = false;
     }
 
     bool canDrawIndirect() const
@@ -381,7 +390,7 @@ public:
     void cull(const QMatrix4x4 *viewProjections, int count);
 
     /// The box around what is selected.
-    GPUModel::BoundingBox boundsOf(const Selection &chosen);
+    GPUModel::BoundingBox boundsOf(Selection &chosen);
 
     /// Fills an object that holds nothing yet. What it has taken when it fails goes with it.
     bool upload(const ModelData &data, QStringList *warnings);
@@ -742,14 +751,20 @@ void GPUModelPrivate::followPlaces()
         known.matrices.clear();
 }
 
-GPUModel::BoundingBox GPUModelPrivate::boundsOf(const Selection &chosen)
+GPUModel::BoundingBox GPUModelPrivate::boundsOf(Selection &chosen)
 {
     if (chosen.items.empty())
         return {};
     followPlaces();
-    GPUModel::BoundingBox box;
-    culling.bound(chosen.items, box.minimum, box.maximum);
-    return box.minimum.x() > box.maximum.x() ? GPUModel::BoundingBox() : box;
+    // Asked for in every frame, of models that mostly stand still.
+    if (!chosen.isBounded || chosen.boundedAt != placesRevision) {
+        GPUModel::BoundingBox box;
+        culling.bound(chosen.items, box.minimum, box.maximum);
+        chosen.bounds = box.minimum.x() > box.maximum.x() ? GPUModel::BoundingBox() : box;
+        chosen.boundedAt = placesRevision;
+        chosen.isBounded = true;
+    }
+    return chosen.bounds;
 }
 
 // Matrices that were here before lead to their view at once. Others are looked at anew, and may lead to a view that

@@ -37,7 +37,8 @@ const InstanceDataPlan *InstanceDataCollection::plan() const
 
 bool InstanceDataCollection::setData(const QVector<float> &data)
 {
-    if (!ContextState::current())
+    const ContextState *state = ContextState::current();
+    if (!state)
         return false;
     constexpr int kFloatsPerTexel = 4;
     GLint most = 0;
@@ -52,14 +53,21 @@ bool InstanceDataCollection::setData(const QVector<float> &data)
     _data = data;
     ++_revision;
     _drawCount = int(texels / _plan->texelsPerDraw());
-    if (!_buffer->upload(data.constData(), int(data.size()), GL_STATIC_DRAW))
+    _shareGroup = state->group->id();
+    return _upload();
+}
+
+bool InstanceDataCollection::_upload()
+{
+    _isUploaded = false;
+    if (!_buffer->upload(_data.constData(), int(_data.size()), GL_STATIC_DRAW))
         return false;
     AutoBinder bound(_texture.get());
     if (!bound.isBound())
         return false;
     settleActiveUnit();
     glTexBuffer(GL_TEXTURE_BUFFER, GL_RGBA32F, _buffer->getBO());
-    return true;
+    return _isUploaded = true;
 }
 
 int InstanceDataCollection::drawCount() const
@@ -69,6 +77,9 @@ int InstanceDataCollection::drawCount() const
 
 bool InstanceDataCollection::bind(ShaderProgram *program, TextureManager *manager)
 {
+    // What the driver had no room for it may have by now; in another share group there is nothing to mend.
+    if (const ContextState *state = ContextState::current(); !_isUploaded && state && state->group->id() == _shareGroup)
+        _upload();
     if (!program || !_texture->bind())
         return false;
     program->setUniform(_plan->samplerName(), _texture->unit());

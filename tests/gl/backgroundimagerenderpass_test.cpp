@@ -469,11 +469,13 @@ TEST_F(BackgroundImage, WithNothingConnectedItRunsWithoutAWord)
     runFrame(*owned);
     owned->setInput(kViewport, QRect(0, 0, 4, 4));
     runFrame(*owned);
+    EXPECT_EQ(messages.texts(), QStringList());
     for (int input = 1; input < owned->numInputs(); ++input)
         owned->setInput(input, QVariant::fromValue(QRect(1, 2, 3, 4)));
     runFrame(*owned);
     EXPECT_NE(outputTexture(*owned, 0), nullptr);
-    EXPECT_EQ(messages.texts(), QStringList());
+    EXPECT_EQ(messages.containing(QStringLiteral("a value of type 'QRect' is none")), owned->numInputs() - 1);
+    EXPECT_EQ(messages.texts().size(), owned->numInputs() - 1);
 }
 
 TEST_F(BackgroundImage, SteadyFrameCreatesNothing)

@@ -4,6 +4,7 @@
 #include "support/modelpass.h"
 
 #include <gl/glinfo.h>
+#include <gl/guards.h>
 #include <gl/shaderprogram.h>
 #include <gl/texture.h>
 #include <host/fragmentlists.h>
@@ -12,7 +13,10 @@
 #include <renderpasses/visibilitysortrenderpass.h>
 
 #include <algorithm>
+#include <bit>
+#include <cmath>
 #include <random>
+#include <vector>
 
 using namespace Brevane::Kvo;
 using namespace Brevane::Kvo::Test;
@@ -220,4 +224,41 @@ TEST_F(FragmentListsOfAPass, OverflowAndLongListsAreTold)
     EXPECT_FALSE(lists.read(nullptr, nodeTexture.get(), 8, &error));
     EXPECT_FALSE(lists.read(nodeTexture.get(), nodeTexture.get(), 8, &error));
     EXPECT_TRUE(error.contains(QStringLiteral("head pointers"))) << qPrintable(error);
+}
+
+// Where a driver has no function for the bits of a float they are computed. Powers of two and their neighbours are where
+// a logarithm that is not exact gives the wrong exponent.
+TEST_F(FragmentListsOfAPass, BitsOfFloatsAreThoseOfTheFormat)
+{
+    std::vector<float> values{0.0f};
+    for (int exponent = -40; exponent <= 2; ++exponent) {
+        const float power = std::ldexp(1.0f, exponent);
+        values.insert(values.end(), {power, std::nextafter(power, 0.0f), std::nextafter(power, 8.0f), power * 1.5f});
+    }
+    std::mt19937 random(3);
+    while (values.size() < 512)
+        values.push_back(std::uniform_real_distribution<float>(0.0f, 1.0f)(random));
+    const int count = int(values.size());
+    const auto texture = makeTexture(GL_R32F, count, 1, values.data());
+    const AutoBinder bound(texture.get()); // on unit 0, which a sampler reads that nobody sets
+    for (const char *way : {"", "#define KVO_SOFTWARE_BIT_ENCODING\n"}) {
+        const auto program = makeProgram(
+            screenVertexText(),
+            QStringLiteral("#version 150\n%1#include \"ShaderBitEncoding.glslh\"\nuniform sampler2D values;\n"
+                           "out vec4 out_Color;\nvoid main()\n{\n"
+                           "  uint bits = floatBitsToUint(texelFetch(values, ivec2(gl_FragCoord.x, 0), 0).r);\n"
+                           "  out_Color = vec4(float(bits >> 16), float(bits & 0xFFFFu), uintBitsToFloat(bits), 1.0);\n"
+                           "}\n")
+                .arg(QLatin1String(way)));
+        const Target target(GL_RGBA32F, count, 1);
+        drawScreen(target, program.get());
+        const Image<float> picture = target.read();
+        for (int i = 0; i < count; ++i) {
+            const auto bits = std::bit_cast<quint32>(values[size_t(i)]);
+            const auto texel = picture.at(i, 0);
+            EXPECT_EQ(texel[0], float(bits >> 16)) << way << "high half of " << values[size_t(i)];
+            EXPECT_EQ(texel[1], float(bits & 0xFFFF)) << way << "low half of " << values[size_t(i)];
+            EXPECT_EQ(texel[2], values[size_t(i)]) << way;
+        }
+    }
 }

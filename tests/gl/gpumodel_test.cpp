@@ -279,6 +279,40 @@ public:
     static std::string nameOf(const ::testing::TestParamInfo<MeshRow> &row) { return row.param.name; }
 };
 
+// docs/embedding.md says it, for hosts that move items and change their colours.
+TEST_F(GPUModelTest, TheRecordOfADrawIsPlaceNormalsColorsAndMaps)
+{
+    ModelData scene = triangleScene({0.5f, 0.25f, 1});
+    scene.items[0].transform.translate(1, 2, 3);
+    scene.items[0].transform.rotate(30, 1, 0, 0);
+    scene.items[0].transform.scale(2, 1, 0.5f);
+    scene.materials[0].Ks = {0.125f, 0.75f, 0.375f};
+    scene.materials[0].Ns = 40;
+    scene.materials[0].D = 0.625f;
+    ASSERT_TRUE(model.upload(scene));
+    const QMatrix4x4 place = scene.items[0].transform, turned = place.inverted().transposed();
+    QVector<float> record(place.constData(), place.constData() + 16);
+    record += QVector<float>(turned.constData(), turned.constData() + 16);
+    EXPECT_EQ(model.objectData(0)->data(), record);
+    EXPECT_EQ(model.objectData(0)->plan()->texelsPerDraw(), 8);
+    EXPECT_EQ(model.materialData(0)->data(),
+              QVector<float>({0.5f, 0.25f, 1, 40, 0.125f, 0.75f, 0.375f, 0.625f, 0, 0, 0, 0}));
+    EXPECT_EQ(model.materialData(0)->plan()->texelsPerDraw(), 3);
+}
+
+TEST_P(GPUModelMeshTest, WhatIsLeftOutIsSaidWhereNobodyTookTheWarnings)
+{
+    ModelData scene = triangleScene({0.5f, 0.25f, 1});
+    scene.meshes[0].indices = GetParam().indices;
+    scene.meshes << quadMesh();
+    MessageCapture messages;
+    ASSERT_TRUE(model.upload(scene));
+    EXPECT_EQ(
+        messages.containing(QStringLiteral("GPUModel: mesh 'triangle': %1 triangles dropped").arg(GetParam().dropped)),
+        GetParam().dropped ? 1 : 0);
+    EXPECT_EQ(messages.texts().size(), GetParam().dropped ? 1 : 0);
+}
+
 TEST_P(GPUModelMeshTest, TrianglesThatCannotBeDrawnAreLeftOutAndCounted)
 {
     ModelData scene = triangleScene({0.5f, 0.25f, 1});
@@ -784,6 +818,28 @@ TEST_F(GPUModelTest, DrawBoundsHoldWhatIsSelectedWhereItStandsNow)
         }
         ASSERT_TRUE(model.objectData(0)->setData(placesOf(data)));
     }
+    // Boxes are kept, but not beyond what they are of: materials change, and views leave items out, more of them than
+    // are remembered.
+    QVector<float> materials = model.materialData(0)->data(); // of each item
+    for (const int every : {2, 3, 4}) {
+        for (int i = 0; i < kStones; ++i)
+            materials[i * materials.size() / kStones + 7] = i % every == 0 ? 0.5f : 1.0f;
+        ASSERT_TRUE(model.materialData(0)->setData(materials));
+        expectAround([every](int i) { return i % every == 0; }, model.drawBounds(0, 0, Opacity::Transparent));
+        expectAround([every](int i) { return i % every != 0; }, model.drawBounds(0, 0, Opacity::Opaque));
+    }
+    for (int view = 0; view < 150; ++view) {
+        SCOPED_TRACE(view);
+        const int item = view % kStones;
+        const QVector3D at = data.items[item].transform.column(3).toVector3D();
+        QMatrix4x4 around;
+        around.ortho(at.x() - 0.1f, at.x() + 0.1f, at.y() - 0.1f, at.y() + 0.1f, -at.z() - 0.1f, -at.z() + 0.1f);
+        model.cull(around);
+        const auto isKept = [this](int i) { return !model.isDrawEmpty(quint64(1) << i, quint64(1) << i); };
+        ASSERT_TRUE(isKept(item));
+        expectAround(isKept, model.drawBounds(0, 0));
+    }
+    model.resetCulling();
     const GPUModel::BoundingBox none = model.drawBounds(1, 0);
     EXPECT_EQ(none.minimum, QVector3D());
     EXPECT_EQ(none.maximum, QVector3D());

@@ -1,4 +1,5 @@
 #include "support/draw.h"
+#include "support/glfaults.h"
 #include "support/gltest.h"
 #include "support/messages.h"
 #include "support/passes.h"
@@ -240,6 +241,29 @@ TEST_F(InstanceDataTest, MoreDrawsThanTheDriverHoldsAreRefusedWithAMessage)
     EXPECT_EQ(messages.count(QtCriticalMsg), 1);
     EXPECT_EQ(messages.containing(name("OBJMaterial")), 1);
     EXPECT_EQ(collection.drawCount(), 3) << "what was there stays";
+}
+
+TEST_F(InstanceDataTest, WhatTheDriverHadNoRoomForIsTriedAgainByBinding)
+{
+    InstanceDataCollection collection(registry().getPlan(name("OBJMaterial")));
+    ASSERT_TRUE(collection.setData(QVector<float>(24, 1.0f)));
+    const int revision = collection.revision();
+    const MessageCapture messages;
+    {
+        const GlFaults fault(0, GlFault::Memory);
+        EXPECT_FALSE(collection.setData(QVector<float>(12, 0.25f)));
+        ASSERT_STREQ(fault.failed(), "glBufferData");
+    }
+    EXPECT_EQ(messages.count(QtWarningMsg) + messages.count(QtCriticalMsg), 1)
+        << qPrintable(messages.texts().join(u'|'));
+    EXPECT_EQ(collection.drawCount(), 1);
+    EXPECT_GT(collection.revision(), revision) << "the data is what was set";
+    EXPECT_EQ(evaluate("OBJMaterial", "getKd(), getNs()", collection, 0),
+              (std::array<float, 4>{0.25f, 0.25f, 0.25f, 0.25f}));
+    const GlCalls calls;
+    EXPECT_EQ(evaluate("OBJMaterial", "getKd(), getNs()", collection, 0),
+              (std::array<float, 4>{0.25f, 0.25f, 0.25f, 0.25f}));
+    EXPECT_EQ(calls.count("glTexBuffer"), 0) << "once it is there";
 }
 
 TEST_F(InstanceDataTest, WithoutAContextNoDataIsTaken)

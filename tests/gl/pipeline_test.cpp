@@ -212,6 +212,51 @@ protected:
 
 } // namespace
 
+TEST_F(PipelineFrames, SayOnceWhichHostValuesWereNeverSet)
+{
+    ASSERT_TRUE(pipeline->add(s("Maps"), s("ShadowMapRenderPass")));
+    ASSERT_TRUE(pipeline->add(s("A"), s("ForwardRenderPass")));
+    ASSERT_TRUE(pipeline->add(s("B"), s("ModelRenderPass")));
+    ASSERT_TRUE(pipeline->add(s("Obscurance"), s("ScalableAmbientObscuranceRenderPass")));
+    ASSERT_TRUE(pipeline->add(s("Present"), s("TextureToScreenRenderPass")));
+    ASSERT_TRUE(pipeline->bind(s("Maps"), s("Lights"), s("lights")));
+    ASSERT_TRUE(pipeline->bind(s("Maps"), s("Geometry"), s("opaque")));
+    ASSERT_TRUE(pipeline->bind(s("Present"), s("FramebufferOut"), s("screen")));
+    pipeline->bindStandard();
+    pipeline->setModel(nullptr); // which is an answer
+    const auto frame = [&] {
+        MessageCapture messages;
+        EXPECT_TRUE(pipeline->render());
+        QStringList found;
+        for (const QString &text : messages.texts())
+            if (text.startsWith(s("Pipeline: the host value")))
+                found << text;
+        found.sort();
+        return found;
+    };
+    EXPECT_EQ(frame(), QStringList({s("Pipeline: the host value 'camera', which pass 'Maps' wants in "
+                                      "'Kvo_QMatrix4x4_CameraMatrix', was never set"),
+                                    s("Pipeline: the host value 'far', which pass 'Obscurance' wants in "
+                                      "'Kvo_float_FarPlane', was never set"),
+                                    s("Pipeline: the host value 'near', which pass 'Obscurance' wants in "
+                                      "'Kvo_float_NearPlane', was never set"),
+                                    s("Pipeline: the host value 'projection', which pass 'Maps' wants in "
+                                      "'Kvo_QMatrix4x4_ProjectionMatrix', was never set"),
+                                    s("Pipeline: the host value 'viewport', which pass 'A' wants in "
+                                      "'Kvo_QRect_Viewport', was never set")}));
+    EXPECT_EQ(frame(), QStringList());
+
+    Pipeline other;
+    ASSERT_TRUE(other.add(s("A"), s("ForwardRenderPass")));
+    other.bindStandard();
+    other.setViewport(QRect(0, 0, kSize, kSize));
+    other.setCamera(QMatrix4x4(), QMatrix4x4(), 1, 2);
+    MessageCapture messages;
+    EXPECT_TRUE(other.render());
+    EXPECT_EQ(messages.texts(), QStringList(s("Pipeline: the host value 'model', which pass 'A' wants in "
+                                              "'Kvo_KvoGPUModel*_Geometry', was never set")));
+}
+
 TEST_F(PipelineFrames, DrivesThePassesThroughTheirLifecycleInOrder)
 {
     addDiary("B");

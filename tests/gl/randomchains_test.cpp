@@ -1,6 +1,6 @@
 // Random programs of a host: passes of all classes, wired at random, with right, odd and wrong values, resized, copied,
 // destroyed, in two contexts that share their objects. A seed makes the same program again; scripts/trust runs many,
-// each block in a process of its own, and reduces one that fails.
+// each block in a process of its own, and reduces one that fails. And two such hosts on two threads that take turns.
 
 #include "support/gltest.h"
 #include "support/messages.h"
@@ -15,12 +15,17 @@
 
 #include <algorithm>
 #include <array>
+#include <barrier>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <limits>
 #include <memory>
+#include <mutex>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace Brevane::Kvo {
@@ -70,16 +75,19 @@ std::vector<Step> stepsOf(unsigned int seed)
     return steps;
 }
 
-class RandomChains : public GLTest
+class RandomHost
 {
-protected:
-    void SetUp() override
-    {
-        GLTest::SetUp();
-        const GlCalls::ForcedInteger side(GL_MAX_VIEWPORT_DIMS, kLargestSide);
-        ASSERT_EQ(OpenGLDeviceContext::current()->limits().targetWidth, kLargestSide);
-    }
+public:
+    /// Of a context that there is; null: of contexts of its own, which share nothing with others.
+    explicit RandomHost(GLContext *context) : _context(context) {}
 
+    void begin();
+    void end();
+    /// After each step something else may happen.
+    void runProgram(
+        unsigned int seed, const QList<int> &leftOut, const std::function<void()> &afterStep = [] {});
+
+private:
     struct Slot
     {
         std::unique_ptr<RenderPassHelper> pass;
@@ -259,79 +267,9 @@ protected:
     }
     void print(const Step &step, const char *rest) const { print(step, QString::fromLatin1(rest)); }
 
-    /// What all programs have: two contexts, values of theirs, and a pass of each class that keeps its programs built.
-    void begin()
-    {
-        const GlCalls::ForcedInteger side(GL_MAX_VIEWPORT_DIMS, kLargestSide);
-        _main = std::make_unique<Home>(context());
-        ASSERT_TRUE(_main->enter());
-        _main->values().recorded(0);
-        _second = std::make_unique<Home>(*_main);
-        ASSERT_TRUE(_second->enter());
-        ASSERT_TRUE(_main->enter());
-        const MessageCapture messages;
-        for (const PassCase &each : cases()) {
-            _keepers.push_back(each.make());
-            const PassRow &row = anyRowOf(each.className);
-            for (int i = 0; i < std::min(_keepers.back()->numInputs(), int(row.inputs.size())); ++i)
-                _keepers.back()->setInput(i, right(row.inputs[size_t(i)], _main->values()));
-            resetGLState();
-            runFrame(*_keepers.back());
-        }
-    }
-
-    /// After it nothing is left.
-    void end()
-    {
-        const GlCalls::ForcedInteger side(GL_MAX_VIEWPORT_DIMS, kLargestSide);
-        ASSERT_TRUE(_main->enter());
-        _keepers.clear();
-        ASSERT_TRUE(_second->enter());
-        settledObjects();
-        OpenGLDeviceContext::releaseCurrent();
-        _second->forget();
-        _second.reset();
-        ASSERT_TRUE(_main->enter());
-        _main.reset();
-        // Outputs were wired that nobody read afterwards.
-        TextureManager &textures = TextureManager::Instance();
-        for (const PoolTexture &pooled : textures.poolTextures())
-            textures.releaseTempTextureRef(const_cast<Texture *>(pooled.texture), pooled.references);
-        ASSERT_TRUE(context().makeCurrent());
-    }
-
-    void runProgram(unsigned int seed, const QList<int> &leftOut)
-    {
-        const GlCalls::ForcedInteger side(GL_MAX_VIEWPORT_DIMS, kLargestSide);
-        const MessageCapture messages;
-        ASSERT_TRUE(_main->enter());
-        _inSecond = false;
-        const std::vector<Step> steps = stepsOf(seed);
-        for (_number = 0; _number < int(steps.size()) && !HasFailure(); ++_number) {
-            if (leftOut.contains(_number))
-                continue;
-            const testing::ScopedTrace trace(__FILE__, __LINE__,
-                                             "seed " + std::to_string(seed) + ", step " + std::to_string(_number));
-            QElapsedTimer timer;
-            timer.start();
-            run(steps[size_t(_number)]);
-            EXPECT_LT(timer.elapsed(), kLongestStep);
-            EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
-        }
-        for (Slot &slot : _slots)
-            slot.pass.reset();
-        // Where a driver ends in draws after deletions by the other context, that one deletes nothing.
-        if (_switches) {
-            ASSERT_TRUE(_second->enter());
-            settledObjects();
-        }
-        ASSERT_TRUE(_main->enter());
-        settledObjects();
-    }
-
     std::vector<std::unique_ptr<RenderPassHelper>> _keepers;
-    std::vector<int> _before;
     std::array<Slot, kPasses> _slots;
+    GLContext *_context;
     std::unique_ptr<Home> _main;
     std::unique_ptr<Home> _second;
     bool _switches = setting("KVO_TRUST_SWITCH", isDriver("llvmpipe") ? "0" : "1") == "1";
@@ -339,6 +277,134 @@ protected:
     bool _inSecond = false;
     bool _isPrinted = setting("KVO_TRUST_PRINT", "0") == "1";
     int _number = 0;
+};
+
+// What all programs have: two contexts, values of theirs, and a pass of each class that keeps its programs built.
+void RandomHost::begin()
+{
+    const GlCalls::ForcedInteger side(GL_MAX_VIEWPORT_DIMS, kLargestSide);
+    _main = _context ? std::make_unique<Home>(*_context) : std::make_unique<Home>();
+    ASSERT_TRUE(_main->enter());
+    _main->values().recorded(0);
+    _second = std::make_unique<Home>(*_main);
+    ASSERT_TRUE(_second->enter());
+    ASSERT_TRUE(_main->enter());
+    for (const PassCase &each : cases()) {
+        _keepers.push_back(each.make());
+        const PassRow &row = anyRowOf(each.className);
+        for (int i = 0; i < std::min(_keepers.back()->numInputs(), int(row.inputs.size())); ++i)
+            _keepers.back()->setInput(i, right(row.inputs[size_t(i)], _main->values()));
+        resetGLState();
+        runFrame(*_keepers.back());
+    }
+}
+
+// After it nothing is left.
+void RandomHost::end()
+{
+    const GlCalls::ForcedInteger side(GL_MAX_VIEWPORT_DIMS, kLargestSide);
+    ASSERT_TRUE(_main->enter());
+    _keepers.clear();
+    ASSERT_TRUE(_second->enter());
+    settledObjects();
+    OpenGLDeviceContext::releaseCurrent();
+    _second->forget();
+    _second.reset();
+    ASSERT_TRUE(_main->enter());
+    _main.reset();
+}
+
+void RandomHost::runProgram(unsigned int seed, const QList<int> &leftOut, const std::function<void()> &afterStep)
+{
+    const GlCalls::ForcedInteger side(GL_MAX_VIEWPORT_DIMS, kLargestSide);
+    ASSERT_TRUE(_main->enter());
+    _inSecond = false;
+    const std::vector<Step> steps = stepsOf(seed);
+    for (_number = 0; _number < int(steps.size()) && !::testing::Test::HasFailure(); ++_number) {
+        if (leftOut.contains(_number))
+            continue;
+        const testing::ScopedTrace trace(__FILE__, __LINE__,
+                                         "seed " + std::to_string(seed) + ", step " + std::to_string(_number));
+        QElapsedTimer timer;
+        timer.start();
+        run(steps[size_t(_number)]);
+        EXPECT_LT(timer.elapsed(), kLongestStep);
+        EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+        afterStep();
+    }
+    for (Slot &slot : _slots)
+        slot.pass.reset();
+    // Where a driver ends in draws after deletions by the other context, that one deletes nothing.
+    if (_switches) {
+        ASSERT_TRUE(_second->enter());
+        settledObjects();
+    }
+    ASSERT_TRUE(_main->enter());
+    settledObjects();
+}
+
+class RandomChains : public GLTest
+{
+protected:
+    void SetUp() override
+    {
+        GLTest::SetUp();
+        const GlCalls::ForcedInteger side(GL_MAX_VIEWPORT_DIMS, kLargestSide);
+        ASSERT_EQ(OpenGLDeviceContext::current()->limits().targetWidth, kLargestSide);
+        expectLeakedReferences(); // a wiring at random counts no users
+    }
+
+    /// Outputs were wired that nobody read afterwards.
+    static void releaseReferences()
+    {
+        TextureManager &textures = TextureManager::Instance();
+        for (const PoolTexture &pooled : textures.poolTextures())
+            textures.releaseTempTextureRef(const_cast<Texture *>(pooled.texture), pooled.references);
+    }
+
+    void endAll(RandomHost &host)
+    {
+        host.end();
+        releaseReferences();
+        ASSERT_TRUE(context().makeCurrent());
+    }
+};
+
+/// The library serves one thread at a time: threads get it in turn, a step each.
+class Turns
+{
+public:
+    void take(int thread)
+    {
+        std::unique_lock lock(_mutex);
+        _isIn[thread] = true;
+        _changed.wait(lock, [&] { return _now == thread || !_isIn[1 - thread]; });
+        _now = thread;
+    }
+    void pass(int thread)
+    {
+        {
+            const std::lock_guard lock(_mutex);
+            _now = 1 - thread;
+        }
+        _changed.notify_all();
+    }
+    /// Until it takes one again.
+    void leave(int thread)
+    {
+        {
+            const std::lock_guard lock(_mutex);
+            _isIn[thread] = false;
+            _now = 1 - thread;
+        }
+        _changed.notify_all();
+    }
+
+private:
+    std::mutex _mutex;
+    std::condition_variable _changed;
+    std::array<bool, 2> _isIn{};
+    int _now = 0;
 };
 
 } // namespace
@@ -351,19 +417,59 @@ TEST_F(RandomChains, LeaveNothingBehindAndRaiseNoError)
     QList<int> leftOut;
     for (const QByteArray &number : setting("KVO_TRUST_WITHOUT", "").split(','))
         leftOut.append(number.isEmpty() ? -1 : number.toInt());
-    expectLeakedReferences(); // a wiring at random counts no users
+    const MessageCapture messages;
+    RandomHost host(&context());
     // What the library keeps on purpose is there afterwards.
-    begin();
-    end();
-    _before = leftOver();
-    begin();
+    host.begin();
+    endAll(host);
+    const std::vector<int> before = leftOver();
+    host.begin();
     for (unsigned int seed = first; seed < first + count && !HasFailure(); ++seed) {
         std::printf("[ seed     ] %u\n", seed);
         std::fflush(stdout);
-        runProgram(seed, leftOut);
+        host.runProgram(seed, leftOut);
     }
-    end();
-    EXPECT_EQ(leftOver(), _before) << qPrintable(GlCalls::liveObjects().join(u'\n'));
+    endAll(host);
+    EXPECT_EQ(leftOver(), before) << qPrintable(GlCalls::liveObjects().join(u'\n'));
+}
+
+// KVO_TRUST_THREADS: how many programs each of them runs. After each one they exchange their contexts.
+TEST_F(RandomChains, OfTwoThreadsThatShareNothingAndTakeTurnsLeaveNothingBehind)
+{
+    const unsigned int first = setting("KVO_TRUST_SEED", "1").toUInt();
+    const unsigned int count = setting("KVO_TRUST_THREADS", "8").toUInt();
+    const MessageCapture messages;
+    const std::vector<int> before = leftOver();
+    std::array<RandomHost, 2> hosts{RandomHost(nullptr), RandomHost(nullptr)}; // which ask what the driver is
+    GLContext::doneCurrent();
+    Turns turns;
+    std::barrier both(2);
+    const auto live = [&](int thread) {
+        turns.take(thread);
+        hosts[size_t(thread)].begin();
+        GLContext::doneCurrent();
+        turns.leave(thread);
+        both.arrive_and_wait();
+        for (unsigned int i = 0; i < count; ++i) {
+            turns.take(thread);
+            hosts[(unsigned(thread) + i) % 2].runProgram(first + 2 * i + unsigned(thread), {}, [&] {
+                turns.pass(thread);
+                turns.take(thread);
+            });
+            GLContext::doneCurrent();
+            turns.leave(thread);
+            both.arrive_and_wait();
+        }
+        turns.take(thread);
+        hosts[size_t(thread)].end();
+        turns.leave(thread);
+    };
+    std::thread other(live, 1);
+    live(0);
+    other.join();
+    releaseReferences();
+    ASSERT_TRUE(context().makeCurrent());
+    EXPECT_EQ(leftOver(), before) << qPrintable(GlCalls::liveObjects().join(u'\n'));
 }
 
 namespace {

@@ -14,7 +14,8 @@
 #include <algorithm>
 #include <cmath>
 
-// The values that slots call sane, in the passes: those are used as they are, and nothing is said about them.
+// The values that slots call sane, in the passes: those are used as they are, and nothing is said about them. And values
+// of a type that a slot does not take, of which something is said.
 
 using namespace Brevane::Kvo;
 using namespace Brevane::Kvo::Test;
@@ -104,5 +105,114 @@ TEST_P(SaneValues, AtBothEndsOfARangeAndOfEveryChoiceAreTakenAsTheyAre)
         expectTaken(slot, ofNumber(slot, about->range.least));
         if (std::isfinite(about->range.most))
             expectTaken(slot, ofNumber(slot, about->range.most));
+    }
+}
+
+namespace {
+
+class WrongTypes : public GLTest, public ::testing::WithParamInterface<PassRow>
+{
+protected:
+    static std::vector<WrongValue> candidates(Values &values)
+    {
+        return {{"text", text("x")},
+                {"a number as text", text("2")},
+                {"a number", 3},
+                {"a list", QVariantList{1, QRect(0, 0, 1, 1)}},
+                {"a rectangle", QRect(0, 0, 4, 4)},
+                {"a matrix", QMatrix4x4()},
+                {"a foreign object", QVariant::fromValue<QObject *>(&values.foreign)},
+                {"a texture", textureToVariant(values.color.get())},
+                {"a model", QVariant::fromValue(&values.model)},
+                {"no texture", QVariant::fromValue<Texture *>(nullptr)},
+                {"nothing", QVariant()},
+                // Lights come by value, by pointer, alone and in lists of their type.
+                {"a light", QVariant::fromValue(light())},
+                {"a light's address", QVariant::fromValue(&light())},
+                {"lights", QVariant::fromValue(QVector<ShadowMapLight>{light()})}};
+    }
+    static ShadowMapLight &light()
+    {
+        static ShadowMapLight one = ShadowMapLight::spot({0, 9, 0}, {0, -1, 0}, 40);
+        return one;
+    }
+
+    // By names, so that it is not what the library has.
+    static bool isTaken(const InputRow &input, const std::string &value)
+    {
+        const auto isOneOf = [&](std::initializer_list<const char *> names) {
+            return std::find(names.begin(), names.end(), value) != names.end();
+        };
+        const QString name = text(input.name);
+        if (value == "nothing")
+            return true;
+        if (name.contains(text("KvoTexture*")))
+            return isOneOf({"a texture", "no texture"});
+        if (name.contains(text("KvoGPUModel*")))
+            return isOneOf({"a model", "no texture"});
+        if (name.contains(text("KvoDrawBuffers*")))
+            return isOneOf({"no texture", "a list"});
+        if (name.contains(text("ShadowMapData")) || name.contains(text("KvoFramebuffer*")))
+            return isOneOf({"no texture"});
+        if (name.contains(text("Rects")) || name.contains(text("ViewportOut")))
+            return isOneOf({"a rectangle", "a list"});
+        switch (input.type.id()) {
+        case QMetaType::Float:
+        case QMetaType::Int: return isOneOf({"a number", "a number as text"});
+        case QMetaType::Bool: return isOneOf({"a number", "a number as text", "text"});
+        case QMetaType::QString: return isOneOf({"a number", "a number as text", "text"});
+        case QMetaType::QRect: return isOneOf({"a rectangle"});
+        case QMetaType::QMatrix4x4: return isOneOf({"a matrix"});
+        // Which of the elements are none is said with the element.
+        case QMetaType::QVariantList:
+            return isOneOf({"a list", "a light", "a light's address", "lights", "a model", "no texture"});
+        default: return false; // colours, vectors and sizes
+        }
+    }
+};
+
+std::vector<PassRow> rowsOfAll()
+{
+    std::vector<PassRow> rows = passTable();
+    rows.insert(rows.end(), hostPassTable().begin(), hostPassTable().end());
+    for (PassRow &row : rows)
+        if (isShaderOfHost(row.className)) // as a host adds it
+            row.inputs.push_back({"Kvo_KvoTexture*_Input", QMetaType::fromType<Texture *>()});
+    std::erase_if(rows, [](const PassRow &row) { return row.inputs.empty(); });
+    return rows;
+}
+
+INSTANTIATE_TEST_SUITE_P(Passes, WrongTypes, ::testing::ValuesIn(rowsOfAll()),
+                         [](const auto &row) { return std::string(row.param.className); });
+
+} // namespace
+
+TEST_P(WrongTypes, AreSaidOnceWithPassAndSlot)
+{
+    Values values;
+    const auto pass = barePass(caseOf(GetParam().className));
+    for (int slot = 0; slot < pass->numInputs(); ++slot)
+        pass->setInput(slot, values.right(GetParam().inputs[std::size_t(slot)]));
+    runFrame(*pass);
+    for (int slot = 0; slot < pass->numInputs(); ++slot) {
+        const InputRow &input = GetParam().inputs[std::size_t(slot)];
+        if (input.type == QMetaType(QMetaType::QSize))
+            continue; // of which a pass says more, in its frame: ShadowNumbers
+        const QVariant right = values.right(input);
+        for (const WrongValue &candidate : candidates(values)) {
+            const ::testing::ScopedTrace trace(__FILE__, __LINE__, std::string(candidate.name) + " in " + input.name);
+            const QString name =
+                QStringLiteral("%1: %2 ").arg(QLatin1StringView(GetParam().className), pass->inputName(slot));
+            const int once = isTaken(input, candidate.name) ? 0 : 1;
+            const MessageCapture messages;
+            // A pass of a pipeline gets its values in every frame.
+            for (int frame = 0; frame < 3; ++frame)
+                pass->setInput(slot, candidate.value);
+            EXPECT_EQ(messages.containing(name), once) << messages.texts().join(u'\n').toStdString();
+            pass->setInput(slot, right);
+            pass->setInput(slot, candidate.value);
+            EXPECT_EQ(messages.containing(name), 2 * once) << "after a right one";
+            pass->setInput(slot, right);
+        }
     }
 }

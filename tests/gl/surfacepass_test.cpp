@@ -20,8 +20,11 @@
 
 #include <epoxy/gl.h>
 
+#include <array>
 #include <cmath>
 #include <limits>
+#include <numbers>
+#include <string>
 
 using namespace Brevane::Kvo;
 using namespace Brevane::Kvo::Test;
@@ -496,4 +499,81 @@ TEST(ComputedTangents, ArePerpendicularAndFiniteWhateverTheCoordinates)
             EXPECT_EQ(std::abs(tangents[i].w()), 1.0f);
         }
     }
+}
+
+// Fans of triangles of any shape, each with directions of its own: what is expected is the sum of the derivatives of
+// position by coordinate, of length 1 each, by the angles at the vertex as the law of cosines has them.
+TEST(ComputedTangents, AreTheDirectionsAroundEachVertexByTheirAngles)
+{
+    using Vector = std::array<double, 3>;
+    const auto dot = [](const Vector &a, const Vector &b) { return a[0] * b[0] + a[1] * b[1] + a[2] * b[2]; };
+    const auto wide = [](const QVector3D &v) { return Vector{double(v.x()), double(v.y()), double(v.z())}; };
+    const auto unit = [&](Vector v) {
+        const double length = std::sqrt(dot(v, v));
+        for (double &component : v)
+            component /= length;
+        return v;
+    };
+    QRandomGenerator random(11);
+    const auto number = [&random] { return float(random.generateDouble() * 2 - 1); };
+    int compared = 0;
+    for (int round = 0; round < 50; ++round) {
+        const ::testing::ScopedTrace trace(__FILE__, __LINE__, "round " + std::to_string(round));
+        ModelMesh mesh;
+        constexpr quint32 kRim = 6;
+        for (quint32 i = 0; i <= kRim; ++i) {
+            const double at = double(i) * 2 * std::numbers::pi / kRim;
+            mesh.positions << (i == kRim ? QVector3D(0, 0, 1)
+                                         : QVector3D(float(std::cos(at)), float(std::sin(at)), 0.4f * number()));
+            mesh.texCoords << QVector2D(number(), number());
+            mesh.normals << QVector3D(0.3f * number(), 0.3f * number(), 1).normalized();
+            if (i < kRim)
+                mesh.indices << kRim << i << (i + 1) % kRim;
+        }
+        std::array<Vector, kRim + 1> along{};
+        std::array<Vector, kRim + 1> across{};
+        for (qsizetype i = 0; i < mesh.indices.size(); i += 3) {
+            const auto at = [&](int corner) { return mesh.indices[i + corner % 3]; };
+            const auto edge = [&](int from, int to) { return wide(mesh.positions[at(to)] - mesh.positions[at(from)]); };
+            const QVector2D a = mesh.texCoords[at(1)] - mesh.texCoords[at(0)];
+            const QVector2D b = mesh.texCoords[at(2)] - mesh.texCoords[at(0)];
+            const double determinant = double(a.x()) * double(b.y()) - double(b.x()) * double(a.y());
+            Vector u, v;
+            for (std::size_t k = 0; k < 3; ++k) {
+                u[k] = (edge(0, 1)[k] * double(b.y()) - edge(0, 2)[k] * double(a.y())) / determinant;
+                v[k] = (edge(0, 2)[k] * double(a.x()) - edge(0, 1)[k] * double(b.x())) / determinant;
+            }
+            for (int corner = 0; corner < 3; ++corner) {
+                const double angle = std::acos(dot(unit(edge(corner, corner + 1)), unit(edge(corner, corner + 2))));
+                for (std::size_t k = 0; k < 3; ++k) {
+                    along[at(corner)][k] += unit(u)[k] * angle;
+                    across[at(corner)][k] += unit(v)[k] * angle;
+                }
+            }
+        }
+        const QVector<QVector4D> tangents = computedTangents(mesh);
+        ASSERT_EQ(tangents.size(), mesh.positions.size());
+        for (std::size_t i = 0; i <= kRim; ++i) {
+            const Vector normal = wide(mesh.normals[qsizetype(i)]);
+            Vector expected = along[i];
+            for (std::size_t k = 0; k < 3; ++k)
+                expected[k] -= normal[k] * dot(normal, along[i]);
+            // What has nearly cancelled out has no direction in floats.
+            if (std::sqrt(dot(expected, expected)) < 0.05)
+                continue;
+            expected = unit(expected);
+            const QVector4D tangent = tangents[qsizetype(i)];
+            for (int k = 0; k < 3; ++k)
+                EXPECT_NEAR(double(tangent[k]), expected[std::size_t(k)], 1e-4) << "vertex " << i;
+            const Vector third{normal[1] * expected[2] - normal[2] * expected[1],
+                               normal[2] * expected[0] - normal[0] * expected[2],
+                               normal[0] * expected[1] - normal[1] * expected[0]};
+            const double side = dot(third, across[i]);
+            if (std::abs(side) > 0.01) {
+                EXPECT_EQ(tangent.w(), side < 0 ? -1.0f : 1.0f) << "vertex " << i;
+            }
+            ++compared;
+        }
+    }
+    EXPECT_GT(compared, 300) << "of 350";
 }

@@ -536,6 +536,22 @@ TEST_F(VisibilityBuffer, TheRowsThatAFrameUsedAreClearedInTheNextAndNoOthers)
     EXPECT_EQ(clearsOf(&three), 2) << "heads, and once the whole node buffer";
     EXPECT_EQ(clearsOf(&three), 1);
     EXPECT_EQ(clearsOf(&one), 1);
+    // The same is drawn behind three layers and behind one: what is between is the rows that were in use.
+    const auto samplesOfOne = [&] {
+        pass.setInput(kGeometry, QVariant::fromValue(&one));
+        GLuint query = 0, samples = 0;
+        glGenQueries(1, &query);
+        glBeginQuery(GL_SAMPLES_PASSED, query);
+        runFrame(pass);
+        glEndQuery(GL_SAMPLES_PASSED);
+        glGetQueryObjectuiv(query, GL_QUERY_RESULT, &samples);
+        glDeleteQueries(1, &query);
+        return int(samples);
+    };
+    clearsOf(&three);
+    const int behindThree = samplesOfOne();
+    const auto rowsOf = [](int layers) { return layers * kSide * kSide / kNodeSide + 1; };
+    EXPECT_EQ(behindThree - samplesOfOne(), (rowsOf(3) - rowsOf(1)) * kNodeSide);
     expectOnly(kSide * kSide);
     // From here on somebody else knows the texture, and may have written to it.
     EXPECT_EQ(clearsOf(nullptr), 2);

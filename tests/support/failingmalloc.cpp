@@ -8,25 +8,18 @@
 #include <cstddef>
 #include <cstdlib>
 
-extern "C" {
-void *__libc_malloc(size_t);
-void *__libc_calloc(size_t, size_t);
-void *__libc_realloc(void *, size_t);
-void *__libc_memalign(size_t, size_t);
-}
-
 namespace {
 
 std::atomic<bool> counts{false};
 std::atomic<long> allocations{0};
 std::atomic<long> failing{-1};
 
-bool failsNow()
+[[maybe_unused]] bool isLetThrough(std::size_t)
 {
     if (!counts || allocations++ != failing)
-        return false;
+        return true;
     errno = ENOMEM;
-    return true;
+    return false;
 }
 
 __attribute__((constructor)) void beginByEnvironment()
@@ -64,42 +57,5 @@ long FailingMalloc::end()
 } // namespace Brevane::Kvo::Test
 
 #ifndef KVO_NO_FAILING_MALLOC
-
-#define KVO_TAKES_ITS_PLACE __attribute__((visibility("default")))
-
-extern "C" {
-
-KVO_TAKES_ITS_PLACE void *malloc(size_t size)
-{
-    return failsNow() ? nullptr : __libc_malloc(size);
-}
-
-KVO_TAKES_ITS_PLACE void *calloc(size_t count, size_t size)
-{
-    return failsNow() ? nullptr : __libc_calloc(count, size);
-}
-
-KVO_TAKES_ITS_PLACE void *realloc(void *memory, size_t size)
-{
-    return failsNow() ? nullptr : __libc_realloc(memory, size);
-}
-
-KVO_TAKES_ITS_PLACE void *memalign(size_t alignment, size_t size)
-{
-    return failsNow() ? nullptr : __libc_memalign(alignment, size);
-}
-
-KVO_TAKES_ITS_PLACE void *aligned_alloc(size_t alignment, size_t size)
-{
-    return failsNow() ? nullptr : __libc_memalign(alignment, size);
-}
-
-KVO_TAKES_ITS_PLACE int posix_memalign(void **memory, size_t alignment, size_t size)
-{
-    *memory = failsNow() ? nullptr : __libc_memalign(alignment, size);
-    return *memory ? 0 : ENOMEM;
-}
-
-} // extern "C"
-
+#include "support/ownmalloc.h"
 #endif

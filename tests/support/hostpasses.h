@@ -12,6 +12,8 @@
 #include <host/slotname.h>
 #include <host/stagepass.h>
 #include <host/surfacepass.h>
+#include <renderpasses/primitivebuilderrenderpass.h>
+#include <renderpasses/shaderrenderpass.h>
 #include <shadows/shadowmaprenderdata.h>
 
 #include <QByteArray>
@@ -44,6 +46,48 @@ inline std::vector<PassCase> allPassCases()
     for (const PassCase &pass : hostPassCases())
         all.push_back(pass);
     return all;
+}
+
+/// Of which a host writes all: slots and text.
+inline bool isShaderOfHost(const char *className)
+{
+    return qstrcmp(className, "ShaderRenderPass") == 0 || qstrcmp(className, "ShadowShaderPass") == 0;
+}
+
+/// A pass as a host has it before anything is connected.
+inline std::unique_ptr<RenderPassHelper> barePass(const PassCase &kind)
+{
+    auto pass = kind.make();
+    auto *shader = dynamic_cast<ShaderRenderPass *>(pass.get());
+    if (qstrcmp(kind.className, "DepthPeelingPass") == 0)
+        shader->setFragmentShaderSource(
+            QString::fromLatin1("#version 150\nuniform sampler2D u_BaseColor;\nout vec4 o_Frame;\n"
+                                "void main() { o_Frame = vec4(texelFetch(u_BaseColor, "
+                                "ivec2(gl_FragCoord.xy), 0).rgb, 0.5); }\n"));
+    if (auto *outline = dynamic_cast<OutlinePass *>(pass.get()))
+        outline->setItems({0});
+    if (isShaderOfHost(kind.className)) {
+        shader->addInput(QString::fromLatin1("Kvo_KvoTexture*_Input"));
+        shader->addOutput(QString::fromLatin1("Kvo_KvoTexture*_Frame"));
+        shader->setFragmentShaderSource(
+            QString::fromLatin1("#version 150\nuniform sampler2D u_Input;\nin vec2 vo_TexCoord;\n"
+                                "out vec4 o_Frame;\nvoid main() { o_Frame = texture(u_Input, "
+                                "vo_TexCoord) * vo_TexCoord.x; }\n"));
+    }
+    if (auto *builder = dynamic_cast<PrimitiveBuilderRenderPass *>(pass.get()))
+        builder->addCube(1, {});
+    return pass;
+}
+
+/// The case of a pass of either side.
+inline const PassCase &caseOf(const char *name)
+{
+    static const std::vector<PassCase> all = allPassCases();
+    for (const PassCase &pass : all)
+        if (qstrcmp(pass.className, name) == 0)
+            return pass;
+    ADD_FAILURE() << name << " is no pass";
+    return all.front();
 }
 
 /// What the names of slots say of their values.

@@ -266,12 +266,6 @@ void addSeenThrough(Picture &picture, Values &values, std::initializer_list<std:
     picture.add(QStringLiteral("seen"), texelsOf(textureFromVariant(consumer.output(0))));
 }
 
-/// Of which a host writes all: slots and text.
-inline bool isShaderOfHost(const char *className)
-{
-    return qstrcmp(className, "ShaderRenderPass") == 0 || qstrcmp(className, "ShadowShaderPass") == 0;
-}
-
 class EveryPassLives : public GLTest, public ::testing::WithParamInterface<PassCase>
 {
 protected:
@@ -309,28 +303,7 @@ protected:
         return all;
     }
 
-    /// A pass as a host has it before anything is connected.
-    std::unique_ptr<RenderPassHelper> bare() const
-    {
-        auto pass = GetParam().make();
-        auto *shader = dynamic_cast<ShaderRenderPass *>(pass.get());
-        if (is("DepthPeelingPass"))
-            shader->setFragmentShaderSource(text("#version 150\nuniform sampler2D u_BaseColor;\nout vec4 o_Frame;\n"
-                                                 "void main() { o_Frame = vec4(texelFetch(u_BaseColor, "
-                                                 "ivec2(gl_FragCoord.xy), 0).rgb, 0.5); }\n"));
-        if (auto *outline = dynamic_cast<OutlinePass *>(pass.get()))
-            outline->setItems({0});
-        if (isShaderOfHost(row.className)) {
-            shader->addInput(text("Kvo_KvoTexture*_Input"));
-            shader->addOutput(text("Kvo_KvoTexture*_Frame"));
-            shader->setFragmentShaderSource(text("#version 150\nuniform sampler2D u_Input;\nin vec2 vo_TexCoord;\n"
-                                                 "out vec4 o_Frame;\nvoid main() { o_Frame = texture(u_Input, "
-                                                 "vo_TexCoord) * vo_TexCoord.x; }\n"));
-        }
-        if (auto *builder = dynamic_cast<PrimitiveBuilderRenderPass *>(pass.get()))
-            builder->addCube(1, {});
-        return pass;
-    }
+    std::unique_ptr<RenderPassHelper> bare() const { return barePass(GetParam()); }
 
     /// Connects everything to what lives in the group of a context, which is current.
     void connect(RenderPassHelper &pass, Home &home) const

@@ -32,6 +32,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <limits>
 #include <memory>
 
 using namespace Brevane::Kvo;
@@ -288,6 +289,14 @@ TEST_F(ViewportWidgetTest, AreaHoldsTheItemsThatShowInIt)
         found += int(all.size());
     }
     EXPECT_GT(found, 7);
+    // As far as integers go it is the whole picture.
+    const QVector<int> whole = view->itemsIn(QRect(0, 0, kWidth, kHeight));
+    constexpr int kLeast = std::numeric_limits<int>::min();
+    constexpr int kMost = std::numeric_limits<int>::max();
+    for (const QRect &area :
+         {QRect(QPoint(0, 0), QPoint(kMost - 1, kMost - 1)), QRect(QPoint(0, 0), QPoint(kMost, kMost)),
+          QRect(QPoint(kLeast, kLeast), QPoint(kMost, kMost))})
+        EXPECT_EQ(view->itemsIn(area), whole) << area.left() << " to " << area.right();
 }
 
 TEST_F(ViewportWidgetTest, ClickSelectsAndOutlines)

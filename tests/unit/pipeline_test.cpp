@@ -1,17 +1,23 @@
+#include "support/messages.h"
+
 #include <core/renderpasshelper.h>
 #include <host/passfactory.h>
 #include <host/pipeline.h>
 #include <host/slotname.h>
 #include <model/gpumodel.h>
 
+#include <QColor>
 #include <QHash>
+#include <QMatrix4x4>
 #include <QRect>
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 
 using namespace Brevane::Kvo;
+using Brevane::Kvo::Test::MessageCapture;
 
 namespace {
 
@@ -397,9 +403,186 @@ TEST_F(PipelineTest, RenameKeepsLinks)
 TEST_F(PipelineTest, WarnsOfPassesWithoutAViewport)
 {
     add("A");
+    ASSERT_TRUE(pipeline.setValue(s("A"), s("Frame"), QVariant::fromValue<QObject *>(nullptr)));
     EXPECT_EQ(pipeline.warnings(), QStringList{s("pass 'A' has no viewport, so its pictures are empty")});
     ASSERT_TRUE(pipeline.bind(s("A"), s("Viewport"), s("viewport")));
     EXPECT_TRUE(pipeline.warnings().isEmpty());
+}
+
+TEST_F(PipelineTest, WarnsOfFiltersOfNothing)
+{
+    QStringList found;
+    for (const QString &className : passFactory().classNames()) {
+        Pipeline alone;
+        ASSERT_TRUE(alone.add(s("A"), className));
+        const QStringList warnings = alone.warnings();
+        if (!warnings.filter(s("pass 'A' has no image to work on")).isEmpty())
+            found << className;
+    }
+    EXPECT_EQ(found,
+              QStringList({s("BlendRenderPass"), s("BlurAndCombineRenderPass"), s("CameraSpaceZBufferRenderPass"),
+                           s("DeferredRenderPass"), s("DepthOfFieldRenderPass"),
+                           s("FastApproximateAntiAliasingRenderPass"), s("GaussianBlurRenderPass"),
+                           s("LayerCompositionPass"), s("LuminanceAverageRenderPass"), s("ModelDeferredPass"),
+                           s("SMAARenderPass"), s("ScalableAmbientObscuranceRenderPass"), s("ShadowLightingPass"),
+                           s("SkyboxRenderPass"), s("StencilBlurAndBlendRenderPass"), s("TemporalAARenderPass"),
+                           s("TextureToScreenRenderPass"), s("VisibilitySortRenderPass"), s("WireframeRenderPass")}));
+
+    add("A");
+    add("B");
+    link("A.Frame", "B.Depth");
+    ASSERT_EQ(pipeline.bindStandard(), 2);
+    EXPECT_EQ(pipeline.warnings(),
+              QStringList{s("pass 'A' has no image to work on: nothing is given to 'Frame' or 'Depth'")});
+    ASSERT_TRUE(pipeline.setValue(s("A"), s("Frame"), QVariant::fromValue<QObject *>(nullptr)));
+    EXPECT_EQ(pipeline.warnings(), QStringList());
+}
+
+struct ValueFit
+{
+    const char *name;
+    const char *slot;
+    QVariant value;
+    const char *misfit; ///< Empty: the value is taken.
+};
+
+class PipelineValue : public ::testing::TestWithParam<ValueFit>
+{};
+
+// A pass reads a value of another type as none, without a word: what no reader can use is refused where it is given.
+TEST_P(PipelineValue, IsRefusedWhereNoPassCouldReadIt)
+{
+    auto pass = std::make_unique<WirePass>();
+    pass->addInput(s(GetParam().slot));
+    Pipeline pipeline;
+    ASSERT_TRUE(pipeline.add(s("A"), std::move(pass)));
+    QString error;
+    const bool isTaken = pipeline.setValue(s("A"), s(GetParam().slot), GetParam().value, &error);
+    EXPECT_EQ(isTaken, !*GetParam().misfit);
+    const QVector<PassInput> inputs = pipeline.inputs(s("A"));
+    EXPECT_EQ(inputs.last().kind == PassInput::Kind::Value, isTaken);
+    EXPECT_EQ(error, isTaken ? QString() : s("pass 'A': '%1' %2").arg(s(GetParam().slot), s(GetParam().misfit)));
+}
+
+GPUModel *const kNoModel = nullptr;
+QObject *const kNoObject = nullptr;
+
+template <typename Value>
+Value *one()
+{
+    static Value value;
+    return &value;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Types, PipelineValue,
+    ::testing::Values(
+        ValueFit{"SizeForARectangle", "Kvo_QRect_R", QSize(3, 4), "takes a rectangle, not a QSize"},
+        ValueFit{"NumberForARectangle", "Kvo_QRect_R", 3, "takes a rectangle, not an int"},
+        ValueFit{"Rectangle", "Kvo_QRect_R", QRect(0, 0, 3, 4), ""},
+        ValueFit{"RectangleOfFractions", "Kvo_QRect_R", QRectF(0, 0, 3, 4), ""},
+        ValueFit{"Rectangles", "Kvo_QRect_R", QVariantList{QRect(0, 0, 3, 4)}, ""},
+        ValueFit{"Nothing", "Kvo_QRect_R", QVariant(), ""},
+        ValueFit{"NumberForAMatrix", "Kvo_QMatrix4x4_M", 3, "takes a matrix, not an int"},
+        ValueFit{"Matrix", "Kvo_QMatrix4x4_M", QVariant::fromValue(QMatrix4x4()), ""},
+        ValueFit{"TextForANumber", "Kvo_float_F", QStringLiteral("fast"), "takes a number, not the text \"fast\""},
+        ValueFit{"TextOfANumber", "Kvo_float_F", QStringLiteral("0.5"), ""},
+        ValueFit{"WholeForAFloat", "Kvo_float_F", 2, ""}, ValueFit{"DoubleForAFloat", "Kvo_Float_F", 2.5, ""},
+        ValueFit{"ColorForAnInteger", "Kvo_int_I", QColor(Qt::red), "takes a number, not a QColor"},
+        ValueFit{"TextForTheSlotOfAnotherName", "Int_I", QStringLiteral("add"), "takes a number, not the text \"add\""},
+        ValueFit{"FloatForAnInteger", "Kvo_int_I", 2.0f, ""},
+        ValueFit{"EnumerationForAnInteger", "Kvo_int_I", QVariant::fromValue(Qt::Horizontal), ""},
+        ValueFit{"IntegerForASwitch", "Kvo_Bool_B", 1, ""},
+        ValueFit{"NumberForAColor", "Kvo_QColor_C", 3.5f, "takes a colour, not a float"},
+        ValueFit{"NameOfAColor", "Kvo_QColor_C", QStringLiteral("red"), ""},
+        ValueFit{"ModelForATexture", "Kvo_KvoTexture*_T", QVariant::fromValue(one<GPUModel>()),
+                 "takes a texture, not a Brevane::Kvo::GPUModel*"},
+        ValueFit{"TextForATexture", "Kvo_KvoTexture*_T", QStringLiteral("a.png"),
+                 "takes a texture, not the text \"a.png\""},
+        ValueFit{"NoTexture", "Kvo_KvoTexture*_T", QVariant::fromValue(kNoObject), ""},
+        ValueFit{"ObjectForAModel", "Kvo_KvoGPUModel*_G", QVariant::fromValue(one<QObject>()),
+                 "takes a model, not a QObject*"},
+        ValueFit{"ConstantModel", "Kvo_KvoGPUModel*_G", QVariant::fromValue<const GPUModel *>(kNoModel),
+                 "takes a model, not a const Brevane::Kvo::GPUModel*"},
+        ValueFit{"NoModel", "Kvo_KvoGPUModel*_G", QVariant::fromValue(kNoModel), ""},
+        ValueFit{"Model", "Kvo_KvoGPUModel*_G", QVariant::fromValue(one<GPUModel>()), ""},
+        ValueFit{"NullPointer", "Kvo_KvoGPUModel*_G", QVariant::fromValue(nullptr), ""},
+        ValueFit{"ListOfGeometry", "Kvo_KvoDrawBuffers*_G", QVariantList(), ""},
+        ValueFit{"NumberForAList", "Kvo_QList_KvoShadowMapManagerLight*_Lights", 3, "takes a list, not an int"},
+        ValueFit{"AnythingForAVariant", "Kvo_QVariant_V", QSize(3, 4), ""},
+        ValueFit{"AnythingForATypeOfTheHost", "Kvo_Thing_V", QSize(3, 4), ""},
+        ValueFit{"AnythingWithoutAType", "brightness", QSize(3, 4), ""}),
+    [](const auto &test) { return test.param.name; });
+
+TEST_F(PipelineTest, HostValuesOfAnotherTypeAreRefused)
+{
+    QString error;
+    EXPECT_FALSE(pipeline.setHostValue(s("viewport"), QSize(3, 4), &error));
+    EXPECT_EQ(error, s("host value 'viewport' takes a rectangle, not a QSize"));
+    EXPECT_FALSE(pipeline.hostValue(s("viewport")).isValid());
+    EXPECT_FALSE(pipeline.setHostValue(s("model"), 3, &error));
+    EXPECT_FALSE(pipeline.setHostValue(s("lights"), 3, &error));
+    EXPECT_TRUE(pipeline.setHostValue(s("paths.sky"), s("sky.png"), &error));
+    EXPECT_TRUE(pipeline.setHostValue(s("viewport"), QVariant(), &error));
+}
+
+TEST_F(PipelineTest, SaysWhyWhereNobodyTakesTheReason)
+{
+    add("A");
+    add("B");
+    const auto said = [](const std::function<bool()> &operation) {
+        MessageCapture messages;
+        EXPECT_FALSE(operation());
+        EXPECT_EQ(messages.texts().size(), messages.texts(QtWarningMsg).size());
+        return messages.texts().join(QLatin1Char('|'));
+    };
+    EXPECT_EQ(said([&] { return pipeline.connect(s("A.Frmae"), s("B.Frame")); }),
+              s("Pipeline: pass 'A' has no output 'Frmae'; did you mean 'Frame'?"));
+    const struct
+    {
+        const char *name;
+        std::function<bool(QString *)> operation;
+    } operations[] = {
+        {"add a pass", [&](QString *e) { return pipeline.add(s("A"), std::make_unique<WirePass>(), e); }},
+        {"add a class", [&](QString *e) { return pipeline.add(s("C"), s("NoPass"), e); }},
+        {"insert a pass",
+         [&](QString *e) {
+             return pipeline.insert(s("C"), std::make_unique<WirePass>(), s("B"), s("Frame"), s("Frame"), s("Frame"),
+                                    e);
+         }},
+        {"insert a class",
+         [&](QString *e) { return pipeline.insert(s("C"), s("NoPass"), s("B"), s("F"), s("F"), s("F"), e); }},
+        {"replace by a pass", [&](QString *e) { return pipeline.replace(s("C"), std::make_unique<WirePass>(), e); }},
+        {"replace by a class", [&](QString *e) { return pipeline.replace(s("A"), s("NoPass"), e); }},
+        {"setEnabled", [&](QString *e) { return pipeline.setEnabled(s("C"), true, e); }},
+        {"setClearColor", [&](QString *e) { return pipeline.setClearColor(s("C"), Qt::red, e); }},
+        {"remove", [&](QString *e) { return pipeline.remove(s("C"), e); }},
+        {"rename", [&](QString *e) { return pipeline.rename(s("A"), s("B"), e); }},
+        {"connect", [&](QString *e) { return pipeline.connect(s("A"), s("Fr"), s("B"), s("Frame"), e); }},
+        {"connect by dots", [&](QString *e) { return pipeline.connect(s("A"), s("B"), e); }},
+        {"bind", [&](QString *e) { return pipeline.bind(s("A"), s("Viewport"), s("camera"), e); }},
+        {"setValue", [&](QString *e) { return pipeline.setValue(s("A"), s("Viewport"), 3, e); }},
+        {"setValueText", [&](QString *e) { return pipeline.setValueText(s("A"), s("Viewport"), s("3"), e); }},
+        {"setValueText of a host value",
+         [&](QString *e) { return pipeline.setValueText(s("A"), s("Viewport"), s("@vp"), e); }},
+        {"reset", [&](QString *e) { return pipeline.reset(s("A"), s("Fr"), e); }},
+        {"setHostValue", [&](QString *e) { return pipeline.setHostValue(s("vp"), 3, e); }},
+        {"setup", [&](QString *e) { return pipeline.setup(nullptr, e); }},
+        {"render", [&](QString *e) { return pipeline.render(nullptr, e); }},
+    };
+    for (const auto &[name, operation] : operations) {
+        QString error;
+        EXPECT_EQ(said([&, &run = operation] { return run(&error); }), QString()) << name;
+        EXPECT_FALSE(error.isEmpty()) << name;
+        EXPECT_EQ(said([&, &run = operation] { return run(nullptr); }),
+                  // Frames without a context come by the dozen: the first one says it, here that with an error.
+                  s(name) == s("render") ? QString() : s("Pipeline: ") + error)
+            << name;
+    }
+    Pipeline other;
+    EXPECT_EQ(said([&] { return other.render(); }),
+              s("Pipeline: no OpenGL context of version 3.2 or later is current"));
+    EXPECT_EQ(said([&] { return other.render(); }), QString());
 }
 
 TEST_F(PipelineTest, SaysThatAFrameNeedsAContext)
@@ -471,7 +654,8 @@ TEST(Slots, EveryInputCanBeSetByTextAndSaysWhatItTakes)
             ASSERT_TRUE(samples.contains(type)) << qPrintable(className) << " " << qPrintable(slot);
             const TypeSample &sample = samples[type];
             QString error;
-            if (sample.good) {
+            const bool isRecord = slot.endsWith(s("_ShadowMapData")); // which only a pass makes
+            if (sample.good && !isRecord) {
                 EXPECT_TRUE(pipeline.setValueText(s("P"), slot, s(sample.good), &error)) << qPrintable(error);
             }
             if (!sample.bad)

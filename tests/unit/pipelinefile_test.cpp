@@ -246,7 +246,7 @@ TEST(PipelineFile, NamesFileLineAndNearestNameOfEveryMistake)
         s("test.json:8: there is no host value 'viewprt'; did you mean 'viewport'?"),
         s("test.json:9: pass 'B': 'Kvo_Bool_LinearFilter' takes true or false, not the number 3"),
         s("test.json:11: cannot bind host value 'viewport' (QRect) to 'B.Kvo_KvoTexture*_TextureOut' (KvoTexture*)"),
-        s("test.json:12: there is no pass 'D'"),
+        s("test.json:12: there is no pass 'D'; there are B, C"),
         s("test.json:13: a link has no \"form\"; did you mean 'from'?"),
         s("test.json:13: a link is { \"from\": \"Pass.Slot\" }"),
     };
@@ -394,7 +394,9 @@ QStringList warningsOf(const char *className, const QByteArray &inputs)
                        + "\", \"inputs\": { \"Viewport\": \"@viewport\", " + inputs + " } } ] }",
                    &pipeline),
               QStringList());
-    return pipeline.warnings();
+    QStringList warnings = pipeline.warnings();
+    warnings.removeIf([](const QString &warning) { return warning.startsWith(s("pass 'A' has no image")); });
+    return warnings;
 }
 
 } // namespace

@@ -1,3 +1,4 @@
+#include <gl/texture.h>
 #include <host/passfactory.h>
 #include <host/pipeline.h>
 #include <host/pipelinefile.h>
@@ -253,8 +254,8 @@ TEST_F(Saving, WhatHasNoTextIsNamedAndNothingIsWritten)
     ASSERT_TRUE(pipeline.remove(u"Toon"_s));
 
     errors.clear();
-    QObject object;
-    ASSERT_TRUE(pipeline.setValue(u"Blur"_s, u"Input"_s, QVariant::fromValue(&object)));
+    Texture texture;
+    ASSERT_TRUE(pipeline.setValue(u"Blur"_s, u"Input"_s, textureToVariant(&texture)));
     EXPECT_FALSE(savePipeline(pipeline, path(), &errors));
     EXPECT_EQ(errors, QStringList{u"input 'Kvo_KvoTexture*_Input' of pass 'Blur' holds a value that has no text"_s});
     EXPECT_EQ(written(), kText);

@@ -1,3 +1,5 @@
+#include "support/messages.h"
+
 #include <host/sceneimport.h>
 
 #include <QColor>
@@ -12,6 +14,7 @@
 #include <random>
 
 using namespace Brevane::Kvo;
+using Brevane::Kvo::Test::MessageCapture;
 
 namespace {
 
@@ -77,6 +80,19 @@ TEST_F(SceneImport, NamesAMissingFile)
     const ModelData data = import(QStringLiteral("/no/such/model.obj"));
     EXPECT_EQ(report.error, QStringLiteral("cannot read model '/no/such/model.obj': there is no such file"));
     EXPECT_TRUE(data.items.isEmpty());
+}
+
+TEST_F(SceneImport, SaysWhatItFoundWhereNobodyTookTheReport)
+{
+    MessageCapture messages;
+    importScene(QStringLiteral("/no/such/model.obj"));
+    EXPECT_EQ(messages.texts(QtWarningMsg),
+              QStringList(QStringLiteral("cannot read model '/no/such/model.obj': there is no such file")));
+    write("m.mtl", "newmtl B\nmap_Kd missing.png\n");
+    importScene(write("missing.obj", "mtllib m.mtl\nusemtl B\nvt 0 0\nv 0 0 0\nv 1 0 0\nv 0 1 0\nf 1/1 2/1 3/1\n"));
+    EXPECT_EQ(messages.containing(QStringLiteral("material 'B': image 'missing.png' is white")), 1);
+    import(QStringLiteral("/no/such/model.obj"));
+    EXPECT_EQ(messages.texts().size(), 2);
 }
 
 TEST_F(SceneImport, NamesAnEmptyFileAndAFolder)

@@ -146,6 +146,10 @@ TEST_F(ShadowMapManagerTest, ARecordStartsEmptyAndIsFoundInASlotValue)
     EXPECT_EQ(RenderData::fromVariant(QVariant()), nullptr);
     QObject other;
     EXPECT_EQ(RenderData::fromVariant(QVariant::fromValue(&other)), nullptr);
+    // By either type of pointer that passes and hosts hand on, and by no other.
+    EXPECT_EQ(RenderData::fromVariant(QVariant::fromValue(&data)), &data);
+    EXPECT_EQ(RenderData::fromVariant(QVariant::fromValue(static_cast<void *>(&data))), nullptr);
+    EXPECT_EQ(RenderData::fromVariant(quintptr(&data)), nullptr);
 }
 
 TEST_F(ShadowMapManagerTest, TransformsAndProjectorsAreLaidOutAsGLAndReadersTakeThem)
@@ -451,6 +455,29 @@ TEST_F(ShadowMapManagerTest, WithoutBoundsCascadesReachTwiceTheWidestFrameToward
     ASSERT_EQ(data.layerCount, 2);
     EXPECT_TRUE(project(data, 0, {0, 100, 15}).isInside());
     EXPECT_TRUE(project(data, 0, {0, 4, 15}).isInside());
+}
+
+// Far from where the coordinates begin, a place along the light that is off by a factor is off by much.
+TEST_F(ShadowMapManagerTest, WithoutBoundsCascadesCoverTheViewWhereverItIs)
+{
+    for (const QVector3D &place : {QVector3D(0, 0, 0), QVector3D(300, 700, -500), QVector3D(-900, -400, 200)}) {
+        camera = QMatrix4x4();
+        camera.lookAt(place + QVector3D(0, 5, 20), place, {0, 1, 0});
+        Light light = Light::directional({0.3f, -1, 0.2f}, 3);
+        light.splitBalance = 0.0f;
+        ShadowMapManager::processLights(listOf({light}), data, &projection, &camera, nullptr);
+        ASSERT_EQ(data.layerCount, 3);
+        const QMatrix4x4 toWorld = (projection * camera).inverted();
+        for (int i = 0; i < 3; ++i) {
+            for (const double depth : {1 + i * 33.0, 1 + (i + 1) * 33.0}) {
+                const double z = (100 + 1 - 2 * 100 / depth) / 99; // of the projection with planes at 1 and 100
+                for (const float x : {-1.0f, 1.0f})
+                    for (const float y : {-1.0f, 1.0f})
+                        EXPECT_TRUE(project(data, i, toWorld.map(QVector3D(x, y, float(z)))).isInside())
+                            << "cascade " << i << ", depth " << depth << ", at " << place.x();
+            }
+        }
+    }
 }
 
 TEST_F(ShadowMapManagerTest, AFrameWiderThanTheSceneIsTheSceneItself)

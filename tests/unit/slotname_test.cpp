@@ -104,4 +104,9 @@ TEST(NearestName, IsSilentWhenNothingIsNear)
     EXPECT_EQ(nearestName(s("x"), {}), QString());
     EXPECT_EQ(nearestNameHint(s("x"), {s("Viewport")}), QString());
     EXPECT_EQ(nearestNameHint(s("Viewpor"), {s("Viewport")}), s("; did you mean 'Viewport'?"));
+    const QStringList classes{s("GaussianBlurRenderPass"), s("GBufferRenderPass"), s("SMAARenderPass")};
+    for (const char *beginning : {"Gausian", "gaussian", "GaussianBlr"})
+        EXPECT_EQ(nearestNameHint(s(beginning), classes), s("; did you mean 'GaussianBlurRenderPass'?")) << beginning;
+    for (const char *other : {"", "Glow", "Bloom", "Gassoline"})
+        EXPECT_EQ(nearestNameHint(s(other), classes), QString()) << other;
 }

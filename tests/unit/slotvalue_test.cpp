@@ -144,7 +144,8 @@ TEST(SlotValue, SaysWhatASlotTakes)
     // Its last column is one that no int holds.
     EXPECT_EQ(errorOf("Kvo_QRect_Viewport", "[2147483647, 0, 2, 4]"),
               QStringLiteral("'Kvo_QRect_Viewport' takes [x, y, width, height], not a list of 4"));
-    EXPECT_EQ(parsed("Kvo_QRect_Viewport", "[2147483647, 0, 1, 4]").toRect(), QRect(2147483647, 0, 1, 4));
+    EXPECT_EQ(parsed("Kvo_QRect_Viewport", "[2147483647, 0, 1, 4]").toRect(),
+              QRect(QPoint(2147483647, 0), QPoint(2147483647, 3)));
     EXPECT_EQ(errorOf("Kvo_QRect_Viewport", "[1, 2, 3]"),
               QStringLiteral("'Kvo_QRect_Viewport' takes [x, y, width, height], not a list of 3"));
     EXPECT_TRUE(errorOf("Kvo_QColor_C", "no colour").contains(QStringLiteral("the text \"no colour\"")));

@@ -83,7 +83,7 @@ void ScreenTarget::clear(const QColor &color)
 {
     if (!_framebuffer)
         return;
-    const DefaultState state;
+    const DefaultState state(std::initializer_list<StatePiece>{});
     const AutoBinder binder(_framebuffer.get());
     const float rgba[] = {color.redF(), color.greenF(), color.blueF(), color.alphaF()};
     glClearBufferfv(GL_COLOR, 0, rgba);

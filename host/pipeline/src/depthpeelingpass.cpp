@@ -15,7 +15,9 @@
 #include "gl/vertexarrayobject.h"
 #include "model/gpumodel.h"
 #include "pooledoutput.h"
+#include "screenprogram.h"
 #include "surfaceprogram.h"
+#include "viewportsize.h"
 
 #include <epoxy/gl.h>
 
@@ -131,17 +133,7 @@ constexpr PassInfo kInfo = {"DepthPeelingPass", "draws surfaces that let light t
 
 constexpr QLatin1StringView kTexturePrefix("Kvo_KvoTexture*_");
 
-ShaderProgram *screenProgram(const QString &label, const QString &vertexShader, const QString &fragmentShader)
-{
-    auto *program = new ShaderProgram;
-    program->setLabel(label);
-    program->setFragDataLocations({u"o_Frame"_s});
-    program->addShader(GL_VERTEX_SHADER, vertexShader);
-    program->addShader(GL_FRAGMENT_SHADER, fragmentShader);
-    program->compile();
-    program->link();
-    return program;
-}
+const QStringList kOutputs{u"o_Frame"_s};
 
 bool hasSize(Texture *texture, const QSize &size)
 {
@@ -288,7 +280,7 @@ void DepthPeelingPass::start(RenderCallbacks *)
         output.value = QVariant();
     // Before the inputs, which may be textures of the pool, are given back.
     Texture *picture = textureFromVariant(_inputs[InPicture].value);
-    QSize size = _inputs[InViewport].value.toRect().size();
+    QSize size = sizeInSlot(*this, InViewport);
     if (!_inputs[InViewport].value.isValid() && picture) {
         const LevelInfo level = levelInfo(picture, GL_TEXTURE_2D);
         size = {level.width, level.height};
@@ -299,7 +291,7 @@ void DepthPeelingPass::start(RenderCallbacks *)
             _outputs[OutFrame].value = textureToVariant(picture);
             TextureManager::Instance().addTempTextureRef(picture, _numOutputUsers[OutFrame]);
         }
-    } else if (!size.isEmpty()) {
+    } else if (!size.isEmpty() && hasRoomFor(*this, InViewport, size)) {
         peel(*model, sized(InPicture, size), sized(InSolidDepth, size), size);
     }
     for (const PassSlot &input : std::as_const(_inputs)) {
@@ -340,20 +332,20 @@ void DepthPeelingPass::buildPrograms()
     else
         _surfaces = surfaceProgram(_name, SurfacePart::Layer);
     if (!_program)
-        _program = screenProgram(_name, _vertexShaderSource, _fragmentShaderSource);
+        _program = screenProgram(_name, kOutputs, _vertexShaderSource, _fragmentShaderSource);
     if (!_mark)
-        _mark = screenProgram(_name, kScreenVertexShader, kMarkShader);
+        _mark = screenProgram(_name, kOutputs, kScreenVertexShader, kMarkShader);
     if (!_under)
-        _under = screenProgram(_name, kScreenVertexShader, kUnderShader);
+        _under = screenProgram(_name, kOutputs, kScreenVertexShader, kUnderShader);
     if (!_over)
-        _over = screenProgram(_name, kScreenVertexShader, kOverShader);
+        _over = screenProgram(_name, kOutputs, kScreenVertexShader, kOverShader);
 }
 
 void DepthPeelingPass::peel(GPUModel &model, Texture *picture, Texture *solid, const QSize &size)
 {
     // It binds with plain GL, of which a pipeline that the pass runs in knows nothing.
     const HostCode hostCode;
-    const DefaultState state;
+    const DefaultState state{StatePiece::BlendFunction};
     Targets targets(size);
     if (!targets.hasRoom)
         return;

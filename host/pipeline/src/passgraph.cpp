@@ -14,6 +14,7 @@ namespace Brevane::Kvo {
 namespace {
 
 constexpr QLatin1StringView kViewportSlot("Kvo_QRect_Viewport");
+constexpr qsizetype kMostNamesTold = 20;
 
 QStringList slotNames(const RenderPass &pass, bool inputs)
 {
@@ -128,7 +129,11 @@ Node *PassGraph::find(const QString &name, QString *error) const
             return node.get();
         names << node->name;
     }
-    fail(error, QStringLiteral("there is no pass '%1'%2").arg(name, nearestNameHint(name, names)));
+    // Who is far from any name wants to know what there is.
+    QString hint = nearestNameHint(name, names);
+    if (hint.isEmpty() && !names.isEmpty() && names.size() <= kMostNamesTold)
+        hint = QStringLiteral("; there are %1").arg(names.join(QLatin1StringView(", ")));
+    fail(error, QStringLiteral("there is no pass '%1'%2").arg(name, hint));
     return nullptr;
 }
 

@@ -1,6 +1,9 @@
 #include "host/pipeline.h"
 
+#include "core/hostcode.h"
 #include "core/renderpass.h"
+#include "core/slotinfo.h"
+#include "core/slottypes.h"
 #include "failure.h"
 #include "gl/framebufferobject.h"
 #include "host/passfactory.h"
@@ -30,6 +33,47 @@ bool parseEnd(const QString &end, QString *pass, QString *slot, QString *error)
     return end.contains(QLatin1Char('.')) || fail(error, QStringLiteral("'%1' is not of the form PASS.SLOT").arg(end));
 }
 
+// Stands in for an error text that the host did not ask for, and says it: a typing error in a name would otherwise be
+// seen in the picture only.
+class SaidReason
+{
+public:
+    explicit SaidReason(QString **error) : _isAsked(*error)
+    {
+        if (!_isAsked)
+            *error = &_text;
+    }
+    SaidReason(const SaidReason &) = delete;
+    SaidReason &operator=(const SaidReason &) = delete;
+    ~SaidReason()
+    {
+        if (_text.isEmpty())
+            return;
+        const HostCode hostCode;
+        qWarning("Pipeline: %s", qPrintable(_text));
+    }
+
+private:
+    bool _isAsked;
+    QString _text;
+};
+
+// Why a value is none for a slot, going by its name where nobody has said more of it: "takes a rectangle, not a QSize".
+// A pass would read it as none. Whether a list is taken for one of its elements such a name does not say.
+QString misfitOf(const QString &slot, const SlotInfo *info, const QVariant &value)
+{
+    static constexpr SlotInfo kByName{.name = "", .meaning = ""};
+    const char *wanted = typeWantedInsteadOf(slot, info ? info : &kByName, value);
+    if (!wanted || (!info && value.metaType().id() == QMetaType::QVariantList))
+        return QString();
+    const QLatin1StringView type(value.metaType().name());
+    const QString what = value.metaType().id() == QMetaType::QString
+                             ? QStringLiteral("the text \"%1\"").arg(value.toString())
+                         : type.startsWith(QLatin1Char('i')) ? QStringLiteral("an %1").arg(type)
+                                                             : QStringLiteral("a %1").arg(type);
+    return QStringLiteral("takes a %1, not %2").arg(QLatin1StringView(wanted), what);
+}
+
 } // namespace
 
 class PipelinePrivate
@@ -43,6 +87,7 @@ public:
     HostValues hosts;
     PipelineFrame frame{graph, hosts};
     QString inOnePiece;
+    bool lacksContext = false; ///< In the last frame.
 };
 
 Node *PipelinePrivate::append(std::unique_ptr<Node> node)
@@ -78,6 +123,7 @@ Pipeline::~Pipeline()
 
 bool Pipeline::add(const QString &name, std::unique_ptr<RenderPass> pass, QString *error)
 {
+    const SaidReason said(&error);
     if (!d->graph.checkNewName(name, error))
         return false;
     if (!pass)
@@ -88,6 +134,7 @@ bool Pipeline::add(const QString &name, std::unique_ptr<RenderPass> pass, QStrin
 
 bool Pipeline::add(const QString &name, const QString &className, QString *error)
 {
+    const SaidReason said(&error);
     if (!d->graph.checkNewName(name, error))
         return false;
     std::unique_ptr<RenderPass> pass = d->make(className, error);
@@ -100,6 +147,7 @@ bool Pipeline::add(const QString &name, const QString &className, QString *error
 bool Pipeline::insert(const QString &name, std::unique_ptr<RenderPass> pass, const QString &to, const QString &toSlot,
                       const QString &inputSlot, const QString &outputSlot, QString *error)
 {
+    const SaidReason said(&error);
     const InputPort target = d->graph.input(to, toSlot, error);
     if (!target)
         return false;
@@ -127,6 +175,7 @@ bool Pipeline::insert(const QString &name, std::unique_ptr<RenderPass> pass, con
 bool Pipeline::insert(const QString &name, const QString &className, const QString &to, const QString &toSlot,
                       const QString &inputSlot, const QString &outputSlot, QString *error)
 {
+    const SaidReason said(&error);
     std::unique_ptr<RenderPass> pass = d->make(className, error);
     if (!pass || !insert(name, std::move(pass), to, toSlot, inputSlot, outputSlot, error))
         return false;
@@ -136,6 +185,7 @@ bool Pipeline::insert(const QString &name, const QString &className, const QStri
 
 bool Pipeline::replace(const QString &name, std::unique_ptr<RenderPass> pass, QString *error)
 {
+    const SaidReason said(&error);
     Node *node = d->graph.find(name, error);
     if (!node)
         return false;
@@ -151,6 +201,7 @@ bool Pipeline::replace(const QString &name, std::unique_ptr<RenderPass> pass, QS
 
 bool Pipeline::replace(const QString &name, const QString &className, QString *error)
 {
+    const SaidReason said(&error);
     if (!d->graph.find(name, error))
         return false;
     std::unique_ptr<RenderPass> pass = d->make(className, error);
@@ -162,6 +213,7 @@ bool Pipeline::replace(const QString &name, const QString &className, QString *e
 
 bool Pipeline::setEnabled(const QString &name, bool enabled, QString *error)
 {
+    const SaidReason said(&error);
     Node *node = d->graph.find(name, error);
     if (node)
         d->graph.setOn(node, enabled);
@@ -183,6 +235,7 @@ QString Pipeline::bypassSlot(const QString &pass, const QString &outputSlot) con
 
 bool Pipeline::remove(const QString &name, QString *error)
 {
+    const SaidReason said(&error);
     Node *node = d->graph.find(name, error);
     if (!node)
         return false;
@@ -193,6 +246,7 @@ bool Pipeline::remove(const QString &name, QString *error)
 
 bool Pipeline::setClearColor(const QString &pass, const QColor &color, QString *error)
 {
+    const SaidReason said(&error);
     Node *node = d->graph.find(pass, error);
     if (!node)
         return false;
@@ -208,6 +262,7 @@ QColor Pipeline::clearColor(const QString &pass) const
 
 bool Pipeline::rename(const QString &name, const QString &newName, QString *error)
 {
+    const SaidReason said(&error);
     Node *node = d->graph.find(name, error);
     if (!node || (name != newName && !d->graph.checkNewName(newName, error)))
         return false;
@@ -247,6 +302,7 @@ QStringList Pipeline::order(QString * /*error*/) const
 bool Pipeline::connect(const QString &from, const QString &fromSlot, const QString &to, const QString &toSlot,
                        QString *error)
 {
+    const SaidReason said(&error);
     const OutputPort output = d->graph.output(from, fromSlot, error);
     const InputPort input = output ? d->graph.input(to, toSlot, error) : InputPort();
     return input && d->graph.link(output, input, error);
@@ -254,6 +310,7 @@ bool Pipeline::connect(const QString &from, const QString &fromSlot, const QStri
 
 bool Pipeline::connect(const QString &from, const QString &to, QString *error)
 {
+    const SaidReason said(&error);
     QString fromPass, fromSlot, toPass, toSlot;
     return parseEnd(from, &fromPass, &fromSlot, error) && parseEnd(to, &toPass, &toSlot, error)
            && connect(fromPass, fromSlot, toPass, toSlot, error);
@@ -261,6 +318,7 @@ bool Pipeline::connect(const QString &from, const QString &to, QString *error)
 
 bool Pipeline::bind(const QString &pass, const QString &slot, const QString &hostValue, QString *error)
 {
+    const SaidReason said(&error);
     const InputPort input = d->graph.input(pass, slot, error);
     if (!input)
         return false;
@@ -313,14 +371,19 @@ int Pipeline::bindStandard()
 
 bool Pipeline::setValue(const QString &pass, const QString &slot, const QVariant &value, QString *error)
 {
+    const SaidReason said(&error);
     const InputPort input = d->graph.input(pass, slot, error);
-    if (input)
-        d->graph.set(input, ValueSource{value});
-    return bool(input);
+    if (!input)
+        return false;
+    if (const QString misfit = misfitOf(input.slot(), input.info(), value); !misfit.isEmpty())
+        return fail(error, QStringLiteral("pass '%1': '%2' %3").arg(pass, input.slot(), misfit));
+    d->graph.set(input, ValueSource{value});
+    return true;
 }
 
 bool Pipeline::setValueText(const QString &pass, const QString &slot, const QString &text, QString *error)
 {
+    const SaidReason said(&error);
     if (text.startsWith(QLatin1Char('@')))
         return bind(pass, slot, text.mid(1), error);
     QString name;
@@ -354,6 +417,7 @@ const SlotInfo *Pipeline::inputInfo(const QString &pass, const QString &slot) co
 
 bool Pipeline::reset(const QString &pass, const QString &slot, QString *error)
 {
+    const SaidReason said(&error);
     const InputPort input = d->graph.input(pass, slot, error);
     if (input)
         d->graph.set(input, DefaultSource());
@@ -486,9 +550,12 @@ void Pipeline::setScreen(FramebufferObject *screen)
 
 bool Pipeline::setHostValue(const QString &name, const QVariant &value, QString *error)
 {
+    const SaidReason said(&error);
     const int index = d->hosts.find(name, error);
     if (index < 0)
         return false;
+    if (const QString misfit = misfitOf(d->hosts.slot(index), nullptr, value); !misfit.isEmpty())
+        return fail(error, QStringLiteral("host value '%1' %2").arg(name, misfit));
     d->hosts[index] = value;
     return true;
 }
@@ -505,6 +572,7 @@ QStringList Pipeline::hostValueNames()
 
 bool Pipeline::setup(RenderCallbacks *callbacks, QString *error)
 {
+    const SaidReason said(&error);
     if (!contextIsCurrent())
         return fail(error, QStringLiteral("no OpenGL context of version 3.2 or later is current"));
     d->frame.setup(callbacks);
@@ -513,7 +581,9 @@ bool Pipeline::setup(RenderCallbacks *callbacks, QString *error)
 
 bool Pipeline::render(RenderCallbacks *callbacks, QString *error)
 {
-    if (!setup(callbacks, error))
+    QString saidBefore; // in the first of many frames
+    d->lacksContext = !setup(callbacks, error || !d->lacksContext ? error : &saidBefore);
+    if (d->lacksContext)
         return false;
     d->frame.run(callbacks);
     return true;

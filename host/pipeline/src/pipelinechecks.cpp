@@ -1,6 +1,7 @@
 #include "pipelinechecks.h"
 
 #include "core/renderpasshelper.h"
+#include "host/slotname.h"
 #include "host/slotvalue.h"
 #include "hostvalues.h"
 #include "passgraph.h"
@@ -90,6 +91,7 @@ public:
     {
         for (const auto &node : _graph.nodes()) {
             checkViewport(*node);
+            checkImages(*node);
             for (int i = 0; i < node->pass->numInputs(); ++i)
                 checkInput({node.get(), i});
         }
@@ -104,6 +106,27 @@ private:
         if (index >= 0 && std::holds_alternative<DefaultSource>(node.source(index))
             && node.pass->defaultValue(index).toRect().isEmpty())
             _found << QStringLiteral("pass '%1' has no viewport, so its pictures are empty").arg(node.name);
+    }
+
+    // A filter of nothing. Passes that work on other things too (models, files, geometry) may do without images.
+    void checkImages(Node &node)
+    {
+        static const QStringList kOtherWork{QStringLiteral("KvoGPUModel*"), QStringLiteral("KvoDrawBuffers*"),
+                                            QStringLiteral("QString"), QStringLiteral("string")};
+        QStringList images;
+        for (int i = 0; i < node.pass->numInputs(); ++i) {
+            const SlotName slot = SlotName::parse(node.pass->inputName(i));
+            if (kOtherWork.contains(slot.type))
+                return;
+            if (slot.type != QLatin1StringView("KvoTexture*") || slot.name.endsWith(QLatin1StringView("Out")))
+                continue;
+            if (!std::holds_alternative<DefaultSource>(node.source(i)))
+                return;
+            images << QLatin1Char('\'') + slot.name + QLatin1Char('\'');
+        }
+        if (!images.isEmpty())
+            _found << QStringLiteral("pass '%1' has no image to work on: nothing is given to %2")
+                          .arg(node.name, images.join(QLatin1StringView(" or ")));
     }
 
     void checkInput(const InputPort &input)

@@ -4,6 +4,7 @@
 #include "host/pipeline.h"
 #include "host/slotname.h"
 #include "json.h"
+#include "libraryfolder.h"
 #include "lightsjson.h"
 #include "pipelineversions.h"
 #include "slotvaluejson.h"
@@ -363,6 +364,12 @@ QStringList pipelineSearchPath(const QStringList &extra)
     QStringList path = extra;
     if (QCoreApplication::instance())
         path << QDir::cleanPath(QCoreApplication::applicationDirPath() + QLatin1StringView("/../share/kvo/pipelines"));
+    // A program of somebody else's lies anywhere, but the library that it uses brought its pipelines along.
+    if (const QString library = folderOfLibrary(reinterpret_cast<const void *>(&findPipeline)); !library.isEmpty()) {
+        const QString folder = QDir::cleanPath(library + u'/' + QLatin1StringView(KVO_LIBRARIES_TO_PIPELINES));
+        if (!path.contains(folder))
+            path << folder;
+    }
     path << QStringLiteral(KVO_PIPELINES_FALLBACK);
     return path;
 }

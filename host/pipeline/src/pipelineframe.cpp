@@ -217,14 +217,29 @@ void PipelineFrame::learnContext()
 void PipelineFrame::passInputs(Step &step)
 {
     RenderPass &pass = *step.node->pass;
-    for (const auto &[input, host] : step.hosts)
+    for (const auto &[input, host] : step.hosts) {
+        if (!_hosts[host.host].isValid())
+            reportMissing(step, input, host.host);
         pass.setInput(input, hostValueFor(step, host));
+    }
     for (size_t i = 0; i < step.links.size(); ++i) {
         const Step::Link &link = step.links[i];
         const QVariant value = outputOf(link.source, link.isOurs);
         step.inputPorts[i].texture = textureFromVariant(value);
         pass.setInput(link.input, value);
     }
+}
+
+// Lights, screens and paths may well be left out. Of a viewport, a camera and a model nothing would be seen; who means
+// none says so, by a null pointer for instance.
+void PipelineFrame::reportMissing(const Step &step, int input, int host)
+{
+    if (host > HostValues::Opaque || (_missing >> host & 1u))
+        return;
+    _missing |= 1u << host;
+    const HostCode hostCode;
+    qWarning("Pipeline: the host value '%s', which pass '%s' wants in '%s', was never set",
+             qPrintable(_hosts.name(host)), qPrintable(step.node->name), qPrintable(step.node->pass->inputName(input)));
 }
 
 PipelineFrame::Placing PipelineFrame::placingOf(const StateRow *row)

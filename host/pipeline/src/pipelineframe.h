@@ -89,6 +89,7 @@ private:
     void learnContext();
     void runStep(Step &step, RenderCallbacks *callbacks);
     void passInputs(Step &step);
+    void reportMissing(const Step &step, int input, int host);
     QVariant hostValueFor(const Step &step, const HostSource &source) const;
     static Placing placingOf(const StateRow *row);
     void setViewport(const Step &step);
@@ -105,6 +106,7 @@ private:
     quint64 _revision = 0; ///< Of the graph that the steps are made from.
     ReferenceLedger _ledger;
     QSet<QString> _reported;
+    unsigned _missing = 0; ///< Bits of the host values of which it was said that there are none.
     QVector<QPointer<QObject>> _givenUp; ///< By the passes of this pipeline.
     QWeakPointer<OpenGLDeviceContext> _timerContext; ///< Where the queries are.
     bool _contextKnown = false;

@@ -1,6 +1,9 @@
 #include "host/shadowshaderpass.h"
 
+#include "gl/bindings.h"
+#include "gl/guards.h"
 #include "gl/shaderprogram.h"
+#include "gl/texture.h"
 #include "shadows/shadowmapmanager.h"
 
 #include <algorithm>
@@ -17,6 +20,10 @@ ShadowShaderPass::ShadowShaderPass()
 
 void ShadowShaderPass::start(RenderCallbacks *callbacks)
 {
+    const BindingScope scope;
+    // Around all other textures: it goes last, and the unit that was active then is to be active again.
+    const ShadowMapRenderData *data = _record();
+    const AutoBinder maps(data ? data->projectionTexture() : nullptr);
     ShaderRenderPass::start(callbacks);
     releaseRecord();
 }
@@ -25,6 +32,12 @@ void ShadowShaderPass::releaseRecord()
 {
     ShadowMapManager::unbindRecord(_bound);
     _bound = nullptr;
+}
+
+const ShadowMapRenderData *ShadowShaderPass::_record() const
+{
+    const int index = findInput(u"Kvo_QVariant_ShadowMapData"_s);
+    return index < 0 ? nullptr : ShadowMapRenderData::fromVariant(_inputs[index].value);
 }
 
 float ShadowShaderPass::_bounded(const QString &slot, float otherwise, float least, float most)
@@ -48,8 +61,7 @@ void ShadowShaderPass::setUniforms()
     const ShadowMapManager::Sampling sampling{
         _bounded(u"Kvo_float_MinimumVariance"_s, usual.minimumVariance, 0.0f, 1.0f),
         _bounded(u"Kvo_float_LightBleeding"_s, usual.lightBleeding, 0.0f, 0.99f)};
-    const int record = findInput(u"Kvo_QVariant_ShadowMapData"_s);
-    const ShadowMapRenderData *data = record < 0 ? nullptr : ShadowMapRenderData::fromVariant(_inputs[record].value);
+    const ShadowMapRenderData *data = _record();
     _bound = ShadowMapManager::bindRecord(_program, data, sampling) ? data : nullptr;
 }
 

@@ -56,6 +56,24 @@ bool lacksOnePiece(const QString &text, const QString &whole)
     return head + tail >= text.size();
 }
 
+// Of a long name people know the beginning: 'Gausian' for 'GaussianBlurRenderPass'.
+QString nearestBeginning(const QString &wanted, const QStringList &candidates)
+{
+    constexpr qsizetype kTooShort = 4; // to say much
+    QString best;
+    qsizetype bestDistance = wanted.size() / kTooShort + 1;
+    for (const QString &candidate : candidates) {
+        for (qsizetype length = wanted.size() - 1; length <= wanted.size() + 1 && length < candidate.size(); ++length) {
+            const qsizetype distance = editDistance(wanted, candidate.left(length).toLower());
+            if (wanted.size() >= kTooShort && distance < bestDistance) {
+                bestDistance = distance;
+                best = candidate;
+            }
+        }
+    }
+    return best;
+}
+
 } // namespace
 
 SlotName SlotName::parse(const QString &slot)
@@ -103,7 +121,7 @@ QString nearestName(const QString &name, const QStringList &candidates)
             best = candidate;
         }
     }
-    return best;
+    return best.isEmpty() ? nearestBeginning(wanted, candidates) : best;
 }
 
 QString nearestNameHint(const QString &name, const QStringList &candidates)

@@ -94,13 +94,14 @@ Parsed toRect(const Json &json)
     const auto n = numbers<int, 4>(json);
     if (!n)
         return {};
-    // A rectangle keeps its last column and row, which no int may hold.
-    const auto fits = [](qint64 first, qint64 extent) {
-        const qint64 last = first + extent - 1;
+    // A rectangle keeps its last column and row, which no int may hold. From its size it would be made by way of one more.
+    const auto [x, y, width, height] = *n;
+    const qint64 right = qint64(x) + width - 1;
+    const qint64 bottom = qint64(y) + height - 1;
+    const auto fits = [](qint64 last) {
         return last >= std::numeric_limits<int>::min() && last <= std::numeric_limits<int>::max();
     };
-    const auto [x, y, width, height] = *n;
-    return fits(x, width) && fits(y, height) ? Parsed(QRect(x, y, width, height)) : Parsed();
+    return fits(right) && fits(bottom) ? Parsed(QRect(QPoint(x, y), QPoint(int(right), int(bottom)))) : Parsed();
 }
 
 Parsed toRectOrList(const Json &json)

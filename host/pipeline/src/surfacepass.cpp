@@ -13,6 +13,7 @@
 #include "model/gpumodel.h"
 #include "pooledoutput.h"
 #include "surfaceprogram.h"
+#include "viewportsize.h"
 
 #include <epoxy/gl.h>
 
@@ -95,13 +96,13 @@ void SurfacePass::start(RenderCallbacks *)
         return;
     for (PassSlot &output : _outputs)
         output.value = QVariant();
-    const QSize size = _inputs[InViewport].value.toRect().size();
-    if (size.isEmpty())
+    const QSize size = sizeInSlot(*this, InViewport);
+    if (size.isEmpty() || !hasRoomFor(*this, InViewport, size))
         return;
 
     // It binds with plain GL, of which a pipeline that the pass runs in knows nothing.
     const HostCode hostCode;
-    const DefaultState state;
+    const DefaultState state{StatePiece::DepthTest};
     auto &pool = TextureManager::Instance();
     std::array<Texture *, kSurfaceTargets.size()> textures{};
     for (std::size_t i = 0; i < kSurfaceTargets.size(); ++i)

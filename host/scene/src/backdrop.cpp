@@ -125,7 +125,7 @@ void BackdropPainter::draw(FramebufferObject *target, const QSize &size, const B
     const ContextScope scope;
     if (!scope || !backdrop.isVisible() || size.isEmpty() || liveKindOf(target) != LiveKind::Framebuffer)
         return;
-    const DefaultState state;
+    const DefaultState state{StatePiece::Blending, StatePiece::BlendFunction};
     if (!_program)
         _program = screenProgram(QStringLiteral("Backdrop"), {QStringLiteral("out_Color")}, kShader);
     const QMatrix4x4 toClip = projection * camera;

@@ -2,12 +2,13 @@
 
 #include "failure.h"
 #include "host/modeltransport.h"
+#include "libraryfolder.h"
+#include "unaskedreport.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -52,14 +53,6 @@ public:
 private:
     int _number;
 };
-
-QString folderOfLibrary()
-{
-    Dl_info info{};
-    if (!dladdr(reinterpret_cast<const void *>(&importSceneIsolated), &info) || !info.dli_fname)
-        return QString();
-    return QFileInfo(QFile::decodeName(info.dli_fname)).canonicalPath();
-}
 
 QString folderOfProcess()
 {
@@ -234,7 +227,8 @@ QString findImportProgram(QString *error)
         return QString();
     }
     QStringList folders{folderOfProcess()};
-    if (const QString library = folderOfLibrary(); !library.isEmpty())
+    if (const QString library = folderOfLibrary(reinterpret_cast<const void *>(&importSceneIsolated));
+        !library.isEmpty())
         folders << QDir::cleanPath(library + u'/' + QLatin1StringView(KVO_LIBRARIES_TO_LIBEXEC));
     for (const QString &folder : std::as_const(folders)) {
         const QString program = folder + u'/' + name;
@@ -250,9 +244,7 @@ QString findImportProgram(QString *error)
 ModelData importSceneIsolated(const QString &path, const ImportOptions &options, const ImportLimits &limits,
                               ImportReport *report)
 {
-    ImportReport local;
-    if (!report)
-        report = &local;
+    const UnaskedReport unasked(&report);
     *report = ImportReport();
     ModelData data;
     QString error;

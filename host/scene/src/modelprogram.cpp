@@ -3,6 +3,7 @@
 #include "gl/shaderprogram.h"
 #include "model/instancedataplan.h"
 #include "model/instancedataregistry.h"
+#include "screenprogram.h"
 
 #include <epoxy/gl.h>
 
@@ -17,15 +18,6 @@ void main()
   gl_Position = vec4(va_Vertex, 1.0);
 }
 )");
-
-ShaderProgram *built(ShaderProgram *program, const QString &label, const QStringList &outputs)
-{
-    program->setLabel(label);
-    program->setFragDataLocations(outputs);
-    program->compile();
-    program->link();
-    return program;
-}
 
 } // namespace
 
@@ -42,10 +34,7 @@ ShaderProgram *modelProgram(const QString &label, const QStringList &outputs, co
 
 ShaderProgram *screenProgram(const QString &label, const QStringList &outputs, const QString &fragmentShader)
 {
-    auto *program = new ShaderProgram;
-    program->addShader(GL_VERTEX_SHADER, kScreenVertexShader);
-    program->addShader(GL_FRAGMENT_SHADER, fragmentShader);
-    return built(program, label, outputs);
+    return screenProgram(label, outputs, kScreenVertexShader, fragmentShader);
 }
 
 } // namespace Brevane::Kvo

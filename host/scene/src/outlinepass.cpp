@@ -16,6 +16,7 @@
 #include "gl/vertexarrayobject.h"
 #include "model/gpumodel.h"
 #include "modelprogram.h"
+#include "viewportsize.h"
 
 #include <epoxy/gl.h>
 
@@ -93,6 +94,37 @@ void main()
 }
 )");
 
+// In either form of pointers. One that is gone reads as none: Qt's own conversion would ask the object.
+FramebufferObject *framebufferIn(const QVariant &value)
+{
+    const QMetaType type = value.metaType();
+    QObject *object = nullptr;
+    if (type == QMetaType::fromType<FramebufferObject *>())
+        object = *static_cast<FramebufferObject *const *>(value.constData());
+    else if (type == QMetaType(QMetaType::QObjectStar))
+        object = *static_cast<QObject *const *>(value.constData());
+    return liveKindOf(object) == LiveKind::Framebuffer ? static_cast<FramebufferObject *>(object) : nullptr;
+}
+
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport", .meaning = "size of the picture", .kind = SlotKind::Area, .unit = "pixels"},
+    {.name = "Kvo_QMatrix4x4_ProjectionMatrix", .meaning = "camera to clip space", .kind = SlotKind::Matrix},
+    {.name = "Kvo_QMatrix4x4_CameraMatrix", .meaning = "world to camera space", .kind = SlotKind::Matrix},
+    {.name = "Kvo_KvoGPUModel*_Geometry", .meaning = "whose items they are", .kind = SlotKind::Model},
+    {.name = "Kvo_QColor_Color", .meaning = "of the line; its alpha counts", .kind = SlotKind::Color},
+    {.name = "Kvo_float_Width",
+     .meaning = "of the line",
+     .kind = SlotKind::Distance,
+     .unit = "pixels",
+     .range = {kLeastWidth, kLargestWidth, 0.5}},
+    {.name = "Kvo_KvoFramebuffer*_FramebufferOut",
+     .meaning = "what is drawn onto; none: framebuffer 0",
+     .kind = SlotKind::Framebuffer},
+};
+
+constexpr PassInfo kInfo = {
+    "OutlinePass", "draws a line around chosen items of a model", Reach::texels(kLargestWidth), kInputInfo, {}};
+
 } // namespace
 
 OutlinePass::OutlinePass()
@@ -104,6 +136,7 @@ OutlinePass::OutlinePass()
     addInput(QStringLiteral("Kvo_QColor_Color"), QColor(0xff, 0x9a, 0x1f), kColor);
     addInput(QStringLiteral("Kvo_float_Width"), 2.0f, kWidth);
     addInput(QStringLiteral("Kvo_KvoFramebuffer*_FramebufferOut"), QVariant(), kFramebufferOut);
+    describe(kInfo);
 }
 
 void OutlinePass::setItems(const QVector<int> &items)
@@ -159,11 +192,12 @@ void OutlinePass::drawMask(Texture *mask)
 void OutlinePass::start(RenderCallbacks *)
 {
     const ContextScope scope;
-    const QSize size = _inputs[kViewport].value.toRect().size();
+    const QSize size = sizeInSlot(*this, kViewport);
     if (!scope || _items.isEmpty() || size.isEmpty()
-        || liveKindOf(qvariant_cast<GPUModel *>(_inputs[kGeometry].value)) != LiveKind::Model)
+        || liveKindOf(qvariant_cast<GPUModel *>(_inputs[kGeometry].value)) != LiveKind::Model
+        || !hasRoomFor(*this, kViewport, size))
         return;
-    const DefaultState state;
+    const DefaultState state{StatePiece::Blending, StatePiece::BlendFunction};
     if (!_fbo) {
         _fbo = new FramebufferObject;
         _fbo->setLabel(QStringLiteral("OutlinePass"));
@@ -179,10 +213,7 @@ void OutlinePass::start(RenderCallbacks *)
     glViewport(0, 0, size.width(), size.height());
     drawMask(mask);
     {
-        // One that is gone reads as none.
-        auto *target = qvariant_cast<FramebufferObject *>(_inputs[kFramebufferOut].value);
-        if (liveKindOf(target) != LiveKind::Framebuffer)
-            target = nullptr;
+        FramebufferObject *target = framebufferIn(_inputs[kFramebufferOut].value);
         const AutoBinder onto(target);
         if (!target)
             glBindFramebuffer(GL_FRAMEBUFFER, 0);

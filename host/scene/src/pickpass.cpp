@@ -14,6 +14,7 @@
 #include "model/gpumodel.h"
 #include "modelprogram.h"
 #include "pooledoutput.h"
+#include "viewportsize.h"
 
 #include <epoxy/gl.h>
 
@@ -70,6 +71,31 @@ QMatrix4x4 enlargement(const QRect &area, const QSize &picture)
     return matrix;
 }
 
+constexpr SlotInfo kInputInfo[] = {
+    {.name = "Kvo_QRect_Viewport", .meaning = "size of the picture", .kind = SlotKind::Area, .unit = "pixels"},
+    {.name = "Kvo_QMatrix4x4_ProjectionMatrix", .meaning = "camera to clip space", .kind = SlotKind::Matrix},
+    {.name = "Kvo_QMatrix4x4_CameraMatrix", .meaning = "world to camera space", .kind = SlotKind::Matrix},
+    {.name = "Kvo_KvoGPUModel*_Geometry", .meaning = "what is drawn, whatever its opacity", .kind = SlotKind::Model},
+    {.name = "Kvo_QRect_Area",
+     .meaning = "what the targets hold of the picture; none: all",
+     .kind = SlotKind::Area,
+     .unit = "pixels"},
+};
+
+constexpr SlotInfo kOutputInfo[] = {
+    {.name = "Kvo_KvoTexture*_Item",
+     .meaning = "item + 1, triangle + 1, 0, 0; all 0 where nothing is",
+     .kind = SlotKind::Texture,
+     .format = "pool format 11"},
+    {.name = "Kvo_KvoTexture*_Position",
+     .meaning = "world position, 1; all 0 where nothing is",
+     .kind = SlotKind::Texture,
+     .format = "pool format 6"},
+};
+
+constexpr PassInfo kInfo = {"PickPass", "draws which item and triangle of a model each pixel shows, and where",
+                            Reach::texels(0), kInputInfo, kOutputInfo};
+
 } // namespace
 
 PickPass::PickPass()
@@ -81,6 +107,7 @@ PickPass::PickPass()
     addInput(QStringLiteral("Kvo_QRect_Area"), QVariant(), kArea);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Item"), kItem);
     addOutput(QStringLiteral("Kvo_KvoTexture*_Position"), kPosition);
+    describe(kInfo);
 }
 
 void PickPass::start(RenderCallbacks *)
@@ -90,13 +117,15 @@ void PickPass::start(RenderCallbacks *)
         return;
     for (PassSlot &output : _outputs)
         output.value = QVariant();
-    const QRect picture(QPoint(), _inputs[kViewport].value.toRect().size());
+    const QRect picture(QPoint(), sizeInSlot(*this, kViewport));
     const QRect area = _inputs[kArea].value.toRect();
     _drawn = area.isValid() ? area & picture : picture;
-    if (_drawn.isEmpty())
+    if (_drawn.isEmpty() || !hasRoomFor(*this, kViewport, _drawn.size())) {
+        _drawn = QRect();
         return;
+    }
 
-    const DefaultState state;
+    const DefaultState state{StatePiece::DepthTest};
     auto &pool = TextureManager::Instance();
     Texture *item = pool.tempTexture(TextureFormat::FourIndex32, _drawn.width(), _drawn.height());
     Texture *position = pool.tempTexture(TextureFormat::Position, _drawn.width(), _drawn.height());

@@ -7,6 +7,7 @@
 #include "importimages.h"
 #include "importmaterial.h"
 #include "importrepair.h"
+#include "unaskedreport.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -356,9 +357,7 @@ ModelData readScene(const QString &path, const ImportOptions &options, ImportRep
 
 ModelData importScene(const QString &path, const ImportOptions &options, ImportReport *report)
 {
-    ImportReport local;
-    if (!report)
-        report = &local;
+    const UnaskedReport unasked(&report);
     *report = ImportReport();
     ModelData data;
     // The importer and what it calls may throw, and so does Qt without memory; nothing of that leaves this function.

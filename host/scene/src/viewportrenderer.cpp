@@ -77,7 +77,7 @@ const PassInput *dirtyInput(const QVector<PassInput> &inputs)
 
 void clear(FramebufferObject *screen)
 {
-    const DefaultState state;
+    const DefaultState state(std::initializer_list<StatePiece>{});
     const AutoBinder bound(screen);
     constexpr GLfloat kGrey[] = {0.2f, 0.2f, 0.2f, 1.0f};
     glClearBufferfv(GL_COLOR, 0, kGrey);
@@ -586,9 +586,12 @@ Pick ViewportRenderer::pick(const QPoint &pixel, const QSize &size)
 
 QVector<int> ViewportRenderer::itemsIn(const QRect &area, const QSize &size)
 {
-    if (!d->model() || size.isEmpty() || !area.isValid() || !area.intersects(QRect(QPoint(), size)))
+    // By hand: what Qt asks of rectangles overflows where they are as wide as integers go.
+    const QRect seen(QPoint(std::max(area.left(), 0), std::max(area.top(), 0)),
+                     QPoint(std::min(area.right(), size.width() - 1), std::min(area.bottom(), size.height() - 1)));
+    if (!d->model() || size.isEmpty() || !seen.isValid())
         return {};
-    d->startPick(area, size);
+    d->startPick(seen, size);
     return d->picker->itemsIn(QRect(QPoint(), size));
 }
 

@@ -150,7 +150,7 @@ void VtkPipelineFrame::run(const VtkView &view, unsigned int color, unsigned int
     // Without a pipeline VTK's picture goes as it is.
     GLint onto = 0;
     glGetIntegerv(GL_DRAW_FRAMEBUFFER_BINDING, &onto);
-    const DefaultState state;
+    const DefaultState state(std::initializer_list<StatePiece>{});
     glBindFramebuffer(GL_READ_FRAMEBUFFER, isDrawn ? d->target->framebuffer()->getFBO() : source.name());
     glBindFramebuffer(GL_DRAW_FRAMEBUFFER, GLuint(onto));
     glBlitFramebuffer(0, 0, view.width, view.height, view.x, view.y, view.x + view.width, view.y + view.height,

@@ -337,7 +337,11 @@ Pick ViewportWidget::pickAt(const QPoint &position)
 QVector<int> ViewportWidget::itemsIn(const QRect &area)
 {
     const Current current(this);
-    const QRect whole = area.normalized();
+    // A pixel beyond the widget is as far away as any.
+    const auto near = [this](const QPoint &p) {
+        return QPoint(std::clamp(p.x(), -1, width()), std::clamp(p.y(), -1, height()));
+    };
+    const QRect whole = QRect(near(area.topLeft()), near(area.bottomRight())).normalized();
     const QPoint corner = d->pixelAt(whole.topLeft());
     const QPoint behind = d->pixelAt(whole.bottomRight() + QPoint(1, 1));
     return d->renderer.itemsIn(QRect(corner, behind - QPoint(1, 1)), d->pixels());

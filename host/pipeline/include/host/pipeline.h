@@ -82,7 +82,8 @@ struct PassInput
 /// frame in between allocates nothing.
 ///
 /// Operations that can fail return false and put the reason, with the names concerned and the nearest
-/// right name, in *error where given; the pipeline is then as it was.
+/// right name, in *error where given; the pipeline is then as it was. Those that change the pipeline, setup and render
+/// say it through qWarning where no error is taken.
 class KVO_PIPELINE_EXPORT Pipeline
 {
 public:
@@ -149,7 +150,8 @@ public:
     /// Binds inputs that have their default to the host value that their name asks for: Viewport, CameraMatrix,
     /// ProjectionMatrix, NearPlane, FarPlane, and Geometry that takes a model. Gives the number of those it bound.
     int bindStandard();
-    /// Gives an input a value that stays.
+    /// Gives an input a value that stays. False, with the reason, for one that no pass could read, going by the type in
+    /// the slot's name; an invalid value is none, and goes in everywhere.
     bool setValue(const QString &pass, const QString &slot, const QVariant &value, QString *error = nullptr);
     /// The same from text, see parseSlotValue; "@name" binds to a host value.
     bool setValueText(const QString &pass, const QString &slot, const QString &text, QString *error = nullptr);
@@ -168,13 +170,14 @@ public:
     /// Whether any input is bound to that host value.
     bool uses(const QString &hostValue) const;
     /// What is likely a mistake though it runs: passes without a viewport, values beyond what makes sense, null
-    /// where a value belongs, files that are not there, links that nothing reads, lights and paths that no input
-    /// is bound to.
+    /// where a value belongs, files that are not there, filters without an image, links that nothing reads, lights and
+    /// paths that no input is bound to.
     QStringList warnings() const;
 
     // Outputs
 
-    /// The value of an output as the pass left it; invalid for unknown names.
+    /// The value of an output as the pass left it; invalid for unknown names. Behind a frame a texture of the pool in
+    /// the middle of the chain may hold what a later pass drew: read it in the observer, see setPassObserver.
     QVariant output(const QString &pass, const QString &slot, QString *error = nullptr) const;
     /// The full name of an output.
     bool outputSlot(const QString &pass, const QString &slot, QString *fullName, QString *error = nullptr) const;
@@ -208,7 +211,7 @@ public:
     void setModel(GPUModel *model, GPUModel *opaque = nullptr);
     /// The host value "screen": what the last pass draws on. It stays the host's.
     void setScreen(FramebufferObject *screen);
-    /// Gives any host value. False, with the reason, for a name that is none.
+    /// Gives any host value. False, with the reason, for a name that is none, and for a value of another type.
     bool setHostValue(const QString &name, const QVariant &value, QString *error = nullptr);
     /// What a host value is now; invalid for a name that is none.
     QVariant hostValue(const QString &name) const;
@@ -219,7 +222,8 @@ public:
 
     /// Calls setup on passes that had none. render does so itself; call this to pay early.
     bool setup(RenderCallbacks *callbacks = nullptr, QString *error = nullptr);
-    /// Runs one frame. False with an error when there is no usable context.
+    /// Runs one frame. False with an error when there is no usable context. A viewport, a camera or a model that passes
+    /// want and that was never set is said once; for no model set a null pointer.
     bool render(RenderCallbacks *callbacks = nullptr, QString *error = nullptr);
     /// Tears all passes down; render sets them up again.
     void teardown(RenderCallbacks *callbacks = nullptr);

@@ -88,11 +88,12 @@ KVO_PIPELINE_EXPORT QByteArray withPassRenamed(const QByteArray &text, const QSt
 /// The files that the text of a pipeline file names by "file" and "contentOf", as paths, each once.
 KVO_PIPELINE_EXPORT QStringList filesOf(const QByteArray &text, const QString &path);
 
-/// Folders where pipelines are looked for by name: those given, then share/kvo/pipelines of the
-/// installation that the program belongs to, then the source tree that this library was built from.
+/// Folders where pipelines are looked for by name: those given, then share/kvo/pipelines of the installations that the
+/// program and this library belong to, then the source tree that the library was built from.
 KVO_PIPELINE_EXPORT QStringList pipelineSearchPath(const QStringList &extra = {});
 /// The file behind a name ("forward") or path; an empty string with an error when there is none.
-KVO_PIPELINE_EXPORT QString findPipeline(const QString &nameOrPath, const QStringList &searchPath,
+KVO_PIPELINE_EXPORT QString findPipeline(const QString &nameOrPath,
+                                         const QStringList &searchPath = pipelineSearchPath(),
                                          QString *error = nullptr);
 /// The pipeline to take where nobody names one: "studio" where there is a model, "gradient" without.
 KVO_PIPELINE_EXPORT QString defaultPipeline(bool hasModel);

@@ -33,6 +33,7 @@ protected:
     void releaseRecord();
 
 private:
+    const ShadowMapRenderData *_record() const;
     float _bounded(const QString &slot, float otherwise, float least, float most);
 
     const ShadowMapRenderData *_bound = nullptr; // while it draws

@@ -53,7 +53,8 @@ struct ImportReport
 /// is for files of others.
 ///
 /// Whatever the file holds, indices of the result are in range and all numbers finite: triangles that
-/// offend are left out with a warning. On failure the result is empty.
+/// offend are left out with a warning. On failure the result is empty. Without a report error and warnings go to
+/// qWarning.
 KVO_SCENE_EXPORT ModelData importScene(const QString &path, const ImportOptions &options = ImportOptions(),
                                        ImportReport *report = nullptr);
 
