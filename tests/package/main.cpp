@@ -2,11 +2,13 @@
 
 #include "gl/opengldevicecontext.h"
 #include "gl/texture.h"
+#include "host/pipelinefile.h"
 #include "renderpasses/gradientrenderpass.h"
 
 #include <epoxy/egl.h>
 #include <epoxy/gl.h>
 
+#include <QFileInfo>
 #include <QRect>
 #include <QVariant>
 
@@ -14,6 +16,7 @@
 #include <cstdio>
 #include <vector>
 
+using Brevane::Kvo::findPipeline;
 using Brevane::Kvo::GradientRenderPass;
 using Brevane::Kvo::OpenGLDeviceContext;
 using Brevane::Kvo::Texture;
@@ -57,10 +60,23 @@ std::vector<float> drawGradient()
     return pixels;
 }
 
+// This program is not part of the installation, and yet the pipelines are those of the library that it uses.
+bool findsPipelines()
+{
+    const QString wanted = QFileInfo(QStringLiteral(KVO_PIPELINES "/gradient.json")).canonicalFilePath();
+    const QString found = QFileInfo(findPipeline(QStringLiteral("gradient"))).canonicalFilePath();
+    if (found == wanted)
+        return true;
+    std::fprintf(stderr, "the pipeline 'gradient' is '%s' and not '%s'\n", qPrintable(found), qPrintable(wanted));
+    return false;
+}
+
 } // namespace
 
 int main()
 {
+    if (!findsPipelines())
+        return 1;
     EGLDisplay display = EGL_NO_DISPLAY;
     EGLContext context = EGL_NO_CONTEXT;
     if (!openContext(display, context)) {
