@@ -274,8 +274,6 @@ protected:
         GLTest::SetUp();
         main = std::make_unique<Home>(context());
         ASSERT_TRUE(main->enter());
-        // what is made on demand and stays is there afterwards
-        main->values().recorded(0);
         live(*main);
         want = frame(*make(*main), *main);
         before = settledObjects();
