@@ -73,4 +73,7 @@ private:
 /// Value of a framebuffer as slots carry it. The pointer is borrowed.
 KVO_GL_EXPORT QVariant framebufferToVariant(FramebufferObject *framebuffer);
 
+/// The framebuffer in a slot value, as a QObject * or a FramebufferObject *; null when there is none, or it is gone.
+KVO_GL_EXPORT FramebufferObject *framebufferFromVariant(const QVariant &value);
+
 } // namespace Brevane::Kvo

@@ -115,6 +115,10 @@ bool isPlainlyLike(const QVariant &value, const QVariant &before)
     const QMetaType type = value.metaType();
     if (type != before.metaType())
         return false;
+    // Each of its elements may be of another type.
+    if (type == QMetaType(QMetaType::QVariantList))
+        return static_cast<const QVariantList *>(value.constData())
+            ->isSharedWith(*static_cast<const QVariantList *>(before.constData()));
     // Objects mostly stay the same for many frames.
     if (type.flags() & (QMetaType::IsPointer | QMetaType::PointerToQObject))
         return *static_cast<const void *const *>(value.constData())
@@ -127,12 +131,17 @@ void checkInput(const RenderPassHelper &pass, int index, const QVariant &value)
 {
     const QString name = pass.inputName(index);
     const SlotInfo *info = pass.inputInfo(index);
-    const char *wanted = typeWantedInsteadOf(name, info, value);
-    const QVariant before = pass.inputValue(index);
-    if (wanted && (value.metaType() != before.metaType() || !typeWantedInsteadOf(name, info, before)))
-        say(pass, index,
-            QStringLiteral("takes a %1; a value of type '%2' is none and is not read")
-                .arg(QLatin1StringView(wanted), QLatin1StringView(value.metaType().name())));
+    const TypeMismatch wrong = typeMismatch(name, info, value);
+    if (!wrong)
+        return;
+    const TypeMismatch before = typeMismatch(name, info, pass.inputValue(index));
+    if (before && before.given == wrong.given && (before.element < 0) == (wrong.element < 0))
+        return;
+    const QString culprit =
+        wrong.element < 0 ? QStringLiteral("a value") : QStringLiteral("element %1").arg(wrong.element);
+    say(pass, index,
+        QStringLiteral("takes a %1; %2 of type '%3' is none and is not read")
+            .arg(QLatin1StringView(wrong.wanted), culprit, QLatin1StringView(wrong.given.name())));
 }
 
 bool inRange(const RenderPassHelper *pass, const char *operation, int index, qsizetype size)

@@ -91,10 +91,8 @@ bool becomes(const QVariant &value, QMetaType wanted)
     const QMetaType type = value.metaType();
     if (type == wanted || (isNumber(type) && isNumber(wanted)))
         return true;
-    // To Qt a text is a list of characters.
-    const bool isText = type.id() == QMetaType::QString || type.id() == QMetaType::QByteArray;
-    if (isText && wanted == QMetaType(QMetaType::QVariantList))
-        return false;
+    if (wanted == QMetaType(QMetaType::QVariantList))
+        return isList(value);
     QVariant converted = value;
     return QMetaType::canConvert(type, wanted) && converted.convert(wanted);
 }
@@ -113,33 +111,64 @@ bool isObject(const QVariant &value, LiveKind kind)
     return !object || liveKindOf(object) == kind;
 }
 
+template <typename Fits>
+TypeMismatch firstMisfit(const QVariantList &elements, const char *wanted, Fits &&fits)
+{
+    const auto found = std::find_if_not(elements.begin(), elements.end(),
+                                        [&](const QVariant &each) { return !each.isValid() || fits(each); });
+    if (found == elements.end())
+        return {};
+    return {wanted, found->metaType(), found - elements.begin()};
+}
+
 } // namespace
 
-const char *typeWantedInsteadOf(const QString &slot, const SlotInfo *info, const QVariant &value)
+bool isList(const QVariant &value)
+{
+    const int type = value.metaType().id();
+    return type != QMetaType::QString && type != QMetaType::QByteArray && value.canConvert<QVariantList>();
+}
+
+QVariantList listIn(const QVariant &value)
+{
+    return isList(value) ? value.toList() : QVariantList();
+}
+
+TypeMismatch typeMismatch(const QString &slot, const SlotInfo *info, const QVariant &value)
 {
     if (!value.isValid())
-        return nullptr;
+        return {};
+    const QMetaType type = value.metaType();
+    const bool hasVariants = type == QMetaType(QMetaType::QVariantList);
+    const auto unless = [type](bool fits, const char *wanted) {
+        return fits ? TypeMismatch() : TypeMismatch{wanted, type};
+    };
     const QStringView word = typeWordOf(slot);
     const bool isRecord = info ? info->kind == SlotKind::Record : slot.endsWith("_ShadowMapData"_L1);
     if (const ObjectType *object = isRecord ? &kRecord : entryOf(kObjects, word)) {
-        const bool isList = value.metaType().id() == QMetaType::QVariantList;
-        if (isList && object->kind == LiveKind::DrawBuffers) // pieces that are drawn one after another
-            return nullptr;
-        return isObject(value, object->kind) ? nullptr : object->meaning;
+        const auto fits = [object](const QVariant &each) { return isObject(each, object->kind); };
+        // Pieces of geometry are drawn one after another.
+        return hasVariants && object->kind == LiveKind::DrawBuffers ? firstMisfit(value.toList(), object->meaning, fits)
+                                                                    : unless(fits(value), object->meaning);
     }
     if (!info)
-        return nullptr;
+        return {};
     if (takesSeveralRectangles(slot)) {
-        const bool fits =
-            becomes(value, QMetaType(QMetaType::QRect)) || value.metaType().id() == QMetaType::QVariantList;
-        return fits ? nullptr : "rectangle or a list of them";
+        const auto fits = [](const QVariant &each) { return becomes(each, QMetaType(QMetaType::QRect)); };
+        constexpr const char *kWanted = "rectangle or a list of them";
+        return hasVariants ? firstMisfit(value.toList(), kWanted, fits) : unless(fits(value), kWanted);
+    }
+    if (slot == "Kvo_QList_InstanceData"_L1) {
+        const auto fits = [](const QVariant &each) { return isObject(each, LiveKind::InstanceData); };
+        constexpr const char *kWanted = "list of instance data";
+        return isList(value) ? firstMisfit(value.toList(), kWanted, fits) : unless(false, kWanted);
     }
     // One of what a list is of stands for a list of it, and so does a list of another type: whose elements know.
-    if (word == "QList"_L1 && value.metaType().id() >= QMetaType::User)
-        return nullptr;
+    if (word == "QList"_L1 && type.id() >= QMetaType::User)
+        return {};
     // A size is not among them: of what is none for maps the pass says all.
-    const ValueType *type = entryOf(kValues, info->kind == SlotKind::Factor ? u"float" : word);
-    return !type || becomes(value, QMetaType(type->type)) ? nullptr : type->meaning;
+    const ValueType *wanted = entryOf(kValues, info->kind == SlotKind::Factor ? u"float" : word);
+    return unless(!wanted || becomes(value, QMetaType(wanted->type)), wanted ? wanted->meaning : nullptr);
 }
 
 } // namespace Brevane::Kvo

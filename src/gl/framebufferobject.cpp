@@ -266,4 +266,9 @@ QVariant framebufferToVariant(FramebufferObject *framebuffer)
     return QVariant::fromValue(static_cast<QObject *>(framebuffer));
 }
 
+FramebufferObject *framebufferFromVariant(const QVariant &value)
+{
+    return liveObjectIn<FramebufferObject>(value, LiveKind::Framebuffer);
+}
+
 } // namespace Brevane::Kvo

@@ -401,12 +401,7 @@ QVariant textureToVariant(Texture *texture)
 
 Texture *textureFromVariant(const QVariant &value)
 {
-    QObject *object = nullptr;
-    if (value.metaType() == QMetaType::fromType<Texture *>())
-        object = *static_cast<Texture *const *>(value.constData());
-    else if (value.metaType() == QMetaType(QMetaType::QObjectStar))
-        object = *static_cast<QObject *const *>(value.constData());
-    return liveKindOf(object) == LiveKind::Texture ? static_cast<Texture *>(object) : nullptr;
+    return liveObjectIn<Texture>(value, LiveKind::Texture);
 }
 
 } // namespace Brevane::Kvo

@@ -109,13 +109,12 @@ GPUModel *modelOf(const QVariant &value)
 
 DrawBuffers *anyDrawBuffers(const QVariant &value)
 {
-    DrawBuffers *typed = typedPointer<DrawBuffers>(value);
-    return ifAlive<DrawBuffers>(typed ? typed : objectIn(value), LiveKind::DrawBuffers);
+    return known(liveObjectIn<DrawBuffers>(value, LiveKind::DrawBuffers));
 }
 
 FramebufferObject *framebufferOf(const QVariant &value)
 {
-    return ifAlive<FramebufferObject>(objectIn(value), LiveKind::Framebuffer);
+    return known(framebufferFromVariant(value));
 }
 
 QVariant objectForm(Texture *texture)

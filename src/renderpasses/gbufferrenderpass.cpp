@@ -1,5 +1,6 @@
 #include "renderpasses/gbufferrenderpass.h"
 
+#include "core/slottypes.h"
 #include "gl/bindings.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
@@ -147,10 +148,10 @@ void GBufferRenderPass::start(RenderCallbacks *)
     const auto camera = qvariant_cast<QMatrix4x4>(_inputs[kCameraMatrix].value);
     // One value stands for a list of it. Most frames have one, so no list is made for it.
     const QVariant geometry = _inputs[kGeometry].value;
-    const bool isList = geometry.canConvert<QVariantList>();
-    const QVariantList list = isList ? geometry.toList() : QVariantList();
-    const QVariant *const pieces = isList ? list.constData() : &geometry;
-    const qsizetype count = isList ? list.size() : 1;
+    const bool hasSeveral = isList(geometry);
+    const QVariantList list = listIn(geometry);
+    const QVariant *const pieces = hasSeveral ? list.constData() : &geometry;
+    const qsizetype count = hasSeveral ? list.size() : 1;
 
     if (needsTargets(_fbo, "GBufferRenderPass", extent, _width, _height)) {
         AutoBinder fbo(_fbo);

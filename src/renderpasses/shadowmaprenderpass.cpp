@@ -1,6 +1,7 @@
 #include "renderpasses/shadowmaprenderpass.h"
 
 #include "core/log.h"
+#include "core/slottypes.h"
 #include "gl/bindings.h"
 #include "gl/bufferobject.h"
 #include "gl/drawbuffers.h"
@@ -400,7 +401,7 @@ void ShadowMapRenderPass::start(RenderCallbacks *)
         return;
     GPUModel *model = castersIn(_inputs[kGeometry].value, __FILE__, __LINE__);
     const QSize mapSize = mapSizeOf(*this, kMapSize);
-    const QVariantList instanceData = qvariant_cast<QVariantList>(_inputs[kInstanceData].value);
+    const QVariantList instanceData = listIn(_inputs[kInstanceData].value);
     const std::optional<QMatrix4x4> camera = matrixIn(_inputs[kCameraMatrix].value);
     const std::optional<QMatrix4x4> projection = matrixIn(_inputs[kProjectionMatrix].value);
     if (model)

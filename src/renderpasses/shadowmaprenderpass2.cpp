@@ -1,6 +1,7 @@
 #include "renderpasses/shadowmaprenderpass2.h"
 
 #include "core/log.h"
+#include "core/slottypes.h"
 #include "gl/bindings.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
@@ -430,7 +431,7 @@ void ShadowMapRenderPass2::start(RenderCallbacks *)
         return;
     GPUModel *model = castersIn(_inputs[kGeometry].value, __FILE__, __LINE__);
     const QSize mapSize = mapSizeOf(*this, kMapSize);
-    const QVariantList instanceData = qvariant_cast<QVariantList>(_inputs[kInstanceData].value);
+    const QVariantList instanceData = listIn(_inputs[kInstanceData].value);
     const QVariant &dirtyValue = _inputs[kDirty].value;
     const bool dirty = !hasValue(dirtyValue) || qvariant_cast<bool>(dirtyValue);
     const std::optional<QMatrix4x4> camera = matrixIn(_inputs[kCameraMatrix].value);

@@ -1,6 +1,7 @@
 #include "shadows/shadowmapmanager.h"
 
 #include "core/hostcode.h"
+#include "core/slottypes.h"
 #include "shadows/lightframes.h"
 
 #include "gl/contextstate.h"
@@ -65,11 +66,9 @@ ShadowMapLight unlit(ShadowMapLight light)
 /// Takes the list apart without copying it, where it is one.
 QVariantList listOf(const QVariant &lights)
 {
-    if (lights.metaType() == QMetaType::fromType<QVariantList>())
-        return *static_cast<const QVariantList *>(lights.constData());
     if (lightOf(lights))
         return {lights};
-    return lights.canConvert<QVariantList>() ? lights.value<QVariantList>() : QVariantList();
+    return listIn(lights);
 }
 
 /// Layers as they come, compared with those of before.
@@ -135,13 +134,34 @@ public:
     explicit Complaints(QStringList &before) : _before(before) {}
     ~Complaints()
     {
+        if (_more > 0)
+            say(QtCriticalMsg, QStringLiteral("Shadows: %1 more lights have such faults").arg(_more));
         if (_now != _before)
             _before = _now;
     }
     Complaints(const Complaints &) = delete;
     Complaints &operator=(const Complaints &) = delete;
 
+    /// Some hundred are said one by one, and how many more there are.
     void add(QtMsgType type, const QString &message)
+    {
+        constexpr int kMost = 200;
+        if (_now.size() < kMost)
+            say(type, message);
+        else
+            ++_more;
+    }
+    /// A message that is given once per record, even when its cause comes back.
+    void addOnce(const QString &message) { say(QtWarningMsg, message); }
+    /// Keeps a message of before as said.
+    void keep(const QString &message)
+    {
+        if (_before.contains(message) && !_now.contains(message))
+            _now.append(message);
+    }
+
+private:
+    void say(QtMsgType type, const QString &message)
     {
         const bool isKnown = _before.contains(message);
         _now.append(message);
@@ -153,18 +173,10 @@ public:
         else
             qWarning("%s", qPrintable(message));
     }
-    /// A message that is given once per record, even when its cause comes back.
-    void addOnce(const QString &message) { add(QtWarningMsg, message); }
-    /// Keeps a message of before as said.
-    void keep(const QString &message)
-    {
-        if (_before.contains(message) && !_now.contains(message))
-            _now.append(message);
-    }
 
-private:
     QStringList &_before;
     QStringList _now;
+    qsizetype _more = 0;
 };
 
 // Uniforms of ShadowMap.glslc.
@@ -264,7 +276,7 @@ bool ShadowMapManager::processLights(QVariant lights, // NOLINT(performance-unne
     }
     LayerWriter writer(data);
     const QVariantList list = listOf(lights);
-    if (list.isEmpty() && lights.isValid() && !lights.canConvert<QVariantList>())
+    if (list.isEmpty() && lights.isValid() && !isList(lights))
         complaints.add(QtWarningMsg, QStringLiteral("Shadows: the lights are no list of ShadowMapLight, their type is "
                                                     "'%1'; there are none")
                                          .arg(QLatin1StringView(lights.typeName())));

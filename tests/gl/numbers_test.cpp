@@ -551,6 +551,7 @@ public:
                 {"an unsigned integer", ~0u},
                 {"a list of nothing", QVariantList{{}, {}, {}}},
                 {"a nested list", nested},
+                {"a long list", QVariantList(100000, QVariant(1))},
                 {"a map", QVariantHash{{text("x"), 1}}},
                 {"texts", QStringList{text("1"), text("2")}},
                 {"a rectangle of numbers", QRectF(qQNaN(), 1e300, -1e300, qInf())},

@@ -5,6 +5,8 @@
 
 #include <core/renderpasshelper.h>
 #include <host/passfactory.h>
+#include <model/instancedatacollection.h>
+#include <model/instancedataregistry.h>
 
 #include <QSize>
 #include <QVector2D>
@@ -115,25 +117,42 @@ class WrongTypes : public GLTest, public ::testing::WithParamInterface<PassRow>
 protected:
     static std::vector<WrongValue> candidates(Values &values)
     {
-        return {{"text", text("x")},
-                {"a number as text", text("2")},
-                {"a number", 3},
-                {"a list", QVariantList{1, QRect(0, 0, 1, 1)}},
-                {"a rectangle", QRect(0, 0, 4, 4)},
-                {"a matrix", QMatrix4x4()},
-                {"a foreign object", QVariant::fromValue<QObject *>(&values.foreign)},
-                {"a texture", textureToVariant(values.color.get())},
-                {"a model", QVariant::fromValue(&values.model)},
-                {"no texture", QVariant::fromValue<Texture *>(nullptr)},
-                {"nothing", QVariant()},
-                // Lights come by value, by pointer, alone and in lists of their type.
-                {"a light", QVariant::fromValue(light())},
-                {"a light's address", QVariant::fromValue(&light())},
-                {"lights", QVariant::fromValue(QVector<ShadowMapLight>{light()})}};
+        return {
+            {"text", text("x")},
+            {"a number as text", text("2")},
+            {"a number", 3},
+            {"a list", QVariantList{1, QRect(0, 0, 1, 1)}},
+            {"an empty list", QVariantList()},
+            {"rectangles", QVariantList{QRect(0, 0, 1, 1), QVariant(), QRect(0, 0, 4, 4)}},
+            {"rectangles and a size", QVariantList{QRect(0, 0, 1, 1), QSize(1, 1)}},
+            {"geometries", QVariantList{values.builder.output(0), QVariant::fromValue<QObject *>(nullptr)}},
+            {"geometry and a texture", QVariantList{values.builder.output(0), textureToVariant(values.color.get())}},
+            {"instance data", QVariantList{QVariant::fromValue<QObject *>(&instances())}},
+            {"instance data and a texture",
+             QVariantList{QVariant::fromValue(&instances()), textureToVariant(values.color.get())}},
+            {"an address of instance data", QVariant::fromValue(&instances())},
+            {"instance data by its own type", QVariant::fromValue(QList<InstanceDataCollection *>{&instances()})},
+            {"a rectangle", QRect(0, 0, 4, 4)},
+            {"a matrix", QMatrix4x4()},
+            {"a foreign object", QVariant::fromValue<QObject *>(&values.foreign)},
+            {"a texture", textureToVariant(values.color.get())},
+            {"a model", QVariant::fromValue(&values.model)},
+            {"no texture", QVariant::fromValue<Texture *>(nullptr)},
+            {"nothing", QVariant()},
+            // Lights come by value, by pointer, alone and in lists of their type.
+            {"a light", QVariant::fromValue(light())},
+            {"a light's address", QVariant::fromValue(&light())},
+            {"lights", QVariant::fromValue(QVector<ShadowMapLight>{light()})}};
     }
     static ShadowMapLight &light()
     {
         static ShadowMapLight one = ShadowMapLight::spot({0, 9, 0}, {0, -1, 0}, 40);
+        return one;
+    }
+
+    static InstanceDataCollection &instances()
+    {
+        static InstanceDataCollection one(InstanceDataRegistry::Instance().getPlan(text("InstanceInfo")));
         return one;
     }
 
@@ -151,11 +170,13 @@ protected:
         if (name.contains(text("KvoGPUModel*")))
             return isOneOf({"a model", "no texture"});
         if (name.contains(text("KvoDrawBuffers*")))
-            return isOneOf({"no texture", "a list"});
+            return isOneOf({"no texture", "an empty list", "geometries"});
         if (name.contains(text("ShadowMapData")) || name.contains(text("KvoFramebuffer*")))
             return isOneOf({"no texture"});
         if (name.contains(text("Rects")) || name.contains(text("ViewportOut")))
-            return isOneOf({"a rectangle", "a list"});
+            return isOneOf({"a rectangle", "an empty list", "rectangles"});
+        if (name.contains(text("InstanceData")))
+            return isOneOf({"an empty list", "instance data", "instance data by its own type"});
         switch (input.type.id()) {
         case QMetaType::Float:
         case QMetaType::Int: return isOneOf({"a number", "a number as text"});
@@ -165,7 +186,10 @@ protected:
         case QMetaType::QMatrix4x4: return isOneOf({"a matrix"});
         // Which of the elements are none is said with the element.
         case QMetaType::QVariantList:
-            return isOneOf({"a list", "a light", "a light's address", "lights", "a model", "no texture"});
+            return isOneOf({"a list", "an empty list", "rectangles", "rectangles and a size", "geometries",
+                            "geometry and a texture", "instance data", "instance data and a texture",
+                            "an address of instance data", "instance data by its own type", "a light",
+                            "a light's address", "lights", "a model", "no texture"});
         default: return false; // colours, vectors and sizes
         }
     }

@@ -477,9 +477,13 @@ TEST_F(ScreenPass, AWrappedFramebufferOfTheHostIsATarget)
 {
     // the name only, as a widget toolkit gives it
     const std::unique_ptr<FramebufferObject> wrapped(FramebufferObject::wrap(target().framebuffer()->getFBO()));
-    pass().setInput(kFramebufferOut, framebufferToVariant(wrapped.get()));
-    runFrame(pass());
-    EXPECT_TRUE(sameImage(target().read(), sourceImage, within(0)));
+    // by either type of pointer
+    for (const QVariant &value : {framebufferToVariant(wrapped.get()), QVariant::fromValue(wrapped.get())}) {
+        target().clear(kUntouched);
+        pass().setInput(kFramebufferOut, value);
+        runFrame(pass());
+        EXPECT_TRUE(sameImage(target().read(), sourceImage, within(0))) << value.typeName();
+    }
 }
 
 // The averaging path.

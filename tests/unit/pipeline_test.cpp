@@ -526,6 +526,17 @@ TEST_F(PipelineTest, HostValuesOfAnotherTypeAreRefused)
     EXPECT_TRUE(pipeline.setHostValue(s("viewport"), QVariant(), &error));
 }
 
+TEST_F(PipelineTest, ListsWithAnElementOfAnotherTypeAreRefused)
+{
+    ASSERT_TRUE(pipeline.add(s("Screen"), s("TextureToScreenRenderPass")));
+    QString error;
+    const QRect rectangle(0, 0, 3, 4);
+    EXPECT_FALSE(pipeline.setValue(s("Screen"), s("ViewportOut"), QVariantList{rectangle, QSize(3, 4)}, &error));
+    EXPECT_EQ(error, s("pass 'Screen': 'Kvo_QRect_ViewportOut' takes a rectangle or a list of them, not a QSize in "
+                       "element 1"));
+    EXPECT_TRUE(pipeline.setValue(s("Screen"), s("ViewportOut"), QVariantList{rectangle, rectangle}, &error));
+}
+
 TEST_F(PipelineTest, SaysWhyWhereNobodyTakesTheReason)
 {
     add("A");
@@ -634,7 +645,7 @@ TEST(Slots, EveryInputCanBeSetByTextAndSaysWhatItTakes)
         {s("KvoDrawBuffers*"), {nullptr, "3", "a link or a host value"}},
         {s("QVector3D"), {"[1, 2, 3]", "[1]", "[x, y, z]"}},
         {s("QSize"), {"[4, 4]", "4", "[width, height]"}},
-        {s("QList"), {"[1]", "1", "a list"}},
+        {s("QList"), {"[]", "1", "a list"}},
         {s("QMatrix4x4"), {"[1,0,0,0, 0,1,0,0, 0,0,1,0, 0,0,0,1]", "[1, 2]", "16 numbers, row by row"}},
         {s("QString"), {"image.png", nullptr, nullptr}},
         {s("string"), {"image.png", nullptr, nullptr}},

@@ -659,6 +659,27 @@ TEST_F(ShadowMapManagerTest, AnElementThatIsNoLightIsReportedOnceWithItsTypeAndK
     EXPECT_EQ(data.layerCount, 1);
 }
 
+TEST_F(ShadowMapManagerTest, OfManyFaultsTheFirstTwoHundredAreSaidAndHowManyMoreThereAre)
+{
+    MessageCapture messages;
+    const QVariantList list(300, QVariant(1));
+    process(list);
+    process(list);
+    EXPECT_EQ(messages.count(QtCriticalMsg), 201) << messages.texts().join(u'\n').toStdString();
+    EXPECT_EQ(messages.containing(QStringLiteral("light 199 is not a ShadowMapLight")), 1);
+    EXPECT_EQ(messages.containing(QStringLiteral("100 more lights have such faults")), 1);
+    EXPECT_EQ(data.projectors.size(), 300);
+}
+
+// To Qt it is a list of its characters.
+TEST_F(ShadowMapManagerTest, ATextIsNoListOfLights)
+{
+    MessageCapture messages;
+    process(QStringLiteral("sun"));
+    EXPECT_EQ(messages.containing(QStringLiteral("no list of ShadowMapLight, their type is 'QString'")), 1);
+    EXPECT_EQ(data.projectors.size(), 0);
+}
+
 TEST_F(ShadowMapManagerTest, WithNeitherCameraNorBoundsABoxStandsInAndItIsSaidOnce)
 {
     MessageCapture messages;

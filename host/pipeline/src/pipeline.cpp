@@ -63,15 +63,16 @@ private:
 QString misfitOf(const QString &slot, const SlotInfo *info, const QVariant &value)
 {
     static constexpr SlotInfo kByName{.name = "", .meaning = ""};
-    const char *wanted = typeWantedInsteadOf(slot, info ? info : &kByName, value);
-    if (!wanted || (!info && value.metaType().id() == QMetaType::QVariantList))
+    const TypeMismatch wrong = typeMismatch(slot, info ? info : &kByName, value);
+    if (!wrong || (!info && value.metaType().id() == QMetaType::QVariantList))
         return QString();
-    const QLatin1StringView type(value.metaType().name());
+    const QLatin1StringView type(wrong.given.name());
     const QString what = value.metaType().id() == QMetaType::QString
                              ? QStringLiteral("the text \"%1\"").arg(value.toString())
                          : type.startsWith(QLatin1Char('i')) ? QStringLiteral("an %1").arg(type)
                                                              : QStringLiteral("a %1").arg(type);
-    return QStringLiteral("takes a %1, not %2").arg(QLatin1StringView(wanted), what);
+    const QString where = wrong.element < 0 ? QString() : QStringLiteral(" in element %1").arg(wrong.element);
+    return QStringLiteral("takes a %1, not %2%3").arg(QLatin1StringView(wrong.wanted), what, where);
 }
 
 } // namespace

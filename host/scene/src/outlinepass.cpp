@@ -94,18 +94,6 @@ void main()
 }
 )");
 
-// In either form of pointers. One that is gone reads as none: Qt's own conversion would ask the object.
-FramebufferObject *framebufferIn(const QVariant &value)
-{
-    const QMetaType type = value.metaType();
-    QObject *object = nullptr;
-    if (type == QMetaType::fromType<FramebufferObject *>())
-        object = *static_cast<FramebufferObject *const *>(value.constData());
-    else if (type == QMetaType(QMetaType::QObjectStar))
-        object = *static_cast<QObject *const *>(value.constData());
-    return liveKindOf(object) == LiveKind::Framebuffer ? static_cast<FramebufferObject *>(object) : nullptr;
-}
-
 constexpr SlotInfo kInputInfo[] = {
     {.name = "Kvo_QRect_Viewport", .meaning = "size of the picture", .kind = SlotKind::Area, .unit = "pixels"},
     {.name = "Kvo_QMatrix4x4_ProjectionMatrix", .meaning = "camera to clip space", .kind = SlotKind::Matrix},
@@ -213,7 +201,7 @@ void OutlinePass::start(RenderCallbacks *)
     glViewport(0, 0, size.width(), size.height());
     drawMask(mask);
     {
-        FramebufferObject *target = framebufferIn(_inputs[kFramebufferOut].value);
+        FramebufferObject *target = framebufferFromVariant(_inputs[kFramebufferOut].value);
         const AutoBinder onto(target);
         if (!target)
             glBindFramebuffer(GL_FRAMEBUFFER, 0);
