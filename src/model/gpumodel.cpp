@@ -284,10 +284,13 @@ private:
     std::size_t _boxedVertices = 0;
 };
 
-void appendMatrix(QVector<float> &data, const QMatrix4x4 &matrix)
+// The record of an item in the data of objects: its transform, and that of its normals.
+constexpr qsizetype kPlaceFloats = 32;
+
+void setPlace(float *record, const QMatrix4x4 &transform)
 {
-    for (int i = 0; i < 16; ++i)
-        data.append(matrix.constData()[i]);
+    std::copy_n(transform.constData(), 16, record);
+    std::copy_n(transform.inverted().transposed().constData(), 16, record + 16);
 }
 
 void appendMaterial(QVector<float> &data, const ModelMaterial &m, int map_Kd, int map_Ks)
@@ -585,8 +588,8 @@ bool GPUModelPrivate::placeItems(const ModelData &data, const Upload &made, QStr
         items.push_back({item.flags});
         culling.add(mesh.box.minimum, mesh.box.maximum, box.minimum, box.maximum, item.transform);
         triangles += mesh.indexCount / 3;
-        appendMatrix(objectFloats, item.transform);
-        appendMatrix(objectFloats, item.transform.inverted().transposed());
+        objectFloats.resize(objectFloats.size() + kPlaceFloats);
+        setPlace(objectFloats.data() + objectFloats.size() - kPlaceFloats, item.transform);
         appendMaterial(materialFloats, data.materials[item.material], itemMaps.Kd, itemMaps.Ks);
         itemSurfaces.push_back({std::size_t(item.material), data.materials[item.material].D});
     }
@@ -907,6 +910,40 @@ GPUModel::BoundingBox GPUModel::drawBounds(unsigned long long value, unsigned lo
 DrawBuffers *GPUModel::drawBuffers(int index)
 {
     return index == 0 ? d->geometry.get() : nullptr;
+}
+
+QMatrix4x4 GPUModel::transform(int item) const
+{
+    QMatrix4x4 place;
+    const QVector<float> &places = d->objectData->data();
+    if (item >= 0 && item < places.size() / kPlaceFloats)
+        std::copy_n(places.constData() + item * kPlaceFloats, 16, place.data());
+    return place;
+}
+
+bool GPUModel::setTransforms(int first, const QVector<QMatrix4x4> &transforms)
+{
+    const qsizetype count = transforms.size();
+    if (first < 0 || first > itemCount() - count) {
+        warn(nullptr,
+             QStringLiteral("setTransforms: of items %1 to %2 not all are there, the model has %3; none is moved")
+                 .arg(first)
+                 .arg(first + count - 1)
+                 .arg(itemCount()));
+        return false;
+    }
+    const auto wrong = std::find_if_not(transforms.cbegin(), transforms.cend(),
+                                        [](const QMatrix4x4 &transform) { return isFinite(transform); });
+    if (wrong != transforms.cend()) {
+        warn(nullptr, QStringLiteral("setTransforms: the transform of item %1 is not finite; none is moved")
+                          .arg(first + (wrong - transforms.cbegin())));
+        return false;
+    }
+    QVector<float> places = d->objectData->data();
+    places.resize(itemCount() * kPlaceFloats); // a host may have given fewer
+    for (qsizetype i = 0; i < count; ++i)
+        setPlace(places.data() + (first + i) * kPlaceFloats, transforms.at(i));
+    return d->objectData->setData(places);
 }
 
 InstanceDataCollection *GPUModel::objectData(int index)

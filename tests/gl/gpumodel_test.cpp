@@ -769,6 +769,54 @@ TEST_F(GPUModelTest, CullingFollowsItemsThatAreMoved)
         EXPECT_EQ(model.isDrawEmpty(quint64(1) << i, quint64(1) << i), i > 2 && i < kStones - 1) << i;
 }
 
+TEST_F(GPUModelTest, ItemsThatAreMovedStandAsIfTheyHadBeenUploadedThere)
+{
+    std::minstd_rand random(3);
+    ModelData data = stones(random);
+    ASSERT_TRUE(model.upload(data));
+    const ModelData others = stones(random);
+    for (const auto &[first, count] :
+         {std::pair{0, 1}, std::pair{5, 7}, std::pair{kStones - 2, 2}, std::pair{3, 0}, std::pair{0, int(kStones)}}) {
+        SCOPED_TRACE(first);
+        QVector<QMatrix4x4> transforms;
+        for (int i = first; i < first + count; ++i)
+            transforms << (data.items[i].transform = others.items[(i * 7 + count) % kStones].transform);
+        ASSERT_TRUE(model.setTransforms(first, transforms));
+        GPUModel uploaded;
+        ASSERT_TRUE(uploaded.upload(data));
+        EXPECT_EQ(model.objectData(0)->data(), uploaded.objectData(0)->data());
+        for (const int i : {0, 5, 11, kStones - 1})
+            EXPECT_EQ(model.transform(i), data.items[i].transform) << i;
+    }
+    // What is not there, or no place, moves nothing.
+    const QVector<float> places = model.objectData(0)->data();
+    QMatrix4x4 nowhere;
+    nowhere(1, 3) = kNaN;
+    const struct
+    {
+        int first;
+        QVector<QMatrix4x4> transforms;
+        const char *said;
+    } mistakes[] = {
+        {-1, {QMatrix4x4()}, "of items -1 to -1 not all are there"},
+        {kStones, {QMatrix4x4()}, "not all are there"},
+        {kStones - 1, {QMatrix4x4(), QMatrix4x4()}, "not all are there"},
+        {std::numeric_limits<int>::max(), {QMatrix4x4()}, "not all are there"},
+        {2, {QMatrix4x4(), nowhere}, "the transform of item 3 is not finite"},
+    };
+    for (const auto &mistake : mistakes) {
+        const MessageCapture messages;
+        EXPECT_FALSE(model.setTransforms(mistake.first, mistake.transforms));
+        EXPECT_EQ(messages.containing(QLatin1StringView(mistake.said)), 1) << mistake.said;
+    }
+    EXPECT_EQ(model.objectData(0)->data(), places);
+    for (const int item : {-1, int(kStones), std::numeric_limits<int>::max()})
+        EXPECT_TRUE(model.transform(item).isIdentity()) << item;
+    GPUModel empty;
+    EXPECT_TRUE(empty.transform(0).isIdentity());
+    EXPECT_TRUE(empty.setTransforms(0, {}));
+}
+
 TEST_F(GPUModelTest, DrawBoundsHoldWhatIsSelectedWhereItStandsNow)
 {
     std::minstd_rand random(5);
