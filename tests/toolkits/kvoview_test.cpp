@@ -337,6 +337,23 @@ TEST_F(KvoviewTest, SourcesThatFitCanBeChosen)
     EXPECT_EQ(window->slotsPanel()->sourceChoice(u"Texture"_s)->currentText(), u"Soft.Output"_s);
 }
 
+TEST_F(KvoviewTest, LookingAtPassesSaysNothing)
+{
+    show(kPipelines + u"viewport.json"_s);
+    const MessageCapture messages;
+    for (const QString &pass : session().pipeline()->passNames()) {
+        session().choosePass(pass);
+        settle();
+    }
+    EXPECT_TRUE(messages.texts().isEmpty()) << messages.texts().join(u'\n').toStdString();
+    // Inputs that the file added have what fits them, too.
+    session().choosePass(u"Sky"_s);
+    QComboBox *source = window->slotsPanel()->sourceChoice(u"Clouds"_s);
+    ASSERT_NE(source, nullptr);
+    EXPECT_GE(source->findText(u"@near"_s), 0);
+    EXPECT_EQ(source->findText(u"@camera"_s), -1);
+}
+
 // Passes
 
 TEST_F(KvoviewTest, PassesGoOffRenamedReplacedInsertedAndRemoved)

@@ -526,6 +526,26 @@ TEST_F(PipelineTest, HostValuesOfAnotherTypeAreRefused)
     EXPECT_TRUE(pipeline.setHostValue(s("viewport"), QVariant(), &error));
 }
 
+TEST(PipelineHosts, AreOfferedToInputsOfTheirType)
+{
+    EXPECT_EQ(Pipeline::hostValuesFor(s("Kvo_QMatrix4x4_Any")), QStringList({s("camera"), s("projection")}));
+    EXPECT_EQ(Pipeline::hostValuesFor(s("Kvo_KvoGPUModel*_Any")), QStringList({s("model"), s("opaque")}));
+    EXPECT_EQ(Pipeline::hostValuesFor(s("Kvo_KvoTexture*_Any")), QStringList());
+    // What may be bound and what is offered is the same, for all inputs of all classes.
+    for (const QString &className : passFactory().classNames()) {
+        Pipeline pipeline;
+        if (!pipeline.add(s("P"), className))
+            continue;
+        for (const PassInput &input : pipeline.inputs(s("P")))
+            for (const QString &host : Pipeline::hostValueNames()) {
+                QString whyNot;
+                EXPECT_EQ(pipeline.bind(s("P"), input.slot, host, &whyNot),
+                          Pipeline::hostValuesFor(input.slot).contains(host))
+                    << qPrintable(className + input.slot + host);
+            }
+    }
+}
+
 TEST_F(PipelineTest, ListsWithAnElementOfAnotherTypeAreRefused)
 {
     ASSERT_TRUE(pipeline.add(s("Screen"), s("TextureToScreenRenderPass")));

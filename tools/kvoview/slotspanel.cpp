@@ -214,11 +214,8 @@ void SlotsPanel::fillSources(QComboBox *box, const PassInput &input) const
     add(tr("default"), PassInput::Kind::Default, {}, {});
     if (hasText(input.slot) || input.kind == PassInput::Kind::Value)
         add(tr("value"), PassInput::Kind::Value, {}, {});
-    Pipeline trial; // to ask what may be bound without changing anything
-    trial.add(u"P"_s, pipeline->className(_pass));
-    for (const QString &host : Pipeline::hostValueNames())
-        if (trial.pass(u"P"_s) ? trial.bind(u"P"_s, input.slot, host) : false)
-            add(u'@' + host, PassInput::Kind::Host, u'@' + host, {});
+    for (const QString &host : Pipeline::hostValuesFor(input.slot))
+        add(u'@' + host, PassInput::Kind::Host, u'@' + host, {});
     if (input.kind == PassInput::Kind::Host && box->findText(input.source) < 0)
         add(input.source, PassInput::Kind::Host, input.source, {});
     for (const QString &other : pipeline->passNames()) {

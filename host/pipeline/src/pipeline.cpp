@@ -571,6 +571,16 @@ QStringList Pipeline::hostValueNames()
     return HostValues::fixedNames();
 }
 
+QStringList Pipeline::hostValuesFor(const QString &slot)
+{
+    const HostValues hosts;
+    QStringList names;
+    for (int i = 0; i < hosts.count(); ++i)
+        if (slotTypesMatch(hosts.slot(i), slot))
+            names << hosts.name(i);
+    return names;
+}
+
 bool Pipeline::setup(RenderCallbacks *callbacks, QString *error)
 {
     const SaidReason said(&error);

@@ -217,6 +217,8 @@ public:
     QVariant hostValue(const QString &name) const;
     /// The fixed names of the table above.
     static QStringList hostValueNames();
+    /// Those of them that an input of that name takes, by its type.
+    static QStringList hostValuesFor(const QString &slot);
 
     // Frames; all of this needs the GL context
 
