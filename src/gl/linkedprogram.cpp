@@ -100,7 +100,10 @@ void LinkedProgram::readInterface()
     for (GLint i = 0; i < count; ++i) {
         GLint size = 0;
         GLenum type = 0;
+        buffer[0] = '\0';
         glGetActiveUniform(program, GLuint(i), GLsizei(buffer.size()), nullptr, &size, &type, buffer.data());
+        if (!buffer[0])
+            return; // the context is lost
         const GLint location = glGetUniformLocation(program, buffer.data());
         if (location < 0)
             continue; // a member of a uniform block
@@ -113,7 +116,10 @@ void LinkedProgram::readInterface()
     for (GLint i = 0; i < count; ++i) {
         GLint size = 0;
         GLenum type = 0;
+        buffer[0] = '\0';
         glGetActiveAttrib(program, GLuint(i), GLsizei(buffer.size()), nullptr, &size, &type, buffer.data());
+        if (!buffer[0])
+            return;
         attributes.insert(QString::fromLatin1(buffer.data()), {glGetAttribLocation(program, buffer.data()),
                                                                size * columnsOf(type), isIntegerAttribute(type)});
     }

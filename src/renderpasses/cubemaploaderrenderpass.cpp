@@ -5,7 +5,6 @@
 #include "gl/bufferobject.h"
 #include "gl/fallenshort.h"
 #include "gl/guards.h"
-#include "gl/opengldevicecontext.h"
 #include "gl/pixelstore.h"
 #include "gl/storage.h"
 #include "gl/texture.h"
@@ -46,7 +45,7 @@ bool uploadFace(GLenum face, const QImage &image)
         glTexImage2D(face, 0, GL_RGBA, image.width(), image.height(), 0, GL_BGRA, GL_UNSIGNED_BYTE, texels);
         return hasLevel(face, image.width(), kLabel);
     };
-    const QSharedPointer<BufferObject> pixels = OpenGLDeviceContext::current()->createBufferObject();
+    const QSharedPointer<BufferObject> pixels = QSharedPointer<BufferObject>::create();
     pixels->setTarget(GL_PIXEL_UNPACK_BUFFER);
     const qsizetype bytes = image.sizeInBytes();
     {

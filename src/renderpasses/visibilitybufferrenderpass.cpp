@@ -7,7 +7,6 @@
 #include "gl/framebufferobject.h"
 #include "gl/glinfo.h"
 #include "gl/guards.h"
-#include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
 #include "gl/storage.h"
 #include "gl/texture.h"
@@ -369,7 +368,7 @@ bool VisibilityBufferRenderPass::makeRowClearing()
         return false;
     if (!_lastCount || !_lastCount->isUsable()) {
         constexpr GLuint kNone[4] = {};
-        _lastCount = OpenGLDeviceContext::current()->createBufferObject();
+        _lastCount = QSharedPointer<BufferObject>::create();
         _lastCount->setIndexedTarget(GL_UNIFORM_BUFFER, 0, 0, sizeof kNone);
         AutoBinder bound(_lastCount);
         _lastCount->uploadBytes(kNone, sizeof kNone, GL_DYNAMIC_COPY);
@@ -436,7 +435,7 @@ void VisibilityBufferRenderPass::makeProgramAndCounter()
     if (!_shaderProgram)
         _shaderProgram = buildProgram(recordingProgram(_outputFormats, _gl4Mode));
     if (!_headCounter || !_headCounter->isUsable()) {
-        _headCounter = OpenGLDeviceContext::current()->createBufferObject();
+        _headCounter = QSharedPointer<BufferObject>::create();
         _countsAll = false;
         // The binding point does not exist in every context of the other mode.
         if (hasGLExtension("ARB_shader_atomic_counters"))

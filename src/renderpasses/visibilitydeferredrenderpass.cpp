@@ -150,7 +150,8 @@ const ProgramRecipe &markingProgram()
 
 bool hasThreeComponentViews()
 {
-    return OpenGLDeviceContext::current()->version() >= 40 || hasGLExtension("ARB_texture_buffer_object_rgb32");
+    const QSharedPointer<OpenGLDeviceContext> context = OpenGLDeviceContext::current();
+    return (context && context->version() >= 40) || hasGLExtension("ARB_texture_buffer_object_rgb32");
 }
 
 Texture *bufferView(const QSharedPointer<BufferObject> &buffer, unsigned int format)

@@ -1,18 +1,15 @@
 #include "host/depthpeelingpass.h"
 
-#include "core/hostcode.h"
 #include "core/liveobjects.h"
+#include "gl/bindings.h"
 #include "gl/contextscope.h"
-#include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
 #include "gl/hoststate.h"
-#include "gl/opengldevicecontext.h"
 #include "gl/sampling.h"
 #include "gl/shaderprogram.h"
 #include "gl/texture.h"
 #include "gl/texturemanager.h"
-#include "gl/vertexarrayobject.h"
 #include "model/gpumodel.h"
 #include "pooledoutput.h"
 #include "screenprogram.h"
@@ -344,7 +341,8 @@ void DepthPeelingPass::buildPrograms()
 void DepthPeelingPass::peel(GPUModel &model, Texture *picture, Texture *solid, const QSize &size)
 {
     // It binds with plain GL, of which a pipeline that the pass runs in knows nothing.
-    const HostCode hostCode;
+    const BindingScope bindings;
+    BindingScope::stopTracking();
     const DefaultState state{StatePiece::BlendFunction};
     Targets targets(size);
     if (!targets.hasRoom)
@@ -450,7 +448,7 @@ void DepthPeelingPass::shadeLayer(const Targets &targets, int layer)
         const AutoBinder program(_mark);
         BoundTextures textures(_mark);
         textures.add(u"u_Depth"_s, targets.depth(layer));
-        drawQuad(_mark);
+        drawScreenQuad(_mark);
     }
     glDepthMask(GL_FALSE);
     glDepthFunc(GL_LEQUAL);
@@ -470,7 +468,7 @@ void DepthPeelingPass::shadeLayer(const Targets &targets, int layer)
         textures.add(u"u_Normal"_s, targets.surface[3]);
         textures.add(u"u_Depth"_s, targets.depth(layer));
         setUniforms();
-        drawQuad(_program);
+        drawScreenQuad(_program);
         releaseRecord();
     }
     _fbo->detachAll();
@@ -487,7 +485,7 @@ void DepthPeelingPass::addLayer(const Targets &targets)
         const AutoBinder program(_under);
         BoundTextures textures(_under);
         textures.add(u"u_Layer"_s, targets.shaded);
-        drawQuad(_under);
+        drawScreenQuad(_under);
     }
     glDisable(GL_BLEND);
     glDisable(GL_DEPTH_TEST);
@@ -506,17 +504,7 @@ void DepthPeelingPass::putOver(const Targets &targets, Texture *picture)
     BoundTextures textures(_over);
     textures.add(u"u_Surfaces"_s, targets.sum);
     textures.add(u"u_Picture"_s, picture ? picture : targets.empty);
-    drawQuad(_over);
-}
-
-void DepthPeelingPass::drawQuad(ShaderProgram *program)
-{
-    const auto quad = OpenGLDeviceContext::current()->screenQuad();
-    if (!quad || !quad->VAO() || !program->isLinked())
-        return;
-    quad->VAO()->enableShaderProgramArrays(program);
-    const AutoBinder bound(quad.data());
-    quad->draw();
+    drawScreenQuad(_over);
 }
 
 } // namespace Brevane::Kvo

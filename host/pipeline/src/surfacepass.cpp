@@ -1,7 +1,7 @@
 #include "host/surfacepass.h"
 
-#include "core/hostcode.h"
 #include "core/liveobjects.h"
+#include "gl/bindings.h"
 #include "gl/contextscope.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
@@ -101,7 +101,8 @@ void SurfacePass::start(RenderCallbacks *)
         return;
 
     // It binds with plain GL, of which a pipeline that the pass runs in knows nothing.
-    const HostCode hostCode;
+    const BindingScope bindings;
+    BindingScope::stopTracking();
     const DefaultState state{StatePiece::DepthTest};
     auto &pool = TextureManager::Instance();
     std::array<Texture *, kSurfaceTargets.size()> textures{};

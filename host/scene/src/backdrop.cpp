@@ -2,14 +2,12 @@
 
 #include "core/liveobjects.h"
 #include "gl/contextscope.h"
-#include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
 #include "gl/hoststate.h"
-#include "gl/opengldevicecontext.h"
 #include "gl/shaderprogram.h"
-#include "gl/vertexarrayobject.h"
 #include "modelprogram.h"
+#include "screenprogram.h"
 
 #include <epoxy/gl.h>
 
@@ -152,11 +150,8 @@ void BackdropPainter::draw(FramebufferObject *target, const QSize &size, const B
     const std::array axes{QVector3D(length, 0, 0), QVector3D(0, length, 0), QVector3D(0, 0, length)};
     for (int i = 0; i < 3; ++i)
         _program->setUniform(QStringLiteral("u_Axis[%1]").arg(i), axisOn(toClip, axes[size_t(i)], size));
-    const auto quad = OpenGLDeviceContext::current()->screenQuad();
-    quad->VAO()->enableShaderProgramArrays(_program);
-    const AutoBinder boundQuad(quad.data());
     if (glCheckFramebufferStatus(GL_DRAW_FRAMEBUFFER) == GL_FRAMEBUFFER_COMPLETE)
-        quad->draw();
+        drawScreenQuad(_program);
 }
 
 } // namespace Brevane::Kvo

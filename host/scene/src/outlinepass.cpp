@@ -2,20 +2,18 @@
 
 #include "core/liveobjects.h"
 #include "gl/contextscope.h"
-#include "gl/drawbuffers.h"
 #include "gl/fallenshort.h"
 #include "gl/framebufferobject.h"
 #include "gl/guards.h"
 #include "gl/hoststate.h"
-#include "gl/opengldevicecontext.h"
 #include "gl/pixelstore.h"
 #include "gl/shaderprogram.h"
 #include "gl/storage.h"
 #include "gl/texture.h"
 #include "gl/texturemanager.h"
-#include "gl/vertexarrayobject.h"
 #include "model/gpumodel.h"
 #include "modelprogram.h"
+#include "screenprogram.h"
 #include "viewportsize.h"
 
 #include <epoxy/gl.h>
@@ -215,12 +213,9 @@ void OutlinePass::start(RenderCallbacks *)
         _lineProgram->setUniform(QStringLiteral("u_Color"), _inputs[kColor].value);
         _lineProgram->setUniform(QStringLiteral("u_Width"),
                                  std::isnan(width) ? kLeastWidth : std::clamp(width, kLeastWidth, kLargestWidth));
-        const auto quad = OpenGLDeviceContext::current()->screenQuad();
-        quad->VAO()->enableShaderProgramArrays(_lineProgram);
-        const AutoBinder boundQuad(quad.data());
         // A context without a window has no framebuffer 0.
         if (glCheckFramebufferStatus(GL_DRAW_FRAMEBUFFER) == GL_FRAMEBUFFER_COMPLETE)
-            quad->draw();
+            drawScreenQuad(_lineProgram);
     }
     pool.releaseTempTextureRef(mask, 1);
 }

@@ -74,7 +74,6 @@ private:
     Texture *sized(int input, const QSize &size);
     int layerLimit();
     void buildPrograms();
-    void drawQuad(ShaderProgram *program);
 
     Held<ShaderProgram> _surfaces; // draws a layer
     Held<ShaderProgram> _mark; // marks its pixels
