@@ -429,6 +429,7 @@ void Bindings::aboutToDelete(NameKind kind, unsigned int name)
             {ArrayBuffer, UniformBuffer, AtomicCounterBuffer, IndirectBuffer, TextureBuffer, PackBuffer, UnpackBuffer});
         break;
     case NameKind::Program: leavePoints({Program}); break;
+    case NameKind::Shader: break;
     case NameKind::Framebuffer: leavePoints({DrawFramebuffer, ReadFramebuffer}); break;
     case NameKind::VertexArray: leavePoints({VertexArray}); break;
     }

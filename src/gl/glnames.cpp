@@ -18,6 +18,7 @@ unsigned int generate(NameKind kind)
     case NameKind::Texture: glGenTextures(1, &name); break;
     case NameKind::Buffer: glGenBuffers(1, &name); break;
     case NameKind::Program: name = glCreateProgram(); break;
+    case NameKind::Shader: break; // see ObjectName::take
     case NameKind::Framebuffer: glGenFramebuffers(1, &name); break;
     case NameKind::VertexArray: glGenVertexArrays(1, &name); break;
     }
@@ -34,6 +35,7 @@ void deleteName(NameKind kind, unsigned int name)
     case NameKind::Texture: glDeleteTextures(1, &name); break;
     case NameKind::Buffer: glDeleteBuffers(1, &name); break;
     case NameKind::Program: glDeleteProgram(name); break;
+    case NameKind::Shader: glDeleteShader(name); break;
     case NameKind::Framebuffer: glDeleteFramebuffers(1, &name); break;
     case NameKind::VertexArray: glDeleteVertexArrays(1, &name); break;
     }
@@ -54,7 +56,8 @@ unsigned int NameStore::create(NameKind kind)
     unsigned int name = generate(kind);
     if (!name) {
         name = generate(kind);
-        static constexpr const char *kNames[] = {"texture", "buffer", "program", "framebuffer", "vertex array"};
+        static constexpr const char *kNames[] = {"texture", "buffer",      "program",
+                                                 "shader",  "framebuffer", "vertex array"};
         const HostCode hostCode;
         qWarning("The driver gave no name for a %s; %s", kNames[std::size_t(kind)],
                  name ? "asked again it did" : "what needs it is left out");
@@ -62,6 +65,11 @@ unsigned int NameStore::create(NameKind kind)
     if (name)
         _live[std::size_t(kind)].insert(name);
     return name;
+}
+
+void NameStore::adopt(NameKind kind, unsigned int name)
+{
+    _live[std::size_t(kind)].insert(name);
 }
 
 void NameStore::destroy(NameKind kind, unsigned int name)
@@ -129,6 +137,22 @@ bool ObjectName::create(NameKind kind)
         _id = state->names.create(kind);
     }
     return _id != 0;
+}
+
+bool ObjectName::take(NameKind kind, unsigned int name)
+{
+    reset();
+    const QSharedPointer<ContextState> state = ContextState::currentShared();
+    if (!state || !name)
+        return false;
+    _kind = kind;
+    if (isShared(kind))
+        _group = state->group;
+    else
+        _context = state;
+    (isShared(kind) ? state->group->names : state->names).adopt(kind, name);
+    _id = name;
+    return true;
 }
 
 void ObjectName::reset()

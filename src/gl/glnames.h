@@ -12,8 +12,8 @@ namespace Brevane::Kvo {
 class ContextState;
 class ShareGroup;
 
-/// Kinds of GL names that the library makes. Contexts of a share group share all but the last two.
-enum class NameKind { Texture, Buffer, Program, Framebuffer, VertexArray };
+/// Kinds of GL names that the library makes. Contexts of a share group share all but framebuffers and vertex arrays.
+enum class NameKind { Texture, Buffer, Program, Shader, Framebuffer, VertexArray };
 
 constexpr bool isShared(NameKind kind)
 {
@@ -25,6 +25,7 @@ class NameStore
 {
 public:
     unsigned int create(NameKind kind);
+    void adopt(NameKind kind, unsigned int name);
     void destroy(NameKind kind, unsigned int name);
     void destroyLater(NameKind kind, unsigned int name);
     void flush();
@@ -34,7 +35,7 @@ public:
     int liveCount(NameKind kind) const { return int(_live[std::size_t(kind)].size()); }
 
 private:
-    std::array<QSet<unsigned int>, 5> _live;
+    std::array<QSet<unsigned int>, 6> _live;
     std::vector<std::pair<NameKind, unsigned int>> _pending;
 };
 
@@ -50,6 +51,9 @@ public:
 
     /// Makes a name in the current context, in place of any old one. False without a context.
     bool create(NameKind kind);
+    /// Takes a name that was just made in the current context, in place of any old one: of a shader, whose stage create
+    /// does not know. False without a context, and for 0.
+    bool take(NameKind kind, unsigned int name);
     void reset();
     unsigned int id() const;
     /// Whether there ever was a name, also when it went with its contexts.

@@ -138,7 +138,7 @@ void ShaderProgramPrivate::addDrawIndex()
     QSet<int> selecting; // stages
     bool readsBehindVertex = false;
     bool hasStageBetween = false;
-    for (const Compiled &c : std::as_const(compiled)) {
+    for (const Compiled &c : compiled) {
         if (selectsDraw(c.source))
             selecting.insert(c.stage);
         if (c.stage != GL_VERTEX_SHADER) {
@@ -159,7 +159,7 @@ void ShaderProgramPrivate::addDrawIndex()
         c.source.text.insert(c.source.definesEnd, defines);
     }
     if (handsOn)
-        compiled.append({0, GL_VERTEX_SHADER, handingOnDrawIndex()});
+        compiled.push_back({{}, GL_VERTEX_SHADER, handingOnDrawIndex()});
 }
 
 QString ShaderProgramPrivate::stageTitle(int stage, const QString &sourceName, int number) const
@@ -171,8 +171,7 @@ QString ShaderProgramPrivate::stageTitle(int stage, const QString &sourceName, i
 
 bool ShaderProgramPrivate::compileStage(Compiled &c, const QString &title)
 {
-    c.shader = hasStage(c.stage) ? glCreateShader(GLenum(c.stage)) : 0;
-    if (!c.shader) {
+    if (!hasStage(c.stage) || !c.shader.take(NameKind::Shader, glCreateShader(GLenum(c.stage)))) {
         wasRefused = wasRefused || !hasStage(c.stage);
         log += (hasStage(c.stage) ? QStringLiteral("%1: the driver makes no shader\n")
                                   : QStringLiteral("%1: the context has no such stage\n"))
@@ -182,12 +181,13 @@ bool ShaderProgramPrivate::compileStage(Compiled &c, const QString &title)
     const QByteArray utf8 = c.source.text.toUtf8();
     const char *data = utf8.constData();
     const auto length = GLint(utf8.size());
-    glShaderSource(c.shader, 1, &data, &length);
-    glCompileShader(c.shader);
+    const GLuint shader = c.shader.id();
+    glShaderSource(shader, 1, &data, &length);
+    glCompileShader(shader);
 
     GLint status = GL_FALSE;
-    glGetShaderiv(c.shader, GL_COMPILE_STATUS, &status);
-    const QString message = shaderLog(c.shader);
+    glGetShaderiv(shader, GL_COMPILE_STATUS, &status);
+    const QString message = shaderLog(shader);
     if (status == GL_TRUE && c.source.errors.isEmpty()) {
         if (!message.isEmpty())
             log += QStringLiteral("%1:\n%2\n").arg(title, withNames(message, c.source));
@@ -199,15 +199,6 @@ bool ShaderProgramPrivate::compileStage(Compiled &c, const QString &title)
         log += error + u'\n';
     log += withNames(message, c.source) + u'\n' + sourcesBehind(message, c.source, title);
     return false;
-}
-
-void ShaderProgramPrivate::deleteShaders()
-{
-    for (const Compiled &c : compiled) {
-        if (c.shader && ContextState::current())
-            glDeleteShader(c.shader);
-    }
-    compiled.clear();
 }
 
 void ShaderProgramPrivate::fail(bool whileLinking)
@@ -243,7 +234,6 @@ ShaderProgram::~ShaderProgram()
 {
     forgetFallenShort(this);
     ShaderProgramPrivate::forget(this);
-    d->deleteShaders();
 }
 
 // Where it is bound, what was there before it comes back. Where others were bound after it, they find what
@@ -307,7 +297,7 @@ bool ShaderProgram::unbind()
 bool ShaderProgram::compile()
 {
     const ContextState *state = ContextState::current();
-    d->deleteShaders();
+    d->compiled.clear();
     d->program.reset();
     d->log.clear();
     d->compiledWell = false;
@@ -342,11 +332,11 @@ bool ShaderProgram::compile()
             }
         }
         defines.first().first = stageDefine(source.stage);
-        d->compiled.append({0, source.stage, d->processorInUse().process(text, source.name, defines)});
+        d->compiled.push_back({{}, source.stage, d->processorInUse().process(text, source.name, defines)});
     }
     d->addDrawIndex();
     d->shareKey = d->fragDataLocations.join(u'\0').toUtf8();
-    for (const ShaderProgramPrivate::Compiled &c : std::as_const(d->compiled))
+    for (const ShaderProgramPrivate::Compiled &c : d->compiled)
         d->shareKey += '\0' + QByteArray::number(c.stage) + '\0' + c.source.text.toUtf8();
     if (good && d->mayShare)
         d->program = state->group->programs.value(d->shareKey).toStrongRef();
@@ -386,8 +376,8 @@ bool ShaderProgram::linkPre()
     if (d->program->linked)
         return true;
     const GLuint program = d->id();
-    for (const ShaderProgramPrivate::Compiled &c : std::as_const(d->compiled))
-        glAttachShader(program, c.shader);
+    for (const ShaderProgramPrivate::Compiled &c : d->compiled)
+        glAttachShader(program, c.shader.id());
     const QStringList &shared = sharedAttributeNames();
     for (qsizetype i = 0; i < shared.size(); ++i)
         glBindAttribLocation(program, GLuint(i), shared[i].toLatin1().constData());
@@ -427,13 +417,13 @@ bool ShaderProgram::linkPost()
             state->group->programs.insert(d->shareKey, d->program);
     } else {
         QHash<int, int> perStage;
-        for (const ShaderProgramPrivate::Compiled &c : std::as_const(d->compiled))
+        for (const ShaderProgramPrivate::Compiled &c : d->compiled)
             d->log += d->stageTitle(c.stage, c.source.fileNames[0], perStage[c.stage]++) + QStringLiteral(":\n")
                       + numberedSource(c.source);
     }
-    for (const ShaderProgramPrivate::Compiled &c : std::as_const(d->compiled))
-        glDetachShader(program, c.shader);
-    d->deleteShaders();
+    for (const ShaderProgramPrivate::Compiled &c : d->compiled)
+        glDetachShader(program, c.shader.id());
+    d->compiled.clear();
     if (d->program->linked || message.isEmpty())
         noteDriverFailure(this);
     if (!d->program->linked)

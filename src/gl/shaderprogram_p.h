@@ -1,6 +1,7 @@
 #pragma once
 
 #include "gl/contextstate.h"
+#include "gl/glnames.h"
 #include "gl/glslmacroprocessor.h"
 #include "gl/linkedprogram.h"
 #include "gl/texturemanager.h"
@@ -9,6 +10,7 @@
 #include <QVector>
 
 #include <array>
+#include <vector>
 
 namespace Brevane::Kvo {
 
@@ -26,7 +28,7 @@ public:
     };
     struct Compiled
     {
-        unsigned int shader;
+        ObjectName shader; // which is in the share group that it was compiled in
         int stage;
         ProcessedSource source;
     };
@@ -44,7 +46,6 @@ public:
     bool readsManagedTextures(ManagedKind kind) const;
     QString stageTitle(int stage, const QString &sourceName, int number = 0) const;
     bool compileStage(Compiled &compiled, const QString &title);
-    void deleteShaders();
     void fail(bool whileLinking);
     const LinkedProgram::Uniform *findUniform(const QString &name) const;
     unsigned int id() const { return program ? program->name.id() : 0; }
@@ -54,7 +55,7 @@ public:
     QSharedPointer<LinkedProgram> program;
     GLSLMacroProcessor *processor = nullptr;
     QVector<Source> sources;
-    QVector<Compiled> compiled;
+    std::vector<Compiled> compiled;
     QStringList fragDataLocations;
     QString log;
     QString label;

@@ -1515,6 +1515,35 @@ TEST_F(Lifetimes, AProgramThatEndsUnderAnotherIsNotBoundAgain)
     EXPECT_TRUE(isPixel(target.read(), 1, 1, {0.5, 0.5, 0.5, 0.5}, 0.6 / 255));
 }
 
+// Its shaders lie between compile and link; other contexts have shaders of the same names.
+TEST_F(Lifetimes, AProgramThatWasCompiledInOneShareGroupDeletesNoShadersOfAnother)
+{
+    const int shaders = GlCalls::live(GlKind::Shader);
+    auto program = std::make_unique<ShaderProgram>();
+    program->addShader(GL_VERTEX_SHADER, QStringLiteral("#version 150\nvoid main() { gl_Position = vec4(0.125); }\n"));
+    program->addShader(GL_FRAGMENT_SHADER,
+                       QStringLiteral("#version 150\nout vec4 out_Color;\nvoid main() { out_Color = vec4(0.375); }\n"));
+    ASSERT_TRUE(program->compile());
+    EXPECT_EQ(GlCalls::live(GlKind::Shader), shaders + 2);
+    GLContext other;
+    ASSERT_TRUE(other.makeCurrent());
+    std::vector<GLuint> theirs;
+    for (int i = 0; i < 40; ++i)
+        theirs.push_back(glCreateShader(GL_VERTEX_SHADER));
+    const int unknown = GlCalls::unknownDeletions();
+    program->compile(); // anew, where it is now
+    program.reset();
+    for (const GLuint shader : theirs) {
+        EXPECT_TRUE(glIsShader(shader)) << shader;
+        glDeleteShader(shader);
+    }
+    OpenGLDeviceContext::releaseCurrent();
+    ASSERT_TRUE(context().makeCurrent());
+    ASSERT_TRUE(OpenGLDeviceContext::current()); // where what waited is deleted
+    EXPECT_EQ(GlCalls::live(GlKind::Shader), shaders);
+    EXPECT_EQ(GlCalls::unknownDeletions(), unknown);
+}
+
 TEST_F(Lifetimes, AProgramThatEndsInTheMiddleOfThreeIsSkipped)
 {
     const QString text = QStringLiteral("#version 150\nout vec4 out_Color;\nvoid main() { out_Color = vec4(%1); }\n");
