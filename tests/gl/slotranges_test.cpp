@@ -211,6 +211,19 @@ INSTANTIATE_TEST_SUITE_P(Passes, WrongTypes, ::testing::ValuesIn(rowsOfAll()),
 
 } // namespace
 
+// By the number that headers of GL have for it.
+TEST_F(GLTest, ATextureOfAnotherKindIsSaidWithItsTarget)
+{
+    Values values;
+    const auto pass = barePass(caseOf("BlendRenderPass"));
+    pass->setInput(0, QRect(0, 0, 4, 4));
+    pass->setInput(pass->findInput(text("Kvo_KvoTexture*_FrameA")), textureToVariant(&values.cubemap));
+    const MessageCapture messages;
+    runFrame(*pass);
+    EXPECT_EQ(messages.containing(text("texture of GL target 0x8513, which")), 1)
+        << messages.texts().join(u'\n').toStdString();
+}
+
 TEST_P(WrongTypes, AreSaidOnceWithPassAndSlot)
 {
     Values values;

@@ -489,6 +489,25 @@ TEST_F(ShadowMapManagerTest, AFrameWiderThanTheSceneIsTheSceneItself)
         EXPECT_EQ(data.transforms[0].m[i], alone.transforms[0].m[i]) << i;
 }
 
+// Along and across, on either side of where the coordinates begin.
+TEST_F(ShadowMapManagerTest, AFrameThatTheSceneIsLongerThanInOneDirectionIsThatOfTheView)
+{
+    const QVariantList lights = listOf({Light::directional({0, -1, 0})});
+    constexpr float kFar = 1000;
+    for (const auto &[least, most] :
+         {std::pair{QVector3D(0, 0, 0), QVector3D(kFar, 1, 1)}, std::pair{QVector3D(-kFar, 0, 0), QVector3D(0, 1, 1)},
+          std::pair{QVector3D(0, 0, 0), QVector3D(1, 1, kFar)},
+          std::pair{QVector3D(0, 0, -kFar), QVector3D(1, 1, 0)}}) {
+        bounds = {least, most};
+        RenderData alone;
+        ShadowMapManager::processLights(lights, alone, nullptr, nullptr, &bounds);
+        processWithCamera(lights);
+        EXPECT_FALSE(std::equal(std::begin(data.transforms[0].m), std::end(data.transforms[0].m),
+                                std::begin(alone.transforms[0].m)))
+            << least.x() << ' ' << least.z();
+    }
+}
+
 TEST_F(ShadowMapManagerTest, FramesMoveInWholeStepsWhileTheCameraMovesAndTurns)
 {
     bounds = {{-500, -500, -500}, {500, 500, 500}};
