@@ -1,6 +1,5 @@
 #include "renderpasses/texturetoscreenrenderpass.h"
 
-#include "core/slottypes.h"
 #include "gl/bindings.h"
 #include "gl/drawbuffers.h"
 #include "gl/framebufferobject.h"
@@ -93,8 +92,8 @@ Rectangles rectanglesOf(RenderPassHelper &pass, int slot, const QRect &viewport)
     if (hasValue(value)) {
         if (value.canConvert<QRect>()) {
             rectangles.append(qvariant_cast<QRect>(value));
-        } else {
-            const QVariantList list = listIn(value);
+        } else if (value.canConvert<QVariantList>()) {
+            const QVariantList list = qvariant_cast<QVariantList>(value);
             for (const QVariant &element : list)
                 rectangles.append(qvariant_cast<QRect>(element));
         }
