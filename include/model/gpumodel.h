@@ -201,8 +201,8 @@ public:
     /// Where an item of those that are drawn stands: object to world. The identity for one that is not there.
     QMatrix4x4 transform(int item) const;
     /// Moves items, from number \a first on, from the next frame on; the numbers are those of draws, see objectData.
-    /// False, with a message, where an item is not there, a transform is not finite, or the driver has no room; nothing
-    /// moves then. Each call sends the places of all items to the GPU, so move many in one.
+    /// False, with a message, where an item is not there or a transform is not finite, and nothing moves then; or where
+    /// the driver has no room, which is tried again when the model is drawn. Each call sends the places of all items to the GPU, so move many in one.
     bool setTransforms(int first, const QVector<QMatrix4x4> &transforms);
 
     /// Per-draw data of that batch under the plan "InstanceInfo"; null for other indices. Eight texels a draw: the

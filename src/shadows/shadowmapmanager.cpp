@@ -142,7 +142,7 @@ public:
     Complaints(const Complaints &) = delete;
     Complaints &operator=(const Complaints &) = delete;
 
-    /// Some hundred are said one by one, and how many more there are.
+    /// The first ones are said one by one; of the rest, how many there are.
     void add(QtMsgType type, const QString &message)
     {
         constexpr int kMost = 200;
