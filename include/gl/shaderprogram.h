@@ -31,7 +31,8 @@ struct ShaderFailure
 ///
 /// Call order: setMacroProcessor where wanted; setFragDataLocations, addShader and addShaderFromFile;
 /// compile; link; then bind and setUniform. Every source of a stage is a shader object of its own, so
-/// a function that no source defines is a link error that names it. Programs agree on the locations of
+/// a function that no source defines is a link error that names it. Where one does not compile by itself, since it needs
+/// a macro or a variable of a source before it, those of its stage are joined in the order of the calls. Programs agree on the locations of
 /// attributes with the same name, for the first 16 names that vertex arrays of the process had before the
 /// program was linked; on others the vertex array finds a way, see VertexArrayObject.
 ///

@@ -139,7 +139,7 @@ TypeMismatch typeMismatch(const QString &slot, const SlotInfo *info, const QVari
     if (!value.isValid())
         return {};
     const QMetaType type = value.metaType();
-    const bool hasVariants = type == QMetaType(QMetaType::QVariantList);
+    const bool isSeveral = isList(value);
     const auto unless = [type](bool fits, const char *wanted) {
         return fits ? TypeMismatch() : TypeMismatch{wanted, type};
     };
@@ -148,20 +148,20 @@ TypeMismatch typeMismatch(const QString &slot, const SlotInfo *info, const QVari
     if (const ObjectType *object = isRecord ? &kRecord : entryOf(kObjects, word)) {
         const auto fits = [object](const QVariant &each) { return isObject(each, object->kind); };
         // Pieces of geometry are drawn one after another.
-        return hasVariants && object->kind == LiveKind::DrawBuffers ? firstMisfit(value.toList(), object->meaning, fits)
-                                                                    : unless(fits(value), object->meaning);
+        return isSeveral && object->kind == LiveKind::DrawBuffers ? firstMisfit(value.toList(), object->meaning, fits)
+                                                                  : unless(fits(value), object->meaning);
     }
     if (!info)
         return {};
     if (takesSeveralRectangles(slot)) {
         const auto fits = [](const QVariant &each) { return becomes(each, QMetaType(QMetaType::QRect)); };
         constexpr const char *kWanted = "rectangle or a list of them";
-        return hasVariants ? firstMisfit(value.toList(), kWanted, fits) : unless(fits(value), kWanted);
+        return isSeveral ? firstMisfit(value.toList(), kWanted, fits) : unless(fits(value), kWanted);
     }
     if (slot == "Kvo_QList_InstanceData"_L1) {
         const auto fits = [](const QVariant &each) { return isObject(each, LiveKind::InstanceData); };
         constexpr const char *kWanted = "list of instance data";
-        return isList(value) ? firstMisfit(value.toList(), kWanted, fits) : unless(false, kWanted);
+        return isSeveral ? firstMisfit(value.toList(), kWanted, fits) : unless(false, kWanted);
     }
     // One of what a list is of stands for a list of it, and so does a list of another type: whose elements know.
     if (word == "QList"_L1 && type.id() >= QMetaType::User)

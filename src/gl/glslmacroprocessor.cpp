@@ -63,9 +63,7 @@ public:
             // Most lines are neither: the patterns need not look at them.
             if (!startsInComment && line.contains(u'#')) {
                 if (const auto m = kVersionLine.match(line); m.hasMatch()) {
-                    if (file == 0)
-                        _version = m.captured(1).toInt();
-                    else
+                    if (file != 0)
                         _result.errors.append(
                             QStringLiteral("\"%1\" has a #version line; only the including source may")
                                 .arg(_result.fileNames[file]));

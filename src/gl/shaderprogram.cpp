@@ -21,6 +21,7 @@
 #include <epoxy/gl.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace Brevane::Kvo {
 
@@ -157,9 +158,10 @@ void ShaderProgramPrivate::addDrawIndex()
         if (handsOn && c.stage == GL_VERTEX_SHADER)
             defines += QStringLiteral("#define main kvo_vertexMain\n");
         c.source.text.insert(c.source.definesEnd, defines);
+        c.drawIndexDefines = defines;
     }
     if (handsOn)
-        compiled.push_back({{}, GL_VERTEX_SHADER, handingOnDrawIndex()});
+        compiled.push_back({{}, GL_VERTEX_SHADER, handingOnDrawIndex(), {}, true});
 }
 
 QString ShaderProgramPrivate::stageTitle(int stage, const QString &sourceName, int number) const
@@ -199,6 +201,51 @@ bool ShaderProgramPrivate::compileStage(Compiled &c, const QString &title)
         log += error + u'\n';
     log += withNames(message, c.source) + u'\n' + sourcesBehind(message, c.source, title);
     return false;
+}
+
+// A source may need what stands in one before it: a macro, a variable, a function without a prototype.
+bool ShaderProgramPrivate::compileJoined(const QSet<int> &stages, const QList<QPair<QString, QString>> &commonDefines)
+{
+    const QString logOfSources = std::exchange(log, QString());
+    std::vector<Compiled> whole;
+    const bool good = std::all_of(stages.cbegin(), stages.cend(), [&](int stage) {
+        QStringList texts;
+        QStringList names;
+        for (const Source &source : std::as_const(sources)) {
+            bool found = true;
+            if (source.stage != stage)
+                continue;
+            texts << textOf(source, &found);
+            names << source.name;
+        }
+        const auto part = std::find_if(compiled.cbegin(), compiled.cend(),
+                                       [stage](const Compiled &c) { return c.stage == stage && !c.isOurs; });
+        if (texts.size() < 2 || part == compiled.cend())
+            return false;
+        QList<QPair<QString, QString>> defines = commonDefines;
+        defines.first().first = stageDefine(stage);
+        ProcessedSource text =
+            processorInUse().process(texts.join(u'\n'), names.join(QStringLiteral(" and ")), defines);
+        text.text.insert(text.definesEnd, part->drawIndexDefines);
+        whole.push_back({{}, stage, std::move(text)});
+        return compileStage(whole.back(), stageTitle(stage, whole.back().source.fileNames[0]));
+    });
+    wasRefused = true; // as the sources were, whatever came of this
+    if (!good) {
+        log = logOfSources;
+        return false;
+    }
+    for (Compiled &c : compiled) {
+        if (c.isOurs || !stages.contains(c.stage))
+            whole.push_back(std::move(c));
+    }
+    compiled = std::move(whole);
+    return true;
+}
+
+QString ShaderProgramPrivate::textOf(const Source &source, bool *found) const
+{
+    return source.isFile ? processorInUse().readFile(source.name, found) : source.text;
 }
 
 void ShaderProgramPrivate::fail(bool whileLinking)
@@ -320,16 +367,13 @@ bool ShaderProgram::compile()
         }
     }
     for (const ShaderProgramPrivate::Source &source : std::as_const(d->sources)) {
-        QString text = source.text;
-        if (source.isFile) {
-            bool found = false;
-            text = d->processorInUse().readFile(source.name, &found);
-            if (!found) {
-                d->log += QStringLiteral("%1: the file does not exist\n").arg(d->stageTitle(source.stage, source.name));
-                good = false;
-                d->wasRefused = true;
-                continue;
-            }
+        bool found = true;
+        const QString text = d->textOf(source, &found);
+        if (!found) {
+            d->log += QStringLiteral("%1: the file does not exist\n").arg(d->stageTitle(source.stage, source.name));
+            good = false;
+            d->wasRefused = true;
+            continue;
         }
         defines.first().first = stageDefine(source.stage);
         d->compiled.push_back({{}, source.stage, d->processorInUse().process(text, source.name, defines)});
@@ -353,12 +397,16 @@ bool ShaderProgram::compile()
     }
     state->labelObject(GL_PROGRAM, d->id(), d->label);
     QHash<int, int> perStage;
+    QSet<int> refused; // stages
     for (ShaderProgramPrivate::Compiled &c : d->compiled) {
         if (!d->id())
             break;
         const QString title = d->stageTitle(c.stage, c.source.fileNames[0], perStage[c.stage]++);
-        good = d->compileStage(c, title) && good;
+        if (!d->compileStage(c, title))
+            refused.insert(c.stage);
     }
+    if (!refused.isEmpty())
+        good = good && d->wasRefused && d->compileJoined(refused, defines);
     d->compiledWell = good;
     if (!good) {
         if (!d->wasRefused)

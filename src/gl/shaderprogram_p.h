@@ -6,6 +6,7 @@
 #include "gl/linkedprogram.h"
 #include "gl/texturemanager.h"
 
+#include <QSet>
 #include <QVarLengthArray>
 #include <QVector>
 
@@ -31,6 +32,8 @@ public:
         ObjectName shader; // which is in the share group that it was compiled in
         int stage;
         ProcessedSource source;
+        QString drawIndexDefines;
+        bool isOurs = false; // and of none of the sources
     };
     struct Previous
     {
@@ -46,6 +49,10 @@ public:
     bool readsManagedTextures(ManagedKind kind) const;
     QString stageTitle(int stage, const QString &sourceName, int number = 0) const;
     bool compileStage(Compiled &compiled, const QString &title);
+    /// Compiles stages of which a source does not compile by itself, all sources of a stage as one text. False where that
+    /// does not do either, with the log as it was.
+    bool compileJoined(const QSet<int> &stages, const QList<QPair<QString, QString>> &defines);
+    QString textOf(const Source &source, bool *found) const;
     void fail(bool whileLinking);
     const LinkedProgram::Uniform *findUniform(const QString &name) const;
     unsigned int id() const { return program ? program->name.id() : 0; }

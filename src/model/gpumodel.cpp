@@ -725,7 +725,7 @@ void GPUModelPrivate::drawOneByOne(ShaderProgram *program, const Selection &chos
 {
     static const QString drawID = QStringLiteral("u_DrawID");
     const int indexLocation = program->attributeLocation(drawIndexAttribute());
-    const int idLocation = program->getUniformLocation(drawID);
+    const bool wantsID = program->hasUniform(drawID);
     // The value of an attribute without an array is the context's, not the vertex array's.
     GLuint indexBefore[4] = {};
     if (indexLocation >= 0)
@@ -734,8 +734,8 @@ void GPUModelPrivate::drawOneByOne(ShaderProgram *program, const Selection &chos
         const DrawElementsIndirectCommand &command = commands[std::size_t(item)];
         if (indexLocation >= 0)
             glVertexAttribI1ui(GLuint(indexLocation), GLuint(item));
-        if (idLocation >= 0)
-            glUniform1ui(idLocation, GLuint(item));
+        if (wantsID)
+            program->setUniform(drawID, item); // int and uint in programs of hosts
         glDrawElements(GL_TRIANGLES, GLsizei(command.count), GL_UNSIGNED_INT,
                        reinterpret_cast<const void *>(quintptr(command.firstIndex) * sizeof(GLuint)));
     }

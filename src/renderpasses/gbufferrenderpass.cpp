@@ -159,18 +159,20 @@ void GBufferRenderPass::start(RenderCallbacks *)
     }
     buildOnce(_shaderProgram, gBufferProgram());
 
-    if (!extent.isEmpty()) {
+    const bool canDraw = !extent.isEmpty();
+    {
         NeutralState neutral(kState);
         AutoBinder fbo(_fbo);
         _fbo->setDrawBuffers();
-        glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
+        if (canDraw)
+            glClear(GL_COLOR_BUFFER_BIT | GL_DEPTH_BUFFER_BIT);
         if (count > 0) {
             glEnable(GL_DEPTH_TEST);
             neutral.leave({StatePiece::DepthTest});
             AutoBinder program(_shaderProgram);
             _shaderProgram->setUniform(QStringLiteral("u_ProjectionMatrix"), projection);
             _shaderProgram->setUniform(QStringLiteral("u_CameraMatrix"), camera);
-            for (const QVariant *piece = pieces; piece != pieces + count; ++piece) {
+            for (const QVariant *piece = pieces; canDraw && piece != pieces + count; ++piece) {
                 DrawBuffers *buffers = anyDrawBuffers(*piece);
                 if (!buffers || !buffers->VAO())
                     continue;

@@ -112,6 +112,13 @@ unsigned int nameOf(FramebufferObject *framebuffer)
     return framebuffer->getFBO();
 }
 
+// One without a name stands for the default framebuffer, but for one that another context of the group has filled: its
+// name here comes with the first bind.
+bool isDefault(const FramebufferObject &framebuffer)
+{
+    return framebuffer.getFBO() == 0 && !framebuffer.hasAttachment(GL_COLOR_ATTACHMENT0);
+}
+
 // Height is compared with the source's width on purpose: a source that is not square filters linearly
 // even at its own size.
 GLenum blitFilter(bool linear, const QRect &source, const QRect &destination)
@@ -253,7 +260,7 @@ void TextureToScreenRenderPass::start(RenderCallbacks *)
         bindFramebufferNow(GL_DRAW_FRAMEBUFFER, nameOf(_drawFbo));
         glFramebufferTexture(GL_DRAW_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, textureOut->textureID(), 0);
         glDrawBuffer(GL_COLOR_ATTACHMENT0);
-    } else if (framebufferOut && nameOf(framebufferOut) != 0) {
+    } else if (framebufferOut && !isDefault(*framebufferOut) && nameOf(framebufferOut) != 0) {
         bindFramebufferNow(GL_DRAW_FRAMEBUFFER, framebufferOut->getFBO());
         glDrawBuffer(GL_COLOR_ATTACHMENT0);
     } else {

@@ -316,8 +316,12 @@ void VisibilitySortRenderPass::start(RenderCallbacks *)
     Texture *headPointers = objectTexture(*this, kHeadPointers);
     Texture *nodeBuffer = objectTexture(*this, kNodeBuffer);
     const int nodeBufferWidth = nodeBufferWidthOf(*this, kNodeBufferWidth);
-    if (!headPointers || !nodeBuffer || nodeBufferWidth == 0 || extent.isEmpty())
+    if (!headPointers || !nodeBuffer || nodeBufferWidth == 0)
         return;
+    if (extent.isEmpty()) {
+        glEnable(GL_DEPTH_TEST); // as it is left in every frame that has lists
+        return;
+    }
 
     if (buildOnce(_shaderProgram, sortProgram()))
         _isOwnProgram = true;

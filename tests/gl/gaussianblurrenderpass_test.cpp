@@ -334,9 +334,16 @@ TEST_F(GaussianBlur, AStencilRestrictsTheBlurToItsMaterialAndTheRestIsOpaqueBlac
         glTexImage2D(GL_TEXTURE_2D, 0, GL_DEPTH24_STENCIL8, 24, 16, 0, GL_DEPTH_STENCIL, GL_UNSIGNED_INT_24_8,
                      values.constData());
     }
+    Texture unsizedStencil;
+    unsizedStencil.setTarget(GL_TEXTURE_2D);
+    {
+        AutoBinder bound(&unsizedStencil);
+        glTexImage2D(GL_TEXTURE_2D, 0, GL_DEPTH_STENCIL, 24, 16, 0, GL_DEPTH_STENCIL, GL_UNSIGNED_INT_24_8,
+                     values.constData());
+    }
     for (const int material : {0, 4}) {
         connect(input.get(), 24, 16, 2.0f);
-        owned->setInput(kStencil, textureToVariant(&stencil));
+        owned->setInput(kStencil, textureToVariant(material == 0 ? &stencil : &unsizedStencil));
         owned->setInput(kStencilMaterial, material);
         glClearColor(0, 0, 0, 0);
         const GLStateSnapshot before;

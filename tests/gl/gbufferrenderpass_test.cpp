@@ -389,5 +389,7 @@ TEST_F(GBuffer, EmptyViewportsRaiseNoError)
 {
     const auto geometry = plainRectangle(-1, 1, 0, 1);
     pass->setInput(kGeometry, objectOf(geometry.get()));
+    glDisable(GL_DEPTH_TEST);
     expectEmptyViewportsRaiseNoError(*pass);
+    EXPECT_TRUE(glIsEnabled(GL_DEPTH_TEST)) << "is left on whatever the size";
 }

@@ -105,7 +105,8 @@ protected:
     }
 
     /// Draws items where their transforms put them, in clip space.
-    static std::unique_ptr<ShaderProgram> programOf(const char *fragmentPlan, const char *color)
+    static std::unique_ptr<ShaderProgram> programOf(const char *fragmentPlan, const char *color,
+                                                    const QString &uniforms = QString())
     {
         const auto planOf = [](const char *plan) {
             return InstanceDataRegistry::Instance().getPlan(QLatin1String(plan));
@@ -120,8 +121,8 @@ protected:
         program->addShader(GL_VERTEX_SHADER, planOf("InstanceInfo")->glslc());
         program->addShader(GL_FRAGMENT_SHADER,
                            QStringLiteral("#version 150\n#instancedata \"OBJMaterial\"\nin vec3 vo_Normal;\n"
-                                          "out vec4 out_Color;\nvoid main() { out_Color = vec4(%1, 1.0); }\n")
-                               .arg(QLatin1String(color)));
+                                          "out vec4 out_Color;\n%2void main() { out_Color = vec4(%1, 1.0); }\n")
+                               .arg(QLatin1String(color), uniforms));
         program->addShader(GL_FRAGMENT_SHADER, planOf(fragmentPlan)->glslc());
         EXPECT_TRUE(program->compile() && program->link()) << qPrintable(program->log());
         return program;
@@ -929,6 +930,21 @@ TEST_F(GPUModelTest, WhatTouchesAPlaneOrIsWithinTheRoundingOfAGpuIsLeftIn)
     deep.perspective(90, 1, 1e-3f, 1e4f);
     model.cull(deep);
     EXPECT_FALSE(model.isDrawEmpty(1, 1));
+}
+
+// In a uniform that programs of hosts may declare, of either type.
+TEST_F(GPUModelTest, TheNumberOfAnItemIsInAUniformOfItsOwn)
+{
+    ASSERT_TRUE(model.upload(quadGridScene(kSide, kSide)));
+    for (const char *type : {"int", "uint"}) {
+        std::unique_ptr<ShaderProgram> program = programOf(
+            "OBJMaterial", "vec3(float(u_DrawID))", QStringLiteral("uniform %1 u_DrawID;\n").arg(QLatin1String(type)));
+        const Image<float> shown = picture(
+            program, "", [&](ShaderProgram *bound) { return model.draw(bound, 0, 0, CounterClockwiseWinding, false); });
+        for (int y = 0; y < kSide; ++y)
+            for (int x = 0; x < kSide; ++x)
+                EXPECT_EQ(shown.at(x, y)[0], float(y * kSide + x)) << type;
+    }
 }
 
 TEST_F(GPUModelTest, EachOfManyViewsDrawsItsOwnItems)

@@ -139,11 +139,13 @@ protected:
         QVector<float> values;
         for (const auto &pixel : image.pixels)
             values.append(pixel[0]);
-        if (format != GL_DEPTH24_STENCIL8)
+        const bool hasStencil = format == GL_DEPTH24_STENCIL8 || format == GL_DEPTH_STENCIL;
+        if (!hasStencil && format != GL_DEPTH_COMPONENT)
             return makeTexture(format, image.width, image.height, values.constData());
         QVector<quint32> packed;
         for (const float value : values)
-            packed.append(quint32(std::lround(double(value) * 0xFFFFFF)) << 8);
+            packed.append(hasStencil ? quint32(std::lround(double(value) * 0xFFFFFF)) << 8
+                                     : quint32(std::llround(double(value) * 0xFFFFFFFF)));
         return makeTexture(format, image.width, image.height, packed.constData());
     }
 
@@ -603,7 +605,9 @@ TEST_F(Obscurance, TheDepthIsAttachedWhereItsFormatBelongsAndTakenOffAgain)
         GLenum format, attachment;
     } kFormats[] = {{GL_DEPTH_COMPONENT32F, GL_DEPTH_ATTACHMENT},
                     {GL_DEPTH_COMPONENT16, GL_DEPTH_ATTACHMENT},
-                    {GL_DEPTH24_STENCIL8, GL_DEPTH_STENCIL_ATTACHMENT}};
+                    {GL_DEPTH_COMPONENT, GL_DEPTH_ATTACHMENT},
+                    {GL_DEPTH24_STENCIL8, GL_DEPTH_STENCIL_ATTACHMENT},
+                    {GL_DEPTH_STENCIL, GL_DEPTH_STENCIL_ATTACHMENT}};
     for (const auto &[format, attachment] : kFormats) {
         Scene scene = sceneOf(corner);
         addNormals(scene, Normals::CameraSpace);

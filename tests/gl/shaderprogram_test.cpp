@@ -1,6 +1,7 @@
 #include "support/allocations.h"
 #include "support/draw.h"
 #include "support/gltest.h"
+#include "support/messages.h"
 
 #include <gl/drawbuffers.h>
 #include <gl/glslmacroprocessor.h>
@@ -708,6 +709,50 @@ TEST_F(ShaderProgramTest, SourcesOfAStageAreJoined)
     Target target(GL_RGBA32F, 2, 2);
     drawScreen(target, &program);
     EXPECT_TRUE(isPixel(target.read(), 1, 1, {0.5, 0.5, 0.5, 0.5}, 0));
+}
+
+// Each needs what stands in the one before it, and a text without a version goes on with that of the first.
+TEST_F(ShaderProgramTest, SourcesThatDoNotCompileByThemselvesAreOneText)
+{
+    const QString first = QStringLiteral("#version 150\n#define SHARE 0.25\nout vec4 out_Color;\n"
+                                         "vec4 color() { return vec4(SHARE); }\n");
+    const QString second = QStringLiteral("uniform float u_Factor;\n"
+                                          "void main() { out_Color = u_Factor * color() + SHARE; }\n");
+    for (const char *version : {"", "#version 150\n", "#version 140\n"}) {
+        SCOPED_TRACE(version);
+        ShaderProgram program;
+        program.setFragDataLocations({QStringLiteral("out_Color")});
+        program.addShader(GL_FRAGMENT_SHADER, first, QStringLiteral("first"));
+        program.addShader(GL_VERTEX_SHADER, screenVertexText());
+        program.addShader(GL_FRAGMENT_SHADER, QLatin1String(version) + second, QStringLiteral("second"));
+        const MessageCapture messages;
+        ASSERT_TRUE(program.compile() && program.link()) << qPrintable(program.log());
+        EXPECT_EQ(messages.texts(), QStringList());
+        EXPECT_FALSE(program.log().contains(QLatin1String("failed"))) << qPrintable(program.log());
+        ASSERT_TRUE(program.bind());
+        EXPECT_TRUE(program.setUniform(QStringLiteral("u_Factor"), 2.0f));
+        program.unbind();
+        Target target(GL_RGBA32F, 2, 2);
+        drawScreen(target, &program);
+        EXPECT_TRUE(isPixel(target.read(), 1, 1, {0.75, 0.75, 0.75, 0.75}, 0));
+    }
+}
+
+// What is said is of the sources, by their names.
+TEST_F(ShaderProgramTest, SourcesThatDoNotCompileJoinedEitherAreToldOneByOne)
+{
+    ShaderProgram program;
+    program.setLabel(QStringLiteral("broken"));
+    program.addShader(GL_VERTEX_SHADER, screenVertexText());
+    program.addShader(GL_FRAGMENT_SHADER, QStringLiteral("#version 150\nout vec4 o;\nvec4 f() { return vec4(1.0); }\n"),
+                      QStringLiteral("first"));
+    program.addShader(GL_FRAGMENT_SHADER, QStringLiteral("void main() { o = g(); }\n"), QStringLiteral("second"));
+    const MessageCapture messages;
+    EXPECT_FALSE(program.compile());
+    EXPECT_TRUE(program.log().contains(QLatin1String("fragment shader 'second' of program 'broken' failed to compile")))
+        << qPrintable(program.log());
+    EXPECT_FALSE(program.log().contains(QLatin1String("first and second"))) << qPrintable(program.log());
+    EXPECT_FALSE(program.link());
 }
 
 TEST_F(ShaderProgramTest, FragmentOutputsTakeTheColourNumberOfTheirPlaceInTheList)

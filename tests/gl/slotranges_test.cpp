@@ -124,8 +124,11 @@ protected:
             {"a list", QVariantList{1, QRect(0, 0, 1, 1)}},
             {"an empty list", QVariantList()},
             {"rectangles", QVariantList{QRect(0, 0, 1, 1), QVariant(), QRect(0, 0, 4, 4)}},
+            {"rectangles of their type", QVariant::fromValue(QList<QRect>{QRect(0, 0, 1, 1), QRect(0, 0, 4, 4)})},
             {"rectangles and a size", QVariantList{QRect(0, 0, 1, 1), QSize(1, 1)}},
             {"geometries", QVariantList{values.builder.output(0), QVariant::fromValue<QObject *>(nullptr)}},
+            {"geometries of their type",
+             QVariant::fromValue(QList<QObject *>{qvariant_cast<QObject *>(values.builder.output(0)), nullptr})},
             {"geometry and a texture", QVariantList{values.builder.output(0), textureToVariant(values.color.get())}},
             {"instance data", QVariantList{QVariant::fromValue<QObject *>(&instances())}},
             {"instance data and a texture",
@@ -170,11 +173,11 @@ protected:
         if (name.contains(text("KvoGPUModel*")))
             return isOneOf({"a model", "no texture"});
         if (name.contains(text("KvoDrawBuffers*")))
-            return isOneOf({"no texture", "an empty list", "geometries"});
+            return isOneOf({"no texture", "an empty list", "geometries", "geometries of their type"});
         if (name.contains(text("ShadowMapData")) || name.contains(text("KvoFramebuffer*")))
             return isOneOf({"no texture"});
         if (name.contains(text("Rects")) || name.contains(text("ViewportOut")))
-            return isOneOf({"a rectangle", "an empty list", "rectangles"});
+            return isOneOf({"a rectangle", "an empty list", "rectangles", "rectangles of their type"});
         if (name.contains(text("InstanceData")))
             return isOneOf({"an empty list", "instance data", "instance data by its own type"});
         switch (input.type.id()) {
@@ -186,10 +189,11 @@ protected:
         case QMetaType::QMatrix4x4: return isOneOf({"a matrix"});
         // Which of the elements are none is said with the element.
         case QMetaType::QVariantList:
-            return isOneOf({"a list", "an empty list", "rectangles", "rectangles and a size", "geometries",
-                            "geometry and a texture", "instance data", "instance data and a texture",
-                            "an address of instance data", "instance data by its own type", "a light",
-                            "a light's address", "lights", "a model", "no texture"});
+            return isOneOf({"a list", "an empty list", "rectangles", "rectangles of their type",
+                            "rectangles and a size", "geometries", "geometries of their type", "geometry and a texture",
+                            "instance data", "instance data and a texture", "an address of instance data",
+                            "instance data by its own type", "a light", "a light's address", "lights", "a model",
+                            "no texture"});
         default: return false; // colours, vectors and sizes
         }
     }

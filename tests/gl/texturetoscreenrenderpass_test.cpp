@@ -447,16 +447,18 @@ TEST_F(ScreenPass, WithNoTargetTheDefaultFramebufferIsDrawnTo)
                                               &bits);
         const auto texture = makeTexture(image);
         for (bool superSampling : {false, true}) {
-            for (bool wrapped : {false, true}) {
+            // None; the host's; and one that was never bound, which has no name either.
+            for (const int target : {0, 1, 2}) {
                 glClearColor(0, 0, 0, 0);
                 glClear(GL_COLOR_BUFFER_BIT);
                 const std::unique_ptr<FramebufferObject> zero(FramebufferObject::wrap(0));
+                FramebufferObject unbound;
                 TextureToScreenRenderPass own;
                 own.setInput(kViewport, QRect(0, 0, kSize, kSize));
                 own.setInput(kTexture, textureToVariant(texture.get()));
                 own.setInput(kEnableSuperSampling, superSampling);
-                if (wrapped)
-                    own.setInput(kFramebufferOut, framebufferToVariant(zero.get()));
+                if (target > 0)
+                    own.setInput(kFramebufferOut, framebufferToVariant(target == 1 ? zero.get() : &unbound));
                 runFrame(own);
                 glReadBuffer(GL_BACK);
                 const Image<float> screen = readFramebuffer(0, 0, kSize, kSize);
@@ -466,7 +468,8 @@ TEST_F(ScreenPass, WithNoTargetTheDefaultFramebufferIsDrawnTo)
                     for (auto &pixel : expected.pixels)
                         pixel[3] = 1;
                 EXPECT_TRUE(sameImage(screen, expected, within(0.51 / 255)))
-                    << (superSampling ? "averaged " : "blit ") << (wrapped ? "wrapped" : "");
+                    << (superSampling ? "averaged " : "blit ") << target;
+                EXPECT_EQ(unbound.getFBO(), 0u);
             }
         }
     }

@@ -31,6 +31,7 @@ Format formatOf(GLenum format)
     case GL_RED: return {GL_RED, GL_FLOAT, 1};
     case GL_RG: return {GL_RG, GL_FLOAT, 2};
     case GL_RGB: return {GL_RGB, GL_FLOAT, 3};
+    case GL_STENCIL_INDEX: return {GL_STENCIL_INDEX, GL_UNSIGNED_INT, 1};
     case GL_RED_INTEGER: return {GL_RED_INTEGER, GL_UNSIGNED_INT, 1};
     case GL_RG_INTEGER: return {GL_RG_INTEGER, GL_UNSIGNED_INT, 2};
     case GL_RGB_INTEGER: return {GL_RGB_INTEGER, GL_UNSIGNED_INT, 3};
