@@ -947,6 +947,33 @@ TEST_F(GPUModelTest, TheNumberOfAnItemIsInAUniformOfItsOwn)
     }
 }
 
+// Bodies of getters ahead of a text that calls them and does not name the plan: one text for the compiler, in which each
+// item still finds its own data.
+TEST_F(GPUModelTest, GettersMayBeCalledBehindTheirBodies)
+{
+    ASSERT_TRUE(model.upload(quadGridScene(kSide, kSide)));
+    const auto bodiesOf = [](const char *plan) {
+        return InstanceDataRegistry::Instance().getPlan(QLatin1String(plan))->glslc();
+    };
+    auto program = std::make_unique<ShaderProgram>();
+    program->setFragDataLocations({QStringLiteral("out_Color")});
+    program->addShader(GL_VERTEX_SHADER, bodiesOf("InstanceInfo"));
+    program->addShader(GL_VERTEX_SHADER,
+                       QStringLiteral("in vec3 va_Vertex;\nvoid main() { gl_Position = getModelMatrix() * "
+                                      "vec4(va_Vertex, 1.0); }\n"));
+    program->addShader(GL_FRAGMENT_SHADER, bodiesOf("OBJMaterial"));
+    program->addShader(GL_FRAGMENT_SHADER,
+                       QStringLiteral("out vec4 out_Color;\nvoid main() { out_Color = vec4(getKd(), 1.0); }\n"));
+    ASSERT_TRUE(program->compile() && program->link()) << qPrintable(program->log());
+    for (const auto road : {GPUModel::DrawRoad::Automatic, GPUModel::DrawRoad::Loop}) {
+        model.setDrawRoad(road);
+        const Image<float> shown = picture(program, "", [&](ShaderProgram *bound) {
+            return model.draw(bound, 0, 0, CounterClockwiseWinding, false);
+        });
+        EXPECT_TRUE(sameImage(shown, colorPicture(), within(0)));
+    }
+}
+
 TEST_F(GPUModelTest, EachOfManyViewsDrawsItsOwnItems)
 {
     // An item to a pixel, and views of one each: more than are kept.
