@@ -959,17 +959,18 @@ TEST_F(GPUModelTest, GettersMayBeCalledBehindTheirBodies)
     program->setFragDataLocations({QStringLiteral("out_Color")});
     program->addShader(GL_VERTEX_SHADER, bodiesOf("InstanceInfo"));
     program->addShader(GL_VERTEX_SHADER,
-                       QStringLiteral("in vec3 va_Vertex;\nvoid main() { gl_Position = getModelMatrix() * "
+                       QStringLiteral("#ifndef KVO_STAGE_VERTEX\n#error stage\n#endif\n"
+                                      "in vec3 va_Vertex;\nvoid main() { gl_Position = getModelMatrix() * "
                                       "vec4(va_Vertex, 1.0); }\n"));
     program->addShader(GL_FRAGMENT_SHADER, bodiesOf("OBJMaterial"));
     program->addShader(GL_FRAGMENT_SHADER,
-                       QStringLiteral("out vec4 out_Color;\nvoid main() { out_Color = vec4(getKd(), 1.0); }\n"));
+                       QStringLiteral("#ifndef KVO_STAGE_FRAGMENT\n#error stage\n#endif\n"
+                                      "out vec4 out_Color;\nvoid main() { out_Color = vec4(getKd(), 1.0); }\n"));
     ASSERT_TRUE(program->compile() && program->link()) << qPrintable(program->log());
     for (const auto road : {GPUModel::DrawRoad::Automatic, GPUModel::DrawRoad::Loop}) {
         model.setDrawRoad(road);
-        const Image<float> shown = picture(program, "", [&](ShaderProgram *bound) {
-            return model.draw(bound, 0, 0, CounterClockwiseWinding, false);
-        });
+        const Image<float> shown = picture(
+            program, "", [&](ShaderProgram *bound) { return model.draw(bound, 0, 0, CounterClockwiseWinding, false); });
         EXPECT_TRUE(sameImage(shown, colorPicture(), within(0)));
     }
 }

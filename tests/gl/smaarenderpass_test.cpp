@@ -16,6 +16,7 @@
 #include <QMatrix4x4>
 #include <QPointF>
 #include <QRect>
+#include <QVector4D>
 
 #include <epoxy/gl.h>
 
@@ -763,4 +764,28 @@ TEST_F(Smaa, ObjectsLeftWithoutTeardownGoToTheContext)
     EXPECT_EQ(device->givenUpCount(), before + 12);
     EXPECT_TRUE(TextureManager::Instance().leakedReferences().isEmpty());
     resetGLState();
+}
+
+// A host's shader that has the uniform and defines nothing else.
+TEST_F(Smaa, TheLibrarysFunctionsReadTheMetricsFromTheirUniform)
+{
+    const auto program = makeProgram(QStringLiteral("#version 150\nuniform vec4 u_SmaaMetrics;\nin vec2 vo_TexCoord;\n"
+                                                    "out vec4 out_Color;\n#include \"SMAA.glslh\"\nvoid main()\n{\n"
+                                                    "  vec4 offset;\n"
+                                                    "  SMAANeighborhoodBlendingVS(vo_TexCoord, offset);\n"
+                                                    "  out_Color = offset;\n}\n"));
+    ASSERT_TRUE(program->bind());
+    program->setUniform(QStringLiteral("u_SmaaMetrics"), QVector4D(0.25f, 0.5f, 4, 2));
+    program->unbind();
+    Target target(GL_RGBA32F, 4, 2);
+    drawScreen(target, program.get());
+    // The right and the upper neighbour of a pixel, in texture coordinates.
+    const Image<float> neighbours = target.read();
+    for (int y = 0; y < 2; ++y) {
+        for (int x = 0; x < 4; ++x) {
+            const double u = (x + 0.5) / 4;
+            const double v = (y + 0.5) / 2;
+            EXPECT_TRUE(isPixel(neighbours, x, y, {u + 0.25, v, u, v + 0.5}, 1e-6));
+        }
+    }
 }

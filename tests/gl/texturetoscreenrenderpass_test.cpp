@@ -5,6 +5,7 @@
 #include "support/passes.h"
 
 #include <gl/framebufferobject.h>
+#include <gl/guards.h>
 #include <gl/opengldevicecontext.h>
 #include <gl/texture.h>
 #include <gl/texturemanager.h>
@@ -487,6 +488,32 @@ TEST_F(ScreenPass, AWrappedFramebufferOfTheHostIsATarget)
         runFrame(pass());
         EXPECT_TRUE(sameImage(target().read(), sourceImage, within(0))) << value.typeName();
     }
+}
+
+// Which has no name in this context before it is bound.
+TEST_F(ScreenPass, AFramebufferThatAnotherContextHasFilledIsATarget)
+{
+    GLContext::Options options;
+    options.share = &context();
+    GLContext other(options);
+    {
+        FramebufferObject filled;
+        ASSERT_TRUE(other.makeCurrent() && OpenGLDeviceContext::current());
+        {
+            const AutoBinder bound(&filled);
+            filled.attach(target().color(), GL_COLOR_ATTACHMENT0, 0);
+        }
+        ASSERT_TRUE(context().makeCurrent());
+        target().clear(kUntouched);
+        EXPECT_EQ(filled.getFBO(), 0u);
+        pass().setInput(kFramebufferOut, framebufferToVariant(&filled));
+        runFrame(pass());
+        EXPECT_TRUE(sameImage(target().read(), sourceImage, within(0)));
+        pass().setInput(kFramebufferOut, QVariant());
+    }
+    ASSERT_TRUE(other.makeCurrent());
+    OpenGLDeviceContext::releaseCurrent();
+    ASSERT_TRUE(context().makeCurrent());
 }
 
 // The averaging path.
