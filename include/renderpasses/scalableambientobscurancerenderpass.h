@@ -30,7 +30,7 @@ class Texture;
 /// | 7  | Kvo_float_SAOBias                   | float      | 0.03    | 0 to 50 units of the scene | distance that does not count, against obscurance of smooth surfaces |
 /// | 8  | Kvo_float_SAOIntensity              | float      | 1       | 0 to 100                   | strength |
 /// | 9  | Kvo_KvoTexture*_CameraSpacePosition | texture    | none    |                            | positions of CameraSpaceZBufferRenderPass; none: from the depth |
-/// | 10 | Kvo_KvoTexture*_Normal              | texture    | none    |                            | normals, see setNormalProcessing; none: from the positions |
+/// | 10 | Kvo_KvoTexture*_Normal              | texture    | none    |                            | normals, see setNormalProcessing, multisampled where the depth is; none: from the positions |
 /// | 11 | Kvo_float_SaoNumSamples             | float      | 11      | 0 to 1024 taps             | taps per pixel, without its fraction |
 /// | 12 | Kvo_float_SaoNumLogMaxOffset        | float      | 3       | 0 to 16                    | radii of 2 to this power read finer levels of the depth, if it has any |
 /// | 13 | Kvo_float_SaoNumSpiralTurns         | float      | 3       | 0 to 65536 turns           | turns of the spiral, without its fraction |

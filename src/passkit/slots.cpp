@@ -72,10 +72,14 @@ Texture *anyTexture(const QVariant &value)
 Texture *ofKind(RenderPassHelper &pass, int slot, Texture *texture, TextureKind kind)
 {
     const GLenum target = texture ? texture->target() : GLenum(GL_NONE);
-    const bool fits =
-        kind == TextureKind::Cube
-            ? target == GL_TEXTURE_CUBE_MAP
-            : target == GL_TEXTURE_2D || (kind == TextureKind::PlainOrSamples && target == GL_TEXTURE_2D_MULTISAMPLE);
+    const bool hasSamples = target == GL_TEXTURE_2D_MULTISAMPLE;
+    bool fits = false;
+    switch (kind) {
+    case TextureKind::Plain: fits = target == GL_TEXTURE_2D; break;
+    case TextureKind::Cube: fits = target == GL_TEXTURE_CUBE_MAP; break;
+    case TextureKind::Samples: fits = hasSamples; break;
+    case TextureKind::PlainOrSamples: fits = hasSamples || target == GL_TEXTURE_2D; break;
+    }
     if (fits || target == GL_NONE) {
         pass.acceptInput(slot);
         return fits ? texture : nullptr;

@@ -22,7 +22,7 @@ Texture *objectTexture(const QVariant &value);
 Texture *anyTexture(const QVariant &value);
 
 /// The kinds of textures that shaders of the passes read.
-enum class TextureKind { Plain, Cube, PlainOrSamples };
+enum class TextureKind { Plain, Cube, Samples, PlainOrSamples };
 
 /// A texture of a slot that is of the kind which the pass reads; null for any other, which is said once with the
 /// names of pass and slot. A sampler does not see a texture of another kind on its unit, but what a host has left

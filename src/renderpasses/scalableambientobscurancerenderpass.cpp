@@ -245,6 +245,14 @@ unsigned int attachmentOf(Texture *depth)
     }
 }
 
+// One program reads both, so normals have samples where the depth has.
+TextureKind kindOfNormals(Texture *depth)
+{
+    if (!depth)
+        return TextureKind::PlainOrSamples;
+    return depth->target() == GL_TEXTURE_2D_MULTISAMPLE ? TextureKind::Samples : TextureKind::Plain;
+}
+
 constexpr SlotInfo kInputInfo[] = {
     {.name = "Kvo_QRect_Viewport", .meaning = "size before the divider", .kind = SlotKind::Area, .unit = "pixels"},
     {.name = "Kvo_QMatrix4x4_ProjectionMatrix", .meaning = "camera to clip space", .kind = SlotKind::Matrix},
@@ -279,7 +287,7 @@ constexpr SlotInfo kInputInfo[] = {
      .meaning = "positions of CameraSpaceZBufferRenderPass; none: from the depth",
      .kind = SlotKind::Texture},
     {.name = "Kvo_KvoTexture*_Normal",
-     .meaning = "normals, see setNormalProcessing; none: from the positions",
+     .meaning = "normals, see setNormalProcessing, multisampled where the depth is; none: from the positions",
      .kind = SlotKind::Texture},
     {.name = "Kvo_float_SaoNumSamples",
      .meaning = "taps per pixel, without its fraction",
@@ -354,7 +362,7 @@ void ScalableAmbientObscuranceRenderPass::start(RenderCallbacks *)
     const Extent extent = dividedExtent(*this, kResolutionDivider, viewport, divider);
     Texture *depth = anyTexture(*this, kDepth, TextureKind::PlainOrSamples);
     Texture *position = anyTexture(*this, kPosition);
-    Texture *normal = anyTexture(*this, kNormal);
+    Texture *normal = anyTexture(*this, kNormal, kindOfNormals(depth));
 
     made(_fbo, "ScalableAmbientObscuranceRenderPass");
     _width = extent.width;

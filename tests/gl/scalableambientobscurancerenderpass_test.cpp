@@ -306,6 +306,29 @@ MultisampledDepth multisampledDepth(const Image<float> &image)
     return result;
 }
 
+/// The same in every sample.
+std::unique_ptr<Texture> multisampledCopy(const Image<float> &image)
+{
+    auto texture = std::make_unique<Texture>();
+    texture->setTarget(GL_TEXTURE_2D_MULTISAMPLE);
+    const AutoBinder bound(texture.get());
+    glTexImage2DMultisample(GL_TEXTURE_2D_MULTISAMPLE, 4, GL_RGBA32F, image.width, image.height, GL_TRUE);
+    FramebufferObject framebuffer;
+    const AutoBinder drawn(&framebuffer);
+    framebuffer.attach(texture.get(), GL_COLOR_ATTACHMENT0, 0);
+    framebuffer.setDrawBuffers();
+    glEnable(GL_SCISSOR_TEST);
+    for (int y = 0; y < image.height; ++y) {
+        for (int x = 0; x < image.width; ++x) {
+            glScissor(x, y, 1, 1);
+            glClearBufferfv(GL_COLOR, 0, image.at(x, y).data());
+        }
+    }
+    glDisable(GL_SCISSOR_TEST);
+    framebuffer.detachAll();
+    return texture;
+}
+
 } // namespace
 
 TEST_F(Obscurance, SlotsHaveTheirNamesOrderAndDefaults)
@@ -582,6 +605,51 @@ TEST_F(Obscurance, AMultisampledDepthIsReadAtItsFirstSample)
     EXPECT_GT(result.obscured, 20);
     EXPECT_EQ(calls.count("glFramebufferTexture2D", {GL_FRAMEBUFFER, GL_DEPTH_ATTACHMENT}), 0) << "not attached";
     EXPECT_EQ(calls.count("glGetTexLevelParameteriv"), 0);
+}
+
+TEST_F(Obscurance, NormalsHaveSamplesWhereTheDepthHas)
+{
+    for (const Normals kind : {Normals::World, Normals::CameraSpace}) {
+        pass = std::make_unique<Sao>();
+        Scene scene = sceneOf(corner);
+        MultisampledDepth multisampled = multisampledDepth(scene.depth);
+        scene.depth = multisampled.firstSamples;
+        depth = std::move(multisampled.texture);
+        addNormals(scene, kind);
+        setScene(scene);
+        normal = multisampledCopy(scene.normalImage);
+        pass->setInput(kNormal, textureToVariant(normal.get()));
+        const MessageCapture messages;
+        const ObscuranceComparison result = compareObscurance(rendered(), scene);
+        EXPECT_EQ(messages.texts(), QStringList());
+        EXPECT_EQ(result.wrong, 0) << qPrintable(result.where);
+        EXPECT_GT(result.obscured, 20);
+    }
+}
+
+// They are left out, which is said, and the normals are those of the positions.
+TEST_F(Obscurance, NormalsWithSamplesAndADepthWithoutOrTheOtherWayRoundDoNotFit)
+{
+    for (const bool isDepthPlain : {true, false}) {
+        pass = std::make_unique<Sao>();
+        Scene scene = sceneOf(corner);
+        depth.reset();
+        if (!isDepthPlain) {
+            MultisampledDepth multisampled = multisampledDepth(scene.depth);
+            scene.depth = multisampled.firstSamples;
+            depth = std::move(multisampled.texture);
+        }
+        setScene(scene);
+        addNormals(scene, Normals::CameraSpace);
+        normal = isDepthPlain ? multisampledCopy(scene.normalImage) : makeTexture(scene.normalImage);
+        scene.normals = Normals::Calculated;
+        pass->setInput(kNormal, textureToVariant(normal.get()));
+        const MessageCapture messages;
+        const ObscuranceComparison result = compareObscurance(rendered(), scene);
+        rendered();
+        EXPECT_EQ(messages.containing(QStringLiteral("Kvo_KvoTexture*_Normal is a texture of GL target")), 1);
+        EXPECT_EQ(result.wrong, 0) << qPrintable(result.where);
+    }
 }
 
 TEST_F(Obscurance, AMultisampledDepthWithPositionsDrawsNothingAndReportsNothing)
