@@ -255,18 +255,21 @@ void readClearDepth(Numbers v)
 {
     glGetDoublev(GL_DEPTH_CLEAR_VALUE, v);
 }
+// All of them where the first is on, by a call without an index where that does: with the first alone off, Mesa's
+// drivers clip everything away until something was drawn without a scissor.
 void readScissorTest(Numbers v)
 {
     v[0] = glIsEnabled(GL_SCISSOR_TEST);
+    if (v[0] != 0 && hasViewportArrays())
+        readSwitches<GL_SCISSOR_TEST, kViewports>(v);
 }
 void writeScissorTest(ConstNumbers v)
 {
-    if (!hasViewportArrays())
+    constexpr auto kAll = double((1u << kViewports) - 1);
+    if (!hasViewportArrays() || v[0] == kAll)
         setCapability(GL_SCISSOR_TEST, v[0] != 0);
-    else if (v[0] != 0)
-        glEnablei(GL_SCISSOR_TEST, 0);
     else
-        glDisablei(GL_SCISSOR_TEST, 0);
+        writeSwitches<GL_SCISSOR_TEST, kViewports>(v);
 }
 void writeScissorBox(ConstNumbers v)
 {
@@ -657,8 +660,12 @@ void setFirstViewport(const float (&rectangle)[4])
 
 void setFirstScissorTest(bool on)
 {
-    const double number = on;
-    writeScissorTest(&number);
+    if (!hasViewportArrays())
+        setCapability(GL_SCISSOR_TEST, on);
+    else if (on)
+        glEnablei(GL_SCISSOR_TEST, 0);
+    else
+        glDisablei(GL_SCISSOR_TEST, 0);
 }
 
 void setFirstScissorBox(const int (&rectangle)[4])

@@ -1,8 +1,10 @@
 #include "renderpasses/camerajitterpass.h"
 
-#include "passkit/limits.h"
+#include <QRect>
 
+#include <algorithm>
 #include <cstdlib>
+#include <limits>
 
 namespace Brevane::Kvo {
 
@@ -18,6 +20,17 @@ constexpr int kRandomFrames = 30;
 double randomOffset()
 {
     return double(float(std::rand() % 32768)) / 32767.0 - 0.5;
+}
+
+// Corners are inclusive, and may be as far apart as two ints are.
+double sideOf(int first, int last)
+{
+    return double(last) - double(first) + 1.0;
+}
+
+int toInt(double side)
+{
+    return int(std::clamp(side, double(std::numeric_limits<int>::min()), double(std::numeric_limits<int>::max())));
 }
 
 // Into the memory that the variant has, unless something shares it.
@@ -81,19 +94,22 @@ CameraJitterPass::~CameraJitterPass() = default;
 
 void CameraJitterPass::start(RenderCallbacks *)
 {
-    const Extent extent = extentOf(*this, kViewport);
+    // Nothing is drawn, so no limit of a driver's counts.
+    const auto viewport = qvariant_cast<QRect>(_inputs[kViewport].value);
+    const double width = sideOf(viewport.left(), viewport.right());
+    const double height = sideOf(viewport.top(), viewport.bottom());
     const auto projection = qvariant_cast<QMatrix4x4>(_inputs[kProjectionMatrix].value);
     const auto camera = qvariant_cast<QMatrix4x4>(_inputs[kCameraMatrix].value);
     const auto dirty = qvariant_cast<bool>(_inputs[kDirty].value);
     const auto mode = qvariant_cast<int>(_inputs[kJitterMode].value);
 
-    const bool changed =
-        dirty || projection != _lastProjection || camera != _lastCamera || extent != Extent{_lastWidth, _lastHeight};
+    const bool changed = dirty || projection != _lastProjection || camera != _lastCamera || toInt(width) != _lastWidth
+                         || toInt(height) != _lastHeight;
     if (changed) {
         _lastProjection = projection;
         _lastCamera = camera;
-        _lastWidth = extent.width;
-        _lastHeight = extent.height;
+        _lastWidth = toInt(width);
+        _lastHeight = toInt(height);
         _framesLeft = kRandomFrames;
     }
     --_framesLeft;
@@ -114,7 +130,7 @@ void CameraJitterPass::start(RenderCallbacks *)
 
     // In front of the projection, so that after the perspective divide every point moves alike.
     QMatrix4x4 shift;
-    shift.translate(float(x * 2.0 / extent.width), float(y * 2.0 / extent.height), 0.0f);
+    shift.translate(float(x * 2.0 / width), float(y * 2.0 / height), 0.0f);
     // Written over the value of two frames ago: consumers still share that of the last one.
     QVariant &jittered = _outputs[kProjectionOut].value;
     jittered.swap(_earlierProjection);

@@ -12,6 +12,7 @@
 #include <gl/drawbuffers.h>
 #include <gl/glinfo.h>
 #include <gl/guards.h>
+#include <gl/opengldevicecontext.h>
 #include <gl/texturemanager.h>
 #include <gl/vertexarrayobject.h>
 #include <host/imageoutput.h>
@@ -1097,6 +1098,28 @@ TEST_P(HostStates, LeaveThePictureAndAreLeftAsTheTableSays)
             EXPECT_TRUE(picture == clean) << "the picture is another one";
         }
     }
+}
+
+// Before anything was drawn without it: drivers send what has changed since the draw before.
+TEST_P(HostStates, LeaveThePictureOfAContextThatHasDrawnNothing)
+{
+    if (!draws() || isSlow() || find(road, StateException::HostCounts, StatePiece::ScissorTest))
+        return;
+    Counts counts;
+    const Picture clean = run(nullptr, &counts);
+    const std::unique_ptr<Shared> ofTheOther = std::exchange(shared, nullptr);
+    for (const HostState &state : hostStates()) {
+        if (state.piece != StatePiece::ScissorTest)
+            continue;
+        GLContext fresh;
+        ASSERT_TRUE(fresh.makeCurrent() && OpenGLDeviceContext::current());
+        shared = std::make_unique<Shared>();
+        EXPECT_TRUE(run(&state, &counts) == clean) << state.name << ": the picture is another one";
+        shared.reset();
+        OpenGLDeviceContext::releaseCurrent();
+    }
+    ASSERT_TRUE(context().makeCurrent());
+    // The fixture's goes by itself.
 }
 
 // Nothing is drawn, and what a pass says of its state holds all the same.

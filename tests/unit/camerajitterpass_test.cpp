@@ -1,4 +1,5 @@
 #include "support/allocations.h"
+#include "support/messages.h"
 #include "support/passes.h"
 
 #include <renderpasses/camerajitterpass.h>
@@ -9,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <limits>
 
 using namespace Brevane::Kvo;
 using namespace Brevane::Kvo::Test;
@@ -205,6 +207,28 @@ TEST_F(Jitter, LeavingModeTwoWritesMinusOneAndComingBackStartsAtTheFirstPosition
         pass.setInput(kMode, 2);
         pass.start(nullptr);
         EXPECT_EQ(index(), 0);
+    }
+}
+
+// Beyond what textures may have, turned round, and as far apart as two ints are.
+TEST_F(Jitter, EverySizeIsTakenAsItIs)
+{
+    constexpr int kMost = std::numeric_limits<int>::max();
+    constexpr int kLeast = std::numeric_limits<int>::min();
+    QRect widest;
+    widest.setCoords(kLeast, kLeast, kMost, kMost);
+    for (const QRect &viewport : {QRect(0, 0, 1, 1), QRect(7, -9, 100000, 50000), QRect(10, 20, -5, -7), widest}) {
+        CameraJitterPass jitter;
+        jitter.setInput(kViewport, viewport);
+        jitter.setInput(kProjection, QMatrix4x4());
+        const MessageCapture messages;
+        jitter.start(nullptr);
+        EXPECT_EQ(messages.texts(), QStringList());
+        const auto shifted = qvariant_cast<QMatrix4x4>(jitter.output(0));
+        const double width = double(viewport.right()) - double(viewport.left()) + 1;
+        const double height = double(viewport.bottom()) - double(viewport.top()) + 1;
+        EXPECT_EQ(shifted(0, 3), float(0.25 * 2.0 / width));
+        EXPECT_EQ(shifted(1, 3), float(-0.25 * 2.0 / height));
     }
 }
 
