@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <climits>
 #include <cmath>
 #include <random>
 #include <vector>
@@ -44,6 +45,16 @@ ModelData halfCovered()
 }
 
 } // namespace
+
+TEST(FragmentListsOfNothing, HaveNone)
+{
+    const FragmentLists lists;
+    for (const QPoint &place : {QPoint(0, 0), QPoint(-1, 0), QPoint(0, -1), QPoint(INT_MAX, INT_MIN)}) {
+        EXPECT_TRUE(lists.at(place.x(), place.y()).isEmpty());
+        EXPECT_EQ(lists.lengthAt(place.x(), place.y()), 0);
+        EXPECT_FALSE(lists.isCutAt(place.x(), place.y()));
+    }
+}
 
 TEST_F(FragmentListsOfAPass, AreWalkedCountedAndSortedAsTheyLie)
 {

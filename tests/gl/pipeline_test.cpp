@@ -613,6 +613,56 @@ TEST_F(PipelineFrames, ShowsAnObserverEachPassRightAfterItsStart)
     EXPECT_EQ(refs, (QVector<int>{1, 0}));
 }
 
+TEST_F(PipelineFrames, LetsAnObserverSetAnotherOneOrNone)
+{
+    addPool("A");
+    addPool("B");
+    QStringList seen;
+    const QByteArray kept(64, 'x'); // more than a function holds without memory of its own
+    pipeline->setPassObserver([&seen, this, kept](const QString &name, RenderPass *) {
+        pipeline->setPassObserver({});
+        seen << name + QString::fromLatin1(kept.first(1));
+    });
+    render();
+    render();
+    EXPECT_EQ(seen, QStringList{s("Ax")});
+}
+
+// What is being called, or will be in this frame, cannot go.
+TEST_F(PipelineFrames, KeepsItsPassesWhileItRuns)
+{
+    addPool("A");
+    addPool("B");
+    render();
+    QStringList seen;
+    QStringList reasons;
+    const MessageCapture messages;
+    pipeline->setPassObserver([&](const QString &name, RenderPass *) {
+        seen << name;
+        QString error;
+        EXPECT_FALSE(pipeline->remove(s("A"), &error));
+        reasons << error;
+        EXPECT_FALSE(pipeline->remove(s("B"), &error));
+        EXPECT_FALSE(pipeline->replace(s("B"), s("GradientRenderPass"), &error));
+        reasons << error;
+        EXPECT_FALSE(pipeline->setup(nullptr, &error));
+        EXPECT_FALSE(pipeline->render(nullptr, &error));
+        reasons << error;
+        pipeline->teardown();
+        pipeline->teardownContextData();
+    });
+    render();
+    EXPECT_EQ(seen, (QStringList{s("A"), s("B")}));
+    EXPECT_EQ(reasons.mid(0, 3), (QStringList{s("pass 'A' cannot be removed while a frame runs"),
+                                              s("pass 'B' cannot be replaced while a frame runs"),
+                                              s("a frame of this pipeline is running")}));
+    EXPECT_EQ(messages.containing(s("nothing is torn down while a frame runs")), 4);
+    pipeline->setPassObserver({});
+    render();
+    EXPECT_TRUE(pipeline->remove(s("A")));
+    pipeline->teardown();
+}
+
 TEST_F(PipelineFrames, PutsEachPassIntoADebugGroupOfItsName)
 {
     KVO_REQUIRE_EXTENSION("GL_KHR_debug");

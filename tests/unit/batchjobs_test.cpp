@@ -130,6 +130,16 @@ TEST(BatchJobs, RangesAndListsMultiplyAndTheLastTurnsFastest)
     EXPECT_EQ(jobs.jobs()[0].options[u"camera"_s][0], u"pitch=10:yaw=0"_s);
 }
 
+// Three numbers are a place for what takes one, and three numbers for what does not.
+TEST(BatchJobs, AListOfThreeNumbersIsAPlaceForPlacesOnly)
+{
+    const BatchJobs jobs =
+        jobsOf(R"({"model": "a.obj", "camera": {"yaw": [0, 120, 240], "target": [1, 2, 3]}, "output": "{n}.png"})");
+    ASSERT_EQ(jobs.jobs().size(), 3);
+    EXPECT_EQ(texts(jobs, u"camera"_s),
+              QStringList({u"target=1,2,3:yaw=0"_s, u"target=1,2,3:yaw=120"_s, u"target=1,2,3:yaw=240"_s}));
+}
+
 TEST(BatchJobs, RangesTakeInBothEndsAndASingleValueIsTheFirst)
 {
     const auto values = [](const char *range) {

@@ -1,3 +1,4 @@
+#include <host/imagecomparison.h>
 #include <host/imageoutput.h>
 
 #include <QDir>
@@ -206,4 +207,28 @@ TEST(WriteExr, BeginsAsTheFormatDemands)
     const QByteArray data = file.readAll();
     EXPECT_EQ(data.left(4), QByteArray("\x76\x2f\x31\x01", 4));
     EXPECT_TRUE(data.contains("channels"));
+}
+
+// Of a host that fills them itself.
+TEST(ImageOutput, PixelsWithTooFewNumbersAreRefused)
+{
+    const QTemporaryDir folder;
+    TexturePixels whole = row(Kind::Color, 3, {0, 0.5f, 1, 1, 0.5f, 0});
+    TexturePixels ofIds = whole;
+    ofIds.kind = Kind::Integer; // whose numbers are others
+    TexturePixels cut = whole;
+    cut.values.removeLast();
+    TexturePixels empty;
+    for (const TexturePixels &pixels : {cut, ofIds, empty}) {
+        EXPECT_TRUE(visibleImage(pixels).isNull());
+        QString error;
+        EXPECT_FALSE(writeExr(pixels, folder.filePath(QStringLiteral("a.exr")), &error));
+        EXPECT_TRUE(error.contains(QStringLiteral("numbers, and there are"))
+                    || error.contains(QStringLiteral("there are no pixels")))
+            << qPrintable(error);
+        ImageComparison comparison;
+        EXPECT_FALSE(comparePixels(pixels, pixels, &comparison, &error));
+        EXPECT_FALSE(comparePixels(whole, pixels, &comparison, &error));
+    }
+    EXPECT_FALSE(visibleImage(whole).isNull());
 }

@@ -226,6 +226,19 @@ TEST_F(Saving, FromNothingGivesAFileThatLoadsTheSame)
     EXPECT_EQ(written(), first);
 }
 
+TEST_F(Saving, WhyAPictureIsInOnePieceIsWritten)
+{
+    ASSERT_TRUE(pipeline.add(u"A"_s, u"GradientRenderPass"_s));
+    for (const QString &reason : {u"its \"paper\" is whole"_s, u"another"_s, QString()}) {
+        pipeline.setInOnePiece(reason);
+        save(pipeline);
+        Pipeline again;
+        load(&again);
+        EXPECT_EQ(again.inOnePiece(), reason);
+        EXPECT_EQ(written().contains("inOnePiece"), !reason.isEmpty());
+    }
+}
+
 TEST_F(Saving, UnderAnotherNameTakesTheTextThatIsGiven)
 {
     write(kText);

@@ -25,6 +25,7 @@ constexpr qint64 kLargestText = 64 << 20; // of a file that may name others
 const QString kModel = u"model"_s;
 const QString kOutput = u"output"_s;
 const QString kCamera = u"camera"_s;
+const QStringList kPlaces{u"eye"_s, u"target"_s, u"up"_s}; // of a camera, three numbers each
 
 bool fails(QString *error, const QString &reason)
 {
@@ -437,7 +438,8 @@ bool BatchJobs::expand(const QJsonObject &line, Expansion *expansion, QString *e
         const QJsonObject parts = value.toObject();
         for (auto part = parts.begin(); part != parts.end(); ++part) {
             Axis axis{key, part.key(), {}};
-            const bool listIsChoice = key == kCamera && !placeText(*part);
+            const bool isPlace = kPlaces.contains(part.key()) && placeText(*part);
+            const bool listIsChoice = key == kCamera && !isPlace;
             if (!alternativesOf(*part, part.key() + u'=', listIsChoice, &axis.alternatives)
                 || !expansion->add(axis, error))
                 return false;

@@ -2,6 +2,7 @@
 
 #include "failure.h"
 #include "host/imageoutput.h"
+#include "wholepixels.h"
 
 #include <algorithm>
 #include <cmath>
@@ -33,6 +34,8 @@ bool comparePixels(const TexturePixels &p, const TexturePixels &q, ImageComparis
             QStringLiteral("one is %1x%2, the other %3x%4").arg(p.width).arg(p.height).arg(q.width).arg(q.height));
     if (p.kind == TexturePixels::Kind::Integer || q.kind == TexturePixels::Kind::Integer || p.channels != q.channels)
         return fail(error, QStringLiteral("only pictures with the same channels can be compared"));
+    if (!areWhole(p, error) || !areWhole(q, error))
+        return false;
 
     *comparison = ImageComparison();
     comparison->picture = QImage(p.width, p.height, QImage::Format_RGB32);

@@ -4,6 +4,7 @@
 #include "failure.h"
 #include "host/partfile.h"
 #include "shadows/shadowmaprenderdata.h"
+#include "wholepixels.h"
 
 #include <QBuffer>
 #include <QDir>
@@ -213,6 +214,8 @@ private:
 // OpenEXR throws; nothing of it leaves this function.
 bool encodeExr(const TexturePixels &pixels, QByteArray *data, QString *error)
 {
+    if (!areWhole(pixels, error))
+        return false;
     try {
         const bool integers = pixels.kind == TexturePixels::Kind::Integer;
         const Imf::PixelType type = integers ? Imf::UINT : Imf::FLOAT;
@@ -268,7 +271,7 @@ QString suffixOf(const QString &path)
 
 QImage visibleImage(const TexturePixels &pixels)
 {
-    if (pixels.width < 1 || pixels.height < 1)
+    if (!areWhole(pixels))
         return QImage();
     QImage image;
     switch (pixels.kind) {

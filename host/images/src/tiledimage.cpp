@@ -3,6 +3,9 @@
 #include "exrchannels.h"
 #include "failure.h"
 #include "host/partfile.h"
+#include "wholepixels.h"
+
+#include <QSet>
 
 #include <OpenEXR/ImfChannelList.h>
 #include <OpenEXR/ImfFrameBuffer.h>
@@ -32,6 +35,11 @@ constexpr char kSignature[] = "\x89PNG\r\n\x1a\n";
 bool failedToWrite(QString *error, const QString &path, const QString &reason)
 {
     return fail(error, QStringLiteral("cannot write '%1': %2").arg(path, reason));
+}
+
+QString notOpen()
+{
+    return QStringLiteral("no file is open for tiles");
 }
 
 void putNumber(char *bytes, quint32 number)
@@ -123,6 +131,7 @@ public:
                 return false;
         }
         done += band.height();
+        filled = 0;
         band = QImage();
         return true;
     }
@@ -135,6 +144,7 @@ public:
     std::vector<char> compressed;
     z_stream stream = {};
     QImage band;
+    int filled = 0; ///< Columns of the band that have come.
     int done = 0; ///< Rows that are written.
 };
 
@@ -144,38 +154,50 @@ PngTileWriter::~PngTileWriter() = default;
 
 bool PngTileWriter::open(const QString &path, const QSize &size, bool hasAlpha, QString *error)
 {
-    d = std::make_unique<Private>(path, size, hasAlpha);
+    d.reset();
+    if (size.isEmpty())
+        return failedToWrite(error, path, QStringLiteral("the picture has no pixels"));
+    auto opened = std::make_unique<Private>(path, size, hasAlpha);
     QString reason;
-    if (!d->file.open(&reason) || !d->file.write(kSignature, 8, &reason))
+    if (!opened->file.open(&reason) || !opened->file.write(kSignature, 8, &reason))
         return failedToWrite(error, path, reason);
-    if (deflateInit(&d->stream, kCompression) != Z_OK)
+    if (deflateInit(&opened->stream, kCompression) != Z_OK)
         return failedToWrite(error, path, QStringLiteral("out of memory"));
     char head[13] = {};
     putNumber(head, quint32(size.width()));
     putNumber(head + 4, quint32(size.height()));
     head[8] = 8; // bits
     head[9] = hasAlpha ? 6 : 2; // colours with or without alpha
-    return d->chunk("IHDR", head, sizeof head, error);
+    if (!opened->chunk("IHDR", head, sizeof head, error))
+        return false;
+    d = std::move(opened);
+    return true;
 }
 
 bool PngTileWriter::write(const QPoint &place, const QImage &tile, QString *error)
 {
-    if (d->band.isNull()) {
-        d->band = QImage(d->size.width(), tile.height(), QImage::Format_RGBA8888);
-        if (d->band.isNull())
-            return failedToWrite(error, d->path, QStringLiteral("out of memory for a row of tiles"));
-    }
-    const QImage pixels = tile.convertToFormat(QImage::Format_RGBA8888);
-    if (place.y() != d->done || tile.height() != d->band.height() || place.x() + tile.width() > d->size.width())
+    if (!d)
+        return fail(error, notOpen());
+    const bool isFirst = d->filled == 0;
+    if (place != QPoint(d->filled, d->done) || tile.isNull() || tile.width() > d->size.width() - d->filled
+        || tile.height() > d->size.height() - d->done || (!isFirst && tile.height() != d->band.height()))
         return failedToWrite(error, d->path, QStringLiteral("the tiles do not come in rows"));
+    const QImage pixels = tile.convertToFormat(QImage::Format_RGBA8888);
+    if (isFirst)
+        d->band = QImage(d->size.width(), tile.height(), QImage::Format_RGBA8888);
+    if (pixels.isNull() || d->band.isNull())
+        return failedToWrite(error, d->path, QStringLiteral("out of memory for a row of tiles"));
     for (int y = 0; y < pixels.height(); ++y)
         std::memcpy(d->band.scanLine(y) + qsizetype(place.x()) * 4, pixels.constScanLine(y),
                     size_t(pixels.width()) * 4);
-    return place.x() + tile.width() < d->size.width() || d->writeBand(error);
+    d->filled += tile.width();
+    return d->filled < d->size.width() || d->writeBand(error);
 }
 
 bool PngTileWriter::commit(QString *error)
 {
+    if (!d)
+        return fail(error, notOpen());
     if (d->done != d->size.height())
         return failedToWrite(error, d->path, QStringLiteral("rows are missing"));
     QString reason;
@@ -212,14 +234,28 @@ private:
 class ExrTileWriter::Private
 {
 public:
-    Private(const QString &filePath, int tileSide)
-        : path(filePath), file(filePath), stream(filePath, &file), side(tileSide)
+    Private(const QString &filePath, const QSize &pictureSize, int tileSide)
+        : path(filePath), file(filePath), stream(filePath, &file), size(pictureSize), side(tileSide)
     {}
+
+    // Of the picture that tile lies there, upper left.
+    QRect tileAt(const QPoint &place) const { return QRect(place, QSize(side, side)) & QRect(QPoint(), size); }
+    bool isPlace(const QPoint &place) const
+    {
+        return QRect(QPoint(), size).contains(place) && place.x() % side == 0 && place.y() % side == 0;
+    }
+    qint64 tiles() const
+    {
+        const auto along = [this](int length) { return (qint64(length) + side - 1) / side; };
+        return along(size.width()) * along(size.height());
+    }
 
     QString path;
     PartFile file;
     ExrFile stream;
+    QSize size;
     int side;
+    QSet<QPoint> written;
     QList<QByteArray> channels;
     Imf::PixelType type = Imf::FLOAT;
     std::unique_ptr<Imf::TiledOutputFile> image;
@@ -239,20 +275,24 @@ ExrTileWriter::~ExrTileWriter()
 
 bool ExrTileWriter::open(const QString &path, const QSize &size, int tile, const TexturePixels &like, QString *error)
 {
-    d = std::make_unique<Private>(path, tile);
+    d.reset();
+    if (size.isEmpty() || tile < 1)
+        return failedToWrite(error, path, QStringLiteral("the picture or its tiles have no pixels"));
+    auto opened = std::make_unique<Private>(path, size, tile);
     QString reason;
-    if (!d->file.open(&reason))
+    if (!opened->file.open(&reason))
         return failedToWrite(error, path, reason);
-    d->channels = exrChannels(like);
-    d->type = like.kind == TexturePixels::Kind::Integer ? Imf::UINT : Imf::FLOAT;
+    opened->channels = exrChannels(like);
+    opened->type = like.kind == TexturePixels::Kind::Integer ? Imf::UINT : Imf::FLOAT;
     try {
         Imf::Header header(size.width(), size.height());
         header.compression() = Imf::ZIP_COMPRESSION;
         header.lineOrder() = Imf::RANDOM_Y;
         header.setTileDescription(Imf::TileDescription(unsigned(tile), unsigned(tile), Imf::ONE_LEVEL));
-        for (const QByteArray &name : std::as_const(d->channels))
-            header.channels().insert(name.constData(), Imf::Channel(d->type));
-        d->image = std::make_unique<Imf::TiledOutputFile>(d->stream, header, 0);
+        for (const QByteArray &name : std::as_const(opened->channels))
+            header.channels().insert(name.constData(), Imf::Channel(opened->type));
+        opened->image = std::make_unique<Imf::TiledOutputFile>(opened->stream, header, 0);
+        d = std::move(opened);
         return true;
     } catch (const std::exception &exception) {
         return failedToWrite(error, path, QString::fromLocal8Bit(exception.what()));
@@ -261,7 +301,17 @@ bool ExrTileWriter::open(const QString &path, const QSize &size, int tile, const
 
 bool ExrTileWriter::write(const QPoint &place, const TexturePixels &pixels, const QRect &part, QString *error)
 {
+    if (!d)
+        return fail(error, notOpen());
     const bool integers = pixels.kind == TexturePixels::Kind::Integer;
+    QString reason;
+    if (!areWhole(pixels, &reason))
+        return failedToWrite(error, d->path, reason);
+    if (exrChannels(pixels) != d->channels || integers != (d->type == Imf::UINT))
+        return failedToWrite(error, d->path, QStringLiteral("a tile has other channels than the file"));
+    if (!d->isPlace(place) || part.size() != d->tileAt(place).size()
+        || !QRect(0, 0, pixels.width, pixels.height).contains(part))
+        return failedToWrite(error, d->path, QStringLiteral("a tile is not one of the file's"));
     const char *base = integers ? reinterpret_cast<const char *>(pixels.integers.constData())
                                 : reinterpret_cast<const char *>(pixels.values.constData());
     const qint64 texel = qint64(pixels.channels) * 4;
@@ -276,6 +326,7 @@ bool ExrTileWriter::write(const QPoint &place, const TexturePixels &pixels, cons
         }
         d->image->setFrameBuffer(frame);
         d->image->writeTile(place.x() / d->side, place.y() / d->side);
+        d->written.insert(place);
         return true;
     } catch (const std::exception &exception) {
         return failedToWrite(error, d->path, QString::fromLocal8Bit(exception.what()));
@@ -284,6 +335,10 @@ bool ExrTileWriter::write(const QPoint &place, const TexturePixels &pixels, cons
 
 bool ExrTileWriter::commit(QString *error)
 {
+    if (!d)
+        return fail(error, notOpen());
+    if (d->written.size() != d->tiles())
+        return failedToWrite(error, d->path, QStringLiteral("tiles are missing"));
     QString reason;
     try {
         d->image.reset(); // writes the table of tiles

@@ -192,6 +192,8 @@ bool Pipeline::replace(const QString &name, std::unique_ptr<RenderPass> pass, QS
         return false;
     if (!pass)
         return fail(error, QStringLiteral("there is no pass to put in the place of '%1'").arg(name));
+    if (d->frame.isRunning)
+        return fail(error, QStringLiteral("pass '%1' cannot be replaced while a frame runs").arg(name));
     std::unique_ptr<RenderPass> before = d->graph.replace(node, std::move(pass), error);
     if (!before)
         return false;
@@ -240,6 +242,8 @@ bool Pipeline::remove(const QString &name, QString *error)
     Node *node = d->graph.find(name, error);
     if (!node)
         return false;
+    if (d->frame.isRunning)
+        return fail(error, QStringLiteral("pass '%1' cannot be removed while a frame runs").arg(name));
     const std::unique_ptr<Node> taken = d->graph.take(node);
     d->frame.destroyPass(node, std::move(taken->pass));
     return true;
@@ -581,9 +585,22 @@ QStringList Pipeline::hostValuesFor(const QString &slot)
     return names;
 }
 
+namespace {
+
+bool mayTearDown(const PipelineFrame &frame)
+{
+    if (frame.isRunning)
+        qWarning("Pipeline: nothing is torn down while a frame runs");
+    return !frame.isRunning;
+}
+
+} // namespace
+
 bool Pipeline::setup(RenderCallbacks *callbacks, QString *error)
 {
     const SaidReason said(&error);
+    if (d->frame.isRunning)
+        return fail(error, QStringLiteral("a frame of this pipeline is running"));
     if (!contextIsCurrent())
         return fail(error, QStringLiteral("no OpenGL context of version 3.2 or later is current"));
     d->frame.setup(callbacks);
@@ -593,8 +610,10 @@ bool Pipeline::setup(RenderCallbacks *callbacks, QString *error)
 bool Pipeline::render(RenderCallbacks *callbacks, QString *error)
 {
     QString saidBefore; // in the first of many frames
-    d->lacksContext = !setup(callbacks, error || !d->lacksContext ? error : &saidBefore);
-    if (d->lacksContext)
+    const bool isNested = d->frame.isRunning;
+    const bool isReady = setup(callbacks, error || !d->lacksContext ? error : &saidBefore);
+    d->lacksContext = !isReady && !isNested;
+    if (!isReady)
         return false;
     d->frame.run(callbacks);
     return true;
@@ -602,12 +621,14 @@ bool Pipeline::render(RenderCallbacks *callbacks, QString *error)
 
 void Pipeline::teardown(RenderCallbacks *callbacks)
 {
-    d->frame.teardown(callbacks);
+    if (mayTearDown(d->frame))
+        d->frame.teardown(callbacks);
 }
 
 void Pipeline::teardownContextData(RenderCallbacks *callbacks)
 {
-    d->frame.teardownContextData(callbacks);
+    if (mayTearDown(d->frame))
+        d->frame.teardownContextData(callbacks);
 }
 
 int Pipeline::frameNumber() const

@@ -17,6 +17,7 @@
 
 #include <QMatrix4x4>
 #include <QRect>
+#include <QScopedValueRollback>
 
 #include <algorithm>
 #include <array>
@@ -94,6 +95,7 @@ void PipelineFrame::setup(RenderCallbacks *callbacks)
 void PipelineFrame::run(RenderCallbacks *callbacks)
 {
     setup(callbacks);
+    const QScopedValueRollback running(isRunning, true);
     if (!_givenUp.isEmpty())
         freeGivenUp();
     const DefaultState state;
@@ -140,12 +142,14 @@ void PipelineFrame::runStep(Step &step, RenderCallbacks *callbacks)
     if (timing)
         node.timer.end();
     checkReferences(step);
-    if (observer) {
+    const bool isObserved = bool(observer);
+    if (isObserved) {
         const HostCode hostCode;
-        observer(node.name, node.pass.get());
+        const Observer called = observer; // which may set another one
+        called(node.name, node.pass.get());
     }
     // The next one, and the host, find nothing of this one.
-    if (step.row && !observer)
+    if (step.row && !isObserved)
         DefaultState::resetAfter(*step.row);
     else
         DefaultState::resetAll();

@@ -51,6 +51,7 @@ public:
     PictureWindow window; ///< What is drawn of a larger picture.
     int history = 120;
     int number = 0; ///< Of the next frame.
+    bool isRunning = false; ///< Whether passes and the observer are being called, which may not take passes away.
     QStringList faults; ///< Of the last one.
 
 private:

@@ -60,6 +60,8 @@ private:
             return append(root, u"\"passes\": []"_s);
         if (!passes->isArray())
             return complain(u"\"passes\" of what is there already is no list"_s);
+        if (changeInOnePiece(root))
+            return true;
         QStringList seen;
         for (size_t i = 0; i < passes->elements.size(); ++i) {
             const Json *name = passes->elements[i].member(u"name"_s);
@@ -75,6 +77,19 @@ private:
             if (!seen.contains(name))
                 return addPass(*passes, name);
         return false;
+    }
+
+    bool changeInOnePiece(const Json &root)
+    {
+        const Json *given = root.member(u"inOnePiece"_s);
+        const QString wanted = _pipeline.inOnePiece();
+        if ((given ? given->string : QString()) == wanted)
+            return false;
+        if (wanted.isEmpty())
+            return removeMember(root, u"inOnePiece"_s);
+        QString text;
+        slotValueToJson(wanted, &text);
+        return given ? replace(*given, text) : append(root, u"\"inOnePiece\": "_s + text);
     }
 
     bool changePass(const Json &pass, const QString &name)

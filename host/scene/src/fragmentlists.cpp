@@ -92,6 +92,11 @@ bool FragmentLists::read(Texture *headPointers, Texture *nodeBuffer, int nodeBuf
     return true;
 }
 
+bool FragmentLists::isInside(int x, int y) const
+{
+    return x >= 0 && y >= 0 && x < _size.width() && y < _size.height();
+}
+
 QVector<ListedFragment> FragmentLists::at(int x, int y) const
 {
     End end = End::Proper;
@@ -103,6 +108,8 @@ QVector<ListedFragment> FragmentLists::at(int x, int y) const
 QVector<ListedFragment> FragmentLists::walk(int x, int y, End *end) const
 {
     QVector<ListedFragment> list;
+    if (!isInside(x, y))
+        return list;
     quint32 pointer = _heads[qsizetype(y) * _size.width() + x];
     const qsizetype stored = _nodes.size() / 4;
     *end = End::Proper;
@@ -122,12 +129,12 @@ QVector<ListedFragment> FragmentLists::walk(int x, int y, End *end) const
 
 bool FragmentLists::isCutAt(int x, int y) const
 {
-    return _cuts[qsizetype(y) * _size.width() + x];
+    return isInside(x, y) && _cuts[qsizetype(y) * _size.width() + x];
 }
 
 int FragmentLists::lengthAt(int x, int y) const
 {
-    return _lengths[qsizetype(y) * _size.width() + x];
+    return isInside(x, y) ? _lengths[qsizetype(y) * _size.width() + x] : 0;
 }
 
 QStringList FragmentLists::summary() const

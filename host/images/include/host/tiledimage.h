@@ -23,7 +23,7 @@ public:
     PngTileWriter(const PngTileWriter &) = delete;
     PngTileWriter &operator=(const PngTileWriter &) = delete;
 
-    // Each gives false with the file and the reason.
+    // Each gives false with the file and the reason: for tiles in another order too, and without a file that is open.
 
     /// With or without an alpha channel.
     bool open(const QString &path, const QSize &size, bool hasAlpha, QString *error);
@@ -45,6 +45,9 @@ public:
     ~ExrTileWriter();
     ExrTileWriter(const ExrTileWriter &) = delete;
     ExrTileWriter &operator=(const ExrTileWriter &) = delete;
+
+    // Each gives false with the file and the reason: for a tile that is none of the file's too, and without a file that
+    // is open.
 
     /// \a tile is the side of each; those at the right and at the bottom may be smaller. \a like has the channels and
     /// the kind of numbers.

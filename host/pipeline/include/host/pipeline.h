@@ -234,7 +234,8 @@ public:
     /// Frames since construction.
     int frameNumber() const;
     /// Is called after each start with the pass, its GL state and outputs as start left them: the moment
-    /// to look at a texture that the pool may reuse later in the frame.
+    /// to look at a texture that the pool may reuse later in the frame. It may set another one, or none. While a frame
+    /// runs no pass is removed, replaced or torn down, and no other frame of the pipeline begins: these are refused.
     void setPassObserver(std::function<void(const QString &name, RenderPass *pass)> observer);
 
     // Checks

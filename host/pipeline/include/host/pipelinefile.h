@@ -72,7 +72,8 @@ KVO_PIPELINE_EXPORT bool loadPipelineText(const QByteArray &text, const QString 
 /// Writes a pipeline to a file, so that loadPipeline gives the same one. What stands in the file at \a path already, or
 /// in \a original, the text that the pipeline was loaded from, keeps its place, its comments and its way of writing:
 /// only what differs is changed, inputs and passes that are new come behind the others, and those that are gone are
-/// taken out. Calls and lights stay as they are there.
+/// taken out; a pass that was renamed counts as a new one (see withPassRenamed). Calls and lights stay as they are there,
+/// and a new file has none: lights are the host's, see Pipeline::setHostValue.
 ///
 /// False, with a line for each reason and the file as it was, when something has no text: a pass that was added as
 /// an object, one of a class with calls that the file does not have yet, a value that is a pointer.

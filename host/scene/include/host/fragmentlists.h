@@ -33,7 +33,8 @@ public:
 
     /// Of the picture, in pixels.
     QSize size() const { return _size; }
-    /// The list of a pixel from its head on; (0, 0) is the lower left pixel, as in GL.
+    /// The list of a pixel from its head on; (0, 0) is the lower left pixel, as in GL. Beyond the picture, and before
+    /// anything was read, no pixel has a list.
     QVector<ListedFragment> at(int x, int y) const;
     /// Fragments in the list of a pixel.
     int lengthAt(int x, int y) const;
@@ -66,6 +67,7 @@ public:
 
 private:
     enum class End { Proper, Lost };
+    bool isInside(int x, int y) const;
     QVector<ListedFragment> walk(int x, int y, End *end) const;
 
     QSize _size;
