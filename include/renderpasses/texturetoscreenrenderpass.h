@@ -30,7 +30,7 @@ class Texture;
 /// | 4 | Kvo_KvoTexture*_TextureOut         | texture            |        | target, wins over input 7 |
 /// | 5 | Kvo_Bool_LinearFilter              | bool               |        | lets a blit that scales filter linearly |
 /// | 6 | Kvo_QVariant_Rects                 | QRect              | pixels | source rectangles |
-/// | 7 | Kvo_KvoFramebuffer*_FramebufferOut | FramebufferObject* |        | target |
+/// | 7 | Kvo_KvoFramebuffer*_FramebufferOut | FramebufferObject* |        | target; one without a name: the default framebuffer |
 ///
 /// No outputs. Surplus rectangles of the longer list are left out. A blit is linear when the flag is on
 /// and the destination's width or its height differs from the source's width, so a source that is not

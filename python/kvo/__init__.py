@@ -683,7 +683,7 @@ class Pipeline:
         """Draws frames and gives the last one's picture, an Image ``(h, w, 4)``.
 
         With ``outputs``, names as "Model.Depth", a dict of arrays by these names, as they were right behind the
-        pass: float32 ``(h, w)`` or ``(h, w, c)``, uint32 for ids, layers in front of that; other values as numbers
+        pass: float32 ``(h, w)`` or ``(h, w, c)``, uint32 for textures of integers, layers in front of that; other values as numbers
         and tuples. "image" among them is the picture.
 
         ``size`` is (width, height) in pixels. ``out`` takes the picture: a contiguous array ``(h, w, 4)`` of uint8.

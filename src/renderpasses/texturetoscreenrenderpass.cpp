@@ -194,7 +194,9 @@ constexpr SlotInfo kInputInfo[] = {
     {.name = "Kvo_KvoTexture*_TextureOut", .meaning = "target, wins over input 7", .kind = SlotKind::Texture},
     {.name = "Kvo_Bool_LinearFilter", .meaning = "lets a blit that scales filter linearly", .kind = SlotKind::Switch},
     {.name = "Kvo_QVariant_Rects", .meaning = "source rectangles", .kind = SlotKind::Area, .unit = "pixels"},
-    {.name = "Kvo_KvoFramebuffer*_FramebufferOut", .meaning = "target", .kind = SlotKind::Framebuffer},
+    {.name = "Kvo_KvoFramebuffer*_FramebufferOut",
+     .meaning = "target; one without a name: the default framebuffer",
+     .kind = SlotKind::Framebuffer},
 };
 
 constexpr PassInfo kInfo = {"TextureToScreenRenderPass",

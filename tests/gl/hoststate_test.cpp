@@ -1100,6 +1100,31 @@ TEST_P(HostStates, LeaveThePictureAndAreLeftAsTheTableSays)
     }
 }
 
+// Not the first one's alone: a host may clip some viewports and others not.
+TEST_F(GLTest, TheScissorTestsOfAllViewportsAreLeft)
+{
+    KVO_REQUIRE_EXTENSION("GL_ARB_viewport_array");
+    const auto tests = [] {
+        std::vector<int> all;
+        for (GLuint i = 0; i < 16; ++i)
+            all.push_back(glIsEnabledi(GL_SCISSOR_TEST, i));
+        return all;
+    };
+    const auto texture = makeSolidTexture(4, 4, {1, 1, 1, 1});
+    FastApproximateAntiAliasingRenderPass pass;
+    pass.setInput(0, QRect(0, 0, 4, 4));
+    pass.setInput(pass.findInput(QStringLiteral("Kvo_KvoTexture*_Frame")), textureToVariant(texture.get()));
+    for (const unsigned bits : {0xffffu, 0x0001u, 0xfffdu, 0xfffeu, 0x0000u}) {
+        cleanContext();
+        for (GLuint i = 0; i < 16; ++i)
+            (bits >> i & 1u ? glEnablei : glDisablei)(GL_SCISSOR_TEST, i);
+        const std::vector<int> before = tests();
+        pass.start(nullptr);
+        EXPECT_EQ(tests(), before) << bits;
+    }
+    cleanContext();
+}
+
 // Before anything was drawn without it: drivers send what has changed since the draw before.
 TEST_P(HostStates, LeaveThePictureOfAContextThatHasDrawnNothing)
 {

@@ -104,6 +104,18 @@ TEST_F(TextureOutput, ReadsDepthOfADepthStencilTexture)
     EXPECT_NEAR(pixels.values.value(0), 0.5f, 1e-6f);
 }
 
+// As drivers read them in ways of their own.
+TEST_F(TextureOutput, RefusesStencilsWithoutAnErrorOfGL)
+{
+    KVO_REQUIRE_EXTENSION("GL_ARB_texture_stencil8");
+    TexturePixels pixels;
+    QString error;
+    Texture *stencil = make<quint8>(GL_STENCIL_INDEX8, GL_STENCIL_INDEX, GL_UNSIGNED_BYTE, {0, 1, 2, 127, 254, 255});
+    EXPECT_FALSE(readTexture(stencil, &pixels, &error));
+    EXPECT_TRUE(error.contains(QStringLiteral("stencils alone"))) << qPrintable(error);
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+}
+
 TEST_F(TextureOutput, StacksTheLayersOfAnArray)
 {
     texture = std::make_unique<Texture>();

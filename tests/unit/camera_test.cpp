@@ -209,3 +209,16 @@ TEST(CameraText, NamesWhatIsWrong)
     EXPECT_EQ(parseError("eye=0,5,0:target=0,0,0"), s("camera: 'up' points along the view"));
     EXPECT_EQ(parseError("up=0,0,0"), s("camera: 'up' has no direction"));
 }
+
+TEST(Camera, OfASettingThatIsGivenTwiceTheLastCountsAndAnEyeGoesBeforeADirection)
+{
+    const auto eyeOf = [](const char *text) {
+        Camera camera;
+        QString error;
+        EXPECT_TRUE(Camera::parse(s(text), kBox, 1.0f, &camera, &error)) << qPrintable(error);
+        return camera.eye;
+    };
+    EXPECT_EQ(eyeOf("yaw=1:yaw=70"), eyeOf("yaw=70"));
+    EXPECT_NE(eyeOf("yaw=1:yaw=70"), eyeOf("yaw=1"));
+    EXPECT_EQ(eyeOf("eye=9,8,7:yaw=70:distance=3"), QVector3D(9, 8, 7));
+}

@@ -140,7 +140,12 @@ TEST_F(Jitter, EachKindOfChangeStartsTheThirtyFramesAgain)
     rest();
     pass.setInput(kViewport, QRect(0, 0, 200, 101));
     pass.start(nullptr);
-    EXPECT_FALSE(isAtRest()) << "size";
+    EXPECT_FALSE(isAtRest()) << "height";
+    rest();
+    pass.setInput(kViewport, QRect(0, 0, 201, 101));
+    pass.start(nullptr);
+    EXPECT_FALSE(isAtRest()) << "width";
+    pass.setInput(kViewport, QRect(0, 0, 200, 101));
     rest();
     projection.rotate(1.0f, 0, 0, 1);
     pass.setInput(kProjection, projection);

@@ -88,6 +88,8 @@ TEST_F(TileWriters, OfPngTakeRowsAndNothingElse)
     expectRefused(writer.commit(&error), "rows are missing");
     take({4, 4}, {4, 2});
     ASSERT_TRUE(writer.commit(&error)) << qPrintable(error);
+    expectRefused(writer.write({0, 0}, tile({}, {4, 4}), &error), "no file is open");
+    expectRefused(writer.commit(&error), "no file is open");
     const QImage picture(path("a.png"));
     ASSERT_EQ(picture.size(), kSize);
     for (int y = 0; y < kSize.height(); ++y)
@@ -124,6 +126,8 @@ TEST_F(TileWriters, OfExrTakeEachTileOfTheFile)
     expectRefused(writer.commit(&error), "tiles are missing");
     EXPECT_TRUE(write({4, 0}, valuesAt({4, 0}, {4, 4})));
     ASSERT_TRUE(writer.commit(&error)) << qPrintable(error);
+    expectRefused(write({}, like), "no file is open");
+    expectRefused(writer.commit(&error), "no file is open");
     const QVector<float> values = exrChannel(path("a.exr"), "Y");
     ASSERT_EQ(values.size(), kSize.width() * kSize.height());
     for (int i = 0; i < values.size(); ++i)

@@ -31,7 +31,6 @@ Format formatOf(GLenum format)
     case GL_RED: return {GL_RED, GL_FLOAT, 1};
     case GL_RG: return {GL_RG, GL_FLOAT, 2};
     case GL_RGB: return {GL_RGB, GL_FLOAT, 3};
-    case GL_STENCIL_INDEX: return {GL_STENCIL_INDEX, GL_UNSIGNED_INT, 1};
     case GL_RED_INTEGER: return {GL_RED_INTEGER, GL_UNSIGNED_INT, 1};
     case GL_RG_INTEGER: return {GL_RG_INTEGER, GL_UNSIGNED_INT, 2};
     case GL_RGB_INTEGER: return {GL_RGB_INTEGER, GL_UNSIGNED_INT, 3};
@@ -76,7 +75,10 @@ bool readTexture(Texture *texture, TexturePixels *pixels, QString *error, int mi
     if (width < 1 || height < 1 || depth < 1)
         return fail(error, QStringLiteral("the texture is empty (%1x%2)").arg(width).arg(height));
 
-    const Format format = formatOf(formatFromInternalFormat(GLenum(internalFormat)));
+    const GLenum read = formatFromInternalFormat(GLenum(internalFormat));
+    if (read == GL_STENCIL_INDEX)
+        return fail(error, QStringLiteral("a texture of stencils alone has no picture"));
+    const Format format = formatOf(read);
     const qint64 count = qint64(width) * height * depth * format.channels;
     if (count > std::numeric_limits<int>::max() / qint64(sizeof(float)))
         return fail(

@@ -200,10 +200,11 @@ bool PngTileWriter::commit(QString *error)
         return fail(error, notOpen());
     if (d->done != d->size.height())
         return failedToWrite(error, d->path, QStringLiteral("rows are missing"));
+    const std::unique_ptr<Private> last = std::move(d); // whatever comes of it, nothing can follow
     QString reason;
-    if (!d->compress(nullptr, 0, Z_FINISH, error) || !d->chunk("IEND", nullptr, 0, error))
+    if (!last->compress(nullptr, 0, Z_FINISH, error) || !last->chunk("IEND", nullptr, 0, error))
         return false;
-    return d->file.commit(&reason) || failedToWrite(error, d->path, reason);
+    return last->file.commit(&reason) || failedToWrite(error, last->path, reason);
 }
 
 namespace {
@@ -339,15 +340,16 @@ bool ExrTileWriter::commit(QString *error)
         return fail(error, notOpen());
     if (d->written.size() != d->tiles())
         return failedToWrite(error, d->path, QStringLiteral("tiles are missing"));
+    const std::unique_ptr<Private> last = std::move(d);
     QString reason;
     try {
-        d->image.reset(); // writes the table of tiles
-        if (d->file.commit(&reason))
+        last->image.reset(); // writes the table of tiles
+        if (last->file.commit(&reason))
             return true;
     } catch (const std::exception &exception) {
         reason = QString::fromLocal8Bit(exception.what());
     }
-    return failedToWrite(error, d->path, reason);
+    return failedToWrite(error, last->path, reason);
 }
 
 } // namespace Brevane::Kvo

@@ -27,9 +27,9 @@ public:
     bool open(QString *error = nullptr);
     /// Appends. False with the reason.
     bool write(const char *data, qint64 size, QString *error = nullptr);
-    /// Back to a place that was written before, or to the end.
+    /// Goes to a place, from which on the next bytes are written.
     bool seek(qint64 position, QString *error = nullptr);
-    /// Bytes written so far.
+    /// Where the next bytes are written.
     qint64 position() const { return _position; }
     /// Renames it.
     bool commit(QString *error = nullptr);

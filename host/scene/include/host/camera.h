@@ -43,7 +43,8 @@ public:
     /// - distance, or zoom (a factor on the distance that fits); target=x,y,z instead of the centre;
     /// - eye=x,y,z: a place to look from, instead of direction and distance; up=x,y,z;
     /// - fov: vertical opening angle; near, far: clip planes.
-    /// "fit" or an empty text is all defaults. False, with the reason, for anything else.
+    /// "fit" or an empty text is all defaults. Of a setting that is given twice the last counts; eye goes before direction
+    /// and distance. False, with the reason, for anything else.
     static bool parse(const QString &text, const GPUModel::BoundingBox &bounds, float aspect, Camera *camera,
                       QString *error);
 };

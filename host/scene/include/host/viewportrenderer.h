@@ -77,7 +77,7 @@ public:
     /// One that the host built; null: none.
     void setPipeline(std::unique_ptr<Pipeline> pipeline);
     /// To look at, and to change; call invalidate after a change. Null while there is none; that of a file comes
-    /// with the first frame.
+    /// with the first context that is current, in a frame at the latest.
     Pipeline *pipeline() const;
 
     /// See Pipeline::setTimingEnabled; for every pipeline to come as well.
@@ -112,7 +112,7 @@ public:
     /// Something that the renderer does not know of has changed.
     void invalidate();
     /// How many frames a picture takes to settle after a change; negative, the default: as many as the passes of the
-    /// pipeline ask for (30 with a random jitter, 4 with the two positions of SMAA T2x, 2 with shadow maps, else 1).
+    /// pipeline ask for (30 with a random jitter, 4 with the two positions of SMAA T2x, 2 with ShadowMapRenderPass2, else 1).
     void setSettlingFrames(int frames);
     /// How many the picture takes now.
     int settlingFrames() const;
