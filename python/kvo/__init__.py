@@ -235,7 +235,7 @@ def orbit(yaw: float = -30, pitch: float = 20, zoom: float | None = None, distan
           target: Sequence[float] | None = None, fov: float | None = None, up: Sequence[float] | None = None) -> Camera:  # fmt: skip
     """A camera that looks at the model, or at ``target``, from a direction.
 
-    At yaw 0 and pitch 0 it stands on the +z side; yaw turns it towards +x, pitch (-89 to 89) lifts it. The model
+    At yaw 0 and pitch 0 it stands on the +z side; yaw turns it towards +x, pitch (-90 to 90) lifts it. The model
     fills the picture; ``zoom`` is a factor on that, ``distance`` one of your own.
     """
     return Camera(yaw=yaw, pitch=pitch, zoom=zoom, distance=distance, target=target, fov=fov, up=up)

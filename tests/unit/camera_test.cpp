@@ -195,6 +195,44 @@ TEST(CameraText, ReadsEverySetting)
     EXPECT_TRUE(isNear(camera.up, {1, 0, 0}));
 }
 
+// A plan: the view runs along up itself, and the yaw alone says how the picture is turned. Up on the picture is what
+// points away from the eye's place at pitch 0 from above, and towards it from below.
+TEST(CameraText, LooksFromStraightAboveAndBelow)
+{
+    for (const float pitch : {90.0f, -90.0f, 89.7f})
+        for (const float yaw : {0.0f, 30.0f, -100.0f})
+            for (const char *more : {"", ":zoom=2", ":distance=30", ":up=0,3,0"}) {
+                SCOPED_TRACE(::testing::Message() << "pitch " << pitch << ", yaw " << yaw << more);
+                const double lift = double(pitch) * M_PI / 180, turn = double(yaw) * M_PI / 180;
+                const QVector3D towardsEye(float(std::cos(lift) * std::sin(turn)), float(std::sin(lift)),
+                                           float(std::cos(lift) * std::cos(turn)));
+                const QVector3D upwards(float(-std::sin(lift) * std::sin(turn)), float(std::cos(lift)),
+                                        float(-std::sin(lift) * std::cos(turn)));
+                Camera camera;
+                QString error;
+                ASSERT_TRUE(Camera::parse(s("pitch=%1:yaw=%2%3").arg(pitch).arg(yaw).arg(QLatin1StringView(more)), kBox,
+                                          1, &camera, &error))
+                    << qPrintable(error);
+                EXPECT_TRUE(isNear((camera.eye - camera.target).normalized(), towardsEye));
+                EXPECT_TRUE(isNear(camera.cameraMatrix().row(1).toVector3D(), upwards));
+                EXPECT_TRUE(isNear(camera.cameraMatrix().row(2).toVector3D(), towardsEye));
+                EXPECT_TRUE(isNear(camera.target, QVector3D(1.5f, 1.5f, 1.5f)));
+                if (*more == 0) {
+                    const float side = project(camera, kBox, 1).side; // as of any other direction
+                    EXPECT_LE(side, 1.0f);
+                    EXPECT_GE(side, 0.85f);
+                }
+            }
+    // With another axis, too; and a place to look from has its up as it was given.
+    Camera camera;
+    QString error;
+    ASSERT_TRUE(Camera::parse(s("pitch=90:yaw=0:up=0,0,1"), kBox, 1, &camera, &error)) << qPrintable(error);
+    EXPECT_TRUE(isNear(camera.cameraMatrix().row(2).toVector3D(), QVector3D(0, 0, 1)));
+    EXPECT_TRUE(isNear(camera.cameraMatrix().row(1).toVector3D(), QVector3D(0, 1, 0)));
+    ASSERT_TRUE(Camera::parse(s("pitch=90:eye=9,0,0:target=0,0,0"), kBox, 1, &camera, &error)) << qPrintable(error);
+    EXPECT_EQ(camera.up, QVector3D(0, 1, 0));
+}
+
 TEST(CameraText, NamesWhatIsWrong)
 {
     EXPECT_EQ(parseError("yaw=left"), s("camera: 'yaw' takes a number, not 'left'"));

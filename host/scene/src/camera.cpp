@@ -129,27 +129,35 @@ void Camera::lookAt(const QVector3D &newEye, const QVector3D &newTarget, const Q
     up = newUp;
 }
 
-void Camera::orbit(const QVector3D &center, float yaw, float pitch, float distance)
+namespace {
+
+// Nearer to straight above, "up" would have no direction on the picture.
+constexpr float kSteepest = 89.0f;
+
+// Where the eye stands, seen from what it looks at, and what is up on the picture.
+struct Sight
 {
-    // Straight above, "up" would have no direction on the picture.
-    const float lift = qDegreesToRadians(std::clamp(pitch, -89.0f, 89.0f));
+    QVector3D towardsEye;
+    QVector3D upwards;
+};
+
+Sight sightOf(const QVector3D &up, float yaw, float pitch)
+{
+    const float lift = qDegreesToRadians(pitch);
     const float turn = qDegreesToRadians(yaw);
-    const QVector3D direction(std::cos(lift) * std::sin(turn), std::sin(lift), std::cos(lift) * std::cos(turn));
     const QQuaternion upright = QQuaternion::rotationTo(QVector3D(0.0f, 1.0f, 0.0f), directionOf(up));
-    lookAt(center + upright.rotatedVector(direction) * distance, center, up);
+    return {
+        upright.rotatedVector({std::cos(lift) * std::sin(turn), std::sin(lift), std::cos(lift) * std::cos(turn)}),
+        upright.rotatedVector({-std::sin(lift) * std::sin(turn), std::cos(lift), -std::sin(lift) * std::cos(turn)})};
 }
 
-void Camera::fit(const GPUModel::BoundingBox &bounds, float yaw, float pitch, float aspect, float zoom)
+// Every corner of the box asks for a distance at which it lies on the edge of the picture.
+float fittingDistance(const GPUModel::BoundingBox &bounds, const Sight &sight, float fieldOfView, float aspect)
 {
     const float halfHeight = std::tan(qDegreesToRadians(fieldOfView) / 2.0f);
     const float halfWidth = halfHeight * aspect;
     const QVector3D center = centerOf(bounds);
-    // Around the origin: far from it a step of length 1 may be lost in the rounding.
-    orbit(QVector3D(), yaw, pitch, 1.0f);
-    const QVector3D towardsEye = eye;
-    const QVector3D right = directionOf(QVector3D::crossProduct(directionOf(up), towardsEye));
-    const QVector3D upwards = QVector3D::crossProduct(towardsEye, right);
-    // Every corner of the box asks for a distance at which it lies on the edge of the picture.
+    const QVector3D right = QVector3D::crossProduct(sight.upwards, sight.towardsEye);
     float distance = 0.0f;
     for (int corner = 0; corner < 8; ++corner) {
         const QVector3D p = QVector3D(corner & 1 ? bounds.maximum.x() : bounds.minimum.x(),
@@ -157,12 +165,26 @@ void Camera::fit(const GPUModel::BoundingBox &bounds, float yaw, float pitch, fl
                                       corner & 4 ? bounds.maximum.z() : bounds.minimum.z())
                             - center;
         const float aside = std::max(std::abs(QVector3D::dotProduct(p, right)) / halfWidth,
-                                     std::abs(QVector3D::dotProduct(p, upwards)) / halfHeight);
-        distance = std::max(distance, QVector3D::dotProduct(p, towardsEye) + aside);
+                                     std::abs(QVector3D::dotProduct(p, sight.upwards)) / halfHeight);
+        distance = std::max(distance, QVector3D::dotProduct(p, sight.towardsEye) + aside);
     }
     if (!(distance > 0.0f) || !std::isfinite(distance))
         distance = 2.0f * radiusOf(bounds) / halfHeight;
-    orbit(center, yaw, pitch, distance * kMargin / zoom);
+    return distance * kMargin;
+}
+
+} // namespace
+
+void Camera::orbit(const QVector3D &center, float yaw, float pitch, float distance)
+{
+    const QVector3D towardsEye = sightOf(up, yaw, std::clamp(pitch, -kSteepest, kSteepest)).towardsEye;
+    lookAt(center + towardsEye * distance, center, up);
+}
+
+void Camera::fit(const GPUModel::BoundingBox &bounds, float yaw, float pitch, float aspect, float zoom)
+{
+    const Sight sight = sightOf(up, yaw, std::clamp(pitch, -kSteepest, kSteepest));
+    orbit(centerOf(bounds), yaw, pitch, fittingDistance(bounds, sight, fieldOfView, aspect) / zoom);
     setDepthRange(bounds);
 }
 
@@ -208,14 +230,18 @@ bool Camera::parse(const QString &text, const GPUModel::BoundingBox &bounds, flo
         return false;
     }
     result.fieldOfView = numbers.value(QStringLiteral("fov"), result.fieldOfView);
-    result.fit(bounds, yaw, pitch, aspect, numbers.value(QStringLiteral("zoom"), 1.0f));
-    const float distance = numbers.value(QStringLiteral("distance"), (result.eye - result.target).length());
     const auto eye = settings.vectors.constFind(QStringLiteral("eye"));
-    if (eye != settings.vectors.constEnd())
+    if (eye != settings.vectors.constEnd()) {
         result.lookAt(*eye, center, result.up);
-    else
-        result.orbit(center, yaw, pitch, distance);
-
+    } else {
+        const Sight sight = sightOf(result.up, yaw, pitch);
+        if (std::abs(pitch) > kSteepest)
+            result.up = sight.upwards;
+        const float zoom = numbers.value(QStringLiteral("zoom"), 1.0f);
+        const float fitting = fittingDistance(bounds, sight, result.fieldOfView, aspect) / zoom;
+        const float distance = numbers.value(QStringLiteral("distance"), fitting);
+        result.lookAt(center + sight.towardsEye * distance, center, result.up);
+    }
     const QVector3D view = result.target - result.eye;
     if (view.isNull()) {
         *error = QStringLiteral("camera: 'eye' and 'target' are the same place");

@@ -39,7 +39,8 @@ public:
     QMatrix4x4 projectionMatrix(float aspect) const;
 
     /// Reads a camera from a text of settings, separated by ':' or ';': "yaw=45:pitch=10", with
-    /// - yaw, pitch: direction to look from, -30 and 20 when not given;
+    /// - yaw, pitch: direction to look from, -30 and 20 when not given; pitch runs from -90 to 90, and straight from
+    ///   above or below the yaw tells what is up on the picture, and \ref up becomes that;
     /// - distance, or zoom (a factor on the distance that fits); target=x,y,z instead of the centre;
     /// - eye=x,y,z: a place to look from, instead of direction and distance; up=x,y,z;
     /// - fov: vertical opening angle; near, far: clip planes.
