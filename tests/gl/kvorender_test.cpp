@@ -329,7 +329,14 @@ TEST_F(KvoRender, NamesFilesThatCannotBeWritten)
 {
     expectFailure(words("-p gradient -o /no/such/out.png"), 1,
                   "cannot write '/no/such/out.png': there is no folder '/no/such'");
-    expectFailure(words("-p gradient -o picture.doc"), 1, "cannot write 'picture.doc': its name has to end in .png");
+    for (const char *line : {"-p gradient -o picture.doc", "-p gradient --dump Gradient.Frame=picture.doc",
+                             "-p gradient --compare Gradient.Frame,Gradient.Frame=picture.doc",
+                             "-p oit --oit-lengths picture.doc", "-p gradient -o picture.doc -s 30000x30000"})
+        expectFailure(words(line), 2, "cannot write 'picture.doc': its name has to end in .png");
+    for (const char *line : {"-p gradient -o a.png --dump Gradient.Frame=./a.png",
+                             "-p gradient --dump Gradient.Frame=a.png --dump Gradient.Frame=x/../a.png",
+                             "-p gradient --compare Gradient.Frame,Gradient.Frame=a.png --oit-lengths a.png"})
+        expectFailure(words(line), 2, "a.png' is named twice");
     expectFailure(words("-p gradient --dump Gradient.Frame=/no/such/a.exr"), 1, "cannot write '/no/such/a.exr'");
     ASSERT_TRUE(QDir(folder.path()).mkdir(QStringLiteral("folder.png")));
     expectFailure(words("-p gradient -o folder.png"), 1, "cannot write 'folder.png': it is a folder");

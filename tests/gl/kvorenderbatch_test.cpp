@@ -189,7 +189,7 @@ TEST_F(KvoRenderBatch, TellsOfEveryPictureAndEndsWithAllSomeOrNone)
                                                            {4, "--size takes WIDTHxHEIGHT", 1},
                                                            {5, "did you mean 'gradient'", 3},
                                                            {6, "Gradient.ColorTop", 1},
-                                                           {7, "is also that of line 1", 1},
+                                                           {7, "is also written by line 1", 1},
                                                            {8, "gone.glb", 3}};
     for (const auto &[line, text, attempts] : failures) {
         EXPECT_EQ(lines[line][u"status"_s].toString(), u"failed"_s) << line;

@@ -130,6 +130,25 @@ TEST(BatchJobs, RangesAndListsMultiplyAndTheLastTurnsFastest)
     EXPECT_EQ(jobs.jobs()[0].options[u"camera"_s][0], u"pitch=10:yaw=0"_s);
 }
 
+// Everything that a picture writes has places for what is its own; and signs stand before the zeros.
+TEST(BatchJobs, FilesBesideThePictureAreNamedLikeIt)
+{
+    const BatchJobs jobs = jobsOf(
+        R"({"model": "x/a.glb", "camera": {"yaw": [-5, 5, -1234]}, "output": "{camera.yaw:4}.png", "dump": ["Model.Depth={model}-{n}.exr", "Model.Normal={n}.png"], "compare": "A.B,C.D={line}-{n}.png", "oit-lengths": "l{n:2}.png", "print": "A.{n}"})");
+    ASSERT_EQ(jobs.jobs().size(), 3);
+    EXPECT_EQ(outputs(jobs), QStringList({u"-005.png"_s, u"0005.png"_s, u"-1234.png"_s}));
+    EXPECT_EQ(jobs.jobs()[1].options[u"dump"_s], QStringList({u"Model.Depth=a-1.exr"_s, u"Model.Normal=1.png"_s}));
+    EXPECT_EQ(jobs.jobs()[1].options[u"compare"_s], QStringList({u"A.B,C.D=1-1.png"_s}));
+    EXPECT_EQ(jobs.jobs()[2].options[u"oit-lengths"_s], QStringList({u"l02.png"_s}));
+    EXPECT_EQ(jobs.jobs()[2].options[u"print"_s], QStringList({u"A.{n}"_s})) << "no file";
+    EXPECT_EQ(filesOf(jobs.jobs()[0].options),
+              QStringList({u"-005.png"_s, u"a-0.exr"_s, u"0.png"_s, u"1-0.png"_s, u"l00.png"_s}));
+    for (const BatchJob &job : jobs.jobs())
+        EXPECT_EQ(job.error, QString());
+    EXPECT_EQ(jobsOf(R"({"dump": "A.B={nobody}.png", "output": "{n}.png"})").jobs()[0].error,
+              u"dump 'A.B={nobody}.png': the picture has no 'nobody'"_s);
+}
+
 // Three numbers are a place for what takes one, and three numbers for what does not.
 TEST(BatchJobs, AListOfThreeNumbersIsAPlaceForPlacesOnly)
 {
@@ -250,9 +269,20 @@ TEST(BatchJobs, TwoPicturesOfOneFileAreAMistakeOfTheSecond)
     const BatchJobs jobs = jobsOf(
         "{\"output\": \"x/a.png\"}\n{\"output\": \"x/../x/a.png\"}\n{\"frames\": [1, 2], \"output\": \"b.png\"}\n");
     EXPECT_EQ(jobs.jobs()[0].error, QString());
-    EXPECT_EQ(jobs.jobs()[1].error, u"output 'x/../x/a.png' is also that of line 1"_s);
+    EXPECT_EQ(jobs.jobs()[1].error, u"'x/../x/a.png' is also written by line 1"_s);
     EXPECT_EQ(jobs.jobs()[2].error, QString());
-    EXPECT_EQ(jobs.jobs()[3].error, u"output 'b.png' is also that of line 3, picture 1"_s);
+    EXPECT_EQ(jobs.jobs()[3].error, u"'b.png' is also written by line 3, picture 1"_s);
+    // Whatever it is that writes it.
+    const BatchJobs beside = jobsOf("{\"output\": \"a.png\", \"dump\": \"A.B=x.exr\"}\n"
+                                    "{\"output\": \"b.png\", \"dump\": \"A.B=./x.exr\"}\n"
+                                    "{\"output\": \"c.png\", \"oit-lengths\": \"a.png\"}\n"
+                                    "{\"output\": \"d.png\", \"compare\": \"A.B,A.C\"}\n"
+                                    "{\"output\": \"e.png\", \"compare\": \"A.B,A.C\"}\n");
+    EXPECT_EQ(beside.jobs()[0].error, QString());
+    EXPECT_EQ(beside.jobs()[1].error, u"'./x.exr' is also written by line 1"_s);
+    EXPECT_EQ(beside.jobs()[2].error, u"'a.png' is also written by line 1"_s);
+    EXPECT_EQ(beside.jobs()[3].error, QString());
+    EXPECT_EQ(beside.jobs()[4].error, QString());
 }
 
 TEST(BatchShards, EveryPictureIsInExactlyOne)

@@ -27,6 +27,19 @@ const QString kOutput = u"output"_s;
 const QString kCamera = u"camera"_s;
 const QStringList kPlaces{u"eye"_s, u"target"_s, u"up"_s}; // of a camera, three numbers each
 
+// What names a file to write, some as "Pass.Slot=file".
+struct FileOption
+{
+    QString name;
+    bool isBehindSlot;
+};
+const FileOption kFileOptions[]{{kOutput, false}, {u"dump"_s, true}, {u"compare"_s, true}, {u"oit-lengths"_s, false}};
+
+QString absolute(const QString &file)
+{
+    return QDir::cleanPath(QFileInfo(file).absoluteFilePath());
+}
+
 bool fails(QString *error, const QString &reason)
 {
     *error = reason;
@@ -140,6 +153,29 @@ struct BatchJobs::Expansion
         return true;
     }
 };
+
+QStringList filesOf(const OptionTexts &options)
+{
+    QStringList files;
+    for (const FileOption &option : kFileOptions)
+        for (const QString &text : options.value(option.name)) {
+            const QString file = option.isBehindSlot ? text.section(u'=', 1) : text;
+            if (!file.isEmpty())
+                files << file;
+        }
+    return files;
+}
+
+QString fileNamedTwice(const OptionTexts &options)
+{
+    QSet<QString> known;
+    for (const QString &file : filesOf(options)) {
+        if (known.contains(absolute(file)))
+            return file;
+        known.insert(absolute(file));
+    }
+    return {};
+}
 
 bool Shard::parse(const QString &text, Shard *shard)
 {
@@ -472,6 +508,13 @@ std::optional<QString> placeholder(const QString &key, const BatchJob &job)
     return std::nullopt;
 }
 
+// "-5" of four places is "-005".
+QString filledUp(const QString &text, int places)
+{
+    const bool hasSign = text.startsWith(u'-');
+    return hasSign ? u'-' + text.mid(1).rightJustified(places - 1, u'0') : text.rightJustified(places, u'0');
+}
+
 bool fillIn(const QString &pattern, const BatchJob &job, QString *result, QString *error)
 {
     static const QRegularExpression kPlace(u"\\{([^{}:]+)(?::0?([0-9]{1,2}))?\\}"_s);
@@ -480,9 +523,8 @@ bool fillIn(const QString &pattern, const BatchJob &job, QString *result, QStrin
         const QRegularExpressionMatch place = match.next();
         const std::optional<QString> text = placeholder(place.captured(1), job);
         if (!text)
-            return fails(error, u"output '%1': the picture has no '%2'"_s.arg(pattern, place.captured(1)));
-        *result +=
-            pattern.mid(end, place.capturedStart() - end) + text->rightJustified(place.captured(2).toInt(), u'0');
+            return fails(error, u"'%1': the picture has no '%2'"_s.arg(pattern, place.captured(1)));
+        *result += pattern.mid(end, place.capturedStart() - end) + filledUp(*text, place.captured(2).toInt());
         end = place.capturedEnd();
     }
     *result += pattern.mid(end);
@@ -537,10 +579,18 @@ void BatchJobs::add(int line, const QJsonObject &object)
         if (!own.contains(kModel))
             job.model = _defaults.value(kModel).value(0);
         job.options.remove(kModel);
-        if (const QString pattern = job.output(); !pattern.isEmpty()) {
-            QString output;
-            if (fillIn(pattern, job, &output, &job.error))
-                job.options[kOutput] = {output};
+        const BatchJob pattern = job;
+        for (const FileOption &option : kFileOptions) {
+            const auto texts = job.options.find(option.name);
+            if (texts == job.options.end())
+                continue;
+            for (QString &text : *texts) {
+                QString filled, reason;
+                if (fillIn(text, pattern, &filled, &reason))
+                    text = filled;
+                else if (job.error.isEmpty())
+                    job.error = u"%1 %2"_s.arg(option.name, reason);
+            }
         }
         _jobs.append(job);
     }
@@ -550,14 +600,15 @@ void BatchJobs::findCollisions()
 {
     QHash<QString, QString> places;
     for (BatchJob &job : _jobs) {
-        if (!job.error.isEmpty() || job.output().isEmpty())
+        if (!job.error.isEmpty())
             continue;
-        const QString path = QDir::cleanPath(QFileInfo(job.output()).absoluteFilePath());
-        const auto found = places.constFind(path);
-        if (found == places.constEnd())
-            places.insert(path, job.place);
-        else
-            job.error = u"output '%1' is also that of %2"_s.arg(job.output(), *found);
+        const QStringList files = filesOf(job.options);
+        for (const QString &file : files)
+            if (const auto found = places.constFind(absolute(file)); found != places.constEnd() && job.error.isEmpty())
+                job.error = u"'%1' is also written by %2"_s.arg(file, *found);
+        if (job.error.isEmpty())
+            for (const QString &file : files)
+                places.insert(absolute(file), job.place);
     }
 }
 

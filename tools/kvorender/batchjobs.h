@@ -22,6 +22,11 @@ struct BatchJob
     QString place;
 };
 
+/// The files that a picture of these options writes, as they are named there.
+QStringList filesOf(const OptionTexts &options);
+/// One that it would write twice; empty: none.
+QString fileNamedTwice(const OptionTexts &options);
+
 /// A part of the jobs, for one of several processes: the \a index-th of \a count, from 1.
 struct Shard
 {
@@ -41,9 +46,9 @@ struct Shard
 /// - a list, for an option that counts once; {"each": [...]} for every option;
 /// - {"from": 0, "to": 350, "count": 36}, evenly spaced, both ends included.
 /// An option that may be repeated takes a list of all that hold for the picture, or an object, {"Pass.Slot": 4};
-/// "camera" takes an object of its settings. "{key}" in an output stands for what the picture has there: the base
-/// names of files, "{camera.yaw}" and "{set.Pass.Slot}" for a part, "{n}" for the number within the line, "{line}" for
-/// the line; "{n:4}" fills up with zeros.
+/// "camera" takes an object of its settings. "{key}" in the name of a file to write (of "output", "dump", "compare" and
+/// "oit-lengths") stands for what the picture has there: the base names of files, "{camera.yaw}" and "{set.Pass.Slot}"
+/// for a part, "{n}" for the number within the line, "{line}" for the line; "{n:4}" fills up with zeros.
 ///
 /// CSV: the first line names the columns, with dots for parts ("camera.yaw"), and may give them defaults ("size=64x48").
 /// An empty field is not given.
@@ -65,7 +70,7 @@ public:
     bool readTable(const QByteArray &text, QString *error);
     /// One more line, as an object.
     void add(int line, const QJsonObject &object);
-    /// Gives an error to jobs whose output an earlier one has. Call it after the last line.
+    /// Gives an error to jobs that write a file which an earlier one writes. Call it after the last line.
     void findCollisions();
 
     const QVector<BatchJob> &jobs() const { return _jobs; }

@@ -130,7 +130,11 @@ void CommandLine::declare(Options *options)
                   into(&frames, 1, kMostFrames)});
 
     options->section(u"What to write"_s);
-    options->add({{u"o"_s, u"output"_s}, u"FILE"_s, u"the picture (PNG)"_s, u"a file name"_s, into(&output)});
+    options->add({{u"o"_s, u"output"_s},
+                  u"FILE"_s,
+                  u"the picture: PNG, or another kind by its ending"_s,
+                  u"a file name"_s,
+                  into(&output)});
     addBackgroundOption(options, &settings);
     options->add({{u"dump"_s},
                   u"PASS.SLOT=FILE"_s,
@@ -321,6 +325,17 @@ bool CommandLine::complete(const Options &options, QString *error)
                                 .arg(size.height())
                                 .arg(outside->x())
                                 .arg(outside->y()));
+    const auto isImage = [error](const QString &file, bool isTexture = false) {
+        return file.isEmpty() || Brevane::Kvo::hasImageEnding(file, isTexture, error);
+    };
+    if (!isImage(output) || !isImage(listLengths)
+        || !std::all_of(dumps.cbegin(), dumps.cend(), [&](const SlotArgument &d) { return isImage(d.text, true); })
+        || !std::all_of(comparisons.cbegin(), comparisons.cend(), [&](const Comparison &c) { return isImage(c.file); }))
+        return false;
+    if (const QString file = fileNamedTwice(given); !file.isEmpty())
+        return fails(error,
+                     u"'%1' is named twice: each of --output, --dump, --compare and --oit-lengths writes a file of "
+                     u"its own"_s.arg(file));
     // Each of these asks for something to be written.
     const QStringList results{u"output"_s,  u"dump"_s,    u"compare"_s, u"inspect-oit"_s, u"oit-lengths"_s, u"print"_s,
                               u"timings"_s, u"gallery"_s, u"list"_s,    u"gl-info"_s,     u"schema"_s,      u"batch"_s};

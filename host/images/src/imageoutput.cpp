@@ -296,14 +296,30 @@ QImage textureImage(Texture *texture, QString *error)
     return image;
 }
 
-bool canWriteImage(const QString &path, bool isTexture, QString *error)
+bool hasImageEnding(const QString &path, bool isTexture, QString *error)
 {
     const QString suffix = suffixOf(path);
-    const bool known =
-        (isTexture && suffix == kExr) || QImageWriter::supportedImageFormats().contains(suffix.toLatin1());
-    if (!known)
-        return fail(error, QStringLiteral("cannot write '%1': its name has to end in .png%2")
-                               .arg(path, isTexture ? QStringLiteral(" or .exr") : QString()));
+    const QList<QByteArray> formats = QImageWriter::supportedImageFormats();
+    if ((isTexture && suffix == kExr) || formats.contains(suffix.toLatin1()))
+        return true;
+    // Of those that the system's plugins write, the ones that someone may have meant.
+    QStringList endings;
+    for (const char *format : {"png", "jpg", "bmp", "ppm", "tif", "webp"})
+        if (formats.contains(format))
+            endings << QStringLiteral(".%1").arg(QLatin1StringView(format));
+    if (isTexture)
+        endings << QStringLiteral(".%1").arg(kExr);
+    const QString last = endings.isEmpty() ? QString() : endings.takeLast();
+    return fail(
+        error,
+        QStringLiteral("cannot write '%1': its name has to end in %2")
+            .arg(path, endings.isEmpty() ? last : endings.join(QStringLiteral(", ")) + QStringLiteral(" or ") + last));
+}
+
+bool canWriteImage(const QString &path, bool isTexture, QString *error)
+{
+    if (!hasImageEnding(path, isTexture, error))
+        return false;
     const QFileInfo folder(QFileInfo(path).absolutePath());
     if (!folder.isDir())
         return fail(error, QStringLiteral("cannot write '%1': there is no folder '%2'").arg(path, folder.filePath()));

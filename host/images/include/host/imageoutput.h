@@ -66,7 +66,10 @@ KVO_IMAGES_EXPORT bool writeShadowMaps(const ShadowMapRenderData *record, const 
 KVO_IMAGES_EXPORT bool writeImage(const QImage &image, const QString &path, QString *error = nullptr);
 /// Writes values as OpenEXR, upright: channels R, G, B, A; Z for depth, Y for one channel.
 KVO_IMAGES_EXPORT bool writeExr(const TexturePixels &pixels, const QString &path, QString *error = nullptr);
-/// Whether a file of that name could be written, going by its ending: true, or false with the reason.
+/// Whether the ending of a name stands for a kind of image that can be written, .exr among them for a texture: true, or
+/// false with the kinds there are. Looks at no file.
+KVO_IMAGES_EXPORT bool hasImageEnding(const QString &path, bool isTexture, QString *error = nullptr);
+/// Whether a file of that name could be written, going by its ending and its folder: true, or false with the reason.
 KVO_IMAGES_EXPORT bool canWriteImage(const QString &path, bool isTexture, QString *error = nullptr);
 
 } // namespace Brevane::Kvo
