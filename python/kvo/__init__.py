@@ -17,11 +17,15 @@ go on; to use more cores, start more processes.
 from __future__ import annotations
 
 import atexit
+import functools
 import html
+import inspect
 import json
 import math
+import numbers
 import os
 import threading
+import warnings
 from collections.abc import Callable, Iterable, Iterator, Mapping, Sequence
 from pathlib import Path
 from typing import Any, Union
@@ -169,7 +173,10 @@ def _color(value: Sequence[float] | str) -> tuple[float, float, float, float]:
         except ValueError:
             raise ValueError(f"a colour is (r, g, b) from 0 to 1, or '#rrggbb', not {value!r}") from None
     else:
-        parts = [float(part) for part in value]
+        try:
+            parts = [float(part) for part in value]
+        except TypeError:
+            raise TypeError(f"a colour is (r, g, b) from 0 to 1, or '#rrggbb', not {value!r}") from None
         if len(parts) not in (3, 4):
             raise ValueError(f"a colour has 3 or 4 parts, not {len(parts)}")
     return (parts[0], parts[1], parts[2], parts[3] if len(parts) == 4 else 1.0)
@@ -566,10 +573,14 @@ class Pipeline:
 
     def add(self, name: str, class_name: str, **values: Any) -> Pass:
         """Adds a pass and gives its inputs values. Viewport, camera, projection, clip planes and model are bound
-        where it has slots of these names."""
+        where it has slots of these names. Where a value is wrong, no pass is added."""
         self._pipeline.add(name, class_name)
-        self._pipeline.bind_standard()
-        return self[name].set(**values)
+        try:
+            self._pipeline.bind_standard()
+            return self[name].set(**values)
+        except BaseException:
+            self._pipeline.remove(name)
+            raise
 
     def shader(self, name: str, fragment: str, inputs: Mapping[str, str | Texture] | None = None,
                outputs: Sequence[str] = ("Frame",), values: Mapping[str, Any] | None = None) -> Pass:  # fmt: skip
@@ -586,21 +597,25 @@ class Pipeline:
         # The library calls such uniforms by the whole name of the slot.
         defines = "".join(f"#define u_{slot} {full}\n" for slot, full in names.items())
         added = self.add(name, "ShaderRenderPass")
-        added.setName(name)
         sources = dict(inputs or {})
-        for slot in sources:
-            added.addInput(f"Kvo_KvoTexture*_{slot}")
-        for full in names.values():
-            added.addInput(full)
-        for slot in outputs:
-            added.addOutput(f"Kvo_KvoTexture*_{slot}")
-        added.setFragmentShaderSource(version + line + defines + rest)
-        for slot, source in sources.items():
-            if isinstance(source, str):
-                self.connect(source, f"{name}.{slot}")
-            else:
-                self.set(name, slot, source)
-        return added.set(**dict(values or {}))
+        try:
+            added.setName(name)
+            for slot in sources:
+                added.addInput(f"Kvo_KvoTexture*_{slot}")
+            for full in names.values():
+                added.addInput(full)
+            for slot in outputs:
+                added.addOutput(f"Kvo_KvoTexture*_{slot}")
+            added.setFragmentShaderSource(version + line + defines + rest)
+            for slot, source in sources.items():
+                if isinstance(source, str):
+                    self.connect(source, f"{name}.{slot}")
+                else:
+                    self.set(name, slot, source)
+            return added.set(**dict(values or {}))
+        except BaseException:
+            self.remove(name)
+            raise
 
     def insert(self, name: str, class_name: str, to: str, input: str, output: str) -> Pass:
         """Adds a pass in the middle of the link that feeds ``to`` ("Pass.Slot"): what came in goes to its ``input``,
@@ -697,12 +712,8 @@ class Pipeline:
             view: Any = ""
         elif isinstance(camera, Camera):
             view = camera._view()
-        elif isinstance(camera, str):
-            view = camera
         else:
-            raise TypeError(f"a camera is a kvo.Camera or a text, not a {type(camera).__name__}")
-        if model is not None and not isinstance(model, Model):
-            raise TypeError(f"a model is a kvo.Model, not a {type(model).__name__}")
+            view = camera
         result = self._pipeline.render(width=width, height=height, model=model._model if model else None, view=view,
                                        frames=frames, outputs=slots, picture=picture, out=out, on_pass=on_pass)  # fmt: skip
         if picture:
@@ -816,6 +827,8 @@ def render(model: Model | PathLike | None = None, pipeline: Pipeline | PathLike 
         pipeline.set(pass_name, slot, value)
     if lights is not None:
         pipeline.set_lights(lights)
+    for warning in pipeline.warnings + _without_effect(pipeline, model, camera):
+        warnings.warn(warning, Warning, stacklevel=_callers_level())
     result = pipeline.render(model, size, camera, frames=frames, outputs=outputs)
     if background is None:
         return result
@@ -824,6 +837,20 @@ def render(model: Model | PathLike | None = None, pipeline: Pipeline | PathLike 
     if "image" in result:
         result["image"] = result["image"].over(background)
     return result
+
+
+def _without_effect(pipeline: Pipeline, model: Model | None, camera: Any) -> list[str]:
+    """What was given though nothing of the pipeline asks for it."""
+
+    def uses(*names: str) -> bool:
+        return any(pipeline._pipeline.uses(name) for name in names)
+
+    found = []
+    if model is not None and not uses("model", "opaque", "camera", "projection"):
+        found.append("the model has no effect: the pipeline draws none")
+    if camera is not None and not uses("camera", "projection", "near", "far"):
+        found.append("the camera has no effect: the pipeline asks for none")
+    return found
 
 
 def batch(jobs: PathLike | Iterable[Mapping[str, Any]], *, defaults: Mapping[str, Any] | None = None,
@@ -856,7 +883,137 @@ def batch(jobs: PathLike | Iterable[Mapping[str, Any]], *, defaults: Mapping[str
         text = "".join(json.dumps(row, default=os.fspath) + "\n" for row in rows)
     if resume and manifest is None and not is_file:
         raise ValueError("to resume, name a manifest")
+    try:
+        index, count = (int(number) for number in shard)
+    except (TypeError, ValueError):
+        raise TypeError(f"a shard is (2, 4), the second of four, not {shard!r}") from None
     reports = _kvo.batch(text, is_file, options, os.fspath(manifest) if manifest is not None else "", resume, retries,
-                         shard[0], shard[1], cache,
+                         index, count, cache,
                          None if on_picture is None else lambda line: on_picture(json.loads(line)))  # fmt: skip
     return [json.loads(report) for report in reports]
+
+
+# What is checked of arguments before they go to the library, by annotation: what is asked for, and whether it is that.
+_Check = Callable[[Any], bool]
+
+
+def _is_number(value: Any) -> bool:
+    return hasattr(value, "__float__") and getattr(value, "ndim", 0) == 0
+
+
+def _is_whole(value: Any) -> bool:
+    return hasattr(value, "__index__") and getattr(value, "ndim", 0) == 0
+
+
+def _is_path(value: Any) -> bool:
+    return isinstance(value, (str, os.PathLike)) and isinstance(os.fspath(value), str)
+
+
+def _is(*kinds: type) -> _Check:
+    return lambda value: isinstance(value, kinds)
+
+
+def _row_of(check: _Check) -> _Check:
+    def is_row(value: Any) -> bool:
+        if isinstance(value, (str, bytes, Mapping)) or not isinstance(value, Iterable):
+            return False
+        # Of what can be gone through only once, the elements are left to the function.
+        return not isinstance(value, (list, tuple)) or all(check(one) for one in value)
+
+    return is_row
+
+
+_KINDS: dict[str, tuple[str, _Check]] = {
+    "None": ("None", lambda value: value is None),
+    "bool": ("True or False", _is(bool, np.bool_)),
+    "int": ("a whole number", _is_whole),
+    "float": ("a number", _is_number),
+    "str": ("a text", _is(str)),
+    "PathLike": ("a path", _is_path),
+    "Model": ("a kvo.Model", _is(Model)),
+    "Pipeline": ("a kvo.Pipeline", _is(Pipeline)),
+    "Context": ("a kvo.Context", _is(Context)),
+    "Camera": ("a kvo.Camera", _is(Camera)),
+    "np.ndarray": ("an array", _is(np.ndarray)),
+    "Sequence[float]": ("a row of numbers", _row_of(_is_number)),
+    "Sequence[str]": ("a list of texts", _row_of(_is(str))),
+    "Iterable[str]": ("a list of texts", _row_of(_is(str))),
+    "Iterable[Light]": ("a list of kvo.Light", _row_of(_is(Light))),
+    "Iterable[Camera | str]": ("a list of cameras", _row_of(_is(Camera, str))),
+    "Iterable[Mapping[str, Any]]": ("a list of dicts", _row_of(_is(Mapping))),
+    "Mapping[str, Any]": ("a dict", _is(Mapping)),
+    "Mapping[str, float]": ("a dict of numbers", _is(Mapping)),
+    "Mapping[str, str | Texture]": ("a dict", _is(Mapping)),
+    "Callable[[str], object]": ("a function", callable),
+    "Callable[[dict[str, Any]], Any]": ("a function", callable),
+}
+_UNCHECKED = {"Any", "object", "tuple[int, int]"}  # each function says itself what these are
+_LEAST, _MOST = -(2**31), 2**31 - 1
+
+
+def _alternatives(annotation: str) -> list[str]:
+    """The parts of "A | B[C | D] | None"."""
+    parts, depth = [""], 0
+    for word in annotation.split(" | "):
+        parts[-1] += (" | " if parts[-1] else "") + word
+        depth += word.count("[") - word.count("]")
+        if depth == 0:
+            parts.append("")
+    return parts[:-1]
+
+
+def _checked(function: Callable[..., Any]) -> Callable[..., Any]:
+    """The function, but that wrong arguments are told by their names, and not by what is underneath."""
+    signature = inspect.signature(function)
+    title = function.__qualname__.removesuffix(".__init__")
+    kinds: dict[str, list[str]] = {}
+    for name, parameter in signature.parameters.items():
+        parts = _alternatives(parameter.annotation) if isinstance(parameter.annotation, str) else ["Any"]
+        if parameter.kind is not inspect.Parameter.VAR_KEYWORD and not _UNCHECKED.intersection(parts):
+            kinds[name] = parts
+
+    @functools.wraps(function)
+    def call(*arguments: Any, **named: Any) -> Any:
+        try:
+            given = signature.bind(*arguments, **named).arguments
+        except TypeError:
+            return function(*arguments, **named)  # which tells it with its name
+        for name, value in given.items():
+            parts = kinds.get(name)
+            if parts is None:
+                continue
+            if not any(_KINDS[part][1](value) for part in parts):
+                wanted = " or ".join(_KINDS[part][0] for part in parts if part != "None")
+                raise TypeError(f"{title}: {name} has to be {wanted}, not {value!r}")
+            least, most = (0, 2**64 - 1) if name == "flags" else (_LEAST, _MOST)
+            if parts == ["int"] and not least <= value <= most:
+                raise ValueError(f"{title}: {name} is beyond all bounds: {value}")
+        return function(*arguments, **named)
+
+    return call
+
+
+def _callers_level() -> int:
+    """Of warnings, so that they name the line of who uses this package."""
+    level, frame = 0, inspect.currentframe()
+    while frame is not None and frame.f_globals.get("__name__") == __name__:
+        level, frame = level + 1, frame.f_back
+    return level
+
+
+def _check_arguments() -> None:
+    for public in __all__:
+        thing = globals()[public]
+        if inspect.isfunction(thing):
+            globals()[public] = _checked(thing)
+        elif inspect.isclass(thing) and thing.__module__ == __name__:
+            for name, member in list(vars(thing).items()):
+                if name.startswith("_") and name != "__init__":
+                    continue
+                if isinstance(member, staticmethod):
+                    setattr(thing, name, staticmethod(_checked(member.__func__)))
+                elif inspect.isfunction(member):
+                    setattr(thing, name, _checked(member))
+
+
+_check_arguments()

@@ -215,8 +215,10 @@ void raiseWarnings(const QStringList &warnings)
     if (warnings.isEmpty())
         return;
     const py::object category = py::module_::import("kvo._kvo").attr("Warning");
+    // They name the line of who called, not one of the package.
+    const auto level = py::module_::import("kvo").attr("_callers_level")().cast<Py_ssize_t>();
     for (const QString &warning : warnings) {
-        if (PyErr_WarnEx(category.ptr(), warning.toUtf8().constData(), 1) != 0)
+        if (PyErr_WarnEx(category.ptr(), warning.toUtf8().constData(), level) != 0)
             throw py::error_already_set();
     }
 }

@@ -1,5 +1,6 @@
 """Whatever comes in: an exception with a message, never a crash, and all works afterwards."""
 
+import inspect
 import math
 import warnings
 
@@ -173,3 +174,107 @@ def test_a_failure_is_told_once_by_the_call_that_it_belongs_to():
     with pytest.raises(kvo.Error, match="(?s)program 'Broken' failed.*nothing"):
         pipeline.render(size=(4, 4), outputs=["Broken.Frame"], on_pass=fails)
     assert kvo.render(size=(4, 4)).any(), "nothing of it is left for another call"
+
+
+def public_functions():
+    for name in kvo.__all__:
+        thing = getattr(kvo, name)
+        if inspect.isfunction(thing):
+            yield name, thing
+        elif inspect.isclass(thing) and thing.__module__ == "kvo":
+            for key, member in vars(thing).items():
+                function = member.__func__ if isinstance(member, staticmethod) else member
+                if inspect.isfunction(function) and (key == "__init__" or not key.startswith("_")):
+                    yield f"{name}.{key}", function
+
+
+# By what their annotations begin with.
+RIGHT = {
+    "bool": True,
+    "int": 1,
+    "float": 1.0,
+    "str": "x",
+    "PathLike": "x",
+    "Any": None,
+    "Model": None,
+    "Iterable[str]": [],
+    "Iterable[Light]": [],
+    "Iterable[Camera | str]": [],
+    "Sequence[float]": [],
+    "tuple[int, int]": (4, 4),
+}
+WRONG = {
+    "bool": ["yes", 1],
+    "int": ["1", 1.5, [1], np.array([1]), 2**70, -(2**70)],
+    "float": ["1", [1.0], np.array([1.0]), 1j],
+    "str": [1, ["x"]],
+    "PathLike": [1, ["x"]],
+    "Iterable[str]": ["x", 1, ["x", 1]],
+    "Sequence[str]": ["x", 1, ("x", 1)],
+    "Sequence[float]": [1, ["x"], {1: 2}],
+}
+
+
+@pytest.mark.parametrize(("title", "function"), list(public_functions()))
+def test_every_argument_of_a_wrong_type_is_told_by_its_name(forward, title, function):
+    """Before anything else happens, in words of this package."""
+    parameters = inspect.signature(function).parameters
+    kinds = {p.name: kvo._alternatives(p.annotation) for p in parameters.values() if p.annotation is not p.empty}
+    needed = [name for name in kinds if parameters[name].default is inspect.Parameter.empty]
+    right = {name: forward if kinds[name] == ["Pipeline"] else RIGHT.get(kinds[name][0]) for name in needed}
+    if "self" in parameters:
+        right["self"] = None
+    for name, parts in kinds.items():
+        if parameters[name].kind is inspect.Parameter.VAR_KEYWORD:
+            continue
+        assert set(parts) <= set(kvo._KINDS) | kvo._UNCHECKED, f"{title}: {name} is not checked"
+        if kvo._UNCHECKED.intersection(parts):
+            continue
+        wrongs = [object(), b""] + (WRONG.get(parts[0], []) if parts[1:] in ([], ["None"]) else [])
+        for wrong in wrongs if "None" in parts else [*wrongs, None]:
+            with pytest.raises((TypeError, ValueError)) as caught:
+                function(**{**right, name: wrong})
+            message = str(caught.value)
+            assert f" {name} " in message and "incompatible" not in message and "_kvo" not in message
+
+
+def test_numbers_of_numpy_are_numbers():
+    model = rectangle()
+    model.set_opacity(np.float32(0.5))
+    model.scale(np.array(2.0))
+    model.add_item(np.int64(0), np.uint8(0), flags=2**63)
+    pipeline = kvo.Pipeline("forward")
+    assert pipeline.render(model, np.array([8, 4]), frames=np.int32(2)).shape == (4, 8, 4)
+    assert kvo.Camera(eye=np.array([1, 2, 3]), fov=np.float32(30)).matrices(model, (4, 4))[0].shape == (4, 4)
+
+
+def test_a_pass_with_a_wrong_value_is_not_there():
+    pipeline = kvo.Pipeline()
+    with pytest.raises(kvo.Error, match="Foo"):
+        pipeline.add("Backdrop", "GradientRenderPass", Foo=1)
+    with pytest.raises(TypeError):
+        pipeline.shader("Mine", "#version 150\nvoid main() {}", values={"a": object()})
+    with pytest.raises(kvo.Error):
+        pipeline.shader("Mine", "#version 150\nvoid main() {}", inputs={"a": "Nobody.Frame"})
+    assert len(pipeline) == 0
+    pipeline.add("Backdrop", "GradientRenderPass")
+
+
+def test_what_has_no_effect_is_said_and_where(tmp_path):
+    with warnings.catch_warnings(record=True) as caught:
+        warnings.simplefilter("always")
+        kvo.render(rectangle(), "gradient", (4, 4), "yaw=3", lights=[kvo.Light("point", position=(1, 2, 3))])
+    said = [str(warning.message) for warning in caught]
+    assert len(said) == 3 and {line.split(" has no effect")[0] for line in said} == {"@lights", "the model", "the camera"}
+    assert {warning.filename for warning in caught} == {__file__}
+    with warnings.catch_warnings(record=True) as caught:
+        warnings.simplefilter("always")
+        kvo.render(rectangle(), "viewport", (4, 4), "yaw=3", lights=[kvo.Light("point", position=(1, 2, 3))])
+        kvo.render(size=(4, 4))
+    assert not caught
+    # What the library says beneath names the line that called, too.
+    (tmp_path / "broken.obj").write_text("mtllib broken.mtl\nusemtl a\nv 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\n")
+    (tmp_path / "broken.mtl").write_text("newmtl a\nmap_Kd missing.png\n")
+    with pytest.warns(kvo.Warning, match="missing.png") as caught:
+        kvo.Model(tmp_path / "broken.obj")
+    assert {warning.filename for warning in caught} == {__file__}
