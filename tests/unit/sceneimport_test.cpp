@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 #include <random>
 
 using namespace Brevane::Kvo;
@@ -608,6 +609,35 @@ TEST_F(SceneImport, SurvivesCutAndDisturbedFiles)
                 EXPECT_TRUE(report.error.contains(QLatin1StringView("disturbed"))) << qPrintable(report.error);
             }
         }
+    }
+}
+
+TEST_F(SceneImport, OpacitiesAndFactorsThatAreNoneChangeNothing)
+{
+    const ModelData data = importText("triangle.obj", kTriangle);
+    ASSERT_TRUE(report.ok()) << qPrintable(report.error);
+    const float nan = std::numeric_limits<float>::quiet_NaN(), infinity = std::numeric_limits<float>::infinity();
+    for (const float wrong : {nan, infinity, -infinity, -0.5f, 0.0f, 2.0f}) {
+        ModelData changed = data;
+        QString error;
+        if (wrong != 0.0f) {
+            EXPECT_FALSE(setOpacity(&changed, QString(), wrong, &error)) << wrong;
+            EXPECT_TRUE(error.startsWith(QStringLiteral("an opacity runs from 0 to 1, not "))) << qPrintable(error);
+            EXPECT_FALSE(setOpacity(&changed, QString(), wrong)) << "nobody asks why";
+        }
+        if (wrong != 2.0f) {
+            MessageCapture messages;
+            scaleModel(&changed, wrong);
+            EXPECT_EQ(messages.containing(QStringLiteral("scaleModel: a factor has to be above 0")), 1) << wrong;
+        }
+        EXPECT_EQ(changed.materials[0].D, data.materials[0].D) << wrong;
+        EXPECT_EQ(changed.meshes[0].positions, data.meshes[0].positions) << wrong;
+        EXPECT_EQ(changed.items[0].transform, data.items[0].transform) << wrong;
+    }
+    ModelData changed = data;
+    for (const float right : {0.0f, 0.25f, 1.0f}) {
+        EXPECT_TRUE(setOpacity(&changed, QString(), right));
+        EXPECT_EQ(changed.materials[0].D, right);
     }
 }
 

@@ -379,6 +379,11 @@ ModelData importScene(const QString &path, const ImportOptions &options, ImportR
 
 bool setOpacity(ModelData *data, const QString &material, float opacity, QString *error)
 {
+    if (!(opacity >= 0.0f && opacity <= 1.0f)) {
+        if (error)
+            *error = QStringLiteral("an opacity runs from 0 to 1, not %1").arg(double(opacity));
+        return false;
+    }
     QStringList names;
     bool found = false;
     for (ModelMaterial &candidate : data->materials) {
@@ -404,6 +409,10 @@ ModelData opaquePartOf(const ModelData &data)
 
 void scaleModel(ModelData *data, float factor)
 {
+    if (!(factor > 0.0f) || !std::isfinite(factor)) {
+        qWarning("scaleModel: a factor has to be above 0, not %g: the model stays as it is", double(factor));
+        return;
+    }
     for (ModelMesh &mesh : data->meshes)
         for (QVector3D &position : mesh.positions)
             position *= factor;

@@ -62,7 +62,8 @@ struct PipelineFileInfo
 /// Passes of \a pipeline stay, so that files can be added to one
 /// another.
 ///
-/// False when anything is wrong, with one line per mistake: file, line, what, and the nearest right name.
+/// False when anything is wrong, with one line per mistake added to \a errors (may be null): file, line, what, and the
+/// nearest right name.
 /// The pipeline is then partly built: throw it away.
 KVO_PIPELINE_EXPORT bool loadPipeline(const QString &path, Pipeline *pipeline, QStringList *errors);
 /// The same from a text; \a fileName stands in messages.

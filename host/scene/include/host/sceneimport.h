@@ -58,15 +58,15 @@ struct ImportReport
 KVO_SCENE_EXPORT ModelData importScene(const QString &path, const ImportOptions &options = ImportOptions(),
                                        ImportReport *report = nullptr);
 
-/// Gives materials another opacity, from 0 to 1: those of one name, or all for an empty name. False, with
-/// the nearest right name, when there is no such material.
+/// Gives materials another opacity, from 0 to 1: those of one name, or all for an empty name. False, and
+/// nothing changed, with the reason for another number, and with the nearest right name when there is no such material.
 KVO_SCENE_EXPORT bool setOpacity(ModelData *data, const QString &material, float opacity, QString *error = nullptr);
 
 /// A model without the items whose material lets light through. Everything else stays, indices included.
 KVO_SCENE_EXPORT ModelData opaquePartOf(const ModelData &data);
 
 /// Makes a model larger or smaller around the origin, for passes that count in units of the scene. Its
-/// meshes change, so normals keep their length.
+/// meshes change, so normals keep their length. A factor that is not above 0, or not finite, changes nothing (qWarning).
 KVO_SCENE_EXPORT void scaleModel(ModelData *data, float factor);
 /// The box around a model, in world space; both corners 0 for an empty one.
 KVO_SCENE_EXPORT GPUModel::BoundingBox boxOf(const ModelData &data);
