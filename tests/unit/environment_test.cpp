@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cmath>
+#include <future>
 #include <functional>
 #include <numbers>
 
@@ -282,6 +283,24 @@ TEST(Environment, SomeAreKnownByName)
         EXPECT_GT(irradianceOf(*environment, {0, 1, 0}, 1), irradianceOf(*environment, {0, -1, 0}, 1));
         EXPECT_GT(irradianceOf(*environment, {0, -1, 0}, 1), name == "night" ? 0.02 : 0.2);
         EXPECT_LT(environment->key.direction.y(), -0.3f);
+    }
+}
+
+TEST(Environment, OneThatIsKnownByNameIsMadeOnceForAllThreads)
+{
+    for (const QString &name : environmentNames()) {
+        std::vector<std::future<const qfloat16 *>> asked;
+        for (int thread = 0; thread < 4; ++thread)
+            asked.push_back(
+                std::async(std::launch::async, [&] { return environmentNamed(name)->specular.constData(); }));
+        const Environment kept = *environmentNamed(name);
+        for (std::future<const qfloat16 *> &texels : asked)
+            EXPECT_EQ(texels.get(), kept.specular.constData()) << qPrintable(name);
+        // Who changes one changes his own.
+        Environment changed = kept;
+        const float before = float(kept.specular[0]);
+        changed.specular[0] = qfloat16(before + 1.0f);
+        EXPECT_EQ(float(environmentNamed(name)->specular[0]), before);
     }
 }
 

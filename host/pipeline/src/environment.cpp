@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cmath>
 #include <functional>
+#include <iterator>
+#include <mutex>
 #include <numbers>
 #include <thread>
 #include <vector>
@@ -706,17 +708,32 @@ QStringList environmentNames()
     return names;
 }
 
+namespace {
+
+Environment made(const BuiltIn &builtIn)
+{
+    Panorama panorama(kBuiltInWidth, kBuiltInWidth / 2);
+    forRows(panorama.height, [&](int y) {
+        for (int x = 0; x < panorama.width; ++x)
+            panorama.at(x, y) = builtIn.radiance(panorama.direction(x, y));
+    });
+    return bake(panorama, panorama, keyLight(normalized(builtIn.key), builtIn.keyColor));
+}
+
+} // namespace
+
+// Kept once it is made, 5 MB each: it takes longer than a frame, and a batch wants it for every picture.
 std::optional<Environment> environmentNamed(const QString &name)
 {
-    for (const BuiltIn &builtIn : kBuiltIn) {
-        if (name != QLatin1StringView(builtIn.name))
+    static std::mutex mutex;
+    static std::optional<Environment> known[std::size(kBuiltIn)];
+    for (std::size_t i = 0; i < std::size(kBuiltIn); ++i) {
+        if (name != QLatin1StringView(kBuiltIn[i].name))
             continue;
-        Panorama panorama(kBuiltInWidth, kBuiltInWidth / 2);
-        forRows(panorama.height, [&](int y) {
-            for (int x = 0; x < panorama.width; ++x)
-                panorama.at(x, y) = builtIn.radiance(panorama.direction(x, y));
-        });
-        return bake(panorama, panorama, keyLight(normalized(builtIn.key), builtIn.keyColor));
+        const std::lock_guard lock(mutex);
+        if (!known[i])
+            known[i] = made(kBuiltIn[i]);
+        return known[i];
     }
     return std::nullopt;
 }

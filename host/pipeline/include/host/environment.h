@@ -53,7 +53,7 @@ struct Environment
 /// The names of the environments that are computed: "studio" (soft boxes in a grey room), "overcast" (a sky of
 /// clouds), "sun" (a clear sky, its sun as the key light), "night" (the glow of a town, and two cool lamps behind).
 KVO_PIPELINE_EXPORT QStringList environmentNames();
-/// One of those; nothing for another name.
+/// One of those; nothing for another name. It is computed when it is first asked for, and its 5 MB are kept.
 KVO_PIPELINE_EXPORT std::optional<Environment> environmentNamed(const QString &name);
 
 /// The environment of a latitude-longitude picture, top row first. Floats are taken as linear, pictures of 8 bits as
