@@ -6,8 +6,8 @@
 
 #include <array>
 #include <cmath>
-#include <future>
 #include <functional>
+#include <future>
 #include <numbers>
 
 // Environments against integrals in double precision over the directions themselves.
