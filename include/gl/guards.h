@@ -29,7 +29,8 @@ private:
     bool _bound = false;
 };
 
-/// Enables a GL capability for the rest of the scope, and leaves it as it was found.
+/// Enables a GL capability for the rest of the scope, and leaves it as it was found: blending for each draw buffer, the
+/// scissor test for each viewport.
 class KVO_GL_EXPORT AutoEnabler
 {
 public:
@@ -41,10 +42,10 @@ public:
 
 private:
     unsigned int _capability;
-    bool _wasEnabled;
+    unsigned int _before;
 };
 
-/// Disables a GL capability for the rest of the scope, and leaves it as it was found.
+/// Disables a GL capability for the rest of the scope, and leaves it as it was found, like AutoEnabler.
 class KVO_GL_EXPORT AutoDisabler
 {
 public:
@@ -56,7 +57,7 @@ public:
 
 private:
     unsigned int _capability;
-    bool _wasEnabled;
+    unsigned int _before;
 };
 
 } // namespace Brevane::Kvo

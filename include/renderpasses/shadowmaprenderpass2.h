@@ -83,8 +83,8 @@ class Texture;
 /// build is logged through qDebug, in its first frame only, and then used as it is: without the program for
 /// casters that frame has no output.
 ///
-/// Leaves changed: clear colour (the mark of an empty texel); with casters: blending (off), face culling
-/// (off), depth clamp (off), depth mask (open), colour mask (open).
+/// Leaves changed: clear colour (the mark of an empty texel); with casters: blending (off), depth clamp
+/// (off), depth mask (open), colour mask (open); with casters that are culled: face culling (off).
 ///
 /// Needs OpenGL 3.2.
 class KVO_RENDERPASSES_EXPORT ShadowMapRenderPass2 : public RenderPassHelper

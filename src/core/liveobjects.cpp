@@ -30,4 +30,11 @@ LiveKind liveKindOf(const void *object)
     return object ? liveObjects().value(object, LiveKind::None) : LiveKind::None;
 }
 
+QObject *objectIn(const QVariant &value)
+{
+    if (value.metaType().flags() & QMetaType::PointerToQObject)
+        return *static_cast<QObject *const *>(value.constData());
+    return isGuarded(value.metaType()) ? qvariant_cast<QObject *>(value) : nullptr;
+}
+
 } // namespace Brevane::Kvo

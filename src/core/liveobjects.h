@@ -22,16 +22,23 @@ KVO_CORE_EXPORT void leaveLiveObject(const void *object);
 /// None for anything that is not alive, and for strangers.
 KVO_CORE_EXPORT LiveKind liveKindOf(const void *object);
 
-/// The object of a class in a slot value, by a pointer of its own type or by one to QObject; null when there is none, or
-/// it is gone: Qt's own conversion would ask the object.
+/// The object that a slot value names: by a pointer to QObject or to a class derived of it, or by one of Qt's guarded or
+/// shared pointers, as Qt's own conversion has it. That one would ask the object behind a plain pointer, which may be
+/// gone; ask liveKindOf first.
+KVO_CORE_EXPORT QObject *objectIn(const QVariant &value);
+/// Whether a type is a QPointer, QSharedPointer or QWeakPointer to a QObject.
+inline bool isGuarded(QMetaType type)
+{
+    return type.flags()
+           & (QMetaType::TrackingPointerToQObject | QMetaType::SharedPointerToQObject
+              | QMetaType::WeakPointerToQObject);
+}
+
+/// The same for an object of a class of ours; null when it is none, or gone.
 template <typename T>
 T *liveObjectIn(const QVariant &value, LiveKind kind)
 {
-    QObject *object = nullptr;
-    if (value.metaType() == QMetaType::fromType<T *>())
-        object = *static_cast<T *const *>(value.constData());
-    else if (value.metaType() == QMetaType(QMetaType::QObjectStar))
-        object = *static_cast<QObject *const *>(value.constData());
+    QObject *object = objectIn(value);
     return liveKindOf(object) == kind ? static_cast<T *>(object) : nullptr;
 }
 

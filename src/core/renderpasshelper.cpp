@@ -32,16 +32,6 @@ QMetaType typedTextureMetaType()
     return type;
 }
 
-// The address in a value that is a pointer to an object or to a texture; null in all others.
-const void *addressIn(const QVariant &value)
-{
-    const QMetaType type = value.metaType();
-    // Looking for a type by name takes memory as long as there is none, so only pointers ask for it.
-    const bool isPointer = type == QMetaType(QMetaType::QObjectStar)
-                           || (type.flags().testFlag(QMetaType::PointerToQObject) && type == typedTextureMetaType());
-    return isPointer ? *static_cast<const void *const *>(value.constData()) : nullptr;
-}
-
 QVariant nullLike(const QVariant &value)
 {
     const void *null = nullptr;
@@ -52,7 +42,11 @@ QVariant nullLike(const QVariant &value)
 // are compared, since nothing may be asked of an object that is gone.
 bool isGone(const PassSlot &slot)
 {
-    const void *address = addressIn(slot.value);
+    const QMetaType type = slot.value.metaType();
+    // Looking for a type by name takes memory as long as there is none, so only pointers ask for it.
+    const bool isOurs = type == QMetaType(QMetaType::QObjectStar)
+                        || (type.flags().testFlag(QMetaType::PointerToQObject) && type == typedTextureMetaType());
+    const void *address = isOurs ? objectIn(slot.value) : nullptr;
     return address && slot.name.startsWith(QLatin1StringView("Kvo_Kvo")) && liveKindOf(address) == LiveKind::None;
 }
 
@@ -61,11 +55,11 @@ QVariant inForm(const QVariant &value, TextureForm form)
     if (form == TextureForm::AsGiven)
         return value;
     const QMetaType wanted = form == TextureForm::Typed ? typedTextureMetaType() : QMetaType(QMetaType::QObjectStar);
-    const void *address = addressIn(value);
-    const bool isNullTexture = !address && value.isValid() && value.metaType() == typedTextureMetaType();
-    if (value.metaType() == wanted || !(isNullTexture || liveKindOf(address) == LiveKind::Texture))
+    QObject *object = objectIn(value);
+    const bool isNullTexture = !object && value.isValid() && value.metaType() == typedTextureMetaType();
+    if (value.metaType() == wanted || !(isNullTexture || liveKindOf(object) == LiveKind::Texture))
         return value;
-    QVariant converted = value;
+    QVariant converted = QVariant::fromValue(object);
     converted.convert(wanted);
     return converted;
 }

@@ -104,7 +104,7 @@ bool isObject(const QVariant &value, LiveKind kind)
     if (type == QMetaType(QMetaType::Nullptr))
         return true;
     if (!(type.flags() & (QMetaType::IsPointer | QMetaType::PointerToQObject)))
-        return false;
+        return isGuarded(type) && (!objectIn(value) || liveKindOf(objectIn(value)) == kind);
     if (QByteArrayView(type.name()).startsWith("const "))
         return false;
     const void *object = *static_cast<const void *const *>(value.constData());

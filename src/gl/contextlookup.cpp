@@ -4,6 +4,8 @@
 #include "gl/contextstate.h"
 #include "gl/loadedlibrary.h"
 
+#include <atomic>
+
 namespace Brevane::Kvo {
 
 NativeContext NativeContext::current()
@@ -24,6 +26,22 @@ ThreadContext &threadContext()
 {
     thread_local ThreadContext context;
     return context;
+}
+
+namespace {
+
+std::atomic<quint64> epoch = 0;
+
+} // namespace
+
+quint64 lookUpEpoch()
+{
+    return epoch.load(std::memory_order_acquire);
+}
+
+void outdateLookUps()
+{
+    epoch.fetch_add(1, std::memory_order_release);
 }
 
 ContextScope::ContextScope()

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <QtGlobal>
+
 namespace Brevane::Kvo {
 
 class ContextState;
@@ -19,6 +21,7 @@ struct LastLookUp
     NativeContext native;
     ContextState *state = nullptr;
     bool holds = false; ///< For the rest of the outermost ContextScope.
+    quint64 epoch = 0; ///< See lookUpEpoch.
 };
 
 /// What a thread knows of its current context; one variable, since finding a thread's costs more than reading it.
@@ -35,5 +38,11 @@ struct ThreadContext
 };
 
 ThreadContext &threadContext();
+
+/// The number of times that look-ups of all threads became outdated: a deletion was put off, which the next full one
+/// carries out, or a context went. Objects and contexts may go in another thread than they are used in.
+quint64 lookUpEpoch();
+/// Once more.
+void outdateLookUps();
 
 } // namespace Brevane::Kvo

@@ -54,14 +54,15 @@ ContextState *ContextState::current()
     if (thread.openScopes > 0 && thread.last.holds)
         return thread.last.state;
     const NativeContext native = NativeContext::current();
-    if (native == thread.last.native) {
+    const quint64 epoch = lookUpEpoch();
+    if (native == thread.last.native && epoch == thread.last.epoch) {
         thread.last.holds = true;
         return thread.last.state;
     }
     // What is called on the way finds no context.
-    thread.last = {native, nullptr, true};
+    thread.last = {native, nullptr, true, epoch};
     ContextState *state = native.handle ? lookUp(native) : nullptr;
-    thread.last = {native, state, true};
+    thread.last = {native, state, true, epoch};
     if (state)
         state->deletePending();
     return state;
@@ -76,7 +77,7 @@ ContextState *ContextState::lookUp(NativeContext native)
         return known->second.data();
     // The host destroyed that context without telling, and another one got its handle.
     known->second->release(false);
-    threadContext().last = {native, nullptr, true};
+    threadContext().last = {native, nullptr, true, lookUpEpoch()};
     return make(native);
 }
 
@@ -171,6 +172,7 @@ void ContextState::release(bool contextIsAlive)
         group->release();
     device->_state = nullptr;
     threadContext().last = {};
+    outdateLookUps();
     // Last: this may destroy the state itself, and with it its share group.
     registry().erase(_native.handle);
 }

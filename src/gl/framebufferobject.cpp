@@ -151,6 +151,8 @@ bool attachTo(FramebufferObject *fbo, FramebufferPrivate *d, const Attachment &a
     // A texture that the driver could not make keeps its place, which readers of the framebuffer count on, and so does
     // any in a framebuffer that it could not make.
     const bool isThere = isUsableHere(attachment.texture);
+    if (attachment.texture && attachment.texture->target() == GL_TEXTURE_BUFFER)
+        return false; // a view of a buffer, which nothing is drawn to
     if (d->external || !(isThere || (attachment.texture && isFallingShort(attachment.texture))))
         return false;
     const bool mustBind = !d->isBoundForDrawing();

@@ -46,6 +46,7 @@ void deleteLater(NameStore &names, NameKind kind, unsigned int name)
 {
     names.destroyLater(kind, name);
     threadContext().last = {};
+    outdateLookUps();
 }
 
 } // namespace

@@ -230,6 +230,10 @@ GLSLMacroProcessor::~GLSLMacroProcessor() = default;
 
 void GLSLMacroProcessor::addDefine(const QString &name, const QString &value)
 {
+    if (name.isEmpty()) {
+        qWarning("GLSLMacroProcessor::addDefine: a definition without a name is left out");
+        return;
+    }
     const auto old = std::find_if(_defines.begin(), _defines.end(), [&](const auto &d) { return d.first == name; });
     if (old != _defines.end())
         old->second = value;

@@ -1,20 +1,10 @@
 #include "gl/guards.h"
 
+#include "gl/hoststate.h"
+
 #include <epoxy/gl.h>
 
 namespace Brevane::Kvo {
-
-namespace {
-
-void setCapability(unsigned int capability, bool enabled)
-{
-    if (enabled)
-        glEnable(capability);
-    else
-        glDisable(capability);
-}
-
-} // namespace
 
 Bindable::~Bindable() = default;
 
@@ -31,24 +21,24 @@ AutoBinder::~AutoBinder()
         _bindable->unbind();
 }
 
-AutoEnabler::AutoEnabler(unsigned int capability) : _capability(capability), _wasEnabled(glIsEnabled(capability))
+AutoEnabler::AutoEnabler(unsigned int capability) : _capability(capability), _before(switchesOf(capability))
 {
     glEnable(capability);
 }
 
 AutoEnabler::~AutoEnabler()
 {
-    setCapability(_capability, _wasEnabled);
+    setSwitches(_capability, _before);
 }
 
-AutoDisabler::AutoDisabler(unsigned int capability) : _capability(capability), _wasEnabled(glIsEnabled(capability))
+AutoDisabler::AutoDisabler(unsigned int capability) : _capability(capability), _before(switchesOf(capability))
 {
     glDisable(capability);
 }
 
 AutoDisabler::~AutoDisabler()
 {
-    setCapability(_capability, _wasEnabled);
+    setSwitches(_capability, _before);
 }
 
 } // namespace Brevane::Kvo

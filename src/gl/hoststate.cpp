@@ -658,6 +658,29 @@ void setFirstViewport(const float (&rectangle)[4])
     writeViewport(numbers);
 }
 
+quint32 switchesOf(unsigned int capability)
+{
+    double bits = 0.0;
+    if (capability == GL_BLEND)
+        readSwitches<GL_BLEND, kDrawBuffers>(&bits);
+    else if (capability == GL_SCISSOR_TEST && hasViewportArrays())
+        readSwitches<GL_SCISSOR_TEST, kViewports>(&bits);
+    else
+        bits = glIsEnabled(capability);
+    return quint32(bits);
+}
+
+void setSwitches(unsigned int capability, quint32 bits)
+{
+    const double value = bits;
+    if (capability == GL_BLEND && bits != (1u << kDrawBuffers) - 1)
+        writeSwitches<GL_BLEND, kDrawBuffers>(&value);
+    else if (capability == GL_SCISSOR_TEST)
+        writeScissorTest(&value);
+    else
+        setCapability(capability, bits != 0);
+}
+
 void setFirstScissorTest(bool on)
 {
     if (!hasViewportArrays())

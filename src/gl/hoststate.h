@@ -99,6 +99,11 @@ KVO_GL_EXPORT bool hasStatePiece(StatePiece piece);
 /// The numbers of a piece that is a value of the context, in GL's order.
 KVO_GL_EXPORT std::vector<double> valueOf(StatePiece piece);
 
+/// Whether a capability is enabled, a bit for each draw buffer or viewport where it is theirs.
+quint32 switchesOf(unsigned int capability);
+/// Sets it so.
+void setSwitches(unsigned int capability, quint32 bits);
+
 /// Sets the viewport that passes draw with and leaves the further ones, where a context has several.
 KVO_GL_EXPORT void setFirstViewport(const float (&rectangle)[4]);
 /// The scissor test of the viewport that passes draw with, and no other's.

@@ -57,13 +57,18 @@ constexpr ManagedSource managedSource(ManagedKind kind)
 }
 
 // Making a shader of a stage that the context lacks is an error of GL.
+constexpr GLint kCertainDrawBuffers = 8; // every context has them
+
 bool hasStage(int stage)
 {
     switch (stage) {
     case GL_TESS_CONTROL_SHADER:
     case GL_TESS_EVALUATION_SHADER: return hasGLExtension("GL_ARB_tessellation_shader");
     case GL_COMPUTE_SHADER: return hasGLExtension("GL_ARB_compute_shader");
-    default: return true;
+    case GL_VERTEX_SHADER:
+    case GL_GEOMETRY_SHADER:
+    case GL_FRAGMENT_SHADER: return true;
+    default: return false; // no stage at all
     }
 }
 
@@ -429,7 +434,10 @@ bool ShaderProgram::linkPre()
     const QStringList &shared = sharedAttributeNames();
     for (qsizetype i = 0; i < shared.size(); ++i)
         glBindAttribLocation(program, GLuint(i), shared[i].toLatin1().constData());
-    for (qsizetype i = 0; i < d->fragDataLocations.size(); ++i)
+    GLint drawBuffers = kCertainDrawBuffers;
+    if (d->fragDataLocations.size() > drawBuffers)
+        glGetIntegerv(GL_MAX_DRAW_BUFFERS, &drawBuffers);
+    for (qsizetype i = 0; i < std::min(d->fragDataLocations.size(), qsizetype(drawBuffers)); ++i)
         glBindFragDataLocation(program, GLuint(i), d->fragDataLocations[i].toLatin1().constData());
     glLinkProgram(program);
     return true;

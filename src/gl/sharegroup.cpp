@@ -13,10 +13,11 @@ namespace Brevane::Kvo {
 
 namespace {
 
+// Never destroyed: objects of static lifetime look for theirs after everything else.
 std::vector<QWeakPointer<ShareGroup>> &shareGroups()
 {
-    static std::vector<QWeakPointer<ShareGroup>> groups;
-    return groups;
+    static auto *groups = new std::vector<QWeakPointer<ShareGroup>>;
+    return *groups;
 }
 
 /// Binds a buffer for its scope; the copy targets are their own query.

@@ -27,15 +27,6 @@ namespace {
 
 constexpr int kMostLayersToCullTo = 8;
 
-InstanceDataCollection *instanceDataIn(const QVariant &value)
-{
-    // Any pointer to a QObject, which may be gone.
-    QObject *object = value.metaType().flags() & QMetaType::PointerToQObject
-                          ? *static_cast<QObject *const *>(value.constData())
-                          : nullptr;
-    return liveKindOf(object) == LiveKind::InstanceData ? static_cast<InstanceDataCollection *>(object) : nullptr;
-}
-
 Texture *makeArray(const char *label, GLint filter, GLenum internalFormat, GLenum format, const QSize &size, int layers)
 {
     auto *texture = new Texture(nullptr);
@@ -192,14 +183,14 @@ void cullToLayers(GPUModel &model, const ShadowMapRenderData &record, int firstL
 void bindInstanceData(const QVariantList &list, ShaderProgram *program)
 {
     for (const QVariant &entry : list)
-        if (InstanceDataCollection *data = instanceDataIn(entry))
+        if (InstanceDataCollection *data = liveObjectIn<InstanceDataCollection>(entry, LiveKind::InstanceData))
             data->bind(program, nullptr);
 }
 
 void unbindInstanceData(const QVariantList &list, ShaderProgram *program)
 {
     for (const QVariant &entry : list)
-        if (InstanceDataCollection *data = instanceDataIn(entry))
+        if (InstanceDataCollection *data = liveObjectIn<InstanceDataCollection>(entry, LiveKind::InstanceData))
             data->unbind(program, nullptr);
 }
 

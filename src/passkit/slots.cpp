@@ -38,12 +38,6 @@ T *typedPointer(const QVariant &value)
     return value.metaType() == QMetaType::fromType<T *>() ? *static_cast<T *const *>(value.constData()) : nullptr;
 }
 
-QObject *objectIn(const QVariant &value)
-{
-    return value.metaType() == QMetaType(QMetaType::QObjectStar) ? *static_cast<QObject *const *>(value.constData())
-                                                                 : nullptr;
-}
-
 } // namespace
 
 bool hasValue(const QVariant &value)

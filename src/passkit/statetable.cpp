@@ -114,6 +114,7 @@ const std::vector<StateRow> &stateTable()
     static const char *const kClearing = "without a texture";
     static const char *const kWithStencil = "with a stencil";
     static const char *const kWithCasters = "with casters";
+    static const char *const kWithCulled = "with casters that are culled";
     static const char *const kFirst = "after a change";
     static const char *const kMean = "in a still view";
     static const char *const kWithSource = "with a source";
@@ -172,12 +173,12 @@ const std::vector<StateRow> &stateTable()
                blendFunction(GL_ONE_MINUS_SRC_ALPHA, GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA, GL_SRC_ALPHA), kWithModel)},
          {P::BlendEquation}},
         {"ShadowMapRenderPass",
-         with({clearColor(1e9, 1e9, 1e9, 1), off(P::Blending, kWithCasters), off(P::FaceCulling, kWithCasters),
-               off(P::DepthClamp, kWithCasters), depthMask(true, kWithCasters)},
+         with({clearColor(1e9, 1e9, 1e9, 1), off(P::Blending, kWithCasters), off(P::DepthClamp, kWithCasters),
+               depthMask(true, kWithCasters), off(P::FaceCulling, kWithCulled)},
               viewportLeft("the size of the maps", kWithCasters))},
         {"ShadowMapRenderPass2",
-         {clearColor(1e9, 1e9, 1e9, 1), off(P::Blending, kWithCasters), off(P::FaceCulling, kWithCasters),
-          off(P::DepthClamp, kWithCasters), depthMask(true, kWithCasters), colorMaskOpen(kWithCasters)}},
+         {clearColor(1e9, 1e9, 1e9, 1), off(P::Blending, kWithCasters), off(P::DepthClamp, kWithCasters),
+          depthMask(true, kWithCasters), colorMaskOpen(kWithCasters), off(P::FaceCulling, kWithCulled)}},
         {"CameraJitterPass", {}},
         {"TemporalAARenderPass", with({off(P::DepthTest, kWithFrame), depthMask(true, kWithFrame),
                                        off(P::Blending, kWithFrame), clearColor(0, 0, 0, 0, kFirst),

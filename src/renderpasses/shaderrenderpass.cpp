@@ -255,8 +255,16 @@ void ShaderRenderPass::start(RenderCallbacks *)
     const int targets = drawableTargets(int(_textureOutputs.size()));
     for (int t = 0; t < targets; ++t)
         _fbo->attach(tempTexture(TextureFormat::Result, extent), GL_COLOR_ATTACHMENT0 + GLenum(t), 0);
-    if (!_program)
+    if (!_program) {
         _buildProgram();
+        if (targets < _textureOutputs.size()) {
+            const HostCode hostCode;
+            qWarning("ShaderRenderPass '%s': the driver draws to %d of %d outputs at a time; '%s' and those behind it "
+                     "stay empty",
+                     qPrintable(_name), targets, int(_textureOutputs.size()),
+                     qPrintable(outputName(_textureOutputs[targets])));
+        }
+    }
     if (!geometry)
         fetchOnce(_quad, Quad::Gradient, _program);
 

@@ -352,7 +352,6 @@ ShadowMapRenderPass::ShadowMapRenderPass() : _macroProcessor(new GLSLMacroProces
     addInput(QStringLiteral("Kvo_QSize_MapSize"), QSize(512, 512), kMapSize);
     addOutput(QStringLiteral("Kvo_QVariant_ShadowMapData"), 0);
     _macroProcessor->addIncludePath(QStringLiteral(":/Media/Shaders"));
-    DrawBuffers::setup(_macroProcessor);
     describe(kInfo);
 }
 
@@ -431,6 +430,7 @@ void ShadowMapRenderPass::start(RenderCallbacks *)
         wrapToNoDepth();
     }
     if (!_depthProgram) {
+        DrawBuffers::setup(_macroProcessor); // asks the context
         _depthProgram = buildProgram({QStringLiteral("ShadowMapRenderPass"),
                                       {QStringLiteral("out_fragDepth")},
                                       {{GL_VERTEX_SHADER, ShaderSource::Text, kVertexShader.arg(_instanceDataPlanName)},
@@ -449,7 +449,9 @@ void ShadowMapRenderPass::start(RenderCallbacks *)
     const bool drawn = !_mapSize.isEmpty() && (hasNoCasters(model) ? _clearMaps() : _drawMaps(model, instanceData));
     Texture *result = _shadowMapArray;
     if (!hasNoCasters(model))
-        neutral.leave({StatePiece::Blending, StatePiece::FaceCulling, StatePiece::DepthClamp, StatePiece::DepthMask});
+        neutral.leave({StatePiece::Blending, StatePiece::DepthClamp, StatePiece::DepthMask});
+    if (drawn && casterGroupsOf(*model).culled)
+        neutral.leave({StatePiece::FaceCulling});
     if (drawn)
         result = _gaussBlurShadowMapArray(_mapSize, FilterType(qvariant_cast<int>(_inputs[kFilterType].value)), 1);
     _renderData.setProjectionTexture(result);

@@ -519,8 +519,9 @@ void ShadowMapRenderPass2::start(RenderCallbacks *)
                 drawn = _drawCasters(model, instanceData);
         }
         if (drawn) {
-            neutral.leave({StatePiece::Blending, StatePiece::FaceCulling, StatePiece::DepthClamp, StatePiece::DepthMask,
-                           StatePiece::ColorMask});
+            neutral.leave({StatePiece::Blending, StatePiece::DepthClamp, StatePiece::DepthMask, StatePiece::ColorMask});
+            if (casterGroupsOf(*model).culled)
+                neutral.leave({StatePiece::FaceCulling});
             _blurShadowMapArray(_mapSize, FilterType(qvariant_cast<int>(_inputs[kFilterType].value)));
         }
     }

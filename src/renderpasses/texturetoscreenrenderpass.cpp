@@ -23,6 +23,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
 
 using namespace Qt::StringLiterals;
 
@@ -104,6 +105,15 @@ Rectangles rectanglesOf(RenderPassHelper &pass, int slot, const QRect &viewport)
     return rectangles;
 }
 
+// What can be attached of a texture: nothing of a view of a buffer.
+unsigned int attachableName(RenderPassHelper &pass, int slot, Texture *texture)
+{
+    if (texture->target() != GL_TEXTURE_BUFFER)
+        return texture->textureID();
+    pass.reportInput(slot, u"is a view of a buffer, which is neither read nor drawn to; nothing is copied"_s);
+    return 0;
+}
+
 // The GL name, which exists from the first bind in a context on.
 unsigned int nameOf(FramebufferObject *framebuffer)
 {
@@ -120,7 +130,7 @@ bool isDefault(const FramebufferObject &framebuffer)
 }
 
 // Height is compared with the source's width on purpose: a source that is not square filters linearly
-// even at its own size.
+// even at its own size. Integers cannot be filtered.
 GLenum blitFilter(bool linear, const QRect &source, const QRect &destination)
 {
     const bool scales = destination.width() != source.width() || destination.height() != source.width();
@@ -139,29 +149,43 @@ bool isComplete(GLenum target)
     return glCheckFramebufferStatus(target) == GL_FRAMEBUFFER_COMPLETE;
 }
 
+// What a side of a copy holds. GL copies between sides of one kind only, but for Nothing, which it passes over.
+enum class Numbers { Nothing, Floats, Integers, Unsigned };
+
 // What GL asks about both sides of a copy.
 struct BlitSide
 {
-    bool hasIntegers = false;
+    Numbers numbers = Numbers::Floats;
     GLint samples = 0;
+
+    bool canFilter() const { return numbers != Numbers::Integers && numbers != Numbers::Unsigned; }
 };
 
-bool hasIntegers(GLenum framebuffer)
+Numbers numbersIn(GLenum framebuffer)
 {
-    GLint type = GL_FLOAT;
-    glGetFramebufferAttachmentParameteriv(framebuffer, GL_COLOR_ATTACHMENT0, GL_FRAMEBUFFER_ATTACHMENT_COMPONENT_TYPE,
-                                          &type);
-    return type == GL_INT || type == GL_UNSIGNED_INT;
+    GLint value = GL_NONE;
+    const auto ask = [&](GLenum question) {
+        glGetFramebufferAttachmentParameteriv(framebuffer, GL_COLOR_ATTACHMENT0, question, &value);
+        return value;
+    };
+    if (ask(GL_FRAMEBUFFER_ATTACHMENT_OBJECT_TYPE) == GL_NONE)
+        return Numbers::Nothing;
+    switch (ask(GL_FRAMEBUFFER_ATTACHMENT_COMPONENT_TYPE)) {
+    case GL_INT: return Numbers::Integers;
+    case GL_UNSIGNED_INT: return Numbers::Unsigned;
+    default: return Numbers::Floats;
+    }
 }
 
 // Of the texture that is attached to the framebuffer for reading.
 BlitSide sourceOf(Texture *texture)
 {
-    BlitSide side{hasIntegers(GL_READ_FRAMEBUFFER)};
-    if (texture->target() == GL_TEXTURE_2D_MULTISAMPLE) {
+    BlitSide side{numbersIn(GL_READ_FRAMEBUFFER)};
+    const GLenum target = texture->target();
+    if (target == GL_TEXTURE_2D_MULTISAMPLE || target == GL_TEXTURE_2D_MULTISAMPLE_ARRAY) {
         const AutoBinder bound(texture);
         settleActiveUnit();
-        glGetTexLevelParameteriv(GL_TEXTURE_2D_MULTISAMPLE, 0, GL_TEXTURE_SAMPLES, &side.samples);
+        glGetTexLevelParameteriv(target, 0, GL_TEXTURE_SAMPLES, &side.samples);
     }
     return side;
 }
@@ -169,15 +193,22 @@ BlitSide sourceOf(Texture *texture)
 BlitSide targetNow()
 {
     BlitSide side;
-    side.hasIntegers = boundFramebuffer(GL_DRAW_FRAMEBUFFER) != 0 && hasIntegers(GL_DRAW_FRAMEBUFFER);
+    if (boundFramebuffer(GL_DRAW_FRAMEBUFFER) != 0)
+        side.numbers = numbersIn(GL_DRAW_FRAMEBUFFER);
     glGetIntegerv(GL_SAMPLES, &side.samples);
     return side;
+}
+
+// A rectangle that is mirrored has sides below 0.
+bool haveSameSize(const QRect &a, const QRect &b)
+{
+    return std::abs(a.width()) == std::abs(b.width()) && std::abs(a.height()) == std::abs(b.height());
 }
 
 bool canBlit(const BlitSide &from, const BlitSide &to, bool hasSameSize)
 {
     const bool bothSampled = from.samples > 0 && to.samples > 0;
-    return from.hasIntegers == to.hasIntegers && (hasSameSize || (from.samples == 0 && to.samples == 0))
+    return from.numbers == to.numbers && (hasSameSize || (from.samples == 0 && to.samples == 0))
            && (!bothSampled || from.samples == to.samples);
 }
 
@@ -260,7 +291,8 @@ void TextureToScreenRenderPass::start(RenderCallbacks *)
 
     if (textureOut) {
         bindFramebufferNow(GL_DRAW_FRAMEBUFFER, nameOf(_drawFbo));
-        glFramebufferTexture(GL_DRAW_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, textureOut->textureID(), 0);
+        glFramebufferTexture(GL_DRAW_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, attachableName(*this, kTextureOut, textureOut),
+                             0);
         glDrawBuffer(GL_COLOR_ATTACHMENT0);
     } else if (framebufferOut && !isDefault(*framebufferOut) && nameOf(framebufferOut) != 0) {
         bindFramebufferNow(GL_DRAW_FRAMEBUFFER, framebufferOut->getFBO());
@@ -289,7 +321,7 @@ void TextureToScreenRenderPass::copy(Texture *texture, std::span<const QRect> so
     const bool linear = qvariant_cast<bool>(_inputs[kLinearFilter].value);
     made(_readFbo, "TextureToScreenRenderPass source");
     bindFramebufferNow(GL_READ_FRAMEBUFFER, nameOf(_readFbo));
-    glFramebufferTexture(GL_READ_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, texture->textureID(), 0);
+    glFramebufferTexture(GL_READ_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, attachableName(*this, kTexture, texture), 0);
     glReadBuffer(GL_COLOR_ATTACHMENT0);
     const std::array states{glCheckFramebufferStatus(GL_READ_FRAMEBUFFER),
                             glCheckFramebufferStatus(GL_DRAW_FRAMEBUFFER)};
@@ -298,16 +330,19 @@ void TextureToScreenRenderPass::copy(Texture *texture, std::span<const QRect> so
         const BlitSide from = sourceOf(texture), to = targetNow();
         bool isWhole = true;
         for (std::size_t i = 0; i < destinations.size(); ++i) {
-            const bool isPossible = canBlit(from, to, sources[i].size() == destinations[i].size());
+            const bool isPossible = canBlit(from, to, haveSameSize(sources[i], destinations[i]));
             isWhole = isWhole && isPossible;
             if (isPossible)
-                blit(sources[i], destinations[i], blitFilter(linear, sources[i], destinations[i]));
+                blit(sources[i], destinations[i], blitFilter(linear && from.canFilter(), sources[i], destinations[i]));
         }
         if (isWhole)
             acceptInput(kTexture);
+        else if (to.numbers == Numbers::Nothing)
+            reportInput(kTexture,
+                        u"cannot be copied to the target, which has no colour attachment 0; it is left out"_s);
         else
-            reportInput(kTexture, u"cannot be copied to the target: one has integers and the other has not, or samples "
-                                  "do not match; it is left out"_s);
+            reportInput(kTexture, u"cannot be copied to the target: one has integers and the other has not, or has "
+                                  "unsigned ones, or samples do not match; it is left out"_s);
     } else if (has(GL_FRAMEBUFFER_UNSUPPORTED)) {
         reportInput(kTexture, u"cannot be copied to the target: the driver supports no such framebuffer; it is left "
                               "out"_s);

@@ -240,6 +240,8 @@ void VisibilityDeferredRenderPass::start(RenderCallbacks *)
     const int nodeBufferWidth = nodeBufferWidthOf(*this, kNodeBufferWidth);
     GPUModel *model = modelOf(_inputs[kGeometry].value);
     DrawBuffers *geometry = model ? model->drawBuffers(0) : nullptr;
+    if (geometry && !geometry->isUsable())
+        geometry = nullptr; // of another share group, say
 
     // Views of another share group read as null, and those that the driver could not make.
     if (std::any_of(_bufferTextures.cbegin(), _bufferTextures.cend(), [](const Held<Texture> &view) { return !view; }))

@@ -47,11 +47,7 @@ Texture *ShadowMapRenderData::projectionTexture() const
 
 ShadowMapRenderData *ShadowMapRenderData::fromVariant(const QVariant &value)
 {
-    QObject *object = nullptr;
-    if (value.metaType() == QMetaType(QMetaType::QObjectStar)
-        || value.metaType() == QMetaType::fromType<ShadowMapRenderData *>())
-        object = *static_cast<QObject *const *>(value.constData());
-    return liveKindOf(object) == LiveKind::Record ? static_cast<ShadowMapRenderData *>(object) : nullptr;
+    return liveObjectIn<ShadowMapRenderData>(value, LiveKind::Record);
 }
 
 } // namespace Brevane::Kvo

@@ -6,6 +6,8 @@
 
 #include <epoxy/gl.h>
 
+#include <optional>
+
 namespace Brevane::Kvo {
 
 using namespace Test;
@@ -135,6 +137,46 @@ TEST_F(GuardsTest, CapabilityGuardPutsBackWhatItFoundAlsoWhenChangedInside)
         glEnable(GL_SCISSOR_TEST);
     }
     EXPECT_FALSE(glIsEnabled(GL_SCISSOR_TEST));
+}
+
+// Blending is a switch per draw buffer, the scissor test one per viewport where a context has several.
+TEST_F(GuardsTest, CapabilityGuardsPutBackEverySwitchOfACapability)
+{
+    const bool hasViewports = epoxy_gl_version() >= 41 || epoxy_has_gl_extension("GL_ARB_viewport_array");
+    for (const GLenum capability : {GLenum(GL_BLEND), GLenum(GL_SCISSOR_TEST)}) {
+        const GLuint count = capability == GL_BLEND ? 8 : hasViewports ? 16 : 1;
+        for (const unsigned bits : {0u, 1u, 4u, 0x80u, 0xfeu, 0xffffu}) {
+            const auto wanted = [&](GLuint i) { return bool(bits >> i & 1u); };
+            const auto set = [&] {
+                for (GLuint i = 0; i < count; ++i) {
+                    if (capability == GL_SCISSOR_TEST && !hasViewports)
+                        wanted(0) ? glEnable(capability) : glDisable(capability);
+                    else
+                        wanted(i) ? glEnablei(capability, i) : glDisablei(capability, i);
+                }
+            };
+            const auto is = [&](GLuint i) {
+                return bool(count == 1 ? glIsEnabled(capability) : glIsEnabledi(capability, i));
+            };
+            for (const bool enables : {true, false}) {
+                set();
+                std::optional<AutoEnabler> on;
+                std::optional<AutoDisabler> off;
+                if (enables)
+                    on.emplace(capability);
+                else
+                    off.emplace(capability);
+                for (GLuint i = 0; i < count; ++i)
+                    EXPECT_EQ(is(i), enables) << std::hex << capability << ", " << bits << ", " << i;
+                on.reset();
+                off.reset();
+                for (GLuint i = 0; i < count; ++i)
+                    EXPECT_EQ(is(i), wanted(i)) << std::hex << capability << ", " << bits << ", " << i;
+            }
+        }
+        glDisable(capability);
+    }
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
 }
 
 } // namespace Brevane::Kvo

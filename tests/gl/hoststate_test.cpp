@@ -81,9 +81,17 @@ ModelData modelData()
 class Shared
 {
 public:
-    Shared() { EXPECT_TRUE(model.upload(modelData())); }
+    Shared()
+    {
+        ModelData data = modelData();
+        EXPECT_TRUE(model.upload(data));
+        for (ModelItem &item : data.items)
+            item.flags |= 1ull << 60;
+        EXPECT_TRUE(unculled.upload(data));
+    }
 
     GPUModel model;
+    GPUModel unculled;
     std::unique_ptr<RenderPass> shadows;
     std::unique_ptr<VisibilityBufferRenderPass> record;
     std::vector<ListNode> nodes; // as they were recorded
@@ -198,6 +206,12 @@ Inputs withCamera(Inputs more)
 QVariant modelOf(Scene &scene)
 {
     return QVariant::fromValue(&scene.model);
+}
+
+// Casters of which shadow maps get both faces.
+QVariant unculledOf(Scene &scene)
+{
+    return QVariant::fromValue(&scene.shared.unculled);
 }
 
 Inputs shadowInputs(Scene &scene, bool withModel)
@@ -455,11 +469,31 @@ const std::vector<Road> &roads()
              return withCamera(inputs);
          }},
         {"TransparencyRenderPass", nullptr, {"with a model"}, sceneModel},
-        {"ShadowMapRenderPass", "Casters", {"with casters"}, [](Scene &s) { return shadowInputs(s, true); }},
+        {"ShadowMapRenderPass",
+         "Casters",
+         {"with casters", "with casters that are culled"},
+         [](Scene &s) { return shadowInputs(s, true); }},
+        {"ShadowMapRenderPass",
+         "UnculledCasters",
+         {"with casters"},
+         [](Scene &s) {
+             Inputs inputs = shadowInputs(s, true);
+             inputs.front().second = unculledOf(s);
+             return inputs;
+         }},
         {"ShadowMapRenderPass", "NoCasters", {}, [](Scene &s) { return shadowInputs(s, false); }},
         {"ShadowMapRenderPass2",
-         "Casters",
+         "UnculledCasters",
          {"with casters"},
+         [](Scene &s) {
+             Inputs inputs = shadowInputs(s, true);
+             inputs.front().second = unculledOf(s);
+             inputs.emplace_back("Kvo_bool_Dirty", true);
+             return inputs;
+         }},
+        {"ShadowMapRenderPass2",
+         "Casters",
+         {"with casters", "with casters that are culled"},
          [](Scene &s) {
              Inputs inputs = shadowInputs(s, true);
              inputs.emplace_back("Kvo_bool_Dirty", true);

@@ -36,8 +36,11 @@
 #include <shadows/shadowmaprenderdata.h>
 
 #include <QColor>
+#include <QCoreApplication>
 #include <QImage>
 #include <QPointer>
+#include <QProcess>
+#include <QSharedPointer>
 #include <QTemporaryDir>
 
 #include <epoxy/gl.h>
@@ -45,6 +48,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <random>
@@ -783,6 +787,119 @@ TEST_P(EverySlotLives, SlotsThatNameWhatIsGoneReadAsEmpty)
                 }
             }
         });
+    }
+}
+
+TEST_P(EverySlotLives, ModelsOfAnotherShareGroupAreDrawnByNobodyAndRaiseNoError)
+{
+    const std::vector<InputRow> all = inputs();
+    Home other;
+    auto foreign = std::make_unique<GPUModel>();
+    ASSERT_TRUE(other.enter());
+    ASSERT_TRUE(foreign->upload(quadScene()));
+    ASSERT_TRUE(main->enter());
+    for (size_t i = 0; i < all.size(); ++i) {
+        if (all[i].type != QMetaType::fromType<GPUModel *>())
+            continue;
+        const MessageCapture messages;
+        const auto pass = make(*main);
+        pass->setInput(int(i), QVariant::fromValue(foreign.get()));
+        frame(*pass, *main);
+        EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR)) << all[i].name;
+        pass->setInput(int(i), right(all[i], *main));
+        EXPECT_EQ(frame(*pass, *main), want) << all[i].name;
+    }
+    before = settledObjects(); // what stands in for what is missing stays with the manager
+    ASSERT_TRUE(other.enter());
+    foreign.reset();
+}
+
+// A host's passes may be static, and end behind everything of the library's.
+
+namespace {
+
+std::vector<std::unique_ptr<RenderPassHelper>> untilTheEnd;
+
+} // namespace
+
+TEST_P(EveryPassLives, DISABLED_UntilTheProgramEnds)
+{
+    untilTheEnd.push_back(make(*main));
+    EXPECT_EQ(frame(*untilTheEnd.back(), *main), want);
+}
+
+TEST(PassesOfStaticLifetime, EndBehindEverythingElse)
+{
+    QProcess process;
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(QCoreApplication::applicationFilePath(),
+                  {QStringLiteral("--gtest_also_run_disabled_tests"),
+                   QStringLiteral("--gtest_filter=*.DISABLED_UntilTheProgramEnds/*")});
+    ASSERT_TRUE(process.waitForFinished(300000));
+    const QByteArray output = process.readAll();
+    // It tells that objects are left behind, as they are to be, and so does not end with 0.
+    EXPECT_EQ(process.exitStatus(), QProcess::NormalExit) << output.right(3000).constData();
+    EXPECT_TRUE(output.contains(QByteArray::number(int(allPassCases().size())) + " tests from 1 test suite ran"))
+        << output.right(3000).constData();
+}
+
+// The pointers that a host may put into a slot: to a class that it derived, and Qt's own, guarded and shared.
+
+namespace {
+
+class HostTexture : public Texture
+{};
+class HostFramebuffer : public FramebufferObject
+{};
+
+// What holds an object in another form; invalid where there is no such form.
+const std::vector<std::pair<const char *, std::function<QVariant(QObject *)>>> &pointerForms()
+{
+    static const std::vector<std::pair<const char *, std::function<QVariant(QObject *)>>> forms{
+        {"QPointer<QObject>", [](QObject *object) { return QVariant::fromValue(QPointer<QObject>(object)); }},
+        {"QSharedPointer<QObject>",
+         [](QObject *object) { return QVariant::fromValue(QSharedPointer<QObject>(object, [](QObject *) {})); }},
+        {"QPointer<Texture>",
+         [](QObject *object) {
+             auto *texture = qobject_cast<Texture *>(object);
+             return texture ? QVariant::fromValue(QPointer<Texture>(texture)) : QVariant();
+         }},
+        {"pointer to a class of the host's",
+         [](QObject *object) {
+             // Nothing is asked of it as such, so it need not be one.
+             if (qobject_cast<Texture *>(object))
+                 return QVariant::fromValue(static_cast<HostTexture *>(object));
+             if (qobject_cast<FramebufferObject *>(object))
+                 return QVariant::fromValue(static_cast<HostFramebuffer *>(object));
+             return QVariant();
+         }},
+    };
+    return forms;
+}
+
+} // namespace
+
+TEST_P(EveryPassLives, TakesObjectsByAnyPointerThatQtTakesForOne)
+{
+    for (const auto &[name, inForm] : pointerForms()) {
+        SCOPED_TRACE(name);
+        const MessageCapture messages;
+        const auto pass = make(*main);
+        bool isWired = false;
+        for (int i = 0; i < pass->numInputs(); ++i) {
+            const QVariant value = pass->inputValue(i);
+            if (!(value.metaType().flags() & QMetaType::PointerToQObject))
+                continue;
+            const QVariant other = inForm(*static_cast<QObject *const *>(value.constData()));
+            if (!other.isValid() || qvariant_cast<QObject *>(value) == nullptr)
+                continue;
+            pass->setInput(i, other);
+            isWired = true;
+        }
+        if (isWired) {
+            EXPECT_EQ(frame(*pass, *main), want);
+            EXPECT_EQ(messages.texts(QtWarningMsg), QStringList());
+        }
     }
 }
 

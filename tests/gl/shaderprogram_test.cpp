@@ -176,6 +176,17 @@ TEST_F(ShaderProgramTest, ColourIsTakenAsItIsWhateverItsModel)
     EXPECT_NEAR(color[3], 0.5, 1e-4);
 }
 
+TEST_F(ShaderProgramTest, AStageThatGLDoesNotKnowIsSaidWithoutAskingGL)
+{
+    for (const int stage : {0, 5, -1, int(GL_TEXTURE_2D)}) {
+        ShaderProgram program;
+        program.addShader(stage, QStringLiteral("#version 150\nvoid main() {}\n"), QStringLiteral("odd"));
+        EXPECT_FALSE(program.compile());
+        EXPECT_TRUE(program.log().contains(QStringLiteral("the context has no such stage"))) << stage;
+        EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR)) << stage;
+    }
+}
+
 TEST_F(ShaderProgramTest, UniformThatTheProgramLacksIsIgnored)
 {
     const auto program = makeProgram(kPlainFragment);

@@ -514,6 +514,39 @@ TEST_F(ShaderPass, SeveralOutputsAreTargetsInTheirOrder)
     EXPECT_EQ(stateOf(typedOutput(*owned, 0)).internalFormat, unsigned(GL_RGBA16F));
 }
 
+TEST_F(ShaderPass, OutputsBeyondTheDriversDrawBuffersAreSaidAndStayEmpty)
+{
+    GLint most = 0;
+    glGetIntegerv(GL_MAX_DRAW_BUFFERS, &most);
+    ASSERT_LT(most, 30);
+    for (const int count : {int(most), int(most) + 1, 2 * int(most)}) {
+        const MessageCapture messages;
+        ShaderRenderPass pass;
+        pass.setName(s("Many"));
+        for (int i = 0; i < count; ++i)
+            pass.addOutput(s("Kvo_KvoTexture*_O") + QString::number(i));
+        QString source = s("#version 150\nout vec4 o_O0, o_O%1;\nvoid main()\n{\n  o_O0 = vec4(0.25);\n"
+                           "  o_O%1 = vec4(0.5);\n}\n")
+                             .arg(most - 1);
+        pass.setFragmentShaderSource(source);
+        pass.setInput(0, QRect(0, 0, 2, 2));
+        for (int frame = 0; frame < 2; ++frame) {
+            runFrame(pass);
+            EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR)) << count;
+        }
+        EXPECT_EQ(readTexture<float>(typedOutput(pass, 0)).at(0, 0)[0], 0.25f);
+        EXPECT_EQ(readTexture<float>(typedOutput(pass, most - 1)).at(0, 0)[0], 0.5f);
+        for (int i = most; i < count; ++i)
+            EXPECT_FALSE(pass.output(i).isValid()) << i;
+        EXPECT_EQ(messages.texts(QtWarningMsg),
+                  count == most ? QStringList()
+                                : QStringList(s("ShaderRenderPass 'Many': the driver draws to %1 of %2 outputs at a "
+                                                "time; 'Kvo_KvoTexture*_O%1' and those behind it stay empty")
+                                                  .arg(most)
+                                                  .arg(count)));
+    }
+}
+
 TEST_F(ShaderPass, PointsAreDrawnInTheSizeThatTheShaderSays)
 {
     // At the centres of pixels of 8 by 8: (1, 1) of 3 pixels a side, (5, 6) of 1.

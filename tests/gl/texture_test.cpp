@@ -3,11 +3,13 @@
 #include "support/messages.h"
 
 #include <gl/guards.h>
+#include <gl/opengldevicecontext.h>
 #include <gl/texture.h>
 
 #include <epoxy/gl.h>
 
 #include <memory>
+#include <thread>
 #include <vector>
 
 namespace Brevane::Kvo {
@@ -277,6 +279,20 @@ TEST_F(TextureTest, DestroyedWithoutAContextItIsDeletedWhenTheContextIsBack)
     for (const QString &line : GlCalls::liveObjects())
         alive += line.startsWith(QStringLiteral("texture %1 ").arg(name));
     EXPECT_EQ(alive, next->textureID() == name ? 1 : 0);
+}
+
+// A thread that draws nothing may end what another one has drawn with, by turns.
+TEST_F(TextureTest, DestroyedInAnotherThreadItIsDeletedByTheNextUseInItsOwn)
+{
+    auto texture = emptyTexture();
+    texture->bind();
+    texture->unbind();
+    const GLuint name = texture->textureID();
+    std::thread([&] { texture.reset(); }).join();
+    EXPECT_TRUE(glIsTexture(name));
+    ASSERT_TRUE(OpenGLDeviceContext::current());
+    EXPECT_FALSE(glIsTexture(name));
+    EXPECT_EQ(OpenGLDeviceContext::current()->liveObjects().textures, 0);
 }
 
 TEST_F(TextureTest, LabelReachesTheDriverWheneverItIsGiven)

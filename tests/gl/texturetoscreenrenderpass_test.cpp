@@ -2,6 +2,7 @@
 #include "support/draw.h"
 #include "support/gltest.h"
 #include "support/image.h"
+#include "support/messages.h"
 #include "support/passes.h"
 
 #include <gl/framebufferobject.h>
@@ -514,6 +515,185 @@ TEST_F(ScreenPass, AFramebufferThatAnotherContextHasFilledIsATarget)
     ASSERT_TRUE(other.makeCurrent());
     OpenGLDeviceContext::releaseCurrent();
     ASSERT_TRUE(context().makeCurrent());
+}
+
+// What GL refuses to copy is said, and GL is not asked; what it can is copied.
+namespace {
+
+std::unique_ptr<Texture> blankTexture(GLenum target, GLenum format, int samples = 0)
+{
+    auto texture = std::make_unique<Texture>();
+    texture->setTarget(target);
+    EXPECT_TRUE(texture->bind());
+    const bool isDepth = format == GL_DEPTH_COMPONENT24;
+    const bool isWhole = format == GL_RGBA32I || format == GL_RGBA32UI;
+    const GLenum external = isDepth ? GL_DEPTH_COMPONENT : isWhole ? GL_RGBA_INTEGER : GL_RGBA;
+    const std::vector<GLuint> content(kWidth * kHeight * 4, isWhole ? 7 : 0);
+    if (target == GL_TEXTURE_2D_MULTISAMPLE)
+        glTexImage2DMultisample(target, samples, format, kWidth, kHeight, GL_TRUE);
+    else if (target == GL_TEXTURE_2D_MULTISAMPLE_ARRAY)
+        glTexImage3DMultisample(target, samples, format, kWidth, kHeight, 2, GL_TRUE);
+    else
+        glTexImage2D(target, 0, GLint(format), kWidth, kHeight, 0, external,
+                     isDepth                ? GL_FLOAT
+                     : format == GL_RGBA32I ? GL_INT
+                     : isWhole              ? GL_UNSIGNED_INT
+                                            : GL_FLOAT,
+                     content.data());
+    texture->unbind();
+    return texture;
+}
+
+std::vector<GLuint> wholeNumbersOf(Texture &texture)
+{
+    std::vector<GLuint> numbers(kWidth * kHeight * 4);
+    const AutoBinder bound(&texture);
+    glGetTexImage(GL_TEXTURE_2D, 0, GL_RGBA_INTEGER, GL_UNSIGNED_INT, numbers.data());
+    return numbers;
+}
+
+} // namespace
+
+TEST_F(ScreenPass, NumbersOfOneKindAreCopiedAndOfTwoKindsRefused)
+{
+    const GLenum formats[]{GL_RGBA32I, GL_RGBA32UI, GL_RGBA32F};
+    for (const GLenum from : formats)
+        for (const GLenum to : formats)
+            for (const bool linear : {false, true})
+                for (const QRect &out : {QRect(0, 0, kWidth, kHeight), QRect(0, 0, kWidth / 2, kHeight)}) {
+                    SCOPED_TRACE(::testing::Message() << std::hex << from << " to " << to << ", linear " << linear);
+                    const MessageCapture messages;
+                    TextureToScreenRenderPass one;
+                    const auto input = blankTexture(GL_TEXTURE_2D, from), output = blankTexture(GL_TEXTURE_2D, to);
+                    {
+                        const AutoBinder bound(output.get());
+                        const std::vector<GLuint> nothing(kWidth * kHeight * 4);
+                        glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, kWidth, kHeight,
+                                        to == GL_RGBA32F ? GL_RGBA : GL_RGBA_INTEGER,
+                                        to == GL_RGBA32F   ? GL_FLOAT
+                                        : to == GL_RGBA32I ? GL_INT
+                                                           : GL_UNSIGNED_INT,
+                                        nothing.data());
+                    }
+                    one.setInput(kViewport, QRect(0, 0, kWidth, kHeight));
+                    one.setInput(kTexture, textureToVariant(input.get()));
+                    one.setInput(kTextureOut, textureToVariant(output.get()));
+                    one.setInput(kViewportOut, out);
+                    one.setInput(kLinearFilter, linear);
+                    runFrame(one);
+                    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+                    EXPECT_EQ(messages.texts(QtWarningMsg).size(), from == to ? 0 : 1);
+                    if (to != GL_RGBA32F) {
+                        EXPECT_EQ(wholeNumbersOf(*output)[0], from == to ? 7u : 0u);
+                    }
+                }
+}
+
+TEST_F(ScreenPass, ATargetWithoutAColourIsSaid)
+{
+    const auto depth = blankTexture(GL_TEXTURE_2D, GL_DEPTH_COMPONENT24);
+    FramebufferObject depthOnly;
+    {
+        const AutoBinder bound(&depthOnly);
+        depthOnly.attach(depth.get(), GL_DEPTH_ATTACHMENT, 0);
+    }
+    GLuint second = 0;
+    glGenFramebuffers(1, &second);
+    glBindFramebuffer(GL_FRAMEBUFFER, second);
+    glFramebufferTexture(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT1, target().color()->textureID(), 0);
+    glBindFramebuffer(GL_FRAMEBUFFER, 0);
+    target().clear(kUntouched);
+    const std::unique_ptr<FramebufferObject> wrapped(FramebufferObject::wrap(second));
+    for (FramebufferObject *framebuffer : {&depthOnly, wrapped.get()}) {
+        const MessageCapture messages;
+        TextureToScreenRenderPass one;
+        one.setInput(kViewport, QRect(0, 0, kWidth, kHeight));
+        one.setInput(kTexture, textureToVariant(source()));
+        one.setInput(kFramebufferOut, framebufferToVariant(framebuffer));
+        runFrame(one);
+        runFrame(one);
+        EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+        // Before OpenGL 4.1 such a framebuffer is not complete.
+        EXPECT_LE(messages.texts(QtWarningMsg).size(), 1);
+        if (epoxy_gl_version() >= 41) {
+            EXPECT_EQ(messages.containing(QStringLiteral("has no colour attachment 0")), 1);
+        }
+    }
+    EXPECT_TRUE(sameImage(target().read(), untouched(), within(0)));
+    glDeleteFramebuffers(1, &second);
+}
+
+TEST_F(ScreenPass, SamplesAreResolvedMirroredToo)
+{
+    const auto samples = blankTexture(GL_TEXTURE_2D_MULTISAMPLE, GL_RGBA32F, 4);
+    GLuint framebuffer = 0;
+    glGenFramebuffers(1, &framebuffer);
+    glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
+    glFramebufferTexture(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, samples->textureID(), 0);
+    if (glCheckFramebufferStatus(GL_FRAMEBUFFER) != GL_FRAMEBUFFER_COMPLETE) {
+        glBindFramebuffer(GL_FRAMEBUFFER, 0);
+        glDeleteFramebuffers(1, &framebuffer);
+        GTEST_SKIP() << "this driver draws to no samples of floats";
+    }
+    // Columns of their own colours.
+    glEnable(GL_SCISSOR_TEST);
+    for (int x = 0; x < kWidth; ++x) {
+        glScissor(x, 0, 1, kHeight);
+        glClearColor(float(x) / kWidth, 0, 0, 1);
+        glClear(GL_COLOR_BUFFER_BIT);
+    }
+    glDisable(GL_SCISSOR_TEST);
+    glClearColor(0, 0, 0, 0);
+    glBindFramebuffer(GL_FRAMEBUFFER, 0);
+    const MessageCapture messages;
+    pass().setInput(kTexture, textureToVariant(samples.get()));
+    pass().setInput(kRects, QRect(0, 0, kWidth, kHeight));
+    pass().setInput(kViewportOut, QRect(kWidth, 0, -kWidth, kHeight));
+    runFrame(pass());
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+    EXPECT_EQ(messages.texts(QtWarningMsg), QStringList());
+    const Image<float> shown = target().read();
+    for (int x = 0; x < kWidth; ++x)
+        EXPECT_EQ(shown.at(x, 0)[0], float(kWidth - 1 - x) / kWidth) << x;
+    glDeleteFramebuffers(1, &framebuffer);
+}
+
+TEST_F(ScreenPass, SamplesInLayersAndViewsOfBuffersRaiseNoErrorOfGL)
+{
+    const auto layers = blankTexture(GL_TEXTURE_2D_MULTISAMPLE_ARRAY, GL_RGBA32F, 4);
+    GLuint buffer = 0;
+    glGenBuffers(1, &buffer);
+    glBindBuffer(GL_TEXTURE_BUFFER, buffer);
+    glBufferData(GL_TEXTURE_BUFFER, 256, nullptr, GL_STATIC_DRAW);
+    Texture view;
+    view.setTarget(GL_TEXTURE_BUFFER);
+    ASSERT_TRUE(view.bind());
+    glTexBuffer(GL_TEXTURE_BUFFER, GL_RGBA32F, buffer);
+    view.unbind();
+    glBindBuffer(GL_TEXTURE_BUFFER, 0);
+    for (const bool scales : {false, true})
+        for (const bool isOut : {false, true})
+            for (Texture *texture : {layers.get(), &view}) {
+                SCOPED_TRACE(::testing::Message()
+                             << "scales " << scales << ", out " << isOut << ", view " << (texture == &view));
+                target().clear(kUntouched);
+                const MessageCapture messages;
+                TextureToScreenRenderPass one;
+                one.setInput(kViewport, QRect(0, 0, kWidth, kHeight));
+                one.setInput(kTexture, textureToVariant(isOut ? source() : texture));
+                if (isOut)
+                    one.setInput(kTextureOut, textureToVariant(texture));
+                else
+                    one.setInput(kFramebufferOut, framebufferToVariant(target().framebuffer()));
+                one.setInput(kViewportOut, QRect(0, 0, scales ? kWidth / 2 : kWidth, kHeight));
+                runFrame(one);
+                EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+                if (texture == &view) {
+                    EXPECT_EQ(messages.containing(QStringLiteral("is a view of a buffer")), 1);
+                    EXPECT_TRUE(sameImage(target().read(), untouched(), within(0)));
+                }
+            }
+    glDeleteBuffers(1, &buffer);
 }
 
 // The averaging path.

@@ -1,3 +1,5 @@
+#include "support/messages.h"
+
 #include <gl/glslmacroprocessor.h>
 #include <model/instancedataplan.h>
 #include <model/instancedataregistry.h>
@@ -270,6 +272,19 @@ TEST_F(GLSLMacroProcessorTest, WindowsLineEndsDoNotConfuseDirectives)
     EXPECT_TRUE(result.errors.isEmpty());
     EXPECT_TRUE(result.text.startsWith(QStringLiteral("#version 150\n")));
     EXPECT_TRUE(result.text.contains(QStringLiteral("float a();")));
+}
+
+TEST_F(GLSLMacroProcessorTest, ADefinitionWithoutANameIsLeftOutAndSaid)
+{
+    GLSLMacroProcessor ours;
+    const Brevane::Kvo::Test::MessageCapture messages;
+    ours.addDefine(QString(), QStringLiteral("5"));
+    ours.addDefine(QStringLiteral("A"), QStringLiteral("6"));
+    EXPECT_EQ(messages.texts(QtWarningMsg),
+              QStringList(QStringLiteral("GLSLMacroProcessor::addDefine: a definition without a name is left out")));
+    const QString text = ours.process(QStringLiteral("#version 150\nvoid main() {}\n"), QString(), {}).text;
+    EXPECT_FALSE(text.contains(QStringLiteral("#define  5")));
+    EXPECT_TRUE(text.contains(QStringLiteral("#define A 6")));
 }
 
 } // namespace Brevane::Kvo
