@@ -161,14 +161,15 @@ struct BlitSide
     bool canFilter() const { return numbers != Numbers::Integers && numbers != Numbers::Unsigned; }
 };
 
-Numbers numbersIn(GLenum framebuffer)
+// A host's framebuffer may lack the attachment that ours has.
+Numbers numbersIn(GLenum framebuffer, bool isOurs)
 {
     GLint value = GL_NONE;
     const auto ask = [&](GLenum question) {
         glGetFramebufferAttachmentParameteriv(framebuffer, GL_COLOR_ATTACHMENT0, question, &value);
         return value;
     };
-    if (ask(GL_FRAMEBUFFER_ATTACHMENT_OBJECT_TYPE) == GL_NONE)
+    if (!isOurs && ask(GL_FRAMEBUFFER_ATTACHMENT_OBJECT_TYPE) == GL_NONE)
         return Numbers::Nothing;
     switch (ask(GL_FRAMEBUFFER_ATTACHMENT_COMPONENT_TYPE)) {
     case GL_INT: return Numbers::Integers;
@@ -180,7 +181,7 @@ Numbers numbersIn(GLenum framebuffer)
 // Of the texture that is attached to the framebuffer for reading.
 BlitSide sourceOf(Texture *texture)
 {
-    BlitSide side{numbersIn(GL_READ_FRAMEBUFFER)};
+    BlitSide side{numbersIn(GL_READ_FRAMEBUFFER, true)};
     const GLenum target = texture->target();
     if (target == GL_TEXTURE_2D_MULTISAMPLE || target == GL_TEXTURE_2D_MULTISAMPLE_ARRAY) {
         const AutoBinder bound(texture);
@@ -190,11 +191,11 @@ BlitSide sourceOf(Texture *texture)
     return side;
 }
 
-BlitSide targetNow()
+BlitSide targetNow(const FramebufferObject &ours)
 {
     BlitSide side;
-    if (boundFramebuffer(GL_DRAW_FRAMEBUFFER) != 0)
-        side.numbers = numbersIn(GL_DRAW_FRAMEBUFFER);
+    if (const GLuint bound = GLuint(boundFramebuffer(GL_DRAW_FRAMEBUFFER)); bound != 0)
+        side.numbers = numbersIn(GL_DRAW_FRAMEBUFFER, bound == ours.getFBO());
     glGetIntegerv(GL_SAMPLES, &side.samples);
     return side;
 }
@@ -327,7 +328,7 @@ void TextureToScreenRenderPass::copy(Texture *texture, std::span<const QRect> so
                             glCheckFramebufferStatus(GL_DRAW_FRAMEBUFFER)};
     const auto has = [&](GLenum state) { return std::find(states.cbegin(), states.cend(), state) != states.cend(); };
     if (states[0] == GL_FRAMEBUFFER_COMPLETE && states[1] == GL_FRAMEBUFFER_COMPLETE) {
-        const BlitSide from = sourceOf(texture), to = targetNow();
+        const BlitSide from = sourceOf(texture), to = targetNow(*_drawFbo);
         bool isWhole = true;
         for (std::size_t i = 0; i < destinations.size(); ++i) {
             const bool isPossible = canBlit(from, to, haveSameSize(sources[i], destinations[i]));
