@@ -26,6 +26,7 @@
 #include <gl/guards.h>
 #include <gl/texture.h>
 #include <gl/texturemanager.h>
+#include <host/camera.h>
 #include <host/pipeline.h>
 #include <host/pipelinefile.h>
 #include <host/slotvalue.h>
@@ -231,6 +232,37 @@ void drag(QWidget *widget, const QPoint &from, const QPoint &to)
 } // namespace
 
 // Slots
+
+// The view of a text is the picture's of kvorender, and turns around the text's own up, from straight above too.
+TEST(KvoviewCamera, IsThatOfItsText)
+{
+    constexpr float kMatrix = 2e-4f; // angles and places of some 20 units in single precision
+    const GPUModel::BoundingBox box{{-1, -2, -3}, {4, 5, 6}};
+    for (const char *angles : {"", "yaw=-30:pitch=20", "yaw=30:pitch=90", "yaw=-100:pitch=-90", "yaw=10:pitch=89.7",
+                               "yaw=170:pitch=-89.9", "eye=9,3,2:target=1,1,1"})
+        for (const char *up : {"", "up=0,0,1", "up=1,2,0"}) {
+            const QString text = QStringList({QLatin1StringView(angles), QLatin1StringView(up)}).join(u':');
+            SCOPED_TRACE(text.toStdString());
+            const QString settings = text.startsWith(u':') ? text.mid(1) : text.endsWith(u':') ? text.chopped(1) : text;
+            OrbitCamera camera, again;
+            Camera picture;
+            QString error;
+            ASSERT_TRUE(cameraOf(settings, box, 1.5f, &camera, &error)) << qPrintable(error);
+            ASSERT_TRUE(Camera::parse(settings, box, 1.5f, &picture, &error)) << qPrintable(error);
+            for (int i = 0; i < 16; ++i)
+                EXPECT_NEAR(camera.cameraMatrix().constData()[i], picture.cameraMatrix().constData()[i], kMatrix);
+            const QVector3D axis =
+                *up ? (up[3] == '1' ? QVector3D(1, 2, 0).normalized() : QVector3D(0, 0, 1)) : QVector3D(0, 1, 0);
+            EXPECT_LT((camera.up() - axis).length(), 1e-6f);
+            // What it says of itself is read back as itself, but for the axis at the poles.
+            ASSERT_TRUE(cameraOf(camera.settings(), box, 1.5f, &again, &error)) << qPrintable(error);
+            for (int i = 0; i < 16; ++i)
+                EXPECT_NEAR(camera.cameraMatrix().constData()[i], again.cameraMatrix().constData()[i], kMatrix);
+            if (std::abs(camera.pitch()) < 89.0f) {
+                EXPECT_LT((again.up() - axis).length(), 1e-6f);
+            }
+        }
+}
 
 TEST_F(KvoviewTest, AnEditedSlotIsSeenUndoneAndRestored)
 {

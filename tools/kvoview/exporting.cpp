@@ -128,14 +128,23 @@ bool cameraOf(const QString &settings, const GPUModel::BoundingBox &bounds, floa
     Camera parsed;
     if (!Camera::parse(settings, bounds, aspect, &parsed, error))
         return false;
+    // Straight from above and below, the camera's own up is what is up on the picture; here it is the axis to turn
+    // around, as from the side.
+    Camera level = parsed;
+    if (settings.contains("pitch"_L1) && !Camera::parse(settings + u":pitch=0"_s, bounds, aspect, &level, error))
+        return false;
     OrbitCamera result;
     result.setScene(bounds);
-    result.setUp(parsed.up);
+    result.setUp(level.up);
     result.setAngles(0.0f, 0.0f);
     const QVector3D back = (parsed.eye - parsed.target).normalized();
-    const double pitch = std::asin(std::clamp(QVector3D::dotProduct(back, result.upward()), -1.0f, 1.0f));
-    const double yaw = std::atan2(double(QVector3D::dotProduct(back, result.right())),
-                                  double(QVector3D::dotProduct(back, -result.forward())));
+    const auto part = [&](const QVector3D &direction) { return double(QVector3D::dotProduct(back, direction)); };
+    const double lift = part(result.upward());
+    const double pitch = std::atan2(lift, std::hypot(part(result.right()), part(result.forward())));
+    // Where the eye would stand without its pitch: there, only what is up on the picture tells it.
+    const QVector3D along = parsed.up == level.up ? back : lift > 0.0 ? -parsed.up : parsed.up;
+    const double yaw = std::atan2(double(QVector3D::dotProduct(along, result.right())),
+                                  double(QVector3D::dotProduct(along, -result.forward())));
     constexpr double kDegrees = 57.29577951308232;
     result.setAngles(float(yaw * kDegrees), float(pitch * kDegrees));
     result.setPivot(parsed.target);

@@ -248,9 +248,10 @@ QString OrbitCamera::settings() const
     const auto triple = [&](const QVector3D &v) {
         return QStringLiteral("%1,%2,%3").arg(number(v.x()), number(v.y()), number(v.z()));
     };
+    // The axis, which whoever reads it can turn around again, but where it has no direction on the picture.
+    const QVector3D up = std::abs(_pitch) > 89.0f ? upward() : _up;
     return QStringLiteral("eye=%1:target=%2:up=%3:fov=%4:near=%5:far=%6")
-        .arg(triple(eye()), triple(_pivot), triple(upward()), number(_fieldOfView), number(nearPlane()),
-             number(farPlane()));
+        .arg(triple(eye()), triple(_pivot), triple(up), number(_fieldOfView), number(nearPlane()), number(farPlane()));
 }
 
 bool OrbitCamera::operator==(const OrbitCamera &other) const
