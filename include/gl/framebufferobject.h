@@ -37,7 +37,7 @@ public:
     bool unbind() override;
 
     /// Attaches one level of a texture; all layers of it where it has layers. The framebuffer should
-    /// be bound. False for a null texture or one without a GL object.
+    /// be bound. False for a null texture, one without a GL object, and a view of a buffer.
     bool attach(Texture *texture, unsigned int attachment, int level);
     /// Attaches one layer of an array texture.
     bool attach3D(Texture *texture, unsigned int attachment, int layer, int level);

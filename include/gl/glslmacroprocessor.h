@@ -43,7 +43,8 @@ public:
     GLSLMacroProcessor();
     ~GLSLMacroProcessor();
 
-    /// Adds `#define name value` to every source; a name given again replaces the value.
+    /// Adds `#define name value` to every source; a name given again replaces the value, an empty one is left out
+    /// with a message.
     void addDefine(const QString &name, const QString &value);
     /// Adds a directory for #include; Qt resource paths (":/…") work too.
     void addIncludePath(const QString &path);

@@ -1,5 +1,6 @@
 #include "gl/glslmacroprocessor.h"
 
+#include "core/hostcode.h"
 #include "model/instancedataplan.h"
 #include "model/instancedataregistry.h"
 
@@ -231,6 +232,7 @@ GLSLMacroProcessor::~GLSLMacroProcessor() = default;
 void GLSLMacroProcessor::addDefine(const QString &name, const QString &value)
 {
     if (name.isEmpty()) {
+        const HostCode hostCode;
         qWarning("GLSLMacroProcessor::addDefine: a definition without a name is left out");
         return;
     }

@@ -291,6 +291,8 @@ void TextureToScreenRenderPass::start(RenderCallbacks *)
     made(_drawFbo, "TextureToScreenRenderPass target");
 
     if (textureOut) {
+        if (textureOut->target() != GL_TEXTURE_BUFFER)
+            acceptInput(kTextureOut);
         bindFramebufferNow(GL_DRAW_FRAMEBUFFER, nameOf(_drawFbo));
         glFramebufferTexture(GL_DRAW_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, attachableName(*this, kTextureOut, textureOut),
                              0);

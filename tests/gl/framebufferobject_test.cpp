@@ -129,6 +129,27 @@ TEST_F(FramebufferObjectTest, AttachingNullOrATextureWithoutAGLObjectFails)
     EXPECT_FALSE(fbo.hasAttachment(GL_COLOR_ATTACHMENT0));
 }
 
+TEST_F(FramebufferObjectTest, AViewOfABufferIsNotAttached)
+{
+    GLuint buffer = 0;
+    glGenBuffers(1, &buffer);
+    glBindBuffer(GL_TEXTURE_BUFFER, buffer);
+    glBufferData(GL_TEXTURE_BUFFER, 256, nullptr, GL_STATIC_DRAW);
+    Texture view;
+    view.setTarget(GL_TEXTURE_BUFFER);
+    ASSERT_TRUE(view.bind());
+    glTexBuffer(GL_TEXTURE_BUFFER, GL_RGBA32F, buffer);
+    view.unbind();
+    glBindBuffer(GL_TEXTURE_BUFFER, 0);
+    FramebufferObject framebuffer;
+    EXPECT_FALSE(framebuffer.attach(&view, GL_COLOR_ATTACHMENT0, 0));
+    EXPECT_FALSE(framebuffer.attach3D(&view, GL_COLOR_ATTACHMENT0, 0, 0));
+    EXPECT_FALSE(framebuffer.attachLayers(&view, GL_COLOR_ATTACHMENT0, 0));
+    EXPECT_FALSE(framebuffer.hasAttachment(GL_COLOR_ATTACHMENT0));
+    EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR));
+    glDeleteBuffers(1, &buffer);
+}
+
 TEST_F(FramebufferObjectTest, FailedAttachLeavesWhatWasAttached)
 {
     FramebufferObject fbo;

@@ -126,6 +126,60 @@ TEST_F(TextureTest, UnbindGivesBackWhatTheHostHadOnTheUnitAndItsActiveUnit)
     EXPECT_EQ(boundAt(5), host5.name);
 }
 
+TEST_F(TextureTest, UnbindGivesBackWhatTheHostHadInEveryTarget)
+{
+    struct Place
+    {
+        GLenum target;
+        GLenum query;
+        bool isThere = true;
+    };
+    const int version = epoxy_gl_version();
+    const bool hasCubeArrays = version >= 40 || epoxy_has_gl_extension("GL_ARB_texture_cube_map_array");
+    const Place places[]{{GL_TEXTURE_1D, GL_TEXTURE_BINDING_1D},
+                         {GL_TEXTURE_2D, GL_TEXTURE_BINDING_2D},
+                         {GL_TEXTURE_3D, GL_TEXTURE_BINDING_3D},
+                         {GL_TEXTURE_1D_ARRAY, GL_TEXTURE_BINDING_1D_ARRAY},
+                         {GL_TEXTURE_2D_ARRAY, GL_TEXTURE_BINDING_2D_ARRAY},
+                         {GL_TEXTURE_CUBE_MAP, GL_TEXTURE_BINDING_CUBE_MAP},
+                         {GL_TEXTURE_CUBE_MAP_ARRAY, GL_TEXTURE_BINDING_CUBE_MAP_ARRAY, hasCubeArrays},
+                         {GL_TEXTURE_BUFFER, GL_TEXTURE_BINDING_BUFFER},
+                         {GL_TEXTURE_RECTANGLE, GL_TEXTURE_BINDING_RECTANGLE},
+                         {GL_TEXTURE_2D_MULTISAMPLE, GL_TEXTURE_BINDING_2D_MULTISAMPLE},
+                         {GL_TEXTURE_2D_MULTISAMPLE_ARRAY, GL_TEXTURE_BINDING_2D_MULTISAMPLE_ARRAY}};
+    int unit = 0;
+    {
+        const auto any = emptyTexture();
+        any->bind();
+        unit = any->unit();
+        any->unbind();
+    }
+    // One of the host's in each of them, all on the unit that is taken first.
+    std::vector<GLuint> names;
+    glActiveTexture(GLenum(GL_TEXTURE0 + unit));
+    for (const Place &place : places) {
+        glGenTextures(1, &names.emplace_back());
+        if (place.isThere)
+            glBindTexture(place.target, names.back());
+    }
+    for (const Place &place : places) {
+        if (!place.isThere)
+            continue;
+        const auto texture = emptyTexture(place.target);
+        ASSERT_TRUE(texture->bind());
+        EXPECT_EQ(texture->unit(), unit);
+        EXPECT_EQ(boundAt(unit, place.query), texture->textureID());
+        texture->unbind();
+        EXPECT_EQ(glGetError(), GLenum(GL_NO_ERROR)) << std::hex << place.target;
+        for (std::size_t i = 0; i < names.size(); ++i)
+            if (places[i].isThere) {
+                EXPECT_EQ(boundAt(unit, places[i].query), names[i])
+                    << std::hex << place.target << ", " << places[i].target;
+            }
+    }
+    glDeleteTextures(GLsizei(names.size()), names.data());
+}
+
 TEST_F(TextureTest, BoundTwiceKeepsItsUnitUntilBothAreUndone)
 {
     const HostTexture host(0);

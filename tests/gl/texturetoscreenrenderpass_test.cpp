@@ -691,6 +691,16 @@ TEST_F(ScreenPass, SamplesInLayersAndViewsOfBuffersRaiseNoErrorOfGL)
                 if (texture == &view) {
                     EXPECT_EQ(messages.containing(QStringLiteral("is a view of a buffer")), 1);
                     EXPECT_TRUE(sameImage(target().read(), untouched(), within(0)));
+                    // Said again when it comes again after one that is right.
+                    const int slot = isOut ? kTextureOut : kTexture;
+                    const QVariant wrong = one.inputValue(slot);
+                    runFrame(one);
+                    one.setInput(slot, textureToVariant(isOut ? target().color() : source()));
+                    runFrame(one);
+                    one.setInput(slot, wrong);
+                    runFrame(one);
+                    EXPECT_EQ(messages.containing(QStringLiteral("is a view of a buffer")), 2);
+                    EXPECT_EQ(messages.texts(QtWarningMsg).size(), 2);
                 }
             }
     glDeleteBuffers(1, &buffer);
